@@ -1,0 +1,37 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tovrel/platform/http.h"
+
+namespace tovrel {
+
+class Environment;
+
+/// Sends analytics and diagnostic messages to the service's log endpoint, fire-and-forget. A message
+/// is an object with one member, the event name, whose value holds the event's fields.
+class AnalyticsManager {
+public:
+    using Completion = std::function<void(const std::optional<platform::HttpError>& error)>;
+
+    explicit AnalyticsManager(Environment& environment);
+
+    /// The shared instance of the current environment.
+    static AnalyticsManager& instance();
+
+    /// POSTs {"deviceid": deviceId, "message": message}. The body is built before this returns, so the
+    /// caller may change its message afterwards. A failure is logged once and dropped.
+    void logMessage(const nlohmann::json& message, const std::string& deviceId, Completion completion);
+
+    /// {"lat": number, "lon": number}, each rounded to single precision.
+    static nlohmann::json buildLocationDictionaryWithLatitude(double latitude, double longitude);
+
+private:
+    Environment& environment_;
+};
+
+}  // namespace tovrel

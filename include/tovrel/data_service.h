@@ -1,0 +1,62 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "tovrel/platform/http.h"
+#include "tovrel/platform/location.h"
+
+namespace tovrel {
+
+class Environment;
+
+using Json = nlohmann::json;
+using ServiceError = std::optional<platform::HttpError>;
+using SessionKey = std::optional<std::string>;
+
+/// Client of the service's place, device-event and device-tag endpoints. Every call is one JSON POST
+/// carrying the session key; a missing key makes a call do nothing at all (no request, no
+/// completion). Completions run on the main loop, may be empty, and receive null for "nothing".
+/// Nothing is thrown out of a call: a response that cannot be read is logged and read as far as it goes.
+class DataService {
+public:
+    /// (places array, error): an array (possibly empty) on success, null and the error on failure.
+    using PlacesCompletion = std::function<void(const Json& places, const ServiceError& error)>;
+    /// (places, device event id, error): the link answer's "places" as it stands and the
+    /// "deviceEventId" of its first record (null when there is none).
+    using LinkCompletion = std::function<void(const Json& places, const Json& deviceEventId, const ServiceError& error)>;
+    /// (status, error): the answer's "status" as it stands (null when absent).
+    using StatusCompletion = std::function<void(const Json& status, const ServiceError& error)>;
+
+    explicit DataService(Environment& environment);
+
+    /// The shared instance of the current environment.
+    static DataService& instance();
+
+    void getLocationsWithLocation(const platform::Location& location, const SessionKey& sessionKey,
+                                  PlacesCompletion completion);
+    void sendDeviceLinkWithEventId(const Json& eventId, const Json& placeId, const SessionKey& sessionKey,
+                                   LinkCompletion completion);
+    void sendDeviceUpdateWithDeviceEventId(const Json& deviceEventId, const std::string& statusCode,
+                                           const SessionKey& sessionKey, StatusCompletion completion);
+    void sendDeviceClearWithSessionKey(const SessionKey& sessionKey, StatusCompletion completion);
+    void addDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
+                                    const std::string& deviceTagValue, const std::string& groupTag,
+                                    StatusCompletion completion);
+    void deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
+                                       const std::string& groupTag, StatusCompletion completion);
+
+    /// {"lat": "%f", "lon": "%f"}: six-decimal texts.
+    static Json buildLocationDictionaryWithLatitude(double latitude, double longitude);
+
+private:
+    void post(const char* path, const Json& body, std::function<void(const platform::JsonResult&)> onAnswer);
+    void sendStatusRequest(const char* path, Json body, StatusCompletion completion);
+
+    Environment& environment_;
+};
+
+}  // namespace tovrel

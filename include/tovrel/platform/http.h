@@ -1,0 +1,67 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tovrel::platform {
+
+/// What went wrong with one request.
+enum class HttpErrorKind {
+    kTransport,  ///< refused, reset, unreachable host, name not resolved, truncated body
+    kTimeout,    ///< connect or total time-out
+    kTls,        ///< certificate or public-key pin rejected
+    kStatus,     ///< the server answered with a status outside 2xx
+    kBadBody,    ///< a 2xx answer whose body is not JSON
+    kCancelled,  ///< the client shut down before the answer came
+};
+
+struct HttpError {
+    HttpErrorKind kind = HttpErrorKind::kTransport;
+    int code = 0;                      ///< the transport's own code, or the HTTP status for kStatus
+    std::string localizedDescription;  ///< one readable sentence saying what happened
+};
+
+/// The outcome of a JSON POST: the parsed body of a 2xx answer, or an error.
+struct JsonResult {
+    int status = 0;  ///< HTTP status when the server answered, else 0
+    nlohmann::json value;
+    std::optional<HttpError> error;
+    [[nodiscard]] bool ok() const { return !error.has_value(); }
+};
+
+struct HttpRequest {
+    std::string method = "GET";
+    std::string url;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+    double timeoutSeconds = 30;
+    bool ignoreCache = false;  ///< always fetch from the network
+};
+
+struct HttpResponse {
+    int status = 0;
+    std::string contentType;
+    std::string body;
+    std::optional<HttpError> error;  ///< transport failures only; any status is a response
+};
+
+using JsonCompletion = std::function<void(JsonResult)>;
+using ResponseCompletion = std::function<void(HttpResponse)>;
+
+/// HTTP for the component: JSON POSTs to the service, page loads for web views.
+class HttpClient {
+public:
+    virtual ~HttpClient() = default;
+    /// Any thread. POSTs `body` as "application/json" to `url`. `completion` runs once, on the main
+    /// loop: success only for a 2xx status whose body parses as JSON; anything else is an error.
+    virtual void postJson(const std::string& url, const nlohmann::json& body, JsonCompletion completion) = 0;
+    /// Any thread. Sends a raw request; `completion` runs once, on the main loop.
+    virtual void send(HttpRequest request, ResponseCompletion completion) = 0;
+};
+
+}  // namespace tovrel::platform

@@ -1,0 +1,35 @@
+#include "tovrel/virtual/virtual_platform.h"
+
+namespace tovrel::virtualbackend {
+
+VirtualPlatform::VirtualPlatform(double startTime)
+    : scheduler(std::make_shared<VirtualScheduler>(startTime)),
+      http(std::make_shared<RecordingHttpClient>(scheduler)),
+      preferences(std::make_shared<InMemoryPreferences>()),
+      device(std::make_shared<VirtualDevice>()),
+      application(std::make_shared<VirtualApplication>()),
+      notifications(std::make_shared<VirtualNotifications>()),
+      reachability(std::make_shared<VirtualReachability>(scheduler)),
+      alerts(std::make_shared<RecordingAlerts>()),
+      log(std::make_shared<RecordingLog>()) {}
+
+platform::Platform VirtualPlatform::platform() const {
+    platform::Platform p;
+    p.mainLoop = scheduler;
+    p.background = scheduler;
+    p.clock = scheduler;
+    p.http = http;
+    p.preferences = preferences;
+    p.device = device;
+    p.application = application;
+    p.notifications = notifications;
+    p.reachability = reachability;
+    p.alerts = alerts;
+    p.log = log;
+    p.location = location;
+    p.motion = motion;
+    p.views = views;
+    return p;
+}
+
+}  // namespace tovrel::virtualbackend

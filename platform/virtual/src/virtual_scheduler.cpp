@@ -1,0 +1,179 @@
+#include "tovrel/virtual/virtual_scheduler.h"
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+
+namespace tovrel::virtualbackend {
+
+struct VirtualScheduler::TimerState final : platform::Timer {
+    void invalidate() override { valid = false; }
+    [[nodiscard]] bool isValid() const override { return valid; }
+    std::atomic<bool> valid{true};
+};
+
+VirtualScheduler::VirtualScheduler(double startTime) : now_(startTime), loopThread_(std::this_thread::get_id()) {}
+
+VirtualScheduler::~VirtualScheduler() = default;
+
+void VirtualScheduler::push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval,
+                            bool background) {
+    queue_.push(Entry{due, nextSequence_++, std::move(task), std::move(timer), interval, background});
+    changed_.notify_all();
+}
+
+void VirtualScheduler::post(platform::Task task) {
+    std::lock_guard lock(mutex_);
+    push(now_, std::move(task), nullptr, 0, false);
+}
+
+std::shared_ptr<platform::Timer> VirtualScheduler::scheduleTimer(double seconds, bool repeats, platform::Task action) {
+    auto state = std::make_shared<TimerState>();
+    // A non-positive repeating interval would fire forever at one instant; the platform clamps it too.
+    const double interval = repeats ? std::max(seconds, 0.0001) : 0;
+    std::lock_guard lock(mutex_);
+    push(now_ + std::max(seconds, 0.0), std::move(action), state, interval, false);
+    return state;
+}
+
+bool VirtualScheduler::isMainThread() const {
+    std::lock_guard lock(mutex_);
+    return std::this_thread::get_id() == loopThread_ && !inBackgroundTask_;
+}
+
+double VirtualScheduler::now() const {
+    std::lock_guard lock(mutex_);
+    return now_;
+}
+
+void VirtualScheduler::sleepFor(double seconds) {
+    std::unique_lock lock(mutex_);
+    now_ += std::max(seconds, 0.0);
+    waitForExternalWork(lock, seconds);
+}
+
+void VirtualScheduler::detachNewThread(platform::Task task) {
+    std::lock_guard lock(mutex_);
+    push(now_, std::move(task), nullptr, 0, true);
+}
+
+void VirtualScheduler::dispatchBackground(platform::Task task) {
+    std::lock_guard lock(mutex_);
+    push(now_, std::move(task), nullptr, 0, true);
+}
+
+void VirtualScheduler::dropDeadEntries() {
+    while (!queue_.empty() && queue_.top().timer && !queue_.top().timer->valid) {
+        queue_.pop();
+    }
+}
+
+bool VirtualScheduler::runOneDue(std::unique_lock<std::mutex>& lock) {
+    dropDeadEntries();
+    if (queue_.empty() || queue_.top().due > now_) {
+        return false;
+    }
+    Entry entry = queue_.top();
+    queue_.pop();
+    if (entry.timer) {
+        if (entry.interval > 0) {
+            double next = entry.due + entry.interval;
+            if (next <= now_) {
+                next += std::ceil((now_ - next) / entry.interval) * entry.interval;
+                if (next <= now_) {
+                    next += entry.interval;
+                }
+            }
+            push(next, entry.task, entry.timer, entry.interval, false);
+        } else {
+            entry.timer->valid = false;
+        }
+    }
+    loopThread_ = std::this_thread::get_id();
+    inBackgroundTask_ = entry.background;
+    lock.unlock();
+    entry.task();
+    entry.task = nullptr;
+    lock.lock();
+    inBackgroundTask_ = false;
+    return true;
+}
+
+void VirtualScheduler::waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wallSeconds);
+    changed_.wait_until(lock, deadline, [this] { return externalWork_ == 0; });
+}
+
+void VirtualScheduler::runUntilIdle() {
+    std::unique_lock lock(mutex_);
+    loopThread_ = std::this_thread::get_id();
+    for (;;) {
+        while (runOneDue(lock)) {
+        }
+        if (externalWork_ == 0) {
+            return;
+        }
+        // Results of external work arrive as posted tasks; wait for one (or for the work to end).
+        const std::uint64_t before = nextSequence_;
+        const bool progressed =
+            changed_.wait_for(lock, std::chrono::duration<double>(externalTimeout_),
+                              [this, before] { return externalWork_ == 0 || nextSequence_ != before; });
+        if (!progressed) {
+            return;
+        }
+    }
+}
+
+void VirtualScheduler::fastForwardTo(double time) {
+    for (;;) {
+        runUntilIdle();
+        std::unique_lock lock(mutex_);
+        dropDeadEntries();
+        if (queue_.empty() || queue_.top().due > time) {
+            now_ = std::max(now_, time);
+            break;
+        }
+        now_ = std::max(now_, queue_.top().due);
+    }
+    runUntilIdle();
+}
+
+void VirtualScheduler::fastForwardBy(double seconds) { fastForwardTo(now() + std::max(seconds, 0.0)); }
+
+std::optional<double> VirtualScheduler::nextEventTime() const {
+    std::lock_guard lock(mutex_);
+    auto copy = queue_;
+    while (!copy.empty() && copy.top().timer && !copy.top().timer->valid) {
+        copy.pop();
+    }
+    if (copy.empty()) {
+        return std::nullopt;
+    }
+    return copy.top().due;
+}
+
+std::size_t VirtualScheduler::pendingCount() const {
+    std::lock_guard lock(mutex_);
+    auto copy = queue_;
+    std::size_t live = 0;
+    while (!copy.empty()) {
+        if (!copy.top().timer || copy.top().timer->valid) {
+            ++live;
+        }
+        copy.pop();
+    }
+    return live;
+}
+
+void VirtualScheduler::beginExternalWork() {
+    std::lock_guard lock(mutex_);
+    ++externalWork_;
+}
+
+void VirtualScheduler::endExternalWork() {
+    std::lock_guard lock(mutex_);
+    --externalWork_;
+    changed_.notify_all();
+}
+
+}  // namespace tovrel::virtualbackend

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs every Debian package that the build, the tests and the tools need.
+# Idempotent: does nothing when everything is already there. Run as root (or with sudo).
+set -euo pipefail
+
+usage() {
+    cat <<'USAGE'
+Usage: scripts/setup.sh [--help]
+
+Installs the Debian packages needed to build Tovrel and run its tests
+(compilers, CMake, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
+CLI11, Boost.Beast, clang's libFuzzer runtime). Safe to run again.
+USAGE
+}
+[[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
+
+packages=(
+    build-essential cmake g++ clang libclang-rt-14-dev ninja-build pkg-config
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
+    libboost1.74-dev libssl-dev openssl curl python3
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if ((${#missing[@]} == 0)); then
+    echo "setup: all ${#packages[@]} packages present"
+    exit 0
+fi
+
+echo "setup: installing ${missing[*]}"
+SUDO=""
+[[ $(id -u) -ne 0 ]] && SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

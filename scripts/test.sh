@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds Tovrel and runs every test suite: the fuzz targets for a bounded time, the
+# AddressSanitizer+UBSan build, then the optimised build (whose CTest summary closes the run).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    cat <<'USAGE'
+Usage: scripts/test.sh [--quick] [--help]
+
+Installs what is missing (scripts/setup.sh), then builds and tests:
+  1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
+  2. the address+undefined sanitizer build and its CTest suite
+  3. the optimised build and its CTest suite
+--quick   only step 3
+USAGE
+}
+quick=0
+for a in "$@"; do
+    case "$a" in
+        --help|-h) usage; exit 0 ;;
+        --quick) quick=1 ;;
+        *) echo "test.sh: unknown option '$a'" >&2; usage >&2; exit 2 ;;
+    esac
+done
+
+scripts/setup.sh
+jobs=$(nproc)
+
+if ((quick == 0)); then
+    echo "== fuzz targets"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz -j "$jobs"
+    scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
+
+    echo "== address+undefined sanitizer build"
+    cmake --preset asan >/dev/null
+    cmake --build --preset asan -j "$jobs"
+    ctest --preset asan -j "$jobs"
+fi
+
+echo "== optimised build"
+cmake --preset dev >/dev/null
+cmake --build --preset dev -j "$jobs"
+ctest --preset dev -j "$jobs"

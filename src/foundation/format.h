@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+namespace tovrel {
+
+/// printf into a std::string. The format is checked at compile time.
+std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// "%f": six decimals (48.1371539 → "48.137154").
+std::string formatF(double value);
+/// "%0.f": rounded to a whole number, no decimals (timestamps, accuracies).
+std::string format0f(double value);
+/// "%d".
+std::string formatD(int value);
+/// "%ld".
+std::string formatLd(long value);
+
+}  // namespace tovrel

@@ -1,0 +1,31 @@
+#include "tovrel/analytics_manager.h"
+
+#include "foundation/log.h"
+#include "tovrel/environment.h"
+
+namespace tovrel {
+
+AnalyticsManager::AnalyticsManager(Environment& environment) : environment_(environment) {}
+
+AnalyticsManager& AnalyticsManager::instance() { return Environment::current().analyticsManager(); }
+
+void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId, Completion completion) {
+    const nlohmann::json body{{"deviceid", deviceId}, {"message", message}};
+    const std::string url = environment_.configuration().serviceBaseURL + "/v1/log";
+    auto& log = *environment_.platform().log;
+    environment_.platform().http->postJson(
+        url, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+            if (!result.ok()) {
+                TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+            }
+            if (completion) {
+                completion(result.error);
+            }
+        });
+}
+
+nlohmann::json AnalyticsManager::buildLocationDictionaryWithLatitude(double latitude, double longitude) {
+    return {{"lat", static_cast<float>(latitude)}, {"lon", static_cast<float>(longitude)}};
+}
+
+}  // namespace tovrel

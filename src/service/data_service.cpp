@@ -1,0 +1,177 @@
+#include "tovrel/data_service.h"
+
+#include "foundation/format.h"
+#include "foundation/log.h"
+#include "tovrel/environment.h"
+
+namespace tovrel {
+namespace {
+
+constexpr const char* kDistanceThreshold = "8047";
+
+/// Reading a response member the way a keyed lookup on an arbitrary object would: anything that is
+/// not what the reader expects raises, and the caller logs it.
+struct ReadFailure {
+    std::string description;
+};
+
+}  // namespace
+
+DataService::DataService(Environment& environment) : environment_(environment) {}
+
+DataService& DataService::instance() { return Environment::current().dataService(); }
+
+Json DataService::buildLocationDictionaryWithLatitude(double latitude, double longitude) {
+    return Json{{"lat", formatF(latitude)}, {"lon", formatF(longitude)}};
+}
+
+void DataService::post(const char* path, const Json& body, std::function<void(const platform::JsonResult&)> onAnswer) {
+    const std::string url = environment_.configuration().serviceBaseURL + path;
+    environment_.platform().http->postJson(url, body, std::move(onAnswer));
+}
+
+void DataService::getLocationsWithLocation(const platform::Location& location, const SessionKey& sessionKey,
+                                           PlacesCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    const Json body{
+        {"sessionKey", *sessionKey},
+        {"coordinatesList",
+         Json::array({buildLocationDictionaryWithLatitude(location.coordinate.latitude, location.coordinate.longitude)})},
+        {"distanceThreshold", kDistanceThreshold},
+    };
+    auto& log = *environment_.platform().log;
+    post("/v2/place", body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+        if (!result.ok()) {
+            TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+            if (completion) {
+                completion(Json(), result.error);
+            }
+            return;
+        }
+        Json places = Json::array();
+        if (result.value.is_object()) {
+            const auto it = result.value.find("places");
+            if (it != result.value.end()) {
+                if (it->is_array()) {
+                    places.insert(places.end(), it->begin(), it->end());
+                } else {
+                    TOVREL_LOG(log, "\"places\" is %s, not an array", it->type_name());
+                }
+            }
+        }
+        if (completion) {
+            completion(places, std::nullopt);
+        }
+    });
+}
+
+void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& placeId, const SessionKey& sessionKey,
+                                             LinkCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    const Json body{{"sessionKey", *sessionKey}, {"eventId", eventId}, {"placeId", placeId}};
+    auto& log = *environment_.platform().log;
+    post("/v1/deviceevent/link", body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+        if (!result.ok()) {
+            TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+            if (completion) {
+                completion(Json(), Json(), result.error);
+            }
+            return;
+        }
+        Json places = Json::array();
+        Json deviceEventId;
+        if (result.value.is_object()) {
+            try {
+                const auto it = result.value.find("places");
+                places = it == result.value.end() ? Json() : *it;
+                if (!places.is_null()) {
+                    if (!places.is_array()) {
+                        throw ReadFailure{std::string("cannot take element 0 of ") + places.type_name()};
+                    }
+                    if (places.empty()) {
+                        throw ReadFailure{"index 0 beyond bounds for empty array"};
+                    }
+                    const Json& first = places.front();
+                    if (!first.is_object()) {
+                        throw ReadFailure{std::string("cannot read \"deviceEventId\" of ") + first.type_name()};
+                    }
+                    const auto id = first.find("deviceEventId");
+                    if (id != first.end()) {
+                        deviceEventId = *id;
+                    }
+                }
+            } catch (const ReadFailure& failure) {
+                TOVREL_LOG(log, "%s", failure.description.c_str());
+            }
+        }
+        if (completion) {
+            completion(places, deviceEventId, std::nullopt);
+        }
+    });
+}
+
+void DataService::sendStatusRequest(const char* path, Json body, StatusCompletion completion) {
+    auto& log = *environment_.platform().log;
+    post(path, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+        if (!result.ok()) {
+            TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+            if (completion) {
+                completion(Json(), result.error);
+            }
+            return;
+        }
+        Json status;
+        if (result.value.is_object()) {
+            const auto it = result.value.find("status");
+            if (it != result.value.end()) {
+                status = *it;
+            }
+        }
+        if (completion) {
+            completion(status, std::nullopt);
+        }
+    });
+}
+
+void DataService::sendDeviceUpdateWithDeviceEventId(const Json& deviceEventId, const std::string& statusCode,
+                                                    const SessionKey& sessionKey, StatusCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    sendStatusRequest("/v1/deviceevent/update",
+                      {{"sessionKey", *sessionKey}, {"deviceEventId", deviceEventId}, {"statusCode", statusCode}},
+                      std::move(completion));
+}
+
+void DataService::sendDeviceClearWithSessionKey(const SessionKey& sessionKey, StatusCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    sendStatusRequest("/v1/deviceevent/clear", {{"sessionKey", *sessionKey}}, std::move(completion));
+}
+
+void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
+                                             const std::string& deviceTagValue, const std::string& groupTag,
+                                             StatusCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    sendStatusRequest("/v1/devicetag/update",
+                      {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"tagValue", deviceTagValue}, {"groupTag", groupTag}},
+                      std::move(completion));
+}
+
+void DataService::deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
+                                                const std::string& groupTag, StatusCompletion completion) {
+    if (!sessionKey) {
+        return;
+    }
+    sendStatusRequest("/v1/devicetag/delete", {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"groupTag", groupTag}},
+                      std::move(completion));
+}
+
+}  // namespace tovrel

