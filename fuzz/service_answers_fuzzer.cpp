@@ -1,0 +1,85 @@
+// Feeds arbitrary bytes to every reader of service answers and to the value conversions. Nothing may
+// crash, throw or trip a sanitizer.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "foundation/value.h"
+#include "tovrel/analytics_manager.h"
+#include "tovrel/data_service.h"
+#include "tovrel/environment.h"
+#include "tovrel/region.h"
+#include "tovrel/session_manager.h"
+#include "tovrel/virtual/virtual_platform.h"
+
+namespace {
+
+using tovrel::Json;
+using tovrel::virtualbackend::Reply;
+
+void convert(const Json& value) {
+    (void)tovrel::integerValue(value);
+    (void)tovrel::intValue(value);
+    (void)tovrel::doubleValue(value);
+    (void)tovrel::floatValue(value);
+    (void)tovrel::describe(value);
+    (void)tovrel::hRegion::fromPlaceRecord(value);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    // The first byte picks the status; the rest is the body, as the server sent it.
+    static const int kStatuses[] = {200, 201, 204, 299, 301, 400, 401, 404, 413, 500, 503, 0};
+    const int status = kStatuses[data[0] % std::size(kStatuses)];
+    const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
+
+    const Json parsed = Json::parse(body, nullptr, false);
+    if (!parsed.is_discarded()) {
+        convert(parsed);
+        if (parsed.is_object()) {
+            for (const auto& [key, value] : parsed.items()) {
+                convert(value);
+            }
+        }
+        if (parsed.is_array()) {
+            for (const auto& value : parsed) {
+                convert(value);
+            }
+        }
+    }
+    convert(Json(body));
+
+    tovrel::virtualbackend::VirtualPlatform vp;
+    tovrel::Environment environment(vp.platform(), {"http://fuzz.test", "http://fuzz.test"});
+    tovrel::Environment::Scope scope(environment);
+    const Reply reply = status == 0
+                            ? Reply::failure(tovrel::platform::HttpErrorKind::kTransport, "refused")
+                            : Reply{status, body, "application/json", {}};
+    vp.http->setResponder([&](const auto&) { return reply; });
+
+    const tovrel::SessionKey key = std::string("k");
+    auto& service = environment.dataService();
+    tovrel::platform::Location location;
+    service.getLocationsWithLocation(location, key, [](const Json& places, const auto&) {
+        if (places.is_array()) {
+            for (const auto& record : places) {
+                (void)tovrel::hRegion::fromPlaceRecord(record);
+            }
+        }
+    });
+    service.sendDeviceLinkWithEventId("1", "2", key, [](const Json&, const Json& id, const auto&) {
+        (void)tovrel::intValue(id);
+    });
+    service.sendDeviceUpdateWithDeviceEventId("3", "ack", key, [](const Json&, const auto&) {});
+    service.sendDeviceClearWithSessionKey(key, nullptr);
+    service.addDeviceTagWithSessionKey(key, "t", "v", "g", nullptr);
+    service.deleteDeviceTagWithSessionKey(key, "t", "g", nullptr);
+    environment.analyticsManager().logMessage({{"e", Json::object()}}, "ADID", nullptr);
+    environment.sessionManager().startSession("sdk");
+    vp.scheduler->runUntilIdle();
+    return 0;
+}
