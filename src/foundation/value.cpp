@@ -190,7 +190,7 @@ std::string describe(const Json& value) {
         case Json::value_t::boolean:
             return value.get<bool>() ? "1" : "0";
         default:
-            return value.dump();
+            return value.dump(-1, ' ', false, Json::error_handler_t::replace);
     }
 }
 

@@ -1,22 +1,108 @@
 #include "tovrel/location_manager.h"
 
+#include "foundation/value.h"
+#include "targeting/proximity_policy.h"
+#include "targeting/target_list.h"
 #include "tovrel/environment.h"
+#include "tovrel/offer_full_view_controller.h"
 
 namespace tovrel {
 
 std::shared_ptr<LocationManager> LocationManager::create(Environment& environment) {
-    return std::make_shared<LocationManager>(environment);
+    auto manager = std::make_shared<LocationManager>(environment);
+    if (environment.platform().views) {
+        manager->setOfferViewOpener([&environment, weak = std::weak_ptr<LocationManager>(manager)](
+                                        const OfferViewRequest& request) {
+            if (auto self = weak.lock()) {
+                self->offerFullViewController = presentOfferFullView(
+                    environment,
+                    OfferViewContent{request.eventId, request.deviceEventId, request.mediaType, request.mediaURL});
+            }
+        });
+    }
+    return manager;
 }
 
-LocationManager::LocationManager(Environment& environment) : environment_(environment) {}
+LocationManager::LocationManager(Environment& environment)
+    : environment_(environment),
+      targets_(std::make_unique<targeting::TargetList>()),
+      nearestScratch_(std::make_unique<targeting::NearestSet>()) {}
+
+// Timers, completions and background tasks may release the last reference after the environment is
+// gone, so nothing here reaches back into it.
 LocationManager::~LocationManager() = default;
 
-void LocationManager::initLocation() {}
-void LocationManager::startMonitoringLocation() {}
-void LocationManager::stopMonitoringLocation() { locationManager_.reset(); }
-void LocationManager::locationManagerDidUpdateLocations(const std::vector<platform::Location>&) {}
-void LocationManager::locationManagerDidFailWithError(const platform::LocationError&) {}
-void LocationManager::locationManagerDidPauseLocationUpdates() {}
-void LocationManager::locationManagerDidResumeLocationUpdates() {}
+std::shared_ptr<platform::LocationProvider> LocationManager::locationManager() const {
+    std::lock_guard lock(mutex_);
+    return locationManager_;
+}
+
+void LocationManager::setProvider(std::shared_ptr<platform::LocationProvider> provider) {
+    std::lock_guard lock(mutex_);
+    locationManager_ = std::move(provider);
+}
+
+std::shared_ptr<platform::MotionActivityManager> LocationManager::motionActivityManager() const {
+    return motionActivityManager_;
+}
+
+std::vector<std::shared_ptr<hRegion>> LocationManager::targets() const {
+    std::lock_guard lock(mutex_);
+    return targets_->items();
+}
+
+std::vector<nlohmann::json> LocationManager::offers() const {
+    std::lock_guard lock(mutex_);
+    return offers_;
+}
+
+nlohmann::json LocationManager::logHistoryArray() const {
+    std::vector<targeting::HistoryRecord> records;
+    {
+        std::lock_guard lock(mutex_);
+        records = logHistory_;
+    }
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& record : records) {
+        out.push_back(targeting::toJson(record));
+    }
+    return out;
+}
+
+nlohmann::json LocationManager::logTargetsArray() const {
+    std::vector<targeting::TargetRecord> records;
+    {
+        std::lock_guard lock(mutex_);
+        records = logTargets_;
+    }
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& record : records) {
+        out.push_back(targeting::toJson(record));
+    }
+    return out;
+}
+
+void LocationManager::openOfferView(const nlohmann::json& offerElement) {
+    OfferViewRequest request{
+        memberOrNull(offerElement, "eventId"),
+        memberOrNull(offerElement, "deviceEventId"),
+        memberOrNull(offerElement, "mediaType"),
+        memberOrNull(offerElement, "mediaUrl"),
+        0,
+    };
+    request.tag = integerValue(request.eventId);
+    offerViewRequests_.push_back(request);
+    if (offerViewOpener_) {
+        offerViewOpener_(request);
+    }
+}
+
+void LocationManager::setOfferViewOpener(OfferViewOpener opener) {
+    offerViewOpener_ = std::move(opener);
+}
+
+std::vector<OfferViewRequest> LocationManager::offerViewRequests() const {
+    return offerViewRequests_;
+}
 
 }  // namespace tovrel

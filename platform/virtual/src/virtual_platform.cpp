@@ -1,5 +1,9 @@
 #include "tovrel/virtual/virtual_platform.h"
 
+#include "tovrel/virtual/virtual_location.h"
+#include "tovrel/virtual/virtual_motion.h"
+#include "tovrel/virtual/virtual_views.h"
+
 namespace tovrel::virtualbackend {
 
 VirtualPlatform::VirtualPlatform(double startTime)
@@ -11,7 +15,10 @@ VirtualPlatform::VirtualPlatform(double startTime)
       notifications(std::make_shared<VirtualNotifications>()),
       reachability(std::make_shared<VirtualReachability>(scheduler)),
       alerts(std::make_shared<RecordingAlerts>()),
-      log(std::make_shared<RecordingLog>()) {}
+      log(std::make_shared<RecordingLog>()),
+      location(std::make_shared<VirtualLocationServices>(scheduler, scheduler)),
+      motion(std::make_shared<VirtualMotionServices>(scheduler)),
+      views(std::make_shared<VirtualViewSystem>(scheduler, http)) {}
 
 platform::Platform VirtualPlatform::platform() const {
     platform::Platform p;

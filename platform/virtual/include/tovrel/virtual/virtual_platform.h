@@ -4,8 +4,11 @@
 
 #include "tovrel/platform/platform.h"
 #include "tovrel/virtual/recording_http_client.h"
+#include "tovrel/virtual/virtual_location.h"
+#include "tovrel/virtual/virtual_motion.h"
 #include "tovrel/virtual/virtual_scheduler.h"
 #include "tovrel/virtual/virtual_services.h"
+#include "tovrel/virtual/virtual_views.h"
 
 namespace tovrel::virtualbackend {
 
@@ -25,9 +28,9 @@ struct VirtualPlatform {
     std::shared_ptr<VirtualReachability> reachability;
     std::shared_ptr<RecordingAlerts> alerts;
     std::shared_ptr<RecordingLog> log;
-    std::shared_ptr<platform::LocationServices> location;
-    std::shared_ptr<platform::MotionServices> motion;
-    std::shared_ptr<platform::ViewSystem> views;
+    std::shared_ptr<VirtualLocationServices> location;
+    std::shared_ptr<VirtualMotionServices> motion;
+    std::shared_ptr<VirtualViewSystem> views;
 };
 
 }  // namespace tovrel::virtualbackend

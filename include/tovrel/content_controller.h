@@ -1,0 +1,66 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tovrel/platform/views.h"
+
+namespace tovrel {
+
+class Environment;
+
+/// A full-screen web page under a navigation bar whose back button closes it. The presenter sets
+/// navTitle and urlString and presents view() modally; every appearance builds the bar again and
+/// reloads the page from the network. Main thread only.
+class ContentController final : public platform::WebViewDelegate,
+                                public std::enable_shared_from_this<ContentController> {
+    struct Token {
+        explicit Token() = default;
+    };
+
+  public:
+    static constexpr const char* kNibName = "ContentController";
+    static constexpr const char* kBackImage = "TovrelSDKResources.bundle/icons_back.tiff";
+    static constexpr double kPageTimeout = 30;
+
+    static std::shared_ptr<ContentController> create(Environment& environment, std::string nibName,
+                                                     std::optional<std::string> bundlePath);
+    ContentController(Token, Environment& environment, std::string nibName,
+                      std::optional<std::string> bundlePath);
+    ContentController(const ContentController&) = delete;
+    ContentController& operator=(const ContentController&) = delete;
+
+    /// The root view, made (and viewDidLoad run) on first use.
+    const std::shared_ptr<platform::View>& view();
+    /// The status bar stays hidden while the page shows.
+    [[nodiscard]] static bool prefersStatusBarHidden() { return true; }
+
+    void viewDidLoad() {}
+    void viewDidAppear(bool animated);
+    /// Dismisses the controller, animated.
+    void closeMe();
+
+    std::string navTitle;
+    /// The page's address; empty for none (an empty page).
+    std::string urlString;
+    platform::ModalPresentationStyle modalPresentationStyle = platform::ModalPresentationStyle::kFullScreen;
+
+    [[nodiscard]] const std::shared_ptr<platform::NavigationBar>& navbar() const { return navbar_; }
+    [[nodiscard]] const std::shared_ptr<platform::WebView>& webView() const { return webView_; }
+    [[nodiscard]] const std::string& nibName() const { return nibName_; }
+    [[nodiscard]] const std::optional<std::string>& nibBundlePath() const { return bundlePath_; }
+
+  private:
+    void loadView();
+    [[nodiscard]] platform::ViewSystem& views() const;
+
+    Environment& environment_;
+    std::string nibName_;
+    std::optional<std::string> bundlePath_;
+    std::shared_ptr<platform::View> view_;
+    std::shared_ptr<platform::NavigationBar> navbar_;
+    std::shared_ptr<platform::WebView> webView_;
+};
+
+}  // namespace tovrel

@@ -1,0 +1,789 @@
+#pragma once
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tovrel/platform/location.h"
+
+namespace tovrel::platform {
+
+// Geometry, in points; the origin is the top-left corner and y grows downwards.
+
+struct Point {
+    double x = 0;
+    double y = 0;
+    friend bool operator==(const Point&, const Point&) = default;
+};
+
+struct Size {
+    double width = 0;
+    double height = 0;
+    friend bool operator==(const Size&, const Size&) = default;
+};
+
+struct Rect {
+    double x = 0;
+    double y = 0;
+    double width = 0;
+    double height = 0;
+    friend bool operator==(const Rect&, const Rect&) = default;
+};
+
+/// Red, green, blue and alpha, each from 0 to 1.
+struct Color {
+    double red = 0;
+    double green = 0;
+    double blue = 0;
+    double alpha = 1;
+    friend bool operator==(const Color&, const Color&) = default;
+
+    static constexpr Color rgb255(double r, double g, double b, double a = 1.0) {
+        return {r / 255.0, g / 255.0, b / 255.0, a};
+    }
+    static constexpr Color white(double whiteLevel, double a) {
+        return {whiteLevel, whiteLevel, whiteLevel, a};
+    }
+    static constexpr Color whiteColor() { return {1, 1, 1, 1}; }
+    static constexpr Color redColor() { return {1, 0, 0, 1}; }
+    static constexpr Color clearColor() { return {0, 0, 0, 0}; }
+    /// The platform's light grey (white level 2/3) at `a`.
+    static constexpr Color lightGray(double a = 1.0) { return white(2.0 / 3.0, a); }
+};
+
+/// A view's transform; the component only ever translates.
+struct Transform {
+    double tx = 0;
+    double ty = 0;
+    friend bool operator==(const Transform&, const Transform&) = default;
+    static constexpr Transform identity() { return {}; }
+    static constexpr Transform translation(double x, double y) { return {x, y}; }
+};
+
+/// The layer z-position that lays a view over everything else: the largest finite float.
+inline constexpr float kTopmostZPosition = std::numeric_limits<float>::max();
+
+// Animations.
+
+enum class FillMode { kRemoved = 0, kForwards = 1, kBackwards = 2, kBoth = 3 };
+
+/// A property animation on a view's layer, recorded by key.
+struct BasicAnimation {
+    std::string keyPath;  ///< e.g. "position.y"
+    double duration = 0;  ///< seconds
+    double fromValue = 0;
+    double toValue = 0;
+    float repeatCount = 0;
+    bool autoreverses = false;
+    bool additive = false;
+    FillMode fillMode = FillMode::kRemoved;
+    bool removedOnCompletion = true;
+    friend bool operator==(const BasicAnimation&, const BasicAnimation&) = default;
+};
+
+enum class AnimationCurve { kEaseInOut = 0, kEaseIn = 1, kEaseOut = 2, kLinear = 3 };
+
+/// The parameters of a view animation block: property changes made inside it animate to their new
+/// values over `duration`.
+struct ViewAnimation {
+    double duration = 0.2;  ///< seconds
+    AnimationCurve curve = AnimationCurve::kEaseInOut;
+    friend bool operator==(const ViewAnimation&, const ViewAnimation&) = default;
+};
+
+// Orientation, with the platform's numbering.
+
+enum class DeviceOrientation {
+    kUnknown = 0,
+    kPortrait = 1,
+    kPortraitUpsideDown = 2,
+    kLandscapeLeft = 3,
+    kLandscapeRight = 4,
+    kFaceUp = 5,
+    kFaceDown = 6,
+};
+
+enum class InterfaceOrientation {
+    kUnknown = 0,
+    kPortrait = 1,
+    kPortraitUpsideDown = 2,
+    kLandscapeRight = 3,
+    kLandscapeLeft = 4,
+};
+
+/// What a view's owner hears when the view enters or leaves the screen (a window, or a modal
+/// presentation): the controller's viewWillAppear, viewDidAppear and so on.
+enum class Appearance { kWillAppear, kDidAppear, kWillDisappear, kDidDisappear };
+using AppearanceHandler = std::function<void(Appearance)>;
+
+/// A node of the retained view tree. A parent holds its subviews; a subview knows its parent weakly.
+/// Every operation of every view kind runs on the main thread.
+class View : public std::enable_shared_from_this<View> {
+  public:
+    virtual ~View() = default;
+
+    /// Main thread. An integer the owner uses to find the view again; 0 by default.
+    [[nodiscard]] virtual long tag() const = 0;
+    /// Main thread.
+    virtual void setTag(long tag) = 0;
+    /// Main thread. The layer's z-position: larger values draw over smaller ones among siblings.
+    [[nodiscard]] virtual float zPosition() const = 0;
+    /// Main thread.
+    virtual void setZPosition(float zPosition) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool isHidden() const = 0;
+    /// Main thread.
+    virtual void setHidden(bool hidden) = 0;
+    /// Main thread. Opacity from 0 to 1.
+    [[nodiscard]] virtual double alpha() const = 0;
+    /// Main thread.
+    virtual void setAlpha(double alpha) = 0;
+    /// Main thread. Position and size in the superview's coordinates.
+    [[nodiscard]] virtual Rect frame() const = 0;
+    /// Main thread.
+    virtual void setFrame(const Rect& frame) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual Transform transform() const = 0;
+    /// Main thread.
+    virtual void setTransform(const Transform& transform) = 0;
+    /// Main thread. nullopt: no background (transparent).
+    [[nodiscard]] virtual std::optional<Color> backgroundColor() const = 0;
+    /// Main thread.
+    virtual void setBackgroundColor(const std::optional<Color>& color) = 0;
+
+    /// Main thread. The subviews, back to front.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<View>> subviews() const = 0;
+    /// Main thread. The parent, or null.
+    [[nodiscard]] virtual std::shared_ptr<View> superview() const = 0;
+    /// Main thread. Adds `view` in front of the other subviews, taking it from its previous parent
+    /// (a view that is already a subview here moves to the front).
+    virtual void addSubview(const std::shared_ptr<View>& view) = 0;
+    /// Main thread. Detaches the view from its parent; nothing happens without one.
+    virtual void removeFromSuperview() = 0;
+    /// Main thread. Lays out the subviews now.
+    virtual void layoutSubviews() = 0;
+    /// Main thread. Recomputes the view's layout constraints.
+    virtual void updateConstraints() = 0;
+
+    /// Main thread. Adds a layer animation under `key`, replacing one under the same key.
+    virtual void addAnimation(const std::string& key, const BasicAnimation& animation) = 0;
+    /// Main thread. The layer animation under `key`, if it is still attached.
+    [[nodiscard]] virtual std::optional<BasicAnimation> animationForKey(const std::string& key) const = 0;
+
+    /// Main thread. `handler` hears this view enter and leave the screen; it runs on the main thread
+    /// (will-events during the change, did-events on a later turn of the loop). Replaces any
+    /// previous handler.
+    virtual void setAppearanceHandler(AppearanceHandler handler) = 0;
+
+    /// Main thread. The frame's size at the origin.
+    [[nodiscard]] Rect bounds() const {
+        const Rect f = frame();
+        return {0, 0, f.width, f.height};
+    }
+    /// Main thread. Moves the frame so that its centre is `center`.
+    void setCenter(const Point& center) {
+        Rect f = frame();
+        f.x = center.x - f.width / 2;
+        f.y = center.y - f.height / 2;
+        setFrame(f);
+    }
+};
+
+// Web view.
+
+enum class URLRequestCachePolicy {
+    kUseProtocolCachePolicy = 0,
+    kReloadIgnoringLocalCacheData = 1,
+    kReloadIgnoringLocalAndRemoteCacheData = 4,
+    kReturnCacheDataElseLoad = 2,
+    kReturnCacheDataDontLoad = 3,
+};
+
+/// A page request. An empty `url` is no address at all: loading it shows nothing.
+struct URLRequest {
+    std::string url;
+    URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::kUseProtocolCachePolicy;
+    double timeoutInterval = 60;  ///< seconds
+    friend bool operator==(const URLRequest&, const URLRequest&) = default;
+};
+
+enum class WebNavigationType {
+    kLinkClicked = 0,
+    kFormSubmitted = 1,
+    kBackForward = 2,
+    kReload = 3,
+    kFormResubmitted = 4,
+    kOther = 5,
+};
+
+struct WebError {
+    int code = 0;
+    std::string description;
+};
+
+class WebView;
+
+/// Hears a web view's loads. Every callback runs on the main thread.
+class WebViewDelegate {
+  public:
+    virtual ~WebViewDelegate() = default;
+    /// Main thread. Asked before each navigation (the page's own and link taps); false cancels it.
+    virtual bool webViewShouldStartLoadWithRequest(WebView& /*webView*/, const URLRequest& /*request*/,
+                                                   WebNavigationType /*type*/) {
+        return true;
+    }
+    /// Main thread. A frame started loading.
+    virtual void webViewDidStartLoad(WebView& /*webView*/) {}
+    /// Main thread. A frame finished; isLoading() tells whether others are still under way.
+    virtual void webViewDidFinishLoad(WebView& /*webView*/) {}
+    /// Main thread. The load failed.
+    virtual void webViewDidFailLoadWithError(WebView& /*webView*/, const WebError& /*error*/) {}
+};
+
+/// The scrolling and zooming of a web view's page.
+class ScrollView {
+  public:
+    virtual ~ScrollView() = default;
+    /// Main thread. The page's size at zoom scale 1.
+    [[nodiscard]] virtual Size contentSize() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual float minimumZoomScale() const = 0;
+    /// Main thread.
+    virtual void setMinimumZoomScale(float scale) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual float maximumZoomScale() const = 0;
+    /// Main thread.
+    virtual void setMaximumZoomScale(float scale) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual float zoomScale() const = 0;
+    /// Main thread. Kept within the minimum and maximum.
+    virtual void setZoomScale(float scale) = 0;
+};
+
+/// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).
+class WebView : public View {
+  public:
+    /// Main thread. Starts loading `request`, replacing any load under way.
+    virtual void loadRequest(const URLRequest& request) = 0;
+    /// Main thread. True while any frame of the page is loading.
+    [[nodiscard]] virtual bool isLoading() const = 0;
+    /// Main thread. Stops the load under way, if any.
+    virtual void stopLoading() = 0;
+    /// Main thread. The delegate is not owned; an expired one hears nothing.
+    virtual void setDelegate(std::weak_ptr<WebViewDelegate> delegate) = 0;
+    /// Main thread. Runs `script` in the page; the result is not returned.
+    virtual void evaluateJavaScript(const std::string& script) = 0;
+    /// Main thread. The page's scroll and zoom state.
+    virtual ScrollView& scrollView() = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool scalesPageToFit() const = 0;
+    /// Main thread. Scales each page to fit the view when it loads.
+    virtual void setScalesPageToFit(bool scales) = 0;
+    /// Main thread. The size that best fits the page within `size`.
+    virtual Size sizeThatFits(const Size& size) = 0;
+};
+
+// Controls and labels.
+
+enum class ActivityIndicatorStyle { kWhiteLarge = 0, kWhite = 1, kGray = 2 };
+
+/// A spinner.
+class ActivityIndicatorView : public View {
+  public:
+    /// Main thread.
+    [[nodiscard]] virtual ActivityIndicatorStyle style() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool hidesWhenStopped() const = 0;
+    /// Main thread. When true, the spinner is hidden while it is not turning.
+    virtual void setHidesWhenStopped(bool hides) = 0;
+    /// Main thread.
+    virtual void startAnimating() = 0;
+    /// Main thread.
+    virtual void stopAnimating() = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool isAnimating() const = 0;
+};
+
+enum class ButtonType { kCustom = 0, kSystem = 1 };
+
+/// A push button. Its action runs when it is tapped (touch up inside).
+class Button : public View {
+  public:
+    /// Main thread.
+    [[nodiscard]] virtual ButtonType buttonType() const = 0;
+    /// Main thread. The title of the normal state.
+    [[nodiscard]] virtual std::string title() const = 0;
+    /// Main thread.
+    virtual void setTitle(const std::string& title) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::optional<Color> titleColor() const = 0;
+    /// Main thread.
+    virtual void setTitleColor(const Color& color) = 0;
+    /// Main thread. The image of the normal state: a resource name such as
+    /// "TovrelSDKResources.bundle/icons_back.tiff"; empty for none.
+    [[nodiscard]] virtual std::string imageName() const = 0;
+    /// Main thread.
+    virtual void setImageName(const std::string& name) = 0;
+    /// Main thread. Glows when touched.
+    [[nodiscard]] virtual bool showsTouchWhenHighlighted() const = 0;
+    /// Main thread.
+    virtual void setShowsTouchWhenHighlighted(bool shows) = 0;
+    /// Main thread. `action` runs on the main thread at each tap; replaces any previous action.
+    virtual void setAction(std::function<void()> action) = 0;
+};
+
+enum class TextAlignment { kLeft = 0, kCenter = 1, kRight = 2 };
+
+struct Font {
+    std::string name;
+    double size = 17;
+    friend bool operator==(const Font&, const Font&) = default;
+};
+
+/// Static text.
+class Label : public View {
+  public:
+    /// Main thread.
+    [[nodiscard]] virtual std::string text() const = 0;
+    /// Main thread.
+    virtual void setText(const std::string& text) = 0;
+    /// Main thread. 0: as many as the text needs.
+    [[nodiscard]] virtual int numberOfLines() const = 0;
+    /// Main thread.
+    virtual void setNumberOfLines(int lines) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual Font font() const = 0;
+    /// Main thread.
+    virtual void setFont(const Font& font) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual Color textColor() const = 0;
+    /// Main thread.
+    virtual void setTextColor(const Color& color) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual TextAlignment textAlignment() const = 0;
+    /// Main thread.
+    virtual void setTextAlignment(TextAlignment alignment) = 0;
+};
+
+// Navigation bar.
+
+/// A bar button showing a custom view (a button, for instance).
+struct BarButtonItem {
+    std::shared_ptr<View> customView;
+};
+
+/// What the bar shows for one screen. Items are shared: a change to an item the bar holds shows at
+/// the bar's next layout.
+struct NavigationItem {
+    std::string title;
+    std::optional<BarButtonItem> leftBarButtonItem;
+};
+
+/// A bar with a title and bar buttons.
+class NavigationBar : public View {
+  public:
+    /// Main thread. The stack of items, bottom first.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<NavigationItem>> items() const = 0;
+    /// Main thread. Replaces the stack.
+    virtual void setItems(std::vector<std::shared_ptr<NavigationItem>> items, bool animated) = 0;
+    /// Main thread. The last item of the stack, or null.
+    [[nodiscard]] std::shared_ptr<NavigationItem> topItem() const {
+        auto all = items();
+        return all.empty() ? nullptr : all.back();
+    }
+};
+
+// Table view.
+
+struct IndexPath {
+    long section = 0;
+    long row = 0;
+    friend bool operator==(const IndexPath&, const IndexPath&) = default;
+};
+
+enum class TableViewCellStyle { kDefault = 0, kValue1 = 1, kValue2 = 2, kSubtitle = 3 };
+enum class TableViewCellAccessory {
+    kNone = 0,
+    kDisclosureIndicator = 1,
+    kDetailDisclosureButton = 2,
+    kCheckmark = 3
+};
+
+/// One row of a table: text, an image, an accessory, an indentation. Its background is the view's.
+class TableViewCell : public View {
+  public:
+    /// Main thread.
+    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual TableViewCellStyle cellStyle() const = 0;
+    /// Main thread. The text of the cell's label.
+    [[nodiscard]] virtual std::string text() const = 0;
+    /// Main thread.
+    virtual void setText(const std::string& text) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::optional<Color> textColor() const = 0;
+    /// Main thread.
+    virtual void setTextColor(const Color& color) = 0;
+    /// Main thread. A resource name, or empty for no image.
+    [[nodiscard]] virtual std::string imageName() const = 0;
+    /// Main thread.
+    virtual void setImageName(const std::string& name) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual TableViewCellAccessory accessoryType() const = 0;
+    /// Main thread.
+    virtual void setAccessoryType(TableViewCellAccessory accessory) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual long indentationLevel() const = 0;
+    /// Main thread.
+    virtual void setIndentationLevel(long level) = 0;
+};
+
+class TableView;
+
+/// Supplies a table's rows. Called on the main thread.
+class TableViewDataSource {
+  public:
+    virtual ~TableViewDataSource() = default;
+    /// Main thread.
+    virtual long tableViewNumberOfRowsInSection(TableView& tableView, long section) = 0;
+    /// Main thread. The cell that shows `indexPath`.
+    virtual std::shared_ptr<TableViewCell> tableViewCellForRowAtIndexPath(TableView& tableView,
+                                                                          const IndexPath& indexPath) = 0;
+};
+
+/// Hears a table's selections and shapes its rows. Called on the main thread.
+class TableViewDelegate {
+  public:
+    virtual ~TableViewDelegate() = default;
+    /// Main thread. The user selected the row.
+    virtual void tableViewDidSelectRowAtIndexPath(TableView& /*tableView*/, const IndexPath& /*indexPath*/) {}
+    /// Main thread. nullopt: the platform's default height.
+    virtual std::optional<double> tableViewHeightForFooterInSection(TableView& /*tableView*/,
+                                                                    long /*section*/) {
+        return std::nullopt;
+    }
+    /// Main thread. null: no footer view.
+    virtual std::shared_ptr<View> tableViewViewForFooterInSection(TableView& /*tableView*/,
+                                                                  long /*section*/) {
+        return nullptr;
+    }
+    /// Main thread. The row's indentation level, applied to its cell when it is shown.
+    virtual long tableViewIndentationLevelForRowAtIndexPath(TableView& /*tableView*/,
+                                                            const IndexPath& /*indexPath*/) {
+        return 0;
+    }
+};
+
+/// A one-column list of rows in sections (the component uses one section).
+class TableView : public View {
+  public:
+    /// Main thread. Not owned.
+    virtual void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) = 0;
+    /// Main thread. Not owned.
+    virtual void setDelegate(std::weak_ptr<TableViewDelegate> delegate) = 0;
+    /// Main thread. Asks the data source for every row again; the cells shown so far become
+    /// available for reuse.
+    virtual void reloadData() = 0;
+    /// Main thread. A cell set aside for reuse under `identifier`, or null.
+    virtual std::shared_ptr<TableViewCell> dequeueReusableCellWithIdentifier(
+        const std::string& identifier) = 0;
+    /// Main thread. The cell shown for `indexPath`, or null when the row is not on screen.
+    [[nodiscard]] virtual std::shared_ptr<TableViewCell> cellForRowAtIndexPath(
+        const IndexPath& indexPath) const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::optional<IndexPath> indexPathForSelectedRow() const = 0;
+    /// Main thread.
+    virtual void deselectRowAtIndexPath(const IndexPath& indexPath, bool animated) = 0;
+    /// Main thread. A view shown below the last row (an empty one stops the separators there).
+    virtual void setTableFooterView(std::shared_ptr<View> footer) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::shared_ptr<View> tableFooterView() const = 0;
+};
+
+// Map.
+
+/// A point of the flat world map (spherical Mercator, 2^28 points around the equator).
+struct MapPoint {
+    double x = 0;
+    double y = 0;
+    friend bool operator==(const MapPoint&, const MapPoint&) = default;
+};
+
+/// A rectangle of map points. The null rectangle has infinite origin.
+struct MapRect {
+    double x = 0;
+    double y = 0;
+    double width = 0;
+    double height = 0;
+    friend bool operator==(const MapRect&, const MapRect&) = default;
+
+    static constexpr MapRect null() {
+        return {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(), 0, 0};
+    }
+    [[nodiscard]] bool isNull() const { return std::isinf(x) || std::isinf(y); }
+};
+
+inline constexpr double kMapWorldSize = 268435456.0;
+
+/// The map point of a coordinate.
+inline MapPoint mapPointForCoordinate(const Coordinate& coordinate) {
+    constexpr double kPi = 3.14159265358979323846;
+    const double s = std::sin(coordinate.latitude * kPi / 180.0);
+    const double x = (coordinate.longitude + 180.0) / 360.0 * kMapWorldSize;
+    const double y = (0.5 - std::log((1 + s) / (1 - s)) / (4 * kPi)) * kMapWorldSize;
+    return {x, y};
+}
+
+struct EdgeInsets {
+    double top = 0;
+    double left = 0;
+    double bottom = 0;
+    double right = 0;
+    friend bool operator==(const EdgeInsets&, const EdgeInsets&) = default;
+};
+
+/// Degrees of latitude and longitude shown.
+struct CoordinateSpan {
+    double latitudeDelta = 0;
+    double longitudeDelta = 0;
+    friend bool operator==(const CoordinateSpan&, const CoordinateSpan&) = default;
+};
+
+struct CoordinateRegion {
+    Coordinate center;
+    CoordinateSpan span;
+};
+
+/// Something pinned to the map. Subclass it to carry more.
+class Annotation {
+  public:
+    virtual ~Annotation() = default;
+    Coordinate coordinate;
+    std::optional<std::string> title;
+    std::optional<std::string> subtitle;
+};
+
+/// A plain pin with a coordinate, title and subtitle.
+class PointAnnotation : public Annotation {};
+
+/// The device's own position on the map; the map owns it.
+class UserLocation : public Annotation {
+  public:
+    std::optional<Location> location;  ///< nullopt until the first fix
+    bool updating = false;
+};
+
+/// A shape laid over the map.
+class Overlay {
+  public:
+    virtual ~Overlay() = default;
+    std::optional<std::string> title;
+};
+
+class CircleOverlay : public Overlay {
+  public:
+    Coordinate center;
+    double radius = 0;  ///< metres
+};
+
+class PolylineOverlay : public Overlay {
+  public:
+    std::vector<Coordinate> points;
+};
+
+/// How an overlay is drawn; a plain view draws nothing.
+struct OverlayView {
+    enum class Kind { kPlain, kCircle, kPolyline };
+    Kind kind = Kind::kPlain;
+    std::optional<Color> strokeColor;
+    std::optional<Color> fillColor;
+    double lineWidth = 0;
+};
+
+/// The view that draws one annotation, with its callout.
+class AnnotationView : public View {
+  public:
+    /// Main thread. The annotation it draws (never null).
+    [[nodiscard]] virtual std::shared_ptr<Annotation> annotation() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    /// Main thread. A resource name, or empty for the platform's pin.
+    [[nodiscard]] virtual std::string imageName() const = 0;
+    /// Main thread.
+    virtual void setImageName(const std::string& name) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool isEnabled() const = 0;
+    /// Main thread.
+    virtual void setEnabled(bool enabled) = 0;
+    /// Main thread. Whether tapping the pin opens a callout with title, subtitle and accessories.
+    [[nodiscard]] virtual bool canShowCallout() const = 0;
+    /// Main thread.
+    virtual void setCanShowCallout(bool shows) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::shared_ptr<View> leftCalloutAccessoryView() const = 0;
+    /// Main thread. A Button here is a control: tapping it reaches the map delegate.
+    virtual void setLeftCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::shared_ptr<View> rightCalloutAccessoryView() const = 0;
+    /// Main thread. A Button here is a control: tapping it reaches the map delegate.
+    virtual void setRightCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+};
+
+class MapView;
+
+/// Hears a map and supplies the views of its annotations and overlays. Called on the main thread.
+class MapViewDelegate {
+  public:
+    virtual ~MapViewDelegate() = default;
+    /// Main thread. The user's position changed.
+    virtual void mapViewDidUpdateUserLocation(MapView& /*mapView*/, const UserLocation& /*userLocation*/) {}
+    /// Main thread. null: the platform draws its own view.
+    virtual std::shared_ptr<AnnotationView> mapViewViewForAnnotation(
+        MapView& /*mapView*/, const std::shared_ptr<Annotation>& /*annotation*/) {
+        return nullptr;
+    }
+    /// Main thread. A control (button) of an annotation view's callout was tapped.
+    virtual void mapViewAnnotationViewCalloutAccessoryControlTapped(MapView& /*mapView*/,
+                                                                    AnnotationView& /*view*/,
+                                                                    View& /*control*/) {}
+    /// Main thread. How to draw `overlay`.
+    virtual OverlayView mapViewViewForOverlay(MapView& /*mapView*/,
+                                              const std::shared_ptr<Overlay>& /*overlay*/) {
+        return {};
+    }
+};
+
+/// A map with annotations, overlays and the user's position.
+class MapView : public View {
+  public:
+    /// Main thread. Not owned.
+    virtual void setDelegate(std::weak_ptr<MapViewDelegate> delegate) = 0;
+    /// Main thread. The annotations on the map, the user location included while it is shown and
+    /// known.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<Annotation>> annotations() const = 0;
+    /// Main thread.
+    virtual void addAnnotation(std::shared_ptr<Annotation> annotation) = 0;
+    /// Main thread. The user location is never removed.
+    virtual void removeAnnotations(const std::vector<std::shared_ptr<Annotation>>& annotations) = 0;
+    /// Main thread.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<Overlay>> overlays() const = 0;
+    /// Main thread.
+    virtual void addOverlay(std::shared_ptr<Overlay> overlay) = 0;
+    /// Main thread.
+    virtual void removeOverlays(const std::vector<std::shared_ptr<Overlay>>& overlays) = 0;
+    /// Main thread. An annotation view set aside under `identifier`, or null.
+    virtual std::shared_ptr<AnnotationView> dequeueReusableAnnotationViewWithIdentifier(
+        const std::string& identifier) = 0;
+    /// Main thread. Closes the annotation's callout.
+    virtual void deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated) = 0;
+    /// Main thread. The user's position (its location stays empty until the first fix).
+    [[nodiscard]] virtual std::shared_ptr<UserLocation> userLocation() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool showsUserLocation() const = 0;
+    /// Main thread. Showing the user location starts the position updates that reach the delegate.
+    virtual void setShowsUserLocation(bool shows) = 0;
+    /// Main thread. The area shown.
+    [[nodiscard]] virtual CoordinateRegion region() const = 0;
+    /// Main thread.
+    virtual void setRegion(const CoordinateRegion& region, bool animated) = 0;
+    /// Main thread. The area shown, in map points.
+    [[nodiscard]] virtual MapRect visibleMapRect() const = 0;
+    /// Main thread. Shows `rect` with `padding` points around it.
+    virtual void setVisibleMapRect(const MapRect& rect, const EdgeInsets& padding, bool animated) = 0;
+};
+
+// Modal presentation.
+
+enum class ModalPresentationStyle {
+    kFullScreen = 0,
+    kPageSheet = 1,
+    kFormSheet = 2,
+    kCurrentContext = 3,
+    kCustom = 4,
+    kOverFullScreen = 5,
+    kOverCurrentContext = 6,
+};
+
+/// The presentation settings of a screen that presents others.
+struct PresentationContext {
+    ModalPresentationStyle modalPresentationStyle = ModalPresentationStyle::kFullScreen;
+    bool providesPresentationContextTransitionStyle = false;
+    bool definesPresentationContext = false;
+    friend bool operator==(const PresentationContext&, const PresentationContext&) = default;
+};
+
+/// How one screen is presented.
+struct ModalPresentation {
+    ModalPresentationStyle style = ModalPresentationStyle::kFullScreen;
+    bool animated = true;
+    bool prefersStatusBarHidden = false;  ///< what the presented screen asks for
+};
+
+/// The toolkit: the key window, the screen and device orientation, view factories, animation
+/// blocks, modal presentation and resource lookup. Views from one ViewSystem are only ever added
+/// to views of the same ViewSystem.
+class ViewSystem {
+  public:
+    virtual ~ViewSystem() = default;
+
+    /// Main thread. The application's key window (a view whose subviews cover the screen), or null.
+    virtual std::shared_ptr<View> keyWindow() = 0;
+    /// Main thread. The main screen's bounds in the current orientation.
+    [[nodiscard]] virtual Rect mainScreenBounds() const = 0;
+    /// Main thread. How the device is held.
+    [[nodiscard]] virtual DeviceOrientation deviceOrientation() const = 0;
+    /// Main thread. The orientation of the application's interface (its status bar).
+    [[nodiscard]] virtual InterfaceOrientation statusBarOrientation() const = 0;
+    /// Main thread.
+    [[nodiscard]] virtual bool isStatusBarHidden() const = 0;
+    /// Main thread. `handler` runs on the main thread after each change of the device orientation,
+    /// for the life of the ViewSystem; there is no removal, so it must guard against outliving
+    /// whatever it touches.
+    virtual void addDeviceOrientationObserver(std::function<void()> handler) = 0;
+    /// Any thread. The path of resource `name` of `type` in the main bundle
+    /// ("TovrelSDKResources", "bundle"), or nullopt when there is none.
+    [[nodiscard]] virtual std::optional<std::string> pathForResource(const std::string& name,
+                                                                     const std::string& type) const = 0;
+
+    /// Main thread. A plain view.
+    virtual std::shared_ptr<View> makeView(const Rect& frame) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<WebView> makeWebView(const Rect& frame) = 0;
+    /// Main thread. A stopped spinner of the style's own size at the origin.
+    virtual std::shared_ptr<ActivityIndicatorView> makeActivityIndicator(ActivityIndicatorStyle style) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<Button> makeButton(ButtonType type, const Rect& frame) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<Label> makeLabel(const Rect& frame) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<NavigationBar> makeNavigationBar(const Rect& frame) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<TableView> makeTableView(const Rect& frame) = 0;
+    /// Main thread. A fresh cell, to be handed out under `reuseIdentifier`.
+    virtual std::shared_ptr<TableViewCell> makeTableViewCell(TableViewCellStyle style,
+                                                             const std::string& reuseIdentifier) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<MapView> makeMapView(const Rect& frame) = 0;
+    /// Main thread.
+    virtual std::shared_ptr<AnnotationView> makeAnnotationView(std::shared_ptr<Annotation> annotation,
+                                                               const std::string& reuseIdentifier) = 0;
+
+    /// Main thread. Runs `changes` at once; the view properties they set animate to their new values
+    /// as `animation` says.
+    virtual void animate(const ViewAnimation& animation, const std::function<void()>& changes) = 0;
+
+    /// Main thread. The presentation settings of the key window's root screen.
+    virtual void setRootPresentationContext(const PresentationContext& context) = 0;
+    /// Main thread. Presents `view` over the key window's root screen; its appearance handler hears
+    /// it appear. Presenting a view that is already presented does nothing.
+    virtual void presentModalView(std::shared_ptr<View> view, const ModalPresentation& presentation) = 0;
+    /// Main thread. Dismisses a presented view; its appearance handler hears it disappear. Views
+    /// that are not presented are ignored.
+    virtual void dismissModalView(const std::shared_ptr<View>& view, bool animated) = 0;
+};
+
+}  // namespace tovrel::platform

@@ -1,0 +1,606 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tovrel/platform/http.h"
+#include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/views.h"
+
+namespace tovrel::virtualbackend {
+
+struct VirtualPlatform;
+struct ViewContext;
+
+/// One property set inside an animation block, with the value it animates to.
+struct AnimatedChange {
+    std::weak_ptr<platform::View> view;
+    std::string property;  ///< "alpha", "hidden", "frame", "transform"
+    std::variant<double, bool, platform::Rect, platform::Transform> value;
+};
+
+/// One animation block as the component ran it.
+struct AnimationBlock {
+    platform::ViewAnimation animation;
+    std::vector<AnimatedChange> changes;
+};
+
+/// One modal presentation, kept after it is dismissed.
+struct PresentationRecord {
+    std::shared_ptr<platform::View> view;
+    platform::ModalPresentation presentation;
+    platform::PresentationContext rootContext;  ///< the root's settings when it was presented
+    bool dismissed = false;
+    bool dismissedAnimated = false;
+};
+
+/// State and tree links shared by every virtual view kind. Single-threaded: the main thread only.
+class VirtualViewCore {
+  public:
+    virtual ~VirtualViewCore();
+    VirtualViewCore(const VirtualViewCore&) = delete;
+    VirtualViewCore& operator=(const VirtualViewCore&) = delete;
+
+    /// True while the view hangs under the key window or under a presented view.
+    [[nodiscard]] bool isOnScreen() const;
+    [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
+    [[nodiscard]] int layoutCount() const { return layoutCount_; }
+    /// The layer animations attached, by key.
+    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
+        return animations_;
+    }
+    /// Every appearance event delivered to this view, in order.
+    [[nodiscard]] const std::vector<platform::Appearance>& appearanceLog() const { return appearanceLog_; }
+
+  protected:
+    VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
+
+    virtual platform::View& self() = 0;
+    [[nodiscard]] const platform::View& self() const { return const_cast<VirtualViewCore*>(this)->self(); }
+    void record(const char* property, std::variant<double, bool, platform::Rect, platform::Transform> value);
+
+    void coreAddSubview(const std::shared_ptr<platform::View>& view);
+    void coreRemoveFromSuperview();
+    void coreSetAppearanceHandler(platform::AppearanceHandler handler) {
+        appearanceHandler_ = std::move(handler);
+    }
+
+    std::shared_ptr<ViewContext> context_;
+    long tag_ = 0;
+    float zPosition_ = 0;
+    bool hidden_ = false;
+    double alpha_ = 1;
+    platform::Rect frame_;
+    platform::Transform transform_;
+    std::optional<platform::Color> backgroundColor_;
+    std::vector<std::shared_ptr<platform::View>> subviews_;
+    std::weak_ptr<platform::View> superview_;
+    std::map<std::string, platform::BasicAnimation> animations_;
+    int updateConstraintsCount_ = 0;
+    int layoutCount_ = 0;
+
+  private:
+    friend class VirtualViewSystem;
+    /// Tells this view and everything under it; did-events go through the loop.
+    void announce(platform::Appearance appearance);
+    void deliver(platform::Appearance appearance);
+    void collect(std::vector<std::shared_ptr<platform::View>>& into);
+
+    platform::AppearanceHandler appearanceHandler_;
+    std::vector<platform::Appearance> appearanceLog_;
+};
+
+/// The View operations of every virtual kind, over VirtualViewCore.
+template <class Interface>
+class VirtualViewOf : public Interface, public VirtualViewCore {
+  public:
+    [[nodiscard]] long tag() const override { return tag_; }
+    void setTag(long tag) override { tag_ = tag; }
+    [[nodiscard]] float zPosition() const override { return zPosition_; }
+    void setZPosition(float zPosition) override { zPosition_ = zPosition; }
+    [[nodiscard]] bool isHidden() const override { return hidden_; }
+    void setHidden(bool hidden) override {
+        hidden_ = hidden;
+        record("hidden", hidden);
+    }
+    [[nodiscard]] double alpha() const override { return alpha_; }
+    void setAlpha(double alpha) override {
+        alpha_ = alpha;
+        record("alpha", alpha);
+    }
+    [[nodiscard]] platform::Rect frame() const override { return frame_; }
+    void setFrame(const platform::Rect& frame) override {
+        frame_ = frame;
+        record("frame", frame);
+    }
+    [[nodiscard]] platform::Transform transform() const override { return transform_; }
+    void setTransform(const platform::Transform& transform) override {
+        transform_ = transform;
+        record("transform", transform);
+    }
+    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
+    void setBackgroundColor(const std::optional<platform::Color>& color) override {
+        backgroundColor_ = color;
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
+    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
+    void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
+    void removeFromSuperview() override { coreRemoveFromSuperview(); }
+    void layoutSubviews() override { ++layoutCount_; }
+    void updateConstraints() override { ++updateConstraintsCount_; }
+    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
+        animations_[key] = animation;
+    }
+    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
+        const std::string& key) const override {
+        const auto it = animations_.find(key);
+        return it == animations_.end() ? std::nullopt : std::optional(it->second);
+    }
+    void setAppearanceHandler(platform::AppearanceHandler handler) override {
+        coreSetAppearanceHandler(std::move(handler));
+    }
+
+    VirtualViewOf(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
+        : VirtualViewCore(std::move(context), frame) {}
+
+  protected:
+    platform::View& self() override { return *this; }
+};
+
+/// A plain view (and the key window).
+class VirtualView final : public VirtualViewOf<platform::View> {
+  public:
+    using VirtualViewOf::VirtualViewOf;
+};
+
+class VirtualScrollView final : public platform::ScrollView {
+  public:
+    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
+    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
+    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
+    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
+    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
+    [[nodiscard]] float zoomScale() const override { return zoom_; }
+    void setZoomScale(float scale) override;
+    void setContentSize(const platform::Size& size) { contentSize_ = size; }
+    /// A pinch: zooms as far as the limits allow.
+    void pinch(float scale) { setZoomScale(scale); }
+
+  private:
+    platform::Size contentSize_;
+    float minimum_ = 1;
+    float maximum_ = 1;
+    float zoom_ = 1;
+};
+
+/// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
+/// a browser shows an error page), a transport failure fails it. The page's content size is the
+/// one set for its address on the ViewSystem, else the view's size.
+class VirtualWebView final : public VirtualViewOf<platform::WebView> {
+  public:
+    using VirtualViewOf::VirtualViewOf;
+
+    void loadRequest(const platform::URLRequest& request) override;
+    [[nodiscard]] bool isLoading() const override { return loading_; }
+    void stopLoading() override;
+    void setDelegate(std::weak_ptr<platform::WebViewDelegate> delegate) override {
+        delegate_ = std::move(delegate);
+    }
+    void evaluateJavaScript(const std::string& script) override { scripts_.push_back(script); }
+    platform::ScrollView& scrollView() override { return scrollView_; }
+    [[nodiscard]] bool scalesPageToFit() const override { return scalesPageToFit_; }
+    void setScalesPageToFit(bool scales) override { scalesPageToFit_ = scales; }
+    platform::Size sizeThatFits(const platform::Size& size) override;
+
+    /// The user taps a link to `url` inside the page.
+    void tapLink(const std::string& url);
+    [[nodiscard]] const std::vector<platform::URLRequest>& loadedRequests() const { return requests_; }
+    [[nodiscard]] const std::vector<std::string>& scripts() const { return scripts_; }
+    [[nodiscard]] int sizeThatFitsCount() const { return sizeThatFitsCount_; }
+    [[nodiscard]] int stopLoadingCount() const { return stopLoadingCount_; }
+    /// The body of the page shown, empty before the first load.
+    [[nodiscard]] const std::string& pageBody() const { return body_; }
+    [[nodiscard]] std::shared_ptr<platform::WebViewDelegate> delegate() const { return delegate_.lock(); }
+    VirtualScrollView& virtualScrollView() { return scrollView_; }
+
+  private:
+    void navigate(const platform::URLRequest& request, platform::WebNavigationType type);
+    void finish(std::uint64_t generation, const platform::URLRequest& request,
+                const platform::HttpResponse& response);
+
+    std::weak_ptr<platform::WebViewDelegate> delegate_;
+    VirtualScrollView scrollView_;
+    bool loading_ = false;
+    bool scalesPageToFit_ = false;
+    std::uint64_t generation_ = 0;
+    std::vector<platform::URLRequest> requests_;
+    std::vector<std::string> scripts_;
+    std::string body_;
+    int sizeThatFitsCount_ = 0;
+    int stopLoadingCount_ = 0;
+};
+
+class VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIndicatorView> {
+  public:
+    VirtualActivityIndicator(std::shared_ptr<ViewContext> context, platform::ActivityIndicatorStyle style);
+    [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
+    [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
+    void setHidesWhenStopped(bool hides) override;
+    void startAnimating() override;
+    void stopAnimating() override;
+    [[nodiscard]] bool isAnimating() const override { return animating_; }
+
+  private:
+    platform::ActivityIndicatorStyle style_;
+    bool hidesWhenStopped_ = true;
+    bool animating_ = false;
+};
+
+class VirtualButton final : public VirtualViewOf<platform::Button> {
+  public:
+    VirtualButton(std::shared_ptr<ViewContext> context, platform::ButtonType type,
+                  const platform::Rect& frame)
+        : VirtualViewOf(std::move(context), frame), type_(type) {}
+    [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
+    [[nodiscard]] std::string title() const override { return title_; }
+    void setTitle(const std::string& title) override { title_ = title; }
+    [[nodiscard]] std::optional<platform::Color> titleColor() const override { return titleColor_; }
+    void setTitleColor(const platform::Color& color) override { titleColor_ = color; }
+    [[nodiscard]] std::string imageName() const override { return imageName_; }
+    void setImageName(const std::string& name) override { imageName_ = name; }
+    [[nodiscard]] bool showsTouchWhenHighlighted() const override { return showsTouch_; }
+    void setShowsTouchWhenHighlighted(bool shows) override { showsTouch_ = shows; }
+    void setAction(std::function<void()> action) override { action_ = std::move(action); }
+
+    /// The user taps the button; false when it has no action.
+    bool tap();
+    [[nodiscard]] bool hasAction() const { return static_cast<bool>(action_); }
+
+  private:
+    platform::ButtonType type_;
+    std::string title_;
+    std::optional<platform::Color> titleColor_;
+    std::string imageName_;
+    bool showsTouch_ = false;
+    std::function<void()> action_;
+};
+
+class VirtualLabel final : public VirtualViewOf<platform::Label> {
+  public:
+    using VirtualViewOf::VirtualViewOf;
+    [[nodiscard]] std::string text() const override { return text_; }
+    void setText(const std::string& text) override { text_ = text; }
+    [[nodiscard]] int numberOfLines() const override { return lines_; }
+    void setNumberOfLines(int lines) override { lines_ = lines; }
+    [[nodiscard]] platform::Font font() const override { return font_; }
+    void setFont(const platform::Font& font) override { font_ = font; }
+    [[nodiscard]] platform::Color textColor() const override { return textColor_; }
+    void setTextColor(const platform::Color& color) override { textColor_ = color; }
+    [[nodiscard]] platform::TextAlignment textAlignment() const override { return alignment_; }
+    void setTextAlignment(platform::TextAlignment alignment) override { alignment_ = alignment; }
+
+  private:
+    std::string text_;
+    int lines_ = 1;
+    platform::Font font_{"Helvetica", 17};
+    platform::Color textColor_{0, 0, 0, 1};
+    platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
+};
+
+class VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar> {
+  public:
+    using VirtualViewOf::VirtualViewOf;
+    [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
+        return items_;
+    }
+    void setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items, bool /*animated*/) override {
+        items_ = std::move(items);
+    }
+
+  private:
+    std::vector<std::shared_ptr<platform::NavigationItem>> items_;
+};
+
+class VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell> {
+  public:
+    VirtualTableViewCell(std::shared_ptr<ViewContext> context, platform::TableViewCellStyle style,
+                         std::string reuseIdentifier);
+    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
+    [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
+    [[nodiscard]] std::string text() const override { return text_; }
+    void setText(const std::string& text) override { text_ = text; }
+    [[nodiscard]] std::optional<platform::Color> textColor() const override { return textColor_; }
+    void setTextColor(const platform::Color& color) override { textColor_ = color; }
+    [[nodiscard]] std::string imageName() const override { return imageName_; }
+    void setImageName(const std::string& name) override { imageName_ = name; }
+    [[nodiscard]] platform::TableViewCellAccessory accessoryType() const override { return accessory_; }
+    void setAccessoryType(platform::TableViewCellAccessory accessory) override { accessory_ = accessory; }
+    [[nodiscard]] long indentationLevel() const override { return indentation_; }
+    void setIndentationLevel(long level) override { indentation_ = level; }
+
+  private:
+    platform::TableViewCellStyle style_;
+    std::string reuseIdentifier_;
+    std::string text_;
+    std::optional<platform::Color> textColor_;
+    std::string imageName_;
+    platform::TableViewCellAccessory accessory_ = platform::TableViewCellAccessory::kNone;
+    long indentation_ = 0;
+};
+
+/// A table whose rows (of section 0) are all on screen. reloadData sets the shown cells aside for
+/// reuse in row order, so each row gets its own cell back.
+class VirtualTableView final : public VirtualViewOf<platform::TableView> {
+  public:
+    using VirtualViewOf::VirtualViewOf;
+    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
+        dataSource_ = std::move(dataSource);
+    }
+    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
+        delegate_ = std::move(delegate);
+    }
+    void reloadData() override;
+    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
+        const std::string& identifier) override;
+    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
+        const platform::IndexPath& indexPath) const override;
+    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
+        return selected_;
+    }
+    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
+    void setTableFooterView(std::shared_ptr<platform::View> footer) override { footer_ = std::move(footer); }
+    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
+
+    /// The user taps a row: it is selected and the delegate hears it.
+    void tapRow(long row);
+    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
+        return visible_;
+    }
+    [[nodiscard]] int reloadCount() const { return reloadCount_; }
+    /// What the delegate said at the last reload about section 0's footer.
+    [[nodiscard]] std::optional<double> sectionFooterHeight() const { return footerHeight_; }
+    [[nodiscard]] std::shared_ptr<platform::View> sectionFooterView() const { return footerView_; }
+    /// Every deselection, with its animated flag.
+    [[nodiscard]] const std::vector<std::pair<platform::IndexPath, bool>>& deselections() const {
+        return deselections_;
+    }
+
+  private:
+    std::weak_ptr<platform::TableViewDataSource> dataSource_;
+    std::weak_ptr<platform::TableViewDelegate> delegate_;
+    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
+    std::map<std::string, std::deque<std::shared_ptr<platform::TableViewCell>>> reusable_;
+    std::optional<platform::IndexPath> selected_;
+    std::shared_ptr<platform::View> footer_;
+    std::optional<double> footerHeight_;
+    std::shared_ptr<platform::View> footerView_;
+    std::vector<std::pair<platform::IndexPath, bool>> deselections_;
+    int reloadCount_ = 0;
+};
+
+class VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationView> {
+  public:
+    VirtualAnnotationView(std::shared_ptr<ViewContext> context,
+                          std::shared_ptr<platform::Annotation> annotation, std::string reuseIdentifier);
+    [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
+    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
+    [[nodiscard]] std::string imageName() const override { return imageName_; }
+    void setImageName(const std::string& name) override { imageName_ = name; }
+    [[nodiscard]] bool isEnabled() const override { return enabled_; }
+    void setEnabled(bool enabled) override { enabled_ = enabled; }
+    [[nodiscard]] bool canShowCallout() const override { return canShowCallout_; }
+    void setCanShowCallout(bool shows) override { canShowCallout_ = shows; }
+    [[nodiscard]] std::shared_ptr<platform::View> leftCalloutAccessoryView() const override { return left_; }
+    void setLeftCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
+        left_ = std::move(view);
+    }
+    [[nodiscard]] std::shared_ptr<platform::View> rightCalloutAccessoryView() const override {
+        return right_;
+    }
+    void setRightCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
+        right_ = std::move(view);
+    }
+
+  private:
+    std::shared_ptr<platform::Annotation> annotation_;
+    std::string reuseIdentifier_;
+    std::string imageName_;
+    bool enabled_ = true;
+    bool canShowCallout_ = false;
+    std::shared_ptr<platform::View> left_;
+    std::shared_ptr<platform::View> right_;
+};
+
+/// A map that asks its delegate for an annotation's view when the annotation is added, and for an
+/// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
+class VirtualMapView final : public VirtualViewOf<platform::MapView> {
+  public:
+    VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
+
+    void setDelegate(std::weak_ptr<platform::MapViewDelegate> delegate) override {
+        delegate_ = std::move(delegate);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<platform::Annotation>> annotations() const override;
+    void addAnnotation(std::shared_ptr<platform::Annotation> annotation) override;
+    void removeAnnotations(const std::vector<std::shared_ptr<platform::Annotation>>& annotations) override;
+    [[nodiscard]] std::vector<std::shared_ptr<platform::Overlay>> overlays() const override;
+    void addOverlay(std::shared_ptr<platform::Overlay> overlay) override;
+    void removeOverlays(const std::vector<std::shared_ptr<platform::Overlay>>& overlays) override;
+    std::shared_ptr<platform::AnnotationView> dequeueReusableAnnotationViewWithIdentifier(
+        const std::string& identifier) override;
+    void deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation, bool animated) override;
+    [[nodiscard]] std::shared_ptr<platform::UserLocation> userLocation() const override {
+        return userLocation_;
+    }
+    [[nodiscard]] bool showsUserLocation() const override { return showsUserLocation_; }
+    void setShowsUserLocation(bool shows) override { showsUserLocation_ = shows; }
+    [[nodiscard]] platform::CoordinateRegion region() const override { return region_; }
+    void setRegion(const platform::CoordinateRegion& region, bool animated) override;
+    [[nodiscard]] platform::MapRect visibleMapRect() const override { return visibleRect_; }
+    void setVisibleMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding,
+                           bool animated) override;
+
+    /// A new fix of the user's position: the map moves its user location and tells the delegate
+    /// (only while it shows the user location).
+    void deliverUserLocation(const platform::Location& location);
+    /// The user taps the annotation's pin: its callout opens.
+    void selectAnnotation(const std::shared_ptr<platform::Annotation>& annotation);
+    /// The user taps the right (or left) callout accessory of `annotation`. False when it has no view
+    /// or that accessory is not a control.
+    bool tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation, bool right = true);
+
+    /// The view the delegate gave for `annotation` (null: the platform's own).
+    [[nodiscard]] std::shared_ptr<platform::AnnotationView> viewForAnnotation(
+        const std::shared_ptr<platform::Annotation>& annotation) const;
+    /// The view the delegate gave for `overlay`.
+    [[nodiscard]] std::optional<platform::OverlayView> viewForOverlay(
+        const std::shared_ptr<platform::Overlay>& overlay) const;
+    [[nodiscard]] const std::vector<std::shared_ptr<platform::Annotation>>& selectedAnnotations() const {
+        return selected_;
+    }
+    struct RegionChange {
+        platform::CoordinateRegion region;
+        bool animated;
+    };
+    struct VisibleRectChange {
+        platform::MapRect rect;
+        platform::EdgeInsets padding;
+        bool animated;
+    };
+    struct Deselection {
+        std::shared_ptr<platform::Annotation> annotation;
+        bool animated;
+    };
+    [[nodiscard]] const std::vector<RegionChange>& regionChanges() const { return regionChanges_; }
+    [[nodiscard]] const std::vector<VisibleRectChange>& visibleRectChanges() const {
+        return visibleRectChanges_;
+    }
+    [[nodiscard]] const std::vector<Deselection>& deselections() const { return deselections_; }
+    /// What each dequeue returned, in order (null when nothing was set aside).
+    [[nodiscard]] const std::vector<std::shared_ptr<platform::AnnotationView>>& dequeued() const {
+        return dequeued_;
+    }
+
+  private:
+    struct Pinned {
+        std::shared_ptr<platform::Annotation> annotation;
+        std::shared_ptr<platform::AnnotationView> view;
+    };
+    struct Drawn {
+        std::shared_ptr<platform::Overlay> overlay;
+        platform::OverlayView view;
+    };
+
+    std::weak_ptr<platform::MapViewDelegate> delegate_;
+    std::vector<Pinned> pinned_;
+    std::vector<Drawn> drawn_;
+    std::map<std::string, std::deque<std::shared_ptr<platform::AnnotationView>>> reusable_;
+    std::shared_ptr<platform::UserLocation> userLocation_;
+    bool showsUserLocation_ = false;
+    platform::CoordinateRegion region_;
+    platform::MapRect visibleRect_;
+    std::vector<std::shared_ptr<platform::Annotation>> selected_;
+    std::vector<RegionChange> regionChanges_;
+    std::vector<VisibleRectChange> visibleRectChanges_;
+    std::vector<Deselection> deselections_;
+    std::vector<std::shared_ptr<platform::AnnotationView>> dequeued_;
+};
+
+/// The in-memory toolkit: a key window the size of the screen, a device the test rotates, pages
+/// loaded through the HTTP port, and records of animations and presentations. Main thread only.
+/// It keeps the loop and the HTTP client by weak reference: their owner keeps them alive.
+class VirtualViewSystem final : public platform::ViewSystem {
+  public:
+    VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
+                      const std::shared_ptr<platform::HttpClient>& http);
+    ~VirtualViewSystem() override;
+
+    std::shared_ptr<platform::View> keyWindow() override { return keyWindow_; }
+    [[nodiscard]] platform::Rect mainScreenBounds() const override;
+    [[nodiscard]] platform::DeviceOrientation deviceOrientation() const override {
+        return deviceOrientation_;
+    }
+    [[nodiscard]] platform::InterfaceOrientation statusBarOrientation() const override {
+        return interfaceOrientation_;
+    }
+    [[nodiscard]] bool isStatusBarHidden() const override { return statusBarHidden_; }
+    void addDeviceOrientationObserver(std::function<void()> handler) override;
+    [[nodiscard]] std::optional<std::string> pathForResource(const std::string& name,
+                                                             const std::string& type) const override;
+
+    std::shared_ptr<platform::View> makeView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::WebView> makeWebView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::ActivityIndicatorView> makeActivityIndicator(
+        platform::ActivityIndicatorStyle style) override;
+    std::shared_ptr<platform::Button> makeButton(platform::ButtonType type,
+                                                 const platform::Rect& frame) override;
+    std::shared_ptr<platform::Label> makeLabel(const platform::Rect& frame) override;
+    std::shared_ptr<platform::NavigationBar> makeNavigationBar(const platform::Rect& frame) override;
+    std::shared_ptr<platform::TableView> makeTableView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::TableViewCell> makeTableViewCell(platform::TableViewCellStyle style,
+                                                               const std::string& reuseIdentifier) override;
+    std::shared_ptr<platform::MapView> makeMapView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::AnnotationView> makeAnnotationView(
+        std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) override;
+
+    void animate(const platform::ViewAnimation& animation, const std::function<void()>& changes) override;
+
+    void setRootPresentationContext(const platform::PresentationContext& context) override {
+        rootContext_ = context;
+    }
+    void presentModalView(std::shared_ptr<platform::View> view,
+                          const platform::ModalPresentation& presentation) override;
+    void dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) override;
+
+    /// The device turns: the device orientation, the interface orientation (for the four upright
+    /// ones), the screen bounds and the key window follow, and the orientation observers run.
+    void rotate(platform::DeviceOrientation orientation);
+    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
+    /// The portrait size of the screen (default 375 × 667).
+    void setScreenSize(const platform::Size& portrait);
+    /// The content size of the page at `url` once it has loaded.
+    void setPageContentSize(const std::string& url, const platform::Size& size);
+    /// How many subframes the page at `url` loads: each reports a finish while the page is still
+    /// loading, before the page's own final finish.
+    void setPageSubframes(const std::string& url, int count);
+    /// Whether the main bundle holds "TovrelSDKResources.bundle" (default yes).
+    void setResourceBundlePresent(bool present) { bundlePresent_ = present; }
+
+    [[nodiscard]] const std::vector<AnimationBlock>& animationBlocks() const;
+    [[nodiscard]] const std::vector<PresentationRecord>& presentations() const { return presentations_; }
+    /// The views presented now, oldest first.
+    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const;
+    [[nodiscard]] const platform::PresentationContext& rootPresentationContext() const {
+        return rootContext_;
+    }
+    [[nodiscard]] std::size_t orientationObserverCount() const { return observers_.size(); }
+
+  private:
+    std::shared_ptr<ViewContext> context_;
+    std::shared_ptr<platform::View> keyWindow_;
+    platform::Size portrait_{375, 667};
+    platform::DeviceOrientation deviceOrientation_ = platform::DeviceOrientation::kPortrait;
+    platform::InterfaceOrientation interfaceOrientation_ = platform::InterfaceOrientation::kPortrait;
+    bool statusBarHidden_ = false;
+    bool bundlePresent_ = true;
+    std::vector<std::function<void()>> observers_;
+    platform::PresentationContext rootContext_;
+    std::vector<PresentationRecord> presentations_;
+};
+
+/// The virtual view system of `platform` (its `views` port).
+VirtualViewSystem& virtualViews(const VirtualPlatform& platform);
+
+/// `view` as the virtual kind T, or null.
+template <class T>
+std::shared_ptr<T> virtualView(const std::shared_ptr<platform::View>& view) {
+    return std::dynamic_pointer_cast<T>(view);
+}
+
+}  // namespace tovrel::virtualbackend

@@ -1,0 +1,720 @@
+#include "tovrel/virtual/virtual_views.h"
+
+#include <algorithm>
+
+#include "tovrel/virtual/virtual_platform.h"
+
+namespace tovrel::virtualbackend {
+
+using platform::Appearance;
+
+/// What a ViewSystem shares with its views. Only weak references point back out, so a view held by
+/// a posted task or a timer never keeps the loop, the client or the system alive.
+struct ViewContext {
+    std::weak_ptr<platform::MainLoop> loop;
+    std::weak_ptr<platform::HttpClient> http;
+    std::weak_ptr<platform::View> keyWindow;
+    std::vector<std::weak_ptr<platform::View>> presented;
+    std::vector<AnimationBlock> blocks;
+    std::vector<std::size_t> openBlocks;
+    std::map<std::string, platform::Size> contentSizes;
+    std::map<std::string, int> subframes;
+
+    void post(platform::Task task) const {
+        if (auto mainLoop = loop.lock()) {
+            mainLoop->post(std::move(task));
+        }
+    }
+    [[nodiscard]] bool isScreenRoot(const platform::View* view) const {
+        if (view == keyWindow.lock().get()) {
+            return true;
+        }
+        return std::any_of(presented.begin(), presented.end(),
+                           [view](const auto& weak) { return weak.lock().get() == view; });
+    }
+};
+
+namespace {
+
+VirtualViewCore* coreOf(const platform::View* view) {
+    return dynamic_cast<VirtualViewCore*>(const_cast<platform::View*>(view));
+}
+
+void eraseView(std::vector<std::shared_ptr<platform::View>>& views, const platform::View* view) {
+    views.erase(std::remove_if(views.begin(), views.end(), [view](const auto& v) { return v.get() == view; }),
+                views.end());
+}
+
+}  // namespace
+
+// ---- VirtualViewCore ----
+
+VirtualViewCore::VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
+    : context_(std::move(context)), frame_(frame) {}
+
+VirtualViewCore::~VirtualViewCore() = default;
+
+bool VirtualViewCore::isOnScreen() const {
+    std::shared_ptr<platform::View> holder;
+    const platform::View* current = &self();
+    while (current != nullptr) {
+        if (context_->isScreenRoot(current)) {
+            return true;
+        }
+        holder = current->superview();
+        current = holder.get();
+    }
+    return false;
+}
+
+void VirtualViewCore::record(const char* property,
+                             std::variant<double, bool, platform::Rect, platform::Transform> value) {
+    if (context_->openBlocks.empty()) {
+        return;
+    }
+    context_->blocks[context_->openBlocks.back()].changes.push_back(
+        AnimatedChange{self().weak_from_this(), property, std::move(value)});
+}
+
+void VirtualViewCore::coreAddSubview(const std::shared_ptr<platform::View>& view) {
+    VirtualViewCore* child = view ? coreOf(view.get()) : nullptr;
+    if (child == nullptr || view.get() == &self()) {
+        return;
+    }
+    const auto previous = child->superview_.lock();
+    if (previous.get() == &self()) {
+        eraseView(subviews_, view.get());
+        subviews_.push_back(view);
+        return;
+    }
+    const bool wasOnScreen = child->isOnScreen();
+    if (previous) {
+        eraseView(coreOf(previous.get())->subviews_, view.get());
+    }
+    subviews_.push_back(view);
+    child->superview_ = self().weak_from_this();
+    const bool onScreen = child->isOnScreen();
+    if (onScreen != wasOnScreen) {
+        child->announce(onScreen ? Appearance::kWillAppear : Appearance::kWillDisappear);
+    }
+}
+
+void VirtualViewCore::coreRemoveFromSuperview() {
+    const auto parent = superview_.lock();
+    if (!parent) {
+        return;
+    }
+    const auto keepAlive = self().shared_from_this();
+    const bool wasOnScreen = isOnScreen();
+    eraseView(coreOf(parent.get())->subviews_, &self());
+    superview_.reset();
+    if (wasOnScreen) {
+        announce(Appearance::kWillDisappear);
+    }
+}
+
+void VirtualViewCore::collect(std::vector<std::shared_ptr<platform::View>>& into) {
+    into.push_back(self().shared_from_this());
+    for (const auto& subview : subviews_) {
+        if (auto* core = coreOf(subview.get())) {
+            core->collect(into);
+        }
+    }
+}
+
+void VirtualViewCore::announce(Appearance will) {
+    const bool appearing = will == Appearance::kWillAppear;
+    std::vector<std::shared_ptr<platform::View>> subtree;
+    collect(subtree);
+    for (const auto& view : subtree) {
+        coreOf(view.get())->deliver(will);
+    }
+    std::vector<std::weak_ptr<platform::View>> later(subtree.begin(), subtree.end());
+    context_->post([later = std::move(later), appearing] {
+        for (const auto& weak : later) {
+            const auto view = weak.lock();
+            auto* core = view ? coreOf(view.get()) : nullptr;
+            // A view that left (or came back) before this turn hears nothing more.
+            if (core != nullptr && core->isOnScreen() == appearing) {
+                core->deliver(appearing ? Appearance::kDidAppear : Appearance::kDidDisappear);
+            }
+        }
+    });
+}
+
+void VirtualViewCore::deliver(Appearance appearance) {
+    appearanceLog_.push_back(appearance);
+    const auto handler = appearanceHandler_;
+    if (handler) {
+        handler(appearance);
+    }
+}
+
+// ---- Scroll and web views ----
+
+void VirtualScrollView::setZoomScale(float scale) {
+    if (scale < minimum_) {
+        scale = minimum_;
+    }
+    if (scale > maximum_) {
+        scale = maximum_;
+    }
+    zoom_ = scale;
+}
+
+void VirtualWebView::loadRequest(const platform::URLRequest& request) {
+    requests_.push_back(request);
+    navigate(request, platform::WebNavigationType::kOther);
+}
+
+void VirtualWebView::tapLink(const std::string& url) {
+    platform::URLRequest request;
+    request.url = url;
+    navigate(request, platform::WebNavigationType::kLinkClicked);
+}
+
+void VirtualWebView::stopLoading() {
+    ++stopLoadingCount_;
+    if (loading_) {
+        ++generation_;
+        loading_ = false;
+    }
+}
+
+platform::Size VirtualWebView::sizeThatFits(const platform::Size& /*size*/) {
+    ++sizeThatFitsCount_;
+    return {frame_.width, frame_.height};
+}
+
+void VirtualWebView::navigate(const platform::URLRequest& request, platform::WebNavigationType type) {
+    if (auto delegate = delegate_.lock();
+        delegate && !delegate->webViewShouldStartLoadWithRequest(*this, request, type)) {
+        return;
+    }
+    const std::uint64_t generation = ++generation_;
+    if (request.url.empty()) {
+        loading_ = false;
+        return;
+    }
+    loading_ = true;
+    const std::weak_ptr<platform::View> weak = weak_from_this();
+    context_->post([weak, generation] {
+        const auto view = std::static_pointer_cast<VirtualWebView>(weak.lock());
+        if (view && view->generation_ == generation) {
+            if (auto delegate = view->delegate_.lock()) {
+                delegate->webViewDidStartLoad(*view);
+            }
+        }
+    });
+    const auto http = context_->http.lock();
+    if (!http) {
+        return;
+    }
+    platform::HttpRequest httpRequest;
+    httpRequest.method = "GET";
+    httpRequest.url = request.url;
+    httpRequest.timeoutSeconds = request.timeoutInterval;
+    httpRequest.ignoreCache =
+        request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalCacheData ||
+        request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalAndRemoteCacheData;
+    http->send(std::move(httpRequest), [weak, generation, request](platform::HttpResponse response) {
+        if (const auto view = std::static_pointer_cast<VirtualWebView>(weak.lock())) {
+            view->finish(generation, request, response);
+        }
+    });
+}
+
+void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest& request,
+                            const platform::HttpResponse& response) {
+    if (generation != generation_) {
+        return;
+    }
+    const auto keepAlive = shared_from_this();
+    if (response.error) {
+        loading_ = false;
+        if (auto delegate = delegate_.lock()) {
+            delegate->webViewDidFailLoadWithError(
+                *this, {response.error->code, response.error->localizedDescription});
+        }
+        return;
+    }
+    body_ = response.body;
+    const auto size = context_->contentSizes.find(request.url);
+    scrollView_.setContentSize(
+        size != context_->contentSizes.end() ? size->second : platform::Size{frame_.width, frame_.height});
+    const auto frames = context_->subframes.find(request.url);
+    const int subframes = frames == context_->subframes.end() ? 0 : frames->second;
+    for (int i = 0; i < subframes && generation == generation_; ++i) {
+        if (auto delegate = delegate_.lock()) {
+            delegate->webViewDidStartLoad(*this);
+        }
+        if (auto delegate = delegate_.lock(); delegate && generation == generation_) {
+            delegate->webViewDidFinishLoad(*this);
+        }
+    }
+    if (generation != generation_) {
+        return;
+    }
+    loading_ = false;
+    if (auto delegate = delegate_.lock()) {
+        delegate->webViewDidFinishLoad(*this);
+    }
+}
+
+// ---- Controls ----
+
+VirtualActivityIndicator::VirtualActivityIndicator(std::shared_ptr<ViewContext> context,
+                                                   platform::ActivityIndicatorStyle style)
+    : VirtualViewOf(std::move(context), style == platform::ActivityIndicatorStyle::kWhiteLarge
+                                            ? platform::Rect{0, 0, 37, 37}
+                                            : platform::Rect{0, 0, 20, 20}),
+      style_(style) {
+    hidden_ = true;
+}
+
+void VirtualActivityIndicator::setHidesWhenStopped(bool hides) {
+    hidesWhenStopped_ = hides;
+    if (!animating_) {
+        setHidden(hides);
+    }
+}
+
+void VirtualActivityIndicator::startAnimating() {
+    animating_ = true;
+    setHidden(false);
+}
+
+void VirtualActivityIndicator::stopAnimating() {
+    animating_ = false;
+    if (hidesWhenStopped_) {
+        setHidden(true);
+    }
+}
+
+bool VirtualButton::tap() {
+    const auto action = action_;
+    if (!action) {
+        return false;
+    }
+    action();
+    return true;
+}
+
+// ---- Tables ----
+
+VirtualTableViewCell::VirtualTableViewCell(std::shared_ptr<ViewContext> context,
+                                           platform::TableViewCellStyle style, std::string reuseIdentifier)
+    : VirtualViewOf(std::move(context), {0, 0, 320, 44}),
+      style_(style),
+      reuseIdentifier_(std::move(reuseIdentifier)) {}
+
+void VirtualTableView::reloadData() {
+    ++reloadCount_;
+    const auto shown = std::move(visible_);
+    visible_.clear();
+    for (const auto& cell : shown) {
+        reusable_[cell->reuseIdentifier()].push_back(cell);
+        cell->removeFromSuperview();
+    }
+    selected_.reset();
+    const auto dataSource = dataSource_.lock();
+    if (!dataSource) {
+        return;
+    }
+    const long rows = dataSource->tableViewNumberOfRowsInSection(*this, 0);
+    for (long row = 0; row < rows; ++row) {
+        const platform::IndexPath path{0, row};
+        auto cell = dataSource->tableViewCellForRowAtIndexPath(*this, path);
+        if (!cell) {
+            continue;
+        }
+        if (auto delegate = delegate_.lock()) {
+            cell->setIndentationLevel(delegate->tableViewIndentationLevelForRowAtIndexPath(*this, path));
+        }
+        cell->setFrame({0, 44.0 * static_cast<double>(row), frame_.width, 44});
+        visible_.push_back(cell);
+        addSubview(cell);
+    }
+    if (auto delegate = delegate_.lock()) {
+        footerHeight_ = delegate->tableViewHeightForFooterInSection(*this, 0);
+        footerView_ = delegate->tableViewViewForFooterInSection(*this, 0);
+    }
+}
+
+std::shared_ptr<platform::TableViewCell> VirtualTableView::dequeueReusableCellWithIdentifier(
+    const std::string& identifier) {
+    auto& queue = reusable_[identifier];
+    if (queue.empty()) {
+        return nullptr;
+    }
+    auto cell = queue.front();
+    queue.pop_front();
+    return cell;
+}
+
+std::shared_ptr<platform::TableViewCell> VirtualTableView::cellForRowAtIndexPath(
+    const platform::IndexPath& indexPath) const {
+    if (indexPath.section != 0 || indexPath.row < 0 || indexPath.row >= static_cast<long>(visible_.size())) {
+        return nullptr;
+    }
+    return visible_[static_cast<std::size_t>(indexPath.row)];
+}
+
+void VirtualTableView::deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) {
+    deselections_.emplace_back(indexPath, animated);
+    if (selected_ == indexPath) {
+        selected_.reset();
+    }
+}
+
+void VirtualTableView::tapRow(long row) {
+    const platform::IndexPath path{0, row};
+    selected_ = path;
+    if (auto delegate = delegate_.lock()) {
+        delegate->tableViewDidSelectRowAtIndexPath(*this, path);
+    }
+}
+
+// ---- Map ----
+
+VirtualAnnotationView::VirtualAnnotationView(std::shared_ptr<ViewContext> context,
+                                             std::shared_ptr<platform::Annotation> annotation,
+                                             std::string reuseIdentifier)
+    : VirtualViewOf(std::move(context), {0, 0, 32, 39}),
+      annotation_(std::move(annotation)),
+      reuseIdentifier_(std::move(reuseIdentifier)) {}
+
+VirtualMapView::VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
+    : VirtualViewOf(std::move(context), frame), userLocation_(std::make_shared<platform::UserLocation>()) {
+    userLocation_->coordinate = {-180, -180};
+}
+
+std::vector<std::shared_ptr<platform::Annotation>> VirtualMapView::annotations() const {
+    std::vector<std::shared_ptr<platform::Annotation>> all;
+    if (showsUserLocation_ && userLocation_->location) {
+        all.push_back(userLocation_);
+    }
+    for (const auto& pinned : pinned_) {
+        all.push_back(pinned.annotation);
+    }
+    return all;
+}
+
+void VirtualMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotation) {
+    const auto same = [&annotation](const Pinned& p) { return p.annotation == annotation; };
+    if (!annotation || std::any_of(pinned_.begin(), pinned_.end(), same)) {
+        return;
+    }
+    pinned_.push_back({annotation, nullptr});
+    std::shared_ptr<platform::AnnotationView> view;
+    if (auto delegate = delegate_.lock()) {
+        view = delegate->mapViewViewForAnnotation(*this, annotation);
+    }
+    const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
+    if (it != pinned_.end()) {
+        it->view = std::move(view);
+    }
+}
+
+void VirtualMapView::removeAnnotations(
+    const std::vector<std::shared_ptr<platform::Annotation>>& annotations) {
+    for (const auto& annotation : annotations) {
+        const auto it = std::find_if(pinned_.begin(), pinned_.end(),
+                                     [&annotation](const Pinned& p) { return p.annotation == annotation; });
+        if (it == pinned_.end()) {
+            continue;
+        }
+        if (it->view) {
+            reusable_[it->view->reuseIdentifier()].push_back(it->view);
+        }
+        pinned_.erase(it);
+        selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
+    }
+}
+
+std::vector<std::shared_ptr<platform::Overlay>> VirtualMapView::overlays() const {
+    std::vector<std::shared_ptr<platform::Overlay>> all;
+    for (const auto& drawn : drawn_) {
+        all.push_back(drawn.overlay);
+    }
+    return all;
+}
+
+void VirtualMapView::addOverlay(std::shared_ptr<platform::Overlay> overlay) {
+    if (!overlay) {
+        return;
+    }
+    platform::OverlayView view;
+    if (auto delegate = delegate_.lock()) {
+        view = delegate->mapViewViewForOverlay(*this, overlay);
+    }
+    drawn_.push_back({std::move(overlay), view});
+}
+
+void VirtualMapView::removeOverlays(const std::vector<std::shared_ptr<platform::Overlay>>& overlays) {
+    for (const auto& overlay : overlays) {
+        drawn_.erase(std::remove_if(drawn_.begin(), drawn_.end(),
+                                    [&overlay](const Drawn& d) { return d.overlay == overlay; }),
+                     drawn_.end());
+    }
+}
+
+std::shared_ptr<platform::AnnotationView> VirtualMapView::dequeueReusableAnnotationViewWithIdentifier(
+    const std::string& identifier) {
+    std::shared_ptr<platform::AnnotationView> view;
+    auto& queue = reusable_[identifier];
+    if (!queue.empty()) {
+        view = queue.front();
+        queue.pop_front();
+    }
+    dequeued_.push_back(view);
+    return view;
+}
+
+void VirtualMapView::deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation,
+                                        bool animated) {
+    deselections_.push_back({annotation, animated});
+    selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
+}
+
+void VirtualMapView::setRegion(const platform::CoordinateRegion& region, bool animated) {
+    region_ = region;
+    regionChanges_.push_back({region, animated});
+}
+
+void VirtualMapView::setVisibleMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding,
+                                       bool animated) {
+    visibleRect_ = rect;
+    visibleRectChanges_.push_back({rect, padding, animated});
+}
+
+void VirtualMapView::deliverUserLocation(const platform::Location& location) {
+    userLocation_->location = location;
+    userLocation_->coordinate = location.coordinate;
+    userLocation_->updating = true;
+    if (!showsUserLocation_) {
+        return;
+    }
+    if (auto delegate = delegate_.lock()) {
+        delegate->mapViewDidUpdateUserLocation(*this, *userLocation_);
+    }
+}
+
+void VirtualMapView::selectAnnotation(const std::shared_ptr<platform::Annotation>& annotation) {
+    if (std::find(selected_.begin(), selected_.end(), annotation) == selected_.end()) {
+        selected_.push_back(annotation);
+    }
+}
+
+bool VirtualMapView::tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation,
+                                         bool right) {
+    const auto view = viewForAnnotation(annotation);
+    if (!view) {
+        return false;
+    }
+    const auto control = right ? view->rightCalloutAccessoryView() : view->leftCalloutAccessoryView();
+    if (!std::dynamic_pointer_cast<platform::Button>(control)) {
+        return false;
+    }
+    selectAnnotation(annotation);
+    if (auto delegate = delegate_.lock()) {
+        delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*this, *view, *control);
+    }
+    return true;
+}
+
+std::shared_ptr<platform::AnnotationView> VirtualMapView::viewForAnnotation(
+    const std::shared_ptr<platform::Annotation>& annotation) const {
+    const auto it = std::find_if(pinned_.begin(), pinned_.end(),
+                                 [&annotation](const Pinned& p) { return p.annotation == annotation; });
+    return it == pinned_.end() ? nullptr : it->view;
+}
+
+std::optional<platform::OverlayView> VirtualMapView::viewForOverlay(
+    const std::shared_ptr<platform::Overlay>& overlay) const {
+    const auto it = std::find_if(drawn_.begin(), drawn_.end(),
+                                 [&overlay](const Drawn& d) { return d.overlay == overlay; });
+    return it == drawn_.end() ? std::nullopt : std::optional(it->view);
+}
+
+// ---- The system ----
+
+VirtualViewSystem::VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
+                                     const std::shared_ptr<platform::HttpClient>& http)
+    : context_(std::make_shared<ViewContext>()) {
+    context_->loop = loop;
+    context_->http = http;
+    keyWindow_ =
+        std::make_shared<VirtualView>(context_, platform::Rect{0, 0, portrait_.width, portrait_.height});
+    context_->keyWindow = keyWindow_;
+}
+
+VirtualViewSystem::~VirtualViewSystem() = default;
+
+platform::Rect VirtualViewSystem::mainScreenBounds() const {
+    const bool landscape = interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeLeft ||
+                           interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeRight;
+    return landscape ? platform::Rect{0, 0, portrait_.height, portrait_.width}
+                     : platform::Rect{0, 0, portrait_.width, portrait_.height};
+}
+
+void VirtualViewSystem::addDeviceOrientationObserver(std::function<void()> handler) {
+    observers_.push_back(std::move(handler));
+}
+
+std::optional<std::string> VirtualViewSystem::pathForResource(const std::string& name,
+                                                              const std::string& type) const {
+    if (name == "TovrelSDKResources" && type == "bundle" && bundlePresent_) {
+        return "/virtual/Host.app/TovrelSDKResources.bundle";
+    }
+    return std::nullopt;
+}
+
+std::shared_ptr<platform::View> VirtualViewSystem::makeView(const platform::Rect& frame) {
+    return std::make_shared<VirtualView>(context_, frame);
+}
+
+std::shared_ptr<platform::WebView> VirtualViewSystem::makeWebView(const platform::Rect& frame) {
+    return std::make_shared<VirtualWebView>(context_, frame);
+}
+
+std::shared_ptr<platform::ActivityIndicatorView> VirtualViewSystem::makeActivityIndicator(
+    platform::ActivityIndicatorStyle style) {
+    return std::make_shared<VirtualActivityIndicator>(context_, style);
+}
+
+std::shared_ptr<platform::Button> VirtualViewSystem::makeButton(platform::ButtonType type,
+                                                                const platform::Rect& frame) {
+    return std::make_shared<VirtualButton>(context_, type, frame);
+}
+
+std::shared_ptr<platform::Label> VirtualViewSystem::makeLabel(const platform::Rect& frame) {
+    return std::make_shared<VirtualLabel>(context_, frame);
+}
+
+std::shared_ptr<platform::NavigationBar> VirtualViewSystem::makeNavigationBar(const platform::Rect& frame) {
+    return std::make_shared<VirtualNavigationBar>(context_, frame);
+}
+
+std::shared_ptr<platform::TableView> VirtualViewSystem::makeTableView(const platform::Rect& frame) {
+    return std::make_shared<VirtualTableView>(context_, frame);
+}
+
+std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(
+    platform::TableViewCellStyle style, const std::string& reuseIdentifier) {
+    return std::make_shared<VirtualTableViewCell>(context_, style, reuseIdentifier);
+}
+
+std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform::Rect& frame) {
+    return std::make_shared<VirtualMapView>(context_, frame);
+}
+
+std::shared_ptr<platform::AnnotationView> VirtualViewSystem::makeAnnotationView(
+    std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) {
+    return std::make_shared<VirtualAnnotationView>(context_, std::move(annotation), reuseIdentifier);
+}
+
+void VirtualViewSystem::animate(const platform::ViewAnimation& animation,
+                                const std::function<void()>& changes) {
+    context_->blocks.push_back({animation, {}});
+    context_->openBlocks.push_back(context_->blocks.size() - 1);
+    if (changes) {
+        changes();
+    }
+    context_->openBlocks.pop_back();
+}
+
+const std::vector<AnimationBlock>& VirtualViewSystem::animationBlocks() const {
+    return context_->blocks;
+}
+
+void VirtualViewSystem::presentModalView(std::shared_ptr<platform::View> view,
+                                         const platform::ModalPresentation& presentation) {
+    auto* core = view ? coreOf(view.get()) : nullptr;
+    if (core == nullptr || context_->isScreenRoot(view.get())) {
+        return;
+    }
+    const bool wasOnScreen = core->isOnScreen();
+    presentations_.push_back({view, presentation, rootContext_, false, false});
+    context_->presented.push_back(view);
+    if (!wasOnScreen) {
+        core->announce(Appearance::kWillAppear);
+    }
+}
+
+void VirtualViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) {
+    auto& presented = context_->presented;
+    const auto it = std::find_if(presented.begin(), presented.end(),
+                                 [&view](const auto& weak) { return weak.lock() == view; });
+    if (!view || it == presented.end()) {
+        return;
+    }
+    presented.erase(it);
+    for (auto record = presentations_.rbegin(); record != presentations_.rend(); ++record) {
+        if (record->view == view && !record->dismissed) {
+            record->dismissed = true;
+            record->dismissedAnimated = animated;
+            break;
+        }
+    }
+    auto* core = coreOf(view.get());
+    if (!core->isOnScreen()) {
+        core->announce(Appearance::kWillDisappear);
+    }
+}
+
+std::vector<std::shared_ptr<platform::View>> VirtualViewSystem::presentedViews() const {
+    std::vector<std::shared_ptr<platform::View>> views;
+    for (const auto& weak : context_->presented) {
+        if (auto view = weak.lock()) {
+            views.push_back(std::move(view));
+        }
+    }
+    return views;
+}
+
+void VirtualViewSystem::rotate(platform::DeviceOrientation orientation) {
+    using platform::DeviceOrientation;
+    using platform::InterfaceOrientation;
+    deviceOrientation_ = orientation;
+    switch (orientation) {
+        case DeviceOrientation::kPortrait:
+            interfaceOrientation_ = InterfaceOrientation::kPortrait;
+            break;
+        case DeviceOrientation::kPortraitUpsideDown:
+            interfaceOrientation_ = InterfaceOrientation::kPortraitUpsideDown;
+            break;
+        case DeviceOrientation::kLandscapeLeft:
+            interfaceOrientation_ = InterfaceOrientation::kLandscapeRight;
+            break;
+        case DeviceOrientation::kLandscapeRight:
+            interfaceOrientation_ = InterfaceOrientation::kLandscapeLeft;
+            break;
+        default:
+            break;
+    }
+    keyWindow_->setFrame(mainScreenBounds());
+    const auto observers = observers_;
+    for (const auto& observer : observers) {
+        observer();
+    }
+}
+
+void VirtualViewSystem::setScreenSize(const platform::Size& portrait) {
+    portrait_ = portrait;
+    keyWindow_->setFrame(mainScreenBounds());
+}
+
+void VirtualViewSystem::setPageContentSize(const std::string& url, const platform::Size& size) {
+    context_->contentSizes[url] = size;
+}
+
+void VirtualViewSystem::setPageSubframes(const std::string& url, int count) {
+    context_->subframes[url] = count;
+}
+
+VirtualViewSystem& virtualViews(const VirtualPlatform& platform) {
+    return static_cast<VirtualViewSystem&>(*platform.views);
+}
+
+}  // namespace tovrel::virtualbackend

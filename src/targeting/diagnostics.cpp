@@ -1,0 +1,84 @@
+#include "foundation/format.h"
+#include "targeting/monitor_support.h"
+#include "targeting/proximity_policy.h"
+#include "tovrel/analytics_manager.h"
+#include "tovrel/environment.h"
+#include "tovrel/location_manager.h"
+#include "tovrel/preferences_keys.h"
+
+namespace tovrel {
+namespace {
+
+const char* enabledText(bool enabled) {
+    return enabled ? "Enabled" : "Disabled";
+}
+
+}  // namespace
+
+void LocationManager::sendLogs() {
+    const auto& platform = environment_.platform();
+    const auto stored = targeting::storedLocation(*platform.preferences);
+    if (!stored) {
+        return;
+    }
+    const bool locationServices = platform.location && platform.location->locationServicesEnabled();
+    bool notificationServices = true;
+    if (platform.notifications && targeting::systemVersionAtLeast8(*platform.device)) {
+        // Only a mask of 0 (nothing allowed) counts as disabled; a badge-only mask is enabled.
+        if (const auto mask = platform.notifications->currentUserNotificationSettings(); mask && *mask == 0) {
+            notificationServices = false;
+        }
+    }
+
+    auto& analytics = environment_.analyticsManager();
+    const std::string deviceId = targeting::storedText(*platform.preferences, prefs::kAdid);
+    const auto ignore = [](const auto&) {};
+    analytics.logMessage({{"tovrel_services",
+                           {{"location_services", enabledText(locationServices)},
+                            {"notification_services", enabledText(notificationServices)}}}},
+                         deviceId, ignore);
+
+    const auto provider = locationManager();
+    const double accuracy = provider ? provider->desiredAccuracy() : 0;
+    analytics.logMessage({{"location_updates",
+                           {{"timestamp", format0f(platform.clock->now())},
+                            {"lat", formatF(stored->coordinate.latitude)},
+                            {"lng", formatF(stored->coordinate.longitude)},
+                            {"location_accuracy", format0f(accuracy)}}}},
+                         deviceId, ignore);
+
+    // Taken out under the lock: records a check appends meanwhile wait for the next pass, in order.
+    std::vector<targeting::HistoryRecord> history;
+    std::vector<targeting::TargetRecord> targets;
+    {
+        std::lock_guard lock(mutex_);
+        history.swap(logHistory_);
+        targets.swap(logTargets_);
+    }
+    if (!history.empty()) {
+        nlohmann::json records = nlohmann::json::array();
+        for (const auto& record : history) {
+            records.push_back(targeting::toJson(record));
+        }
+        analytics.logMessage({{"targeting_updates", std::move(records)}}, deviceId, ignore);
+    }
+    if (!targets.empty()) {
+        nlohmann::json records = nlohmann::json::array();
+        for (const auto& record : targets) {
+            records.push_back(targeting::toJson(record));
+        }
+        analytics.logMessage({{"bounding_area", std::move(records)}}, deviceId, ignore);
+    }
+    // The emptied buffers go back with their capacity, unless checks have appended meanwhile.
+    history.clear();
+    targets.clear();
+    std::lock_guard lock(mutex_);
+    if (logHistory_.empty()) {
+        logHistory_.swap(history);
+    }
+    if (logTargets_.empty()) {
+        logTargets_.swap(targets);
+    }
+}
+
+}  // namespace tovrel

@@ -1,0 +1,258 @@
+#include <cstdint>
+#include <limits>
+
+#include "foundation/format.h"
+#include "foundation/log.h"
+#include "foundation/value.h"
+#include "targeting/monitor_support.h"
+#include "targeting/proximity_policy.h"
+#include "targeting/target_list.h"
+#include "tovrel/analytics_manager.h"
+#include "tovrel/data_service.h"
+#include "tovrel/environment.h"
+#include "tovrel/location_manager.h"
+#include "tovrel/notification_names.h"
+#include "tovrel/preferences_keys.h"
+#include "tovrel/region.h"
+
+namespace tovrel {
+namespace {
+
+constexpr double kHeldMessageInterval = 5;
+
+/// The first element of a link answer's places (null when there is none).
+const Json& firstRecord(const Json& places) {
+    static const Json kNull;
+    return places.is_array() && !places.empty() ? places.front() : kNull;
+}
+
+}  // namespace
+
+double LocationManager::calculateDistanceInMetersBetweenCoord(const platform::Coordinate& first,
+                                                              const platform::Coordinate& second) {
+    return targeting::haversineMeters(first, second);
+}
+
+double LocationManager::getClosestBB(const platform::Location& location) {
+    targeting::NearestSet nearest;
+    std::lock_guard lock(mutex_);
+    targets_->nearest(location.coordinate, nearest);
+    return nearest.hits.empty() ? std::numeric_limits<double>::infinity() : nearest.distance;
+}
+
+void LocationManager::checkForLocationTarget(const platform::Location& location) {
+    const auto& platform = environment_.platform();
+    auto& log = *platform.log;
+    // Taken out for the duration of the check, so a check started from inside this one stays correct.
+    std::unique_ptr<targeting::NearestSet> scan = std::move(nearestScratch_);
+    if (!scan) {
+        scan = std::make_unique<targeting::NearestSet>();
+    }
+    std::uint64_t version = 0;
+    bool empty = false;
+    {
+        std::lock_guard lock(mutex_);
+        empty = targets_->empty();
+        if (!empty) {
+            targets_->nearest(location.coordinate, *scan);
+            version = targetsVersion_.load();
+        }
+    }
+    if (empty) {
+        nearestScratch_ = std::move(scan);
+        getTargets();
+        return;
+    }
+    const double nearest = scan->distance;
+
+    // The dwell timer belongs to this one check: a timer from an earlier update is never cancelled.
+    std::shared_ptr<platform::Timer> dwellTimer;
+    const auto handle = [&](const std::shared_ptr<hRegion>& target, double distance) {
+        const auto provider = providerOnMain();
+        const double accuracy = provider ? provider->desiredAccuracy() : 0;
+        const double filter = provider ? provider->distanceFilter() : 0;
+        const double now = platform.clock->now();
+        const platform::Coordinate here = location.coordinate;
+        {
+            std::lock_guard lock(mutex_);
+            logHistory_.push_back(
+                {now, distance, accuracy, filter, target->radius, here.latitude, here.longitude});
+            logTargets_.push_back({now, target});
+        }
+        targeting::appendNearestTargetMessage(TOVREL_BEGIN_LOG_LINE(logLineBuffer_), distance, accuracy,
+                                              filter, target->radius);
+        log.write(logLineBuffer_);
+
+        if (target->radius < distance) {
+            deviceHasExited_ = true;
+            TOVREL_BEGIN_LOG_LINE(logLineBuffer_).append("Outside the target bounds!");
+            log.write(logLineBuffer_);
+            if (dwellTimer) {
+                dwellTimer->invalidate();
+            }
+            if (const auto settings = targeting::accuracyLadder(nearest, accuracyError_);
+                settings && provider) {
+                provider->setDesiredAccuracy(settings->desiredAccuracy);
+                provider->setDistanceFilter(settings->distanceFilter);
+            }
+        }
+        if (distance < target->radius) {
+            deviceHasExited_ = false;
+            TOVREL_BEGIN_LOG_LINE(logLineBuffer_).append("Inside the target bounds!");
+            log.write(logLineBuffer_);
+            // Inside, the accuracy alternates: one update switches to best and links, the next one
+            // switches back to ten metres.
+            if (provider && accuracy == platform::accuracy::kBest) {
+                provider->setDesiredAccuracy(platform::accuracy::kNearestTenMeters);
+                return;
+            }
+            if (provider) {
+                provider->setDesiredAccuracy(platform::accuracy::kBest);
+            }
+            const std::string message = targeting::offerMessage(target->eventName, target->alertText);
+            if (!presentNotifications) {
+                return;
+            }
+            const int dwell = static_cast<int>(target->dwelltime);
+            if (dwell <= 0) {
+                linkVisit(target, message, {__PRETTY_FUNCTION__, __LINE__});
+                return;
+            }
+            if (dwellTimer) {
+                dwellTimer->invalidate();
+            }
+            const int seconds = static_cast<int>(static_cast<std::uint32_t>(dwell) * 60U);
+            dwellTimer = platform.mainLoop->scheduleTimer(
+                static_cast<double>(seconds), false, [self = shared_from_this(), target, message] {
+                    self->linkVisit(target, message, {__PRETTY_FUNCTION__, __LINE__});
+                });
+        }
+    };
+
+    // Every target at the nearest distance is handled, in list order. Handling one may change the list
+    // (a link answered at once): the remaining rounds then run against the list as it has become,
+    // re-reading its length each round, as a plain indexed walk would.
+    std::size_t nextIndex = 0;
+    bool listChanged = false;
+    for (const auto& hit : scan->hits) {
+        if (targetsVersion_.load() != version) {
+            listChanged = true;
+            break;
+        }
+        std::shared_ptr<hRegion> target;
+        {
+            std::lock_guard lock(mutex_);
+            target = (*targets_)[hit.index];
+        }
+        handle(target, hit.distance);
+        nextIndex = hit.index + 1;
+    }
+    nearestScratch_ = std::move(scan);
+    if (listChanged || targetsVersion_.load() != version) {
+        for (std::size_t i = nextIndex;; ++i) {
+            std::shared_ptr<hRegion> target;
+            {
+                std::lock_guard lock(mutex_);
+                if (i >= targets_->size()) {
+                    break;
+                }
+                target = (*targets_)[i];
+            }
+            const double distance = targeting::haversineMeters(target->center, location.coordinate);
+            if (!(distance > nearest)) {
+                handle(target, distance);
+            }
+        }
+    }
+
+    if (nearest > targeting::kRefreshDistance) {
+        auto& center = environment_.notificationCenter();
+        center.post(kTovrelInBounds);
+        center.post(kTovrelRefreshUserLocation);
+        getTargets();
+    }
+}
+
+void LocationManager::linkVisit(const std::shared_ptr<hRegion>& target, const std::string& message,
+                                LogSite site) {
+    environment_.dataService().sendDeviceLinkWithEventId(
+        target->eventId, target->placeId, targeting::storedSessionKey(*environment_.platform().preferences),
+        [self = shared_from_this(), target, message, site](const Json& places, const Json& deviceEventId,
+                                                           const ServiceError& /*error*/) {
+            self->linkAnswer(places, deviceEventId, target, message, site);
+        });
+}
+
+void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
+                                 const std::shared_ptr<hRegion>& target, const std::string& message,
+                                 LogSite site) {
+    if (deviceEventId.is_null()) {
+        return;
+    }
+    const auto& platform = environment_.platform();
+    auto& prefs = *platform.preferences;
+    if (!places.is_null()) {
+        {
+            std::lock_guard lock(mutex_);
+            offers_.push_back(places);
+        }
+        const Json& first = firstRecord(places);
+        const long long stored = integerValue(prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()));
+        const long long fresh = integerValueFor(first, "deviceEventId");
+        // A repeated identifier was delivered already; a suppressed message is never delivered.
+        if (stored != fresh && integerValueFor(first, "suppressMessage") == 0) {
+            prefs.setObject(prefs::kDeviceEventId, deviceEventId);
+            switch (target->eventTypeId) {
+                case 1:
+                    logLine(*platform.log, functionName(site.prettyFunction), site.line, "TODO intercept");
+                    break;
+                case 2: {
+                    // Each firing posts a fresh copy; replacing the property does not stop an earlier
+                    // timer, which goes on delivering its own message after the exit.
+                    auto* center = &environment_.notificationCenter();
+                    queueMessageTimer_ = platform.mainLoop->scheduleTimer(
+                        kHeldMessageInterval, true, [center, message, deviceEventId] {
+                            center->post(kTovrelNotificationQueued,
+                                         Json{{"body", message}, {"deviceeventid", deviceEventId}});
+                        });
+                    break;
+                }
+                case 3:
+                    sendNotification(message, static_cast<int>(integerValue(deviceEventId)));
+                    break;
+                default:
+                    break;
+            }
+            platform.application->setApplicationIconBadgeNumber(1);
+            environment_.dataService().sendDeviceUpdateWithDeviceEventId(
+                prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()), "ack",
+                targeting::storedSessionKey(prefs),
+                [self = shared_from_this(), target](const Json& /*status*/, const ServiceError& /*error*/) {
+                    self->acknowledged(target);
+                });
+        }
+    }
+    removeFirstTarget();
+}
+
+void LocationManager::removeFirstTarget() {
+    std::lock_guard lock(mutex_);
+    if (!targets_->empty()) {
+        targets_->eraseFront();
+        ++targetsVersion_;
+    }
+}
+
+void LocationManager::acknowledged(const std::shared_ptr<hRegion>& target) {
+    const auto& platform = environment_.platform();
+    platform.background->detachNewThread([self = shared_from_this()] { self->getTargets(); });
+    environment_.notificationCenter().post(kTovrelInBounds, target);
+    const Json message{
+        {"event_notification_sent",
+         {{"timestamp", format0f(platform.clock->now())}, {"eventid", targeting::printed(target->eventId)}}},
+    };
+    environment_.analyticsManager().logMessage(
+        message, targeting::storedText(*platform.preferences, prefs::kAdid), [](const auto&) {});
+}
+
+}  // namespace tovrel

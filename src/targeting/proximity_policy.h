@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cmath>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tovrel/platform/location.h"
+
+namespace tovrel {
+struct hRegion;
+}
+
+namespace tovrel::targeting {
+
+/// Degrees to radians, as the distance has always been computed.
+inline constexpr double kDegreesToRadians = 0.017453292519943295;
+/// The earth's radius in kilometres, held as an integer.
+inline constexpr int kEarthRadiusKm = 6371;
+
+/// The haversine distance in metres from `first` to `second`, evaluated in exactly this order so
+/// that every caller gets the same bits for the same coordinates.
+inline double haversineMeters(const platform::Coordinate& first, const platform::Coordinate& second) {
+    const double dLat = (second.latitude - first.latitude) * kDegreesToRadians;
+    const double dLon = (second.longitude - first.longitude) * kDegreesToRadians;
+    const double sinHalfLat = std::sin(dLat / 2);
+    const double sinHalfLon = std::sin(dLon / 2);
+    const double a = sinHalfLat * sinHalfLat + std::cos(first.latitude * kDegreesToRadians) *
+                                                   std::cos(second.latitude * kDegreesToRadians) *
+                                                   sinHalfLon * sinHalfLon;
+    const double angle = 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
+    return kEarthRadiusKm * angle * 1000;
+}
+
+/// Desired accuracy and distance filter for the location source.
+struct LocationSettings {
+    double desiredAccuracy;
+    double distanceFilter;
+    bool operator==(const LocationSettings&) const = default;
+};
+
+/// The accuracy ladder, keyed by the distance to the nearest target. Exactly 300, 500 or 1000 m (and
+/// a distance that is not a number) leave the settings unchanged: nullopt.
+std::optional<LocationSettings> accuracyLadder(double nearest, bool accuracyError);
+
+/// Farther than this from every target, the check asks for fresh targets.
+inline constexpr double kRefreshDistance = 4500;
+
+/// The text handed to delivery: the event name and the alert text on two lines.
+std::string offerMessage(const nlohmann::json& eventName, const nlohmann::json& alertText);
+
+/// One targeting-check record of logHistoryArray, kept as numbers and formatted when uploaded.
+struct HistoryRecord {
+    double timestamp;
+    double distance;
+    double desiredAccuracy;
+    double distanceFilter;
+    double radius;
+    double latitude;
+    double longitude;
+};
+
+/// One nearby-target record of logTargetsArray.
+struct TargetRecord {
+    double timestamp;
+    std::shared_ptr<const hRegion> target;
+};
+
+/// {"timestamp", "distance_from_target", "location_accuracy", "location_distancefilter", "target_size",
+/// "lat", "lng"}: seven strings.
+nlohmann::json toJson(const HistoryRecord& record);
+/// {"timestamp", "event_id" (as stored), "event_centroidlat", "event_centroidlon"}.
+nlohmann::json toJson(const TargetRecord& record);
+
+/// Appends `value` as printf's "%f" would print it (six decimals).
+void appendFixed6(std::string& out, double value);
+
+/// The proximity check's log message for one nearest target.
+std::string nearestTargetMessage(double distance, double desiredAccuracy, double distanceFilter,
+                                 double radius);
+/// Appends that message to `out`.
+void appendNearestTargetMessage(std::string& out, double distance, double desiredAccuracy,
+                                double distanceFilter, double radius);
+
+}  // namespace tovrel::targeting

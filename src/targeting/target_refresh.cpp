@@ -1,0 +1,45 @@
+#include "targeting/monitor_support.h"
+#include "targeting/target_list.h"
+#include "tovrel/data_service.h"
+#include "tovrel/environment.h"
+#include "tovrel/location_manager.h"
+#include "tovrel/region.h"
+
+namespace tovrel {
+
+void LocationManager::getTargets() {
+    const auto& prefs = *environment_.platform().preferences;
+    const auto location = targeting::storedLocation(prefs);
+    if (!location) {
+        return;
+    }
+    environment_.dataService().getLocationsWithLocation(
+        *location, targeting::storedSessionKey(prefs),
+        [self = shared_from_this()](const Json& places, const ServiceError& error) {
+            if (error) {
+                return;
+            }
+            self->replaceTargets(places);
+        });
+}
+
+void LocationManager::replaceTargets(const Json& places) {
+    std::vector<std::shared_ptr<hRegion>> fresh;
+    if (places.is_array()) {
+        fresh.reserve(places.size());
+        for (const auto& record : places) {
+            auto target = hRegion::fromPlaceRecord(record);
+            if (target->linked == 0) {
+                fresh.push_back(std::move(target));
+            }
+        }
+    }
+    // The ranking data is worked out before the lock is taken.
+    targeting::TargetList list;
+    list.assign(std::move(fresh));
+    std::lock_guard lock(mutex_);
+    *targets_ = std::move(list);
+    ++targetsVersion_;
+}
+
+}  // namespace tovrel

@@ -1,0 +1,306 @@
+#include "screens_fixture.h"
+
+namespace tovrel {
+namespace {
+
+using platform::Appearance;
+using virtualbackend::Reply;
+using virtualbackend::VirtualMapView;
+using virtualbackend::VirtualTableView;
+using virtualbackend::VirtualView;
+using virtualbackend::VirtualWebView;
+
+class VirtualViewsTest : public testing::ScreensTest {
+  protected:
+    std::shared_ptr<platform::View> plain() { return views.makeView({0, 0, 10, 10}); }
+    static const std::vector<Appearance>& heardBy(const std::shared_ptr<platform::View>& view) {
+        return as<VirtualView>(view).appearanceLog();
+    }
+};
+
+TEST_F(VirtualViewsTest, EnteringTheWindowIsAnnouncedToTheWholeSubtree) {
+    const auto parent = plain();
+    const auto child = plain();
+    parent->addSubview(child);
+    EXPECT_TRUE(heardBy(child).empty());
+    std::vector<Appearance> heard;
+    parent->setAppearanceHandler([&heard](Appearance a) { heard.push_back(a); });
+
+    views.keyWindow()->addSubview(parent);
+    EXPECT_EQ(heard, std::vector<Appearance>{Appearance::kWillAppear});
+    device.loop().runUntilIdle();
+    EXPECT_EQ(heard, (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
+    EXPECT_EQ(heardBy(child), heard);
+    EXPECT_TRUE(as<VirtualView>(child).isOnScreen());
+
+    parent->removeFromSuperview();
+    device.loop().runUntilIdle();
+    EXPECT_EQ(heard.back(), Appearance::kDidDisappear);
+    EXPECT_FALSE(as<VirtualView>(child).isOnScreen());
+}
+
+TEST_F(VirtualViewsTest, ReaddingMovesToTheFrontWithoutAnnouncing) {
+    const auto a = plain();
+    const auto b = plain();
+    views.keyWindow()->addSubview(a);
+    views.keyWindow()->addSubview(b);
+    device.loop().runUntilIdle();
+    views.keyWindow()->addSubview(a);
+    EXPECT_EQ(views.keyWindow()->subviews(), (std::vector<std::shared_ptr<platform::View>>{b, a}));
+    EXPECT_EQ(heardBy(a).size(), 2u);
+}
+
+TEST_F(VirtualViewsTest, AddingElsewhereTakesTheViewFromItsParent) {
+    const auto first = plain();
+    const auto second = plain();
+    const auto child = plain();
+    first->addSubview(child);
+    second->addSubview(child);
+    EXPECT_TRUE(first->subviews().empty());
+    EXPECT_EQ(child->superview(), second);
+    child->addSubview(child);
+    EXPECT_TRUE(child->subviews().empty());
+}
+
+TEST_F(VirtualViewsTest, ADidAppearIsDroppedWhenTheViewLeftFirst) {
+    const auto view = plain();
+    views.keyWindow()->addSubview(view);
+    view->removeFromSuperview();
+    device.loop().runUntilIdle();
+    EXPECT_EQ(heardBy(view), (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kWillDisappear,
+                                                      Appearance::kDidDisappear}));
+}
+
+TEST_F(VirtualViewsTest, OnlyChangesInsideABlockAreRecorded) {
+    const auto view = plain();
+    view->setAlpha(0.5);
+    views.animate({0.25, platform::AnimationCurve::kEaseIn}, [&view] {
+        view->setAlpha(1.0);
+        view->setFrame({1, 2, 3, 4});
+    });
+    ASSERT_EQ(views.animationBlocks().size(), 1u);
+    const auto& changes = views.animationBlocks()[0].changes;
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_EQ(changes[0].property, "alpha");
+    EXPECT_EQ(std::get<platform::Rect>(changes[1].value), (platform::Rect{1, 2, 3, 4}));
+    EXPECT_EQ(view->alpha(), 1.0);
+}
+
+class VirtualWebViewTest : public VirtualViewsTest, public platform::WebViewDelegate {
+  protected:
+    void SetUp() override {
+        web = views.makeWebView({0, 0, 300, 400});
+        self = std::shared_ptr<platform::WebViewDelegate>(this, [](platform::WebViewDelegate*) {});
+        web->setDelegate(self);
+    }
+    bool webViewShouldStartLoadWithRequest(platform::WebView& /*webView*/,
+                                           const platform::URLRequest& request,
+                                           platform::WebNavigationType type) override {
+        events.push_back("should " + request.url +
+                         (type == platform::WebNavigationType::kLinkClicked ? " link" : ""));
+        return allow;
+    }
+    void webViewDidStartLoad(platform::WebView& webView) override {
+        events.push_back(webView.isLoading() ? "start" : "start idle");
+    }
+    void webViewDidFinishLoad(platform::WebView& webView) override {
+        events.push_back(webView.isLoading() ? "finish loading" : "finish");
+    }
+    void webViewDidFailLoadWithError(platform::WebView& /*webView*/,
+                                     const platform::WebError& error) override {
+        events.push_back("fail " + error.description);
+    }
+    void load(const std::string& url) {
+        platform::URLRequest request;
+        request.url = url;
+        web->loadRequest(request);
+    }
+
+    std::shared_ptr<platform::WebView> web;
+    VirtualWebView& virtualWeb() { return as<VirtualWebView>(web); }
+    std::shared_ptr<platform::WebViewDelegate> self;
+    std::vector<std::string> events;
+    bool allow = true;
+};
+
+TEST_F(VirtualWebViewTest, APageLoadsThroughTheHttpPort) {
+    load("http://pages.test/a.html");
+    EXPECT_TRUE(web->isLoading());
+    device.loop().runUntilIdle();
+    ASSERT_TRUE(device.http().respondTo("/a.html", Reply::text(200, "<p>a</p>")));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(events, (std::vector<std::string>{"should http://pages.test/a.html", "start", "finish"}));
+    EXPECT_FALSE(web->isLoading());
+    EXPECT_EQ(virtualWeb().pageBody(), "<p>a</p>");
+    EXPECT_EQ(web->scrollView().contentSize(), (platform::Size{300, 400}));
+}
+
+TEST_F(VirtualWebViewTest, ATransportFailureFailsTheLoad) {
+    load("http://pages.test/a.html");
+    ASSERT_TRUE(
+        device.http().respondTo("/a.html", Reply::failure(platform::HttpErrorKind::kTimeout, "timed out")));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(events.back(), "fail timed out");
+    EXPECT_FALSE(web->isLoading());
+}
+
+TEST_F(VirtualWebViewTest, ARefusedNavigationLoadsNothing) {
+    allow = false;
+    virtualWeb().tapLink("http://pages.test/b.html");
+    device.loop().runUntilIdle();
+    EXPECT_EQ(events, std::vector<std::string>{"should http://pages.test/b.html link"});
+    EXPECT_TRUE(device.http().requests().empty());
+}
+
+TEST_F(VirtualWebViewTest, ANewLoadOrAStopDropsTheOldAnswer) {
+    load("http://pages.test/a.html");
+    load("http://pages.test/b.html");
+    device.loop().runUntilIdle();
+    ASSERT_TRUE(device.http().respondTo("/a.html", Reply::text(200, "old")));
+    device.loop().runUntilIdle();
+    EXPECT_TRUE(web->isLoading());
+    ASSERT_TRUE(device.http().respondTo("/b.html", Reply::text(200, "new")));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(virtualWeb().pageBody(), "new");
+    EXPECT_EQ(std::count(events.begin(), events.end(), "start"), 1);
+
+    load("http://pages.test/c.html");
+    web->stopLoading();
+    ASSERT_TRUE(device.http().respondTo("/c.html", Reply::text(200, "late")));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(virtualWeb().pageBody(), "new");
+}
+
+TEST_F(VirtualWebViewTest, SubframesFinishWhileThePageIsStillLoading) {
+    views.setPageSubframes("http://pages.test/a.html", 1);
+    views.setPageContentSize("http://pages.test/a.html", {900, 50});
+    load("http://pages.test/a.html");
+    device.http().respondTo("/a.html", Reply::text(200, "x"));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(events, (std::vector<std::string>{"should http://pages.test/a.html", "start", "start",
+                                                "finish loading", "finish"}));
+    EXPECT_EQ(web->scrollView().contentSize(), (platform::Size{900, 50}));
+}
+
+TEST_F(VirtualViewsTest, TablesHandEachRowItsOwnCellOnReload) {
+    struct Source : platform::TableViewDataSource {
+        platform::ViewSystem* system = nullptr;
+        int made = 0;
+        long tableViewNumberOfRowsInSection(platform::TableView& /*t*/, long /*section*/) override {
+            return 3;
+        }
+        std::shared_ptr<platform::TableViewCell> tableViewCellForRowAtIndexPath(
+            platform::TableView& table, const platform::IndexPath& path) override {
+            auto cell = table.dequeueReusableCellWithIdentifier("c");
+            if (!cell) {
+                ++made;
+                cell = system->makeTableViewCell(platform::TableViewCellStyle::kDefault, "c");
+                cell->setText(std::to_string(path.row));
+            }
+            return cell;
+        }
+    };
+    auto source = std::make_shared<Source>();
+    source->system = &views;
+    const auto table = views.makeTableView({0, 0, 320, 480});
+    table->setDataSource(source);
+    table->reloadData();
+    table->reloadData();
+    EXPECT_EQ(source->made, 3);
+    EXPECT_EQ(table->cellForRowAtIndexPath({0, 2})->text(), "2");
+    EXPECT_EQ(table->cellForRowAtIndexPath({0, 3}), nullptr);
+    EXPECT_EQ(table->cellForRowAtIndexPath({1, 0}), nullptr);
+    EXPECT_EQ(table->subviews().size(), 3u);
+}
+
+TEST_F(VirtualViewsTest, TheMapKeepsTheUserLocationAndRecyclesPinViews) {
+    struct Delegate : platform::MapViewDelegate {
+        platform::ViewSystem* system = nullptr;
+        int updates = 0;
+        void mapViewDidUpdateUserLocation(platform::MapView& /*m*/,
+                                          const platform::UserLocation& /*u*/) override {
+            ++updates;
+        }
+        std::shared_ptr<platform::AnnotationView> mapViewViewForAnnotation(
+            platform::MapView& /*m*/, const std::shared_ptr<platform::Annotation>& annotation) override {
+            return system->makeAnnotationView(annotation, "pin");
+        }
+    };
+    auto delegate = std::make_shared<Delegate>();
+    delegate->system = &views;
+    const std::shared_ptr<platform::MapView> map = views.makeMapView({0, 0, 320, 480});
+    auto& virtualMap = as<VirtualMapView>(map);
+    map->setDelegate(delegate);
+    auto pin = std::make_shared<platform::PointAnnotation>();
+    map->addAnnotation(pin);
+    map->addAnnotation(pin);
+    EXPECT_EQ(map->annotations().size(), 1u);
+
+    platform::Location here;
+    here.coordinate = {1, 2};
+    virtualMap.deliverUserLocation(here);
+    EXPECT_EQ(delegate->updates, 0);
+    map->setShowsUserLocation(true);
+    virtualMap.deliverUserLocation(here);
+    EXPECT_EQ(delegate->updates, 1);
+    EXPECT_EQ(map->annotations().size(), 2u);
+
+    const auto pinView = virtualMap.viewForAnnotation(pin);
+    map->removeAnnotations(map->annotations());
+    EXPECT_EQ(map->annotations(), std::vector<std::shared_ptr<platform::Annotation>>{map->userLocation()});
+    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), pinView);
+    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), nullptr);
+    EXPECT_FALSE(virtualMap.tapCalloutAccessory(pin));
+}
+
+TEST_F(VirtualViewsTest, RotatingSwapsTheScreenAndTellsObservers) {
+    int told = 0;
+    views.addDeviceOrientationObserver([&told] { ++told; });
+    views.rotate(platform::DeviceOrientation::kLandscapeLeft);
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
+    EXPECT_EQ(views.mainScreenBounds(), (platform::Rect{0, 0, 667, 375}));
+    EXPECT_EQ(views.keyWindow()->frame(), views.mainScreenBounds());
+    views.rotate(platform::DeviceOrientation::kFaceDown);
+    EXPECT_EQ(views.deviceOrientation(), platform::DeviceOrientation::kFaceDown);
+    EXPECT_EQ(views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
+    EXPECT_EQ(told, 2);
+}
+
+TEST_F(VirtualViewsTest, PresentingTwiceIsIgnoredAndDismissAnnounces) {
+    const auto view = plain();
+    views.presentModalView(view, {});
+    views.presentModalView(view, {});
+    device.loop().runUntilIdle();
+    EXPECT_EQ(views.presentations().size(), 1u);
+    EXPECT_EQ(heardBy(view), (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
+    views.dismissModalView(view, false);
+    views.dismissModalView(view, false);
+    device.loop().runUntilIdle();
+    EXPECT_EQ(heardBy(view).back(), Appearance::kDidDisappear);
+    EXPECT_FALSE(views.presentations()[0].dismissedAnimated);
+}
+
+TEST_F(VirtualViewsTest, SpinnersHideWhileStopped) {
+    const auto spinner = views.makeActivityIndicator(platform::ActivityIndicatorStyle::kWhiteLarge);
+    EXPECT_EQ(spinner->frame(), (platform::Rect{0, 0, 37, 37}));
+    EXPECT_TRUE(spinner->isHidden());
+    spinner->startAnimating();
+    EXPECT_FALSE(spinner->isHidden());
+    spinner->setHidesWhenStopped(false);
+    spinner->stopAnimating();
+    EXPECT_FALSE(spinner->isHidden());
+    spinner->setCenter({100, 100});
+    EXPECT_EQ(spinner->frame(), (platform::Rect{81.5, 81.5, 37, 37}));
+}
+
+TEST(MapProjection, CoordinatesMapOntoTheWorldSquare) {
+    EXPECT_EQ(platform::mapPointForCoordinate({0, 0}),
+              (platform::MapPoint{platform::kMapWorldSize / 2, platform::kMapWorldSize / 2}));
+    EXPECT_DOUBLE_EQ(platform::mapPointForCoordinate({0, 180}).x, platform::kMapWorldSize);
+    EXPECT_LT(platform::mapPointForCoordinate({60, 0}).y, platform::mapPointForCoordinate({10, 0}).y);
+    EXPECT_TRUE(platform::MapRect::null().isNull());
+}
+
+}  // namespace
+}  // namespace tovrel
