@@ -18,7 +18,7 @@ packages=(
     build-essential cmake g++ clang libclang-rt-14-dev ninja-build pkg-config
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
-    libboost1.74-dev libssl-dev openssl curl python3
+    libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
 )
 
 missing=()

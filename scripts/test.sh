@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds Tovrel and runs every test suite: the fuzz targets for a bounded time, the
-# AddressSanitizer+UBSan build, then the optimised build (whose CTest summary closes the run).
+# AddressSanitizer+UBSan build, the ThreadSanitizer build of the real-thread suites, then the optimised build (whose CTest summary closes the run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,8 +11,9 @@ Usage: scripts/test.sh [--quick] [--help]
 Installs what is missing (scripts/setup.sh), then builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
-  3. the optimised build and its CTest suite
---quick   only step 3
+  3. the thread-sanitizer build of the suites that run on real threads
+  4. the optimised build and its CTest suite
+--quick   only step 4
 USAGE
 }
 quick=0
@@ -37,6 +38,13 @@ if ((quick == 0)); then
     cmake --preset asan >/dev/null
     cmake --build --preset asan -j "$jobs"
     ctest --preset asan -j "$jobs"
+
+    echo "== thread sanitizer: the suites that run on real threads"
+    cmake --preset tsan >/dev/null
+    tsan_targets=(tovrel_targeting_threads tovrel_curl_tests)
+    cmake --build --preset tsan -j "$jobs" --target "${tsan_targets[@]}"
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build/tsan/tests/scenarios/tovrel_targeting_threads --gtest_brief=1
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build/tsan/tests/curl/tovrel_curl_tests --gtest_brief=1
 fi
 
 echo "== optimised build"

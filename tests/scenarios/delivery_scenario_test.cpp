@@ -85,9 +85,9 @@ TEST_F(DeliveryScenario, ForegroundDeliveryShowsTheTextUnchanged) {
     device.lm->sendNotification("Save 20%", 42);
     EXPECT_TRUE(device.vp.notifications->presented().empty());
     const auto alert = device.vp.alerts->all().back();
-    EXPECT_EQ(alert.spec.message, "Save 20%");
-    EXPECT_EQ(alert.spec.cancelButtonTitle, "OK");
-    EXPECT_TRUE(alert.spec.otherButtonTitles.empty());
+    EXPECT_EQ(alert.alert.message, "Save 20%");
+    EXPECT_EQ(alert.alert.cancelButtonTitle, "OK");
+    EXPECT_TRUE(alert.alert.otherButtonTitles.empty());
     device.vp.alerts->press(alert.id, 0);
     EXPECT_EQ(device.updates(), (std::vector<std::pair<Json, std::string>>{{"42", "declined"}}));
 }
@@ -246,8 +246,8 @@ TEST_F(DeliveryScenario, ToastGoesAwayAfterTwoSeconds) {
     LocationManager::showToastMessage("Saved");
     const auto shown = device.vp.alerts->visible();
     ASSERT_EQ(shown.size(), 1u);
-    EXPECT_FALSE(shown[0].spec.title);
-    EXPECT_FALSE(shown[0].spec.cancelButtonTitle);
+    EXPECT_FALSE(shown[0].alert.title);
+    EXPECT_FALSE(shown[0].alert.cancelButtonTitle);
     device.loop().fastForwardBy(1.99);
     EXPECT_EQ(device.vp.alerts->visible().size(), 1u);
     device.loop().fastForwardBy(0.01);

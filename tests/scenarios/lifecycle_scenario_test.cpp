@@ -65,11 +65,11 @@ TEST_F(MonitoringScenario, LocationServicesOffShowsTheirAlertAndStartsNothing) {
     device.start();
     const auto alerts = device.vp.alerts->all();
     ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_EQ(alerts[0].spec.title, "Message");
-    EXPECT_EQ(alerts[0].spec.message, kServicesOff);
-    EXPECT_EQ(alerts[0].spec.cancelButtonTitle, "OK");
-    EXPECT_TRUE(alerts[0].spec.otherButtonTitles.empty());
-    EXPECT_FALSE(alerts[0].spec.onDismiss) << "the plain alert has no delegate";
+    EXPECT_EQ(alerts[0].alert.title, "Message");
+    EXPECT_EQ(alerts[0].alert.message, kServicesOff);
+    EXPECT_EQ(alerts[0].alert.cancelButtonTitle, "OK");
+    EXPECT_TRUE(alerts[0].alert.otherButtonTitles.empty());
+    EXPECT_FALSE(alerts[0].alert.onDismiss) << "the plain alert has no delegate";
     EXPECT_TRUE(device.location->providers().empty());
 }
 
@@ -78,7 +78,7 @@ TEST_F(MonitoringScenario, RegionMonitoringUnavailableShowsItsAlert) {
     device.start();
     const auto alerts = device.vp.alerts->all();
     ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_EQ(alerts[0].spec.message, "Region Monitoring is not available!");
+    EXPECT_EQ(alerts[0].alert.message, "Region Monitoring is not available!");
     EXPECT_TRUE(device.location->providers().empty());
 }
 
@@ -89,7 +89,7 @@ TEST_F(MonitoringScenario, DeniedOrRestrictedAuthorisationAlertsAndOpensTheSetti
         d.start();
         const auto alerts = d.vp.alerts->all();
         ASSERT_EQ(alerts.size(), 1u);
-        EXPECT_EQ(alerts[0].spec.message, kAuthorization);
+        EXPECT_EQ(alerts[0].alert.message, kAuthorization);
         EXPECT_EQ(d.vp.application->openedURLs(), (std::vector<std::string>{"app-settings:"}));
         EXPECT_TRUE(d.location->providers().empty());
     }

@@ -247,11 +247,11 @@ TEST_F(VisitScenario, ForegroundDeliveryIsTheEventAlert) {
     EXPECT_TRUE(presented().empty());
     const auto alerts = device.vp.alerts->visible();
     ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_FALSE(alerts[0].spec.title);
-    EXPECT_EQ(alerts[0].spec.message, "Coffee\n50% off");
-    EXPECT_EQ(alerts[0].spec.cancelButtonTitle, "Never");
-    EXPECT_EQ(alerts[0].spec.otherButtonTitles, (std::vector<std::string>{"View", "Later"}));
-    EXPECT_EQ(alerts[0].spec.tag, 77);
+    EXPECT_FALSE(alerts[0].alert.title);
+    EXPECT_EQ(alerts[0].alert.message, "Coffee\n50% off");
+    EXPECT_EQ(alerts[0].alert.cancelButtonTitle, "Never");
+    EXPECT_EQ(alerts[0].alert.otherButtonTitles, (std::vector<std::string>{"View", "Later"}));
+    EXPECT_EQ(alerts[0].alert.tag, 77);
 
     device.vp.alerts->press(alerts[0].id, 1);
     device.loop().runUntilIdle();

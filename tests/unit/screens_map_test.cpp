@@ -433,10 +433,10 @@ TEST_F(MapTest, ShowAlertIsAMessageWithOneButton) {
     map->showAlert("No places");
     const auto alerts = device.vp.alerts->all();
     ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_EQ(alerts[0].spec.title, "Message");
-    EXPECT_EQ(alerts[0].spec.message, "No places");
-    EXPECT_EQ(alerts[0].spec.cancelButtonTitle, "OK");
-    EXPECT_TRUE(alerts[0].spec.otherButtonTitles.empty());
+    EXPECT_EQ(alerts[0].alert.title, "Message");
+    EXPECT_EQ(alerts[0].alert.message, "No places");
+    EXPECT_EQ(alerts[0].alert.cancelButtonTitle, "OK");
+    EXPECT_TRUE(alerts[0].alert.otherButtonTitles.empty());
 }
 
 }  // namespace

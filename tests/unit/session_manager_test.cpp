@@ -187,10 +187,10 @@ TEST_F(SessionManagerTest, ToastGoesAwayAfterTwoSecondsAlone) {
     SessionManager::showToastMessage("Saved");
     auto shown = device.vp.alerts->visible();
     ASSERT_EQ(shown.size(), 1u);
-    EXPECT_FALSE(shown[0].spec.title);
-    EXPECT_EQ(shown[0].spec.message, "Saved");
-    EXPECT_FALSE(shown[0].spec.cancelButtonTitle);
-    EXPECT_TRUE(shown[0].spec.otherButtonTitles.empty());
+    EXPECT_FALSE(shown[0].alert.title);
+    EXPECT_EQ(shown[0].alert.message, "Saved");
+    EXPECT_FALSE(shown[0].alert.cancelButtonTitle);
+    EXPECT_TRUE(shown[0].alert.otherButtonTitles.empty());
     device.loop().fastForwardBy(1.9);
     EXPECT_EQ(device.vp.alerts->visible().size(), 1u);
     device.loop().fastForwardBy(0.1);
@@ -202,8 +202,8 @@ TEST_F(SessionManagerTest, AlertHasTitleMessageAndOk) {
     session().showAlert("Hello");
     const auto shown = device.vp.alerts->visible();
     ASSERT_EQ(shown.size(), 1u);
-    EXPECT_EQ(shown[0].spec.title, "Message");
-    EXPECT_EQ(shown[0].spec.cancelButtonTitle, "OK");
+    EXPECT_EQ(shown[0].alert.title, "Message");
+    EXPECT_EQ(shown[0].alert.cancelButtonTitle, "OK");
 }
 
 }  // namespace

@@ -361,7 +361,7 @@ void RecordingAlerts::dismiss(platform::AlertId id, int buttonIndex, bool /*anim
         }
         it->visible = false;
         it->dismissedWith = buttonIndex;
-        onDismiss = it->spec.onDismiss;
+        onDismiss = it->alert.onDismiss;
     }
     if (onDismiss) {
         onDismiss(buttonIndex);

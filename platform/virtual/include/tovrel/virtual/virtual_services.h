@@ -142,7 +142,7 @@ class RecordingAlerts final : public platform::AlertPresenter {
 public:
     struct Shown {
         platform::AlertId id;
-        platform::AlertSpec spec;
+        platform::AlertSpec alert;
         bool visible;
         std::optional<int> dismissedWith;
     };

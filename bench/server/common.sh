@@ -1,0 +1,48 @@
+# Helpers shared by the server benchmark scripts (sourced, not run).
+
+# install_packages PKG...: installs the Debian packages that are missing.
+install_packages() {
+    local missing=()
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    ((${#missing[@]} == 0)) && return 0
+    local sudo=""
+    [[ $(id -u) -ne 0 ]] && sudo="sudo"
+    echo "installing ${missing[*]}"
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build_targets DIR TARGET...: configures DIR (or re-runs the configure of an existing one) and builds.
+build_targets() {
+    local dir=$1
+    shift
+    if [[ -f "$dir/CMakeCache.txt" ]]; then
+        cmake "$dir" >/dev/null
+    else
+        cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_SIM=OFF >/dev/null
+    fi
+    cmake --build "$dir" -j 2 --target "$@" >/dev/null
+}
+
+# free_port: prints a TCP port on 127.0.0.1 that nothing listens on.
+free_port() {
+    python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+# wait_for_port PORT: waits up to 10 s for 127.0.0.1:PORT to accept connections.
+wait_for_port() {
+    for _ in $(seq 100); do
+        if (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; then
+            return 0
+        fi
+        sleep 0.1
+    done
+    echo "nothing listens on 127.0.0.1:$1" >&2
+    return 1
+}
+
+# median N...: the median of the numbers given.
+median() {
+    printf '%s\n' "$@" | sort -g | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : (a[NR / 2] + a[NR / 2 + 1]) / 2}'
+}

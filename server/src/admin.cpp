@@ -1,0 +1,49 @@
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "catalog_data.h"
+#include "database.h"
+#include "report.h"
+#include "tovrel_server/server.h"
+
+namespace tovrel_server {
+
+std::string readPlaceFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw ImportError(path + ": cannot open the file (" + std::strerror(errno) + ")");
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) {
+        throw ImportError(path + ": cannot read the file");
+    }
+    return text.str();
+}
+
+ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& geojsonPath) {
+    const CatalogData data = parseGeoJson(readPlaceFile(geojsonPath), geojsonPath);
+    Database db(dbPath);
+    return writeCatalog(db, data, wallClock());
+}
+
+void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name) {
+    if (key.empty()) {
+        throw std::invalid_argument("the app key must not be empty");
+    }
+    Database db(dbPath);
+    writeApp(db, AppDef{key, name}, wallClock());
+}
+
+Report readReport(const std::string& dbPath) {
+    if (dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
+        throw std::runtime_error("there is no database " + dbPath);
+    }
+    Database db(dbPath);
+    return readReport(db);
+}
+
+}  // namespace tovrel_server

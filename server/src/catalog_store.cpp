@@ -1,0 +1,126 @@
+#include <map>
+
+#include "catalog_data.h"
+#include "database.h"
+
+namespace tovrel_server {
+
+void writeApp(Database& db, const AppDef& app, double now) {
+    db.prepare(
+          "INSERT INTO apps(key, name, created_at) VALUES(?, ?, ?) "
+          "ON CONFLICT(key) DO UPDATE SET name = excluded.name")
+        .with(app.key, app.name, now)
+        .run();
+}
+
+ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
+    Transaction tx(db);
+    for (const AppDef& app : data.apps) {
+        writeApp(db, app, now);
+    }
+
+    Statement campaign = db.prepare(
+        "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap) "
+        "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(name) DO UPDATE SET start_date = excluded.start_date, "
+        "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
+        "per_device_cap = excluded.per_device_cap");
+    Statement campaignId = db.prepare("SELECT id FROM campaigns WHERE name = ?");
+    std::map<std::string, int64_t> ids;
+    for (const CampaignDef& c : data.campaigns) {
+        campaign.with(c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap).run();
+        campaignId.with(c.name).step();
+        ids[c.name] = campaignId.integer(0);
+    }
+
+    Statement offer = db.prepare(
+        "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, "
+        "event_type) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT(id) DO UPDATE SET campaign = "
+        "excluded.campaign, "
+        "event_name = excluded.event_name, alert_text = excluded.alert_text, media_type = "
+        "excluded.media_type, "
+        "media_url = excluded.media_url, tags = excluded.tags, dwell_time = excluded.dwell_time, "
+        "event_type = excluded.event_type");
+    for (const OfferDef& o : data.offers) {
+        offer
+            .with(o.id, ids.at(o.campaign), o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags,
+                  o.dwellTime, o.eventType)
+            .run();
+    }
+
+    Statement place = db.prepare(
+        "INSERT INTO places(id, name, lat, lon, radius) VALUES(?, ?, ?, ?, ?) ON CONFLICT(id) DO UPDATE SET "
+        "name = excluded.name, lat = excluded.lat, lon = excluded.lon, radius = excluded.radius");
+    Statement unlink = db.prepare("DELETE FROM place_offers WHERE place = ?");
+    Statement link = db.prepare("INSERT INTO place_offers(place, offer) VALUES(?, ?)");
+    for (const PlaceDef& p : data.places) {
+        place.with(p.id, p.name, p.lat, p.lon, p.radius).run();
+        unlink.with(p.id).run();
+        for (int64_t o : p.offers) {
+            link.with(p.id, o).run();
+        }
+    }
+    tx.commit();
+    return ImportSummary{static_cast<int>(data.apps.size()), static_cast<int>(data.campaigns.size()),
+                         static_cast<int>(data.places.size()), static_cast<int>(data.offers.size())};
+}
+
+CatalogData readCatalog(Database& db) {
+    CatalogData data;
+    Statement campaigns = db.prepare(
+        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns ORDER BY "
+        "id");
+    while (campaigns.step()) {
+        CampaignDef c;
+        c.id = campaigns.integer(0);
+        c.name = campaigns.text(1);
+        c.startDate = campaigns.text(2);
+        c.endDate = campaigns.text(3);
+        if (!campaigns.isNull(4)) {
+            c.startTime = campaigns.real(4);
+        }
+        if (!campaigns.isNull(5)) {
+            c.endTime = campaigns.real(5);
+        }
+        if (!campaigns.isNull(6)) {
+            c.perDeviceCap = campaigns.integer(6);
+        }
+        data.campaigns.push_back(std::move(c));
+    }
+    Statement offers = db.prepare(
+        "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
+        "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER BY o.id");
+    while (offers.step()) {
+        OfferDef o;
+        o.id = offers.integer(0);
+        o.campaign = offers.text(1);
+        o.eventName = offers.text(2);
+        o.alertText = offers.text(3);
+        o.mediaType = offers.text(4);
+        o.mediaUrl = offers.text(5);
+        o.tags = offers.text(6);
+        o.dwellTime = static_cast<int>(offers.integer(7));
+        o.eventType = static_cast<int>(offers.integer(8));
+        data.offers.push_back(std::move(o));
+    }
+    Statement places = db.prepare("SELECT id, name, lat, lon, radius FROM places ORDER BY id");
+    Statement placeOffers = db.prepare("SELECT place, offer FROM place_offers ORDER BY place, offer");
+    std::map<int64_t, std::size_t> index;
+    while (places.step()) {
+        PlaceDef p;
+        p.id = places.integer(0);
+        p.name = places.text(1);
+        p.lat = places.real(2);
+        p.lon = places.real(3);
+        p.radius = places.real(4);
+        index[p.id] = data.places.size();
+        data.places.push_back(std::move(p));
+    }
+    while (placeOffers.step()) {
+        if (const auto it = index.find(placeOffers.integer(0)); it != index.end()) {
+            data.places[it->second].offers.push_back(placeOffers.integer(1));
+        }
+    }
+    return data;
+}
+
+}  // namespace tovrel_server

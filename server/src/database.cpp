@@ -1,0 +1,136 @@
+#include "database.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace tovrel_server {
+
+Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
+    check(sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr));
+}
+
+Statement::~Statement() {
+    sqlite3_finalize(stmt_);
+}
+
+Statement::Statement(Statement&& other) noexcept
+    : db_(other.db_), stmt_(std::exchange(other.stmt_, nullptr)) {}
+
+void Statement::check(int rc) const {
+    if (rc != SQLITE_OK) {
+        throw std::runtime_error(std::string("database error: ") + sqlite3_errmsg(db_));
+    }
+}
+
+bool Statement::step() {
+    const int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) {
+        return true;
+    }
+    if (rc == SQLITE_DONE) {
+        return false;
+    }
+    const std::string message = sqlite3_errmsg(db_);
+    sqlite3_reset(stmt_);
+    throw std::runtime_error("database error: " + message);
+}
+
+void Statement::run() {
+    while (step()) {
+    }
+}
+
+void Statement::reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+}
+
+int64_t Statement::integer(int col) const {
+    return sqlite3_column_int64(stmt_, col);
+}
+double Statement::real(int col) const {
+    return sqlite3_column_double(stmt_, col);
+}
+bool Statement::isNull(int col) const {
+    return sqlite3_column_type(stmt_, col) == SQLITE_NULL;
+}
+
+std::string Statement::text(int col) const {
+    const auto* p = sqlite3_column_text(stmt_, col);
+    const int n = sqlite3_column_bytes(stmt_, col);
+    return p ? std::string(reinterpret_cast<const char*>(p), static_cast<std::size_t>(n)) : std::string();
+}
+
+void Statement::bindOne(int i, int64_t v) {
+    check(sqlite3_bind_int64(stmt_, i, v));
+}
+void Statement::bindOne(int i, double v) {
+    check(sqlite3_bind_double(stmt_, i, v));
+}
+void Statement::bindOne(int i, std::nullopt_t) {
+    check(sqlite3_bind_null(stmt_, i));
+}
+void Statement::bindOne(int i, std::string_view v) {
+    check(sqlite3_bind_text64(stmt_, i, v.data(), v.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+}
+
+Database::Database(const std::string& path) {
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+        const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw std::runtime_error("cannot open database " + path + ": " + message);
+    }
+    sqlite3_busy_timeout(db_, 5000);
+    try {
+        if (path != ":memory:" && !path.empty()) {
+            exec("PRAGMA journal_mode=WAL");
+        }
+        exec("PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON");
+        migrate(*this);
+    } catch (const std::exception& e) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw std::runtime_error("cannot use database " + path + ": " + e.what());
+    }
+}
+
+Database::~Database() {
+    sqlite3_close(db_);
+}
+
+void Database::exec(const std::string& sql) {
+    char* error = nullptr;
+    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        std::string message = error ? error : sqlite3_errmsg(db_);
+        sqlite3_free(error);
+        throw std::runtime_error("database error: " + message);
+    }
+}
+
+int Database::userVersion() {
+    Statement st = prepare("PRAGMA user_version");
+    return st.step() ? static_cast<int>(st.integer(0)) : 0;
+}
+
+Transaction::Transaction(Database& db) : db_(db) {
+    db_.exec("BEGIN IMMEDIATE");
+}
+
+Transaction::~Transaction() {
+    if (!done_) {
+        try {
+            db_.exec("ROLLBACK");
+        } catch (...) {
+            // The connection already rolled back on its own (for example after SQLITE_FULL).
+        }
+    }
+}
+
+void Transaction::commit() {
+    db_.exec("COMMIT");
+    done_ = true;
+}
+
+}  // namespace tovrel_server

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tovrel_server {
+
+/// A prepared SQLite statement. Not thread-safe; owned by the connection's user.
+class Statement {
+  public:
+    Statement(sqlite3* db, std::string_view sql);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    Statement(Statement&& other) noexcept;
+    Statement& operator=(Statement&&) = delete;
+
+    /// Binds parameters 1..n in order and clears any earlier state.
+    template <typename... Args>
+    Statement& with(const Args&... args) {
+        reset();
+        int i = 0;
+        (bindOne(++i, args), ...);
+        return *this;
+    }
+    /// Next row: true while a row is available, false when done. Throws on error.
+    bool step();
+    /// Steps to completion, for statements that return no rows.
+    void run();
+    void reset();
+
+    int64_t integer(int col) const;
+    double real(int col) const;
+    std::string text(int col) const;
+    bool isNull(int col) const;
+
+  private:
+    void bindOne(int i, int64_t v);
+    void bindOne(int i, int v) { bindOne(i, static_cast<int64_t>(v)); }
+    void bindOne(int i, double v);
+    void bindOne(int i, std::string_view v);
+    void bindOne(int i, const std::string& v) { bindOne(i, std::string_view(v)); }
+    void bindOne(int i, const char* v) { bindOne(i, std::string_view(v)); }
+    void bindOne(int i, std::nullopt_t);
+    template <typename T>
+    void bindOne(int i, const std::optional<T>& v) {
+        if (v) {
+            bindOne(i, *v);
+        } else {
+            bindOne(i, std::nullopt);
+        }
+    }
+    void check(int rc) const;
+
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+/// One SQLite connection with the server's settings (WAL for files, foreign keys, busy timeout).
+class Database {
+  public:
+    /// Opens or creates the database and brings its schema up to date. Throws std::runtime_error.
+    explicit Database(const std::string& path);
+    ~Database();
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    void exec(const std::string& sql);
+    Statement prepare(std::string_view sql) { return Statement(db_, sql); }
+    int64_t lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+    int userVersion();
+
+  private:
+    sqlite3* db_ = nullptr;
+};
+
+/// BEGIN IMMEDIATE ... COMMIT; rolls back when left without commit().
+class Transaction {
+  public:
+    explicit Transaction(Database& db);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+  private:
+    Database& db_;
+    bool done_ = false;
+};
+
+/// The schema version this program writes.
+int currentSchemaVersion();
+
+/// Applies the migrations that the database lacks. Throws when the database is newer than this program.
+void migrate(Database& db);
+
+}  // namespace tovrel_server

@@ -1,0 +1,120 @@
+#include "request_fields.h"
+
+#include <charconv>
+#include <cmath>
+
+namespace tovrel_server {
+
+using nlohmann::json;
+
+bool nestingWithin(std::string_view text, int maxDepth) {
+    int depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') {
+                ++i;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > maxDepth) {
+                return false;
+            }
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return true;
+}
+
+json parseObjectBody(std::string_view body, int maxDepth) {
+    if (!nestingWithin(body, maxDepth)) {
+        throw ApiError(400, "the request body nests arrays or objects more than " + std::to_string(maxDepth) +
+                                " levels deep");
+    }
+    json value = json::parse(body, nullptr, false);
+    if (value.is_discarded()) {
+        throw ApiError(400, "the request body is not valid JSON");
+    }
+    if (!value.is_object()) {
+        throw ApiError(400, "the request body must be a JSON object");
+    }
+    return value;
+}
+
+const std::string& requireString(const json& object, const char* name) {
+    const auto it = object.find(name);
+    if (it == object.end()) {
+        throw ApiError(400, std::string("the request lacks the member \"") + name + "\"");
+    }
+    if (!it->is_string()) {
+        throw ApiError(400, std::string("the member \"") + name + "\" must be a string");
+    }
+    return it->get_ref<const std::string&>();
+}
+
+std::string optionalString(const json& object, const char* name, const std::string& fallback) {
+    const auto it = object.find(name);
+    if (it == object.end()) {
+        return fallback;
+    }
+    if (!it->is_string()) {
+        throw ApiError(400, std::string("the member \"") + name + "\" must be a string");
+    }
+    return it->get<std::string>();
+}
+
+double requireNumber(const json& object, const char* name, double min, double max) {
+    const auto it = object.find(name);
+    if (it == object.end()) {
+        throw ApiError(400, std::string("the request lacks the member \"") + name + "\"");
+    }
+    double value = 0;
+    bool ok = false;
+    if (it->is_number()) {
+        value = it->get<double>();
+        ok = true;
+    } else if (it->is_string()) {
+        const auto& s = it->get_ref<const std::string&>();
+        const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
+        ok = !s.empty() && ec == std::errc() && end == s.data() + s.size();
+    }
+    if (!ok || !std::isfinite(value)) {
+        throw ApiError(400,
+                       std::string("the member \"") + name + "\" must be a number or a string holding one");
+    }
+    if (value < min || value > max) {
+        throw ApiError(400, std::string("the member \"") + name + "\" must lie between " + json(min).dump() +
+                                " and " + json(max).dump());
+    }
+    return value;
+}
+
+int64_t requireId(const json& object, const char* name) {
+    const auto it = object.find(name);
+    if (it == object.end()) {
+        throw ApiError(400, std::string("the request lacks the member \"") + name + "\"");
+    }
+    if (it->is_number_unsigned() || (it->is_number_integer() && it->get<int64_t>() >= 0)) {
+        if (it->is_number_unsigned() && it->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX)) {
+            throw ApiError(400, std::string("the member \"") + name + "\" is too large");
+        }
+        return it->get<int64_t>();
+    }
+    if (it->is_string()) {
+        const auto& s = it->get_ref<const std::string&>();
+        int64_t value = 0;
+        const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
+        if (!s.empty() && s[0] != '-' && ec == std::errc() && end == s.data() + s.size()) {
+            return value;
+        }
+    }
+    throw ApiError(400,
+                   std::string("the member \"") + name + "\" must be a whole number or a string of digits");
+}
+
+}  // namespace tovrel_server

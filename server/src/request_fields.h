@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tovrel_server {
+
+/// A request that is answered with an HTTP error status and {"error": message}.
+class ApiError : public std::runtime_error {
+  public:
+    ApiError(unsigned status, const std::string& message) : std::runtime_error(message), status_(status) {}
+    unsigned status() const { return status_; }
+
+  private:
+    unsigned status_;
+};
+
+/// Parses a request body that must be one JSON object; ApiError 400 otherwise (also for nesting
+/// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
+nlohmann::json parseObjectBody(std::string_view body, int maxDepth = 32);
+
+/// True when no array or object in text nests deeper than maxDepth (strings are skipped).
+bool nestingWithin(std::string_view text, int maxDepth);
+
+/// A required string member; ApiError 400 when missing or of another type.
+const std::string& requireString(const nlohmann::json& object, const char* name);
+
+/// An optional string member: fallback when missing; ApiError 400 when of another type.
+std::string optionalString(const nlohmann::json& object, const char* name, const std::string& fallback);
+
+/// A number given as a JSON number or as a string holding only a decimal number ("48.137154").
+/// ApiError 400 when missing, of another type, not finite, or outside [min, max].
+double requireNumber(const nlohmann::json& object, const char* name, double min, double max);
+
+/// A non-negative whole identifier given as a JSON integer or a string of decimal digits ("17").
+int64_t requireId(const nlohmann::json& object, const char* name);
+
+}  // namespace tovrel_server

@@ -1,0 +1,364 @@
+#include "service.h"
+
+#include <array>
+#include <random>
+
+#include "report.h"
+#include "request_fields.h"
+
+namespace tovrel_server {
+
+using nlohmann::json;
+
+namespace {
+
+const std::string kStatusOk = R"({"status":1})";
+
+uint64_t pairKey(int64_t offer, int64_t place) {
+    return (static_cast<uint64_t>(offer) << 32) | static_cast<uint32_t>(place);
+}
+
+std::string newSessionKey() {
+    std::random_device random;
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string key;
+    for (int i = 0; i < 4; ++i) {
+        uint32_t bits = random();
+        for (int j = 0; j < 8; ++j, bits >>= 4) {
+            key += kHex[bits & 15];
+        }
+    }
+    return key;
+}
+
+std::string errorBody(const std::string& message) {
+    return json{{"error", message}}.dump();
+}
+
+}  // namespace
+
+std::string readPlaceFile(const std::string& path);
+
+Service::Service(const std::string& dbPath, Clock clock) : clock_(std::move(clock)), db_(dbPath) {
+    std::lock_guard db(dbMutex_);
+    rebuildCatalogLocked();
+}
+
+bool Service::isEndpoint(std::string_view path) {
+    return path == "/v1/session" || path == "/v2/place" || path == "/v1/deviceevent/link" ||
+           path == "/v1/deviceevent/update" || path == "/v1/deviceevent/clear" ||
+           path == "/v1/devicetag/update" || path == "/v1/devicetag/delete" || path == "/v1/log";
+}
+
+ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    try {
+        const json req = parseObjectBody(body);
+        if (path == "/v2/place") {
+            return {200, places(req, mediaBase)};
+        }
+        if (path == "/v1/session") {
+            return {200, session(req)};
+        }
+        if (path == "/v1/deviceevent/link") {
+            return {200, link(req, mediaBase)};
+        }
+        if (path == "/v1/deviceevent/update") {
+            return {200, update(req)};
+        }
+        if (path == "/v1/deviceevent/clear") {
+            return {200, clear(req)};
+        }
+        if (path == "/v1/devicetag/update") {
+            return {200, tagUpdate(req)};
+        }
+        if (path == "/v1/devicetag/delete") {
+            return {200, tagDelete(req)};
+        }
+        if (path == "/v1/log") {
+            return {200, log(req)};
+        }
+        return {404, errorBody("there is no endpoint " + std::string(path))};
+    } catch (const ApiError& e) {
+        return {e.status(), errorBody(e.what())};
+    } catch (const std::exception& e) {
+        return {500, errorBody(std::string("the server failed: ") + e.what())};
+    } catch (...) {
+        return {500, errorBody("the server failed")};
+    }
+}
+
+std::shared_ptr<const Catalog> Service::catalog() {
+    std::shared_lock lock(stateMutex_);
+    return catalog_;
+}
+
+void Service::rebuildCatalogLocked() {
+    auto fresh = std::make_shared<const Catalog>(readCatalog(db_));
+    std::unique_lock lock(stateMutex_);
+    catalog_ = std::move(fresh);
+}
+
+void Service::loadDeviceLocked(int64_t device) {
+    if (devices_.contains(device)) {
+        return;
+    }
+    DeviceLinks links;
+    Statement st = db_.prepare(
+        "SELECT id, offer, place, campaign, suppressed FROM device_events WHERE device = ? AND cleared_at IS "
+        "NULL");
+    st.with(device);
+    while (st.step()) {
+        links.byPair[pairKey(st.integer(1), st.integer(2))] = LinkInfo{st.integer(0), st.integer(4) != 0};
+        ++links.perCampaign[st.integer(3)];
+    }
+    std::unique_lock lock(stateMutex_);
+    devices_.emplace(device, std::move(links));
+}
+
+int64_t Service::authenticate(const json& req) {
+    const std::string& key = requireString(req, "sessionKey");
+    {
+        std::shared_lock lock(stateMutex_);
+        if (const auto it = sessions_.find(std::string_view(key)); it != sessions_.end()) {
+            return it->second;
+        }
+    }
+    std::lock_guard db(dbMutex_);
+    Statement st = db_.prepare("SELECT device FROM sessions WHERE session_key = ?");
+    if (!st.with(key).step()) {
+        throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
+    }
+    const int64_t device = st.integer(0);
+    st.reset();
+    loadDeviceLocked(device);
+    std::unique_lock lock(stateMutex_);
+    sessions_.emplace(key, device);
+    return device;
+}
+
+std::string Service::session(const json& req) {
+    const std::string& deviceId = requireString(req, "deviceId");
+    const std::string& sdkKey = requireString(req, "sdkkey");
+    const std::string deviceType = optionalString(req, "deviceType", "");
+    const std::string deviceModel = optionalString(req, "deviceModel", "");
+    if (deviceId.empty()) {
+        throw ApiError(400, "the member \"deviceId\" must not be empty");
+    }
+    const std::string key = newSessionKey();
+    const double now = clock_();
+
+    std::lock_guard db(dbMutex_);
+    if (!db_.prepare("SELECT 1 FROM apps WHERE key = ?").with(sdkKey).step()) {
+        throw ApiError(401, "the sdkkey is not a registered app key");
+    }
+    Transaction tx(db_);
+    Statement device = db_.prepare(
+        "INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, last_seen) "
+        "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(device_id) DO UPDATE SET device_type = excluded.device_type, "
+        "device_model = excluded.device_model, app_key = excluded.app_key, last_seen = excluded.last_seen "
+        "RETURNING id");
+    device.with(deviceId, deviceType, deviceModel, sdkKey, now, now).step();
+    const int64_t deviceRow = device.integer(0);
+    device.run();
+    db_.prepare("INSERT INTO sessions(session_key, device, app_key, created_at) VALUES(?, ?, ?, ?)")
+        .with(key, deviceRow, sdkKey, now)
+        .run();
+    tx.commit();
+    loadDeviceLocked(deviceRow);
+    std::unique_lock lock(stateMutex_);
+    sessions_.emplace(key, deviceRow);
+    return json{{"sessionKey", key}}.dump();
+}
+
+std::string Service::places(const json& req, std::string_view mediaBase) {
+    const int64_t device = authenticate(req);
+    const auto list = req.find("coordinatesList");
+    if (list == req.end() || !list->is_array() || list->empty() || !list->front().is_object()) {
+        throw ApiError(400, "the member \"coordinatesList\" must be an array of {\"lat\", \"lon\"} objects");
+    }
+    const double lat = requireNumber(list->front(), "lat", -90, 90);
+    const double lon = requireNumber(list->front(), "lon", -180, 180);
+    const double threshold = requireNumber(req, "distanceThreshold", 0, 1e8);
+    const double now = clock_();
+
+    thread_local std::vector<SpatialIndex::Hit> hits;
+    std::string out;
+    out.reserve(4096);
+    out += "{\"places\":[";
+    std::shared_lock lock(stateMutex_);
+    const Catalog& cat = *catalog_;
+    const auto links = devices_.find(device);
+    cat.near(lat, lon, threshold, hits);
+    bool first = true;
+    for (const SpatialIndex::Hit& hit : hits) {
+        const Catalog::Place& place = cat.placeAt(hit.id);
+        for (uint32_t o : place.offers) {
+            const Catalog::Offer& offer = cat.offerAt(o);
+            if (!cat.campaignOf(offer).activeAt(now)) {
+                continue;
+            }
+            const bool linked =
+                links != devices_.end() && links->second.byPair.contains(pairKey(offer.id, place.id));
+            if (!first) {
+                out += ',';
+            }
+            first = false;
+            cat.appendRecord(out, place, offer, mediaBase, linked);
+            out += '}';
+        }
+    }
+    out += "]}";
+    return out;
+}
+
+std::string Service::link(const json& req, std::string_view mediaBase) {
+    const int64_t device = authenticate(req);
+    const int64_t eventId = requireId(req, "eventId");
+    const int64_t placeId = requireId(req, "placeId");
+    const std::shared_ptr<const Catalog> cat = catalog();
+    const Catalog::Place* place = cat->findPlace(placeId);
+    const Catalog::Offer* offer = cat->findOffer(eventId);
+    if (!place) {
+        throw ApiError(404, "there is no place with placeId " + std::to_string(placeId));
+    }
+    if (!offer) {
+        throw ApiError(404, "there is no offer with eventId " + std::to_string(eventId));
+    }
+    if (!cat->offeredAt(*place, *offer)) {
+        throw ApiError(
+            404, "offer " + std::to_string(eventId) + " is not offered at place " + std::to_string(placeId));
+    }
+    const Catalog::Campaign& campaign = cat->campaignOf(*offer);
+
+    LinkInfo info;
+    {
+        std::lock_guard db(dbMutex_);
+        DeviceLinks& links = devices_.at(device);
+        if (const auto it = links.byPair.find(pairKey(eventId, placeId)); it != links.byPair.end()) {
+            info = it->second;
+        } else {
+            const int64_t before =
+                links.perCampaign.contains(campaign.id) ? links.perCampaign.at(campaign.id) : 0;
+            info.suppressed = campaign.perDeviceCap && before >= *campaign.perDeviceCap;
+            db_.prepare(
+                   "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
+                   "VALUES(?, ?, ?, ?, ?, ?)")
+                .with(device, eventId, placeId, campaign.id, info.suppressed ? 1 : 0, clock_())
+                .run();
+            info.id = db_.lastInsertId();
+            std::unique_lock lock(stateMutex_);
+            links.byPair[pairKey(eventId, placeId)] = info;
+            ++links.perCampaign[campaign.id];
+        }
+    }
+    std::string out = "{\"places\":[";
+    cat->appendRecord(out, *place, *offer, mediaBase, true);
+    out += ",\"deviceEventId\":" + std::to_string(info.id) +
+           ",\"suppressMessage\":" + (info.suppressed ? "1" : "0");
+    out += "}]}";
+    return out;
+}
+
+std::string Service::update(const json& req) {
+    static constexpr std::array<std::string_view, 4> kCodes = {"ack", "seen", "saved", "declined"};
+    const int64_t device = authenticate(req);
+    const int64_t id = requireId(req, "deviceEventId");
+    const std::string& code = requireString(req, "statusCode");
+    if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
+        throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
+    }
+    std::lock_guard db(dbMutex_);
+    Statement owner = db_.prepare("SELECT device FROM device_events WHERE id = ? AND cleared_at IS NULL");
+    if (!owner.with(id).step() || owner.integer(0) != device) {
+        throw ApiError(404, "this device has no device event " + std::to_string(id));
+    }
+    owner.reset();
+    db_.prepare("INSERT INTO device_event_status(device_event, status, at) VALUES(?, ?, ?)")
+        .with(id, code, clock_())
+        .run();
+    return kStatusOk;
+}
+
+std::string Service::clear(const json& req) {
+    const int64_t device = authenticate(req);
+    std::lock_guard db(dbMutex_);
+    db_.prepare("UPDATE device_events SET cleared_at = ? WHERE device = ? AND cleared_at IS NULL")
+        .with(clock_(), device)
+        .run();
+    std::unique_lock lock(stateMutex_);
+    devices_[device] = DeviceLinks{};
+    return kStatusOk;
+}
+
+std::string Service::tagUpdate(const json& req) {
+    const int64_t device = authenticate(req);
+    const std::string& tag = requireString(req, "tag");
+    const std::string& value = requireString(req, "tagValue");
+    const std::string group = optionalString(req, "groupTag", "");
+    std::lock_guard db(dbMutex_);
+    db_.prepare(
+           "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES(?, ?, ?, ?, ?) "
+           "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
+           "excluded.updated_at")
+        .with(device, group, tag, value, clock_())
+        .run();
+    return kStatusOk;
+}
+
+std::string Service::tagDelete(const json& req) {
+    const int64_t device = authenticate(req);
+    const std::string& tag = requireString(req, "tag");
+    const std::string group = optionalString(req, "groupTag", "");
+    std::lock_guard db(dbMutex_);
+    db_.prepare("DELETE FROM device_tags WHERE device = ? AND group_tag = ? AND tag = ?")
+        .with(device, group, tag)
+        .run();
+    return kStatusOk;
+}
+
+std::string Service::log(const json& req) {
+    const std::string& deviceId = requireString(req, "deviceid");
+    const auto message = req.find("message");
+    if (message == req.end()) {
+        throw ApiError(400, "the request lacks the member \"message\"");
+    }
+    if (!message->is_object() || message->size() != 1) {
+        throw ApiError(400,
+                       "the member \"message\" must be an object with exactly one member, the event name");
+    }
+    const std::string& event = message->begin().key();
+    if (event.empty()) {
+        throw ApiError(400, "the event name (the message's only member) must not be empty");
+    }
+    const std::string text = message->dump();
+    std::lock_guard db(dbMutex_);
+    db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
+        .with(deviceId, event, text, clock_())
+        .run();
+    return kStatusOk;
+}
+
+ImportSummary Service::importGeoJson(const std::string& path) {
+    const CatalogData data = parseGeoJson(readPlaceFile(path), path);
+    std::lock_guard db(dbMutex_);
+    const ImportSummary summary = writeCatalog(db_, data, clock_());
+    rebuildCatalogLocked();
+    return summary;
+}
+
+void Service::addApp(const std::string& key, const std::string& name) {
+    std::lock_guard db(dbMutex_);
+    writeApp(db_, AppDef{key, name}, clock_());
+}
+
+void Service::reloadPlaces() {
+    std::lock_guard db(dbMutex_);
+    rebuildCatalogLocked();
+}
+
+Report Service::report() {
+    std::lock_guard db(dbMutex_);
+    return readReport(db_);
+}
+
+}  // namespace tovrel_server

@@ -1,0 +1,156 @@
+// tovrel-server: serve the API, import places, manage app keys and print usage reports.
+#include <pthread.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "listen_address.h"
+#include "tovrel_server/server.h"
+
+namespace {
+
+using namespace tovrel_server;
+
+int serve(const std::string& db, const std::string& listen, const std::string& content, int threads,
+          const std::string& mediaBase, int timeout) {
+    const ListenAddress address = parseListenAddress(listen);
+    ServerOptions options;
+    options.dbPath = db;
+    options.listenAddress = address.host;
+    options.port = address.port;
+    options.contentDir = content;
+    options.threads = threads;
+    options.mediaBaseUrl = mediaBase;
+    options.requestTimeoutSeconds = timeout;
+
+    // Blocked before the worker threads start so that only sigwait() below sees them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    Server server(options);
+    const uint16_t port = server.start();
+    std::printf("tovrel-server: serving %s on %s:%u%s%s\n", db.c_str(), address.host.c_str(), port,
+                content.empty() ? "" : ", pages from ", content.c_str());
+    std::fflush(stdout);
+    for (;;) {
+        int signal = 0;
+        sigwait(&signals, &signal);
+        if (signal == SIGHUP) {
+            server.reloadPlaces();
+            std::printf("tovrel-server: places reloaded\n");
+            std::fflush(stdout);
+            continue;
+        }
+        break;
+    }
+    std::printf("tovrel-server: stopping\n");
+    server.stop();
+    return 0;
+}
+
+int report(const std::string& db, bool asJson) {
+    const Report r = readReport(db);
+    if (!asJson) {
+        std::cout << formatReport(r);
+        return 0;
+    }
+    nlohmann::json out{{"offers", nlohmann::json::array()}, {"log", r.logCounts}};
+    for (const OfferReport& o : r.offers) {
+        out["offers"].push_back({{"eventId", o.eventId},
+                                 {"eventName", o.eventName},
+                                 {"campaign", o.campaignName},
+                                 {"links", o.links},
+                                 {"ack", o.ack},
+                                 {"seen", o.seen},
+                                 {"saved", o.saved},
+                                 {"declined", o.declined}});
+    }
+    std::cout << out.dump(2) << '\n';
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"tovrel-server: the self-hostable back-end of the Tovrel location service"};
+    app.require_subcommand(1);
+
+    std::string db;
+    auto addDb = [&db](CLI::App* command) {
+        command->add_option("--db", db, "SQLite database file (created when missing)")->required();
+    };
+
+    CLI::App* serveCmd = app.add_subcommand("serve", "Serve the HTTP API and the content pages");
+    std::string listen = "127.0.0.1:8080";
+    std::string content;
+    std::string mediaBase;
+    int threads = 2;
+    int timeout = 30;
+    addDb(serveCmd);
+    serveCmd->add_option("--listen", listen, "HOST:PORT to listen on ([::1]:8080 for IPv6)")
+        ->capture_default_str();
+    serveCmd->add_option("--content", content, "Folder of static pages (appcontent/, media/)")
+        ->check(CLI::ExistingDirectory);
+    serveCmd->add_option("--threads", threads, "HTTP worker threads")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64));
+    serveCmd->add_option(
+        "--media-base", mediaBase,
+        "Scheme and host put before relative media addresses (default: http:// + the request's Host)");
+    serveCmd->add_option("--timeout", timeout, "Seconds a connection may take to send one request")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
+
+    CLI::App* importCmd = app.add_subcommand("import", "Import a GeoJSON place file (see docs/server.md)");
+    std::string file;
+    importCmd->add_option("FILE", file, "GeoJSON FeatureCollection of Point features")->required();
+    addDb(importCmd);
+
+    CLI::App* appsCmd = app.add_subcommand("apps", "Manage the app keys that may start sessions");
+    appsCmd->require_subcommand(1);
+    CLI::App* appsAdd = appsCmd->add_subcommand("add", "Add an app key (or rename an existing one)");
+    std::string key;
+    std::string name;
+    appsAdd->add_option("KEY", key, "The sdkkey the app sends")->required();
+    appsAdd->add_option("NAME", name, "A name for people")->required();
+    addDb(appsAdd);
+
+    CLI::App* reportCmd = app.add_subcommand("report", "Print links, answers and log counts per offer");
+    bool asJson = false;
+    addDb(reportCmd);
+    reportCmd->add_flag("--json", asJson, "Print JSON instead of tables");
+
+    CLI11_PARSE(app, argc, argv);
+
+    try {
+        if (serveCmd->parsed()) {
+            return serve(db, listen, content, threads, mediaBase, timeout);
+        }
+        if (importCmd->parsed()) {
+            const ImportSummary s = importGeoJsonFile(db, file);
+            std::printf("imported %d places, %d offers, %d campaigns, %d apps into %s\n", s.places, s.offers,
+                        s.campaigns, s.apps, db.c_str());
+            return 0;
+        }
+        if (appsAdd->parsed()) {
+            addAppKey(db, key, name);
+            std::printf("app key \"%s\" (%s) added to %s\n", key.c_str(), name.c_str(), db.c_str());
+            return 0;
+        }
+        if (reportCmd->parsed()) {
+            return report(db, asJson);
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tovrel-server: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}

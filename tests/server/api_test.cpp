@@ -1,0 +1,445 @@
+// The JSON endpoints over real HTTP on 127.0.0.1, against an in-process server.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "test_support.h"
+
+namespace tovrel_server::test {
+namespace {
+
+// (eventId, placeId) of every record in a places answer, in order.
+std::vector<std::pair<std::string, std::string>> pairs(const json& answer) {
+    std::vector<std::pair<std::string, std::string>> out;
+    for (const json& r : answer.at("places")) {
+        out.emplace_back(r.at("eventId").get<std::string>(), r.at("placeId").get<std::string>());
+    }
+    return out;
+}
+
+const json& record(const json& answer, const std::string& eventId, const std::string& placeId) {
+    for (const json& r : answer.at("places")) {
+        if (r.at("eventId") == eventId && r.at("placeId") == placeId) {
+            return r;
+        }
+    }
+    static const json none;
+    return none;
+}
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+class SessionEndpoint : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+};
+
+TEST_F(SessionEndpoint, EachStartGivesANewKeyAndOldKeysStayValid) {
+    const std::string first = fx.startSession("DEVICE-A");
+    const std::string second = fx.startSession("DEVICE-A");
+    ASSERT_FALSE(first.empty());
+    EXPECT_NE(first, second);
+    EXPECT_EQ(fx.places(first, 48.137, 11.575).status, 200);
+    EXPECT_EQ(fx.places(second, 48.137, 11.575).status, 200);
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT COUNT(*) FROM devices"), std::vector<std::string>{"1"});
+}
+
+TEST_F(SessionEndpoint, UnknownSdkKeyIsRefused) {
+    const HttpResult r = fx.client().post(
+        "/v1/session",
+        json{{"deviceId", "D"}, {"deviceType", "iOS"}, {"deviceModel", "iPhone"}, {"sdkkey", "nope"}});
+    EXPECT_EQ(r.status, 401);
+    EXPECT_TRUE(r.parsed().at("error").is_string());
+}
+
+TEST_F(SessionEndpoint, DeviceIsRememberedAcrossSessions) {
+    const std::string first = fx.startSession("DEVICE-A");
+    ASSERT_EQ(fx.link(first, "11", "1").status, 200);
+    const std::string second = fx.startSession("DEVICE-A");
+    EXPECT_EQ(record(fx.places(second, 48.137, 11.575).parsed(), "11", "1").at("isLinked"), 1);
+}
+
+TEST_F(SessionEndpoint, KeysSurviveARestartOfTheServer) {
+    const std::string key = fx.startSession("DEVICE-A");
+    ASSERT_EQ(fx.link(key, "11", "1").status, 200);
+    fx.server().stop();
+    ServerOptions options;
+    options.dbPath = fx.dbPath();
+    Server again(options);
+    HttpClient client(again.start());
+    const HttpResult r =
+        client.post("/v2/place", json{{"sessionKey", key},
+                                      {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
+                                      {"distanceThreshold", 100}});
+    ASSERT_EQ(r.status, 200) << r.body;
+    EXPECT_EQ(record(r.parsed(), "11", "1").at("isLinked"), 1);
+}
+
+class PlaceEndpoint : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    std::string key = fx.startSession("DEVICE-A");
+};
+
+TEST_F(PlaceEndpoint, ActiveOffersWithinTheThresholdNearestFirst) {
+    const HttpResult r = fx.places(key, 48.137, 11.575);
+    ASSERT_EQ(r.status, 200) << r.body;
+    EXPECT_EQ(r.contentType, "application/json");
+    EXPECT_EQ(pairs(r.parsed()), (Pairs{{"11", "1"}, {"12", "1"}, {"11", "2"}, {"21", "2"}, {"32", "3"}}));
+}
+
+TEST_F(PlaceEndpoint, ThresholdIsInclusiveAndInMetres) {
+    // Place 2 lies 500 m north of the query point (to within a few millimetres).
+    EXPECT_EQ(pairs(fx.places(key, 48.137, 11.575, "499.9").parsed()), (Pairs{{"11", "1"}, {"12", "1"}}));
+    EXPECT_EQ(pairs(fx.places(key, 48.137, 11.575, "500.1").parsed()).size(), 4u);
+    EXPECT_TRUE(fx.places(key, 10.0, 10.0).parsed().at("places").empty());
+}
+
+TEST_F(PlaceEndpoint, NumbersAndNumericStringsAreTheSame) {
+    const json asNumbers =
+        fx.client()
+            .post("/v2/place", json{{"sessionKey", key},
+                                    {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
+                                    {"distanceThreshold", 8047}})
+            .parsed();
+    const json asStrings = fx.places(key, 48.137, 11.575).parsed();
+    EXPECT_EQ(asNumbers, asStrings);
+}
+
+TEST_F(PlaceEndpoint, OnlyTheFirstCoordinateCounts) {
+    const HttpResult r = fx.client().post(
+        "/v2/place", json{{"sessionKey", key},
+                          {"coordinatesList",
+                           {{{"lat", "48.4068"}, {"lon", "11.575"}}, {{"lat", 48.137}, {"lon", 11.575}}}},
+                          {"distanceThreshold", "1000"}});
+    EXPECT_EQ(pairs(r.parsed()), (Pairs{{"41", "4"}}));
+}
+
+TEST_F(PlaceEndpoint, RecordCarriesEveryMemberWithItsType) {
+    const json r = record(fx.places(key, 48.137, 11.575).parsed(), "11", "1");
+    ASSERT_TRUE(r.is_object());
+    EXPECT_DOUBLE_EQ(r.at("centroidLat").get<double>(), 48.137);
+    EXPECT_DOUBLE_EQ(r.at("centroidLon").get<double>(), 11.575);
+    EXPECT_DOUBLE_EQ(r.at("centroidRadius").get<double>(), 50);
+    EXPECT_EQ(r.at("eventName"), "Coffee");
+    EXPECT_EQ(r.at("alertText"), "Free coffee");
+    EXPECT_EQ(r.at("mediaType"), "html");
+    const std::string media = "http://127.0.0.1:" + std::to_string(fx.port()) + "/media/offer-1001.html";
+    EXPECT_EQ(r.at("mediaURL"), media);
+    EXPECT_EQ(r.at("mediaUrl"), media);
+    EXPECT_EQ(r.at("campaignName"), "Open");
+    EXPECT_EQ(r.at("tags"), "coffee,food");
+    EXPECT_EQ(r.at("startDate"), "");
+    EXPECT_EQ(r.at("endDate"), "");
+    EXPECT_EQ(r.at("isLinked"), 0);
+    EXPECT_EQ(r.at("dwellTime"), 0);
+    EXPECT_EQ(r.at("eventTypeId"), 3);
+
+    const json capped = record(fx.places(key, 48.137, 11.575).parsed(), "12", "1");
+    EXPECT_EQ(capped.at("mediaUrl"), "https://media.example.test/tower.html");
+    EXPECT_EQ(capped.at("mediaType"), "web");
+    EXPECT_EQ(capped.at("startDate"), "2020-01-01");
+    EXPECT_EQ(capped.at("endDate"), "2035-12-31");
+    EXPECT_EQ(capped.at("dwellTime"), 1);
+    EXPECT_EQ(capped.at("eventTypeId"), 2);
+}
+
+TEST_F(PlaceEndpoint, RelativeMediaTakesTheRequestsHost) {
+    const HttpResult r = fx.client().request("POST", "/v2/place",
+                                             json{{"sessionKey", key},
+                                                  {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
+                                                  {"distanceThreshold", 10}}
+                                                 .dump(),
+                                             {"Host: offers.example.test:8080"});
+    EXPECT_EQ(record(r.parsed(), "11", "1").at("mediaUrl"),
+              "http://offers.example.test:8080/media/offer-1001.html");
+
+    const HttpResult odd = fx.client().request("POST", "/v2/place",
+                                               json{{"sessionKey", key},
+                                                    {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
+                                                    {"distanceThreshold", 10}}
+                                                   .dump(),
+                                               {"Host: evil\"host"});
+    const std::string fallback = "http://127.0.0.1:" + std::to_string(fx.port()) + "/media/offer-1001.html";
+    EXPECT_EQ(record(odd.parsed(), "11", "1").at("mediaUrl"), fallback);
+}
+
+TEST(PlaceEndpointOptions, MediaBaseOptionWinsOverTheHost) {
+    ServerFixture fx(ServerFixture::Options{true, "", "https://cdn.example.test", 30});
+    const std::string key = fx.startSession("D");
+    const json r = record(fx.places(key, 48.137, 11.575).parsed(), "11", "1");
+    EXPECT_EQ(r.at("mediaURL"), "https://cdn.example.test/media/offer-1001.html");
+}
+
+TEST_F(PlaceEndpoint, CampaignsCountOnlyBetweenTheirDates) {
+    fx.setTime(utc(2019, 6, 1));
+    std::set<std::string> events;
+    for (const auto& [e, p] : pairs(fx.places(key, 48.137, 11.575, "6000").parsed())) {
+        events.insert(e);
+    }
+    EXPECT_EQ(events, (std::set<std::string>{"11", "22", "32"}));
+
+    fx.setTime(utc(2040, 1, 1));
+    events.clear();
+    for (const auto& [e, p] : pairs(fx.places(key, 48.137, 11.575, "6000").parsed())) {
+        events.insert(e);
+    }
+    EXPECT_EQ(events, (std::set<std::string>{"11", "31", "32"}));
+
+    // The end date's whole last day still counts.
+    fx.setTime(utc(2035, 12, 31) + 86399);
+    EXPECT_EQ(record(fx.places(key, 48.137, 11.575).parsed(), "12", "1").at("eventId"), "12");
+    fx.setTime(utc(2036, 1, 1));
+    EXPECT_TRUE(record(fx.places(key, 48.137, 11.575).parsed(), "12", "1").is_null());
+}
+
+TEST_F(PlaceEndpoint, BadCoordinatesAreRefused) {
+    auto send = [&](const json& coords, const json& threshold) {
+        return fx.client()
+            .post("/v2/place",
+                  json{{"sessionKey", key}, {"coordinatesList", coords}, {"distanceThreshold", threshold}})
+            .status;
+    };
+    EXPECT_EQ(send(json::array({{{"lat", "91"}, {"lon", "0"}}}), "8047"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", "48.1x"}, {"lon", "11"}}}), "8047"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", true}, {"lon", "11"}}}), "8047"), 400);
+    EXPECT_EQ(send(json::array({{{"lon", "11"}}}), "8047"), 400);
+    EXPECT_EQ(send(json::array(), "8047"), 400);
+    EXPECT_EQ(send("48.1,11.5", "8047"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "-1"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "far"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), nullptr), 400);
+}
+
+class LinkEndpoint : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    std::string key = fx.startSession("DEVICE-A");
+};
+
+TEST_F(LinkEndpoint, FirstLinkCreatesAnEventAndRepeatsReturnIt) {
+    const HttpResult first = fx.link(key, "11", "1");
+    ASSERT_EQ(first.status, 200) << first.body;
+    const json r = first.parsed().at("places").at(0);
+    EXPECT_EQ(first.parsed().at("places").size(), 1u);
+    EXPECT_TRUE(r.at("deviceEventId").is_number_integer());
+    EXPECT_EQ(r.at("suppressMessage"), 0);
+    EXPECT_EQ(r.at("isLinked"), 1);
+    EXPECT_EQ(r.at("eventId"), "11");
+    EXPECT_EQ(r.at("placeId"), "1");
+    EXPECT_EQ(r.at("mediaUrl"), "http://127.0.0.1:" + std::to_string(fx.port()) + "/media/offer-1001.html");
+
+    const json again = fx.link(key, "11", "1").parsed().at("places").at(0);
+    EXPECT_EQ(again.at("deviceEventId"), r.at("deviceEventId"));
+    // Numbers are accepted as well as digit strings.
+    const json asNumbers =
+        fx.client()
+            .post("/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", 11}, {"placeId", 1}})
+            .parsed();
+    EXPECT_EQ(asNumbers.at("places").at(0).at("deviceEventId"), r.at("deviceEventId"));
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT COUNT(*) FROM device_events"), std::vector<std::string>{"1"});
+}
+
+TEST_F(LinkEndpoint, LinkedPlacesReadAsLinkedForThatDeviceOnly) {
+    ASSERT_EQ(fx.link(key, "11", "1").status, 200);
+    const json mine = fx.places(key, 48.137, 11.575).parsed();
+    EXPECT_EQ(record(mine, "11", "1").at("isLinked"), 1);
+    // The same offer at another place is another visit.
+    EXPECT_EQ(record(mine, "11", "2").at("isLinked"), 0);
+    EXPECT_EQ(record(mine, "12", "1").at("isLinked"), 0);
+
+    const std::string other = fx.startSession("DEVICE-B");
+    EXPECT_EQ(record(fx.places(other, 48.137, 11.575).parsed(), "11", "1").at("isLinked"), 0);
+}
+
+TEST_F(LinkEndpoint, SameOfferAtTwoPlacesGivesTwoEvents) {
+    const json a = fx.link(key, "11", "1").parsed().at("places").at(0);
+    const json b = fx.link(key, "11", "2").parsed().at("places").at(0);
+    EXPECT_NE(a.at("deviceEventId"), b.at("deviceEventId"));
+}
+
+TEST_F(LinkEndpoint, CampaignCapSuppressesLaterVisits) {
+    // "Capped" allows one delivery per device: offer 12 at place 1 and offer 21 at place 2.
+    const json first = fx.link(key, "12", "1").parsed().at("places").at(0);
+    EXPECT_EQ(first.at("suppressMessage"), 0);
+    const json second = fx.link(key, "21", "2").parsed().at("places").at(0);
+    EXPECT_EQ(second.at("suppressMessage"), 1);
+    EXPECT_NE(second.at("deviceEventId"), first.at("deviceEventId"));
+    // Repeats keep their own answer; other campaigns and other devices are not affected.
+    EXPECT_EQ(fx.link(key, "12", "1").parsed().at("places").at(0).at("suppressMessage"), 0);
+    EXPECT_EQ(fx.link(key, "21", "2").parsed().at("places").at(0).at("suppressMessage"), 1);
+    EXPECT_EQ(fx.link(key, "11", "1").parsed().at("places").at(0).at("suppressMessage"), 0);
+    const std::string other = fx.startSession("DEVICE-B");
+    EXPECT_EQ(fx.link(other, "21", "2").parsed().at("places").at(0).at("suppressMessage"), 0);
+}
+
+TEST_F(LinkEndpoint, UnknownOffersAndPlacesAreNotFound) {
+    EXPECT_EQ(fx.link(key, "99", "1").status, 404);
+    EXPECT_EQ(fx.link(key, "11", "99").status, 404);
+    // Offer 41 exists, but not at place 1.
+    const HttpResult notHere = fx.link(key, "41", "1");
+    EXPECT_EQ(notHere.status, 404);
+    EXPECT_NE(notHere.parsed().at("error").get<std::string>().find("not offered"), std::string::npos);
+    EXPECT_EQ(fx.link(key, "eleven", "1").status, 400);
+    EXPECT_EQ(fx.link(key, "-11", "1").status, 400);
+    EXPECT_EQ(fx.client()
+                  .post("/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", 11.5}, {"placeId", 1}})
+                  .status,
+              400);
+    EXPECT_EQ(fx.client().post("/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", "11"}}).status,
+              400);
+}
+
+class UpdateEndpoint : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    std::string key = fx.startSession("DEVICE-A");
+    int64_t eventId = fx.link(key, "11", "1").parsed().at("places").at(0).at("deviceEventId").get<int64_t>();
+
+    HttpResult update(const json& id, const std::string& code, const std::string& sessionKey = "") {
+        return fx.client().post("/v1/deviceevent/update",
+                                json{{"sessionKey", sessionKey.empty() ? key : sessionKey},
+                                     {"deviceEventId", id},
+                                     {"statusCode", code}});
+    }
+};
+
+TEST_F(UpdateEndpoint, EveryStatusChangeIsKeptWithItsTime) {
+    fx.setTime(1000);
+    EXPECT_EQ(update(std::to_string(eventId), "ack").parsed(), json::parse(R"({"status":1})"));
+    fx.setTime(2000);
+    EXPECT_EQ(update(eventId, "seen").status, 200);
+    fx.setTime(3000);
+    EXPECT_EQ(update(eventId, "saved").status, 200);
+    fx.setTime(4000);
+    EXPECT_EQ(update(eventId, "seen").status, 200);
+    EXPECT_EQ(update(eventId, "declined").status, 200);
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT status, at FROM device_event_status ORDER BY id"),
+              (std::vector<std::string>{"ack|1000.0", "seen|2000.0", "saved|3000.0", "seen|4000.0",
+                                        "declined|4000.0"}));
+    const Report report = fx.server().report();
+    const auto row = std::find_if(report.offers.begin(), report.offers.end(),
+                                  [](const OfferReport& o) { return o.eventId == 11; });
+    ASSERT_NE(row, report.offers.end());
+    EXPECT_EQ(row->links, 1);
+    EXPECT_EQ(row->ack, 1);
+    EXPECT_EQ(row->seen, 1);
+    EXPECT_EQ(row->saved, 1);
+    EXPECT_EQ(row->declined, 1);
+}
+
+TEST_F(UpdateEndpoint, OnlyTheFourStatusCodesAreAccepted) {
+    for (const char* code : {"ACK", "", "opened", "seen "}) {
+        EXPECT_EQ(update(eventId, code).status, 400) << code;
+    }
+    EXPECT_EQ(fx.client()
+                  .post("/v1/deviceevent/update",
+                        json{{"sessionKey", key}, {"deviceEventId", eventId}, {"statusCode", 1}})
+                  .status,
+              400);
+}
+
+TEST_F(UpdateEndpoint, AnotherDevicesOrAnUnknownEventIsNotFound) {
+    const std::string other = fx.startSession("DEVICE-B");
+    EXPECT_EQ(update(eventId, "seen", other).status, 404);
+    EXPECT_EQ(update(eventId + 1000, "seen").status, 404);
+    EXPECT_EQ(update("17x", "seen").status, 400);
+    EXPECT_TRUE(queryRows(fx.dbPath(), "SELECT * FROM device_event_status").empty());
+}
+
+TEST_F(UpdateEndpoint, ClearRemovesTheDevicesEventsOnly) {
+    const std::string other = fx.startSession("DEVICE-B");
+    const auto otherEvent = fx.link(other, "11", "1").parsed().at("places").at(0).at("deviceEventId");
+    ASSERT_EQ(fx.link(key, "12", "1").status, 200);
+
+    const HttpResult cleared = fx.client().post("/v1/deviceevent/clear", json{{"sessionKey", key}});
+    EXPECT_EQ(cleared.parsed(), json::parse(R"({"status":1})"));
+    const json mine = fx.places(key, 48.137, 11.575).parsed();
+    EXPECT_EQ(record(mine, "11", "1").at("isLinked"), 0);
+    EXPECT_EQ(record(mine, "12", "1").at("isLinked"), 0);
+    EXPECT_EQ(update(eventId, "seen").status, 404);
+    EXPECT_EQ(record(fx.places(other, 48.137, 11.575).parsed(), "11", "1").at("isLinked"), 1);
+    EXPECT_EQ(update(otherEvent, "seen", other).status, 200);
+
+    // A new link is a new event, and the campaign cap counts from zero again.
+    const json relinked = fx.link(key, "11", "1").parsed().at("places").at(0);
+    EXPECT_NE(relinked.at("deviceEventId"), eventId);
+    EXPECT_EQ(fx.link(key, "21", "2").parsed().at("places").at(0).at("suppressMessage"), 0);
+}
+
+class TagEndpoints : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    std::string key = fx.startSession("DEVICE-A");
+};
+
+TEST_F(TagEndpoints, TagsAreSetReplacedAndDeleted) {
+    auto set = [&](const std::string& tag, const std::string& value, const std::string& group) {
+        return fx.client().post(
+            "/v1/devicetag/update",
+            json{{"sessionKey", key}, {"tag", tag}, {"tagValue", value}, {"groupTag", group}});
+    };
+    EXPECT_EQ(set("language", "de", "profile").parsed(), json::parse(R"({"status":1})"));
+    EXPECT_EQ(set("language", "en", "profile").status, 200);
+    EXPECT_EQ(set("language", "fr", "other").status, 200);
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT group_tag, tag, value FROM device_tags ORDER BY group_tag"),
+              (std::vector<std::string>{"other|language|fr", "profile|language|en"}));
+    const HttpResult deleted = fx.client().post(
+        "/v1/devicetag/delete", json{{"sessionKey", key}, {"tag", "language"}, {"groupTag", "profile"}});
+    EXPECT_EQ(deleted.parsed(), json::parse(R"({"status":1})"));
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT group_tag FROM device_tags"), std::vector<std::string>{"other"});
+    // Deleting what is not there is not an error.
+    EXPECT_EQ(
+        fx.client()
+            .post("/v1/devicetag/delete", json{{"sessionKey", key}, {"tag", "none"}, {"groupTag", "profile"}})
+            .status,
+        200);
+}
+
+TEST_F(TagEndpoints, MissingOrMistypedMembersAreRefused) {
+    EXPECT_EQ(fx.client().post("/v1/devicetag/update", json{{"sessionKey", key}, {"tagValue", "x"}}).status,
+              400);
+    EXPECT_EQ(fx.client()
+                  .post("/v1/devicetag/update", json{{"sessionKey", key}, {"tag", "t"}, {"tagValue", 5}})
+                  .status,
+              400);
+    EXPECT_EQ(
+        fx.client().post("/v1/devicetag/delete", json{{"sessionKey", key}, {"tag", json::array()}}).status,
+        400);
+}
+
+class LogEndpoint : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    HttpResult log(const json& body) { return fx.client().post("/v1/log", body); }
+};
+
+TEST_F(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
+    const json started = {
+        {"session_started", {{"timestamp", "1700000000"}, {"environment", "PRD"}, {"version", "1.2.4"}}}};
+    EXPECT_EQ(log({{"deviceid", "DEVICE-A"}, {"message", started}}).parsed(), json::parse(R"({"status":1})"));
+    EXPECT_EQ(
+        log({{"deviceid", "DEVICE-A"}, {"message", {{"session_started", {{"timestamp", "1"}}}}}}).status,
+        200);
+    const json targeting = {{"targeting_updates", json::array({{{"lat", "48.1"}, {"lng", "11.5"}}})}};
+    EXPECT_EQ(log({{"deviceid", "DEVICE-B"}, {"message", targeting}}).status, 200);
+
+    EXPECT_EQ(fx.server().report().logCounts,
+              (std::map<std::string, int64_t>{{"session_started", 2}, {"targeting_updates", 1}}));
+    const auto stored = queryRows(fx.dbPath(), "SELECT device_id, message FROM log_messages ORDER BY id");
+    ASSERT_EQ(stored.size(), 3u);
+    EXPECT_EQ(json::parse(stored[0].substr(stored[0].find('|') + 1)), started);
+    EXPECT_EQ(stored[2].substr(0, stored[2].find('|')), "DEVICE-B");
+}
+
+TEST_F(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {
+    EXPECT_EQ(log({{"deviceid", "D"}, {"message", "session_started"}}).status, 400);
+    EXPECT_EQ(log({{"deviceid", "D"}, {"message", json::object()}}).status, 400);
+    EXPECT_EQ(log({{"deviceid", "D"}, {"message", {{"a", 1}, {"b", 2}}}}).status, 400);
+    EXPECT_EQ(log({{"message", {{"a", 1}}}}).status, 400);
+    EXPECT_EQ(log({{"deviceid", 5}, {"message", {{"a", 1}}}}).status, 400);
+    EXPECT_TRUE(fx.server().report().logCounts.empty());
+}
+
+}  // namespace
+}  // namespace tovrel_server::test

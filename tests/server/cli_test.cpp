@@ -1,0 +1,150 @@
+// The tovrel-server command line, run as a real process.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "test_support.h"
+
+namespace tovrel_server::test {
+namespace {
+
+struct CommandResult {
+    int exitCode = -1;
+    std::string output;  ///< stdout and stderr together
+};
+
+CommandResult run(const std::string& args) {
+    CommandResult result;
+    const std::string command = std::string(TOVREL_SERVER_BINARY) + " " + args + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) {
+        return result;
+    }
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        result.output.append(buffer, n);
+    }
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+class CommandLine : public ::testing::Test {
+  protected:
+    TempDir dir;
+    std::string db = (dir / "cli.db").string();
+};
+
+TEST_F(CommandLine, EveryCommandHasHelp) {
+    for (const std::string command : {"", "serve", "import", "apps", "apps add", "report"}) {
+        const CommandResult r = run(command + " --help");
+        EXPECT_EQ(r.exitCode, 0) << command;
+        EXPECT_NE(r.output.find("Usage"), std::string::npos) << r.output;
+    }
+    EXPECT_NE(run("import --help").output.find("--db"), std::string::npos);
+}
+
+TEST_F(CommandLine, DatabaseIsRequired) {
+    const CommandResult r = run("report");
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.output.find("--db"), std::string::npos) << r.output;
+}
+
+TEST_F(CommandLine, ImportAppsAndReport) {
+    const CommandResult imported =
+        run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db);
+    ASSERT_EQ(imported.exitCode, 0) << imported.output;
+    EXPECT_NE(imported.output.find("imported 43 places"), std::string::npos) << imported.output;
+    const CommandResult added = run("apps add kiosk-key Kiosk --db " + db);
+    EXPECT_EQ(added.exitCode, 0) << added.output;
+    EXPECT_EQ(queryRows(db, "SELECT key, name FROM apps ORDER BY key"),
+              (std::vector<std::string>{"demo-key|Demo", "kiosk-key|Kiosk"}));
+    const CommandResult report = run("report --db " + db);
+    EXPECT_EQ(report.exitCode, 0);
+    EXPECT_NE(report.output.find("eventId"), std::string::npos);
+    EXPECT_NE(report.output.find("Coffee on the Square"), std::string::npos);
+    const CommandResult asJson = run("report --json --db " + db);
+    EXPECT_EQ(json::parse(asJson.output).at("offers").size(), 45u);
+}
+
+TEST_F(CommandLine, BadPlaceFilesNameTheFault) {
+    const std::string file = dir.write("places.geojson", R"({"type": "FeatureCollection", "features": [
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 1, "radius": 50, "offers": []}},
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 2, "radius": 50}}]})");
+    const CommandResult r = run("import " + file + " --db " + db);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.output.find(file + ": feature 2: missing properties.offers"), std::string::npos) << r.output;
+    EXPECT_FALSE(std::filesystem::exists(db));
+
+    const CommandResult missing = run("import " + (dir / "nothing.geojson").string() + " --db " + db);
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.output.find("nothing.geojson: cannot open the file"), std::string::npos)
+        << missing.output;
+    const CommandResult noDb = run("report --db " + (dir / "absent.db").string());
+    EXPECT_EQ(noDb.exitCode, 1);
+    EXPECT_NE(noDb.output.find("there is no database"), std::string::npos) << noDb.output;
+}
+
+TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
+    ASSERT_EQ(
+        run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db).exitCode, 0);
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const std::string content = (examplesDir() / "content").string();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        close(out[0]);
+        execl(TOVREL_SERVER_BINARY, TOVREL_SERVER_BINARY, "serve", "--db", db.c_str(), "--listen",
+              "127.0.0.1:0", "--content", content.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(out[1]);
+    std::string line;
+    char c = 0;
+    while (read(out[0], &c, 1) == 1 && c != '\n') {
+        line += c;
+    }
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(line, match, std::regex(R"(127\.0\.0\.1:(\d+))"))) << line;
+    HttpClient client(static_cast<uint16_t>(std::stoi(match[1])));
+    EXPECT_EQ(client.get("/appcontent/help.html").status, 200);
+    EXPECT_EQ(client.post("/v1/session", json{{"deviceId", "D"}, {"sdkkey", "demo-key"}}).status, 200);
+
+    kill(pid, SIGTERM);
+    int status = 0;
+    pid_t done = 0;
+    for (int i = 0; i < 200 && done == 0; ++i) {
+        done = waitpid(pid, &status, WNOHANG);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (done == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        FAIL() << "serve did not stop on SIGTERM";
+    }
+    close(out[0]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(queryRows(db, "SELECT COUNT(*) FROM sessions"), std::vector<std::string>{"1"});
+}
+
+TEST_F(CommandLine, BadListenAddressesAreExplained) {
+    const CommandResult r = run("serve --db " + db + " --listen localhost");
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.output.find("lacks a port"), std::string::npos) << r.output;
+    const CommandResult v6 = run("serve --db " + db + " --listen ::1:80");
+    EXPECT_NE(v6.output.find("brackets"), std::string::npos) << v6.output;
+}
+
+}  // namespace
+}  // namespace tovrel_server::test

@@ -1,0 +1,273 @@
+// Error answers and connection handling over real HTTP on 127.0.0.1.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "test_support.h"
+
+namespace tovrel_server::test {
+namespace {
+
+const std::vector<std::string> kSessionEndpoints = {"/v2/place",
+                                                    "/v1/deviceevent/link",
+                                                    "/v1/deviceevent/update",
+                                                    "/v1/deviceevent/clear",
+                                                    "/v1/devicetag/update",
+                                                    "/v1/devicetag/delete"};
+
+const std::vector<std::string> kAllEndpoints = {"/v1/session",           "/v2/place",
+                                                "/v1/deviceevent/link",  "/v1/deviceevent/update",
+                                                "/v1/deviceevent/clear", "/v1/devicetag/update",
+                                                "/v1/devicetag/delete",  "/v1/log"};
+
+void expectErrorBody(const HttpResult& r) {
+    EXPECT_EQ(r.contentType, "application/json");
+    const json body = r.parsed();
+    ASSERT_TRUE(body.is_object()) << r.body;
+    ASSERT_TRUE(body.contains("error")) << r.body;
+    EXPECT_TRUE(body.at("error").is_string());
+    EXPECT_GT(body.at("error").get<std::string>().size(), 10u) << r.body;
+}
+
+// A raw TCP connection, for what libcurl will not send.
+class RawConnection {
+  public:
+    explicit RawConnection(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(port);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    }
+    ~RawConnection() { close(fd_); }
+    bool connected() const { return connected_; }
+    void send(const std::string& data) {
+        ASSERT_EQ(::send(fd_, data.data(), data.size(), MSG_NOSIGNAL), (ssize_t)data.size());
+    }
+    /// Reads until the peer closes or timeoutMs passes; closed() tells which.
+    std::string readAll(int timeoutMs) {
+        std::string out;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) {
+                continue;
+            }
+            char buf[4096];
+            const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+            if (n <= 0) {
+                closed_ = true;
+                break;
+            }
+            out.append(buf, static_cast<std::size_t>(n));
+        }
+        return out;
+    }
+    bool closed() const { return closed_; }
+
+  private:
+    int fd_;
+    bool connected_ = false;
+    bool closed_ = false;
+};
+
+class HttpErrors : public ::testing::Test {
+  protected:
+    ServerFixture fx;
+    std::string key = fx.startSession("DEVICE-A");
+};
+
+TEST_F(HttpErrors, MalformedJsonIsABadRequestEverywhere) {
+    for (const std::string& path : kAllEndpoints) {
+        for (const std::string body : {"", "{", "{\"sessionKey\":}", "not json", "{\"a\":1}}", "\xff\xfe"}) {
+            const HttpResult r = fx.client().post(path, body);
+            EXPECT_EQ(r.status, 400) << path << " " << body;
+            expectErrorBody(r);
+        }
+        for (const std::string body : {"[]", "\"text\"", "42", "null"}) {
+            EXPECT_EQ(fx.client().post(path, body).status, 400) << path << " " << body;
+        }
+    }
+}
+
+TEST_F(HttpErrors, DeepNestingIsABadRequest) {
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    const HttpResult r = fx.client().post("/v1/log", "{\"deviceid\":\"D\",\"message\":{\"e\":" + deep + "}}");
+    EXPECT_EQ(r.status, 400);
+    expectErrorBody(r);
+}
+
+TEST_F(HttpErrors, UnknownOrMissingSessionKeys) {
+    for (const std::string& path : kSessionEndpoints) {
+        const HttpResult unknown = fx.client().post(path, json{{"sessionKey", "no-such-key"}});
+        EXPECT_EQ(unknown.status, 401) << path;
+        expectErrorBody(unknown);
+        EXPECT_EQ(fx.client().post(path, json{{"sessionKey", 12}}).status, 400) << path;
+        EXPECT_EQ(fx.client().post(path, json::object()).status, 400) << path;
+    }
+    // The log endpoint takes no session key.
+    EXPECT_EQ(fx.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"e", {}}}}}).status, 200);
+}
+
+TEST_F(HttpErrors, WrongMemberTypesAreBadRequests) {
+    const json session{
+        {"deviceId", 5}, {"deviceType", "iOS"}, {"deviceModel", "iPhone"}, {"sdkkey", "test-key"}};
+    EXPECT_EQ(fx.client().post("/v1/session", session).status, 400);
+    EXPECT_EQ(fx.client()
+                  .post("/v1/session", json{{"deviceId", "D"}, {"sdkkey", "test-key"}, {"deviceModel", 1}})
+                  .status,
+              400);
+    EXPECT_EQ(fx.client().post("/v1/session", json{{"deviceId", ""}, {"sdkkey", "test-key"}}).status, 400);
+    EXPECT_EQ(fx.client().post("/v1/session", json{{"deviceId", "D"}}).status, 400);
+    const HttpResult r = fx.client().post(
+        "/v1/deviceevent/update", json{{"sessionKey", key}, {"deviceEventId", {1}}, {"statusCode", "seen"}});
+    EXPECT_EQ(r.status, 400);
+    expectErrorBody(r);
+}
+
+TEST_F(HttpErrors, BodiesOverOneMebibyteAreTooLarge) {
+    const std::string filler(1024 * 1024 + 1, 'x');
+    const HttpResult r = fx.client().post("/v1/log", filler);
+    EXPECT_EQ(r.status, 413);
+    expectErrorBody(r);
+    // Just under the limit is fine, and the server keeps serving afterwards.
+    const std::string text(1024 * 1024 - 200, 'y');
+    const HttpResult big =
+        fx.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"big", text}}}}.dump());
+    EXPECT_EQ(big.status, 200) << big.body.substr(0, 200);
+    EXPECT_EQ(fx.places(key, 48.137, 11.575).status, 200);
+}
+
+TEST_F(HttpErrors, OversizedBodyWithExpectContinueIsRefusedBeforeItIsSent) {
+    const std::string filler(2 * 1024 * 1024, 'x');
+    const HttpResult r = fx.client().request("POST", "/v1/log", filler, {"Expect: 100-continue"});
+    EXPECT_EQ(r.status, 413);
+    const HttpResult ok = fx.client().request(
+        "POST", "/v1/log", json{{"deviceid", "D"}, {"message", {{"e", std::string(300000, 'z')}}}}.dump(),
+        {"Expect: 100-continue"});
+    EXPECT_EQ(ok.status, 200);
+}
+
+TEST_F(HttpErrors, UnknownPathsAreNotFound) {
+    for (const std::string path : {"/v1/nothing", "/v3/place", "/v1/session/extra", "/v1"}) {
+        const HttpResult r = fx.client().post(path, json{{"sessionKey", key}});
+        EXPECT_EQ(r.status, 404) << path;
+        expectErrorBody(r);
+    }
+}
+
+TEST_F(HttpErrors, WrongMethodsAreNotAllowed) {
+    for (const std::string& path : kAllEndpoints) {
+        for (const std::string method : {"GET", "PUT", "DELETE", "PATCH"}) {
+            const HttpResult r = fx.client().request(method, path, "{}");
+            EXPECT_EQ(r.status, 405) << method << " " << path;
+            EXPECT_EQ(r.allow, "POST");
+            expectErrorBody(r);
+        }
+    }
+    const HttpResult onPage = fx.client().post("/appcontent/about.html", "{}");
+    EXPECT_EQ(onPage.status, 405);
+    EXPECT_EQ(onPage.allow, "GET, HEAD");
+}
+
+TEST_F(HttpErrors, GarbageHttpIsABadRequest) {
+    RawConnection raw(fx.port());
+    ASSERT_TRUE(raw.connected());
+    raw.send("THIS IS NOT HTTP\r\n\r\n");
+    const std::string answer = raw.readAll(5000);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 400", 0), 0u) << answer;
+    EXPECT_TRUE(raw.closed());
+}
+
+TEST_F(HttpErrors, QueryStringsDoNotChangeTheEndpoint) {
+    const HttpResult r =
+        fx.client().post("/v1/log?x=1", json{{"deviceid", "D"}, {"message", {{"e", 1}}}}.dump());
+    EXPECT_EQ(r.status, 200);
+}
+
+class Connections : public ::testing::Test {};
+
+TEST_F(Connections, KeepAliveReusesTheConnection) {
+    ServerFixture fx;
+    const std::string key = fx.startSession("D");
+    const HttpResult first = fx.places(key, 48.137, 11.575);
+    const HttpResult second = fx.places(key, 48.137, 11.575);
+    EXPECT_EQ(first.status, 200);
+    EXPECT_EQ(second.status, 200);
+    EXPECT_EQ(second.connects, 0);
+    // An error answer does not cost the connection either.
+    EXPECT_EQ(fx.client().post("/v1/nothing", "{}").status, 404);
+    EXPECT_EQ(fx.client().post("/v1/log", "{").connects, 0);
+}
+
+TEST_F(Connections, SilentConnectionsAreClosedAfterTheTimeout) {
+    ServerFixture fx(ServerFixture::Options{false, "", "", 1});
+    RawConnection idle(fx.port());
+    ASSERT_TRUE(idle.connected());
+    idle.readAll(8000);
+    EXPECT_TRUE(idle.closed());
+
+    RawConnection slow(fx.port());
+    slow.send("POST /v1/log HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{\"devi");
+    slow.readAll(8000);
+    EXPECT_TRUE(slow.closed());
+    EXPECT_EQ(fx.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"e", 1}}}}.dump()).status,
+              200);
+}
+
+TEST_F(Connections, PipelinedRequestsAreAnsweredInOrder) {
+    ServerFixture fx;
+    RawConnection raw(fx.port());
+    const std::string body = R"({"deviceid":"D","message":{"e":1}})";
+    const std::string request =
+        "POST /v1/log HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n" + body;
+    raw.send(request + request + "GET /nothing HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    const std::string answer = raw.readAll(5000);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u);
+    EXPECT_NE(answer.find("HTTP/1.1 200", 10), std::string::npos);
+    EXPECT_NE(answer.find("HTTP/1.1 404"), std::string::npos);
+    EXPECT_TRUE(raw.closed());
+}
+
+TEST_F(Connections, StopClosesIdleConnectionsAndFreesThePort) {
+    auto fx = std::make_unique<ServerFixture>();
+    const std::string key = fx->startSession("D");
+    RawConnection idle(fx->port());
+    ASSERT_TRUE(idle.connected());
+    EXPECT_EQ(fx->places(key, 48.137, 11.575).status, 200);
+    const uint16_t port = fx->port();
+    fx->server().stop();
+    idle.readAll(5000);
+    EXPECT_TRUE(idle.closed());
+    EXPECT_EQ(fx->server().port(), 0);
+    RawConnection refused(port);
+    EXPECT_FALSE(refused.connected());
+    // Stopping twice is harmless, and the server can serve again.
+    fx->server().stop();
+    HttpClient again(fx->server().start());
+    EXPECT_EQ(again.post("/v1/log", json{{"deviceid", "D"}, {"message", {{"e", 1}}}}.dump()).status, 200);
+}
+
+TEST(ServerLifecycle, StartFailsClearlyWhenThePortIsTaken) {
+    ServerFixture fx;
+    ServerOptions options;
+    options.port = fx.port();
+    Server second(options);
+    try {
+        second.start();
+        FAIL() << "start() succeeded on a taken port";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("cannot listen on 127.0.0.1:" + std::to_string(fx.port())),
+                  std::string::npos)
+            << e.what();
+    }
+}
+
+}  // namespace
+}  // namespace tovrel_server::test

@@ -1,0 +1,288 @@
+// The GeoJSON place importer: what it accepts, and the message it gives for each kind of fault.
+#include <gtest/gtest.h>
+
+#include "catalog_data.h"
+#include "database.h"
+#include "test_support.h"
+
+namespace tovrel_server {
+namespace {
+
+using test::json;
+
+std::string collection(const std::vector<json>& features, const json& properties = json::object()) {
+    return json{{"type", "FeatureCollection"}, {"properties", properties}, {"features", json(features)}}
+        .dump();
+}
+
+json offer(int eventId, const std::string& campaign = "C") {
+    return {{"eventId", eventId},
+            {"campaign", campaign},
+            {"eventName", "N"},
+            {"alertText", "A"},
+            {"eventTypeId", 3}};
+}
+
+json feature(const json& placeId, const std::vector<json>& offers,
+             const std::vector<json>& coordinates = {11.5, 48.1}) {
+    return {{"type", "Feature"},
+            {"geometry", {{"type", "Point"}, {"coordinates", json(coordinates)}}},
+            {"properties", {{"placeId", placeId}, {"radius", 50}, {"offers", json(offers)}}}};
+}
+
+const json kCampaigns = {{"campaigns", {{{"name", "C"}}}}};
+
+std::string errorOf(const std::string& text) {
+    try {
+        parseGeoJson(text, "places.geojson");
+    } catch (const ImportError& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+TEST(Importer, ReadsPlacesOffersCampaignsAndApps) {
+    const CatalogData data = parseGeoJson(test::testPlacesGeoJson(), "t.geojson");
+    ASSERT_EQ(data.places.size(), 4u);
+    EXPECT_EQ(data.places[0].id, 1);
+    EXPECT_DOUBLE_EQ(data.places[0].lat, 48.137);
+    EXPECT_DOUBLE_EQ(data.places[0].lon, 11.575);
+    EXPECT_DOUBLE_EQ(data.places[0].radius, 50);
+    EXPECT_EQ(data.places[0].offers, (std::vector<int64_t>{11, 12}));
+    EXPECT_EQ(data.places[1].id, 2);  // given as the string "2"
+    EXPECT_EQ(data.places[1].offers, (std::vector<int64_t>{11, 21, 22}));
+    // Offer 11 appears at two places and is defined once.
+    EXPECT_EQ(data.offers.size(), 7u);
+    EXPECT_EQ(data.offers[0].tags, "coffee,food");
+    EXPECT_EQ(data.offers[0].mediaType, "html");
+    EXPECT_EQ(data.offers[2].mediaUrl, "");
+    ASSERT_EQ(data.apps.size(), 1u);
+    EXPECT_EQ(data.apps[0].key, "test-key");
+    ASSERT_EQ(data.campaigns.size(), 4u);
+    const auto capped = std::find_if(data.campaigns.begin(), data.campaigns.end(),
+                                     [](const CampaignDef& c) { return c.name == "Capped"; });
+    ASSERT_NE(capped, data.campaigns.end());
+    EXPECT_EQ(capped->perDeviceCap, 1);
+    EXPECT_EQ(capped->startTime, test::utc(2020, 1, 1));
+    EXPECT_EQ(capped->endTime, test::utc(2035, 12, 31) + 86399);
+}
+
+TEST(Importer, CampaignsMayBeDefinedInsideAnOffer) {
+    json o = offer(5);
+    o["campaign"] = {{"name", "Inline"}, {"endDate", "2030-01-01"}, {"perDeviceCap", 2}};
+    const CatalogData data = parseGeoJson(collection({feature(1, {o}), feature(2, {o})}), "f");
+    ASSERT_EQ(data.campaigns.size(), 1u);
+    EXPECT_EQ(data.campaigns[0].name, "Inline");
+    EXPECT_EQ(data.campaigns[0].perDeviceCap, 2);
+    EXPECT_FALSE(data.campaigns[0].startTime);
+}
+
+struct BadFile {
+    std::string name;
+    std::string text;
+    std::string message;
+};
+
+class ImporterErrors : public ::testing::TestWithParam<BadFile> {};
+
+TEST_P(ImporterErrors, NameTheFileAndTheFault) {
+    EXPECT_EQ(errorOf(GetParam().text), "places.geojson: " + GetParam().message);
+}
+
+json withProps(json f, const json& extra) {
+    for (const auto& [k, v] : extra.items()) {
+        f["properties"][k] = v;
+    }
+    return f;
+}
+
+json offerWith(const json& extra, int id = 7) {
+    json o = offer(id);
+    for (const auto& [k, v] : extra.items()) {
+        if (v.is_null()) {
+            o.erase(k);
+        } else {
+            o[k] = v;
+        }
+    }
+    return o;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Messages, ImporterErrors,
+    ::testing::Values(
+        BadFile{"syntax", "{\n  \"type\": \"FeatureCollection\",\n  \"features\": [,]\n}",
+                "line 3, column 16: not valid JSON (syntax error while parsing value - unexpected ','; "
+                "expected '[', '{', "
+                "or a literal)"},
+        BadFile{"not_collection", R"({"type": "Feature"})", "\"type\" must be \"FeatureCollection\""},
+        BadFile{"no_features", R"({"type": "FeatureCollection"})",
+                "missing features (an array of Point features)"},
+        BadFile{"line_string",
+                collection({{{"type", "Feature"},
+                             {"geometry", {{"type", "LineString"}, {"coordinates", {{1, 2}, {3, 4}}}}},
+                             {"properties", json::object()}}}),
+                "feature 1: geometry.type must be \"Point\" (one feature per place)"},
+        BadFile{"coordinates_range", collection({feature(1, {}, {11.5, 91})}),
+                "feature 1: geometry.coordinates [11.5, 91] out of range: longitude must be -180..180, "
+                "latitude -90..90"},
+        BadFile{"coordinates_type", collection({feature(1, {}, {"11.5", "48.1"})}),
+                "feature 1: geometry.coordinates must be [longitude, latitude]"},
+        BadFile{"place_id", collection({feature("P1", {})}),
+                "feature 1: properties.placeId must be a whole number from 1 to 2147483647 (or such a number "
+                "as a string)"},
+        BadFile{"duplicate_place", collection({feature(1, {}), feature(1, {})}),
+                "feature 2: placeId 1 is already used by feature 1"},
+        BadFile{"radius", collection({withProps(feature(1, {}), {{"radius", -5}})}),
+                "feature 1: properties.radius must be a number of metres above 0"},
+        BadFile{"unknown_campaign", collection({feature(1, {offer(1, "Nope")})}, kCampaigns),
+                "feature 1: offer 1: unknown campaign \"Nope\" (define it in properties.campaigns)"},
+        BadFile{"missing_event_id", collection({feature(1, {offerWith({{"eventId", nullptr}})})}, kCampaigns),
+                "feature 1: offer 1: missing eventId"},
+        BadFile{"event_type",
+                collection({feature(1, {offer(1), offerWith({{"eventTypeId", 4}})})}, kCampaigns),
+                "feature 1: offer 2: eventTypeId must be 1, 2 or 3"},
+        BadFile{"dwell", collection({feature(1, {offerWith({{"dwellTime", 1.5}})})}, kCampaigns),
+                "feature 1: offer 1: dwellTime must be a whole number of minutes from 0 to 1440"},
+        BadFile{"alert_type", collection({feature(1, {offerWith({{"alertText", 5}})})}, kCampaigns),
+                "feature 1: offer 1: alertText must be a string"},
+        BadFile{"tags", collection({feature(1, {offerWith({{"tags", {1, 2}}})})}, kCampaigns),
+                "feature 1: offer 1: tags must be a string or an array of strings"},
+        BadFile{"twice_in_place", collection({feature(1, {offer(1), offer(1)})}, kCampaigns),
+                "feature 1: offer 2: eventId 1 appears twice in this place"},
+        BadFile{"redefined_offer",
+                collection({feature(1, {offer(1)}), feature(2, {offerWith({{"eventName", "Other"}}, 1)})},
+                           kCampaigns),
+                "feature 2: offer 1: eventId 1 is already defined differently in feature 1"},
+        BadFile{"bad_date", collection({}, {{"campaigns", {{{"name", "C"}, {"startDate", "2020-02-30"}}}}}),
+                "campaign 1: startDate \"2020-02-30\" is not a date like 2020-01-31 or 2020-01-31T08:00:00Z"},
+        BadFile{"dates_reversed",
+                collection({}, {{"campaigns",
+                                 {{{"name", "C"}, {"startDate", "2030-01-01"}, {"endDate", "2020-01-01"}}}}}),
+                "campaign 1: endDate is before startDate"},
+        BadFile{"cap", collection({}, {{"campaigns", {{{"name", "C"}, {"perDeviceCap", -1}}}}}),
+                "campaign 1: perDeviceCap must be a whole number of 0 or more"},
+        BadFile{"campaign_twice",
+                collection({}, {{"campaigns", {{{"name", "C"}}, {{"name", "C"}, {"perDeviceCap", 1}}}}}),
+                "campaign 2: campaign \"C\" is already defined with other values"},
+        BadFile{"app_key", collection({}, {{"apps", {{{"key", ""}, {"name", "x"}}}}}),
+                "app 1: key must not be empty"}),
+    [](const ::testing::TestParamInfo<BadFile>& p) { return p.param.name; });
+
+TEST(Importer, MissingOffersNamesTheFeature) {
+    json second = feature(2, {});
+    second["properties"].erase("offers");
+    EXPECT_EQ(errorOf(collection({feature(1, {offer(1)}), feature(3, {}), second}, kCampaigns)),
+              "places.geojson: feature 3: missing properties.offers");
+}
+
+TEST(Importer, IsoTimes) {
+    EXPECT_EQ(parseIsoTime("1970-01-01", false), 0.0);
+    EXPECT_EQ(parseIsoTime("1970-01-01", true), 86399.0);
+    EXPECT_EQ(parseIsoTime("2024-02-29T12:30:15Z", false), test::utc(2024, 2, 29) + 45015);
+    EXPECT_EQ(parseIsoTime("2024-02-29T12:30+02:00", false), test::utc(2024, 2, 29) + 37800);
+    EXPECT_EQ(parseIsoTime("2024-02-29T12:30:00-01:30", true), test::utc(2024, 2, 29) + 45000 + 5400);
+    for (const char* bad : {"2023-02-29", "2024-13-01", "24-01-01", "2024-01-01T25:00Z", "2024-01-01T10:00",
+                            "2024-01-01 10:00Z", "2024-01-01T10:00:00Zjunk", "", "2024/01/01"}) {
+        EXPECT_FALSE(parseIsoTime(bad, false)) << bad;
+    }
+}
+
+class ImportIntoDatabase : public ::testing::Test {
+  protected:
+    test::TempDir dir;
+    std::string db = (dir / "i.db").string();
+};
+
+TEST_F(ImportIntoDatabase, AFileWithAnErrorWritesNothing) {
+    const std::string good = dir.write("good.geojson", test::testPlacesGeoJson());
+    importGeoJsonFile(db, good);
+    const auto before = test::queryRows(db, "SELECT * FROM offers ORDER BY id");
+    json broken = json::parse(test::testPlacesGeoJson());
+    broken["features"][0]["properties"]["offers"][0]["eventName"] = "Changed";
+    broken["features"][3]["properties"]["radius"] = 0;
+    EXPECT_THROW(importGeoJsonFile(db, dir.write("bad.geojson", broken.dump())), ImportError);
+    EXPECT_EQ(test::queryRows(db, "SELECT * FROM offers ORDER BY id"), before);
+}
+
+TEST_F(ImportIntoDatabase, ImportingAgainUpdatesByIdentifier) {
+    importGeoJsonFile(db, dir.write("a.geojson", test::testPlacesGeoJson()));
+    json changed = json::parse(test::testPlacesGeoJson());
+    changed["features"][0]["properties"]["radius"] = 75;
+    changed["features"][0]["properties"]["offers"] =
+        json::array({changed["features"][0]["properties"]["offers"][1]});
+    changed["features"][0]["properties"]["offers"][0]["eventName"] = "Tower 2";
+    const ImportSummary s = importGeoJsonFile(db, dir.write("b.geojson", changed.dump()));
+    EXPECT_EQ(s.places, 4);
+    EXPECT_EQ(test::queryRows(db, "SELECT COUNT(*) FROM places"), std::vector<std::string>{"4"});
+    EXPECT_EQ(test::queryRows(db, "SELECT radius FROM places WHERE id = 1"),
+              std::vector<std::string>{"75.0"});
+    EXPECT_EQ(test::queryRows(db, "SELECT offer FROM place_offers WHERE place = 1"),
+              std::vector<std::string>{"12"});
+    EXPECT_EQ(test::queryRows(db, "SELECT event_name FROM offers WHERE id = 12"),
+              std::vector<std::string>{"Tower 2"});
+}
+
+TEST_F(ImportIntoDatabase, TheExampleDataSetImports) {
+    const ImportSummary s =
+        importGeoJsonFile(db, (test::examplesDir() / "places" / "munich.geojson").string());
+    EXPECT_EQ(s.apps, 1);
+    EXPECT_GE(s.places, 40);
+    EXPECT_GE(s.campaigns, 5);
+    EXPECT_EQ(test::queryRows(db, "SELECT DISTINCT event_type FROM offers ORDER BY 1"),
+              (std::vector<std::string>{"1", "2", "3"}));
+    EXPECT_EQ(test::queryRows(db, "SELECT MIN(radius) >= 40, MAX(radius) <= 150 FROM places"),
+              std::vector<std::string>{"1|1"});
+    EXPECT_EQ(test::queryRows(db, "SELECT COUNT(*) > 0 FROM offers WHERE dwell_time BETWEEN 1 AND 2"),
+              std::vector<std::string>{"1"});
+    EXPECT_EQ(test::queryRows(db, "SELECT key FROM apps"), std::vector<std::string>{"demo-key"});
+}
+
+TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
+    test::TempDir dir;
+    const std::string path = (dir / "m.db").string();
+    { Database db(path); }
+    EXPECT_EQ(test::queryRows(path, "PRAGMA user_version"),
+              std::vector<std::string>{std::to_string(currentSchemaVersion())});
+    EXPECT_EQ(test::queryRows(path, "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
+}
+
+TEST(Migrations, OlderDatabasesAreUpgradedAndKeepTheirData) {
+    test::TempDir dir;
+    const std::string path = (dir / "m.db").string();
+    {
+        Database db(path);
+        db.exec("INSERT INTO apps VALUES('k', 'n', 0)");
+        db.exec("DROP INDEX log_messages_event; PRAGMA user_version = 1");
+    }
+    { Database db(path); }
+    EXPECT_EQ(test::queryRows(path, "SELECT name FROM sqlite_master WHERE name = 'log_messages_event'"),
+              std::vector<std::string>{"log_messages_event"});
+    EXPECT_EQ(test::queryRows(path, "SELECT key FROM apps"), std::vector<std::string>{"k"});
+}
+
+TEST(Migrations, NewerDatabasesAreRefused) {
+    test::TempDir dir;
+    const std::string path = (dir / "m.db").string();
+    {
+        Database db(path);
+        db.exec("PRAGMA user_version = 99");
+    }
+    try {
+        Database db(path);
+        FAIL() << "opened a database from the future";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("schema version 99, newer than this program's"),
+                  std::string::npos)
+            << e.what();
+    }
+}
+
+TEST(Migrations, NotADatabaseIsRefused) {
+    test::TempDir dir;
+    const std::string path = dir.write("junk.db", std::string(4096, 'j'));
+    EXPECT_THROW(Database db(path), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace tovrel_server

@@ -1,0 +1,110 @@
+// Reading request members, paths and listen addresses.
+#include <gtest/gtest.h>
+
+#include "listen_address.h"
+#include "request_fields.h"
+#include "static_files.h"
+
+namespace tovrel_server {
+namespace {
+
+using nlohmann::json;
+
+unsigned statusOf(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const ApiError& e) {
+        return e.status();
+    }
+    return 200;
+}
+
+TEST(RequestFields, NumbersMayArriveAsNumbersOrNumericStrings) {
+    const json req =
+        json::parse(R"({"a": 48.137154, "b": "48.137154", "c": "8047", "d": 8047, "e": "-0.5e1"})");
+    EXPECT_DOUBLE_EQ(requireNumber(req, "a", -90, 90), 48.137154);
+    EXPECT_DOUBLE_EQ(requireNumber(req, "b", -90, 90), 48.137154);
+    EXPECT_DOUBLE_EQ(requireNumber(req, "c", 0, 1e8), 8047);
+    EXPECT_DOUBLE_EQ(requireNumber(req, "d", 0, 1e8), 8047);
+    EXPECT_DOUBLE_EQ(requireNumber(req, "e", -10, 10), -5);
+}
+
+TEST(RequestFields, AnythingElseIsABadRequest) {
+    const json req = json::parse(
+        R"({"s1": "48.1x", "s2": " 48", "s3": "", "s4": "nan", "s5": "inf", "s6": "+1", "b": true, "n": null,
+            "a": [1], "o": {}, "big": 1e300, "neg": -91})");
+    for (const char* name :
+         {"s1", "s2", "s3", "s4", "s5", "s6", "b", "n", "a", "o", "big", "neg", "missing"}) {
+        EXPECT_EQ(statusOf([&] { requireNumber(req, name, -90, 90); }), 400u) << name;
+    }
+}
+
+TEST(RequestFields, IdentifiersAreWholeAndNotNegative) {
+    const json req = json::parse(
+        R"({"s": "17", "n": 17, "zero": "0", "neg": -1, "f": 17.0, "sf": "17.0", "sx": "17x", "e": "",
+            "huge": 18446744073709551615, "hugeText": "99999999999999999999", "sneg": "-3"})");
+    EXPECT_EQ(requireId(req, "s"), 17);
+    EXPECT_EQ(requireId(req, "n"), 17);
+    EXPECT_EQ(requireId(req, "zero"), 0);
+    for (const char* name : {"neg", "f", "sf", "sx", "e", "huge", "hugeText", "sneg", "missing"}) {
+        EXPECT_EQ(statusOf([&] { requireId(req, name); }), 400u) << name;
+    }
+}
+
+TEST(RequestFields, StringsMustBeStrings) {
+    const json req = json::parse(R"({"s": "x", "n": 1})");
+    EXPECT_EQ(requireString(req, "s"), "x");
+    EXPECT_EQ(statusOf([&] { requireString(req, "n"); }), 400u);
+    EXPECT_EQ(statusOf([&] { requireString(req, "missing"); }), 400u);
+    EXPECT_EQ(optionalString(req, "missing", "fallback"), "fallback");
+    EXPECT_EQ(statusOf([&] { optionalString(req, "n", ""); }), 400u);
+}
+
+TEST(RequestFields, BodiesMustBeShallowJsonObjects) {
+    EXPECT_TRUE(parseObjectBody(R"({"a": [[["]]]]]]]]"]]]})").is_object());
+    EXPECT_EQ(statusOf([] { parseObjectBody("[]"); }), 400u);
+    EXPECT_EQ(statusOf([] { parseObjectBody(""); }), 400u);
+    EXPECT_EQ(statusOf([] { parseObjectBody(R"({"a": 1} trailing)"); }), 400u);
+    EXPECT_EQ(statusOf([] { parseObjectBody("{\"a\": \"\xc3\x28\"}"); }), 400u);
+    EXPECT_TRUE(nestingWithin(R"({"a": "[[[[[[[[[[", "b": "\"[[[[[["})", 2));
+    EXPECT_FALSE(nestingWithin("[[[]]]", 2));
+    EXPECT_EQ(
+        statusOf([] { parseObjectBody("{\"a\":" + std::string(40, '[') + std::string(40, ']') + "}"); }),
+        400u);
+}
+
+TEST(StaticPaths, PercentDecoding) {
+    EXPECT_EQ(percentDecode("/a%20b%2Fc"), "/a b/c");
+    EXPECT_EQ(percentDecode("/%e2%82%ac"), "/\xe2\x82\xac");
+    EXPECT_FALSE(percentDecode("/a%2"));
+    EXPECT_FALSE(percentDecode("/a%"));
+    EXPECT_FALSE(percentDecode("/a%g0"));
+}
+
+TEST(StaticPaths, ContentTypes) {
+    EXPECT_EQ(contentTypeFor("a/b.html"), "text/html; charset=utf-8");
+    EXPECT_EQ(contentTypeFor("b.HTM"), "text/html; charset=utf-8");
+    EXPECT_EQ(contentTypeFor("x.svg"), "image/svg+xml");
+    EXPECT_EQ(contentTypeFor("x.json"), "application/json");
+    EXPECT_EQ(contentTypeFor("Makefile"), "application/octet-stream");
+}
+
+TEST(StaticPaths, NoFolderServesNothing) {
+    const StaticFiles none("");
+    EXPECT_EQ(none.resolve("/appcontent/about.html").status, 404u);
+    EXPECT_EQ(none.resolve("relative").status, 400u);
+    EXPECT_THROW(StaticFiles("/no/such/folder/anywhere"), std::runtime_error);
+}
+
+TEST(ListenAddresses, HostAndPort) {
+    EXPECT_EQ(parseListenAddress("127.0.0.1:8080").host, "127.0.0.1");
+    EXPECT_EQ(parseListenAddress("127.0.0.1:8080").port, 8080);
+    EXPECT_EQ(parseListenAddress("[::1]:0").host, "::1");
+    EXPECT_EQ(parseListenAddress(":9000").host, "127.0.0.1");
+    for (const char* bad : {"127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:http", "::1:80"}) {
+        EXPECT_THROW(parseListenAddress(bad), std::invalid_argument) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace tovrel_server

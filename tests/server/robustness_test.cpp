@@ -1,0 +1,231 @@
+// Random and malformed requests at every endpoint: no crash, no 5xx, and no stored data lost.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "test_support.h"
+
+namespace tovrel_server::test {
+namespace {
+
+constexpr int kBodiesPerEndpoint = 150;
+
+class RandomInput {
+  public:
+    explicit RandomInput(uint32_t seed) : rng_(seed) {}
+
+    int below(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
+
+    std::string bytes(std::size_t maxLength) {
+        std::string s(static_cast<std::size_t>(below(static_cast<int>(maxLength) + 1)), '\0');
+        for (char& c : s) {
+            c = static_cast<char>(below(256));
+        }
+        return s;
+    }
+
+    std::string text() {
+        static const std::vector<std::string> samples = {"",
+                                                         "0",
+                                                         "-1",
+                                                         "17",
+                                                         "1e400",
+                                                         "48.137154",
+                                                         "NaN",
+                                                         "ack",
+                                                         "seen",
+                                                         "\u00e9\u00e8",
+                                                         "../..",
+                                                         "%00",
+                                                         std::string(3000, 'a'),
+                                                         "9999999999999999999999",
+                                                         " 12",
+                                                         "0x1F",
+                                                         "null"};
+        return below(3) == 0 ? bytes(20)
+                             : samples[static_cast<std::size_t>(below(static_cast<int>(samples.size())))];
+    }
+
+    json value(int depth = 0) {
+        switch (below(depth > 3 ? 7 : 9)) {
+            case 0:
+                return nullptr;
+            case 1:
+                return below(2) == 0;
+            case 2:
+                return static_cast<int64_t>(rng_()) - (int64_t{1} << 31);
+            case 3:
+                return std::uniform_real_distribution<double>(-1e12, 1e12)(rng_);
+            case 4:
+                return std::numeric_limits<uint64_t>::max() - static_cast<uint64_t>(below(10));
+            case 5:
+            case 6:
+                return text();
+            case 7: {
+                json a = json::array();
+                for (int i = below(4); i > 0; --i) {
+                    a.push_back(value(depth + 1));
+                }
+                return a;
+            }
+            default: {
+                json o = json::object();
+                for (int i = below(4); i > 0; --i) {
+                    o[text().substr(0, 8)] = value(depth + 1);
+                }
+                return o;
+            }
+        }
+    }
+
+    // A valid body with members replaced, removed or added.
+    json mutate(json body) {
+        const int changes = 1 + below(3);
+        for (int i = 0; i < changes && body.is_object() && !body.empty(); ++i) {
+            std::vector<std::string> keys;
+            for (const auto& [k, v] : body.items()) {
+                keys.push_back(k);
+            }
+            const std::string key = keys[static_cast<std::size_t>(below(static_cast<int>(keys.size())))];
+            switch (below(4)) {
+                case 0:
+                    body.erase(key);
+                    break;
+                case 1:
+                    body["extra" + std::to_string(below(5))] = value();
+                    break;
+                default:
+                    body[key] = value();
+                    break;
+            }
+        }
+        return body;
+    }
+
+    std::string damage(const std::string& text) {
+        std::string s = text;
+        switch (below(3)) {
+            case 0:
+                return s.substr(0, static_cast<std::size_t>(below(static_cast<int>(s.size()) + 1)));
+            case 1:
+                for (int i = below(4) + 1; i > 0 && !s.empty(); --i) {
+                    s[static_cast<std::size_t>(below(static_cast<int>(s.size())))] =
+                        static_cast<char>(below(256));
+                }
+                return s;
+            default:
+                return s.insert(static_cast<std::size_t>(below(static_cast<int>(s.size()) + 1)), bytes(8));
+        }
+    }
+
+  private:
+    std::mt19937 rng_;
+};
+
+std::vector<std::string> tableRows(const std::string& db) {
+    std::vector<std::string> all;
+    for (const char* sql :
+         {"SELECT * FROM apps", "SELECT * FROM campaigns", "SELECT * FROM offers", "SELECT * FROM places",
+          "SELECT * FROM place_offers", "SELECT * FROM devices WHERE device_id = 'DEVICE-A'",
+          "SELECT s.* FROM sessions s JOIN devices d ON d.id = s.device WHERE d.device_id = 'DEVICE-A'",
+          "SELECT e.* FROM device_events e JOIN devices d ON d.id = e.device WHERE d.device_id = 'DEVICE-A'",
+          "SELECT s.* FROM device_event_status s JOIN device_events e ON e.id = s.device_event "
+          "JOIN devices d ON d.id = e.device WHERE d.device_id = 'DEVICE-A'",
+          "SELECT t.* FROM device_tags t JOIN devices d ON d.id = t.device WHERE d.device_id = 'DEVICE-A'",
+          "SELECT * FROM log_messages WHERE device_id = 'DEVICE-A'"}) {
+        for (std::string& row : queryRows(db, sql)) {
+            all.push_back(std::string(sql).substr(0, 40) + ": " + row);
+        }
+    }
+    return all;
+}
+
+TEST(Robustness, RandomBodiesNeitherCrashNorLoseData) {
+    ServerFixture fx;
+    const std::string keyA = fx.startSession("DEVICE-A");
+    const json linkA = fx.link(keyA, "11", "1").parsed().at("places").at(0);
+    ASSERT_EQ(fx.link(keyA, "12", "1").status, 200);
+    ASSERT_EQ(fx.client()
+                  .post("/v1/deviceevent/update", json{{"sessionKey", keyA},
+                                                       {"deviceEventId", linkA.at("deviceEventId")},
+                                                       {"statusCode", "ack"}})
+                  .status,
+              200);
+    ASSERT_EQ(
+        fx.client()
+            .post("/v1/devicetag/update",
+                  json{{"sessionKey", keyA}, {"tag", "lang"}, {"tagValue", "de"}, {"groupTag", "profile"}})
+            .status,
+        200);
+    ASSERT_EQ(fx.client()
+                  .post("/v1/log", json{{"deviceid", "DEVICE-A"}, {"message", {{"session_started", {}}}}})
+                  .status,
+              200);
+    const std::vector<std::string> before = tableRows(fx.dbPath());
+    ASSERT_GT(before.size(), 10u);
+
+    const std::string keyB = fx.startSession("FUZZ-B");
+    const int64_t eventB =
+        fx.link(keyB, "11", "2").parsed().at("places").at(0).at("deviceEventId").get<int64_t>();
+    const std::map<std::string, json> templates = {
+        {"/v1/session",
+         {{"deviceId", "FUZZ-B"}, {"deviceType", "iOS"}, {"deviceModel", "iPhone"}, {"sdkkey", "test-key"}}},
+        {"/v2/place",
+         {{"sessionKey", keyB},
+          {"coordinatesList", {{{"lat", "48.137"}, {"lon", "11.575"}}}},
+          {"distanceThreshold", "8047"}}},
+        {"/v1/deviceevent/link", {{"sessionKey", keyB}, {"eventId", "11"}, {"placeId", "2"}}},
+        {"/v1/deviceevent/update", {{"sessionKey", keyB}, {"deviceEventId", eventB}, {"statusCode", "seen"}}},
+        {"/v1/deviceevent/clear", {{"sessionKey", keyB}}},
+        {"/v1/devicetag/update", {{"sessionKey", keyB}, {"tag", "t"}, {"tagValue", "v"}, {"groupTag", "g"}}},
+        {"/v1/devicetag/delete", {{"sessionKey", keyB}, {"tag", "t"}, {"groupTag", "g"}}},
+        {"/v1/log", {{"deviceid", "FUZZ-B"}, {"message", {{"fuzz", {{"timestamp", "1"}}}}}}},
+    };
+
+    RandomInput random(20240611);
+    int answered = 0;
+    for (const auto& [path, valid] : templates) {
+        for (int i = 0; i < kBodiesPerEndpoint; ++i) {
+            std::string body;
+            switch (random.below(4)) {
+                case 0:
+                    body = random.bytes(300);
+                    break;
+                case 1:
+                    body = random.damage(valid.dump());
+                    break;
+                default:
+                    body = random.mutate(valid).dump(-1, ' ', false, json::error_handler_t::replace);
+                    break;
+            }
+            const HttpResult r = fx.client().post(path, body);
+            ASSERT_EQ(r.curlCode, 0) << path << " " << body;
+            ASSERT_TRUE(r.status == 200 || r.status == 400 || r.status == 401 || r.status == 404)
+                << path << " answered " << r.status << " " << r.body << " to " << body;
+            if (r.status != 200) {
+                const json error = r.parsed();
+                ASSERT_TRUE(error.is_object() && error.contains("error")) << r.body;
+            }
+            ++answered;
+        }
+    }
+    for (int i = 0; i < 50; ++i) {
+        const std::string method = std::vector<std::string>{
+            "GET", "PUT", "DELETE", "OPTIONS", "POST"}[static_cast<std::size_t>(random.below(5))];
+        const HttpResult r =
+            fx.client().request(method, "/v1/" + std::to_string(random.below(1000)), random.bytes(50));
+        ASSERT_EQ(r.curlCode, 0);
+        ASSERT_LT(r.status, 500);
+    }
+    EXPECT_EQ(answered, kBodiesPerEndpoint * static_cast<int>(templates.size()));
+
+    EXPECT_EQ(tableRows(fx.dbPath()), before);
+    const json again = fx.link(keyA, "11", "1").parsed().at("places").at(0);
+    EXPECT_EQ(again.at("deviceEventId"), linkA.at("deviceEventId"));
+    const HttpResult places = fx.places(keyA, 48.137, 11.575);
+    ASSERT_EQ(places.status, 200);
+    EXPECT_EQ(places.parsed().at("places").at(0).at("isLinked"), 1);
+}
+
+}  // namespace
+}  // namespace tovrel_server::test

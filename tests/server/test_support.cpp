@@ -1,0 +1,242 @@
+#include "test_support.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace tovrel_server::test {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "tovrel-server-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+}
+
+std::string TempDir::write(const std::string& name, const std::string& text) const {
+    const fs::path file = path_ / name;
+    fs::create_directories(file.parent_path());
+    FILE* f = std::fopen(file.c_str(), "wb");
+    if (!f) {
+        throw std::runtime_error("cannot write " + file.string());
+    }
+    std::fwrite(text.data(), 1, text.size(), f);
+    std::fclose(f);
+    return file.string();
+}
+
+namespace {
+
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* out) {
+    static_cast<std::string*>(out)->append(data, size * count);
+    return size * count;
+}
+
+std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void* out) {
+    const std::string line(data, size * count);
+    auto* result = static_cast<HttpResult*>(out);
+    const auto colon = line.find(':');
+    if (colon != std::string::npos) {
+        std::string name = line.substr(0, colon);
+        for (char& c : name) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        std::string value = line.substr(colon + 1);
+        value.erase(0, value.find_first_not_of(' '));
+        value.erase(value.find_last_not_of("\r\n ") + 1);
+        if (name == "allow") {
+            result->allow = value;
+        }
+    }
+    return size * count;
+}
+
+}  // namespace
+
+HttpClient::HttpClient(uint16_t port, std::string host)
+    : port_(port), host_(std::move(host)), curl_(curl_easy_init()) {}
+
+HttpClient::~HttpClient() {
+    curl_easy_cleanup(static_cast<CURL*>(curl_));
+}
+
+HttpResult HttpClient::request(const std::string& method, const std::string& path, const std::string& body,
+                               const std::vector<std::string>& headers) {
+    CURL* curl = static_cast<CURL*>(curl_);
+    curl_easy_reset(curl);
+    HttpResult result;
+    const std::string url = "http://" + host_ + ":" + std::to_string(port_) + path;
+    curl_slist* list = nullptr;
+    list = curl_slist_append(list, "Content-Type: application/json");
+    for (const std::string& h : headers) {
+        list = curl_slist_append(list, h.c_str());
+    }
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &result.body);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &result);
+    if (method == "HEAD") {
+        curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    } else if (method == "POST") {
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    } else {
+        curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+        if (!body.empty()) {
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+        }
+    }
+    result.curlCode = curl_easy_perform(curl);
+    curl_slist_free_all(list);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &result.status);
+    curl_easy_getinfo(curl, CURLINFO_NUM_CONNECTS, &result.connects);
+    const char* type = nullptr;
+    curl_easy_getinfo(curl, CURLINFO_CONTENT_TYPE, &type);
+    result.contentType = type ? type : "";
+    return result;
+}
+
+double utc(int year, unsigned month, unsigned day) {
+    using namespace std::chrono;
+    const sys_days d =
+        year_month_day{std::chrono::year{year}, std::chrono::month{month}, std::chrono::day{day}};
+    return static_cast<double>(sys_seconds{d}.time_since_epoch().count());
+}
+
+std::string testPlacesGeoJson() {
+    // Place 1 at the query point, place 2 500 m north, place 3 5 km east, place 4 30 km north.
+    return R"({
+  "type": "FeatureCollection",
+  "properties": {
+    "apps": [{"key": "test-key", "name": "Tests"}],
+    "campaigns": [
+      {"name": "Open"},
+      {"name": "Capped", "startDate": "2020-01-01", "endDate": "2035-12-31", "perDeviceCap": 1},
+      {"name": "Past", "startDate": "2019-01-01", "endDate": "2019-12-31"},
+      {"name": "Future", "startDate": "2040-01-01"}
+    ]
+  },
+  "features": [
+    {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.575, 48.137]},
+     "properties": {"placeId": 1, "name": "Square", "radius": 50, "offers": [
+       {"eventId": 11, "campaign": "Open", "eventName": "Coffee", "alertText": "Free coffee",
+        "mediaUrl": "/media/offer-1001.html", "tags": ["coffee", "food"], "dwellTime": 0, "eventTypeId": 3},
+       {"eventId": 12, "campaign": "Capped", "eventName": "Tower", "alertText": "Climb it",
+        "mediaType": "web", "mediaUrl": "https://media.example.test/tower.html", "dwellTime": 1, "eventTypeId": 2}]}},
+    {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.575, 48.1414966]},
+     "properties": {"placeId": "2", "name": "Church", "radius": 120, "offers": [
+       {"eventId": 11, "campaign": "Open", "eventName": "Coffee", "alertText": "Free coffee",
+        "mediaUrl": "/media/offer-1001.html", "tags": ["coffee", "food"], "dwellTime": 0, "eventTypeId": 3},
+       {"eventId": 21, "campaign": "Capped", "eventName": "Crypt", "alertText": "Tour at 2", "eventTypeId": 1},
+       {"eventId": 22, "campaign": "Past", "eventName": "Old sale", "alertText": "Gone", "eventTypeId": 3}]}},
+    {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.64235, 48.137]},
+     "properties": {"placeId": 3, "radius": 40, "offers": [
+       {"eventId": 31, "campaign": "Future", "eventName": "Later", "alertText": "Not yet", "eventTypeId": 3},
+       {"eventId": 32, "campaign": "Open", "eventName": "Park", "alertText": "Picnic", "dwellTime": 2,
+        "eventTypeId": 3}]}},
+    {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.575, 48.4068]},
+     "properties": {"placeId": 4, "radius": 150, "offers": [
+       {"eventId": 41, "campaign": "Open", "eventName": "Far", "alertText": "Too far", "eventTypeId": 3}]}}
+  ]
+})";
+}
+
+fs::path examplesDir() {
+    return fs::path(TOVREL_EXAMPLES_DIR);
+}
+
+ServerFixture::ServerFixture() : ServerFixture(Options{}) {}
+
+ServerFixture::ServerFixture(const Options& options)
+    : now_(std::make_shared<std::atomic<double>>(utc(2025, 6, 1))) {
+    dbPath_ = options.fileDatabase ? (dir_ / "server.db").string() : ":memory:";
+    ServerOptions so;
+    so.dbPath = dbPath_;
+    so.port = 0;
+    so.contentDir = options.contentDir.empty() ? (examplesDir() / "content").string() : options.contentDir;
+    so.mediaBaseUrl = options.mediaBaseUrl;
+    so.requestTimeoutSeconds = options.requestTimeoutSeconds;
+    so.clock = [now = now_] { return now->load(); };
+    server_ = std::make_unique<Server>(so);
+    server_->importGeoJson(dir_.write("places.geojson", testPlacesGeoJson()));
+    port_ = server_->start();
+    client_ = std::make_unique<HttpClient>(port_);
+}
+
+ServerFixture::~ServerFixture() {
+    client_.reset();
+    server_->stop();
+}
+
+std::string ServerFixture::startSession(const std::string& deviceId) {
+    const HttpResult r = client_->post("/v1/session", json{{"deviceId", deviceId},
+                                                           {"deviceType", "iOS"},
+                                                           {"deviceModel", "iPhone"},
+                                                           {"sdkkey", "test-key"}});
+    EXPECT_EQ(r.status, 200) << r.body;
+    const json j = r.parsed();
+    return j.is_object() && j.contains("sessionKey") ? j["sessionKey"].get<std::string>() : std::string();
+}
+
+HttpResult ServerFixture::places(const std::string& key, double lat, double lon,
+                                 const std::string& threshold) {
+    char latText[32];
+    char lonText[32];
+    std::snprintf(latText, sizeof latText, "%f", lat);
+    std::snprintf(lonText, sizeof lonText, "%f", lon);
+    return client_->post("/v2/place",
+                         json{{"sessionKey", key},
+                              {"coordinatesList", json::array({{{"lat", latText}, {"lon", lonText}}})},
+                              {"distanceThreshold", threshold}});
+}
+
+HttpResult ServerFixture::link(const std::string& key, const std::string& eventId,
+                               const std::string& placeId) {
+    return client_->post("/v1/deviceevent/link",
+                         json{{"sessionKey", key}, {"eventId", eventId}, {"placeId", placeId}});
+}
+
+std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql) {
+    sqlite3* db = nullptr;
+    std::vector<std::string> rows;
+    if (sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        throw std::runtime_error("cannot open " + dbPath);
+    }
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+        const std::string message = sqlite3_errmsg(db);
+        sqlite3_close(db);
+        throw std::runtime_error("bad query: " + message);
+    }
+    while (sqlite3_step(st) == SQLITE_ROW) {
+        std::string row;
+        for (int i = 0; i < sqlite3_column_count(st); ++i) {
+            const auto* text = sqlite3_column_text(st, i);
+            row += (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "NULL");
+        }
+        rows.push_back(row);
+    }
+    sqlite3_finalize(st);
+    sqlite3_close(db);
+    return rows;
+}
+
+}  // namespace tovrel_server::test

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tovrel_server/server.h"
+
+namespace tovrel_server::test {
+
+using nlohmann::json;
+
+/// A fresh folder under the system's temporary directory, removed with everything in it.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    /// Writes text to a file in the folder and returns its path.
+    std::string write(const std::string& name, const std::string& text) const;
+
+  private:
+    std::filesystem::path path_;
+};
+
+struct HttpResult {
+    long status = 0;
+    std::string body;
+    std::string contentType;
+    std::string allow;
+    long connects = -1;  ///< new connections this transfer opened (0: an old one was reused)
+    int curlCode = 0;
+    /// The body as JSON (discarded value when it is not JSON).
+    json parsed() const { return json::parse(body, nullptr, false); }
+};
+
+/// A libcurl client for one server on 127.0.0.1; keeps its connection alive between requests.
+class HttpClient {
+  public:
+    explicit HttpClient(uint16_t port, std::string host = "127.0.0.1");
+    ~HttpClient();
+    HttpClient(const HttpClient&) = delete;
+    HttpClient& operator=(const HttpClient&) = delete;
+
+    HttpResult post(const std::string& path, const std::string& body) { return request("POST", path, body); }
+    HttpResult post(const std::string& path, const json& body) { return request("POST", path, body.dump()); }
+    HttpResult post(const std::string& path, const char* body) { return request("POST", path, body); }
+    HttpResult get(const std::string& path) { return request("GET", path, {}); }
+    /// Sends the path exactly as given (no "../" squashing), with extra header lines.
+    HttpResult request(const std::string& method, const std::string& path, const std::string& body,
+                       const std::vector<std::string>& headers = {});
+
+  private:
+    uint16_t port_;
+    std::string host_;
+    void* curl_;
+};
+
+/// Seconds since 1970 for a UTC date, for the fixtures' clocks.
+double utc(int year, unsigned month, unsigned day);
+
+/// A place file with a few places and campaigns chosen for the tests (see test_support.cpp).
+std::string testPlacesGeoJson();
+
+/// An in-process server on an ephemeral port with the test places, app key "test-key", the
+/// example content folder and a clock the test sets (starts at 2025-06-01).
+class ServerFixture {
+  public:
+    struct Options {
+        bool fileDatabase = true;
+        std::string contentDir;  ///< default: the example content
+        std::string mediaBaseUrl;
+        int requestTimeoutSeconds = 30;
+    };
+    ServerFixture();
+    explicit ServerFixture(const Options& options);
+    ~ServerFixture();
+
+    Server& server() { return *server_; }
+    uint16_t port() const { return port_; }
+    HttpClient& client() { return *client_; }
+    const std::string& dbPath() const { return dbPath_; }
+    const TempDir& dir() const { return dir_; }
+    void setTime(double seconds) { now_->store(seconds); }
+
+    /// Starts a session for deviceId and returns its key (fails the test otherwise).
+    std::string startSession(const std::string& deviceId);
+    /// POST /v2/place at (lat, lon) with the component's 8047 m, as strings.
+    HttpResult places(const std::string& key, double lat, double lon, const std::string& threshold = "8047");
+    HttpResult link(const std::string& key, const std::string& eventId, const std::string& placeId);
+
+  private:
+    TempDir dir_;
+    std::string dbPath_;
+    std::shared_ptr<std::atomic<double>> now_;
+    std::unique_ptr<Server> server_;
+    uint16_t port_ = 0;
+    std::unique_ptr<HttpClient> client_;
+};
+
+/// Rows of a query on an SQLite file, each row's columns joined by '|'.
+std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
+
+/// The repository's examples folder.
+std::filesystem::path examplesDir();
+
+}  // namespace tovrel_server::test

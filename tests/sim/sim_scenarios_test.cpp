@@ -1,0 +1,215 @@
+// Runs the tovrel-sim binary on the example routes against its embedded service and checks what the
+// component did, from the events file.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+struct SimRun {
+    int exitStatus = -1;
+    std::vector<json> events;
+    std::string stderrText;
+
+    std::vector<json> ofType(const std::string& type) const {
+        std::vector<json> out;
+        for (const auto& event : events) {
+            if (event.value("type", "") == type) {
+                out.push_back(event);
+            }
+        }
+        return out;
+    }
+    std::vector<json> requestsTo(const std::string& path) const {
+        std::vector<json> out;
+        for (const auto& event : ofType("request")) {
+            if (event.value("path", "") == path) {
+                out.push_back(event);
+            }
+        }
+        return out;
+    }
+    /// Time of the first event matching `predicate`, or -1.
+    double firstTime(const std::function<bool(const json&)>& predicate) const {
+        for (const auto& event : events) {
+            if (predicate(event)) {
+                return event.value("t", 0.0);
+            }
+        }
+        return -1;
+    }
+    std::vector<std::string> statusCodes() const {
+        std::vector<std::string> out;
+        for (const auto& request : requestsTo("/v1/deviceevent/update")) {
+            out.push_back(request["body"].value("statusCode", ""));
+        }
+        return out;
+    }
+};
+
+class SimScenario : public ::testing::Test {
+protected:
+    fs::path dir = fs::temp_directory_path() / ("tovrel-sim-test-" + std::to_string(::getpid()) + "-" +
+                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+
+    void SetUp() override { fs::create_directories(dir); }
+    void TearDown() override { fs::remove_all(dir); }
+
+    static std::string route(const std::string& name) { return std::string(TOVREL_EXAMPLES_DIR) + "/routes/" + name; }
+
+    SimRun sim(const std::string& arguments) {
+        const fs::path events = dir / "events.jsonl";
+        const fs::path errors = dir / "stderr.txt";
+        fs::remove(events);
+        const std::string command = std::string(TOVREL_SIM_BINARY) + " run --quiet --events " + events.string() + " " +
+                                    arguments + " > /dev/null 2> " + errors.string();
+        const int status = std::system(command.c_str());
+        SimRun run;
+        run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::ifstream in(events);
+        for (std::string line; std::getline(in, line);) {
+            run.events.push_back(json::parse(line));
+        }
+        std::ifstream err(errors);
+        std::ostringstream text;
+        text << err.rdbuf();
+        run.stderrText = text.str();
+        return run;
+    }
+};
+
+TEST_F(SimScenario, BackgroundVisitGoesFromSessionToNotification) {
+    const SimRun run = sim("--route " + route("city-walk.csv"));
+    ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
+
+    const double session = run.firstTime([](const json& e) { return e["type"] == "response" && e["path"] == "/v1/session" && e["status"] == 200; });
+    const double places = run.firstTime([](const json& e) { return e["type"] == "response" && e["path"] == "/v2/place" && e["status"] == 200; });
+    const double entry = run.firstTime([](const json& e) {
+        return e["type"] == "log" && e["line"].get<std::string>().find("Inside the target bounds!") != std::string::npos;
+    });
+    const double link = run.firstTime([](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
+    const double ack = run.firstTime([](const json& e) {
+        return e["type"] == "request" && e["path"] == "/v1/deviceevent/update" && e["body"]["statusCode"] == "ack";
+    });
+    const double notification = run.firstTime([](const json& e) { return e["type"] == "notification"; });
+    ASSERT_GE(session, 0);
+    EXPECT_GT(places, session - 1e-9);
+    EXPECT_GE(entry, places);
+    EXPECT_GE(link, entry);
+    EXPECT_GE(ack, link);
+    EXPECT_GE(notification, link);
+    EXPECT_TRUE(run.ofType("alert").empty()) << "no alerts while in the background";
+
+    const auto notifications = run.ofType("notification");
+    ASSERT_FALSE(notifications.empty());
+    EXPECT_EQ(notifications[0]["alertAction"], "Resume");
+    EXPECT_TRUE(notifications[0]["userInfo"].contains("deviceeventId"));
+    EXPECT_EQ(run.requestsTo("/v1/session").size(), 1u);
+    EXPECT_FALSE(run.requestsTo("/v1/log").empty());
+}
+
+TEST_F(SimScenario, ForegroundAlertAnswersReachTheService) {
+    const struct {
+        const char* answer;
+        const char* button;
+        const char* status;
+    } cases[] = {{"later", "Later", "saved"}, {"never", "Never", "declined"}, {"view", "View", "seen"}};
+    for (const auto& c : cases) {
+        const SimRun run = sim("--route " + route("held-offer-walk.csv") + " --app-state active --answer " + c.answer);
+        ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
+        const auto alerts = run.ofType("alert");
+        ASSERT_FALSE(alerts.empty()) << c.answer;
+        EXPECT_EQ(alerts[0]["buttons"], json::array({"Never", "View", "Later"}));
+        const auto answers = run.ofType("alert_answer");
+        ASSERT_FALSE(answers.empty()) << c.answer;
+        EXPECT_EQ(answers[0]["button"], c.button);
+        EXPECT_NEAR(answers[0]["t"].get<double>() - alerts[0]["t"].get<double>(), 1.0, 1e-6);
+        const auto codes = run.statusCodes();
+        EXPECT_NE(std::find(codes.begin(), codes.end(), c.status), codes.end()) << c.answer;
+        EXPECT_TRUE(run.ofType("notification").empty()) << "no local notifications in the foreground";
+        const auto views = run.ofType("offer_view");
+        if (std::string(c.answer) == "view") {
+            ASSERT_FALSE(views.empty());
+            EXPECT_GE(views[0]["t"].get<double>(), answers[0]["t"].get<double>());
+            EXPECT_NE(views[0]["mediaURL"].get<std::string>().find("/media/"), std::string::npos);
+        } else {
+            EXPECT_TRUE(views.empty()) << c.answer;
+        }
+    }
+}
+
+TEST_F(SimScenario, HeldOfferIsDeliveredAfterTheDeviceLeaves) {
+    const SimRun run = sim("--route " + route("held-offer-walk.csv") + " --linger 30");
+    ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
+    const double link = run.firstTime([](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
+    ASSERT_GE(link, 0);
+    double exitAfterLink = -1;
+    for (const auto& event : run.ofType("log")) {
+        if (event["t"].get<double>() >= link &&
+            event["line"].get<std::string>().find("Outside the target bounds!") != std::string::npos) {
+            exitAfterLink = event["t"].get<double>();
+            break;
+        }
+    }
+    ASSERT_GE(exitAfterLink, 0);
+    const auto notifications = run.ofType("notification");
+    ASSERT_FALSE(notifications.empty());
+    EXPECT_GE(notifications[0]["t"].get<double>(), exitAfterLink);
+    EXPECT_LE(notifications[0]["t"].get<double>(), exitAfterLink + 5.0 + 1e-6);
+}
+
+TEST_F(SimScenario, StateDirectoryContinuesTheDevice) {
+    const std::string state = (dir / "state").string();
+    const SimRun first = sim("--route " + route("held-offer-walk.csv") + " --linger 30 --state " + state);
+    ASSERT_EQ(first.exitStatus, 0) << first.stderrText;
+    ASSERT_FALSE(first.ofType("notification").empty());
+    std::ifstream saved(dir / "state" / "preferences.json");
+    const json prefs = json::parse(saved);
+    ASSERT_TRUE(prefs.contains("deviceEventId"));
+    ASSERT_TRUE(prefs.contains("adid"));
+
+    const SimRun second = sim("--route " + route("held-offer-walk.csv") + " --linger 30 --state " + state);
+    ASSERT_EQ(second.exitStatus, 0) << second.stderrText;
+    EXPECT_EQ(second.requestsTo("/v1/session")[0]["body"]["deviceId"], prefs["adid"]);
+    for (const auto& notification : second.ofType("notification")) {
+        EXPECT_NE(notification["userInfo"]["deviceeventId"].get<std::string>(),
+                  prefs["deviceEventId"].is_string() ? prefs["deviceEventId"].get<std::string>()
+                                                     : prefs["deviceEventId"].dump())
+            << "the stored device event must not be delivered again";
+    }
+}
+
+TEST_F(SimScenario, BadInputExitsWithStatusTwoNamingTheProblem) {
+    SimRun run = sim("--route /nonexistent/walk.csv");
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_NE(run.stderrText.find("/nonexistent/walk.csv: cannot be read"), std::string::npos) << run.stderrText;
+
+    const fs::path bad = dir / "bad.csv";
+    std::ofstream(bad) << "0,48.1,11.5\n1,48.1,east\n";
+    run = sim("--route " + bad.string());
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_NE(run.stderrText.find("bad.csv:2: longitude 'east' is not a number"), std::string::npos) << run.stderrText;
+
+    run = sim("--route " + route("held-offer-walk.csv") + " --app-state dozing");
+    EXPECT_EQ(run.exitStatus, 2);
+    run = sim("--route " + route("held-offer-walk.csv") + " --answer maybe");
+    EXPECT_EQ(run.exitStatus, 2);
+    run = sim("");
+    EXPECT_EQ(run.exitStatus, 2);
+    run = sim("--route " + route("held-offer-walk.csv") + " --places /nonexistent/places.geojson");
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_NE(run.stderrText.find("/nonexistent/places.geojson"), std::string::npos) << run.stderrText;
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// tovrel-sim: drives one device through a location-enabled session of the component, along a route,
+// in virtual time, against an embedded or remote service, and reports what happened.
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "html_report.h"
+#include "simulation.h"
+
+namespace {
+
+using tovrel::sim::AlertAnswer;
+
+constexpr int kBadInput = 2;
+
+bool onOff(const std::string& value) { return value == "on"; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"tovrel-sim: a whole session of the Tovrel component along a route, in virtual time"};
+    app.require_subcommand(1);
+    auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
+
+    tovrel::sim::SimOptions options;
+    options.placesFile = TOVREL_EXAMPLES_DIR "/places/munich.geojson";
+    options.contentDir = TOVREL_EXAMPLES_DIR "/content";
+    std::string route;
+    std::string places;
+    std::string service;
+    std::string notifications = "on";
+    std::string offerView = "on";
+    std::string appState = "background";
+    std::string answer = "view";
+    std::string stateDir;
+    std::string eventsFile;
+    std::string reportFile;
+
+    run->add_option("--route", route, "Positions to replay: GPX (trkpt with time) or CSV lines t,lat,lon[,activity]")
+        ->required();
+    run->add_option("--places", places, "Places for the embedded service (GeoJSON; default: the example data set)");
+    run->add_option("--service", service, "Talk to this service (base URL) instead of starting the embedded one");
+    run->add_option("--sdk-key", options.sdkKey, "The SDK key (default: the example key the embedded service knows)");
+    run->add_option("--notifications", notifications, "Present notifications: on or off (default on)")
+        ->check(CLI::IsMember({"on", "off"}));
+    run->add_option("--offer-view", offerView, "Present the offer view: on or off (default on)")
+        ->check(CLI::IsMember({"on", "off"}));
+    run->add_option("--app-state", appState,
+                    "active, background, or a timeline such as 0:background,600:active,900:background");
+    run->add_option("--answer", answer, "How the user answers each event alert: never, view or later (default view)")
+        ->check(CLI::IsMember({"never", "view", "later"}));
+    run->add_flag("--tap-notifications", options.tapNotifications,
+                  "The user opens every local notification 10 s after it appears");
+    run->add_option("--state", stateDir, "Keep the device's preferences here, so a later run continues");
+    run->add_option("--linger", options.lingerSeconds, "Keep the session running this long after the last position")
+        ->check(CLI::NonNegativeNumber);
+    run->add_flag("--terminate", options.terminate, "End with the application-terminate notification");
+    run->add_option("--events", eventsFile, "Write everything observable here, one JSON object a line");
+    run->add_option("--report", reportFile, "Write a self-contained HTML report here");
+    run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
+    run->add_flag("--quiet", options.quiet, "Print no timeline");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::CallForAllHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        app.exit(error);
+        return kBadInput;
+    }
+
+    options.routeFile = route;
+    if (!places.empty()) {
+        options.placesFile = places;
+    }
+    if (!service.empty()) {
+        options.serviceURL = service;
+    }
+    if (!stateDir.empty()) {
+        options.stateDir = stateDir;
+    }
+    options.presentNotifications = onOff(notifications);
+    options.presentOfferView = onOff(offerView);
+    options.answer = answer == "never" ? AlertAnswer::kNever : answer == "later" ? AlertAnswer::kLater : AlertAnswer::kView;
+    options.progress = isatty(STDERR_FILENO) != 0 && !options.quiet;
+    try {
+        options.appStates = tovrel::sim::parseAppStateTimeline(appState);
+    } catch (const std::exception& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    }
+
+    std::ofstream events;
+    if (!eventsFile.empty()) {
+        events.open(eventsFile, std::ios::trunc);
+        if (!events) {
+            std::cerr << "tovrel-sim: " << eventsFile << ": cannot be written\n";
+            return kBadInput;
+        }
+    }
+    std::ofstream report;
+    if (!reportFile.empty()) {
+        report.open(reportFile, std::ios::trunc);
+        if (!report) {
+            std::cerr << "tovrel-sim: " << reportFile << ": cannot be written\n";
+            return kBadInput;
+        }
+    }
+
+    tovrel::sim::SimOutcome outcome;
+    try {
+        outcome = tovrel::sim::runSimulation(options, options.quiet ? nullptr : &std::cout,
+                                             eventsFile.empty() ? nullptr : &events);
+    } catch (const tovrel::sim::SimInputError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    }
+
+    if (report.is_open()) {
+        tovrel::sim::writeHtmlReport({"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route,
+                                      outcome.events, outcome.wallSeconds},
+                                     report);
+    }
+    std::size_t requests = 0;
+    std::size_t delivered = 0;
+    for (const auto& event : outcome.events) {
+        const std::string type = event.value("type", "");
+        requests += type == "request";
+        delivered += type == "notification" || type == "alert";
+    }
+    std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in " << outcome.wallSeconds
+              << " s of wall time: " << requests << " requests, " << delivered << " offers delivered";
+    if (!reportFile.empty()) {
+        std::cout << "; report: " << reportFile;
+    }
+    std::cout << '\n';
+    return 0;
+}

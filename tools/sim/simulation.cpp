@@ -1,0 +1,459 @@
+#include "simulation.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "observed_ports.h"
+#include "tovrel/curl/curl_http_client.h"
+#include "tovrel/environment.h"
+#include "tovrel/location_manager.h"
+#include "tovrel/notification_names.h"
+#include "tovrel/session_manager.h"
+#include "tovrel/virtual/virtual_location.h"
+#include "tovrel/virtual/virtual_motion.h"
+#include "tovrel/virtual/virtual_platform.h"
+#include "tovrel_server/server.h"
+
+namespace tovrel::sim {
+namespace {
+
+using nlohmann::json;
+using platform::ApplicationState;
+
+/// 2026-06-01 09:00 UTC: runs start at a fixed instant so that they are reproducible.
+constexpr double kStartTime = 1780304400.0;
+constexpr double kAlertAnswerDelay = 1.0;
+constexpr double kNotificationTapDelay = 10.0;
+
+std::string randomAdvertisingIdentifier() {
+    std::random_device device;
+    std::mt19937_64 random(device());
+    std::uniform_int_distribution<int> hexDigit(0, 15);
+    std::string id;
+    for (int i = 0; i < 32; ++i) {
+        if (i == 8 || i == 12 || i == 16 || i == 20) {
+            id += '-';
+        }
+        int digit = hexDigit(random);
+        if (i == 12) {
+            digit = 4;  // version 4
+        } else if (i == 16) {
+            digit = 8 | (digit & 3);  // RFC 4122 variant
+        }
+        id += "0123456789ABCDEF"[digit];
+    }
+    return id;
+}
+
+json readJsonFile(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    if (!in) {
+        return json();
+    }
+    const json value = json::parse(in, nullptr, false);
+    if (value.is_discarded()) {
+        throw SimInputError(file.string() + ": not valid JSON (delete it to start afresh)");
+    }
+    return value;
+}
+
+void writeJsonFile(const std::filesystem::path& file, const json& value) {
+    const auto temporary = file.string() + ".tmp";
+    {
+        std::ofstream out(temporary, std::ios::trunc);
+        out << value.dump(2) << '\n';
+        if (!out) {
+            throw SimInputError(temporary + ": cannot be written");
+        }
+    }
+    std::filesystem::rename(temporary, file);
+}
+
+platform::MotionActivity motionFor(Activity activity, double time) {
+    platform::MotionActivity motion;
+    motion.stationary = activity == Activity::kStationary;
+    motion.walking = activity == Activity::kWalking;
+    motion.running = activity == Activity::kRunning;
+    motion.automotive = activity == Activity::kAutomotive;
+    motion.cycling = activity == Activity::kCycling;
+    motion.unknown = activity == Activity::kUnknown;
+    motion.confidence = platform::MotionConfidence::kHigh;
+    motion.startDate = time;
+    return motion;
+}
+
+std::string describeForTimeline(const json& event) {
+    const std::string type = event.value("type", "");
+    std::ostringstream line;
+    line.setf(std::ios::fixed);
+    line.precision(1);
+    line << std::setw(9) << event.value("t", 0.0) << " s  ";
+    if (type == "request") {
+        line << "→ " << event.value("path", "");
+        const json& body = event["body"];
+        if (body.is_object()) {
+            for (const char* key : {"eventId", "placeId", "deviceEventId", "statusCode"}) {
+                if (body.contains(key)) {
+                    line << ' ' << key << '=' << (body[key].is_string() ? body[key].get<std::string>() : body[key].dump());
+                }
+            }
+            if (body.contains("message") && body["message"].is_object() && !body["message"].empty()) {
+                line << ' ' << body["message"].begin().key();
+            }
+        }
+    } else if (type == "response") {
+        line << "← " << event.value("path", "") << ' ' << event.value("status", 0);
+        if (event.contains("error")) {
+            line << ' ' << event["error"].get<std::string>();
+        } else if (event.value("path", "") == "/v2/place" && event["body"].is_object() &&
+                   event["body"].contains("places") && event["body"]["places"].is_array()) {
+            line << ' ' << event["body"]["places"].size() << " places";
+        }
+    } else if (type == "notification") {
+        line << "notification \"" << event.value("alertBody", "") << '"';
+    } else if (type == "alert") {
+        line << "alert \"" << event.value("message", "") << "\" " << event["buttons"].dump();
+    } else if (type == "alert_answer") {
+        line << "user pressed \"" << event.value("button", "") << '"';
+    } else if (type == "badge") {
+        line << "badge " << event.value("value", 0);
+    } else if (type == "app_state") {
+        line << "application " << event.value("state", "");
+    } else if (type == "notification_tap") {
+        line << "user opened the notification";
+    } else if (type == "offer_view") {
+        line << "offer view " << event.value("mediaURL", json()).dump();
+    } else if (type == "location_error") {
+        line << "location error " << event.value("code", 0);
+    } else {
+        return {};
+    }
+    return line.str();
+}
+
+class HttpEvents final : public virtualbackend::HttpListener {
+public:
+    explicit HttpEvents(EventLog& events) : events_(events) {}
+    void onRequest(const virtualbackend::RecordedRequest& request) override {
+        events_.record("request", {{"url", request.url},
+                                   {"path", request.path},
+                                   {"body", request.json ? request.body : json(request.rawBody)}});
+    }
+    void onResponse(const virtualbackend::RecordedRequest& request, int status, const std::string& body,
+                    const std::optional<platform::HttpError>& error) override {
+        json fields{{"path", request.path}, {"status", status}};
+        if (error) {
+            fields["error"] = error->localizedDescription;
+        } else {
+            const json parsed = json::parse(body, nullptr, false);
+            fields["body"] = parsed.is_discarded() ? json(body) : parsed;
+        }
+        events_.record("response", std::move(fields));
+    }
+
+private:
+    EventLog& events_;
+};
+
+class ProgressBar {
+public:
+    ProgressBar(bool enabled, double total) : enabled_(enabled), total_(std::max(total, 1.0)) {}
+    ~ProgressBar() {
+        if (enabled_ && drawn_) {
+            std::cerr << '\r' << std::string(60, ' ') << '\r' << std::flush;
+        }
+    }
+    void update(double done) {
+        if (!enabled_) {
+            return;
+        }
+        const int percent = static_cast<int>(std::clamp(done / total_, 0.0, 1.0) * 100);
+        if (percent == last_) {
+            return;
+        }
+        last_ = percent;
+        drawn_ = true;
+        const int filled = percent * 30 / 100;
+        std::cerr << "\r[" << std::string(filled, '#') << std::string(30 - filled, ' ') << "] " << std::setw(3) << percent
+                  << "%  " << static_cast<long>(done) << " / " << static_cast<long>(total_) << " s" << std::flush;
+    }
+
+private:
+    bool enabled_;
+    double total_;
+    int last_ = -1;
+    bool drawn_ = false;
+};
+
+}  // namespace
+
+SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std::ostream* eventStream) {
+    const auto wallStart = std::chrono::steady_clock::now();
+    SimOutcome outcome;
+    try {
+        outcome.route = loadRoute(options.routeFile);
+    } catch (const RouteError& error) {
+        throw SimInputError(error.what());
+    }
+    const Route& route = outcome.route;
+
+    virtualbackend::VirtualPlatform vp(kStartTime);
+    auto& scheduler = *vp.scheduler;
+    EventLog events([&scheduler] { return scheduler.now() - kStartTime; });
+    events.setStream(eventStream);
+    if (timeline != nullptr) {
+        events.setListener([timeline](const json& event) {
+            if (const auto line = describeForTimeline(event); !line.empty()) {
+                *timeline << line << '\n';
+            }
+        });
+    }
+
+    std::string advertisingIdentifier;
+    if (options.stateDir) {
+        std::error_code error;
+        std::filesystem::create_directories(*options.stateDir, error);
+        if (error) {
+            throw SimInputError(options.stateDir->string() + ": cannot be created: " + error.message());
+        }
+        const json device = readJsonFile(*options.stateDir / "device.json");
+        if (device.is_object() && device.contains("advertisingIdentifier") && device["advertisingIdentifier"].is_string()) {
+            advertisingIdentifier = device["advertisingIdentifier"].get<std::string>();
+        }
+        vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
+    }
+    if (advertisingIdentifier.empty()) {
+        advertisingIdentifier = randomAdvertisingIdentifier();
+    }
+    vp.device->setAdvertisingIdentifier(advertisingIdentifier);
+    vp.device->setModel("iPhone");
+    vp.application->setBundleIdentifier("com.example.tovrel.sim");
+
+    std::unique_ptr<tovrel_server::Server> server;
+    std::string baseURL;
+    if (options.serviceURL) {
+        baseURL = *options.serviceURL;
+        while (!baseURL.empty() && baseURL.back() == '/') {
+            baseURL.pop_back();
+        }
+    } else {
+        tovrel_server::ServerOptions serverOptions;
+        serverOptions.dbPath = ":memory:";
+        serverOptions.contentDir = options.contentDir.string();
+        serverOptions.threads = 1;
+        serverOptions.clock = [scheduler = vp.scheduler] { return scheduler->now(); };
+        try {
+            server = std::make_unique<tovrel_server::Server>(serverOptions);
+            server->importGeoJson(options.placesFile.string());
+        } catch (const std::exception& error) {
+            throw SimInputError(error.what());
+        }
+        baseURL = "http://127.0.0.1:" + std::to_string(server->start());
+    }
+
+    auto curl = std::make_shared<curl::CurlHttpClient>(scheduler);
+    HttpEvents httpEvents(events);
+    vp.http->setListener(&httpEvents);
+    vp.http->forwardTo(curl);
+
+    const auto& location = vp.location;
+    const auto& motion = vp.motion;
+
+    platform::Platform ports = vp.platform();
+    ports.location = observeLocation(location, events);
+    ports.application = observeApplication(vp.application, events);
+    ports.log = observeLog(nullptr, events);
+    auto presenter = vp.alerts;
+    ports.alerts = observeAlerts(vp.alerts, events, [&](platform::AlertId id, const platform::AlertSpec& shown) {
+        std::vector<std::string> buttons;
+        if (shown.cancelButtonTitle) {
+            buttons.push_back(*shown.cancelButtonTitle);
+        }
+        buttons.insert(buttons.end(), shown.otherButtonTitles.begin(), shown.otherButtonTitles.end());
+        if (buttons.empty()) {
+            return;  // a toast goes away by itself
+        }
+        int index = 0;
+        if (buttons.size() > 1) {
+            index = options.answer == AlertAnswer::kNever ? 0 : options.answer == AlertAnswer::kView ? 1 : 2;
+            index = std::min<int>(index, static_cast<int>(buttons.size()) - 1);
+        }
+        scheduler.scheduleTimer(kAlertAnswerDelay, false, [&events, presenter, id, index, tag = shown.tag,
+                                                           title = buttons[static_cast<std::size_t>(index)]] {
+            events.record("alert_answer", {{"tag", tag}, {"button", title}});
+            presenter->dismiss(id, index, true);
+        });
+    });
+
+    std::unique_ptr<Environment> environment;
+    ports.notifications = observeNotifications(vp.notifications, events, [&](const platform::LocalNotification& n) {
+        if (!options.tapNotifications) {
+            return;
+        }
+        scheduler.scheduleTimer(kNotificationTapDelay, false, [&events, &environment, n] {
+            events.record("notification_tap", {{"userInfo", n.userInfo}});
+            environment->notificationCenter().post(kTovrelNotificationReceived, n);
+        });
+    });
+
+    environment = std::make_unique<Environment>(ports, Configuration{baseURL, baseURL});
+    Environment::Scope scope(*environment);
+    environment->notificationCenter().addObserver(
+        "", nullptr, [&events](const Notification& n) { events.record("post", {{"name", n.name}}); });
+
+    const auto setState = [&](ApplicationState state) {
+        const ApplicationState before = vp.application->applicationState();
+        if (state == before) {
+            return;
+        }
+        events.record("app_state", {{"state", std::string(appStateName(state))}});
+        if (state == ApplicationState::kActive) {
+            vp.application->enterForeground();
+        } else if (state == ApplicationState::kBackground) {
+            vp.application->enterBackground();
+        } else {
+            vp.application->setState(state);
+        }
+    };
+
+    const ApplicationState initial = options.appStates.front().t <= 0 ? options.appStates.front().state
+                                                                        : ApplicationState::kBackground;
+    vp.application->setState(initial);
+    events.record("app_state", {{"state", std::string(appStateName(initial))}});
+    vp.application->finishLaunching(nullptr);
+    if (initial == ApplicationState::kActive) {
+        vp.application->becomeActive();
+    }
+
+    auto& session = environment->sessionManager();
+    session.setPresentNotifications(options.presentNotifications);
+    session.setPresentOfferView(options.presentOfferView);
+    session.startSessionUsingLocation(options.sdkKey);
+
+    // The offer views the location monitor opened; it may be replaced by a later session start.
+    std::shared_ptr<LocationManager> watched;
+    std::size_t offerViewsSeen = 0;
+    const auto recordOfferViews = [&] {
+        const auto& monitor = session.lm();
+        if (monitor != watched) {
+            watched = monitor;
+            offerViewsSeen = 0;
+        }
+        if (!watched) {
+            return;
+        }
+        const auto requests = watched->offerViewRequests();
+        for (; offerViewsSeen < requests.size(); ++offerViewsSeen) {
+            const auto& request = requests[offerViewsSeen];
+            events.record("offer_view", {{"eventId", request.eventId},
+                                         {"deviceEventId", request.deviceEventId},
+                                         {"mediaURL", request.mediaURL},
+                                         {"tag", request.tag}});
+        }
+    };
+
+    const double end = route.duration() + std::max(options.lingerSeconds, 0.0);
+    ProgressBar progress(options.progress, end);
+    const auto advanceTo = [&](double t) {
+        if (options.realtime) {
+            const double wait = kStartTime + t - scheduler.now();
+            if (wait > 0) {
+                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+            }
+        }
+        // Step through the events in between so that offer views are stamped with their own time.
+        while (const auto next = scheduler.nextEventTime()) {
+            if (*next > kStartTime + t) {
+                break;
+            }
+            scheduler.fastForwardTo(*next);
+            recordOfferViews();
+        }
+        scheduler.fastForwardTo(kStartTime + t);
+        recordOfferViews();
+        progress.update(t);
+    };
+
+    std::size_t nextState = 0;
+    while (nextState < options.appStates.size() && options.appStates[nextState].t <= 0) {
+        ++nextState;
+    }
+    std::optional<Activity> lastActivity;
+    for (std::size_t i = 0; i < route.points.size(); ++i) {
+        const RoutePoint& point = route.points[i];
+        while (nextState < options.appStates.size() && options.appStates[nextState].t <= point.t) {
+            advanceTo(options.appStates[nextState].t);
+            setState(options.appStates[nextState].state);
+            ++nextState;
+        }
+        advanceTo(point.t);
+        double speed = -1;
+        if (i > 0) {
+            const RoutePoint& previous = route.points[i - 1];
+            const double dt = point.t - previous.t;
+            if (dt > 0) {
+                constexpr double k = 0.017453292519943295;
+                const double dLat = (point.latitude - previous.latitude) * k;
+                const double dLon = (point.longitude - previous.longitude) * k;
+                const double a = std::sin(dLat / 2) * std::sin(dLat / 2) + std::cos(previous.latitude * k) *
+                                                                                  std::cos(point.latitude * k) *
+                                                                                  std::sin(dLon / 2) * std::sin(dLon / 2);
+                speed = 6371000.0 * 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a)) / dt;
+            }
+        }
+        // Without an activity column the first position has no speed yet, and no motion update.
+        const std::optional<Activity> activity =
+            point.activity ? point.activity : speed < 0 ? std::nullopt : std::optional(activityForSpeed(speed));
+        if (activity && activity != lastActivity) {
+            lastActivity = activity;
+            events.record("motion", {{"activity", std::string(activityName(*activity))}});
+            motion->deliver(motionFor(*activity, scheduler.now()));
+        }
+        platform::Location fix;
+        fix.coordinate = {point.latitude, point.longitude};
+        fix.horizontalAccuracy = 5;
+        fix.speed = speed;
+        fix.timestamp = scheduler.now();
+        location->moveTo(fix);
+        scheduler.runUntilIdle();
+        recordOfferViews();
+    }
+    while (nextState < options.appStates.size() && options.appStates[nextState].t <= end) {
+        advanceTo(options.appStates[nextState].t);
+        setState(options.appStates[nextState].state);
+        ++nextState;
+    }
+    advanceTo(end);
+    if (options.terminate) {
+        events.record("app_state", {{"state", "terminating"}});
+        vp.application->terminate();
+        scheduler.runUntilIdle();
+        recordOfferViews();
+    }
+
+    if (options.stateDir) {
+        writeJsonFile(*options.stateDir / "preferences.json", vp.preferences->snapshot());
+        writeJsonFile(*options.stateDir / "device.json", json{{"advertisingIdentifier", advertisingIdentifier}});
+    }
+
+    outcome.simulatedSeconds = scheduler.now() - kStartTime;
+    outcome.events = events.events();
+    vp.http->setListener(nullptr);
+    vp.http->forwardTo(nullptr);
+    curl.reset();
+    if (server) {
+        server->stop();
+    }
+    outcome.wallSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    return outcome;
+}
+
+}  // namespace tovrel::sim

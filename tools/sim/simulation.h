@@ -1,0 +1,56 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "app_state_timeline.h"
+#include "event_log.h"
+#include "route.h"
+
+namespace tovrel::sim {
+
+enum class AlertAnswer { kNever, kView, kLater };
+
+/// Everything one run is told.
+struct SimOptions {
+    std::filesystem::path routeFile;
+    std::filesystem::path placesFile;          ///< for the embedded service
+    std::filesystem::path contentDir;          ///< pages the embedded service serves
+    std::optional<std::string> serviceURL;     ///< talk to this service instead of the embedded one
+    std::string sdkKey = "demo-key";
+    bool presentNotifications = true;
+    bool presentOfferView = true;
+    std::vector<AppStateChange> appStates{{0, platform::ApplicationState::kBackground}};
+    AlertAnswer answer = AlertAnswer::kView;
+    bool tapNotifications = false;
+    std::optional<std::filesystem::path> stateDir;
+    double lingerSeconds = 0;
+    bool terminate = false;
+    bool realtime = false;
+    bool progress = false;    ///< draw a progress bar on stderr
+    bool quiet = false;       ///< no timeline on stdout
+};
+
+/// What a run produced.
+struct SimOutcome {
+    std::vector<nlohmann::json> events;
+    Route route;
+    double simulatedSeconds = 0;
+    double wallSeconds = 0;
+};
+
+/// A failure of the run's inputs (route, places, state): reported with exit status 2.
+class SimInputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Drives one device through a location-enabled session of the real component on the virtual
+/// backend, along the route, and records everything observable. `timeline` receives a readable
+/// line per notable event as it happens (may be null).
+SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std::ostream* eventStream);
+
+}  // namespace tovrel::sim
