@@ -429,6 +429,8 @@ CatalogData parseGeoJson(const std::string& text, const std::string& label) {
         }
         throw ImportError(label + ": line " + std::to_string(line) + ", column " + std::to_string(column) +
                           ": not valid JSON (" + reason + ")");
+    } catch (const json::exception& e) {
+        throw ImportError(label + ": not usable JSON (" + std::string(e.what()) + ")");
     }
     return Parser(label).parse(root);
 }

@@ -36,7 +36,13 @@ json parseObjectBody(std::string_view body, int maxDepth) {
         throw ApiError(400, "the request body nests arrays or objects more than " + std::to_string(maxDepth) +
                                 " levels deep");
     }
-    json value = json::parse(body, nullptr, false);
+    json value;
+    try {
+        value = json::parse(body, nullptr, false);
+    } catch (const json::exception&) {
+        // The parser throws on a number too large for a double even when told not to throw.
+        throw ApiError(400, "the request body holds a number too large to read");
+    }
     if (value.is_discarded()) {
         throw ApiError(400, "the request body is not valid JSON");
     }

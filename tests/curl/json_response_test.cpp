@@ -22,6 +22,16 @@ TEST(ClassifyJsonResponse, AcceptsAnyJsonValueUnderAnyTwoHundredStatus) {
     }
 }
 
+TEST(ClassifyJsonResponse, NumbersBeyondDoubleRangeAreBadBodiesNotExceptions) {
+    auto result = classifyJsonResponse(200, R"({"places":[-12.5e312]})", kHost);
+    ASSERT_FALSE(result.ok());
+    EXPECT_EQ(result.error->kind, HttpErrorKind::kBadBody);
+    result = classifyJsonResponse(503, "1e999", kHost);
+    ASSERT_FALSE(result.ok());
+    EXPECT_EQ(result.error->kind, HttpErrorKind::kStatus);
+    EXPECT_TRUE(result.value.is_null());
+}
+
 TEST(ClassifyJsonResponse, StatusesJustOutsideTwoHundredAreStatusErrors) {
     for (int status : {0, 100, 199, 300, 304, 404, 500, 599}) {
         auto result = classifyJsonResponse(status, R"({"a":1})", kHost);

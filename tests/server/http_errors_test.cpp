@@ -84,7 +84,8 @@ class HttpErrors : public ::testing::Test {
 
 TEST_F(HttpErrors, MalformedJsonIsABadRequestEverywhere) {
     for (const std::string& path : kAllEndpoints) {
-        for (const std::string body : {"", "{", "{\"sessionKey\":}", "not json", "{\"a\":1}}", "\xff\xfe"}) {
+        for (const std::string body : {"", "{", "{\"sessionKey\":}", "not json", "{\"a\":1}}", "\xff\xfe",
+                                       "{\"distanceThreshold\":1e999}", "[-12.5e312]"}) {
             const HttpResult r = fx.client().post(path, body);
             EXPECT_EQ(r.status, 400) << path << " " << body;
             expectErrorBody(r);

@@ -57,7 +57,12 @@ json readJsonFile(const std::filesystem::path& file) {
     if (!in) {
         return json();
     }
-    const json value = json::parse(in, nullptr, false);
+    json value;
+    try {
+        value = json::parse(in, nullptr, false);
+    } catch (const json::exception&) {
+        value = json(json::value_t::discarded);
+    }
     if (value.is_discarded()) {
         throw SimInputError(file.string() + ": not valid JSON (delete it to start afresh)");
     }
@@ -152,7 +157,12 @@ public:
         if (error) {
             fields["error"] = error->localizedDescription;
         } else {
-            const json parsed = json::parse(body, nullptr, false);
+            json parsed(json::value_t::discarded);
+            try {
+                parsed = json::parse(body, nullptr, false);
+            } catch (const json::exception&) {
+                // A number beyond double range; the body is kept as text.
+            }
             fields["body"] = parsed.is_discarded() ? json(body) : parsed;
         }
         events_.record("response", std::move(fields));

@@ -53,7 +53,12 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
     platform::JsonResult result;
     result.status = status;
     if (status < 200 || status > 299) {
-        result.value = nlohmann::json::parse(body, nullptr, false);
+        try {
+            result.value = nlohmann::json::parse(body, nullptr, false);
+        } catch (const nlohmann::json::exception&) {
+            // The parser throws on a number too large for a double even when told not to throw.
+            result.value = nullptr;
+        }
         if (result.value.is_discarded()) {
             result.value = nullptr;
         }
@@ -74,6 +79,10 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
         result.error = platform::HttpError{
             platform::HttpErrorKind::kBadBody, 0,
             "The server's answer is not valid JSON (parse error at byte " + std::to_string(e.byte) + ")."};
+    } catch (const nlohmann::json::exception& e) {
+        result.value = nullptr;
+        result.error = platform::HttpError{platform::HttpErrorKind::kBadBody, 0,
+                                           std::string("The server's answer is not usable JSON (") + e.what() + ")."};
     }
     return result;
 }
