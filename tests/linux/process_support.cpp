@@ -1,0 +1,155 @@
+#include "process_support.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;  // NOLINT: the POSIX environment for posix_spawn
+
+namespace tovrel::linuxbackend::test {
+
+ChildProcess::ChildProcess(std::vector<std::string> argv, bool captureStdout, bool feedStdin) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    int out[2] = {-1, -1};
+    int in[2] = {-1, -1};
+    if (captureStdout && ::pipe2(out, O_CLOEXEC) == 0) {
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    }
+    if (feedStdin && ::pipe2(in, O_CLOEXEC) == 0) {
+        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+    }
+    std::vector<char*> args;
+    for (auto& arg : argv) {
+        args.push_back(arg.data());
+    }
+    args.push_back(nullptr);
+    if (::posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) {
+        pid_ = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    if (out[1] >= 0) {
+        ::close(out[1]);
+        stdoutFd_ = out[0];
+    }
+    if (in[0] >= 0) {
+        ::close(in[0]);
+        stdinFd_ = in[1];
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (pid_ > 0) {
+        kill(SIGKILL);
+    }
+    if (stdoutFd_ >= 0) {
+        ::close(stdoutFd_);
+    }
+    if (stdinFd_ >= 0) {
+        ::close(stdinFd_);
+    }
+}
+
+std::string ChildProcess::readLine(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (const auto newline = buffered_.find('\n'); newline != std::string::npos) {
+            std::string line = buffered_.substr(0, newline);
+            buffered_.erase(0, newline + 1);
+            return line;
+        }
+        if (stdoutFd_ < 0) {
+            return "";
+        }
+        // One poll even when the time is up, so a short timeout still picks up what is waiting.
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd fd{stdoutFd_, POLLIN, 0};
+        const int ready = ::poll(&fd, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            return "";
+        }
+        char chunk[4096];
+        const ssize_t got = ::read(stdoutFd_, chunk, sizeof chunk);
+        if (got <= 0) {
+            return "";
+        }
+        buffered_.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+void ChildProcess::writeLine(const std::string& line) {
+    const std::string text = line + "\n";
+    if (stdinFd_ >= 0) {
+        [[maybe_unused]] const auto written = ::write(stdinFd_, text.data(), text.size());
+    }
+}
+
+int ChildProcess::kill(int signal) {
+    if (pid_ <= 0) {
+        return -1;
+    }
+    ::kill(pid_, signal);
+    int status = 0;
+    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return status;
+}
+
+int runCommand(const std::string& command) {
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TemporaryDirectory::TemporaryDirectory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tovrel-linux-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    path_ = pattern;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+int freeLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return done();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+}  // namespace tovrel::linuxbackend::test
