@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "html_report.h"
 #include "observed_ports.h"
 #include "tovrel/curl/curl_http_client.h"
 #include "tovrel/environment.h"
@@ -409,13 +410,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
             const RoutePoint& previous = route.points[i - 1];
             const double dt = point.t - previous.t;
             if (dt > 0) {
-                constexpr double k = 0.017453292519943295;
-                const double dLat = (point.latitude - previous.latitude) * k;
-                const double dLon = (point.longitude - previous.longitude) * k;
-                const double a = std::sin(dLat / 2) * std::sin(dLat / 2) + std::cos(previous.latitude * k) *
-                                                                                  std::cos(point.latitude * k) *
-                                                                                  std::sin(dLon / 2) * std::sin(dLon / 2);
-                speed = 6371000.0 * 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a)) / dt;
+                speed = distanceMetres(previous.latitude, previous.longitude, point.latitude, point.longitude) / dt;
             }
         }
         // Without an activity column the first position has no speed yet, and no motion update.
