@@ -11,7 +11,8 @@ Usage: scripts/test.sh [--quick] [--help]
 Installs what is missing (scripts/setup.sh), then builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
-  3. the thread-sanitizer build of the suites that run on real threads
+  3. the thread-sanitizer build of the suites that run on real threads (location monitor,
+     libcurl client, linux backend, a whole session on the linux backend)
   4. the optimised build and its CTest suite
 --quick   only step 4
 USAGE
@@ -41,10 +42,12 @@ if ((quick == 0)); then
 
     echo "== thread sanitizer: the suites that run on real threads"
     cmake --preset tsan >/dev/null
-    tsan_targets=(tovrel_targeting_threads tovrel_curl_tests)
-    cmake --build --preset tsan -j "$jobs" --target "${tsan_targets[@]}"
-    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build/tsan/tests/scenarios/tovrel_targeting_threads --gtest_brief=1
-    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" build/tsan/tests/curl/tovrel_curl_tests --gtest_brief=1
+    tsan_suites=(tests/scenarios/tovrel_targeting_threads tests/curl/tovrel_curl_tests
+                 tests/linux/tovrel_linux_tests tests/linux/tovrel_linux_session_tests)
+    cmake --build --preset tsan -j "$jobs" --target "${tsan_suites[@]##*/}" tovrel-server
+    for suite in "${tsan_suites[@]}"; do
+        TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "build/tsan/$suite" --gtest_brief=1
+    done
 fi
 
 echo "== optimised build"
