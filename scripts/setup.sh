@@ -10,7 +10,7 @@ Usage: scripts/setup.sh [--help]
 Installs the Debian packages needed to build Tovrel and run its tests
 (compilers, CMake, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
 CLI11, Boost.Beast, clang's libFuzzer runtime), the linux backend's parts (asio, libgps and
-gpsd with gpsfake, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon) and Qt 6 with
+gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon) and Qt 6 with
 WebEngine for the screens. Safe to run again.
 USAGE
 }
@@ -22,7 +22,7 @@ packages=(
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
     # linux backend: main loop, positions, reachability, notifications, identifiers
-    libasio-dev libgps-dev gpsd gpsd-clients python3-gps libmnl-dev iproute2
+    libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev
     # Qt backend, tovrel-demo and the screenshot tests
     qt6-base-dev qt6-webengine-dev libgl-dev fonts-dejavu-core
