@@ -109,7 +109,7 @@ void LinuxApplication::setState(ApplicationState state) {
     state_ = state;
 }
 
-void LinuxApplication::emit(ApplicationEvent event, const nlohmann::json& launchOptions) {
+void LinuxApplication::deliverEvent(ApplicationEvent event, const nlohmann::json& launchOptions) {
     const auto handlerNow = [this] {
         std::lock_guard lock(mutex_);
         return handler_;
@@ -133,17 +133,17 @@ void LinuxApplication::emit(ApplicationEvent event, const nlohmann::json& launch
 }
 
 void LinuxApplication::finishLaunching(const nlohmann::json& launchOptions) {
-    emit(ApplicationEvent::kDidFinishLaunching, launchOptions);
+    deliverEvent(ApplicationEvent::kDidFinishLaunching, launchOptions);
 }
 
 void LinuxApplication::becomeActive() {
     setState(ApplicationState::kActive);
-    emit(ApplicationEvent::kDidBecomeActive);
+    deliverEvent(ApplicationEvent::kDidBecomeActive);
 }
 
 void LinuxApplication::resignActive() {
     setState(ApplicationState::kInactive);
-    emit(ApplicationEvent::kWillResignActive);
+    deliverEvent(ApplicationEvent::kWillResignActive);
 }
 
 void LinuxApplication::enterBackground() {
@@ -151,17 +151,17 @@ void LinuxApplication::enterBackground() {
         resignActive();
     }
     setState(ApplicationState::kBackground);
-    emit(ApplicationEvent::kDidEnterBackground);
+    deliverEvent(ApplicationEvent::kDidEnterBackground);
 }
 
 void LinuxApplication::enterForeground() {
     setState(ApplicationState::kInactive);
-    emit(ApplicationEvent::kWillEnterForeground);
+    deliverEvent(ApplicationEvent::kWillEnterForeground);
     becomeActive();
 }
 
 void LinuxApplication::terminate() {
-    emit(ApplicationEvent::kWillTerminate);
+    deliverEvent(ApplicationEvent::kWillTerminate);
 }
 
 }  // namespace tovrel::linuxbackend

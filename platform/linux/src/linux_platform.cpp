@@ -46,13 +46,26 @@ std::shared_ptr<platform::HttpClient> makeHttpClient(std::shared_ptr<platform::M
 }
 
 LinuxPlatform::LinuxPlatform(LinuxPlatformOptions options)
-    : loop(std::make_shared<AsioMainLoop>()),
-      background(std::make_shared<ThreadBackgroundWork>(options.backgroundThreads)),
-      clock(std::make_shared<SystemClock>()),
-      log(std::make_shared<StreamLogSink>(options.log)) {
+    : loop(std::make_shared<AsioMainLoop>()), mainLoop(loop) {
+    build(std::move(options), loop);
+}
+
+LinuxPlatform::LinuxPlatform(LinuxPlatformOptions options, std::shared_ptr<platform::MainLoop> hostLoop,
+                             std::shared_ptr<DescriptorWatcher> watcher)
+    : mainLoop(std::move(hostLoop)) {
+    if (!mainLoop || !watcher) {
+        throw std::invalid_argument("LinuxPlatform: a host loop needs a descriptor watcher");
+    }
+    build(std::move(options), watcher);
+}
+
+void LinuxPlatform::build(LinuxPlatformOptions options, const std::shared_ptr<DescriptorWatcher>& watcher) {
+    background = std::make_shared<ThreadBackgroundWork>(options.backgroundThreads);
+    clock = std::make_shared<SystemClock>();
+    log = std::make_shared<StreamLogSink>(options.log);
     const auto directory = options.dataDirectory.empty() ? applicationDataDirectory(options.applicationId)
                                                          : options.dataDirectory;
-    http = makeHttpClient(loop, options.http);
+    http = makeHttpClient(mainLoop, options.http);
     if (!options.preferences.onError) {
         options.preferences.onError = [sink = std::weak_ptr<StreamLogSink>(log)](const std::string& message) {
             if (const auto live = sink.lock()) {
@@ -70,12 +83,12 @@ LinuxPlatform::LinuxPlatform(LinuxPlatformOptions options)
 
     LinuxApplicationOptions applicationOptions;
     applicationOptions.applicationId = options.applicationId;
-    application = std::make_shared<LinuxApplication>(loop, applicationOptions);
+    application = std::make_shared<LinuxApplication>(mainLoop, applicationOptions);
 
     if (options.notifications.applicationName == DbusNotificationsOptions{}.applicationName) {
         options.notifications.applicationName = options.applicationName;
     }
-    notifications = std::make_shared<DbusNotifications>(loop, clock, log, options.notifications);
+    notifications = std::make_shared<DbusNotifications>(mainLoop, clock, log, options.notifications);
     notifications->setBadgeHandler([app = std::weak_ptr<LinuxApplication>(application)](long badge) {
         if (const auto live = app.lock()) {
             live->setApplicationIconBadgeNumber(badge);
@@ -83,15 +96,15 @@ LinuxPlatform::LinuxPlatform(LinuxPlatformOptions options)
     });
 
     try {
-        reachability = std::make_shared<NetlinkReachability>(loop, background);
+        reachability = std::make_shared<NetlinkReachability>(mainLoop, watcher, background);
     } catch (const std::exception& error) {
         if (options.requireReachability) {
             throw;
         }
         log->write(std::string("Reachability: rtnetlink unavailable (") + error.what() + ")");
     }
-    alerts = std::make_shared<LogAlertPresenter>(loop, log);
-    location = std::make_shared<LinuxLocationServices>(loop, clock, makeSource(options, clock),
+    alerts = std::make_shared<LogAlertPresenter>(mainLoop, log);
+    location = std::make_shared<LinuxLocationServices>(mainLoop, clock, makeSource(options, clock),
                                                        options.locationServices);
     motion = std::make_shared<SpeedMotionServices>(location, options.motion);
 }
@@ -105,7 +118,7 @@ LinuxPlatform::~LinuxPlatform() {
 
 platform::Platform LinuxPlatform::platform() const {
     platform::Platform p;
-    p.mainLoop = loop;
+    p.mainLoop = mainLoop;
     p.background = background;
     p.clock = clock;
     p.http = http;

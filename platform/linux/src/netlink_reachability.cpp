@@ -55,7 +55,8 @@ struct NetlinkReachability::Shared : std::enable_shared_from_this<NetlinkReachab
         std::uint32_t lastFlags = 0;
     };
 
-    std::shared_ptr<AsioMainLoop> loop;
+    std::shared_ptr<platform::MainLoop> loop;
+    std::shared_ptr<DescriptorWatcher> watcher;
     std::shared_ptr<platform::BackgroundWork> background;
     RouteTable routes;
     RouteChangeSocket changes;
@@ -171,7 +172,7 @@ struct NetlinkReachability::Shared : std::enable_shared_from_this<NetlinkReachab
         if (any && !changeWatch) {
             // Changes that arrived while nobody listened are stale: the baseline is read afresh.
             changes.drain();
-            changeWatch = loop->watchReadable(changes.fd(), [weak = weak_from_this()] {
+            changeWatch = watcher->watchReadable(changes.fd(), [weak = weak_from_this()] {
                 if (const auto self = weak.lock()) {
                     self->networkChanged();
                 }
@@ -232,12 +233,18 @@ class NetlinkReachabilityHandle final : public platform::ReachabilityHandle {
 
 }  // namespace
 
-NetlinkReachability::NetlinkReachability(std::shared_ptr<AsioMainLoop> loop,
+NetlinkReachability::NetlinkReachability(std::shared_ptr<platform::MainLoop> loop,
+                                         std::shared_ptr<DescriptorWatcher> watcher,
                                          std::shared_ptr<platform::BackgroundWork> background)
     : shared_(std::make_shared<Shared>()) {
     shared_->loop = std::move(loop);
+    shared_->watcher = std::move(watcher);
     shared_->background = std::move(background);
 }
+
+NetlinkReachability::NetlinkReachability(const std::shared_ptr<AsioMainLoop>& loop,
+                                         std::shared_ptr<platform::BackgroundWork> background)
+    : NetlinkReachability(loop, loop, std::move(background)) {}
 
 NetlinkReachability::~NetlinkReachability() {
     if (shared_->changeWatch) {

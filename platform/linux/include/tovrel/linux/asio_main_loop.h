@@ -13,13 +13,26 @@
 
 namespace tovrel::linuxbackend {
 
-/// A watch on a readable descriptor, made by AsioMainLoop::watchReadable.
+/// A watch on a readable descriptor, made by DescriptorWatcher::watchReadable.
 class FdWatch {
   public:
     virtual ~FdWatch() = default;
     /// Main thread. Stops the watch; the callback does not run again. The descriptor stays open (the
     /// caller owns it) and may be closed once this returns.
     virtual void cancel() = 0;
+};
+
+/// A main loop's reactor for descriptors: the Linux parts that read sockets (netlink) reach the loop
+/// through this, so a host can run them on its own event loop (asio here, a toolkit's loop elsewhere).
+class DescriptorWatcher {
+  public:
+    virtual ~DescriptorWatcher() = default;
+    /// Main thread. `onReadable` runs on the main loop each time `fd` has data to read, until the watch
+    /// is cancelled (it must read, or it is called again at once). The caller keeps `fd` open while
+    /// the watch lives; dropping the returned handle cancels the watch. Cancel every watch before the
+    /// loop is destroyed.
+    [[nodiscard]] virtual std::unique_ptr<FdWatch> watchReadable(int fd,
+                                                                 std::function<void()> onReadable) = 0;
 };
 
 /// The real main loop: a single-threaded asio io_context. Posted tasks run in posting order (across
@@ -30,7 +43,7 @@ class FdWatch {
 ///
 /// The main thread is the thread that constructed the loop until some thread calls run() (or one of
 /// the run variants); from then on it is that thread.
-class AsioMainLoop final : public platform::MainLoop {
+class AsioMainLoop final : public platform::MainLoop, public DescriptorWatcher {
   public:
     AsioMainLoop();
     /// Main thread, after run() has returned. Drops every pending task and timer without running it.
@@ -49,11 +62,8 @@ class AsioMainLoop final : public platform::MainLoop {
     /// Any thread.
     [[nodiscard]] bool isMainThread() const override;
 
-    /// Main thread. `onReadable` runs on the loop each time `fd` has data to read, until the watch is
-    /// cancelled (it must read, or it is called again at once). The caller keeps `fd` open while the
-    /// watch lives; dropping the returned handle cancels the watch. Cancel every watch before the loop
-    /// is destroyed.
-    [[nodiscard]] std::unique_ptr<FdWatch> watchReadable(int fd, std::function<void()> onReadable);
+    /// Main thread. See DescriptorWatcher: the descriptor is watched by the io_context's reactor.
+    [[nodiscard]] std::unique_ptr<FdWatch> watchReadable(int fd, std::function<void()> onReadable) override;
 
     /// The calling thread becomes the main thread and runs the loop until stop(); returns at once when
     /// stop() was called before (and clears that request).

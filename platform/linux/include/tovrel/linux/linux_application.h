@@ -58,7 +58,7 @@ class LinuxApplication final : public platform::Application,
     void terminate();
 
   private:
-    void emit(platform::ApplicationEvent event, const nlohmann::json& launchOptions = nullptr);
+    void deliverEvent(platform::ApplicationEvent event, const nlohmann::json& launchOptions = nullptr);
     void setState(platform::ApplicationState state);
 
     std::shared_ptr<platform::MainLoop> loop_;

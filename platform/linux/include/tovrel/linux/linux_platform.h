@@ -49,15 +49,21 @@ struct LinuxPlatformOptions {
 /// life cycle; hand platform() to an Environment. Construct and destroy on the thread that will run
 /// the loop; destroy only after the loop has stopped running.
 struct LinuxPlatform {
-    /// Throws std::runtime_error when the preferences cannot be opened or the replay file read.
+    /// On an asio loop of its own (`loop`). Throws std::runtime_error when the preferences cannot be
+    /// opened or the replay file read.
     explicit LinuxPlatform(LinuxPlatformOptions options = {});
+    /// On a main loop the host runs (a toolkit's event loop, say): every part posts to `hostLoop`, and
+    /// `watcher` watches the netlink socket on that loop's thread. `loop` stays null. Throws as above.
+    LinuxPlatform(LinuxPlatformOptions options, std::shared_ptr<platform::MainLoop> hostLoop,
+                  std::shared_ptr<DescriptorWatcher> watcher);
     ~LinuxPlatform();
     LinuxPlatform(const LinuxPlatform&) = delete;
     LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
     [[nodiscard]] platform::Platform platform() const;
 
-    std::shared_ptr<AsioMainLoop> loop;
+    std::shared_ptr<AsioMainLoop> loop;            ///< null on a host's loop
+    std::shared_ptr<platform::MainLoop> mainLoop;  ///< the loop every part runs on
     std::shared_ptr<ThreadBackgroundWork> background;
     std::shared_ptr<SystemClock> clock;
     std::shared_ptr<StreamLogSink> log;
@@ -70,6 +76,9 @@ struct LinuxPlatform {
     std::shared_ptr<LogAlertPresenter> alerts;
     std::shared_ptr<LinuxLocationServices> location;
     std::shared_ptr<SpeedMotionServices> motion;
+
+  private:
+    void build(LinuxPlatformOptions options, const std::shared_ptr<DescriptorWatcher>& watcher);
 };
 
 /// The libcurl client bound to a loop it keeps alive (the client is destroyed first).

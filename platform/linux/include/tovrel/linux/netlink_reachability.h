@@ -21,8 +21,12 @@ namespace tovrel::linuxbackend {
 /// made this source.
 class NetlinkReachability final : public platform::ReachabilitySource {
   public:
-    /// Throws std::system_error when the netlink sockets cannot be opened. `background` resolves names.
-    NetlinkReachability(std::shared_ptr<AsioMainLoop> loop,
+    /// Throws std::system_error when the netlink sockets cannot be opened. `background` resolves names;
+    /// `watcher` watches the change socket on `loop`'s thread.
+    NetlinkReachability(std::shared_ptr<platform::MainLoop> loop, std::shared_ptr<DescriptorWatcher> watcher,
+                        std::shared_ptr<platform::BackgroundWork> background);
+    /// The same on an asio loop, which is its own descriptor watcher.
+    NetlinkReachability(const std::shared_ptr<AsioMainLoop>& loop,
                         std::shared_ptr<platform::BackgroundWork> background);
     /// Main thread.
     ~NetlinkReachability() override;
