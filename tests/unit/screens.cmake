@@ -7,4 +7,4 @@ tovrel_add_test(tovrel_screens_tests
     screens_content_test.cpp
     screens_map_test.cpp
     screens_settings_test.cpp
-  LIBS tovrel tovrel_internal tovrel_virtual tovrel_test_support LABELS unit)
+  LIBS tovrel tovrel_internal tovrel_virtual tovrel_test_support)

@@ -4,4 +4,4 @@ tovrel_add_test(tovrel_targeting_tests
   SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/targeting_policy_test.cpp
     ${CMAKE_CURRENT_LIST_DIR}/targeting_nearest_test.cpp
-  LIBS tovrel_test_support LABELS unit)
+  LIBS tovrel_test_support)
