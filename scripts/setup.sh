@@ -25,7 +25,7 @@ packages=(
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev
     # Qt backend, tovrel-demo and the screenshot tests
-    qt6-base-dev qt6-webengine-dev libgl-dev fonts-dejavu-core
+    qt6-base-dev qt6-webengine-dev qt6-image-formats-plugins libgl-dev fonts-dejavu-core
 )
 
 missing=()

@@ -70,7 +70,7 @@ void MapManager::loadView() {
     mapView_ = views.makeMapView(screen);
     mapView_->setShowsUserLocation(true);
     currentLocationButton_ =
-        views.makeButton(platform::ButtonType::kSystem, {10, screen.height - 54, 44, 44});
+        views.makeButton(platform::ButtonType::kSystem, {10, screen.height - 54, 80, 44});
     currentLocationButton_->setTitle("Locate");
     currentLocationButton_->setAction([weakSelf = weak_from_this()] {
         if (const auto self = weakSelf.lock()) {
@@ -78,7 +78,7 @@ void MapManager::loadView() {
         }
     });
     refreshMapButton_ =
-        views.makeButton(platform::ButtonType::kSystem, {screen.width - 54, screen.height - 54, 44, 44});
+        views.makeButton(platform::ButtonType::kSystem, {screen.width - 90, screen.height - 54, 80, 44});
     refreshMapButton_->setTitle("Refresh");
     refreshMapButton_->setAction([weakSelf = weak_from_this()] {
         if (const auto self = weakSelf.lock()) {

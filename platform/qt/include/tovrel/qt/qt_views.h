@@ -1,0 +1,535 @@
+#pragma once
+
+#include <QColor>
+#include <QImage>
+#include <QPointer>
+#include <QWidget>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/views.h"
+
+class QVariantAnimation;
+
+namespace tovrel::qtbackend {
+
+struct QtViewContext;
+class QtViewSystem;
+
+/// The QColor of a port colour.
+QColor toQColor(const platform::Color& color);
+
+/// A widget that fills itself with an optional background colour and then paints its content.
+class BackedWidget : public QWidget {
+    Q_OBJECT
+  public:
+    explicit BackedWidget(QWidget* parent = nullptr);
+    void setBackground(const std::optional<platform::Color>& color);
+
+  protected:
+    void paintEvent(QPaintEvent* event) override;
+    /// Paints over the background; nothing by default.
+    virtual void paintContent(QPainter& painter);
+
+  private:
+    std::optional<QColor> background_;
+};
+
+/// State and tree links shared by every Qt view kind, mirroring the in-memory views: the model
+/// (frame, tag, z-position, hidden, alpha, transform, background, subviews, appearance events) is
+/// kept here and shown through the view's widget, whose parent widget is the superview's content
+/// widget and whose stacking follows the z-positions (ties by order of adding). Main thread only.
+class QtViewCore {
+  public:
+    virtual ~QtViewCore();
+    QtViewCore(const QtViewCore&) = delete;
+    QtViewCore& operator=(const QtViewCore&) = delete;
+
+    /// The widget that shows this view.
+    [[nodiscard]] QWidget* widget() const { return widget_; }
+    /// The widget that holds the subviews' widgets.
+    [[nodiscard]] virtual QWidget* contentWidget() const { return widget_; }
+    /// True while the view hangs under the key window or under a presented view.
+    [[nodiscard]] bool isOnScreen() const;
+    /// Every appearance event delivered to this view, in order.
+    [[nodiscard]] const std::vector<platform::Appearance>& appearanceLog() const { return appearanceLog_; }
+    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
+        return animations_;
+    }
+    /// Lets another widget (a navigation bar, a map callout) show this view's widget; null gives it back.
+    void lendWidgetTo(QWidget* host, const QRect& geometry);
+    [[nodiscard]] bool isLent() const { return lentTo_ != nullptr; }
+
+  protected:
+    QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame);
+
+    virtual platform::View& self() = 0;
+    [[nodiscard]] const platform::View& self() const { return const_cast<QtViewCore*>(this)->self(); }
+
+    void coreSetFrame(const platform::Rect& frame);
+    void coreSetHidden(bool hidden);
+    void coreSetAlpha(double alpha);
+    void coreSetTransform(const platform::Transform& transform);
+    void coreSetZPosition(float z);
+    void coreSetBackground(const std::optional<platform::Color>& color);
+    void coreAddSubview(const std::shared_ptr<platform::View>& view);
+    void coreRemoveFromSuperview();
+    void coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation);
+    /// The frame changed: lay out what the widget holds.
+    virtual void frameChanged() {}
+
+    /// Puts the widget where the model says: geometry, visibility, opacity.
+    void applyGeometry();
+    void applyVisibility();
+    void applyOpacity(double opacity);
+    /// Stacks the subviews' widgets by z-position.
+    void restack();
+
+    std::shared_ptr<QtViewContext> context_;
+    QPointer<QWidget> widget_;
+    long tag_ = 0;
+    float zPosition_ = 0;
+    bool hidden_ = false;
+    double alpha_ = 1;
+    platform::Rect frame_;
+    platform::Transform transform_;
+    std::optional<platform::Color> backgroundColor_;
+    std::vector<std::shared_ptr<platform::View>> subviews_;
+    std::weak_ptr<platform::View> superview_;
+    std::map<std::string, platform::BasicAnimation> animations_;
+    platform::AppearanceHandler appearanceHandler_;
+    bool isWindow_ = false;
+    bool presented_ = false;
+    int layoutCount_ = 0;
+    int updateConstraintsCount_ = 0;
+
+  private:
+    friend class QtViewSystem;
+    void announce(platform::Appearance appearance);
+    void deliver(platform::Appearance appearance);
+    void collect(std::vector<std::shared_ptr<platform::View>>& into);
+
+    std::vector<platform::Appearance> appearanceLog_;
+    QPointer<QWidget> lentTo_;
+    double bounceOffset_ = 0;
+    double bounceRest_ = 0;
+    QPointer<QVariantAnimation> bounce_;
+    QPointer<QVariantAnimation> fade_;
+};
+
+/// The core of `view`, or null for a view of another kind.
+QtViewCore* qtCore(const platform::View* view);
+
+/// The View operations of every Qt kind, over QtViewCore.
+template <class Interface>
+class QtViewOf : public Interface, public QtViewCore {
+  public:
+    [[nodiscard]] long tag() const override { return tag_; }
+    void setTag(long tag) override { tag_ = tag; }
+    [[nodiscard]] float zPosition() const override { return zPosition_; }
+    void setZPosition(float zPosition) override { coreSetZPosition(zPosition); }
+    [[nodiscard]] bool isHidden() const override { return hidden_; }
+    void setHidden(bool hidden) override { coreSetHidden(hidden); }
+    [[nodiscard]] double alpha() const override { return alpha_; }
+    void setAlpha(double alpha) override { coreSetAlpha(alpha); }
+    [[nodiscard]] platform::Rect frame() const override { return frame_; }
+    void setFrame(const platform::Rect& frame) override { coreSetFrame(frame); }
+    [[nodiscard]] platform::Transform transform() const override { return transform_; }
+    void setTransform(const platform::Transform& transform) override { coreSetTransform(transform); }
+    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
+    void setBackgroundColor(const std::optional<platform::Color>& color) override {
+        coreSetBackground(color);
+    }
+    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
+    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
+    void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
+    void removeFromSuperview() override { coreRemoveFromSuperview(); }
+    void layoutSubviews() override { ++layoutCount_; }
+    void updateConstraints() override { ++updateConstraintsCount_; }
+    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
+        coreAddAnimation(key, animation);
+    }
+    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
+        const std::string& key) const override {
+        const auto it = animations_.find(key);
+        return it == animations_.end() ? std::nullopt : std::optional(it->second);
+    }
+    void setAppearanceHandler(platform::AppearanceHandler handler) override {
+        appearanceHandler_ = std::move(handler);
+    }
+
+    QtViewOf(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)
+        : QtViewCore(std::move(context), widget, frame) {}
+
+  protected:
+    platform::View& self() override { return *this; }
+};
+
+/// A plain view (and the key window).
+class QtView final : public QtViewOf<platform::View> {
+  public:
+    QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
+};
+
+class QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorView> {
+  public:
+    QtActivityIndicator(std::shared_ptr<QtViewContext> context, platform::ActivityIndicatorStyle style);
+    [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
+    [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
+    void setHidesWhenStopped(bool hides) override;
+    void startAnimating() override;
+    void stopAnimating() override;
+    [[nodiscard]] bool isAnimating() const override { return animating_; }
+
+  private:
+    platform::ActivityIndicatorStyle style_;
+    bool hidesWhenStopped_ = true;
+    bool animating_ = false;
+};
+
+class QtButton final : public QtViewOf<platform::Button> {
+  public:
+    QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type, const platform::Rect& frame);
+    [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
+    [[nodiscard]] std::string title() const override { return title_; }
+    void setTitle(const std::string& title) override;
+    [[nodiscard]] std::optional<platform::Color> titleColor() const override { return titleColor_; }
+    void setTitleColor(const platform::Color& color) override;
+    [[nodiscard]] std::string imageName() const override { return imageName_; }
+    void setImageName(const std::string& name) override;
+    [[nodiscard]] bool showsTouchWhenHighlighted() const override { return showsTouch_; }
+    void setShowsTouchWhenHighlighted(bool shows) override { showsTouch_ = shows; }
+    void setAction(std::function<void()> action) override { action_ = std::move(action); }
+
+    /// The user taps the button: its action runs, then the control hook (a map callout's) if any.
+    /// False when neither exists.
+    bool tap();
+    /// Main thread. Runs after the action at each tap (the map uses it for callout controls).
+    void setControlHook(std::function<void()> hook) { controlHook_ = std::move(hook); }
+
+  private:
+    void refresh();
+
+    platform::ButtonType type_;
+    std::string title_;
+    std::optional<platform::Color> titleColor_;
+    std::string imageName_;
+    bool showsTouch_ = false;
+    std::function<void()> action_;
+    std::function<void()> controlHook_;
+};
+
+class QtLabel final : public QtViewOf<platform::Label> {
+  public:
+    QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
+    [[nodiscard]] std::string text() const override { return text_; }
+    void setText(const std::string& text) override;
+    [[nodiscard]] int numberOfLines() const override { return lines_; }
+    void setNumberOfLines(int lines) override;
+    [[nodiscard]] platform::Font font() const override { return font_; }
+    void setFont(const platform::Font& font) override;
+    [[nodiscard]] platform::Color textColor() const override { return textColor_; }
+    void setTextColor(const platform::Color& color) override;
+    [[nodiscard]] platform::TextAlignment textAlignment() const override { return alignment_; }
+    void setTextAlignment(platform::TextAlignment alignment) override;
+
+  private:
+    void refresh();
+
+    std::string text_;
+    int lines_ = 1;
+    platform::Font font_{"Helvetica", 17};
+    platform::Color textColor_{0, 0, 0, 1};
+    platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
+};
+
+/// A bar with the top item's title in the middle and its left bar button's view on the left.
+class QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
+  public:
+    QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
+    [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
+        return items_;
+    }
+    void setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items, bool animated) override;
+    /// The title shown now.
+    [[nodiscard]] std::string shownTitle() const;
+
+  protected:
+    void frameChanged() override { layoutBar(); }
+
+  private:
+    void layoutBar();
+
+    std::vector<std::shared_ptr<platform::NavigationItem>> items_;
+    std::shared_ptr<platform::View> shownLeftView_;
+};
+
+class QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
+  public:
+    QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
+                    std::string reuseIdentifier);
+    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
+    [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
+    [[nodiscard]] std::string text() const override { return text_; }
+    void setText(const std::string& text) override;
+    [[nodiscard]] std::optional<platform::Color> textColor() const override { return textColor_; }
+    void setTextColor(const platform::Color& color) override;
+    [[nodiscard]] std::string imageName() const override { return imageName_; }
+    void setImageName(const std::string& name) override;
+    [[nodiscard]] platform::TableViewCellAccessory accessoryType() const override { return accessory_; }
+    void setAccessoryType(platform::TableViewCellAccessory accessory) override;
+    [[nodiscard]] long indentationLevel() const override { return indentation_; }
+    void setIndentationLevel(long level) override;
+    /// Drawn highlighted while its row is selected.
+    void setSelectedLook(bool selected);
+
+  private:
+    void refresh();
+
+    platform::TableViewCellStyle style_;
+    std::string reuseIdentifier_;
+    std::string text_;
+    std::optional<platform::Color> textColor_;
+    std::string imageName_;
+    platform::TableViewCellAccessory accessory_ = platform::TableViewCellAccessory::kNone;
+    long indentation_ = 0;
+};
+
+/// A one-section table: every row's cell stacked 44 points high in a scrolling content widget, the
+/// section footer below them, then the table footer. reloadData sets the shown cells aside for reuse
+/// in row order, so each row gets its own cell back.
+class QtTableView final : public QtViewOf<platform::TableView> {
+  public:
+    QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
+    [[nodiscard]] QWidget* contentWidget() const override;
+    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
+        dataSource_ = std::move(dataSource);
+    }
+    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
+        delegate_ = std::move(delegate);
+    }
+    void reloadData() override;
+    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
+        const std::string& identifier) override;
+    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
+        const platform::IndexPath& indexPath) const override;
+    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
+        return selected_;
+    }
+    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
+    void setTableFooterView(std::shared_ptr<platform::View> footer) override;
+    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
+
+    /// The user taps a row: it is selected and the delegate hears it.
+    void tapRow(long row);
+    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
+        return visible_;
+    }
+    /// Scrolls the rows by `dy` points (positive: content moves up), within the content's height.
+    void scrollBy(double dy);
+
+  protected:
+    void frameChanged() override { layoutRows(); }
+
+  private:
+    void layoutRows();
+
+    std::weak_ptr<platform::TableViewDataSource> dataSource_;
+    std::weak_ptr<platform::TableViewDelegate> delegate_;
+    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
+    std::map<std::string, std::deque<std::shared_ptr<platform::TableViewCell>>> reusable_;
+    std::optional<platform::IndexPath> selected_;
+    std::shared_ptr<platform::View> footer_;
+    std::shared_ptr<platform::View> sectionFooter_;
+    double sectionFooterHeight_ = 0;
+    QPointer<QWidget> content_;
+    double offset_ = 0;
+};
+
+class QtWebView;
+
+/// A web view's zoom, shown as the page's zoom factor.
+class QtScrollView final : public platform::ScrollView {
+  public:
+    explicit QtScrollView(QtWebView& owner) : owner_(owner) {}
+    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
+    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
+    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
+    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
+    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
+    [[nodiscard]] float zoomScale() const override { return zoom_; }
+    void setZoomScale(float scale) override;
+    void setContentSize(const platform::Size& size) { contentSize_ = size; }
+    /// A new page: zoom 1 until the page is fitted again.
+    void resetZoom();
+
+  private:
+    QtWebView& owner_;
+    platform::Size contentSize_;
+    float minimum_ = 1;
+    float maximum_ = 1;
+    float zoom_ = 1;
+};
+
+/// A web view on Qt WebEngine. Every navigation (loads and link taps) is put to the delegate first;
+/// a load reports its start on the next turn of the loop and its end once the page's size is known.
+/// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
+/// ignore caches, and its timeout stops a load that takes longer (reported as a failure).
+class QtWebView final : public QtViewOf<platform::WebView> {
+  public:
+    QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
+    ~QtWebView() override;
+    QtWebView(const QtWebView&) = delete;
+    QtWebView& operator=(const QtWebView&) = delete;
+
+    void loadRequest(const platform::URLRequest& request) override;
+    [[nodiscard]] bool isLoading() const override { return loading_; }
+    void stopLoading() override;
+    void setDelegate(std::weak_ptr<platform::WebViewDelegate> delegate) override {
+        delegate_ = std::move(delegate);
+    }
+    void evaluateJavaScript(const std::string& script) override;
+    platform::ScrollView& scrollView() override { return scrollView_; }
+    [[nodiscard]] bool scalesPageToFit() const override { return scalesPageToFit_; }
+    void setScalesPageToFit(bool scales) override { scalesPageToFit_ = scales; }
+    platform::Size sizeThatFits(const platform::Size& size) override;
+
+    /// The page's zoom factor as shown.
+    void applyZoom(double factor);
+    [[nodiscard]] double shownZoomFactor() const;
+    /// The address of the page shown (or being loaded).
+    [[nodiscard]] std::string currentURL() const;
+    /// How many loads finished (final finishes only).
+    [[nodiscard]] int finishedLoads() const { return finishedLoads_; }
+    /// How many loads failed.
+    [[nodiscard]] int failedLoads() const { return failedLoads_; }
+
+    class Page;
+    /// Page: asks the delegate whether a navigation may start.
+    bool allowNavigation(const std::string& url, platform::WebNavigationType type, bool isMainFrame,
+                         bool isRedirect);
+
+  protected:
+    void frameChanged() override;
+
+  private:
+    void started();
+    void finished(bool ok);
+    void timedOut(std::uint64_t generation);
+    void fail(int code, const std::string& description);
+
+    std::weak_ptr<platform::WebViewDelegate> delegate_;
+    QtScrollView scrollView_;
+    class Engine;
+    Engine* engine_ = nullptr;
+    bool loading_ = false;
+    bool scalesPageToFit_ = false;
+    bool directLoad_ = false;
+    std::uint64_t generation_ = 0;
+    int finishedLoads_ = 0;
+    int failedLoads_ = 0;
+};
+
+/// The toolkit on QWidgets: a fixed phone-sized top-level window as the key window, views that are
+/// widgets, pages on Qt WebEngine, a map drawn by the project, modal presentation over the window and
+/// images from the resource bundle. Main thread only, except pathForResource.
+class QtViewSystem final : public platform::ViewSystem {
+  public:
+    struct Options {
+        /// The portrait screen, in points (one point is one pixel).
+        platform::Size screen{375, 667};
+        /// The folder holding "TovrelSDKResources.bundle"; empty: the bundle drawn at build time.
+        std::filesystem::path resourceRoot;
+        /// Raster tiles for maps, "{z}/{x}/{y}" filled in; empty: a plain background with a grid.
+        std::string tileURLTemplate;
+        /// The key window's title.
+        std::string windowTitle = "Tovrel";
+    };
+
+    /// Main thread, after the QApplication. The loop is kept by weak reference.
+    QtViewSystem(const std::shared_ptr<platform::MainLoop>& loop, Options options);
+    ~QtViewSystem() override;
+    QtViewSystem(const QtViewSystem&) = delete;
+    QtViewSystem& operator=(const QtViewSystem&) = delete;
+
+    std::shared_ptr<platform::View> keyWindow() override { return keyWindow_; }
+    [[nodiscard]] platform::Rect mainScreenBounds() const override;
+    [[nodiscard]] platform::DeviceOrientation deviceOrientation() const override {
+        return deviceOrientation_;
+    }
+    [[nodiscard]] platform::InterfaceOrientation statusBarOrientation() const override {
+        return interfaceOrientation_;
+    }
+    [[nodiscard]] bool isStatusBarHidden() const override { return statusBarHidden_; }
+    void addDeviceOrientationObserver(std::function<void()> handler) override;
+    [[nodiscard]] std::optional<std::string> pathForResource(const std::string& name,
+                                                             const std::string& type) const override;
+
+    std::shared_ptr<platform::View> makeView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::WebView> makeWebView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::ActivityIndicatorView> makeActivityIndicator(
+        platform::ActivityIndicatorStyle style) override;
+    std::shared_ptr<platform::Button> makeButton(platform::ButtonType type,
+                                                 const platform::Rect& frame) override;
+    std::shared_ptr<platform::Label> makeLabel(const platform::Rect& frame) override;
+    std::shared_ptr<platform::NavigationBar> makeNavigationBar(const platform::Rect& frame) override;
+    std::shared_ptr<platform::TableView> makeTableView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::TableViewCell> makeTableViewCell(platform::TableViewCellStyle style,
+                                                               const std::string& reuseIdentifier) override;
+    std::shared_ptr<platform::MapView> makeMapView(const platform::Rect& frame) override;
+    std::shared_ptr<platform::AnnotationView> makeAnnotationView(
+        std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) override;
+
+    void animate(const platform::ViewAnimation& animation, const std::function<void()>& changes) override;
+
+    void setRootPresentationContext(const platform::PresentationContext& context) override {
+        rootContext_ = context;
+    }
+    void presentModalView(std::shared_ptr<platform::View> view,
+                          const platform::ModalPresentation& presentation) override;
+    void dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) override;
+
+    /// The key window's widget (show it to put the screens on the desktop).
+    [[nodiscard]] QWidget* window() const;
+    /// The views presented now, oldest first.
+    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const;
+    /// The image of a resource name such as "TovrelSDKResources.bundle/pin1.png"; null when missing.
+    [[nodiscard]] QImage image(const std::string& name) const;
+    /// Hides or shows the status bar (the offer view's frame follows it).
+    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
+    /// Turns the device: orientation, screen bounds and key window follow; the observers run.
+    void rotate(platform::DeviceOrientation orientation);
+    /// Stacks the key window's children: subviews by z-position, presented views above those
+    /// below the topmost z-position, then overlays (alerts). Called after every change.
+    void restackWindow();
+    /// Main thread. Moves the user's dot of every map and tells the maps' delegates.
+    void deliverUserLocation(const platform::Location& location);
+    /// Main thread. A widget laid over everything in the window (an alert); it follows the window.
+    void addOverlay(QWidget* overlay);
+    [[nodiscard]] const Options& options() const { return options_; }
+
+  private:
+    std::shared_ptr<QtViewContext> context_;
+    Options options_;
+    std::shared_ptr<QtView> keyWindow_;
+    platform::DeviceOrientation deviceOrientation_ = platform::DeviceOrientation::kPortrait;
+    platform::InterfaceOrientation interfaceOrientation_ = platform::InterfaceOrientation::kPortrait;
+    bool statusBarHidden_ = false;
+    std::vector<std::function<void()>> observers_;
+    platform::PresentationContext rootContext_;
+};
+
+/// `view` as the Qt kind T, or null.
+template <class T>
+std::shared_ptr<T> qtView(const std::shared_ptr<platform::View>& view) {
+    return std::dynamic_pointer_cast<T>(view);
+}
+
+}  // namespace tovrel::qtbackend

@@ -1,0 +1,388 @@
+#include <QGraphicsOpacityEffect>
+#include <QPainter>
+#include <QVariantAnimation>
+#include <algorithm>
+#include <cmath>
+
+#include "qt_view_context.h"
+#include "tovrel/qt/qt_views.h"
+
+namespace tovrel::qtbackend {
+
+using platform::Appearance;
+
+namespace {
+
+void eraseView(std::vector<std::shared_ptr<platform::View>>& views, const platform::View* view) {
+    views.erase(std::remove_if(views.begin(), views.end(), [view](const auto& v) { return v.get() == view; }),
+                views.end());
+}
+
+int px(double points) {
+    return static_cast<int>(std::lround(points));
+}
+
+}  // namespace
+
+QColor toQColor(const platform::Color& color) {
+    return QColor::fromRgbF(static_cast<float>(color.red), static_cast<float>(color.green),
+                            static_cast<float>(color.blue), static_cast<float>(color.alpha));
+}
+
+// ---- QtViewContext ----
+
+bool QtViewContext::isScreenRoot(const platform::View* view) const {
+    if (view == keyWindow.lock().get()) {
+        return true;
+    }
+    return isPresented(view);
+}
+
+bool QtViewContext::isPresented(const platform::View* view) const {
+    return std::any_of(presented.begin(), presented.end(),
+                       [view](const auto& weak) { return weak.lock().get() == view; });
+}
+
+QImage QtViewContext::image(const std::string& name) const {
+    if (name.empty()) {
+        return {};
+    }
+    const auto cached = images.find(name);
+    if (cached != images.end()) {
+        return cached->second;
+    }
+    const auto path = resourceRoot / name;
+    QImage loaded(QString::fromStdString(path.string()));
+    images[name] = loaded;
+    return loaded;
+}
+
+// ---- BackedWidget ----
+
+BackedWidget::BackedWidget(QWidget* parent) : QWidget(parent) {
+    setAttribute(Qt::WA_NoSystemBackground);
+}
+
+void BackedWidget::setBackground(const std::optional<platform::Color>& color) {
+    background_ = color ? std::optional(toQColor(*color)) : std::nullopt;
+    update();
+}
+
+void BackedWidget::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    if (background_ && background_->alpha() > 0) {
+        painter.fillRect(rect(), *background_);
+    }
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setRenderHint(QPainter::SmoothPixmapTransform);
+    paintContent(painter);
+}
+
+void BackedWidget::paintContent(QPainter& /*painter*/) {}
+
+// ---- QtViewCore ----
+
+QtViewCore* qtCore(const platform::View* view) {
+    return dynamic_cast<QtViewCore*>(const_cast<platform::View*>(view));
+}
+
+QtViewCore::QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)
+    : context_(std::move(context)), widget_(widget), frame_(frame) {
+    widget_->hide();
+    applyGeometry();
+}
+
+QtViewCore::~QtViewCore() {
+    // Subviews may outlive this view: their widgets leave this one before it goes.
+    for (const auto& subview : subviews_) {
+        if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_) {
+            core->widget_->hide();
+            core->widget_->setParent(nullptr);
+        }
+    }
+    if (bounce_) {
+        bounce_->stop();
+        delete bounce_;
+    }
+    if (fade_) {
+        fade_->stop();
+        delete fade_;
+    }
+    delete widget_;
+}
+
+bool QtViewCore::isOnScreen() const {
+    std::shared_ptr<platform::View> holder;
+    const platform::View* current = &self();
+    while (current != nullptr) {
+        if (context_->isScreenRoot(current)) {
+            return true;
+        }
+        holder = current->superview();
+        current = holder.get();
+    }
+    return false;
+}
+
+void QtViewCore::applyGeometry() {
+    if (!widget_ || lentTo_) {
+        return;
+    }
+    if (isWindow_) {
+        widget_->setFixedSize(px(frame_.width), px(frame_.height));
+        return;
+    }
+    widget_->setGeometry(px(frame_.x + transform_.tx), px(frame_.y + transform_.ty + bounceOffset_),
+                         std::max(0, px(frame_.width)), std::max(0, px(frame_.height)));
+}
+
+void QtViewCore::applyVisibility() {
+    if (!widget_ || isWindow_) {
+        return;
+    }
+    // A widget without a parent would become a window of its own: it stays hidden.
+    widget_->setVisible(!hidden_ && widget_->parentWidget() != nullptr);
+}
+
+void QtViewCore::applyOpacity(double opacity) {
+    if (!widget_) {
+        return;
+    }
+    if (opacity >= 0.999) {
+        widget_->setGraphicsEffect(nullptr);
+        return;
+    }
+    auto* effect = qobject_cast<QGraphicsOpacityEffect*>(widget_->graphicsEffect());
+    if (effect == nullptr) {
+        effect = new QGraphicsOpacityEffect(widget_);
+        widget_->setGraphicsEffect(effect);
+    }
+    effect->setOpacity(std::clamp(opacity, 0.0, 1.0));
+}
+
+void QtViewCore::coreSetFrame(const platform::Rect& frame) {
+    frame_ = frame;
+    applyGeometry();
+    frameChanged();
+}
+
+void QtViewCore::coreSetHidden(bool hidden) {
+    hidden_ = hidden;
+    applyVisibility();
+}
+
+void QtViewCore::coreSetAlpha(double alpha) {
+    const double previous = alpha_;
+    alpha_ = alpha;
+    if (context_->openAnimations.empty() || context_->openAnimations.back().duration <= 0) {
+        if (fade_) {
+            fade_->stop();
+        }
+        applyOpacity(alpha);
+        return;
+    }
+    const auto& animation = context_->openAnimations.back();
+    if (!fade_) {
+        fade_ = new QVariantAnimation();
+        QObject::connect(fade_, &QVariantAnimation::valueChanged, widget_,
+                         [this](const QVariant& value) { applyOpacity(value.toDouble()); });
+    }
+    fade_->stop();
+    fade_->setStartValue(previous);
+    fade_->setEndValue(alpha);
+    fade_->setDuration(static_cast<int>(animation.duration * 1000));
+    fade_->setEasingCurve(animation.curve == platform::AnimationCurve::kLinear ? QEasingCurve::Linear
+                                                                               : QEasingCurve::InOutQuad);
+    fade_->start();
+}
+
+void QtViewCore::coreSetTransform(const platform::Transform& transform) {
+    transform_ = transform;
+    applyGeometry();
+}
+
+void QtViewCore::coreSetZPosition(float z) {
+    zPosition_ = z;
+    if (const auto parent = superview_.lock()) {
+        if (auto* core = qtCore(parent.get())) {
+            core->restack();
+        }
+    } else if (isWindow_ || presented_) {
+        context_->windowChanged();
+    }
+}
+
+void QtViewCore::coreSetBackground(const std::optional<platform::Color>& color) {
+    backgroundColor_ = color;
+    if (auto* backed = qobject_cast<BackedWidget*>(widget_)) {
+        backed->setBackground(color);
+    }
+}
+
+void QtViewCore::restack() {
+    if (isWindow_) {
+        context_->windowChanged();
+        return;
+    }
+    std::vector<std::pair<float, QWidget*>> order;
+    for (const auto& subview : subviews_) {
+        if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_ && !core->lentTo_) {
+            order.emplace_back(core->zPosition_, core->widget_);
+        }
+    }
+    std::stable_sort(order.begin(), order.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& entry : order) {
+        entry.second->raise();
+    }
+}
+
+void QtViewCore::lendWidgetTo(QWidget* host, const QRect& geometry) {
+    if (!widget_) {
+        return;
+    }
+    if (host != nullptr) {
+        lentTo_ = host;
+        widget_->setParent(host);
+        widget_->setGeometry(geometry);
+        widget_->setVisible(!hidden_);
+        widget_->raise();
+        return;
+    }
+    lentTo_ = nullptr;
+    const auto parent = superview_.lock();
+    auto* parentCore = parent ? qtCore(parent.get()) : nullptr;
+    widget_->setParent(parentCore != nullptr ? parentCore->contentWidget() : nullptr);
+    applyGeometry();
+    applyVisibility();
+    if (parentCore != nullptr) {
+        parentCore->restack();
+    }
+}
+
+void QtViewCore::coreAddSubview(const std::shared_ptr<platform::View>& view) {
+    QtViewCore* child = view ? qtCore(view.get()) : nullptr;
+    if (child == nullptr || view.get() == &self() || child->isWindow_) {
+        return;
+    }
+    const auto previous = child->superview_.lock();
+    if (previous.get() == &self()) {
+        eraseView(subviews_, view.get());
+        subviews_.push_back(view);
+        restack();
+        return;
+    }
+    const bool wasOnScreen = child->isOnScreen();
+    if (previous) {
+        eraseView(qtCore(previous.get())->subviews_, view.get());
+    }
+    subviews_.push_back(view);
+    child->superview_ = self().weak_from_this();
+    if (child->widget_ && !child->lentTo_) {
+        child->widget_->setParent(contentWidget());
+        child->applyGeometry();
+        child->applyVisibility();
+    }
+    restack();
+    const bool onScreen = child->isOnScreen();
+    if (onScreen != wasOnScreen) {
+        child->announce(onScreen ? Appearance::kWillAppear : Appearance::kWillDisappear);
+    }
+}
+
+void QtViewCore::coreRemoveFromSuperview() {
+    const auto parent = superview_.lock();
+    if (!parent) {
+        return;
+    }
+    const auto keepAlive = self().shared_from_this();
+    const bool wasOnScreen = isOnScreen();
+    eraseView(qtCore(parent.get())->subviews_, &self());
+    superview_.reset();
+    if (widget_ && !lentTo_) {
+        widget_->hide();
+        widget_->setParent(nullptr);
+    }
+    if (wasOnScreen) {
+        announce(Appearance::kWillDisappear);
+    }
+}
+
+void QtViewCore::coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation) {
+    animations_[key] = animation;
+    if (animation.keyPath != "position.y" || animation.duration <= 0) {
+        return;
+    }
+    // The layer's y moves by the animated amount (additive) and back, as many times as it repeats.
+    const int legs =
+        std::max(1, static_cast<int>(std::ceil(animation.repeatCount))) * (animation.autoreverses ? 2 : 1);
+    if (!bounce_) {
+        bounce_ = new QVariantAnimation();
+        QObject::connect(bounce_, &QVariantAnimation::valueChanged, widget_, [this](const QVariant& value) {
+            bounceOffset_ = value.toDouble();
+            applyGeometry();
+        });
+        QObject::connect(bounce_, &QVariantAnimation::finished, widget_, [this] {
+            bounceOffset_ = bounceRest_;
+            applyGeometry();
+        });
+    }
+    bounce_->stop();
+    bounce_->setDuration(static_cast<int>(animation.duration * 1000 * legs));
+    bounce_->setStartValue(animation.fromValue);
+    for (int leg = 1; leg < legs; ++leg) {
+        const bool out = animation.autoreverses ? leg % 2 == 1 : true;
+        bounce_->setKeyValueAt(static_cast<double>(leg) / legs,
+                               out ? animation.toValue : animation.fromValue);
+    }
+    const double last = animation.autoreverses ? animation.fromValue : animation.toValue;
+    const bool keepsEnd = animation.fillMode == platform::FillMode::kForwards ||
+                          animation.fillMode == platform::FillMode::kBoth;
+    bounce_->setEndValue(last);
+    bounceRest_ = keepsEnd ? last : 0.0;
+    bounce_->start();
+}
+
+void QtViewCore::collect(std::vector<std::shared_ptr<platform::View>>& into) {
+    into.push_back(self().shared_from_this());
+    for (const auto& subview : subviews_) {
+        if (auto* core = qtCore(subview.get())) {
+            core->collect(into);
+        }
+    }
+}
+
+void QtViewCore::announce(Appearance will) {
+    const bool appearing = will == Appearance::kWillAppear;
+    std::vector<std::shared_ptr<platform::View>> subtree;
+    collect(subtree);
+    for (const auto& view : subtree) {
+        qtCore(view.get())->deliver(will);
+    }
+    std::vector<std::weak_ptr<platform::View>> later(subtree.begin(), subtree.end());
+    context_->post([later = std::move(later), appearing] {
+        for (const auto& weak : later) {
+            const auto view = weak.lock();
+            auto* core = view ? qtCore(view.get()) : nullptr;
+            // A view that left (or came back) before this turn hears nothing more.
+            if (core != nullptr && core->isOnScreen() == appearing) {
+                core->deliver(appearing ? Appearance::kDidAppear : Appearance::kDidDisappear);
+            }
+        }
+    });
+}
+
+void QtViewCore::deliver(Appearance appearance) {
+    appearanceLog_.push_back(appearance);
+    const auto handler = appearanceHandler_;
+    if (handler) {
+        handler(appearance);
+    }
+}
+
+// ---- QtView ----
+
+QtView::QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
+    : QtViewOf(std::move(context), new BackedWidget, frame) {}
+
+}  // namespace tovrel::qtbackend

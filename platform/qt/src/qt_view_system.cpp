@@ -1,0 +1,263 @@
+#include <QCoreApplication>
+#include <QDir>
+#include <algorithm>
+#include <limits>
+
+#include "qt_view_context.h"
+#include "tovrel/qt/qt_map_view.h"
+#include "tovrel/qt/qt_views.h"
+
+namespace tovrel::qtbackend {
+namespace {
+
+constexpr const char* kBundleName = "TovrelSDKResources.bundle";
+/// Presented screens stack above every subview of the window except those at the topmost z-position.
+constexpr float kPresentedZPosition = std::numeric_limits<float>::max() / 2;
+
+/// Where the resource bundle lies: the folder given, else $TOVREL_QT_RESOURCES, else beside the
+/// program, else the bundle drawn by this build.
+std::filesystem::path resourceRootFor(const std::filesystem::path& given) {
+    if (!given.empty()) {
+        return given;
+    }
+    if (const QByteArray fromEnvironment = qgetenv("TOVREL_QT_RESOURCES"); !fromEnvironment.isEmpty()) {
+        return fromEnvironment.toStdString();
+    }
+    const std::filesystem::path besideProgram = QCoreApplication::applicationDirPath().toStdString();
+    if (std::filesystem::exists(besideProgram / kBundleName)) {
+        return besideProgram;
+    }
+    return TOVREL_QT_RESOURCE_ROOT;
+}
+
+}  // namespace
+
+void QtViewContext::windowChanged() const {
+    if (system != nullptr) {
+        system->restackWindow();
+    }
+}
+
+QtViewSystem::QtViewSystem(const std::shared_ptr<platform::MainLoop>& loop, Options options)
+    : context_(std::make_shared<QtViewContext>()), options_(std::move(options)) {
+    context_->loop = loop;
+    context_->resourceRoot = resourceRootFor(options_.resourceRoot);
+    context_->tileURLTemplate = options_.tileURLTemplate;
+    context_->system = this;
+    keyWindow_ = std::make_shared<QtView>(
+        context_, platform::Rect{0, 0, options_.screen.width, options_.screen.height});
+    keyWindow_->isWindow_ = true;
+    keyWindow_->setBackgroundColor(platform::Color::whiteColor());
+    keyWindow_->applyGeometry();
+    keyWindow_->widget()->setWindowTitle(QString::fromStdString(options_.windowTitle));
+    context_->keyWindow = keyWindow_;
+}
+
+QtViewSystem::~QtViewSystem() {
+    context_->system = nullptr;
+}
+
+QWidget* QtViewSystem::window() const {
+    return keyWindow_->widget();
+}
+
+platform::Rect QtViewSystem::mainScreenBounds() const {
+    const bool landscape = interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeLeft ||
+                           interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeRight;
+    const auto& portrait = options_.screen;
+    return landscape ? platform::Rect{0, 0, portrait.height, portrait.width}
+                     : platform::Rect{0, 0, portrait.width, portrait.height};
+}
+
+void QtViewSystem::addDeviceOrientationObserver(std::function<void()> handler) {
+    observers_.push_back(std::move(handler));
+}
+
+std::optional<std::string> QtViewSystem::pathForResource(const std::string& name,
+                                                         const std::string& type) const {
+    const auto path = context_->resourceRoot / (name + "." + type);
+    if (std::filesystem::exists(path)) {
+        return path.string();
+    }
+    return std::nullopt;
+}
+
+QImage QtViewSystem::image(const std::string& name) const {
+    return context_->image(name);
+}
+
+std::shared_ptr<platform::View> QtViewSystem::makeView(const platform::Rect& frame) {
+    return std::make_shared<QtView>(context_, frame);
+}
+
+std::shared_ptr<platform::WebView> QtViewSystem::makeWebView(const platform::Rect& frame) {
+    return std::make_shared<QtWebView>(context_, frame);
+}
+
+std::shared_ptr<platform::ActivityIndicatorView> QtViewSystem::makeActivityIndicator(
+    platform::ActivityIndicatorStyle style) {
+    return std::make_shared<QtActivityIndicator>(context_, style);
+}
+
+std::shared_ptr<platform::Button> QtViewSystem::makeButton(platform::ButtonType type,
+                                                           const platform::Rect& frame) {
+    return std::make_shared<QtButton>(context_, type, frame);
+}
+
+std::shared_ptr<platform::Label> QtViewSystem::makeLabel(const platform::Rect& frame) {
+    return std::make_shared<QtLabel>(context_, frame);
+}
+
+std::shared_ptr<platform::NavigationBar> QtViewSystem::makeNavigationBar(const platform::Rect& frame) {
+    return std::make_shared<QtNavigationBar>(context_, frame);
+}
+
+std::shared_ptr<platform::TableView> QtViewSystem::makeTableView(const platform::Rect& frame) {
+    return std::make_shared<QtTableView>(context_, frame);
+}
+
+std::shared_ptr<platform::TableViewCell> QtViewSystem::makeTableViewCell(platform::TableViewCellStyle style,
+                                                                         const std::string& reuseIdentifier) {
+    return std::make_shared<QtTableViewCell>(context_, style, reuseIdentifier);
+}
+
+std::shared_ptr<platform::MapView> QtViewSystem::makeMapView(const platform::Rect& frame) {
+    auto map = std::make_shared<QtMapView>(context_, frame);
+    auto& maps = context_->maps;
+    maps.erase(std::remove_if(maps.begin(), maps.end(), [](const auto& weak) { return weak.expired(); }),
+               maps.end());
+    maps.push_back(map);
+    return map;
+}
+
+std::shared_ptr<platform::AnnotationView> QtViewSystem::makeAnnotationView(
+    std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) {
+    return std::make_shared<QtAnnotationView>(context_, std::move(annotation), reuseIdentifier);
+}
+
+void QtViewSystem::animate(const platform::ViewAnimation& animation, const std::function<void()>& changes) {
+    context_->openAnimations.push_back(animation);
+    if (changes) {
+        changes();
+    }
+    context_->openAnimations.pop_back();
+}
+
+void QtViewSystem::presentModalView(std::shared_ptr<platform::View> view,
+                                    const platform::ModalPresentation& /*presentation*/) {
+    auto* core = view ? qtCore(view.get()) : nullptr;
+    if (core == nullptr || context_->isScreenRoot(view.get())) {
+        return;
+    }
+    const bool wasOnScreen = core->isOnScreen();
+    context_->presented.push_back(view);
+    core->presented_ = true;
+    if (core->widget_ && !view->superview()) {
+        core->widget_->setParent(window());
+        core->applyGeometry();
+        core->applyVisibility();
+    }
+    restackWindow();
+    if (!wasOnScreen) {
+        core->announce(platform::Appearance::kWillAppear);
+    }
+}
+
+void QtViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view, bool /*animated*/) {
+    auto& presented = context_->presented;
+    const auto it = std::find_if(presented.begin(), presented.end(),
+                                 [&view](const auto& weak) { return weak.lock() == view; });
+    if (!view || it == presented.end()) {
+        return;
+    }
+    presented.erase(it);
+    auto* core = qtCore(view.get());
+    core->presented_ = false;
+    if (core->widget_ && !view->superview()) {
+        core->widget_->hide();
+        core->widget_->setParent(nullptr);
+    }
+    if (!core->isOnScreen()) {
+        core->announce(platform::Appearance::kWillDisappear);
+    }
+}
+
+std::vector<std::shared_ptr<platform::View>> QtViewSystem::presentedViews() const {
+    std::vector<std::shared_ptr<platform::View>> views;
+    for (const auto& weak : context_->presented) {
+        if (auto view = weak.lock()) {
+            views.push_back(std::move(view));
+        }
+    }
+    return views;
+}
+
+void QtViewSystem::restackWindow() {
+    std::vector<std::pair<float, QWidget*>> order;
+    for (const auto& subview : keyWindow_->subviews()) {
+        if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_ && !core->isLent()) {
+            order.emplace_back(core->zPosition_, core->widget_);
+        }
+    }
+    for (const auto& view : presentedViews()) {
+        if (auto* core = qtCore(view.get()); core != nullptr && core->widget_ && !view->superview()) {
+            order.emplace_back(kPresentedZPosition, core->widget_);
+        }
+    }
+    std::stable_sort(order.begin(), order.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& entry : order) {
+        entry.second->raise();
+    }
+    for (QObject* child : window()->children()) {
+        if (auto* widget = qobject_cast<QWidget*>(child);
+            widget != nullptr && widget->property("tovrelOverlay").toBool()) {
+            widget->raise();
+        }
+    }
+}
+
+void QtViewSystem::addOverlay(QWidget* overlay) {
+    overlay->setParent(window());
+    overlay->setProperty("tovrelOverlay", true);
+    overlay->setGeometry(window()->rect());
+    overlay->raise();
+}
+
+void QtViewSystem::deliverUserLocation(const platform::Location& location) {
+    const auto maps = context_->maps;
+    for (const auto& weak : maps) {
+        if (const auto map = std::dynamic_pointer_cast<QtMapView>(weak.lock())) {
+            map->deliverUserLocation(location);
+        }
+    }
+}
+
+void QtViewSystem::rotate(platform::DeviceOrientation orientation) {
+    using platform::DeviceOrientation;
+    using platform::InterfaceOrientation;
+    deviceOrientation_ = orientation;
+    switch (orientation) {
+        case DeviceOrientation::kPortrait:
+            interfaceOrientation_ = InterfaceOrientation::kPortrait;
+            break;
+        case DeviceOrientation::kPortraitUpsideDown:
+            interfaceOrientation_ = InterfaceOrientation::kPortraitUpsideDown;
+            break;
+        case DeviceOrientation::kLandscapeLeft:
+            interfaceOrientation_ = InterfaceOrientation::kLandscapeRight;
+            break;
+        case DeviceOrientation::kLandscapeRight:
+            interfaceOrientation_ = InterfaceOrientation::kLandscapeLeft;
+            break;
+        default:
+            break;
+    }
+    keyWindow_->setFrame(mainScreenBounds());
+    const auto observers = observers_;
+    for (const auto& observer : observers) {
+        observer();
+    }
+}
+
+}  // namespace tovrel::qtbackend
