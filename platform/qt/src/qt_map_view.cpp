@@ -515,26 +515,35 @@ void QtMapView::paintTiles(QPainter& painter) {
                 .replace("{y}", QString::number(ty));
             const QPointF topLeft = camera_.pointForMapPoint({tx * tileSize, ty * tileSize});
             const QPointF bottomRight = camera_.pointForMapPoint({(tx + 1) * tileSize, (ty + 1) * tileSize});
-            const auto tile = tiles_.find(url);
-            if (tile != tiles_.end()) {
-                painter.drawImage(QRectF(topLeft, bottomRight), tile.value());
+            if (const QImage* tile = tiles_.object(url)) {
+                painter.drawImage(QRectF(topLeft, bottomRight), *tile);
                 continue;
             }
             if (pendingTiles_.contains(url) || network_ == nullptr) {
                 continue;
             }
+            if (const auto failed = failedTiles_.constFind(url); failed != failedTiles_.cend()) {
+                if (!failed->hasExpired()) {
+                    continue;
+                }
+                failedTiles_.erase(failed);
+            }
             pendingTiles_.insert(url);
+            ++tileRequests_;
             QNetworkRequest request{QUrl(url)};
-            request.setHeader(QNetworkRequest::UserAgentHeader, "tovrel-demo");
+            request.setHeader(QNetworkRequest::UserAgentHeader, "tovrel-qt");
             auto* reply = network_->get(request);
             QObject::connect(reply, &QNetworkReply::finished, widget(), [this, reply, url] {
                 reply->deleteLater();
                 pendingTiles_.remove(url);
-                QImage image;
-                if (reply->error() == QNetworkReply::NoError && image.loadFromData(reply->readAll())) {
-                    tiles_.insert(url, image);
-                    widget()->update();
+                auto image = std::make_unique<QImage>();
+                if (reply->error() != QNetworkReply::NoError || !image->loadFromData(reply->readAll())) {
+                    failedTiles_.insert(url, QDeadlineTimer(kTileRetryDelay));
+                    return;
                 }
+                const auto cost = static_cast<int>(std::max<qsizetype>(1, image->sizeInBytes() / 1024));
+                tiles_.insert(url, image.release(), cost);
+                widget()->update();
             });
         }
     }

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <QCache>
+#include <QDeadlineTimer>
 #include <QHash>
 #include <QImage>
 #include <QPointF>
 #include <QPointer>
 #include <QSet>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
@@ -109,6 +112,11 @@ class QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
 /// views are set aside for reuse.
 class QtMapView final : public QtViewOf<platform::MapView> {
   public:
+    /// How much decoded tile data a map keeps (48 MiB: about 190 tiles of 256 × 256).
+    static constexpr int kTileCacheKiB = 48 * 1024;
+    /// How long a tile that failed to load is left alone before it is asked for again.
+    static constexpr std::chrono::seconds kTileRetryDelay{30};
+
     QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     ~QtMapView() override;
     QtMapView(const QtMapView&) = delete;
@@ -160,6 +168,9 @@ class QtMapView final : public QtViewOf<platform::MapView> {
         return camera_.pointForCoordinate(coordinate);
     }
 
+    /// How many tile requests the map has sent.
+    [[nodiscard]] int tileRequests() const { return tileRequests_; }
+
     class Widget;
 
   protected:
@@ -197,8 +208,12 @@ class QtMapView final : public QtViewOf<platform::MapView> {
     QPointer<QWidget> callout_;
     std::shared_ptr<platform::Annotation> calloutAnnotation_;
     QNetworkAccessManager* network_ = nullptr;
-    QHash<QString, QImage> tiles_;
+    /// Decoded tiles, cost in KiB: a long pan keeps the last few dozen, not every tile it passed.
+    QCache<QString, QImage> tiles_{kTileCacheKiB};
     QSet<QString> pendingTiles_;
+    /// Tiles that failed, asked again only once their deadline has passed (not on every repaint).
+    QHash<QString, QDeadlineTimer> failedTiles_;
+    int tileRequests_ = 0;
 };
 
 }  // namespace tovrel::qtbackend
