@@ -9,6 +9,7 @@
 
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::qtbackend {
 
@@ -16,7 +17,7 @@ class QtViewSystem;
 
 /// What a QtViewSystem shares with its views. Only weak references point back out, so a view held
 /// by a posted task or a timer never keeps the loop or the system alive.
-struct QtViewContext {
+struct QtViewContext final : viewtree::ScreenRoots {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::View> keyWindow;
     std::vector<std::weak_ptr<platform::View>> presented;
@@ -27,12 +28,12 @@ struct QtViewContext {
     mutable std::map<std::string, QImage> images;
     QtViewSystem* system = nullptr;
 
-    void post(platform::Task task) const {
+    void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
             mainLoop->post(std::move(task));
         }
     }
-    [[nodiscard]] bool isScreenRoot(const platform::View* view) const;
+    [[nodiscard]] bool isScreenRoot(const platform::View* view) const override;
     [[nodiscard]] bool isPresented(const platform::View* view) const;
     /// The image of a resource name ("TovrelSDKResources.bundle/pin1.png"), cached; null when missing.
     [[nodiscard]] QImage image(const std::string& name) const;

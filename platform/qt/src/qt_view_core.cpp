@@ -9,14 +9,7 @@
 
 namespace tovrel::qtbackend {
 
-using platform::Appearance;
-
 namespace {
-
-void eraseView(std::vector<std::shared_ptr<platform::View>>& views, const platform::View* view) {
-    views.erase(std::remove_if(views.begin(), views.end(), [view](const auto& v) { return v.get() == view; }),
-                views.end());
-}
 
 int px(double points) {
     return static_cast<int>(std::lround(points));
@@ -111,17 +104,8 @@ QtViewCore::~QtViewCore() {
     delete widget_;
 }
 
-bool QtViewCore::isOnScreen() const {
-    std::shared_ptr<platform::View> holder;
-    const platform::View* current = &self();
-    while (current != nullptr) {
-        if (context_->isScreenRoot(current)) {
-            return true;
-        }
-        holder = current->superview();
-        current = holder.get();
-    }
-    return false;
+const viewtree::ScreenRoots& QtViewCore::screenRoots() const {
+    return *context_;
 }
 
 void QtViewCore::applyGeometry() {
@@ -261,50 +245,26 @@ void QtViewCore::lendWidgetTo(QWidget* host, const QRect& geometry) {
 }
 
 void QtViewCore::coreAddSubview(const std::shared_ptr<platform::View>& view) {
-    QtViewCore* child = view ? qtCore(view.get()) : nullptr;
-    if (child == nullptr || view.get() == &self() || child->isWindow_) {
-        return;
-    }
-    const auto previous = child->superview_.lock();
-    if (previous.get() == &self()) {
-        eraseView(subviews_, view.get());
-        subviews_.push_back(view);
-        restack();
-        return;
-    }
-    const bool wasOnScreen = child->isOnScreen();
-    if (previous) {
-        eraseView(qtCore(previous.get())->subviews_, view.get());
-    }
-    subviews_.push_back(view);
-    child->superview_ = self().weak_from_this();
-    if (child->widget_ && !child->lentTo_) {
-        child->widget_->setParent(contentWidget());
-        child->applyGeometry();
-        child->applyVisibility();
-    }
-    restack();
-    const bool onScreen = child->isOnScreen();
-    if (onScreen != wasOnScreen) {
-        child->announce(onScreen ? Appearance::kWillAppear : Appearance::kWillDisappear);
+    const QtViewCore* child = view ? qtCore(view.get()) : nullptr;
+    if (child != nullptr && !child->isWindow_) {
+        linkSubview(view);
     }
 }
 
-void QtViewCore::coreRemoveFromSuperview() {
-    const auto parent = superview_.lock();
-    if (!parent) {
-        return;
+void QtViewCore::didAddSubview(viewtree::ViewNode& node, bool moved) {
+    auto& child = static_cast<QtViewCore&>(node);
+    if (moved && child.widget_ && !child.lentTo_) {
+        child.widget_->setParent(contentWidget());
+        child.applyGeometry();
+        child.applyVisibility();
     }
-    const auto keepAlive = self().shared_from_this();
-    const bool wasOnScreen = isOnScreen();
-    eraseView(qtCore(parent.get())->subviews_, &self());
-    superview_.reset();
+    restack();
+}
+
+void QtViewCore::didLeaveSuperview() {
     if (widget_ && !lentTo_) {
         widget_->hide();
         widget_->setParent(nullptr);
-    }
-    if (wasOnScreen) {
-        announce(Appearance::kWillDisappear);
     }
 }
 
@@ -341,43 +301,6 @@ void QtViewCore::coreAddAnimation(const std::string& key, const platform::BasicA
     bounce_->setEndValue(last);
     bounceRest_ = keepsEnd ? last : 0.0;
     bounce_->start();
-}
-
-void QtViewCore::collect(std::vector<std::shared_ptr<platform::View>>& into) {
-    into.push_back(self().shared_from_this());
-    for (const auto& subview : subviews_) {
-        if (auto* core = qtCore(subview.get())) {
-            core->collect(into);
-        }
-    }
-}
-
-void QtViewCore::announce(Appearance will) {
-    const bool appearing = will == Appearance::kWillAppear;
-    std::vector<std::shared_ptr<platform::View>> subtree;
-    collect(subtree);
-    for (const auto& view : subtree) {
-        qtCore(view.get())->deliver(will);
-    }
-    std::vector<std::weak_ptr<platform::View>> later(subtree.begin(), subtree.end());
-    context_->post([later = std::move(later), appearing] {
-        for (const auto& weak : later) {
-            const auto view = weak.lock();
-            auto* core = view ? qtCore(view.get()) : nullptr;
-            // A view that left (or came back) before this turn hears nothing more.
-            if (core != nullptr && core->isOnScreen() == appearing) {
-                core->deliver(appearing ? Appearance::kDidAppear : Appearance::kDidDisappear);
-            }
-        }
-    });
-}
-
-void QtViewCore::deliver(Appearance appearance) {
-    appearanceLog_.push_back(appearance);
-    const auto handler = appearanceHandler_;
-    if (handler) {
-        handler(appearance);
-    }
 }
 
 // ---- QtView ----

@@ -148,7 +148,7 @@ void QtWebView::loadRequest(const platform::URLRequest& request) {
         !delegate->webViewShouldStartLoadWithRequest(*this, request, platform::WebNavigationType::kOther)) {
         return;
     }
-    const std::uint64_t generation = ++generation_;
+    ++generation_;
     if (request.url.empty()) {
         loading_ = false;
         engine_->stop();
@@ -166,7 +166,6 @@ void QtWebView::loadRequest(const platform::URLRequest& request) {
     }
     directLoad_ = true;
     engine_->load(httpRequest);
-    (void)generation;
 }
 
 void QtWebView::started() {
@@ -176,7 +175,7 @@ void QtWebView::started() {
         loading_ = true;
     }
     scrollView_.resetZoom();
-    context_->post([weak = weak_from_this(), generation = generation_] {
+    context_->postLater([weak = weak_from_this(), generation = generation_] {
         const auto view = std::static_pointer_cast<QtWebView>(weak.lock());
         if (view && view->generation_ == generation && view->loading_) {
             if (auto delegate = view->delegate_.lock()) {

@@ -10,7 +10,7 @@ using platform::Appearance;
 
 /// What a ViewSystem shares with its views. Only weak references point back out, so a view held by
 /// a posted task or a timer never keeps the loop, the client or the system alive.
-struct ViewContext {
+struct ViewContext final : viewtree::ScreenRoots {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
     std::weak_ptr<platform::View> keyWindow;
@@ -20,12 +20,12 @@ struct ViewContext {
     std::map<std::string, platform::Size> contentSizes;
     std::map<std::string, int> subframes;
 
-    void post(platform::Task task) const {
+    void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
             mainLoop->post(std::move(task));
         }
     }
-    [[nodiscard]] bool isScreenRoot(const platform::View* view) const {
+    [[nodiscard]] bool isScreenRoot(const platform::View* view) const override {
         if (view == keyWindow.lock().get()) {
             return true;
         }
@@ -40,11 +40,6 @@ VirtualViewCore* coreOf(const platform::View* view) {
     return dynamic_cast<VirtualViewCore*>(const_cast<platform::View*>(view));
 }
 
-void eraseView(std::vector<std::shared_ptr<platform::View>>& views, const platform::View* view) {
-    views.erase(std::remove_if(views.begin(), views.end(), [view](const auto& v) { return v.get() == view; }),
-                views.end());
-}
-
 }  // namespace
 
 // ---- VirtualViewCore ----
@@ -52,19 +47,8 @@ void eraseView(std::vector<std::shared_ptr<platform::View>>& views, const platfo
 VirtualViewCore::VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
     : context_(std::move(context)), frame_(frame) {}
 
-VirtualViewCore::~VirtualViewCore() = default;
-
-bool VirtualViewCore::isOnScreen() const {
-    std::shared_ptr<platform::View> holder;
-    const platform::View* current = &self();
-    while (current != nullptr) {
-        if (context_->isScreenRoot(current)) {
-            return true;
-        }
-        holder = current->superview();
-        current = holder.get();
-    }
-    return false;
+const viewtree::ScreenRoots& VirtualViewCore::screenRoots() const {
+    return *context_;
 }
 
 void VirtualViewCore::record(const char* property,
@@ -74,80 +58,6 @@ void VirtualViewCore::record(const char* property,
     }
     context_->blocks[context_->openBlocks.back()].changes.push_back(
         AnimatedChange{self().weak_from_this(), property, std::move(value)});
-}
-
-void VirtualViewCore::coreAddSubview(const std::shared_ptr<platform::View>& view) {
-    VirtualViewCore* child = view ? coreOf(view.get()) : nullptr;
-    if (child == nullptr || view.get() == &self()) {
-        return;
-    }
-    const auto previous = child->superview_.lock();
-    if (previous.get() == &self()) {
-        eraseView(subviews_, view.get());
-        subviews_.push_back(view);
-        return;
-    }
-    const bool wasOnScreen = child->isOnScreen();
-    if (previous) {
-        eraseView(coreOf(previous.get())->subviews_, view.get());
-    }
-    subviews_.push_back(view);
-    child->superview_ = self().weak_from_this();
-    const bool onScreen = child->isOnScreen();
-    if (onScreen != wasOnScreen) {
-        child->announce(onScreen ? Appearance::kWillAppear : Appearance::kWillDisappear);
-    }
-}
-
-void VirtualViewCore::coreRemoveFromSuperview() {
-    const auto parent = superview_.lock();
-    if (!parent) {
-        return;
-    }
-    const auto keepAlive = self().shared_from_this();
-    const bool wasOnScreen = isOnScreen();
-    eraseView(coreOf(parent.get())->subviews_, &self());
-    superview_.reset();
-    if (wasOnScreen) {
-        announce(Appearance::kWillDisappear);
-    }
-}
-
-void VirtualViewCore::collect(std::vector<std::shared_ptr<platform::View>>& into) {
-    into.push_back(self().shared_from_this());
-    for (const auto& subview : subviews_) {
-        if (auto* core = coreOf(subview.get())) {
-            core->collect(into);
-        }
-    }
-}
-
-void VirtualViewCore::announce(Appearance will) {
-    const bool appearing = will == Appearance::kWillAppear;
-    std::vector<std::shared_ptr<platform::View>> subtree;
-    collect(subtree);
-    for (const auto& view : subtree) {
-        coreOf(view.get())->deliver(will);
-    }
-    std::vector<std::weak_ptr<platform::View>> later(subtree.begin(), subtree.end());
-    context_->post([later = std::move(later), appearing] {
-        for (const auto& weak : later) {
-            const auto view = weak.lock();
-            auto* core = view ? coreOf(view.get()) : nullptr;
-            // A view that left (or came back) before this turn hears nothing more.
-            if (core != nullptr && core->isOnScreen() == appearing) {
-                core->deliver(appearing ? Appearance::kDidAppear : Appearance::kDidDisappear);
-            }
-        }
-    });
-}
-
-void VirtualViewCore::deliver(Appearance appearance) {
-    appearanceLog_.push_back(appearance);
-    const auto handler = appearanceHandler_;
-    if (handler) {
-        handler(appearance);
-    }
 }
 
 // ---- Scroll and web views ----
@@ -198,7 +108,7 @@ void VirtualWebView::navigate(const platform::URLRequest& request, platform::Web
     }
     loading_ = true;
     const std::weak_ptr<platform::View> weak = weak_from_this();
-    context_->post([weak, generation] {
+    context_->postLater([weak, generation] {
         const auto view = std::static_pointer_cast<VirtualWebView>(weak.lock());
         if (view && view->generation_ == generation) {
             if (auto delegate = view->delegate_.lock()) {

@@ -15,6 +15,7 @@
 
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/viewtree/view_node.h"
 
 class QVariantAnimation;
 
@@ -42,24 +43,18 @@ class BackedWidget : public QWidget {
     std::optional<QColor> background_;
 };
 
-/// State and tree links shared by every Qt view kind, mirroring the in-memory views: the model
-/// (frame, tag, z-position, hidden, alpha, transform, background, subviews, appearance events) is
-/// kept here and shown through the view's widget, whose parent widget is the superview's content
-/// widget and whose stacking follows the z-positions (ties by order of adding). Main thread only.
-class QtViewCore {
+/// State shared by every Qt view kind, over the common view tree: the model (frame, tag,
+/// z-position, hidden, alpha, transform, background) is kept here and shown through the view's widget, whose
+/// parent widget is the superview's content widget and whose stacking follows the z-positions (ties by order
+/// of adding). Main thread only.
+class QtViewCore : public viewtree::ViewNode {
   public:
-    virtual ~QtViewCore();
-    QtViewCore(const QtViewCore&) = delete;
-    QtViewCore& operator=(const QtViewCore&) = delete;
+    ~QtViewCore() override;
 
     /// The widget that shows this view.
     [[nodiscard]] QWidget* widget() const { return widget_; }
     /// The widget that holds the subviews' widgets.
     [[nodiscard]] virtual QWidget* contentWidget() const { return widget_; }
-    /// True while the view hangs under the key window or under a presented view.
-    [[nodiscard]] bool isOnScreen() const;
-    /// Every appearance event delivered to this view, in order.
-    [[nodiscard]] const std::vector<platform::Appearance>& appearanceLog() const { return appearanceLog_; }
     [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
         return animations_;
     }
@@ -70,8 +65,9 @@ class QtViewCore {
   protected:
     QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame);
 
-    virtual platform::View& self() = 0;
-    [[nodiscard]] const platform::View& self() const { return const_cast<QtViewCore*>(this)->self(); }
+    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
+    void didAddSubview(viewtree::ViewNode& child, bool moved) override;
+    void didLeaveSuperview() override;
 
     void coreSetFrame(const platform::Rect& frame);
     void coreSetHidden(bool hidden);
@@ -79,8 +75,8 @@ class QtViewCore {
     void coreSetTransform(const platform::Transform& transform);
     void coreSetZPosition(float z);
     void coreSetBackground(const std::optional<platform::Color>& color);
+    /// A window never hangs under another view.
     void coreAddSubview(const std::shared_ptr<platform::View>& view);
-    void coreRemoveFromSuperview();
     void coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation);
     /// The frame changed: lay out what the widget holds.
     virtual void frameChanged() {}
@@ -101,10 +97,7 @@ class QtViewCore {
     platform::Rect frame_;
     platform::Transform transform_;
     std::optional<platform::Color> backgroundColor_;
-    std::vector<std::shared_ptr<platform::View>> subviews_;
-    std::weak_ptr<platform::View> superview_;
     std::map<std::string, platform::BasicAnimation> animations_;
-    platform::AppearanceHandler appearanceHandler_;
     bool isWindow_ = false;
     bool presented_ = false;
     int layoutCount_ = 0;
@@ -112,11 +105,6 @@ class QtViewCore {
 
   private:
     friend class QtViewSystem;
-    void announce(platform::Appearance appearance);
-    void deliver(platform::Appearance appearance);
-    void collect(std::vector<std::shared_ptr<platform::View>>& into);
-
-    std::vector<platform::Appearance> appearanceLog_;
     QPointer<QWidget> lentTo_;
     double bounceOffset_ = 0;
     double bounceRest_ = 0;
@@ -150,7 +138,7 @@ class QtViewOf : public Interface, public QtViewCore {
     [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
     [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
     void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
-    void removeFromSuperview() override { coreRemoveFromSuperview(); }
+    void removeFromSuperview() override { unlinkFromSuperview(); }
     void layoutSubviews() override { ++layoutCount_; }
     void updateConstraints() override { ++updateConstraintsCount_; }
     void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
@@ -162,7 +150,7 @@ class QtViewOf : public Interface, public QtViewCore {
         return it == animations_.end() ? std::nullopt : std::optional(it->second);
     }
     void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        appearanceHandler_ = std::move(handler);
+        storeAppearanceHandler(std::move(handler));
     }
 
     QtViewOf(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)

@@ -12,6 +12,7 @@
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::virtualbackend {
 
@@ -40,36 +41,22 @@ struct PresentationRecord {
     bool dismissedAnimated = false;
 };
 
-/// State and tree links shared by every virtual view kind. Single-threaded: the main thread only.
-class VirtualViewCore {
+/// State shared by every virtual view kind, over the common view tree. Single-threaded: the main
+/// thread only.
+class VirtualViewCore : public viewtree::ViewNode {
   public:
-    virtual ~VirtualViewCore();
-    VirtualViewCore(const VirtualViewCore&) = delete;
-    VirtualViewCore& operator=(const VirtualViewCore&) = delete;
-
-    /// True while the view hangs under the key window or under a presented view.
-    [[nodiscard]] bool isOnScreen() const;
     [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
     [[nodiscard]] int layoutCount() const { return layoutCount_; }
     /// The layer animations attached, by key.
     [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
         return animations_;
     }
-    /// Every appearance event delivered to this view, in order.
-    [[nodiscard]] const std::vector<platform::Appearance>& appearanceLog() const { return appearanceLog_; }
 
   protected:
     VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
 
-    virtual platform::View& self() = 0;
-    [[nodiscard]] const platform::View& self() const { return const_cast<VirtualViewCore*>(this)->self(); }
+    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
     void record(const char* property, std::variant<double, bool, platform::Rect, platform::Transform> value);
-
-    void coreAddSubview(const std::shared_ptr<platform::View>& view);
-    void coreRemoveFromSuperview();
-    void coreSetAppearanceHandler(platform::AppearanceHandler handler) {
-        appearanceHandler_ = std::move(handler);
-    }
 
     std::shared_ptr<ViewContext> context_;
     long tag_ = 0;
@@ -79,21 +66,9 @@ class VirtualViewCore {
     platform::Rect frame_;
     platform::Transform transform_;
     std::optional<platform::Color> backgroundColor_;
-    std::vector<std::shared_ptr<platform::View>> subviews_;
-    std::weak_ptr<platform::View> superview_;
     std::map<std::string, platform::BasicAnimation> animations_;
     int updateConstraintsCount_ = 0;
     int layoutCount_ = 0;
-
-  private:
-    friend class VirtualViewSystem;
-    /// Tells this view and everything under it; did-events go through the loop.
-    void announce(platform::Appearance appearance);
-    void deliver(platform::Appearance appearance);
-    void collect(std::vector<std::shared_ptr<platform::View>>& into);
-
-    platform::AppearanceHandler appearanceHandler_;
-    std::vector<platform::Appearance> appearanceLog_;
 };
 
 /// The View operations of every virtual kind, over VirtualViewCore.
@@ -130,8 +105,8 @@ class VirtualViewOf : public Interface, public VirtualViewCore {
     }
     [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
     [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
-    void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
-    void removeFromSuperview() override { coreRemoveFromSuperview(); }
+    void addSubview(const std::shared_ptr<platform::View>& view) override { linkSubview(view); }
+    void removeFromSuperview() override { unlinkFromSuperview(); }
     void layoutSubviews() override { ++layoutCount_; }
     void updateConstraints() override { ++updateConstraintsCount_; }
     void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
@@ -143,7 +118,7 @@ class VirtualViewOf : public Interface, public VirtualViewCore {
         return it == animations_.end() ? std::nullopt : std::optional(it->second);
     }
     void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        coreSetAppearanceHandler(std::move(handler));
+        storeAppearanceHandler(std::move(handler));
     }
 
     VirtualViewOf(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
