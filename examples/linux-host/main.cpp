@@ -1,35 +1,15 @@
 // A minimal Linux host: wires the Linux backend into an environment, starts a location-enabled
 // session, forwards activated desktop notifications to the component and prints what it logs.
 
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <iostream>
 
 #include "tovrel/environment.h"
 #include "tovrel/linux/linux_platform.h"
+#include "tovrel/linux/stop_signals.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/session_manager.h"
-
-namespace {
-
-/// "host:port" or "host" (port 2947).
-tovrel::linuxbackend::GpsdOptions gpsdFrom(const std::string& address) {
-    tovrel::linuxbackend::GpsdOptions options;
-    const auto colon = address.rfind(':');
-    if (colon == std::string::npos) {
-        options.host = address;
-    } else {
-        options.host = address.substr(0, colon);
-        options.port = address.substr(colon + 1);
-    }
-    return options;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Runs a location-enabled Tovrel session on this Linux machine."};
@@ -44,7 +24,8 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--sdk-key", sdkKey, "the SDK key of this application")->required();
     auto* gpsdOption =
-        app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)");
+        app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)")
+            ->check([](const std::string& value) { return tovrel::linuxbackend::gpsdAddressProblem(value); });
     auto* replayOption = app.add_option("--replay", replay, "replay positions from a GPX or NMEA file")
                              ->check(CLI::ExistingFile)
                              ->excludes(gpsdOption);
@@ -62,7 +43,7 @@ int main(int argc, char** argv) {
     options.applicationName = "Tovrel host";
     options.log.identity = "tovrel-linux-host";
     if (!gpsd.empty()) {
-        options.locationSource = gpsdFrom(gpsd);
+        options.locationSource = tovrel::linuxbackend::gpsdOptionsForAddress(gpsd);
     } else if (!replay.empty()) {
         tovrel::linuxbackend::ReplayOptions replayOptions;
         replayOptions.file = replay;
@@ -71,15 +52,9 @@ int main(int argc, char** argv) {
         options.locationSource = replayOptions;
     }
 
-    // SIGINT and SIGTERM end the loop in an orderly way (the component then hears will-terminate).
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    const int signalFd = signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
-
     try {
+        // SIGINT and SIGTERM end the loop in order (the component then hears will-terminate).
+        const tovrel::linuxbackend::StopSignals stopSignals;
         tovrel::linuxbackend::LinuxPlatform backend(options);
         {
             tovrel::Configuration configuration = tovrel::Configuration::defaults();
@@ -91,10 +66,7 @@ int main(int argc, char** argv) {
                 [&env](const tovrel::platform::LocalNotification& notification) {
                     env.notificationCenter().post(tovrel::kTovrelNotificationReceived, notification);
                 });
-            auto stopWatch = backend.loop->watchReadable(signalFd, [&] {
-                signalfd_siginfo info{};
-                while (read(signalFd, &info, sizeof info) == sizeof info) {
-                }
+            auto stopWatch = stopSignals.watch(*backend.loop, [&] {
                 backend.log->write("tovrel-linux-host: stopping");
                 backend.application->terminate();
                 backend.loop->post([&] { backend.loop->stop(); });
@@ -121,6 +93,5 @@ int main(int argc, char** argv) {
         std::cerr << "tovrel-linux-host: " << error.what() << '\n';
         return 1;
     }
-    close(signalFd);
     return 0;
 }

@@ -2,18 +2,16 @@
 // tovrel-server (the example places and pages) or a given service; positions come from gpsd or a
 // replayed track; the window shows the place map, the settings menu and the offers.
 
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <QApplication>
 #include <QTimer>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <system_error>
 
 #include "demo_host.h"
+#include "tovrel/linux/stop_signals.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/session_manager.h"
 #ifdef TOVREL_DEMO_EMBEDDED_SERVER
@@ -21,19 +19,6 @@
 #endif
 
 namespace {
-
-/// "host:port" or "host" (port 2947).
-tovrel::linuxbackend::GpsdOptions gpsdFrom(const std::string& address) {
-    tovrel::linuxbackend::GpsdOptions options;
-    const auto colon = address.rfind(':');
-    if (colon == std::string::npos) {
-        options.host = address;
-    } else {
-        options.host = address.substr(0, colon);
-        options.port = address.substr(colon + 1);
-    }
-    return options;
-}
 
 /// The screenshot run: waits for places and a position, grabs the map, the settings menu and the
 /// nearest place's offer, then quits. Each step has its own deadline; a missed one is reported.
@@ -134,7 +119,8 @@ int main(int argc, char** argv) {
     app.add_option("--sdk-key", sdkKey, "the SDK key of the session (the embedded server knows it)")
         ->capture_default_str();
     auto* gpsdOption =
-        app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)");
+        app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)")
+            ->check([](const std::string& value) { return tovrel::linuxbackend::gpsdAddressProblem(value); });
     app.add_option("--replay", replay, "replay positions from a GPX or NMEA file")
         ->check(CLI::ExistingFile)
         ->excludes(gpsdOption)
@@ -159,19 +145,22 @@ int main(int argc, char** argv) {
         ->check(CLI::NonNegativeNumber);
     CLI11_PARSE(app, argc, argv);
 
+    // SIGINT and SIGTERM close the window in order (the session stops, the server shuts down). They
+    // are blocked before Qt starts any thread, so that no thread dies of them.
+    std::unique_ptr<tovrel::linuxbackend::StopSignals> stopSignals;
+    try {
+        stopSignals = std::make_unique<tovrel::linuxbackend::StopSignals>();
+    } catch (const std::system_error& error) {
+        std::cerr << "tovrel-demo: " << error.what() << '\n';
+        return 1;
+    }
+
     // Qt gets only the program name: its own options come from the environment (QT_QPA_PLATFORM=...).
     int qtArgc = 1;
     char* qtArgv[] = {argv[0], nullptr};
     QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
     QApplication application(qtArgc, qtArgv);
     QApplication::setApplicationName("tovrel-demo");
-
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    const int signalFd = signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
 
     int status = 0;
     try {
@@ -199,7 +188,7 @@ int main(int argc, char** argv) {
         options.linuxParts.applicationName = "Tovrel demo";
         options.linuxParts.log.identity = "tovrel-demo";
         if (!gpsd.empty()) {
-            options.linuxParts.locationSource = gpsdFrom(gpsd);
+            options.linuxParts.locationSource = tovrel::linuxbackend::gpsdOptionsForAddress(gpsd);
         } else {
             tovrel::linuxbackend::ReplayOptions replayOptions;
             replayOptions.file = replay;
@@ -222,12 +211,7 @@ int main(int argc, char** argv) {
                 [&env](const tovrel::platform::LocalNotification& notification) {
                     env.notificationCenter().post(tovrel::kTovrelNotificationReceived, notification);
                 });
-            auto stopWatch = backend.loop->watchReadable(signalFd, [&] {
-                signalfd_siginfo info{};
-                while (read(signalFd, &info, sizeof info) == sizeof info) {
-                }
-                QApplication::quit();
-            });
+            auto stopWatch = stopSignals->watch(*backend.loop, [] { QApplication::quit(); });
             parts.log->write("tovrel-demo: service " + serviceURL + ", positions from " +
                              (gpsd.empty() ? replay : "gpsd " + gpsd) + ", identifier " +
                              parts.device->advertisingIdentifier());
@@ -281,6 +265,5 @@ int main(int argc, char** argv) {
         std::cerr << "tovrel-demo: " << error.what() << '\n';
         status = 1;
     }
-    close(signalFd);
     return status;
 }

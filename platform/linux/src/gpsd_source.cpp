@@ -5,13 +5,66 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstring>
+#include <optional>
+#include <stdexcept>
 
 #include "source_thread.h"
 #include "tovrel/linux/location_sources.h"
 
 namespace tovrel::linuxbackend {
+
+GpsdOptions gpsdOptionsForAddress(std::string_view address) {
+    const auto invalid = [address](const std::string& what) {
+        return std::invalid_argument("gpsd address '" + std::string(address) + "': " + what);
+    };
+    std::string_view host = address;
+    std::optional<std::string_view> port;
+    if (address.starts_with('[')) {
+        const auto close = address.find(']');
+        if (close == std::string_view::npos) {
+            throw invalid("no ']' after the IPv6 host");
+        }
+        host = address.substr(1, close - 1);
+        if (const auto rest = address.substr(close + 1); !rest.empty()) {
+            if (rest.front() != ':') {
+                throw invalid("':port' expected after ']'");
+            }
+            port = rest.substr(1);
+        }
+    } else if (const auto colon = address.find(':');
+               colon != std::string_view::npos && address.find(':', colon + 1) == std::string_view::npos) {
+        // One colon separates a port; more than one make a bare IPv6 host.
+        host = address.substr(0, colon);
+        port = address.substr(colon + 1);
+    }
+    if (host.empty()) {
+        throw invalid("no host");
+    }
+    GpsdOptions options;
+    options.host = std::string(host);
+    if (port) {
+        unsigned value = 0;
+        const auto* end = port->data() + port->size();
+        const auto [stop, error] = std::from_chars(port->data(), end, value);
+        if (port->empty() || error != std::errc{} || stop != end || value == 0 || value > 65535) {
+            throw invalid("the port '" + std::string(*port) + "' is not a number from 1 to 65535");
+        }
+        options.port = std::string(*port);
+    }
+    return options;
+}
+
+std::string gpsdAddressProblem(std::string_view address) {
+    try {
+        gpsdOptionsForAddress(address);
+        return {};
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+}
 namespace {
 
 class GpsdSource final : public FixSource {

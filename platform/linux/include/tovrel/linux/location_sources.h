@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tovrel/linux/track_files.h"
 #include "tovrel/platform/clock.h"
@@ -46,6 +47,14 @@ struct GpsdOptions {
     /// Failed connections in a row before giving up (0: never); a manager starting updates wakes it.
     int maxReconnectAttempts = 0;
 };
+
+/// The gpsd options for an address as a user types it: "host", "host:port", "[IPv6]" or
+/// "[IPv6]:port" (a bare IPv6 literal is a host); the port defaults to 2947. Throws
+/// std::invalid_argument, naming what is wrong, for an empty host or a port that is not 1 to 65535.
+GpsdOptions gpsdOptionsForAddress(std::string_view address);
+/// What is wrong with a gpsd address (as gpsdOptionsForAddress would say), or "" when it is fine:
+/// for command-line checks.
+std::string gpsdAddressProblem(std::string_view address);
 
 /// Fixes from gpsd (libgps: gps_open, gps_stream with WATCH_JSON, gps_read) on a thread that polls the
 /// daemon's socket together with a stop descriptor. A 2D or 3D TPV report becomes a fix: eph is the
