@@ -16,17 +16,28 @@ const QColor kPin(232, 76, 61);
 const QColor kLinkedPin(39, 174, 96);
 const QColor kUserBlue(0, 122, 255);
 
-class MapScreenTest : public ScreenFixture {};
+class MapScreenTest : public ScreenFixture {
+  protected:
+    /// A session, a stored position and the place map on the window, with the places plotted.
+    std::shared_ptr<qtbackend::QtMapView> showPlaceMap() {
+        startSession();
+        storePosition(kUser);
+        MapManager::resetZoomOnceForTesting();
+        manager = MapManager::create(*env);
+        views().keyWindow()->addSubview(manager->view());
+        auto map = qtbackend::qtView<qtbackend::QtMapView>(manager->mapView());
+        EXPECT_NE(map, nullptr);
+        EXPECT_TRUE(map && waitFor([&] { return !map->overlays().empty(); }, 10s))
+            << "no places from " << baseURL;
+        return map;
+    }
+
+    std::shared_ptr<MapManager> manager;
+};
 
 TEST_F(MapScreenTest, ThePlaceMapShowsACircleAndAPinForEveryPlaceAndTheUsersDot) {
-    startSession();
-    storePosition(kUser);
-    MapManager::resetZoomOnceForTesting();
-    auto manager = MapManager::create(*env);
-    views().keyWindow()->addSubview(manager->view());
-    auto map = qtbackend::qtView<qtbackend::QtMapView>(manager->mapView());
-    ASSERT_NE(map, nullptr);
-    ASSERT_TRUE(waitFor([&] { return !map->overlays().empty(); }, 10s)) << "no places from " << baseURL;
+    const auto map = showPlaceMap();
+    ASSERT_TRUE(map && !map->overlays().empty());
     EXPECT_EQ(map->overlays().size(), map->annotations().size());
 
     // The first fix zooms to fit every pin and the user.
@@ -83,13 +94,8 @@ TEST_F(MapScreenTest, ThePlaceMapShowsACircleAndAPinForEveryPlaceAndTheUsersDot)
 }
 
 TEST_F(MapScreenTest, TappingAPinOpensItsCalloutWithTheDistanceAndTheOfferButton) {
-    startSession();
-    storePosition(kUser);
-    MapManager::resetZoomOnceForTesting();
-    auto manager = MapManager::create(*env);
-    views().keyWindow()->addSubview(manager->view());
-    auto map = qtbackend::qtView<qtbackend::QtMapView>(manager->mapView());
-    ASSERT_TRUE(waitFor([&] { return !map->overlays().empty(); }, 10s));
+    const auto map = showPlaceMap();
+    ASSERT_TRUE(map && !map->overlays().empty());
     std::shared_ptr<hAnnotation> nearest;
     for (const auto& annotation : map->annotations()) {
         if (auto pin = std::dynamic_pointer_cast<hAnnotation>(annotation)) {

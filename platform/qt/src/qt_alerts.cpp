@@ -48,7 +48,7 @@ QtAlertPresenter::~QtAlertPresenter() {
 platform::AlertId QtAlertPresenter::show(platform::AlertSpec alert) {
     const platform::AlertId id = ++nextId_;
     Shown shown;
-    shown.spec = std::move(alert);
+    shown.request = std::move(alert);
     const auto views = views_.lock();
     QWidget* window = views ? views->window() : nullptr;
     if (window != nullptr) {
@@ -64,34 +64,34 @@ platform::AlertId QtAlertPresenter::show(platform::AlertSpec alert) {
         auto* texts = new QVBoxLayout;
         texts->setContentsMargins(16, 19, 16, 19);
         texts->setSpacing(4);
-        const auto& spec = shown.spec;
-        if (spec.title) {
-            auto* title = new QLabel(QString::fromStdString(*spec.title));
+        const auto& request = shown.request;
+        if (request.title) {
+            auto* title = new QLabel(QString::fromStdString(*request.title));
             title->setAlignment(Qt::AlignCenter);
             title->setWordWrap(true);
             title->setStyleSheet("color: black; font-size: 17px; font-weight: bold;");
             texts->addWidget(title);
         }
-        auto* message = new QLabel(QString::fromStdString(spec.message));
+        auto* message = new QLabel(QString::fromStdString(request.message));
         message->setAlignment(Qt::AlignCenter);
         message->setWordWrap(true);
-        message->setStyleSheet(spec.title ? "color: black; font-size: 13px;"
-                                          : "color: black; font-size: 15px;");
+        message->setStyleSheet(request.title ? "color: black; font-size: 13px;"
+                                             : "color: black; font-size: 15px;");
         texts->addWidget(message);
         column->addLayout(texts);
 
         std::vector<std::pair<int, std::string>> buttons;
-        const int first = spec.cancelButtonTitle ? 1 : 0;
-        for (std::size_t i = 0; i < spec.otherButtonTitles.size(); ++i) {
-            buttons.emplace_back(first + static_cast<int>(i), spec.otherButtonTitles[i]);
+        const int first = request.cancelButtonTitle ? 1 : 0;
+        for (std::size_t i = 0; i < request.otherButtonTitles.size(); ++i) {
+            buttons.emplace_back(first + static_cast<int>(i), request.otherButtonTitles[i]);
         }
-        const bool sideBySide = spec.cancelButtonTitle && buttons.size() == 1;
-        if (spec.cancelButtonTitle) {
+        const bool sideBySide = request.cancelButtonTitle && buttons.size() == 1;
+        if (request.cancelButtonTitle) {
             // Side by side the cancel button leads; stacked it comes last.
             if (sideBySide) {
-                buttons.insert(buttons.begin(), {0, *spec.cancelButtonTitle});
+                buttons.insert(buttons.begin(), {0, *request.cancelButtonTitle});
             } else {
-                buttons.emplace_back(0, *spec.cancelButtonTitle);
+                buttons.emplace_back(0, *request.cancelButtonTitle);
             }
         }
         QBoxLayout* row = sideBySide || buttons.size() == 1 ? static_cast<QBoxLayout*>(new QHBoxLayout)
@@ -102,7 +102,7 @@ platform::AlertId QtAlertPresenter::show(platform::AlertSpec alert) {
             auto* button = new QPushButton(QString::fromStdString(title));
             button->setFixedHeight(44);
             button->setCursor(Qt::PointingHandCursor);
-            button->setStyleSheet(buttonStyle(index == 0 && spec.cancelButtonTitle.has_value(), true,
+            button->setStyleSheet(buttonStyle(index == 0 && request.cancelButtonTitle.has_value(), true,
                                               sideBySide && !firstButton));
             QObject::connect(button, &QPushButton::clicked, button,
                              [this, id, buttonIndex = index] { dismiss(id, buttonIndex, true); });
@@ -127,7 +127,7 @@ void QtAlertPresenter::dismiss(platform::AlertId id, int buttonIndex, bool /*ani
     if (it == shown_.end()) {
         return;
     }
-    auto onDismiss = std::move(it->second.spec.onDismiss);
+    auto onDismiss = std::move(it->second.request.onDismiss);
     if (it->second.overlay) {
         it->second.overlay->hide();
         // The click that dismisses may come from a button of this overlay.
@@ -153,27 +153,27 @@ std::vector<std::string> QtAlertPresenter::buttonTitles(platform::AlertId id) co
         return {};
     }
     std::vector<std::string> titles;
-    if (it->second.spec.cancelButtonTitle) {
-        titles.push_back(*it->second.spec.cancelButtonTitle);
+    if (it->second.request.cancelButtonTitle) {
+        titles.push_back(*it->second.request.cancelButtonTitle);
     }
-    titles.insert(titles.end(), it->second.spec.otherButtonTitles.begin(),
-                  it->second.spec.otherButtonTitles.end());
+    titles.insert(titles.end(), it->second.request.otherButtonTitles.begin(),
+                  it->second.request.otherButtonTitles.end());
     return titles;
 }
 
 std::string QtAlertPresenter::message(platform::AlertId id) const {
     const auto it = shown_.find(id);
-    return it == shown_.end() ? std::string() : it->second.spec.message;
+    return it == shown_.end() ? std::string() : it->second.request.message;
 }
 
 std::optional<std::string> QtAlertPresenter::title(platform::AlertId id) const {
     const auto it = shown_.find(id);
-    return it == shown_.end() ? std::nullopt : it->second.spec.title;
+    return it == shown_.end() ? std::nullopt : it->second.request.title;
 }
 
 long QtAlertPresenter::tag(platform::AlertId id) const {
     const auto it = shown_.find(id);
-    return it == shown_.end() ? 0 : it->second.spec.tag;
+    return it == shown_.end() ? 0 : it->second.request.tag;
 }
 
 QWidget* QtAlertPresenter::buttonWidget(platform::AlertId id, int index) const {

@@ -231,7 +231,7 @@ void QtMapView::removeAnnotations(const std::vector<std::shared_ptr<platform::An
         if (it->view) {
             detachPinView(it->view);
             if (!it->view->reuseIdentifier().empty()) {
-                reusable_[it->view->reuseIdentifier()].push_back(it->view);
+                reusable_.put(it->view->reuseIdentifier(), it->view);
             }
         }
         pinned_.erase(it);
@@ -271,13 +271,7 @@ void QtMapView::removeOverlays(const std::vector<std::shared_ptr<platform::Overl
 
 std::shared_ptr<platform::AnnotationView> QtMapView::dequeueReusableAnnotationViewWithIdentifier(
     const std::string& identifier) {
-    auto& queue = reusable_[identifier];
-    if (queue.empty()) {
-        return nullptr;
-    }
-    auto view = queue.front();
-    queue.pop_front();
-    return view;
+    return reusable_.take(identifier);
 }
 
 void QtMapView::deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation,

@@ -30,7 +30,7 @@ void QtTableView::reloadData() {
     const auto shown = std::move(visible_);
     visible_.clear();
     for (const auto& cell : shown) {
-        reusable_[cell->reuseIdentifier()].push_back(cell);
+        reusable_.put(cell->reuseIdentifier(), cell);
         cell->removeFromSuperview();
     }
     selected_.reset();
@@ -109,13 +109,7 @@ void QtTableView::scrollBy(double dy) {
 
 std::shared_ptr<platform::TableViewCell> QtTableView::dequeueReusableCellWithIdentifier(
     const std::string& identifier) {
-    auto& queue = reusable_[identifier];
-    if (queue.empty()) {
-        return nullptr;
-    }
-    auto cell = queue.front();
-    queue.pop_front();
-    return cell;
+    return reusable_.take(identifier);
 }
 
 std::shared_ptr<platform::TableViewCell> QtTableView::cellForRowAtIndexPath(

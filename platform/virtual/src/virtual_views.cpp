@@ -223,7 +223,7 @@ void VirtualTableView::reloadData() {
     const auto shown = std::move(visible_);
     visible_.clear();
     for (const auto& cell : shown) {
-        reusable_[cell->reuseIdentifier()].push_back(cell);
+        reusable_.put(cell->reuseIdentifier(), cell);
         cell->removeFromSuperview();
     }
     selected_.reset();
@@ -253,13 +253,7 @@ void VirtualTableView::reloadData() {
 
 std::shared_ptr<platform::TableViewCell> VirtualTableView::dequeueReusableCellWithIdentifier(
     const std::string& identifier) {
-    auto& queue = reusable_[identifier];
-    if (queue.empty()) {
-        return nullptr;
-    }
-    auto cell = queue.front();
-    queue.pop_front();
-    return cell;
+    return reusable_.take(identifier);
 }
 
 std::shared_ptr<platform::TableViewCell> VirtualTableView::cellForRowAtIndexPath(
@@ -335,7 +329,7 @@ void VirtualMapView::removeAnnotations(
             continue;
         }
         if (it->view) {
-            reusable_[it->view->reuseIdentifier()].push_back(it->view);
+            reusable_.put(it->view->reuseIdentifier(), it->view);
         }
         pinned_.erase(it);
         selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
@@ -371,12 +365,7 @@ void VirtualMapView::removeOverlays(const std::vector<std::shared_ptr<platform::
 
 std::shared_ptr<platform::AnnotationView> VirtualMapView::dequeueReusableAnnotationViewWithIdentifier(
     const std::string& identifier) {
-    std::shared_ptr<platform::AnnotationView> view;
-    auto& queue = reusable_[identifier];
-    if (!queue.empty()) {
-        view = queue.front();
-        queue.pop_front();
-    }
+    auto view = reusable_.take(identifier);
     dequeued_.push_back(view);
     return view;
 }

@@ -45,7 +45,7 @@ class QtAlertPresenter final : public platform::AlertPresenter {
 
   private:
     struct Shown {
-        platform::AlertSpec spec;
+        platform::AlertSpec request;
         QPointer<QWidget> overlay;
         std::map<int, QPointer<QWidget>> buttons;
     };

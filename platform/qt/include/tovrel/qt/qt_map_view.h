@@ -8,13 +8,13 @@
 #include <QPointer>
 #include <QSet>
 #include <chrono>
-#include <deque>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tovrel/qt/qt_views.h"
+#include "tovrel/viewtree/reuse_pool.h"
 
 class QNetworkAccessManager;
 
@@ -200,7 +200,7 @@ class QtMapView final : public QtViewOf<platform::MapView> {
     std::weak_ptr<platform::MapViewDelegate> delegate_;
     std::vector<Pinned> pinned_;
     std::vector<Drawn> drawn_;
-    std::map<std::string, std::deque<std::shared_ptr<platform::AnnotationView>>> reusable_;
+    viewtree::ReusePool<platform::AnnotationView> reusable_;
     std::shared_ptr<platform::UserLocation> userLocation_;
     bool showsUserLocation_ = false;
     std::vector<std::shared_ptr<platform::Annotation>> selected_;

@@ -4,7 +4,6 @@
 #include <QImage>
 #include <QPointer>
 #include <QWidget>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -15,6 +14,7 @@
 
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/viewtree/reuse_pool.h"
 #include "tovrel/viewtree/view_node.h"
 
 class QVariantAnimation;
@@ -332,7 +332,7 @@ class QtTableView final : public QtViewOf<platform::TableView> {
     std::weak_ptr<platform::TableViewDataSource> dataSource_;
     std::weak_ptr<platform::TableViewDelegate> delegate_;
     std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    std::map<std::string, std::deque<std::shared_ptr<platform::TableViewCell>>> reusable_;
+    viewtree::ReusePool<platform::TableViewCell> reusable_;
     std::optional<platform::IndexPath> selected_;
     std::shared_ptr<platform::View> footer_;
     std::shared_ptr<platform::View> sectionFooter_;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/viewtree/reuse_pool.h"
 #include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::virtualbackend {
@@ -350,7 +350,7 @@ class VirtualTableView final : public VirtualViewOf<platform::TableView> {
     std::weak_ptr<platform::TableViewDataSource> dataSource_;
     std::weak_ptr<platform::TableViewDelegate> delegate_;
     std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    std::map<std::string, std::deque<std::shared_ptr<platform::TableViewCell>>> reusable_;
+    viewtree::ReusePool<platform::TableViewCell> reusable_;
     std::optional<platform::IndexPath> selected_;
     std::shared_ptr<platform::View> footer_;
     std::optional<double> footerHeight_;
@@ -475,7 +475,7 @@ class VirtualMapView final : public VirtualViewOf<platform::MapView> {
     std::weak_ptr<platform::MapViewDelegate> delegate_;
     std::vector<Pinned> pinned_;
     std::vector<Drawn> drawn_;
-    std::map<std::string, std::deque<std::shared_ptr<platform::AnnotationView>>> reusable_;
+    viewtree::ReusePool<platform::AnnotationView> reusable_;
     std::shared_ptr<platform::UserLocation> userLocation_;
     bool showsUserLocation_ = false;
     platform::CoordinateRegion region_;
