@@ -8,6 +8,7 @@
 #include "tovrel/analytics_manager.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
+#include "tovrel/platform/json_text.h"
 #include "tovrel/region.h"
 #include "tovrel/session_manager.h"
 #include "tovrel/virtual/virtual_platform.h"
@@ -37,13 +38,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int status = kStatuses[data[0] % std::size(kStatuses)];
     const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
 
-    Json parsed(Json::value_t::discarded);
-    try {
-        parsed = Json::parse(body, nullptr, false);
-    } catch (const Json::exception&) {
-        // Out-of-range numbers throw even in non-throwing mode; the component never parses itself.
-    }
-    if (!parsed.is_discarded()) {
+    const auto text = tovrel::platform::parseJsonText(body);
+    if (text.ok()) {
+        const Json& parsed = text.value;
         convert(parsed);
         if (parsed.is_object()) {
             for (const auto& [key, value] : parsed.items()) {

@@ -16,7 +16,7 @@ for target in build/fuzz/fuzz/fuzz_*; do
     work=$(mktemp -d)
     [[ -d "$seeds" ]] && cp -r "$seeds/." "$work/"
     echo "fuzz: $name for ${seconds}s"
-    if ! "$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 "$work" \
+    if ! "$target" -max_total_time="$seconds" -max_len="${FUZZ_MAX_LEN:-65536}" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 "$work" \
         >"$work.log" 2>&1; then
         tail -60 "$work.log"
         status=1

@@ -92,5 +92,26 @@ TEST(ClassifyJsonResponse, MalformedBodyReportsWhereParsingStopped) {
     EXPECT_EQ(classifyJsonResponse(200, R"({"a":)", kHost).error->kind, HttpErrorKind::kBadBody);
 }
 
+TEST(ClassifyJsonResponse, NestingIsBoundedWhereverTheTextComesFrom) {
+    const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    EXPECT_TRUE(classifyJsonResponse(200, nested(64), kHost).ok());
+    for (const std::string& body : {nested(65), nested(100'000), std::string(100'000, '{')}) {
+        const auto result = classifyJsonResponse(200, body, kHost);
+        ASSERT_FALSE(result.ok());
+        EXPECT_EQ(result.error->kind, HttpErrorKind::kBadBody);
+        EXPECT_EQ(result.error->localizedDescription,
+                  "The server's answer is not usable JSON (nested deeper than 64 levels).");
+    }
+    // Brackets inside strings (escaped quotes included) are text, not nesting.
+    const std::string quoted = "[\"" + std::string(200, '[') + "\\\"{{{\"]";
+    const auto result = classifyJsonResponse(200, quoted, kHost);
+    ASSERT_TRUE(result.ok()) << result.error->localizedDescription;
+    EXPECT_EQ(result.value[0].get<std::string>().size(), 204u);
+    // An error body too deep to read still gives the status sentence, without a quoted error.
+    const auto failed = classifyJsonResponse(503, "{\"error\":" + nested(100'000) + "}", kHost);
+    EXPECT_EQ(failed.error->localizedDescription, "The server answered 503 Service Unavailable.");
+    EXPECT_TRUE(failed.value.is_null());
+}
+
 }  // namespace
 }  // namespace tovrel::curl

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "scenarios/scenario_device.h"
+#include "tovrel/session_manager.h"
 
 namespace tovrel::scenarios {
 namespace {
@@ -141,6 +142,49 @@ TEST_F(BadAnswerScenario, AcknowledgementAndRefreshFailuresChangeNothingElse) {
     EXPECT_EQ(device.postedCount(kTovrelInBounds), 1u) << "the follow-up runs on failure too";
     refreshWith("<html>502</html>", 502);
     EXPECT_TRUE(device.lm->targets().empty());
+}
+
+/// `{"places":` followed by `depth - 1` opening brackets: `depth` levels in all, never closed when
+/// `closed` is false (a hostile answer need not be well-formed to hurt a recursive reader).
+std::string nestedPlaces(std::size_t depth, bool closed = true) {
+    std::string body = "{\"places\":" + std::string(depth - 1, '[');
+    if (closed) {
+        body += std::string(depth - 1, ']') + "}";
+    }
+    return body;
+}
+
+TEST_F(BadAnswerScenario, DeeplyNestedAnswersAreRefusedOnEveryEndpointAndChangeNothing) {
+    const std::string deep = nestedPlaces(100'000);
+    loadShop();
+    refreshWith(deep);
+    EXPECT_EQ(device.lm->targets().size(), 1u) << "a refused answer is a failed refresh: the list stays";
+    EXPECT_TRUE(device.vp.log->contains("nested deeper than 64 levels"));
+
+    device.deliverFix(offset(shop, 2, 2));
+    ASSERT_TRUE(
+        device.http().respondTo("/v1/deviceevent/link", Reply{200, nestedPlaces(100'000, false), "", {}}));
+    device.loop().fastForwardBy(10);
+    EXPECT_EQ(device.postedCount(kTovrelInBounds), 0u) << "nothing is delivered for a refused link answer";
+    EXPECT_TRUE(device.http().requestsTo("/v1/deviceevent/update").empty());
+
+    auto& session = SessionManager::sharedInstance();
+    device.vp.log->clear();
+    session.startSession("sdk");
+    ASSERT_TRUE(
+        device.http().respondTo("/v1/session", Reply{200, "{\"sessionKey\":" + deep.substr(11), "", {}}));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(device.vp.preferences->objectForKey("sessionid"), Json(ScenarioDevice::kSessionKey));
+    EXPECT_TRUE(device.vp.log->contains("nested deeper than 64 levels"));
+}
+
+TEST_F(BadAnswerScenario, AnswersNestedToTheLimitAreRead) {
+    loadShop();
+    device.vp.log->clear();
+    refreshWith(nestedPlaces(64));
+    EXPECT_FALSE(device.vp.log->contains("nested deeper")) << "64 levels are within the limit";
+    refreshWith(nestedPlaces(65));
+    EXPECT_TRUE(device.vp.log->contains("nested deeper than 64 levels"));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "tovrel/platform/json_text.h"
+
 namespace tovrel::curl {
 namespace {
 
@@ -53,15 +55,8 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
     platform::JsonResult result;
     result.status = status;
     if (status < 200 || status > 299) {
-        try {
-            result.value = nlohmann::json::parse(body, nullptr, false);
-        } catch (const nlohmann::json::exception&) {
-            // The parser throws on a number too large for a double even when told not to throw.
-            result.value = nullptr;
-        }
-        if (result.value.is_discarded()) {
-            result.value = nullptr;
-        }
+        auto parsed = platform::parseJsonText(body);
+        result.value = parsed.ok() ? std::move(parsed.value) : nullptr;
         result.error = platform::HttpError{platform::HttpErrorKind::kStatus, status,
                                            statusSentence(status, result.value)};
         return result;
@@ -72,18 +67,17 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
                                            where + " sent an empty answer where JSON was expected."};
         return result;
     }
-    try {
-        result.value = nlohmann::json::parse(body);
-    } catch (const nlohmann::json::parse_error& e) {
+    auto parsed = platform::parseJsonText(body);
+    if (!parsed.ok()) {
         result.value = nullptr;
         result.error = platform::HttpError{
             platform::HttpErrorKind::kBadBody, 0,
-            "The server's answer is not valid JSON (parse error at byte " + std::to_string(e.byte) + ")."};
-    } catch (const nlohmann::json::exception& e) {
-        result.value = nullptr;
-        result.error = platform::HttpError{platform::HttpErrorKind::kBadBody, 0,
-                                           std::string("The server's answer is not usable JSON (") + e.what() + ")."};
+            std::string("The server's answer is not ") +
+                (parsed.problem == platform::JsonTextProblem::kSyntax ? "valid" : "usable") + " JSON (" +
+                parsed.error + ")."};
+        return result;
     }
+    result.value = std::move(parsed.value);
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "tovrel/linux/xdg_paths.h"
+#include "tovrel/platform/json_text.h"
 
 namespace tovrel::linuxbackend {
 namespace {
@@ -81,11 +82,12 @@ class SqlitePreferences::Impl {
         if (step == SQLITE_ROW) {
             const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
             const int length = sqlite3_column_bytes(statement, 0);
-            auto parsed = nlohmann::json::parse(text, text + length, nullptr, false);
-            if (parsed.is_discarded()) {
-                report("the stored value of \"" + std::string(key) + "\" is not JSON");
+            auto parsed = platform::parseJsonText(std::string_view(text, static_cast<std::size_t>(length)));
+            if (!parsed.ok()) {
+                report("the stored value of \"" + std::string(key) + "\" is not usable JSON (" +
+                       parsed.error + ")");
             } else {
-                result = std::move(parsed);
+                result = std::move(parsed.value);
             }
         } else if (step != SQLITE_DONE) {
             report("reading \"" + std::string(key) + "\" failed: " + sqlite3_errmsg(db_));
