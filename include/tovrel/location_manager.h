@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -10,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/notification_center.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/main_loop.h"
@@ -31,7 +34,7 @@ struct TargetRecord;
 
 /// What the views layer needs to open the offer view for one offer record: the record's values as
 /// they stand, and the view's tag (the integer value of the event identifier).
-struct OfferViewRequest {
+struct TOVREL_EXPORT OfferViewRequest {
     nlohmann::json eventId;
     nlohmann::json deviceEventId;
     nlohmann::json mediaType;
@@ -48,8 +51,8 @@ struct OfferViewRequest {
 /// Threads: everything runs on the main loop unless a member says otherwise. getTargets() and
 /// sendLogs() may also run on background threads, motion updates arrive on the background queue.
 /// The shared lists (targets, offers and the two diagnostic buffers) are guarded by one lock.
-class LocationManager : public platform::LocationManagerDelegate,
-                        public std::enable_shared_from_this<LocationManager> {
+class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
+                                      public std::enable_shared_from_this<LocationManager> {
   public:
     /// Receives every request to open the offer view (the views layer installs one).
     using OfferViewOpener = std::function<void(const OfferViewRequest&)>;
@@ -140,8 +143,11 @@ class LocationManager : public platform::LocationManagerDelegate,
     void openOfferView(const nlohmann::json& offerElement);
     /// Main thread. Installs the views layer's opener (empty: requests are only recorded).
     void setOfferViewOpener(OfferViewOpener opener);
-    /// Main thread. Every offer view requested so far, oldest first.
+    /// Main thread. The offer views requested last (at most kKeptOfferViewRequests), oldest first.
     [[nodiscard]] std::vector<OfferViewRequest> offerViewRequests() const;
+    /// How many offer view requests offerViewRequests() keeps: a host that runs for months opens
+    /// views without end, and observers only ever look at the latest ones.
+    static constexpr std::size_t kKeptOfferViewRequests = 64;
 
     // --- state -----------------------------------------------------------------------------------
 
@@ -227,7 +233,7 @@ class LocationManager : public platform::LocationManagerDelegate,
     std::vector<ObserverToken> observers_;
 
     OfferViewOpener offerViewOpener_;
-    std::vector<OfferViewRequest> offerViewRequests_;
+    std::deque<OfferViewRequest> offerViewRequests_;
 };
 
 }  // namespace tovrel

@@ -34,7 +34,7 @@ void LocationManager::tovrelNotificationQueued(const Notification& notification)
     const Json& held = posted != nullptr ? *posted : kNothing;
     const Json& body = memberOrNull(held, "body");
     const Json& deviceEventId = memberOrNull(held, "deviceeventid");
-    sendNotification(targeting::printed(body), static_cast<int>(integerValue(deviceEventId)));
+    sendNotification(printed(body), static_cast<int>(integerValue(deviceEventId)));
     environment_.platform().background->detachNewThread([self = shared_from_this()] { self->getTargets(); });
     environment_.notificationCenter().post(kTovrelInBounds);
 }
@@ -74,7 +74,7 @@ void LocationManager::applicationDidFinishLaunching(const Notification& notifica
     const auto& platform = environment_.platform();
     auto& log = *platform.log;
     TOVREL_LOG(log, "app finished launching");
-    TOVREL_LOG(log, "launchOptions: %s", targeting::printed(notification.userInfo).c_str());
+    TOVREL_LOG(log, "launchOptions: %s", printed(notification.userInfo).c_str());
     auto& launches = environment_.launchCheckers();
     if (launches.notification.launchedWithNotification) {
         // The launch notification itself is the object; its user info is the launch options, so
@@ -84,8 +84,8 @@ void LocationManager::applicationDidFinishLaunching(const Notification& notifica
             platform.application->applicationIconBadgeNumber() + 1);
         const Json launchNotification = launches.notification.localNotification;
         const Json& type = memberOrNull(memberOrNull(launchNotification, "userInfo"), "type");
-        TOVREL_LOG(log, "%s", targeting::printed(launchNotification).c_str());
-        TOVREL_LOG(log, "%s", targeting::printed(type).c_str());
+        TOVREL_LOG(log, "%s", printed(launchNotification).c_str());
+        TOVREL_LOG(log, "%s", printed(type).c_str());
     }
     if (launches.location.launchedWithNotification) {
         startMonitoringLocation();
@@ -109,7 +109,7 @@ void LocationManager::renumberBadgesOfPendingNotifications() {
 
 void LocationManager::reportStatus(const Json& deviceEventId, const char* statusCode) {
     environment_.dataService().sendDeviceUpdateWithDeviceEventId(
-        deviceEventId, statusCode, targeting::storedSessionKey(*environment_.platform().preferences),
+        deviceEventId, statusCode, storedSessionKey(*environment_.platform().preferences),
         [](const Json& /*status*/, const ServiceError& /*error*/) {});
 }
 

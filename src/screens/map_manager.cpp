@@ -5,10 +5,11 @@
 #include <cmath>
 
 #include "foundation/format.h"
-#include "foundation/location_archive.h"
+#include "foundation/stored_values.h"
 #include "foundation/value.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
+#include "tovrel/location_archive.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/offer_full_view_controller.h"
 #include "tovrel/preferences_keys.h"
@@ -136,11 +137,7 @@ void MapManager::viewDidLoad() {
 }
 
 std::optional<std::string> MapManager::sessionKey() const {
-    const auto value = environment_.platform().preferences->objectForKey(prefs::kSessionId);
-    if (!value || !value->is_string()) {
-        return std::nullopt;
-    }
-    return value->get<std::string>();
+    return storedSessionKey(*environment_.platform().preferences);
 }
 
 std::optional<platform::Location> MapManager::lastLocation() const {

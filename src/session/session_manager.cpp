@@ -2,6 +2,7 @@
 
 #include "foundation/format.h"
 #include "foundation/log.h"
+#include "foundation/stored_values.h"
 #include "foundation/value.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/environment.h"
@@ -14,14 +15,6 @@ namespace tovrel {
 namespace {
 
 constexpr double kToastSeconds = 2.0;
-
-std::optional<std::string> storedString(const platform::PreferencesStore& prefs, std::string_view key) {
-    const auto value = prefs.objectForKey(key);
-    if (!value || !value->is_string()) {
-        return std::nullopt;
-    }
-    return value->get<std::string>();
-}
 
 }  // namespace
 
@@ -80,7 +73,7 @@ std::optional<std::string> SessionManager::requestSession(const std::string& sdk
                                     startSessionUsingLocation(sdkKey);
                                 }
                             });
-    return storedString(prefs, prefs::kSessionId);
+    return storedSessionKey(prefs);
 }
 
 void SessionManager::sessionStarted(const nlohmann::json& response, bool usingLocation) {

@@ -31,7 +31,7 @@ void LocationManager::sendLogs() {
     }
 
     auto& analytics = environment_.analyticsManager();
-    const std::string deviceId = targeting::storedText(*platform.preferences, prefs::kAdid);
+    const std::string deviceId = storedText(*platform.preferences, prefs::kAdid);
     const auto ignore = [](const auto&) {};
     analytics.logMessage({{"tovrel_services",
                            {{"location_services", enabledText(locationServices)},

@@ -1,13 +1,13 @@
 #include <cmath>
 
 #include "foundation/format.h"
-#include "foundation/location_archive.h"
 #include "foundation/log.h"
 #include "targeting/monitor_support.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/environment.h"
+#include "tovrel/location_archive.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/preferences_keys.h"
@@ -279,8 +279,8 @@ void LocationManager::applicationEnterBackground(const Notification& /*notificat
 void LocationManager::applicationWillTeminate(const Notification& /*notification*/) {
     const auto& platform = environment_.platform();
     const nlohmann::json message{{"session_stopped", {{"timestamp", format0f(platform.clock->now())}}}};
-    environment_.analyticsManager().logMessage(
-        message, targeting::storedText(*platform.preferences, prefs::kAdid), [](const auto&) {});
+    environment_.analyticsManager().logMessage(message, storedText(*platform.preferences, prefs::kAdid),
+                                               [](const auto&) {});
     // The process is about to end: give the request time to leave.
     platform.clock->sleepFor(kTerminateGraceSeconds);
     TOVREL_LOG(*platform.log, "app will teminate");

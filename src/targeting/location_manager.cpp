@@ -91,6 +91,9 @@ void LocationManager::openOfferView(const nlohmann::json& offerElement) {
         0,
     };
     request.tag = integerValue(request.eventId);
+    if (offerViewRequests_.size() == kKeptOfferViewRequests) {
+        offerViewRequests_.pop_front();
+    }
     offerViewRequests_.push_back(request);
     if (offerViewOpener_) {
         offerViewOpener_(request);
@@ -102,7 +105,7 @@ void LocationManager::setOfferViewOpener(OfferViewOpener opener) {
 }
 
 std::vector<OfferViewRequest> LocationManager::offerViewRequests() const {
-    return offerViewRequests_;
+    return {offerViewRequests_.begin(), offerViewRequests_.end()};
 }
 
 }  // namespace tovrel

@@ -6,24 +6,17 @@
 #include <string_view>
 
 #include "foundation/log.h"
+#include "foundation/stored_values.h"
 #include "tovrel/platform/device.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/preferences.h"
 
 namespace tovrel::targeting {
 
-/// The session key stored under "sessionid": its text, or the printed value of a non-text value;
-/// nullopt when nothing is stored.
-std::optional<std::string> storedSessionKey(const platform::PreferencesStore& prefs);
-/// The text stored under `key` ("" when nothing is stored; the printed value of a non-text value).
-std::string storedText(const platform::PreferencesStore& prefs, std::string_view key);
 /// The position stored under "currentLocation", if any.
 std::optional<platform::Location> storedLocation(const platform::PreferencesStore& prefs);
 /// Whether the float value of the system version is 8.0 or more.
 bool systemVersionAtLeast8(const platform::Device& device);
-/// How an arbitrary value prints through "%@", without ever throwing on text that is not UTF-8.
-std::string printed(const nlohmann::json& value);
-
 /// Starts a log line ("<function> [Line <n>] ", as logLine writes it) in `buffer`, which keeps its
 /// capacity, so a hot path logs without allocating: append the message, then write the buffer.
 std::string& beginLogLine(std::string& buffer, std::string_view function, int line);

@@ -176,7 +176,7 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
 void LocationManager::linkVisit(const std::shared_ptr<hRegion>& target, const std::string& message,
                                 LogSite site) {
     environment_.dataService().sendDeviceLinkWithEventId(
-        target->eventId, target->placeId, targeting::storedSessionKey(*environment_.platform().preferences),
+        target->eventId, target->placeId, storedSessionKey(*environment_.platform().preferences),
         [self = shared_from_this(), target, message, site](const Json& places, const Json& deviceEventId,
                                                            const ServiceError& /*error*/) {
             self->linkAnswer(places, deviceEventId, target, message, site);
@@ -225,8 +225,7 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
             }
             platform.application->setApplicationIconBadgeNumber(1);
             environment_.dataService().sendDeviceUpdateWithDeviceEventId(
-                prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()), "ack",
-                targeting::storedSessionKey(prefs),
+                prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()), "ack", storedSessionKey(prefs),
                 [self = shared_from_this(), target](const Json& /*status*/, const ServiceError& /*error*/) {
                     self->acknowledged(target);
                 });
@@ -249,10 +248,10 @@ void LocationManager::acknowledged(const std::shared_ptr<hRegion>& target) {
     environment_.notificationCenter().post(kTovrelInBounds, target);
     const Json message{
         {"event_notification_sent",
-         {{"timestamp", format0f(platform.clock->now())}, {"eventid", targeting::printed(target->eventId)}}},
+         {{"timestamp", format0f(platform.clock->now())}, {"eventid", printed(target->eventId)}}},
     };
-    environment_.analyticsManager().logMessage(
-        message, targeting::storedText(*platform.preferences, prefs::kAdid), [](const auto&) {});
+    environment_.analyticsManager().logMessage(message, storedText(*platform.preferences, prefs::kAdid),
+                                               [](const auto&) {});
 }
 
 }  // namespace tovrel

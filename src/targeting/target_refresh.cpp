@@ -14,7 +14,7 @@ void LocationManager::getTargets() {
         return;
     }
     environment_.dataService().getLocationsWithLocation(
-        *location, targeting::storedSessionKey(prefs),
+        *location, storedSessionKey(prefs),
         [self = shared_from_this()](const Json& places, const ServiceError& error) {
             if (error) {
                 return;
