@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
+#include "tovrel/data_service.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/session_manager.h"
@@ -67,6 +68,17 @@ TEST_F(SessionManagerTest, StartReturnsTheKeyStoredBeforeTheRequest) {
     EXPECT_EQ(stored("sessionid"), Json("second"));
     EXPECT_TRUE(device.log().contains("\n\nSESSIONKEY: second\n\n"));
     EXPECT_TRUE(device.log().contains(std::string("\n\nDEVICEID: ") + kAdvertisingId + "\n\n"));
+}
+
+TEST_F(SessionManagerTest, AKeyThatIsNotTextIsReadAsItsTextByEveryCaller) {
+    session().startSession("k");
+    device.http().respondTo("/v1/session", Reply::json(200, {{"sessionKey", 12345}}));
+    device.loop().runUntilIdle();
+    EXPECT_EQ(stored("sessionid"), Json(12345));
+    EXPECT_EQ(session().startSession("k"), "12345");
+
+    DataService::instance().sendDeviceClearWithSessionKey(session().startSession("k"), nullptr);
+    EXPECT_EQ(device.http().requestsTo("/v1/deviceevent/clear").back().body["sessionKey"], "12345");
 }
 
 TEST_F(SessionManagerTest, AnswerWithoutSessionKeyRemovesTheStoredOne) {
