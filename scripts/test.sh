@@ -13,8 +13,11 @@ Installs what is missing (scripts/setup.sh), then builds and tests:
   2. the address+undefined sanitizer build and its CTest suite
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
      libcurl client, linux backend, a whole session on the linux backend)
-  4. the optimised build and its CTest suite
---quick   only step 4
+  4. the shared libraries as they ship (preset release): installed into a temporary prefix, the
+     embedding examples and the Python package built and run against it and an installed
+     tovrel-server, the Debian packages installed into a fresh root (scripts/check-install.sh)
+  5. the optimised build and its CTest suite
+--quick   only step 5
 USAGE
 }
 quick=0
@@ -48,6 +51,14 @@ if ((quick == 0)); then
     for suite in "${tsan_suites[@]}"; do
         TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "build/tsan/$suite" --gtest_brief=1
     done
+fi
+
+if ((quick == 0)); then
+    echo "== shared libraries: install, consumers, bindings, packages"
+    scripts/embedding-guide.py --check
+    cmake --preset release >/dev/null
+    cmake --build --preset release -j "$jobs"
+    scripts/check-install.sh build/release
 fi
 
 echo "== optimised build"

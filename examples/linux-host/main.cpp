@@ -10,6 +10,7 @@
 #include "tovrel/linux/stop_signals.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/session_manager.h"
+#include "tovrel/tools/command_line.h"
 
 int main(int argc, char** argv) {
     CLI::App app{"Runs a location-enabled Tovrel session on this Linux machine."};
@@ -36,7 +37,10 @@ int main(int argc, char** argv) {
     app.add_flag("--loop", loopReplay, "start the replay again after its last point")->needs(replayOption);
     app.add_option("--app-id", appId, "application id: names the preferences and the identifier")
         ->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    tovrel::tools::addVersionFlag(app, "tovrel-linux-host");
+    if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
 
     tovrel::linuxbackend::LinuxPlatformOptions options;
     options.applicationId = appId;

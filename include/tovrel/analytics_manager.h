@@ -1,11 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 
 namespace tovrel {
@@ -14,8 +14,8 @@ class Environment;
 
 /// Sends analytics and diagnostic messages to the service's log endpoint, fire-and-forget. A message
 /// is an object with one member, the event name, whose value holds the event's fields.
-class AnalyticsManager {
-public:
+class TOVREL_EXPORT AnalyticsManager {
+  public:
     using Completion = std::function<void(const std::optional<platform::HttpError>& error)>;
 
     explicit AnalyticsManager(Environment& environment);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/views.h"
 
 namespace tovrel {
@@ -13,8 +14,8 @@ class Environment;
 /// A full-screen web page under a navigation bar whose back button closes it. The presenter sets
 /// navTitle and urlString and presents view() modally; every appearance builds the bar again and
 /// reloads the page from the network. Main thread only.
-class ContentController final : public platform::WebViewDelegate,
-                                public std::enable_shared_from_this<ContentController> {
+class TOVREL_EXPORT ContentController final : public platform::WebViewDelegate,
+                                              public std::enable_shared_from_this<ContentController> {
     struct Token {
         explicit Token() = default;
     };

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/location.h"
 
@@ -21,8 +21,8 @@ using SessionKey = std::optional<std::string>;
 /// carrying the session key; a missing key makes a call do nothing at all (no request, no
 /// completion). Completions run on the main loop, may be empty, and receive null for "nothing".
 /// Nothing is thrown out of a call: a response that cannot be read is logged and read as far as it goes.
-class DataService {
-public:
+class TOVREL_EXPORT DataService {
+  public:
     /// (places array, error): an array (possibly empty) on success, null and the error on failure.
     using PlacesCompletion = std::function<void(const Json& places, const ServiceError& error)>;
     /// (places, device event id, error): the link answer's "places" as it stands and the

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/notification_center.h"
 #include "tovrel/platform/platform.h"
 
@@ -15,7 +16,7 @@ class LaunchCheckers;
 class SessionManager;
 
 /// Where the component finds its service and content pages.
-struct Configuration {
+struct TOVREL_EXPORT Configuration {
     std::string serviceBaseURL;  ///< scheme and host, no trailing slash
     std::string contentBaseURL;  ///< base of the settings screen's content pages
 
@@ -28,8 +29,8 @@ struct Configuration {
 /// checkers are registered when the environment is made, so they see the launch notification.
 ///
 /// Destroy an environment only after its main loop has stopped running.
-class Environment {
-public:
+class TOVREL_EXPORT Environment {
+  public:
     explicit Environment(platform::Platform platform, Configuration configuration = Configuration::defaults());
     ~Environment();
     Environment(const Environment&) = delete;

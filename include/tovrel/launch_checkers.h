@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tovrel/export.h"
 #include "tovrel/notification_center.h"
 
 namespace tovrel {
@@ -9,15 +10,15 @@ namespace tovrel {
 class Environment;
 
 /// What one launch option said: whether it was present, and its value.
-struct LaunchRecord {
+struct TOVREL_EXPORT LaunchRecord {
     bool launchedWithNotification = false;
     nlohmann::json localNotification;  ///< null until a launch carries the option
 };
 
 /// The two launch records of an environment. Each observes the did-finish-launching notification from
 /// the moment the environment is made, and is never unregistered.
-class LaunchCheckers {
-public:
+class TOVREL_EXPORT LaunchCheckers {
+  public:
     explicit LaunchCheckers(NotificationCenter& center);
 
     LaunchRecord notification;  ///< "UIApplicationLaunchOptionsLocalNotificationKey"
@@ -25,8 +26,8 @@ public:
 };
 
 /// Records a launch caused by a local notification.
-class NotificationChecker {
-public:
+class TOVREL_EXPORT NotificationChecker {
+  public:
     /// Records whether the launch options in `launch`'s user info hold the local-notification key.
     static void createNotificationChecker(const Notification& launch, LaunchRecord& record);
     static bool applicationWasLaunchedWithNotification();
@@ -34,8 +35,8 @@ public:
 };
 
 /// Records a launch caused by a location event (the notification-flavoured names are kept).
-class LocationChecker {
-public:
+class TOVREL_EXPORT LocationChecker {
+  public:
     static void createNotificationChecker(const Notification& launch, LaunchRecord& record);
     static bool applicationWasLaunchedWithNotification();
     static nlohmann::json getLocalNotification();

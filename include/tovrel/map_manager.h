@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/views.h"
 
@@ -17,7 +18,7 @@ class OfferFullViewController;
 
 /// A place pin on the map. The offer fields hold the place record's values as they stand (null for
 /// nothing); title is the record's "eventName", subtitle its "alertText".
-class hAnnotation : public platform::PointAnnotation {
+class TOVREL_EXPORT hAnnotation : public platform::PointAnnotation {
   public:
     nlohmann::json eventId;
     nlohmann::json deviceEventId;  ///< the stored "deviceEventId": the same for every pin
@@ -42,7 +43,8 @@ class hAnnotation : public platform::PointAnnotation {
 /// The place map: one circle and one pin per place near the last stored position, with the
 /// distance in miles in each pin's callout and a ">" button that opens the place's offer. The host
 /// presents view(). Main thread only, except plotLocations().
-class MapManager final : public platform::MapViewDelegate, public std::enable_shared_from_this<MapManager> {
+class TOVREL_EXPORT MapManager final : public platform::MapViewDelegate,
+                                       public std::enable_shared_from_this<MapManager> {
     struct Token {
         explicit Token() = default;
     };

@@ -5,16 +5,17 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "tovrel/export.h"
 
 namespace tovrel {
 
 /// One posted notification. `object` is whatever the poster attaches (see notification_names.h for
 /// what each name carries); `sender` identifies the poster for observers that filter by sender.
-struct Notification {
+struct TOVREL_EXPORT Notification {
     std::string name;
     std::any object;
     const void* sender = nullptr;
@@ -27,8 +28,8 @@ using NotificationHandler = std::function<void(const Notification&)>;
 /// An in-process notification centre. post() calls the matching observers synchronously, on the
 /// posting thread, in the order in which they were added. Observers may be added or removed from
 /// inside a handler; a removed observer is not called again, even within the same post.
-class NotificationCenter {
-public:
+class TOVREL_EXPORT NotificationCenter {
+  public:
     NotificationCenter() = default;
     NotificationCenter(const NotificationCenter&) = delete;
     NotificationCenter& operator=(const NotificationCenter&) = delete;

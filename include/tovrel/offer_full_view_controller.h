@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/preferences.h"
 #include "tovrel/platform/views.h"
@@ -17,8 +18,9 @@ class Environment;
 /// behind a spinner until it has loaded, then faded and bounced in. Made and shown by
 /// presentOfferFullView(); its view stays on screen until a close button removes it, and the
 /// controller lives as long as the presenter keeps it. Main thread only.
-class OfferFullViewController final : public platform::WebViewDelegate,
-                                      public std::enable_shared_from_this<OfferFullViewController> {
+class TOVREL_EXPORT OfferFullViewController final
+    : public platform::WebViewDelegate,
+      public std::enable_shared_from_this<OfferFullViewController> {
     struct Token {
         explicit Token() = default;
     };
@@ -99,7 +101,7 @@ class OfferFullViewController final : public platform::WebViewDelegate,
 
 /// The offer an offer view shows, as its presenter read it: from an offer record ("eventId",
 /// "deviceEventId", "mediaType", "mediaUrl") or from a map pin.
-struct OfferViewContent {
+struct TOVREL_EXPORT OfferViewContent {
     nlohmann::json eventId;
     nlohmann::json deviceEventId;
     nlohmann::json mediaType;
@@ -116,7 +118,7 @@ struct OfferViewContent {
 /// appear: spinner, then the page one second later). Returns the controller, which the caller must
 /// keep (its `offerFullViewController`) while the view may be on screen; null when the environment
 /// has no views. Main thread.
-std::shared_ptr<OfferFullViewController> presentOfferFullView(Environment& environment,
-                                                              const OfferViewContent& content);
+TOVREL_EXPORT std::shared_ptr<OfferFullViewController> presentOfferFullView(Environment& environment,
+                                                                            const OfferViewContent& content);
 
 }  // namespace tovrel

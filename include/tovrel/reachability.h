@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/reachability.h"
 
 namespace tovrel {
@@ -15,8 +16,8 @@ enum NetworkStatus : long { StatusNotReachable = 0, StatusViaWiFi = 1, StatusVia
 /// Watches whether a host, an address, the Internet at large or the local Wi-Fi link can be reached.
 /// Once its notifier is started it posts "kNetworkReachabilityChangedNotification" (object and
 /// sender: this monitor) on every change; observers then ask currentReachabilityStatus().
-class Reachability {
-public:
+class TOVREL_EXPORT Reachability {
+  public:
     /// Each factory returns nullptr when the platform cannot make a handle.
     static std::unique_ptr<Reachability> reachabilityWithHostName(Environment& environment, const std::string& hostName);
     static std::unique_ptr<Reachability> reachabilityWithAddress(Environment& environment,

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
+#include "tovrel/export.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel {
@@ -12,7 +12,7 @@ namespace tovrel {
 /// A place target: a geofenced circle with the offer that belongs to it. The offer fields hold the
 /// place record's values as they stand (a string, a number, or null for nothing); only the centre,
 /// radius, `linked`, `dwelltime` and `eventTypeId` are ever read as numbers.
-struct hRegion {
+struct TOVREL_EXPORT hRegion {
     platform::Coordinate center;
     double radius = 0;       ///< metres
     std::string identifier;  ///< "target" for every place target

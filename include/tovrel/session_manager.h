@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/notification_center.h"
 #include "tovrel/reachability.h"
 
@@ -13,16 +14,16 @@ class Environment;
 class LocationManager;
 
 /// Implemented by the host application; the component never calls it.
-class SessionManagerDelegate {
-public:
+class TOVREL_EXPORT SessionManagerDelegate {
+  public:
     virtual ~SessionManagerDelegate() = default;
     virtual std::string deviceId() = 0;
 };
 
 /// The component's entry point. The host takes the shared instance, sets the two presentation
 /// switches and starts a session with its SDK key. Main thread only, except sharedInstance().
-class SessionManager : public SessionManagerDelegate {
-public:
+class TOVREL_EXPORT SessionManager : public SessionManagerDelegate {
+  public:
     /// Registers for reachability changes, starts the host and Internet monitors and stores the
     /// advertising identifier under "adid" when nothing is stored there yet.
     explicit SessionManager(Environment& environment);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/views.h"
 
 namespace tovrel {
@@ -16,9 +17,9 @@ class Environment;
 /// The notification-frequency screen: two heading rows and five choices, the choice kept under
 /// "checkedPath" as {"section": 0, "row": N}. Nothing else reads the choice. The host presents
 /// view(); the back button dismisses it. Main thread only.
-class SubViewController final : public platform::TableViewDataSource,
-                                public platform::TableViewDelegate,
-                                public std::enable_shared_from_this<SubViewController> {
+class TOVREL_EXPORT SubViewController final : public platform::TableViewDataSource,
+                                              public platform::TableViewDelegate,
+                                              public std::enable_shared_from_this<SubViewController> {
     struct Token {
         explicit Token() = default;
     };
@@ -80,9 +81,9 @@ class SubViewController final : public platform::TableViewDataSource,
 
 /// The settings menu: the host application's page of the system settings, four content pages and
 /// the component's version. The host presents view(). Main thread only.
-class SettingsController final : public platform::TableViewDataSource,
-                                 public platform::TableViewDelegate,
-                                 public std::enable_shared_from_this<SettingsController> {
+class TOVREL_EXPORT SettingsController final : public platform::TableViewDataSource,
+                                               public platform::TableViewDelegate,
+                                               public std::enable_shared_from_this<SettingsController> {
     struct Token {
         explicit Token() = default;
     };

@@ -1,4 +1,4 @@
-#include "foundation/location_archive.h"
+#include "tovrel/location_archive.h"
 
 namespace tovrel {
 

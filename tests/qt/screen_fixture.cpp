@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
-#include "foundation/location_archive.h"
 #include "qt_test_support.h"
+#include "tovrel/location_archive.h"
 #include "tovrel/session_manager.h"
 
 namespace tovrel::qttest {

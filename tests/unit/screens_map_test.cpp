@@ -2,8 +2,8 @@
 #include <numbers>
 #include <stdexcept>
 
-#include "foundation/location_archive.h"
 #include "screens_fixture.h"
+#include "tovrel/location_archive.h"
 #include "tovrel/map_manager.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/offer_full_view_controller.h"

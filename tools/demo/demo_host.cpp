@@ -3,7 +3,7 @@
 #include <QDir>
 #include <cmath>
 
-#include "foundation/location_archive.h"
+#include "tovrel/location_archive.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/offer_full_view_controller.h"
 #include "tovrel/qt/qt_map_view.h"

@@ -13,7 +13,9 @@
 #include "demo_host.h"
 #include "tovrel/linux/stop_signals.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/paths/data_directory.h"
 #include "tovrel/session_manager.h"
+#include "tovrel/tools/command_line.h"
 #ifdef TOVREL_DEMO_EMBEDDED_SERVER
 #include "tovrel_server/server.h"
 #endif
@@ -105,11 +107,12 @@ int main(int argc, char** argv) {
     std::string serviceURL;
     std::string sdkKey = "demo-key";
     std::string gpsd;
-    std::string replay = std::string(TOVREL_EXAMPLES_DIR) + "/routes/drive-in.gpx";
+    const auto data = tovrel::paths::dataDirectory();
+    std::string replay = (data / "routes" / "drive-in.gpx").string();
     double speed = 1;
     bool loopReplay = false;
-    std::string places = std::string(TOVREL_EXAMPLES_DIR) + "/places/munich.geojson";
-    std::string content = std::string(TOVREL_EXAMPLES_DIR) + "/content";
+    std::string places = (data / "places" / "munich.geojson").string();
+    std::string content = (data / "content").string();
     std::string tiles;
     std::string appId = "org.tovrel.demo";
     std::string screenshots;
@@ -121,20 +124,21 @@ int main(int argc, char** argv) {
     auto* gpsdOption =
         app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)")
             ->check([](const std::string& value) { return tovrel::linuxbackend::gpsdAddressProblem(value); });
-    app.add_option("--replay", replay, "replay positions from a GPX or NMEA file")
+    app.add_option("--replay", replay,
+                   "replay positions from a GPX or NMEA file (default: routes/drive-in.gpx of the installed data)")
         ->check(CLI::ExistingFile)
-        ->excludes(gpsdOption)
-        ->capture_default_str();
+        ->excludes(gpsdOption);
     app.add_option("--speed", speed, "replay speed-up factor (1: the recorded pace)")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     app.add_flag("--loop", loopReplay, "start the replay again after its last point");
-    app.add_option("--places", places, "GeoJSON places for the embedded server")
-        ->check(CLI::ExistingFile)
-        ->capture_default_str();
-    app.add_option("--content", content, "folder of pages (media, appcontent) the embedded server serves")
-        ->check(CLI::ExistingDirectory)
-        ->capture_default_str();
+    app.add_option("--places", places,
+                   "GeoJSON places for the embedded server (default: places/munich.geojson of the installed data)")
+        ->check(CLI::ExistingFile);
+    app.add_option("--content", content,
+                   "folder of pages (media, appcontent) the embedded server serves (default: content/ of the "
+                   "installed data)")
+        ->check(CLI::ExistingDirectory);
     app.add_option("--tiles", tiles,
                    "raster map tiles, e.g. https://tiles.example.org/{z}/{x}/{y}.png (none: a plain map)");
     app.add_option("--app-id", appId, "application id: names the preferences and the identifier")
@@ -143,7 +147,10 @@ int main(int argc, char** argv) {
                    "scripted run: grab map.png, settings.png and offer.png into this folder, then quit");
     app.add_option("--quit-after", quitAfter, "quit after this many seconds (0: run until closed)")
         ->check(CLI::NonNegativeNumber);
-    CLI11_PARSE(app, argc, argv);
+    tovrel::tools::addVersionFlag(app, "tovrel-demo");
+    if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
 
     // SIGINT and SIGTERM close the window in order (the session stops, the server shuts down). They
     // are blocked before Qt starts any thread, so that no thread dies of them.

@@ -2,13 +2,13 @@
 // in virtual time, against an embedded or remote service, and reports what happened.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
 #include "html_report.h"
 #include "simulation.h"
+#include "tovrel/paths/data_directory.h"
 
 namespace {
 
@@ -26,8 +26,9 @@ int main(int argc, char** argv) {
     auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
 
     tovrel::sim::SimOptions options;
-    options.placesFile = TOVREL_EXAMPLES_DIR "/places/munich.geojson";
-    options.contentDir = TOVREL_EXAMPLES_DIR "/content";
+    const auto data = tovrel::paths::dataDirectory();
+    options.placesFile = (data / "places" / "munich.geojson").string();
+    options.contentDir = (data / "content").string();
     std::string route;
     std::string places;
     std::string service;

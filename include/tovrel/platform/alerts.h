@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 /// A modal message box. Button indices: the cancel button (when there is one) is 0 and the other
 /// buttons follow in order; without a cancel button the others start at 0.
-struct AlertSpec {
+struct TOVREL_EXPORT AlertSpec {
     std::optional<std::string> title;
     std::string message;
     std::optional<std::string> cancelButtonTitle;
@@ -22,8 +24,8 @@ struct AlertSpec {
 using AlertId = std::uint64_t;
 
 /// Shows alerts and toasts.
-class AlertPresenter {
-public:
+class TOVREL_EXPORT AlertPresenter {
+  public:
     virtual ~AlertPresenter() = default;
     /// Main thread. Shows `alert` at once and returns its id.
     virtual AlertId show(AlertSpec alert) = 0;

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include "tovrel/export.h"
 
 namespace tovrel::platform {
 
@@ -23,8 +24,8 @@ enum class ApplicationEvent {
 using ApplicationEventHandler = std::function<void(ApplicationEvent event, const nlohmann::json& launchOptions)>;
 
 /// The host application as the platform sees it.
-class Application {
-public:
+class TOVREL_EXPORT Application {
+  public:
     virtual ~Application() = default;
     /// Main thread. The application's current state.
     [[nodiscard]] virtual ApplicationState applicationState() const = 0;

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 
 namespace tovrel::platform {
 
 /// Work off the main thread.
-class BackgroundWork {
-public:
+class TOVREL_EXPORT BackgroundWork {
+  public:
     virtual ~BackgroundWork() = default;
     /// Any thread. Runs `task` on a fresh background thread of its own.
     virtual void detachNewThread(Task task) = 0;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 /// Wall-clock time. The component never reads std::chrono directly, so a virtual clock can run a
 /// three-hour route in milliseconds.
-class Clock {
-public:
+class TOVREL_EXPORT Clock {
+  public:
     virtual ~Clock() = default;
     /// Any thread. Seconds since 1970-01-01 00:00 UTC.
     [[nodiscard]] virtual double now() const = 0;

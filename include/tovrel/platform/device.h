@@ -2,11 +2,13 @@
 
 #include <string>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 /// Facts about the device the component runs on.
-class Device {
-public:
+class TOVREL_EXPORT Device {
+  public:
     virtual ~Device() = default;
     /// Any thread. The model name, for example "iPhone".
     [[nodiscard]] virtual std::string model() const = 0;

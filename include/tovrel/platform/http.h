@@ -1,12 +1,13 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "tovrel/export.h"
 
 namespace tovrel::platform {
 
@@ -20,21 +21,21 @@ enum class HttpErrorKind {
     kCancelled,  ///< the client shut down before the answer came
 };
 
-struct HttpError {
+struct TOVREL_EXPORT HttpError {
     HttpErrorKind kind = HttpErrorKind::kTransport;
     int code = 0;                      ///< the transport's own code, or the HTTP status for kStatus
     std::string localizedDescription;  ///< one readable sentence saying what happened
 };
 
 /// The outcome of a JSON POST: the parsed body of a 2xx answer, or an error.
-struct JsonResult {
+struct TOVREL_EXPORT JsonResult {
     int status = 0;  ///< HTTP status when the server answered, else 0
     nlohmann::json value;
     std::optional<HttpError> error;
     [[nodiscard]] bool ok() const { return !error.has_value(); }
 };
 
-struct HttpRequest {
+struct TOVREL_EXPORT HttpRequest {
     std::string method = "GET";
     std::string url;
     std::vector<std::pair<std::string, std::string>> headers;
@@ -43,7 +44,7 @@ struct HttpRequest {
     bool ignoreCache = false;  ///< always fetch from the network
 };
 
-struct HttpResponse {
+struct TOVREL_EXPORT HttpResponse {
     int status = 0;
     std::string contentType;
     std::string body;
@@ -54,8 +55,8 @@ using JsonCompletion = std::function<void(JsonResult)>;
 using ResponseCompletion = std::function<void(HttpResponse)>;
 
 /// HTTP for the component: JSON POSTs to the service, page loads for web views.
-class HttpClient {
-public:
+class TOVREL_EXPORT HttpClient {
+  public:
     virtual ~HttpClient() = default;
     /// Any thread. POSTs `body` as "application/json" to `url`. `completion` runs once, on the main
     /// loop: success only for a 2xx status whose body parses as JSON; anything else is an error.

@@ -4,15 +4,17 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
-struct Coordinate {
+struct TOVREL_EXPORT Coordinate {
     double latitude = 0;   ///< degrees
     double longitude = 0;  ///< degrees
 };
 
 /// One position fix.
-struct Location {
+struct TOVREL_EXPORT Location {
     Coordinate coordinate;
     double altitude = 0;             ///< metres
     double horizontalAccuracy = 0;   ///< metres; negative when the fix is invalid
@@ -41,14 +43,14 @@ enum class AuthorizationStatus {
     kAuthorizedWhenInUse = 4,
 };
 
-struct LocationError {
+struct TOVREL_EXPORT LocationError {
     int code = 0;  ///< 0: the location is currently unknown; 1: denied; others platform-defined
     std::string description;
 };
 
 /// Receives what a location manager reports.
-class LocationManagerDelegate {
-public:
+class TOVREL_EXPORT LocationManagerDelegate {
+  public:
     virtual ~LocationManagerDelegate() = default;
     /// Main thread. New fixes, oldest first.
     virtual void locationManagerDidUpdateLocations(const std::vector<Location>& locations) = 0;
@@ -63,8 +65,8 @@ public:
 /// The platform location manager: one source of fixes with its settings. Fixes are delivered only
 /// after the device has moved at least the distance filter from the last delivered fix;
 /// significant-change monitoring delivers moves of about 500 m.
-class LocationProvider {
-public:
+class TOVREL_EXPORT LocationProvider {
+  public:
     virtual ~LocationProvider() = default;
     /// Any thread. Metres, or accuracy::kBest.
     virtual void setDesiredAccuracy(double metres) = 0;
@@ -95,8 +97,8 @@ public:
 };
 
 /// The device's location services.
-class LocationServices {
-public:
+class TOVREL_EXPORT LocationServices {
+  public:
     virtual ~LocationServices() = default;
     /// Any thread. Whether location services are switched on for the device.
     [[nodiscard]] virtual bool locationServicesEnabled() const = 0;

@@ -3,14 +3,16 @@
 #include <functional>
 #include <memory>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 using Task = std::function<void()>;
 
 /// A scheduled timer. The loop owns it: dropping every handle does not stop it; only invalidate()
 /// (or the firing of a one-shot timer) does.
-class Timer {
-public:
+class TOVREL_EXPORT Timer {
+  public:
     virtual ~Timer() = default;
     /// Any thread. Stops the timer for good; calling it again does nothing.
     virtual void invalidate() = 0;
@@ -20,8 +22,8 @@ public:
 
 /// The main run loop of one environment. Handlers run one at a time, each to completion, in the
 /// order in which they became due (posted tasks in posting order).
-class MainLoop {
-public:
+class TOVREL_EXPORT MainLoop {
+  public:
     virtual ~MainLoop() = default;
     /// Any thread. Queues `task` to run on the main thread after every task posted before it.
     virtual void post(Task task) = 0;

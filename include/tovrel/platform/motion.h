@@ -3,12 +3,14 @@
 #include <functional>
 #include <memory>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 enum class MotionConfidence { kLow = 0, kMedium = 1, kHigh = 2 };
 
 /// What the device's motion says it is doing.
-struct MotionActivity {
+struct TOVREL_EXPORT MotionActivity {
     bool stationary = false;
     bool walking = false;
     bool running = false;
@@ -22,8 +24,8 @@ struct MotionActivity {
 using MotionActivityHandler = std::function<void(const MotionActivity&)>;
 
 /// One motion activity manager.
-class MotionActivityManager {
-public:
+class TOVREL_EXPORT MotionActivityManager {
+  public:
     virtual ~MotionActivityManager() = default;
     /// Main thread. Starts updates; `handler` runs off the main thread, once per update, in order.
     virtual void startActivityUpdates(MotionActivityHandler handler) = 0;
@@ -32,8 +34,8 @@ public:
 };
 
 /// The device's motion services.
-class MotionServices {
-public:
+class TOVREL_EXPORT MotionServices {
+  public:
     virtual ~MotionServices() = default;
     /// Main thread. A new activity manager.
     virtual std::shared_ptr<MotionActivityManager> createMotionActivityManager() = 0;

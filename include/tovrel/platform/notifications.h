@@ -1,15 +1,16 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "tovrel/export.h"
 
 namespace tovrel::platform {
 
 /// A local notification: shown by the system, not sent by a server.
-struct LocalNotification {
+struct TOVREL_EXPORT LocalNotification {
     std::string alertBody;
     std::string alertAction;
     std::string soundName;
@@ -24,8 +25,8 @@ enum NotificationType : int { kNotificationTypeBadge = 1, kNotificationTypeSound
 inline constexpr const char* kDefaultSoundName = "default";
 
 /// The system's local notifications for this application.
-class LocalNotifications {
-public:
+class TOVREL_EXPORT LocalNotifications {
+  public:
     virtual ~LocalNotifications() = default;
     /// Main thread. Shows `notification` at once.
     virtual void presentLocalNotificationNow(const LocalNotification& notification) = 0;

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/alerts.h"
 #include "tovrel/platform/application.h"
 #include "tovrel/platform/background.h"
@@ -22,7 +23,7 @@ class ViewSystem;
 
 /// Every port one device's component needs. A backend fills all of them; `views` may stay empty
 /// for a host without screens.
-struct Platform {
+struct TOVREL_EXPORT Platform {
     std::shared_ptr<MainLoop> mainLoop;
     std::shared_ptr<BackgroundWork> background;
     std::shared_ptr<Clock> clock;

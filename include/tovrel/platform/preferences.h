@@ -1,15 +1,16 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
+#include "tovrel/export.h"
 
 namespace tovrel::platform {
 
 /// The application's persistent key-value store ("user defaults"). Values are JSON.
-class PreferencesStore {
-public:
+class TOVREL_EXPORT PreferencesStore {
+  public:
     virtual ~PreferencesStore() = default;
     /// Any thread. The value stored under `key`, or nullopt.
     [[nodiscard]] virtual std::optional<nlohmann::json> objectForKey(std::string_view key) const = 0;

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "tovrel/export.h"
+
 namespace tovrel::platform {
 
 /// Bits of the reachability flag word.
@@ -22,7 +24,7 @@ enum ReachabilityFlag : std::uint32_t {
 };
 
 /// An IPv4 socket address as the reachability service takes it.
-struct Ipv4SocketAddress {
+struct TOVREL_EXPORT Ipv4SocketAddress {
     std::uint8_t length = 16;
     std::uint8_t family = 2;
     std::uint16_t port = 0;
@@ -30,8 +32,8 @@ struct Ipv4SocketAddress {
 };
 
 /// One watched target: a host name or an address.
-class ReachabilityHandle {
-public:
+class TOVREL_EXPORT ReachabilityHandle {
+  public:
     virtual ~ReachabilityHandle() = default;
     /// Any thread. Reads the current flag word into `flags`; false when it cannot be read.
     virtual bool getFlags(std::uint32_t& flags) const = 0;
@@ -44,8 +46,8 @@ public:
 };
 
 /// Makes reachability handles.
-class ReachabilitySource {
-public:
+class TOVREL_EXPORT ReachabilitySource {
+  public:
     virtual ~ReachabilitySource() = default;
     /// Main thread. A handle for a host name; nullptr when one cannot be made.
     virtual std::unique_ptr<ReachabilityHandle> createWithName(const std::string& name) = 0;

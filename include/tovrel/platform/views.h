@@ -8,25 +8,26 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel::platform {
 
 // Geometry, in points; the origin is the top-left corner and y grows downwards.
 
-struct Point {
+struct TOVREL_EXPORT Point {
     double x = 0;
     double y = 0;
     friend bool operator==(const Point&, const Point&) = default;
 };
 
-struct Size {
+struct TOVREL_EXPORT Size {
     double width = 0;
     double height = 0;
     friend bool operator==(const Size&, const Size&) = default;
 };
 
-struct Rect {
+struct TOVREL_EXPORT Rect {
     double x = 0;
     double y = 0;
     double width = 0;
@@ -35,7 +36,7 @@ struct Rect {
 };
 
 /// Red, green, blue and alpha, each from 0 to 1.
-struct Color {
+struct TOVREL_EXPORT Color {
     double red = 0;
     double green = 0;
     double blue = 0;
@@ -56,7 +57,7 @@ struct Color {
 };
 
 /// A view's transform; the component only ever translates.
-struct Transform {
+struct TOVREL_EXPORT Transform {
     double tx = 0;
     double ty = 0;
     friend bool operator==(const Transform&, const Transform&) = default;
@@ -72,7 +73,7 @@ inline constexpr float kTopmostZPosition = std::numeric_limits<float>::max();
 enum class FillMode { kRemoved = 0, kForwards = 1, kBackwards = 2, kBoth = 3 };
 
 /// A property animation on a view's layer, recorded by key.
-struct BasicAnimation {
+struct TOVREL_EXPORT BasicAnimation {
     std::string keyPath;  ///< e.g. "position.y"
     double duration = 0;  ///< seconds
     double fromValue = 0;
@@ -89,7 +90,7 @@ enum class AnimationCurve { kEaseInOut = 0, kEaseIn = 1, kEaseOut = 2, kLinear =
 
 /// The parameters of a view animation block: property changes made inside it animate to their new
 /// values over `duration`.
-struct ViewAnimation {
+struct TOVREL_EXPORT ViewAnimation {
     double duration = 0.2;  ///< seconds
     AnimationCurve curve = AnimationCurve::kEaseInOut;
     friend bool operator==(const ViewAnimation&, const ViewAnimation&) = default;
@@ -122,7 +123,7 @@ using AppearanceHandler = std::function<void(Appearance)>;
 
 /// A node of the retained view tree. A parent holds its subviews; a subview knows its parent weakly.
 /// Every operation of every view kind runs on the main thread.
-class View : public std::enable_shared_from_this<View> {
+class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
   public:
     virtual ~View() = default;
 
@@ -204,7 +205,7 @@ enum class URLRequestCachePolicy {
 };
 
 /// A page request. An empty `url` is no address at all: loading it shows nothing.
-struct URLRequest {
+struct TOVREL_EXPORT URLRequest {
     std::string url;
     URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::kUseProtocolCachePolicy;
     double timeoutInterval = 60;  ///< seconds
@@ -220,7 +221,7 @@ enum class WebNavigationType {
     kOther = 5,
 };
 
-struct WebError {
+struct TOVREL_EXPORT WebError {
     int code = 0;
     std::string description;
 };
@@ -228,7 +229,7 @@ struct WebError {
 class WebView;
 
 /// Hears a web view's loads. Every callback runs on the main thread.
-class WebViewDelegate {
+class TOVREL_EXPORT WebViewDelegate {
   public:
     virtual ~WebViewDelegate() = default;
     /// Main thread. Asked before each navigation (the page's own and link taps); false cancels it.
@@ -245,7 +246,7 @@ class WebViewDelegate {
 };
 
 /// The scrolling and zooming of a web view's page.
-class ScrollView {
+class TOVREL_EXPORT ScrollView {
   public:
     virtual ~ScrollView() = default;
     /// Main thread. The page's size at zoom scale 1.
@@ -265,7 +266,7 @@ class ScrollView {
 };
 
 /// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).
-class WebView : public View {
+class TOVREL_EXPORT WebView : public View {
   public:
     /// Main thread. Starts loading `request`, replacing any load under way.
     virtual void loadRequest(const URLRequest& request) = 0;
@@ -292,7 +293,7 @@ class WebView : public View {
 enum class ActivityIndicatorStyle { kWhiteLarge = 0, kWhite = 1, kGray = 2 };
 
 /// A spinner.
-class ActivityIndicatorView : public View {
+class TOVREL_EXPORT ActivityIndicatorView : public View {
   public:
     /// Main thread.
     [[nodiscard]] virtual ActivityIndicatorStyle style() const = 0;
@@ -311,7 +312,7 @@ class ActivityIndicatorView : public View {
 enum class ButtonType { kCustom = 0, kSystem = 1 };
 
 /// A push button. Its action runs when it is tapped (touch up inside).
-class Button : public View {
+class TOVREL_EXPORT Button : public View {
   public:
     /// Main thread.
     [[nodiscard]] virtual ButtonType buttonType() const = 0;
@@ -338,14 +339,14 @@ class Button : public View {
 
 enum class TextAlignment { kLeft = 0, kCenter = 1, kRight = 2 };
 
-struct Font {
+struct TOVREL_EXPORT Font {
     std::string name;
     double size = 17;
     friend bool operator==(const Font&, const Font&) = default;
 };
 
 /// Static text.
-class Label : public View {
+class TOVREL_EXPORT Label : public View {
   public:
     /// Main thread.
     [[nodiscard]] virtual std::string text() const = 0;
@@ -372,19 +373,19 @@ class Label : public View {
 // Navigation bar.
 
 /// A bar button showing a custom view (a button, for instance).
-struct BarButtonItem {
+struct TOVREL_EXPORT BarButtonItem {
     std::shared_ptr<View> customView;
 };
 
 /// What the bar shows for one screen. Items are shared: a change to an item the bar holds shows at
 /// the bar's next layout.
-struct NavigationItem {
+struct TOVREL_EXPORT NavigationItem {
     std::string title;
     std::optional<BarButtonItem> leftBarButtonItem;
 };
 
 /// A bar with a title and bar buttons.
-class NavigationBar : public View {
+class TOVREL_EXPORT NavigationBar : public View {
   public:
     /// Main thread. The stack of items, bottom first.
     [[nodiscard]] virtual std::vector<std::shared_ptr<NavigationItem>> items() const = 0;
@@ -399,7 +400,7 @@ class NavigationBar : public View {
 
 // Table view.
 
-struct IndexPath {
+struct TOVREL_EXPORT IndexPath {
     long section = 0;
     long row = 0;
     friend bool operator==(const IndexPath&, const IndexPath&) = default;
@@ -414,7 +415,7 @@ enum class TableViewCellAccessory {
 };
 
 /// One row of a table: text, an image, an accessory, an indentation. Its background is the view's.
-class TableViewCell : public View {
+class TOVREL_EXPORT TableViewCell : public View {
   public:
     /// Main thread.
     [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
@@ -445,7 +446,7 @@ class TableViewCell : public View {
 class TableView;
 
 /// Supplies a table's rows. Called on the main thread.
-class TableViewDataSource {
+class TOVREL_EXPORT TableViewDataSource {
   public:
     virtual ~TableViewDataSource() = default;
     /// Main thread.
@@ -456,7 +457,7 @@ class TableViewDataSource {
 };
 
 /// Hears a table's selections and shapes its rows. Called on the main thread.
-class TableViewDelegate {
+class TOVREL_EXPORT TableViewDelegate {
   public:
     virtual ~TableViewDelegate() = default;
     /// Main thread. The user selected the row.
@@ -479,7 +480,7 @@ class TableViewDelegate {
 };
 
 /// A one-column list of rows in sections (the component uses one section).
-class TableView : public View {
+class TOVREL_EXPORT TableView : public View {
   public:
     /// Main thread. Not owned.
     virtual void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) = 0;
@@ -507,14 +508,14 @@ class TableView : public View {
 // Map.
 
 /// A point of the flat world map (spherical Mercator, 2^28 points around the equator).
-struct MapPoint {
+struct TOVREL_EXPORT MapPoint {
     double x = 0;
     double y = 0;
     friend bool operator==(const MapPoint&, const MapPoint&) = default;
 };
 
 /// A rectangle of map points. The null rectangle has infinite origin.
-struct MapRect {
+struct TOVREL_EXPORT MapRect {
     double x = 0;
     double y = 0;
     double width = 0;
@@ -538,7 +539,7 @@ inline MapPoint mapPointForCoordinate(const Coordinate& coordinate) {
     return {x, y};
 }
 
-struct EdgeInsets {
+struct TOVREL_EXPORT EdgeInsets {
     double top = 0;
     double left = 0;
     double bottom = 0;
@@ -547,19 +548,19 @@ struct EdgeInsets {
 };
 
 /// Degrees of latitude and longitude shown.
-struct CoordinateSpan {
+struct TOVREL_EXPORT CoordinateSpan {
     double latitudeDelta = 0;
     double longitudeDelta = 0;
     friend bool operator==(const CoordinateSpan&, const CoordinateSpan&) = default;
 };
 
-struct CoordinateRegion {
+struct TOVREL_EXPORT CoordinateRegion {
     Coordinate center;
     CoordinateSpan span;
 };
 
 /// Something pinned to the map. Subclass it to carry more.
-class Annotation {
+class TOVREL_EXPORT Annotation {
   public:
     virtual ~Annotation() = default;
     Coordinate coordinate;
@@ -571,32 +572,32 @@ class Annotation {
 class PointAnnotation : public Annotation {};
 
 /// The device's own position on the map; the map owns it.
-class UserLocation : public Annotation {
+class TOVREL_EXPORT UserLocation : public Annotation {
   public:
     std::optional<Location> location;  ///< nullopt until the first fix
     bool updating = false;
 };
 
 /// A shape laid over the map.
-class Overlay {
+class TOVREL_EXPORT Overlay {
   public:
     virtual ~Overlay() = default;
     std::optional<std::string> title;
 };
 
-class CircleOverlay : public Overlay {
+class TOVREL_EXPORT CircleOverlay : public Overlay {
   public:
     Coordinate center;
     double radius = 0;  ///< metres
 };
 
-class PolylineOverlay : public Overlay {
+class TOVREL_EXPORT PolylineOverlay : public Overlay {
   public:
     std::vector<Coordinate> points;
 };
 
 /// How an overlay is drawn; a plain view draws nothing.
-struct OverlayView {
+struct TOVREL_EXPORT OverlayView {
     enum class Kind { kPlain, kCircle, kPolyline };
     Kind kind = Kind::kPlain;
     std::optional<Color> strokeColor;
@@ -605,7 +606,7 @@ struct OverlayView {
 };
 
 /// The view that draws one annotation, with its callout.
-class AnnotationView : public View {
+class TOVREL_EXPORT AnnotationView : public View {
   public:
     /// Main thread. The annotation it draws (never null).
     [[nodiscard]] virtual std::shared_ptr<Annotation> annotation() const = 0;
@@ -636,7 +637,7 @@ class AnnotationView : public View {
 class MapView;
 
 /// Hears a map and supplies the views of its annotations and overlays. Called on the main thread.
-class MapViewDelegate {
+class TOVREL_EXPORT MapViewDelegate {
   public:
     virtual ~MapViewDelegate() = default;
     /// Main thread. The user's position changed.
@@ -658,7 +659,7 @@ class MapViewDelegate {
 };
 
 /// A map with annotations, overlays and the user's position.
-class MapView : public View {
+class TOVREL_EXPORT MapView : public View {
   public:
     /// Main thread. Not owned.
     virtual void setDelegate(std::weak_ptr<MapViewDelegate> delegate) = 0;
@@ -709,7 +710,7 @@ enum class ModalPresentationStyle {
 };
 
 /// The presentation settings of a screen that presents others.
-struct PresentationContext {
+struct TOVREL_EXPORT PresentationContext {
     ModalPresentationStyle modalPresentationStyle = ModalPresentationStyle::kFullScreen;
     bool providesPresentationContextTransitionStyle = false;
     bool definesPresentationContext = false;
@@ -717,7 +718,7 @@ struct PresentationContext {
 };
 
 /// How one screen is presented.
-struct ModalPresentation {
+struct TOVREL_EXPORT ModalPresentation {
     ModalPresentationStyle style = ModalPresentationStyle::kFullScreen;
     bool animated = true;
     bool prefersStatusBarHidden = false;  ///< what the presented screen asks for
@@ -726,7 +727,7 @@ struct ModalPresentation {
 /// The toolkit: the key window, the screen and device orientation, view factories, animation
 /// blocks, modal presentation and resource lookup. Views from one ViewSystem are only ever added
 /// to views of the same ViewSystem.
-class ViewSystem {
+class TOVREL_EXPORT ViewSystem {
   public:
     virtual ~ViewSystem() = default;
 

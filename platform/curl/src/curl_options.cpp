@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "tovrel/version.h"
+
 namespace tovrel::curl {
 
 std::string defaultUserAgent() {

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "qt_view_context.h"
+#include "tovrel/paths/data_directory.h"
 #include "tovrel/qt/qt_map_view.h"
 #include "tovrel/qt/qt_views.h"
 
@@ -15,7 +16,7 @@ constexpr const char* kBundleName = "TovrelSDKResources.bundle";
 constexpr float kPresentedZPosition = std::numeric_limits<float>::max() / 2;
 
 /// Where the resource bundle lies: the folder given, else $TOVREL_QT_RESOURCES, else beside the
-/// program, else the bundle drawn by this build.
+/// program, else with Tovrel's installed data (in the build tree: the bundle this build drew).
 std::filesystem::path resourceRootFor(const std::filesystem::path& given) {
     if (!given.empty()) {
         return given;
@@ -27,7 +28,7 @@ std::filesystem::path resourceRootFor(const std::filesystem::path& given) {
     if (std::filesystem::exists(besideProgram / kBundleName)) {
         return besideProgram;
     }
-    return TOVREL_QT_RESOURCE_ROOT;
+    return paths::dataDirectory();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tovrel/curl/curl_options.h"
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/main_loop.h"
 
@@ -12,7 +13,7 @@ namespace tovrel::curl {
 /// The HTTP port on libcurl. One network thread drives every transfer through one multi handle, so
 /// connections and TLS sessions are reused; completions are posted to the main loop given here, exactly
 /// once per request. `loop` must outlive the client.
-class CurlHttpClient final : public platform::HttpClient {
+class TOVREL_EXPORT CurlHttpClient final : public platform::HttpClient {
   public:
     /// Any thread. Starts the network thread; throws std::runtime_error when libcurl cannot be set up.
     explicit CurlHttpClient(platform::MainLoop& loop, CurlOptions options = {});

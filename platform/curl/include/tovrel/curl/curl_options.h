@@ -4,14 +4,16 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
+
 namespace tovrel::curl {
 
 /// "Tovrel/<version>", the User-Agent sent with every request unless a request names its own.
-std::string defaultUserAgent();
+TOVREL_EXPORT std::string defaultUserAgent();
 
 /// How a `CurlHttpClient` talks to servers. TLS peer and host verification are always on; proxies come
 /// from the environment (http_proxy, https_proxy, no_proxy) as libcurl reads them.
-struct CurlOptions {
+struct TOVREL_EXPORT CurlOptions {
     double connectTimeoutSeconds = 10;
     /// Whole-request limit for postJson(); send() uses the request's own timeoutSeconds.
     double totalTimeoutSeconds = 30;
@@ -26,6 +28,6 @@ struct CurlOptions {
 };
 
 /// The CURLOPT_PINNEDPUBLICKEY value for `pins`: "sha256//A;sha256//B", or "" for no pins.
-std::string pinnedPublicKeyOption(const std::vector<std::string>& pins);
+TOVREL_EXPORT std::string pinnedPublicKeyOption(const std::vector<std::string>& pins);
 
 }  // namespace tovrel::curl

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 
 namespace tovrel::curl {
@@ -10,9 +11,10 @@ namespace tovrel::curl {
 /// JSON (any value, fragments included). A status outside 2xx is kStatus (the parsed error body, if
 /// any, in `value`; a JSON {"error": "..."} is quoted in the description); an empty or malformed 2xx
 /// body is kBadBody. `hostPort` ("127.0.0.1:8080") names the server in descriptions. Pure; any thread.
-platform::JsonResult classifyJsonResponse(int status, std::string_view body, std::string_view hostPort);
+TOVREL_EXPORT platform::JsonResult classifyJsonResponse(int status, std::string_view body,
+                                                        std::string_view hostPort);
 
 /// The standard reason phrase of an HTTP status ("Service Unavailable"), or "" when unknown.
-std::string_view httpReasonPhrase(int status);
+TOVREL_EXPORT std::string_view httpReasonPhrase(int status);
 
 }  // namespace tovrel::curl

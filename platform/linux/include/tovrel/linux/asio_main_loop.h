@@ -9,12 +9,13 @@
 #include <functional>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 
 namespace tovrel::linuxbackend {
 
 /// A watch on a readable descriptor, made by DescriptorWatcher::watchReadable.
-class FdWatch {
+class TOVREL_EXPORT FdWatch {
   public:
     virtual ~FdWatch() = default;
     /// Main thread. Stops the watch; the callback does not run again. The descriptor stays open (the
@@ -24,7 +25,7 @@ class FdWatch {
 
 /// A main loop's reactor for descriptors: the Linux parts that read sockets (netlink) reach the loop
 /// through this, so a host can run them on its own event loop (asio here, a toolkit's loop elsewhere).
-class DescriptorWatcher {
+class TOVREL_EXPORT DescriptorWatcher {
   public:
     virtual ~DescriptorWatcher() = default;
     /// Main thread. `onReadable` runs on the main loop each time `fd` has data to read, until the watch
@@ -43,7 +44,7 @@ class DescriptorWatcher {
 ///
 /// The main thread is the thread that constructed the loop until some thread calls run() (or one of
 /// the run variants); from then on it is that thread.
-class AsioMainLoop final : public platform::MainLoop, public DescriptorWatcher {
+class TOVREL_EXPORT AsioMainLoop final : public platform::MainLoop, public DescriptorWatcher {
   public:
     AsioMainLoop();
     /// Main thread, after run() has returned. Drops every pending task and timer without running it.

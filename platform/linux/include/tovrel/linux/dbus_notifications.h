@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/log_sink.h"
 #include "tovrel/platform/main_loop.h"
@@ -11,7 +12,7 @@
 
 namespace tovrel::linuxbackend {
 
-struct DbusNotificationsOptions {
+struct TOVREL_EXPORT DbusNotificationsOptions {
     /// The application name the notification server shows, and the notification's summary line.
     std::string applicationName = "Tovrel";
     /// The desktop entry of the host ("org.example.Shop"), sent as the "desktop-entry" hint when set.
@@ -30,7 +31,7 @@ struct DbusNotificationsOptions {
 /// the activation handler receives the notification on the main loop. Scheduled notifications are kept
 /// here and fire with main-loop timers. Without a session bus every notification is written to the log
 /// instead and the user settings answer 0.
-class DbusNotifications final : public platform::LocalNotifications {
+class TOVREL_EXPORT DbusNotifications final : public platform::LocalNotifications {
   public:
     /// Any thread. Connects to the bus; never throws (a missing bus is logged).
     DbusNotifications(std::shared_ptr<platform::MainLoop> loop, std::shared_ptr<platform::Clock> clock,

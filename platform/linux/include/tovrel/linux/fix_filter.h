@@ -3,15 +3,16 @@
 #include <limits>
 #include <optional>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel::linuxbackend {
 
 /// Great-circle distance in metres (haversine on a sphere of radius 6371 km). Pure.
-double metresBetween(const platform::Coordinate& a, const platform::Coordinate& b);
+TOVREL_EXPORT double metresBetween(const platform::Coordinate& a, const platform::Coordinate& b);
 
 /// What one location manager asked for.
-struct FixFilterSettings {
+struct TOVREL_EXPORT FixFilterSettings {
     double desiredAccuracy = platform::accuracy::kBest;
     double distanceFilter = -1;  ///< metres; zero or negative lets every fix through
     bool standardUpdates = false;
@@ -27,7 +28,7 @@ struct FixFilterSettings {
 ///   (one was seen within the grace period); when none has come for that long, the best the source
 ///   has is delivered, as a phone does when it cannot reach the accuracy asked for.
 /// The first fix after a reset passes the distance test. Not thread-safe (the caller locks).
-class FixFilter {
+class TOVREL_EXPORT FixFilter {
   public:
     static constexpr double kSignificantChangeMeters = 500;
 

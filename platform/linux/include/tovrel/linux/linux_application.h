@@ -5,12 +5,13 @@
 #include <mutex>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/application.h"
 #include "tovrel/platform/main_loop.h"
 
 namespace tovrel::linuxbackend {
 
-struct LinuxApplicationOptions {
+struct TOVREL_EXPORT LinuxApplicationOptions {
     std::string applicationId = "org.tovrel.host";
     /// The program that opens URLs, looked up in $PATH.
     std::string urlOpener = "xdg-open";
@@ -20,8 +21,8 @@ struct LinuxApplicationOptions {
 /// The host application on Linux. There is no system application life cycle: the host reports its
 /// state changes through the calls below, and each one reaches the event handler on the main loop
 /// (at once when called there, else posted). The badge is a number the host may show.
-class LinuxApplication final : public platform::Application,
-                               public std::enable_shared_from_this<LinuxApplication> {
+class TOVREL_EXPORT LinuxApplication final : public platform::Application,
+                                             public std::enable_shared_from_this<LinuxApplication> {
   public:
     LinuxApplication(std::shared_ptr<platform::MainLoop> loop, LinuxApplicationOptions options = {});
 
@@ -72,6 +73,6 @@ class LinuxApplication final : public platform::Application,
 
 /// The absolute path of `program` found in $PATH (or `program` itself when it holds a '/' and is
 /// executable), or "" when there is none. Any thread.
-std::string findExecutable(const std::string& program);
+TOVREL_EXPORT std::string findExecutable(const std::string& program);
 
 }  // namespace tovrel::linuxbackend

@@ -4,11 +4,12 @@
 #include <mutex>
 #include <string>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/device.h"
 
 namespace tovrel::linuxbackend {
 
-struct LinuxDeviceOptions {
+struct TOVREL_EXPORT LinuxDeviceOptions {
     std::string applicationId = "org.tovrel.host";
     /// Where the identifier's salt is kept; empty: applicationDataDirectory(applicationId).
     std::filesystem::path dataDirectory{};
@@ -25,7 +26,7 @@ struct LinuxDeviceOptions {
 /// The device as Linux describes it. The advertising identifier is a name-based (SHA-1, version 5)
 /// UUID over the machine id, the application id and a stored salt, so it is stable for one
 /// application on one machine, differs between applications, and changes when reset.
-class LinuxDevice final : public platform::Device {
+class TOVREL_EXPORT LinuxDevice final : public platform::Device {
   public:
     explicit LinuxDevice(LinuxDeviceOptions options = {});
 
@@ -50,6 +51,6 @@ class LinuxDevice final : public platform::Device {
 };
 
 /// A version-5 UUID (upper case, 8-4-4-4-12) for `name` in this backend's namespace. Pure.
-std::string nameBasedIdentifier(const std::string& name);
+TOVREL_EXPORT std::string nameBasedIdentifier(const std::string& name);
 
 }  // namespace tovrel::linuxbackend

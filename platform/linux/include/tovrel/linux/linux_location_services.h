@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/location_sources.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/location.h"
@@ -11,7 +12,7 @@
 namespace tovrel::linuxbackend {
 
 /// What the device's location settings answer; there is no system switch or prompt on Linux.
-struct LocationServicesOptions {
+struct TOVREL_EXPORT LocationServicesOptions {
     bool servicesEnabled = true;
     bool regionMonitoringAvailable = true;
     platform::AuthorizationStatus authorization = platform::AuthorizationStatus::kAuthorizedAlways;
@@ -26,7 +27,7 @@ struct LocationServicesOptions {
 /// own settings (FixFilter) and hands them to its delegate on the main loop, one fix per call; source
 /// errors reach the delegates of the managers whose updates run. Manager settings and starts may be
 /// called from any thread. Thread-safe.
-class LinuxLocationServices final : public platform::LocationServices {
+class TOVREL_EXPORT LinuxLocationServices final : public platform::LocationServices {
   public:
     /// `source` may be null: then no fix ever comes.
     LinuxLocationServices(std::shared_ptr<platform::MainLoop> loop, std::shared_ptr<platform::Clock> clock,

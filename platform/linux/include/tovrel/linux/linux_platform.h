@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "tovrel/curl/curl_options.h"
+#include "tovrel/export.h"
 #include "tovrel/linux/asio_main_loop.h"
 #include "tovrel/linux/dbus_notifications.h"
 #include "tovrel/linux/linux_application.h"
@@ -23,7 +24,7 @@
 namespace tovrel::linuxbackend {
 
 /// Everything a Linux host chooses.
-struct LinuxPlatformOptions {
+struct TOVREL_EXPORT LinuxPlatformOptions {
     /// Names the application: preferences, identifier salt and the notification's desktop entry.
     std::string applicationId = "org.tovrel.host";
     /// The name notifications show.
@@ -48,7 +49,7 @@ struct LinuxPlatformOptions {
 /// Every port on real Linux parts. Keep the concrete parts to drive the loop and the application
 /// life cycle; hand platform() to an Environment. Construct and destroy on the thread that will run
 /// the loop; destroy only after the loop has stopped running.
-struct LinuxPlatform {
+struct TOVREL_EXPORT LinuxPlatform {
     /// On an asio loop of its own (`loop`). Throws std::runtime_error when the preferences cannot be
     /// opened or the replay file read.
     explicit LinuxPlatform(LinuxPlatformOptions options = {});
@@ -82,7 +83,7 @@ struct LinuxPlatform {
 };
 
 /// The libcurl client bound to a loop it keeps alive (the client is destroyed first).
-std::shared_ptr<platform::HttpClient> makeHttpClient(std::shared_ptr<platform::MainLoop> loop,
-                                                     curl::CurlOptions options = {});
+TOVREL_EXPORT std::shared_ptr<platform::HttpClient> makeHttpClient(std::shared_ptr<platform::MainLoop> loop,
+                                                                   curl::CurlOptions options = {});
 
 }  // namespace tovrel::linuxbackend

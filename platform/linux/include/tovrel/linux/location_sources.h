@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/track_files.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/location.h"
@@ -15,7 +16,7 @@ namespace tovrel::linuxbackend {
 inline constexpr int kLocationErrorSourceGaveUp = 2;  ///< reconnect attempts exhausted
 
 /// Where a source puts what it reads. Called on the source's own thread.
-class FixSink {
+class TOVREL_EXPORT FixSink {
   public:
     virtual ~FixSink() = default;
     /// Source thread. A new position (timestamp: when it was read, seconds since 1970).
@@ -25,7 +26,7 @@ class FixSink {
 };
 
 /// A producer of raw fixes on a thread of its own.
-class FixSource {
+class TOVREL_EXPORT FixSource {
   public:
     virtual ~FixSource() = default;
     /// Any thread. Starts producing into `sink` (held weakly); later calls do nothing.
@@ -38,7 +39,7 @@ class FixSource {
     [[nodiscard]] virtual std::string describe() const = 0;
 };
 
-struct GpsdOptions {
+struct TOVREL_EXPORT GpsdOptions {
     std::string host = "127.0.0.1";
     std::string port = "2947";
     /// The first wait before connecting again after a failure; doubled after each failure.
@@ -51,10 +52,10 @@ struct GpsdOptions {
 /// The gpsd options for an address as a user types it: "host", "host:port", "[IPv6]" or
 /// "[IPv6]:port" (a bare IPv6 literal is a host); the port defaults to 2947. Throws
 /// std::invalid_argument, naming what is wrong, for an empty host or a port that is not 1 to 65535.
-GpsdOptions gpsdOptionsForAddress(std::string_view address);
+TOVREL_EXPORT GpsdOptions gpsdOptionsForAddress(std::string_view address);
 /// What is wrong with a gpsd address (as gpsdOptionsForAddress would say), or "" when it is fine:
 /// for command-line checks.
-std::string gpsdAddressProblem(std::string_view address);
+TOVREL_EXPORT std::string gpsdAddressProblem(std::string_view address);
 
 /// Fixes from gpsd (libgps: gps_open, gps_stream with WATCH_JSON, gps_read) on a thread that polls the
 /// daemon's socket together with a stop descriptor. A 2D or 3D TPV report becomes a fix: eph is the
@@ -63,9 +64,10 @@ std::string gpsdAddressProblem(std::string_view address);
 /// sink hears error 0 once per outage; the source reconnects with exponential backoff, and fixes flow
 /// again when the daemon is back. After maxReconnectAttempts failures in a row it reports
 /// kLocationErrorSourceGaveUp and waits for wake().
-std::unique_ptr<FixSource> makeGpsdSource(GpsdOptions options, std::shared_ptr<platform::Clock> clock);
+TOVREL_EXPORT std::unique_ptr<FixSource> makeGpsdSource(GpsdOptions options,
+                                                        std::shared_ptr<platform::Clock> clock);
 
-struct ReplayOptions {
+struct TOVREL_EXPORT ReplayOptions {
     std::filesystem::path file;
     /// 1: the recorded pace; 10: ten times faster.
     double speed = 1;
@@ -78,10 +80,12 @@ struct ReplayOptions {
 /// Fixes replayed from a GPX or NMEA file (loadTrack) at the recorded pace divided by `speed`. Each fix
 /// is stamped with the time it is published; a point without speed or course gets them from its
 /// neighbour, by the recorded times. Throws std::runtime_error when the file cannot be read or parsed.
-std::unique_ptr<FixSource> makeReplaySource(ReplayOptions options, std::shared_ptr<platform::Clock> clock);
+TOVREL_EXPORT std::unique_ptr<FixSource> makeReplaySource(ReplayOptions options,
+                                                          std::shared_ptr<platform::Clock> clock);
 
 /// A replay over points already in memory (tests, generated routes).
-std::unique_ptr<FixSource> makeReplaySource(std::vector<TrackPoint> points, ReplayOptions options,
-                                            std::shared_ptr<platform::Clock> clock);
+TOVREL_EXPORT std::unique_ptr<FixSource> makeReplaySource(std::vector<TrackPoint> points,
+                                                          ReplayOptions options,
+                                                          std::shared_ptr<platform::Clock> clock);
 
 }  // namespace tovrel::linuxbackend

@@ -9,13 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/alerts.h"
 #include "tovrel/platform/log_sink.h"
 #include "tovrel/platform/main_loop.h"
 
 namespace tovrel::linuxbackend {
 
-struct LogOptions {
+struct TOVREL_EXPORT LogOptions {
     /// The program name in each line ("tovrel-host").
     std::string identity = "tovrel";
     /// Where lines go; stderr when null.
@@ -26,7 +27,7 @@ struct LogOptions {
 
 /// The platform log: one line per write, "2025-06-01T12:00:00.123Z tovrel[4242]: <line>", on stderr (or
 /// the given stream), optionally copied to syslog. Thread-safe; lines never interleave.
-class StreamLogSink final : public platform::LogSink {
+class TOVREL_EXPORT StreamLogSink final : public platform::LogSink {
   public:
     explicit StreamLogSink(LogOptions options = {});
     ~StreamLogSink() override;
@@ -42,11 +43,11 @@ class StreamLogSink final : public platform::LogSink {
 };
 
 /// "2025-06-01T12:00:00.123Z" for `secondsSince1970`. Pure.
-std::string formatLogTimestamp(double secondsSince1970);
+TOVREL_EXPORT std::string formatLogTimestamp(double secondsSince1970);
 
 /// Alerts for a host without a screen: each alert is written to the log with its buttons, and the host
 /// (or an operator through it) answers it with answer(). A real dialog comes with a toolkit backend.
-class LogAlertPresenter final : public platform::AlertPresenter {
+class TOVREL_EXPORT LogAlertPresenter final : public platform::AlertPresenter {
   public:
     struct Shown {
         platform::AlertId id = 0;

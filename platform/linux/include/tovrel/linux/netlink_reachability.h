@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/asio_main_loop.h"
 #include "tovrel/platform/background.h"
 #include "tovrel/platform/reachability.h"
@@ -19,7 +20,7 @@ namespace tovrel::linuxbackend {
 /// batch (or a lost-message overrun) every scheduled handle's flags are read again and its callback runs
 /// on the main loop when they changed. The sockets belong to the network namespace of the thread that
 /// made this source.
-class NetlinkReachability final : public platform::ReachabilitySource {
+class TOVREL_EXPORT NetlinkReachability final : public platform::ReachabilitySource {
   public:
     /// Throws std::system_error when the netlink sockets cannot be opened. `background` resolves names;
     /// `watcher` watches the change socket on `loop`'s thread.

@@ -3,12 +3,13 @@
 #include <memory>
 #include <optional>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/linux_location_services.h"
 #include "tovrel/platform/motion.h"
 
 namespace tovrel::linuxbackend {
 
-struct SpeedMotionOptions {
+struct TOVREL_EXPORT SpeedMotionOptions {
     /// Slower than this (m/s) counts as still.
     double stillSpeed = 0.5;
     /// Still for this long (seconds, by fix timestamps) before the activity becomes stationary.
@@ -25,7 +26,7 @@ struct SpeedMotionOptions {
 /// the time between them. Confidence is high in the middle of a speed band, medium within 15 % of its
 /// edges (and for a stationary spell shorter than twice the still period), low for an unknown speed or a
 /// poor fix. update() answers a new activity only when the kind or the confidence changes. Pure.
-class SpeedActivityClassifier {
+class TOVREL_EXPORT SpeedActivityClassifier {
   public:
     explicit SpeedActivityClassifier(SpeedMotionOptions options = {}) : options_(options) {}
     std::optional<platform::MotionActivity> update(const platform::Location& fix);
@@ -40,7 +41,7 @@ class SpeedActivityClassifier {
 /// Motion services on the location source: each started activity manager derives activities from the
 /// source's raw fixes (SpeedActivityClassifier), or passes on the activity that a replayed point
 /// carries. The handler runs on the location source's thread, off the main thread, in order.
-class SpeedMotionServices final : public platform::MotionServices {
+class TOVREL_EXPORT SpeedMotionServices final : public platform::MotionServices {
   public:
     SpeedMotionServices(std::shared_ptr<LinuxLocationServices> location, SpeedMotionOptions options = {});
 

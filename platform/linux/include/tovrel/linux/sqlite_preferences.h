@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/preferences.h"
 
 namespace tovrel::linuxbackend {
@@ -22,7 +23,7 @@ enum class PreferencesDurability {
     kProcessCrash,
 };
 
-struct SqlitePreferencesOptions {
+struct TOVREL_EXPORT SqlitePreferencesOptions {
     PreferencesDurability durability = PreferencesDurability::kPowerLoss;
     /// How long a write waits for another process holding the database.
     int busyTimeoutMilliseconds = 5000;
@@ -32,7 +33,7 @@ struct SqlitePreferencesOptions {
 
 /// The preferences store in an SQLite database (write-ahead log), one row per key with the value as
 /// JSON text. Each setObject/removeObject is one committed transaction when it returns. Thread-safe.
-class SqlitePreferences final : public platform::PreferencesStore {
+class TOVREL_EXPORT SqlitePreferences final : public platform::PreferencesStore {
   public:
     /// Any thread. Opens or creates the database at `file`, creating its directory (mode 0700).
     /// Throws std::runtime_error when the file cannot be opened or set up.

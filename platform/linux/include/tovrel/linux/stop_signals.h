@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/asio_main_loop.h"
 
 namespace tovrel::linuxbackend {
@@ -11,7 +12,7 @@ namespace tovrel::linuxbackend {
 /// hears will-terminate) instead of dying inside a signal handler. Blocks both signals in the thread
 /// that makes it: make it on the main thread before any other thread starts, so that every thread
 /// inherits the mask.
-class StopSignals {
+class TOVREL_EXPORT StopSignals {
   public:
     /// Main thread. Throws std::system_error when the signal descriptor cannot be made.
     StopSignals();

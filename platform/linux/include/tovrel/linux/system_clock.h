@@ -1,11 +1,12 @@
 #pragma once
 
+#include "tovrel/export.h"
 #include "tovrel/platform/clock.h"
 
 namespace tovrel::linuxbackend {
 
 /// The system's wall clock.
-class SystemClock final : public platform::Clock {
+class TOVREL_EXPORT SystemClock final : public platform::Clock {
   public:
     /// Any thread. Seconds since 1970 from the system clock.
     [[nodiscard]] double now() const override;

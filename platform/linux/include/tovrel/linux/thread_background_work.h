@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/background.h"
 
 namespace tovrel::linuxbackend {
@@ -11,7 +12,7 @@ namespace tovrel::linuxbackend {
 /// background-priority queue that takes tasks in submission order (so they start in that order and
 /// run concurrently). Every thread is tracked: shutdown() waits for the detached threads and for the
 /// queued tasks, so no task outlives the objects it was handed.
-class ThreadBackgroundWork final : public platform::BackgroundWork {
+class TOVREL_EXPORT ThreadBackgroundWork final : public platform::BackgroundWork {
   public:
     /// `queueThreads`: workers of the background-priority queue (at least 1). They run at a lower
     /// scheduling priority (nice 10) than the main thread.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/alerts.h"
 #include "tovrel/platform/main_loop.h"
 
@@ -21,7 +22,7 @@ class QtViewSystem;
 /// side by side with the cancel button on the left; more are stacked with the cancel button last.
 /// An alert without buttons (a toast) waits for dismiss(). Alerts shown together stack, the newest
 /// on top. Main thread only.
-class QtAlertPresenter final : public platform::AlertPresenter {
+class TOVREL_EXPORT QtAlertPresenter final : public platform::AlertPresenter {
   public:
     /// The view system is kept by weak reference.
     explicit QtAlertPresenter(const std::shared_ptr<QtViewSystem>& views);

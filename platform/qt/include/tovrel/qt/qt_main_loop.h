@@ -4,6 +4,7 @@
 #include <QPointer>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/asio_main_loop.h"
 #include "tovrel/platform/main_loop.h"
 
@@ -13,7 +14,7 @@ namespace tovrel::qtbackend {
 /// main thread. Posted tasks become queued events of one receiver, which Qt delivers in posting order
 /// whatever thread posted them; timers are QTimers that the loop owns; descriptors are watched with
 /// QSocketNotifier. Linux parts (netlink reachability) watch their sockets through DescriptorWatcher.
-class QtMainLoop final : public platform::MainLoop, public linuxbackend::DescriptorWatcher {
+class TOVREL_EXPORT QtMainLoop final : public platform::MainLoop, public linuxbackend::DescriptorWatcher {
   public:
     /// Main thread (a QCoreApplication must exist).
     QtMainLoop();

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/qt/qt_views.h"
 #include "tovrel/viewtree/reuse_pool.h"
 
@@ -21,13 +22,13 @@ class QNetworkAccessManager;
 namespace tovrel::qtbackend {
 
 /// The coordinate of a map point: the inverse of platform::mapPointForCoordinate.
-platform::Coordinate coordinateForMapPoint(const platform::MapPoint& point);
+TOVREL_EXPORT platform::Coordinate coordinateForMapPoint(const platform::MapPoint& point);
 /// Map points per metre at `latitude` (the Mercator scale grows towards the poles).
-double mapPointsPerMetreAtLatitude(double latitude);
+TOVREL_EXPORT double mapPointsPerMetreAtLatitude(double latitude);
 
 /// What a map shows: a centre in map points and a scale in map points per screen point, on a view of
 /// a given size. Everything the map draws and reports goes through here.
-class MapCamera {
+class TOVREL_EXPORT MapCamera {
   public:
     /// The closest and the farthest the map zooms, in map points per screen point.
     static constexpr double kMinimumScale = 0.5;
@@ -66,7 +67,7 @@ class QtMapView;
 
 /// The view of one pin: its image (a resource name, or the default red pin) with the tip at the
 /// annotation's coordinate, and the callout's accessory views.
-class QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
+class TOVREL_EXPORT QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
   public:
     QtAnnotationView(std::shared_ptr<QtViewContext> context, std::shared_ptr<platform::Annotation> annotation,
                      std::string reuseIdentifier);
@@ -110,7 +111,7 @@ class QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
 /// dot. Dragging pans, the wheel zooms. The delegate is asked for an annotation's view when the
 /// annotation is added and for an overlay's view when the overlay is added; removed annotations'
 /// views are set aside for reuse.
-class QtMapView final : public QtViewOf<platform::MapView> {
+class TOVREL_EXPORT QtMapView final : public QtViewOf<platform::MapView> {
   public:
     /// How much decoded tile data a map keeps (48 MiB: about 190 tiles of 256 × 256).
     static constexpr int kTileCacheKiB = 48 * 1024;

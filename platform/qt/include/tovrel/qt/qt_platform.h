@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/linux/linux_platform.h"
 #include "tovrel/platform/platform.h"
 #include "tovrel/qt/qt_alerts.h"
@@ -10,7 +11,7 @@
 
 namespace tovrel::qtbackend {
 
-struct QtPlatformOptions {
+struct TOVREL_EXPORT QtPlatformOptions {
     /// The Linux parts: HTTP, preferences, positions, reachability, notifications.
     linuxbackend::LinuxPlatformOptions linuxParts{};
     QtViewSystem::Options views{};
@@ -20,7 +21,7 @@ struct QtPlatformOptions {
 /// alerts are Qt's, and the rest are the Linux parts running on that loop (libcurl, SQLite, gpsd or
 /// a replay, rtnetlink, D-Bus notifications). Construct and destroy on the QApplication's thread,
 /// after the QApplication; destroy before it.
-struct QtPlatform {
+struct TOVREL_EXPORT QtPlatform {
     /// Throws as LinuxPlatform does.
     explicit QtPlatform(QtPlatformOptions options = {});
     ~QtPlatform();

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
@@ -25,10 +26,10 @@ struct QtViewContext;
 class QtViewSystem;
 
 /// The QColor of a port colour.
-QColor toQColor(const platform::Color& color);
+TOVREL_EXPORT QColor toQColor(const platform::Color& color);
 
 /// A widget that fills itself with an optional background colour and then paints its content.
-class BackedWidget : public QWidget {
+class TOVREL_EXPORT BackedWidget : public QWidget {
     Q_OBJECT
   public:
     explicit BackedWidget(QWidget* parent = nullptr);
@@ -47,7 +48,7 @@ class BackedWidget : public QWidget {
 /// z-position, hidden, alpha, transform, background) is kept here and shown through the view's widget, whose
 /// parent widget is the superview's content widget and whose stacking follows the z-positions (ties by order
 /// of adding). Main thread only.
-class QtViewCore : public viewtree::ViewNode {
+class TOVREL_EXPORT QtViewCore : public viewtree::ViewNode {
   public:
     ~QtViewCore() override;
 
@@ -113,7 +114,7 @@ class QtViewCore : public viewtree::ViewNode {
 };
 
 /// The core of `view`, or null for a view of another kind.
-QtViewCore* qtCore(const platform::View* view);
+TOVREL_EXPORT QtViewCore* qtCore(const platform::View* view);
 
 /// The View operations of every Qt kind, over QtViewCore.
 template <class Interface>
@@ -161,12 +162,12 @@ class QtViewOf : public Interface, public QtViewCore {
 };
 
 /// A plain view (and the key window).
-class QtView final : public QtViewOf<platform::View> {
+class TOVREL_EXPORT QtView final : public QtViewOf<platform::View> {
   public:
     QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
 };
 
-class QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorView> {
+class TOVREL_EXPORT QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorView> {
   public:
     QtActivityIndicator(std::shared_ptr<QtViewContext> context, platform::ActivityIndicatorStyle style);
     [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
@@ -182,7 +183,7 @@ class QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorVie
     bool animating_ = false;
 };
 
-class QtButton final : public QtViewOf<platform::Button> {
+class TOVREL_EXPORT QtButton final : public QtViewOf<platform::Button> {
   public:
     QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type, const platform::Rect& frame);
     [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
@@ -214,7 +215,7 @@ class QtButton final : public QtViewOf<platform::Button> {
     std::function<void()> controlHook_;
 };
 
-class QtLabel final : public QtViewOf<platform::Label> {
+class TOVREL_EXPORT QtLabel final : public QtViewOf<platform::Label> {
   public:
     QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] std::string text() const override { return text_; }
@@ -239,7 +240,7 @@ class QtLabel final : public QtViewOf<platform::Label> {
 };
 
 /// A bar with the top item's title in the middle and its left bar button's view on the left.
-class QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
+class TOVREL_EXPORT QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
   public:
     QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
@@ -259,7 +260,7 @@ class QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
     std::shared_ptr<platform::View> shownLeftView_;
 };
 
-class QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
+class TOVREL_EXPORT QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
   public:
     QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                     std::string reuseIdentifier);
@@ -293,7 +294,7 @@ class QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
 /// A one-section table: every row's cell stacked 44 points high in a scrolling content widget, the
 /// section footer below them, then the table footer. reloadData sets the shown cells aside for reuse
 /// in row order, so each row gets its own cell back.
-class QtTableView final : public QtViewOf<platform::TableView> {
+class TOVREL_EXPORT QtTableView final : public QtViewOf<platform::TableView> {
   public:
     QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] QWidget* contentWidget() const override;
@@ -344,7 +345,7 @@ class QtTableView final : public QtViewOf<platform::TableView> {
 class QtWebView;
 
 /// A web view's zoom, shown as the page's zoom factor.
-class QtScrollView final : public platform::ScrollView {
+class TOVREL_EXPORT QtScrollView final : public platform::ScrollView {
   public:
     explicit QtScrollView(QtWebView& owner) : owner_(owner) {}
     [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
@@ -370,7 +371,7 @@ class QtScrollView final : public platform::ScrollView {
 /// a load reports its start on the next turn of the loop and its end once the page's size is known.
 /// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
 /// ignore caches, and its timeout stops a load that takes longer (reported as a failure).
-class QtWebView final : public QtViewOf<platform::WebView> {
+class TOVREL_EXPORT QtWebView final : public QtViewOf<platform::WebView> {
   public:
     QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     ~QtWebView() override;
@@ -428,7 +429,7 @@ class QtWebView final : public QtViewOf<platform::WebView> {
 /// The toolkit on QWidgets: a fixed phone-sized top-level window as the key window, views that are
 /// widgets, pages on Qt WebEngine, a map drawn by the project, modal presentation over the window and
 /// images from the resource bundle. Main thread only, except pathForResource.
-class QtViewSystem final : public platform::ViewSystem {
+class TOVREL_EXPORT QtViewSystem final : public platform::ViewSystem {
   public:
     struct Options {
         /// The portrait screen, in points (one point is one pixel).

@@ -3,6 +3,7 @@
 #include <memory>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
 
@@ -10,7 +11,7 @@ namespace tovrel::viewtree {
 
 /// What the views of one view system share: which views are the roots of the screen, and the main
 /// loop that carries the did-events to a later turn.
-class ScreenRoots {
+class TOVREL_EXPORT ScreenRoots {
   public:
     virtual ~ScreenRoots() = default;
     /// Main thread. Whether `view` is the key window or a view presented over it.
@@ -23,7 +24,7 @@ class ScreenRoots {
 /// while it hangs under a screen root. A view that comes on (or goes off) the screen tells itself
 /// and everything under it at once (the will-event) and again on the next turn of the loop (the
 /// did-event), which a view that has gone back meanwhile does not hear. Main thread only.
-class ViewNode {
+class TOVREL_EXPORT ViewNode {
   public:
     virtual ~ViewNode() = default;
     ViewNode(const ViewNode&) = delete;
@@ -70,6 +71,6 @@ class ViewNode {
 };
 
 /// The node of `view`, or null for a view that is not made of one.
-ViewNode* viewNode(const platform::View* view);
+TOVREL_EXPORT ViewNode* viewNode(const platform::View* view);
 
 }  // namespace tovrel::viewtree

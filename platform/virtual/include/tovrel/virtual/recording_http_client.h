@@ -9,13 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/virtual/virtual_scheduler.h"
 
 namespace tovrel::virtualbackend {
 
 /// One request the component made.
-struct RecordedRequest {
+struct TOVREL_EXPORT RecordedRequest {
     std::uint64_t id = 0;
     std::string method;
     std::string url;
@@ -27,7 +28,7 @@ struct RecordedRequest {
 };
 
 /// How a request is answered: a status and body, or a transport error.
-struct Reply {
+struct TOVREL_EXPORT Reply {
     int status = 200;
     std::string body;
     std::string contentType = "application/json";
@@ -44,8 +45,8 @@ struct Reply {
 
 /// Sees every request and every outcome (for timelines and event logs). Called on the thread that
 /// made the request or delivered the answer.
-class HttpListener {
-public:
+class TOVREL_EXPORT HttpListener {
+  public:
     virtual ~HttpListener() = default;
     virtual void onRequest(const RecordedRequest& request) = 0;
     virtual void onResponse(const RecordedRequest& request, int status, const std::string& body,
@@ -56,8 +57,8 @@ public:
 /// a forwarding client sends it to a real server (the virtual clock waits while it is in flight);
 /// a responder answers it at once; or it waits until the test calls respond() or fail(). Answers to
 /// JSON POSTs get exactly the libcurl client's treatment (2xx with a JSON body, else an error).
-class RecordingHttpClient final : public platform::HttpClient {
-public:
+class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
+  public:
     using Responder = std::function<std::optional<Reply>(const RecordedRequest&)>;
 
     explicit RecordingHttpClient(std::shared_ptr<VirtualScheduler> scheduler);
@@ -106,8 +107,8 @@ private:
 };
 
 /// The path of `url`: "http://host:8080/v1/log?x" → "/v1/log".
-std::string pathOf(const std::string& url);
+TOVREL_EXPORT std::string pathOf(const std::string& url);
 /// The "host:port" of `url`.
-std::string hostPortOf(const std::string& url);
+TOVREL_EXPORT std::string hostPortOf(const std::string& url);
 
 }  // namespace tovrel::virtualbackend

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/main_loop.h"
@@ -16,7 +17,7 @@ namespace tovrel::virtualbackend {
 /// What one location manager made by VirtualLocationServices has been told, as a test reads it.
 /// The defaults are the platform's: best accuracy, no distance filter (-1), activity "other", pausing
 /// allowed.
-struct LocationProviderRecord {
+struct TOVREL_EXPORT LocationProviderRecord {
     std::uint64_t id = 0;  ///< 1, 2, ... in creation order
     double desiredAccuracy = platform::accuracy::kBest;
     double distanceFilter = -1;
@@ -47,7 +48,7 @@ struct LocationProviderRecord {
 /// least 500 m from that last fix. Starting updates delivers the current position at once.
 ///
 /// Settings may be changed from any thread; the scripting and inspection calls are thread-safe.
-class VirtualLocationServices final : public platform::LocationServices {
+class TOVREL_EXPORT VirtualLocationServices final : public platform::LocationServices {
   public:
     /// Distance a significant-change-only manager needs before it reports a move.
     static constexpr double kSignificantChangeMeters = 500;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/background.h"
 #include "tovrel/platform/motion.h"
 
@@ -11,7 +12,7 @@ namespace tovrel::virtualbackend {
 /// Motion services on the virtual backend: the test scripts activities, and every started activity
 /// manager's handler receives each one off the main thread, through the background queue, in order.
 /// Thread-safe.
-class VirtualMotionServices final : public platform::MotionServices {
+class TOVREL_EXPORT VirtualMotionServices final : public platform::MotionServices {
   public:
     /// `background` is held weakly (the loop usually owns the component, which owns the managers).
     explicit VirtualMotionServices(const std::shared_ptr<platform::BackgroundWork>& background);

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/platform.h"
 #include "tovrel/virtual/recording_http_client.h"
 #include "tovrel/virtual/virtual_location.h"
@@ -14,7 +15,7 @@ namespace tovrel::virtualbackend {
 
 /// Every port of one simulated device, on one virtual clock. Keep the concrete parts to drive and
 /// inspect them; hand platform() to an Environment.
-struct VirtualPlatform {
+struct TOVREL_EXPORT VirtualPlatform {
     explicit VirtualPlatform(double startTime = 1'750'000'000.0);
 
     [[nodiscard]] platform::Platform platform() const;

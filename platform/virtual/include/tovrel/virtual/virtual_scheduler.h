@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/background.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/main_loop.h"
@@ -21,8 +22,10 @@ namespace tovrel::virtualbackend {
 ///
 /// The clock moves only when the driver asks (fastForwardBy) and only while the loop is idle and no
 /// external work (a real HTTP request) is in flight.
-class VirtualScheduler final : public platform::MainLoop, public platform::Clock, public platform::BackgroundWork {
-public:
+class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
+                                             public platform::Clock,
+                                             public platform::BackgroundWork {
+  public:
     /// `startTime`: the virtual clock's first reading, in seconds since 1970.
     explicit VirtualScheduler(double startTime = 1'750'000'000.0);
     ~VirtualScheduler() override;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/alerts.h"
 #include "tovrel/platform/application.h"
 #include "tovrel/platform/device.h"
@@ -19,8 +20,8 @@
 namespace tovrel::virtualbackend {
 
 /// Preferences kept in memory.
-class InMemoryPreferences final : public platform::PreferencesStore {
-public:
+class TOVREL_EXPORT InMemoryPreferences final : public platform::PreferencesStore {
+  public:
     [[nodiscard]] std::optional<nlohmann::json> objectForKey(std::string_view key) const override;
     void setObject(std::string_view key, const nlohmann::json& value) override;
     void removeObject(std::string_view key) override;
@@ -34,8 +35,8 @@ private:
 };
 
 /// A device whose facts the test sets.
-class VirtualDevice final : public platform::Device {
-public:
+class TOVREL_EXPORT VirtualDevice final : public platform::Device {
+  public:
     [[nodiscard]] std::string model() const override;
     [[nodiscard]] std::string systemName() const override;
     [[nodiscard]] std::string systemVersion() const override;
@@ -53,8 +54,8 @@ private:
 };
 
 /// The host application: its state, badge and opened URLs; the test drives its life cycle.
-class VirtualApplication final : public platform::Application {
-public:
+class TOVREL_EXPORT VirtualApplication final : public platform::Application {
+  public:
     [[nodiscard]] platform::ApplicationState applicationState() const override;
     [[nodiscard]] long applicationIconBadgeNumber() const override;
     void setApplicationIconBadgeNumber(long number) override;
@@ -92,8 +93,8 @@ private:
 };
 
 /// Local notifications, recorded.
-class VirtualNotifications final : public platform::LocalNotifications {
-public:
+class TOVREL_EXPORT VirtualNotifications final : public platform::LocalNotifications {
+  public:
     void presentLocalNotificationNow(const platform::LocalNotification& notification) override;
     void scheduleLocalNotification(const platform::LocalNotification& notification) override;
     [[nodiscard]] std::vector<platform::LocalNotification> scheduledLocalNotifications() const override;
@@ -116,8 +117,8 @@ private:
 
 /// Reachability with scripted flags. Handles are keyed by the host name, or by the dotted address
 /// ("0.0.0.0" for the Internet monitor).
-class VirtualReachability final : public platform::ReachabilitySource {
-public:
+class TOVREL_EXPORT VirtualReachability final : public platform::ReachabilitySource {
+  public:
     explicit VirtualReachability(std::shared_ptr<platform::MainLoop> loop);
     std::unique_ptr<platform::ReachabilityHandle> createWithName(const std::string& name) override;
     std::unique_ptr<platform::ReachabilityHandle> createWithAddress(const platform::Ipv4SocketAddress& address) override;
@@ -138,8 +139,8 @@ private:
 };
 
 /// Alerts, recorded; the test presses their buttons.
-class RecordingAlerts final : public platform::AlertPresenter {
-public:
+class TOVREL_EXPORT RecordingAlerts final : public platform::AlertPresenter {
+  public:
     struct Shown {
         platform::AlertId id;
         platform::AlertSpec alert;
@@ -162,8 +163,8 @@ private:
 };
 
 /// Log lines, recorded (and echoed to stderr when asked).
-class RecordingLog final : public platform::LogSink {
-public:
+class TOVREL_EXPORT RecordingLog final : public platform::LogSink {
+  public:
     void write(std::string_view line) override;
     [[nodiscard]] std::vector<std::string> lines() const;
     /// True when some line contains `text`.

@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
@@ -20,20 +21,20 @@ struct VirtualPlatform;
 struct ViewContext;
 
 /// One property set inside an animation block, with the value it animates to.
-struct AnimatedChange {
+struct TOVREL_EXPORT AnimatedChange {
     std::weak_ptr<platform::View> view;
     std::string property;  ///< "alpha", "hidden", "frame", "transform"
     std::variant<double, bool, platform::Rect, platform::Transform> value;
 };
 
 /// One animation block as the component ran it.
-struct AnimationBlock {
+struct TOVREL_EXPORT AnimationBlock {
     platform::ViewAnimation animation;
     std::vector<AnimatedChange> changes;
 };
 
 /// One modal presentation, kept after it is dismissed.
-struct PresentationRecord {
+struct TOVREL_EXPORT PresentationRecord {
     std::shared_ptr<platform::View> view;
     platform::ModalPresentation presentation;
     platform::PresentationContext rootContext;  ///< the root's settings when it was presented
@@ -43,7 +44,7 @@ struct PresentationRecord {
 
 /// State shared by every virtual view kind, over the common view tree. Single-threaded: the main
 /// thread only.
-class VirtualViewCore : public viewtree::ViewNode {
+class TOVREL_EXPORT VirtualViewCore : public viewtree::ViewNode {
   public:
     [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
     [[nodiscard]] int layoutCount() const { return layoutCount_; }
@@ -129,12 +130,12 @@ class VirtualViewOf : public Interface, public VirtualViewCore {
 };
 
 /// A plain view (and the key window).
-class VirtualView final : public VirtualViewOf<platform::View> {
+class TOVREL_EXPORT VirtualView final : public VirtualViewOf<platform::View> {
   public:
     using VirtualViewOf::VirtualViewOf;
 };
 
-class VirtualScrollView final : public platform::ScrollView {
+class TOVREL_EXPORT VirtualScrollView final : public platform::ScrollView {
   public:
     [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
     [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
@@ -157,7 +158,7 @@ class VirtualScrollView final : public platform::ScrollView {
 /// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
 /// a browser shows an error page), a transport failure fails it. The page's content size is the
 /// one set for its address on the ViewSystem, else the view's size.
-class VirtualWebView final : public VirtualViewOf<platform::WebView> {
+class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebView> {
   public:
     using VirtualViewOf::VirtualViewOf;
 
@@ -201,7 +202,7 @@ class VirtualWebView final : public VirtualViewOf<platform::WebView> {
     int stopLoadingCount_ = 0;
 };
 
-class VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIndicatorView> {
+class TOVREL_EXPORT VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIndicatorView> {
   public:
     VirtualActivityIndicator(std::shared_ptr<ViewContext> context, platform::ActivityIndicatorStyle style);
     [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
@@ -217,7 +218,7 @@ class VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIn
     bool animating_ = false;
 };
 
-class VirtualButton final : public VirtualViewOf<platform::Button> {
+class TOVREL_EXPORT VirtualButton final : public VirtualViewOf<platform::Button> {
   public:
     VirtualButton(std::shared_ptr<ViewContext> context, platform::ButtonType type,
                   const platform::Rect& frame)
@@ -246,7 +247,7 @@ class VirtualButton final : public VirtualViewOf<platform::Button> {
     std::function<void()> action_;
 };
 
-class VirtualLabel final : public VirtualViewOf<platform::Label> {
+class TOVREL_EXPORT VirtualLabel final : public VirtualViewOf<platform::Label> {
   public:
     using VirtualViewOf::VirtualViewOf;
     [[nodiscard]] std::string text() const override { return text_; }
@@ -268,7 +269,7 @@ class VirtualLabel final : public VirtualViewOf<platform::Label> {
     platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
 };
 
-class VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar> {
+class TOVREL_EXPORT VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar> {
   public:
     using VirtualViewOf::VirtualViewOf;
     [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
@@ -282,7 +283,7 @@ class VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar>
     std::vector<std::shared_ptr<platform::NavigationItem>> items_;
 };
 
-class VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell> {
+class TOVREL_EXPORT VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell> {
   public:
     VirtualTableViewCell(std::shared_ptr<ViewContext> context, platform::TableViewCellStyle style,
                          std::string reuseIdentifier);
@@ -311,7 +312,7 @@ class VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell>
 
 /// A table whose rows (of section 0) are all on screen. reloadData sets the shown cells aside for
 /// reuse in row order, so each row gets its own cell back.
-class VirtualTableView final : public VirtualViewOf<platform::TableView> {
+class TOVREL_EXPORT VirtualTableView final : public VirtualViewOf<platform::TableView> {
   public:
     using VirtualViewOf::VirtualViewOf;
     void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
@@ -359,7 +360,7 @@ class VirtualTableView final : public VirtualViewOf<platform::TableView> {
     int reloadCount_ = 0;
 };
 
-class VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationView> {
+class TOVREL_EXPORT VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationView> {
   public:
     VirtualAnnotationView(std::shared_ptr<ViewContext> context,
                           std::shared_ptr<platform::Annotation> annotation, std::string reuseIdentifier);
@@ -394,7 +395,7 @@ class VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationVie
 
 /// A map that asks its delegate for an annotation's view when the annotation is added, and for an
 /// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
-class VirtualMapView final : public VirtualViewOf<platform::MapView> {
+class TOVREL_EXPORT VirtualMapView final : public VirtualViewOf<platform::MapView> {
   public:
     VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
 
@@ -490,7 +491,7 @@ class VirtualMapView final : public VirtualViewOf<platform::MapView> {
 /// The in-memory toolkit: a key window the size of the screen, a device the test rotates, pages
 /// loaded through the HTTP port, and records of animations and presentations. Main thread only.
 /// It keeps the loop and the HTTP client by weak reference: their owner keeps them alive.
-class VirtualViewSystem final : public platform::ViewSystem {
+class TOVREL_EXPORT VirtualViewSystem final : public platform::ViewSystem {
   public:
     VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
                       const std::shared_ptr<platform::HttpClient>& http);
@@ -570,7 +571,7 @@ class VirtualViewSystem final : public platform::ViewSystem {
 };
 
 /// The virtual view system of `platform` (its `views` port).
-VirtualViewSystem& virtualViews(const VirtualPlatform& platform);
+TOVREL_EXPORT VirtualViewSystem& virtualViews(const VirtualPlatform& platform);
 
 /// `view` as the virtual kind T, or null.
 template <class T>

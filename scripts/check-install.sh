@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# Checks Tovrel as a user gets it, from a build of the shared libraries (the `release` preset):
+#  1. `cmake --install` into a temporary prefix; each shared library has a SONAME and exports only the
+#     public API (names in tovrel::, the C interface's tovrel_*);
+#  2. the embedding examples build against that prefix alone: with find_package(Tovrel), with
+#     pkg-config only, the C host and the Qt host;
+#  3. they run against the installed tovrel-server on 127.0.0.1, and so do the Python package's tests;
+#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    echo "Usage: scripts/check-install.sh [BUILD_DIR]   (default build/release; configure it with --preset release)"
+}
+[[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
+build="${1:-build/release}"
+[[ -f "$build/CMakeCache.txt" ]] || { usage >&2; exit 2; }
+
+work=$(mktemp -d)
+server_pid=""
+cleanup() {
+    [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+    rm -rf "$work"
+}
+trap cleanup EXIT
+fail() { echo "check-install: $*" >&2; exit 1; }
+step() { echo "-- $*"; }
+
+prefix="$work/prefix"
+step "install into $prefix"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+libdir=$(find "$prefix" -name 'libtovrel.so' -printf '%h\n' | head -1)
+[[ -n "$libdir" ]] || fail "no libtovrel.so installed"
+
+step "shared libraries: SONAME and exported names"
+for lib in "$libdir"/libtovrel*.so.[0-9]*.*; do
+    name=$(basename "$lib")
+    soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
+    [[ "$soname" == "${name%%.so.*}.so.1" ]] || fail "$name: SONAME '$soname'"
+    # Every defined dynamic symbol names Tovrel's API: a tovrel:: entity (or its vtable, typeinfo, a
+    # template instantiated over one) or a tovrel_ function of the C interface.
+    stray=$(nm -D --defined-only -C "$lib" | cut -d' ' -f3- | grep -v 'tovrel' | grep -vE '^(_init|_fini|TOVREL_[0-9]+)$' || true)
+    [[ -z "$stray" ]] || fail "$name exports names outside the public API:"$'\n'"$(head -20 <<<"$stray")"
+    printf '   %-28s %-22s %6d symbols, %s\n' "$name" "$soname" "$(nm -D --defined-only "$lib" | wc -l)" \
+        "$(du -h "$lib" | cut -f1)"
+done
+internal=$(nm -D --defined-only -C "$libdir/libtovrel.so" | grep -E 'tovrel::targeting::|tovrel::(formatF|logLine)\b' || true)
+[[ -z "$internal" ]] || fail "libtovrel.so exports internals:"$'\n'"$internal"
+
+export CMAKE_PREFIX_PATH="$prefix"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+step "consumer with find_package(Tovrel COMPONENTS linux)"
+cmake -S examples/embedding/cpp-host -B "$work/cpp-host" -DCMAKE_BUILD_TYPE=Release >"$work/consumer.log"
+cmake --build "$work/cpp-host" -j2 >>"$work/consumer.log" || { cat "$work/consumer.log"; fail "cpp-host did not build"; }
+step "the same host with pkg-config only"
+make -s -C examples/embedding/cpp-host OUT="$work/cpp-host-pkgconfig" CXXFLAGS="-O1 -Wall -Wextra -Werror"
+if [[ -f "$prefix/include/tovrel/tovrel.h" ]]; then
+    step "C host (pkg-config tovrel-c)"
+    make -s -C examples/embedding/c-host OUT="$work/c-host" CFLAGS="-O1 -Wall -Wextra -Werror"
+fi
+if [[ -f "$libdir/libtovrel-qt.so" ]]; then
+    step "Qt host with find_package(Tovrel COMPONENTS qt)"
+    cmake -S examples/embedding/qt-host -B "$work/qt-host" -DCMAKE_BUILD_TYPE=Release >"$work/qt.log"
+    cmake --build "$work/qt-host" -j2 >>"$work/qt.log" || { cat "$work/qt.log"; fail "qt-host did not build"; }
+fi
+
+step "installed tovrel-server on 127.0.0.1"
+"$prefix/bin/tovrel-server" --version || true
+data="$prefix/share/tovrel"
+"$prefix/bin/tovrel-server" import "$data/places/munich.geojson" --db "$work/service.db" >/dev/null
+"$prefix/bin/tovrel-server" serve --db "$work/service.db" --listen 127.0.0.1:0 --content "$data/content" \
+    >"$work/server.out" 2>"$work/server.err" &
+server_pid=$!
+for _ in $(seq 100); do
+    port=$(grep -oE '127\.0\.0\.1:[0-9]+' "$work/server.out" | head -1 | cut -d: -f2 || true)
+    [[ -n "$port" ]] && break
+    sleep 0.1
+done
+[[ -n "${port:-}" ]] || { cat "$work/server.err"; fail "tovrel-server did not start"; }
+service="http://127.0.0.1:$port"
+route="$data/routes/drive-in.gpx"
+
+export XDG_DATA_HOME="$work/xdg"
+run_host() {
+    local name=$1
+    shift
+    if ! timeout 60 "$@" >"$work/$name.log" 2>&1; then
+        tail -30 "$work/$name.log"
+        fail "$name failed"
+    fi
+    echo "   $name: $(tail -1 "$work/$name.log"), $(grep -c '^notification' "$work/$name.log" || true) notifications"
+}
+run_host cpp-host "$work/cpp-host/cpp-host" "$service" demo-key "$route" 6 60
+run_host cpp-host-pkgconfig "$work/cpp-host-pkgconfig" "$service" demo-key "$route" 3 60
+[[ -x "$work/c-host" ]] && run_host c-host "$work/c-host" "$service" demo-key "$route" 6 60
+[[ -x "$work/qt-host/qt-host" ]] &&
+    QT_QPA_PLATFORM=offscreen QTWEBENGINE_DISABLE_SANDBOX=1 run_host qt-host "$work/qt-host/qt-host" "$service" demo-key "$route" 4
+python_dir=$(find "$prefix" -type d -path '*-packages/tovrel' -printf '%h\n' | head -1)
+if [[ -n "$python_dir" ]]; then
+    step "Python package from the prefix ($python_dir)"
+    PYTHONPATH="$python_dir" TOVREL_SERVICE_URL="$service" TOVREL_ROUTE="$route" \
+        timeout 300 python3 examples/embedding/python-host/host.py "$service" demo-key "$route" 6 >"$work/python.log" 2>&1 ||
+        { cat "$work/python.log"; fail "python-host failed"; }
+    echo "   python-host: $(tail -1 "$work/python.log")"
+    PYTHONPATH="$python_dir" TOVREL_SERVER="$prefix/bin/tovrel-server" TOVREL_DATA_DIR="$data" \
+        timeout 600 python3 -m pytest -q -p no:cacheprovider bindings/python/tests
+fi
+
+step "Debian packages"
+(cd "$build" && cpack -G DEB >"$work/cpack.log" 2>&1) || { tail -30 "$work/cpack.log"; fail "cpack failed"; }
+root="$work/root"
+mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info"
+touch "$root/var/lib/dpkg/status"
+for deb in "$build"/*.deb; do
+    printf '   %-50s %s\n' "$(basename "$deb")" "$(du -h "$deb" | cut -f1)"
+done
+# The packages' dependencies (libcurl, Qt, ...) are this machine's; only Tovrel's go into the root.
+dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null -i "$build"/*.deb \
+    >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; fail "the packages did not install"; }
+"$root/usr/bin/tovrel-sim" --version
+"$root/usr/bin/tovrel-server" --version
+[[ -f "$root/usr/share/man/man1/tovrel-sim.1.gz" || -f "$root/usr/share/man/man1/tovrel-sim.1" ]] ||
+    fail "no man page for tovrel-sim in the package"
+echo "check-install: all good"
