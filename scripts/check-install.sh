@@ -65,7 +65,7 @@ if [[ -f "$libdir/libtovrel-qt.so" ]]; then
 fi
 
 step "installed tovrel-server on 127.0.0.1"
-"$prefix/bin/tovrel-server" --version || true
+"$prefix/bin/tovrel-server" --version
 data="$prefix/share/tovrel"
 "$prefix/bin/tovrel-server" import "$data/places/munich.geojson" --db "$work/service.db" >/dev/null
 "$prefix/bin/tovrel-server" serve --db "$work/service.db" --listen 127.0.0.1:0 --content "$data/content" \

@@ -7,7 +7,8 @@ namespace tovrel_server {
 
 ListenAddress parseListenAddress(const std::string& text) {
     const std::size_t colon = text.rfind(':');
-    if (colon == std::string::npos) {
+    const std::size_t bracket = text.rfind(']');
+    if (colon == std::string::npos || (bracket != std::string::npos && colon < bracket)) {
         throw std::invalid_argument("listen address \"" + text +
                                     "\" lacks a port (use HOST:PORT, e.g. 127.0.0.1:8080)");
     }

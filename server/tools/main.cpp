@@ -7,8 +7,10 @@
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "listen_address.h"
+#include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
 namespace {
@@ -81,6 +83,7 @@ int report(const std::string& db, bool asJson) {
 
 int main(int argc, char** argv) {
     CLI::App app{"tovrel-server: the self-hostable back-end of the Tovrel location service"};
+    tovrel::tools::addVersionFlag(app, "tovrel-server");
     app.require_subcommand(1);
 
     std::string db;
@@ -96,7 +99,15 @@ int main(int argc, char** argv) {
     int timeout = 30;
     addDb(serveCmd);
     serveCmd->add_option("--listen", listen, "HOST:PORT to listen on ([::1]:8080 for IPv6)")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check([](const std::string& text) {
+            try {
+                parseListenAddress(text);
+                return std::string();
+            } catch (const std::invalid_argument& error) {
+                return std::string(error.what());
+            }
+        });
     serveCmd->add_option("--content", content, "Folder of static pages (appcontent/, media/)")
         ->check(CLI::ExistingDirectory);
     serveCmd->add_option("--threads", threads, "HTTP worker threads")
@@ -128,7 +139,9 @@ int main(int argc, char** argv) {
     addDb(reportCmd);
     reportCmd->add_flag("--json", asJson, "Print JSON instead of tables");
 
-    CLI11_PARSE(app, argc, argv);
+    if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
 
     try {
         if (serveCmd->parsed()) {

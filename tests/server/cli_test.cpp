@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "test_support.h"
+#include "tovrel/version.h"
 
 namespace tovrel_server::test {
 namespace {
@@ -50,12 +51,18 @@ TEST_F(CommandLine, EveryCommandHasHelp) {
         EXPECT_NE(r.output.find("Usage"), std::string::npos) << r.output;
     }
     EXPECT_NE(run("import --help").output.find("--db"), std::string::npos);
+    const CommandResult version = run("--version");
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.output, "tovrel-server " + std::string(tovrel::kVersion) + "\n");
 }
 
-TEST_F(CommandLine, DatabaseIsRequired) {
-    const CommandResult r = run("report");
-    EXPECT_NE(r.exitCode, 0);
-    EXPECT_NE(r.output.find("--db"), std::string::npos) << r.output;
+TEST_F(CommandLine, UsageErrorsExitWithTwo) {
+    for (const std::string command :
+         {"", "report", "serve --db x --threads 0", "apps", "frobnicate", "report --db"}) {
+        const CommandResult r = run(command);
+        EXPECT_EQ(r.exitCode, 2) << command << ": " << r.output;
+    }
+    EXPECT_NE(run("report").output.find("--db"), std::string::npos);
 }
 
 TEST_F(CommandLine, ImportAppsAndReport) {
@@ -139,11 +146,16 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
 }
 
 TEST_F(CommandLine, BadListenAddressesAreExplained) {
-    const CommandResult r = run("serve --db " + db + " --listen localhost");
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_NE(r.output.find("lacks a port"), std::string::npos) << r.output;
+    for (const std::string address : {"localhost", "[::1]"}) {
+        const CommandResult r = run("serve --db " + db + " --listen " + address);
+        EXPECT_EQ(r.exitCode, 2);
+        EXPECT_NE(r.output.find("lacks a port"), std::string::npos) << r.output;
+    }
     const CommandResult v6 = run("serve --db " + db + " --listen ::1:80");
+    EXPECT_EQ(v6.exitCode, 2);
     EXPECT_NE(v6.output.find("brackets"), std::string::npos) << v6.output;
+    EXPECT_NE(run("serve --db " + db + " --listen 127.0.0.1:70000").output.find("0 to 65535"),
+              std::string::npos);
 }
 
 }  // namespace

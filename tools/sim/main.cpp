@@ -9,19 +9,23 @@
 #include "html_report.h"
 #include "simulation.h"
 #include "tovrel/paths/data_directory.h"
+#include "tovrel/tools/command_line.h"
 
 namespace {
 
 using tovrel::sim::AlertAnswer;
 
-constexpr int kBadInput = 2;
+constexpr int kBadInput = tovrel::tools::kUsageError;
 
-bool onOff(const std::string& value) { return value == "on"; }
+bool onOff(const std::string& value) {
+    return value == "on";
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"tovrel-sim: a whole session of the Tovrel component along a route, in virtual time"};
+    tovrel::tools::addVersionFlag(app, "tovrel-sim");
     app.require_subcommand(1);
     auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
 
@@ -40,23 +44,29 @@ int main(int argc, char** argv) {
     std::string eventsFile;
     std::string reportFile;
 
-    run->add_option("--route", route, "Positions to replay: GPX (trkpt with time) or CSV lines t,lat,lon[,activity]")
+    run->add_option("--route", route,
+                    "Positions to replay: GPX (trkpt with time) or CSV lines t,lat,lon[,activity]")
         ->required();
-    run->add_option("--places", places, "Places for the embedded service (GeoJSON; default: the example data set)");
-    run->add_option("--service", service, "Talk to this service (base URL) instead of starting the embedded one");
-    run->add_option("--sdk-key", options.sdkKey, "The SDK key (default: the example key the embedded service knows)");
+    run->add_option("--places", places,
+                    "Places for the embedded service (GeoJSON; default: the example data set)");
+    run->add_option("--service", service,
+                    "Talk to this service (base URL) instead of starting the embedded one");
+    run->add_option("--sdk-key", options.sdkKey,
+                    "The SDK key (default: the example key the embedded service knows)");
     run->add_option("--notifications", notifications, "Present notifications: on or off (default on)")
         ->check(CLI::IsMember({"on", "off"}));
     run->add_option("--offer-view", offerView, "Present the offer view: on or off (default on)")
         ->check(CLI::IsMember({"on", "off"}));
     run->add_option("--app-state", appState,
                     "active, background, or a timeline such as 0:background,600:active,900:background");
-    run->add_option("--answer", answer, "How the user answers each event alert: never, view or later (default view)")
+    run->add_option("--answer", answer,
+                    "How the user answers each event alert: never, view or later (default view)")
         ->check(CLI::IsMember({"never", "view", "later"}));
     run->add_flag("--tap-notifications", options.tapNotifications,
                   "The user opens every local notification 10 s after it appears");
     run->add_option("--state", stateDir, "Keep the device's preferences here, so a later run continues");
-    run->add_option("--linger", options.lingerSeconds, "Keep the session running this long after the last position")
+    run->add_option("--linger", options.lingerSeconds,
+                    "Keep the session running this long after the last position")
         ->check(CLI::NonNegativeNumber);
     run->add_flag("--terminate", options.terminate, "End with the application-terminate notification");
     run->add_option("--events", eventsFile, "Write everything observable here, one JSON object a line");
@@ -64,15 +74,8 @@ int main(int argc, char** argv) {
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::CallForAllHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return kBadInput;
+    if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
+        return *status;
     }
 
     options.routeFile = route;
@@ -87,7 +90,9 @@ int main(int argc, char** argv) {
     }
     options.presentNotifications = onOff(notifications);
     options.presentOfferView = onOff(offerView);
-    options.answer = answer == "never" ? AlertAnswer::kNever : answer == "later" ? AlertAnswer::kLater : AlertAnswer::kView;
+    options.answer = answer == "never"   ? AlertAnswer::kNever
+                     : answer == "later" ? AlertAnswer::kLater
+                                         : AlertAnswer::kView;
     options.progress = isatty(STDERR_FILENO) != 0 && !options.quiet;
     try {
         options.appStates = tovrel::sim::parseAppStateTimeline(appState);
@@ -123,8 +128,8 @@ int main(int argc, char** argv) {
     }
 
     if (report.is_open()) {
-        tovrel::sim::writeHtmlReport({"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route,
-                                      outcome.events, outcome.wallSeconds},
+        tovrel::sim::writeHtmlReport({"Tovrel simulation: " + options.routeFile.filename().string(),
+                                      outcome.route, outcome.events, outcome.wallSeconds},
                                      report);
     }
     std::size_t requests = 0;
@@ -134,8 +139,9 @@ int main(int argc, char** argv) {
         requests += type == "request";
         delivered += type == "notification" || type == "alert";
     }
-    std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in " << outcome.wallSeconds
-              << " s of wall time: " << requests << " requests, " << delivered << " offers delivered";
+    std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in "
+              << outcome.wallSeconds << " s of wall time: " << requests << " requests, " << delivered
+              << " offers delivered";
     if (!reportFile.empty()) {
         std::cout << "; report: " << reportFile;
     }
