@@ -42,6 +42,10 @@ class TOVREL_EXPORT SessionManager : public SessionManagerDelegate {
     std::optional<std::string> startSessionUsingLocation(const std::string& sdkKey);
     /// Stops the location monitor and drops it. The stored session key stays.
     void stopSession();
+
+    /// The session key stored by the last successful start, read as every request to the service reads
+    /// it (a stored number as its text); nullopt before any session started. Main thread.
+    [[nodiscard]] std::optional<std::string> sessionKey() const;
     /// Re-evaluates the Internet monitor; switches the monitor's location updates off and on with it.
     bool checkNetworkStatus(const Notification* notification = nullptr);
     /// The live advertising identifier.
@@ -64,7 +68,7 @@ class TOVREL_EXPORT SessionManager : public SessionManagerDelegate {
     [[nodiscard]] Reachability* hostReachability() const { return hostReachability_.get(); }
     [[nodiscard]] Reachability* internetReachability() const { return internetReachability_.get(); }
 
-private:
+  private:
     std::optional<std::string> requestSession(const std::string& sdkKey, bool usingLocation);
     void sessionStarted(const nlohmann::json& response, bool usingLocation);
     void startLocationMonitoring();

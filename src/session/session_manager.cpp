@@ -21,7 +21,8 @@ constexpr double kToastSeconds = 2.0;
 SessionManager::SessionManager(Environment& environment) : environment_(environment) {
     reachabilityObserver_ = environment_.notificationCenter().addObserver(
         kReachabilityChangedNotification, nullptr, [this](const Notification& n) { checkNetworkStatus(&n); });
-    hostReachability_ = Reachability::reachabilityWithHostName(environment_, environment_.configuration().serviceBaseURL);
+    hostReachability_ =
+        Reachability::reachabilityWithHostName(environment_, environment_.configuration().serviceBaseURL);
     if (hostReachability_) {
         hostReachability_->startNotifier();
     }
@@ -38,11 +39,17 @@ SessionManager::SessionManager(Environment& environment) : environment_(environm
     }
 }
 
-SessionManager::~SessionManager() { environment_.notificationCenter().removeObserver(reachabilityObserver_); }
+SessionManager::~SessionManager() {
+    environment_.notificationCenter().removeObserver(reachabilityObserver_);
+}
 
-SessionManager& SessionManager::sharedInstance() { return Environment::current().sessionManager(); }
+SessionManager& SessionManager::sharedInstance() {
+    return Environment::current().sessionManager();
+}
 
-std::string SessionManager::deviceId() { return environment_.platform().device->advertisingIdentifier(); }
+std::string SessionManager::deviceId() {
+    return environment_.platform().device->advertisingIdentifier();
+}
 
 std::optional<std::string> SessionManager::startSession(const std::string& sdkKey) {
     return requestSession(sdkKey, false);
@@ -50,6 +57,10 @@ std::optional<std::string> SessionManager::startSession(const std::string& sdkKe
 
 std::optional<std::string> SessionManager::startSessionUsingLocation(const std::string& sdkKey) {
     return requestSession(sdkKey, true);
+}
+
+std::optional<std::string> SessionManager::sessionKey() const {
+    return storedSessionKey(*environment_.platform().preferences);
 }
 
 std::optional<std::string> SessionManager::requestSession(const std::string& sdkKey, bool usingLocation) {
@@ -152,11 +163,15 @@ bool SessionManager::checkNetworkStatus(const Notification* /*notification*/) {
 
 void SessionManager::showToast(Environment& environment, const std::string& message) {
     auto& alerts = *environment.platform().alerts;
-    const platform::AlertId id = alerts.show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
-    environment.platform().mainLoop->scheduleTimer(kToastSeconds, false, [&alerts, id] { alerts.dismiss(id, 0, true); });
+    const platform::AlertId id =
+        alerts.show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
+    environment.platform().mainLoop->scheduleTimer(kToastSeconds, false,
+                                                   [&alerts, id] { alerts.dismiss(id, 0, true); });
 }
 
-void SessionManager::showToastMessage(const std::string& message) { showToast(Environment::current(), message); }
+void SessionManager::showToastMessage(const std::string& message) {
+    showToast(Environment::current(), message);
+}
 
 void SessionManager::showAlert(const std::string& message) {
     environment_.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});

@@ -347,4 +347,12 @@ void AsioMainLoop::runFor(std::chrono::milliseconds duration) {
     runUntil([] { return false; }, duration);
 }
 
+std::size_t AsioMainLoop::runReady() {
+    impl_->becomeMainThread();
+    if (impl_->io_.stopped()) {
+        impl_->io_.restart();
+    }
+    return impl_->io_.poll();
+}
+
 }  // namespace tovrel::linuxbackend

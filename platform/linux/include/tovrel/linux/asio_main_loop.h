@@ -6,6 +6,7 @@
 // drives the timers.
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -77,6 +78,9 @@ class TOVREL_EXPORT AsioMainLoop final : public platform::MainLoop, public Descr
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
     /// Runs the loop on the calling thread for `duration`.
     void runFor(std::chrono::milliseconds duration);
+    /// Runs, on the calling thread, the handlers that are ready now without waiting for more; returns
+    /// how many ran. For hosts that drive the loop from their own.
+    std::size_t runReady();
 
     class Impl;
 
