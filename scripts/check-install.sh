@@ -96,14 +96,16 @@ run_host cpp-host-pkgconfig "$work/cpp-host-pkgconfig" "$service" demo-key "$rou
 [[ -x "$work/qt-host/qt-host" ]] &&
     QT_QPA_PLATFORM=offscreen QTWEBENGINE_DISABLE_SANDBOX=1 run_host qt-host "$work/qt-host/qt-host" "$service" demo-key "$route" 4
 python_dir=$(find "$prefix" -type d -path '*-packages/tovrel' -printf '%h\n' | head -1)
+# Debian's interpreter, for which python3-pytest is installed (PYTHON overrides).
+python="${PYTHON:-/usr/bin/python3}"
 if [[ -n "$python_dir" ]]; then
     step "Python package from the prefix ($python_dir)"
-    PYTHONPATH="$python_dir" TOVREL_SERVICE_URL="$service" TOVREL_ROUTE="$route" \
-        timeout 300 python3 examples/embedding/python-host/host.py "$service" demo-key "$route" 6 >"$work/python.log" 2>&1 ||
+    PYTHONPATH="$python_dir" \
+        timeout 300 "$python" examples/embedding/python-host/host.py "$service" demo-key "$route" 6 60 >"$work/python.log" 2>&1 ||
         { cat "$work/python.log"; fail "python-host failed"; }
     echo "   python-host: $(tail -1 "$work/python.log")"
     PYTHONPATH="$python_dir" TOVREL_SERVER="$prefix/bin/tovrel-server" TOVREL_DATA_DIR="$data" \
-        timeout 600 python3 -m pytest -q -p no:cacheprovider bindings/python/tests
+        timeout 600 "$python" -m pytest -q -p no:cacheprovider bindings/python/tests
 fi
 
 step "Debian packages"

@@ -19,7 +19,7 @@ USAGE
 packages=(
     build-essential cmake g++ clang libclang-rt-14-dev ninja-build pkg-config
     # packaging: man pages from --help, Debian packages
-    help2man dpkg-dev file
+    help2man dpkg-dev file python3-pytest
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3

@@ -141,7 +141,8 @@ typedef void (*tovrel_notification_fn)(const char* name, const char* object_json
  *  moment the call acts. Stores a token for tovrel_device_unobserve() in *token. */
 TOVREL_C_API tovrel_status tovrel_device_observe(tovrel_device* device, const char* name,
                                                  tovrel_notification_fn fn, void* user, uint64_t* token);
-/** Stops the observer; it is not called again once the call acts. */
+/** Stops the observer: it is not called again, except that from another thread a call already under
+ *  way on the home thread finishes. */
 TOVREL_C_API tovrel_status tovrel_device_unobserve(tovrel_device* device, uint64_t token);
 
 /** Hands the component a local notification the user opened, as JSON: {"alertBody": text,
@@ -152,7 +153,8 @@ TOVREL_C_API tovrel_status tovrel_device_forward_notification(tovrel_device* dev
                                                               const char* notification_json);
 
 /** The service's answer to a clear or tag request: its "status" as JSON text and NULL, or NULL and
- *  the error's message (also when no session key is stored yet). Called exactly once. */
+ *  the error's message (also when no session key is stored yet). Called once, unless the device is
+ *  freed before the answer comes. */
 typedef void (*tovrel_status_fn)(const char* status_json, const char* error, void* user);
 /** Clears the events the service keeps for this device. `done` may be NULL. */
 TOVREL_C_API tovrel_status tovrel_device_clear_events(tovrel_device* device, tovrel_status_fn done,
