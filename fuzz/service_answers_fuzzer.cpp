@@ -58,9 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     tovrel::virtualbackend::VirtualPlatform vp;
     tovrel::Environment environment(vp.platform(), {"http://fuzz.test", "http://fuzz.test"});
     tovrel::Environment::Scope scope(environment);
-    const Reply reply = status == 0
-                            ? Reply::failure(tovrel::platform::HttpErrorKind::kTransport, "refused")
-                            : Reply{status, body, "application/json", {}};
+    const Reply reply = status == 0 ? Reply::failure(tovrel::platform::HttpErrorKind::kTransport, "refused")
+                                    : Reply{status, body, "application/json", {}};
     vp.http->setResponder([&](const auto&) { return reply; });
 
     const tovrel::SessionKey key = std::string("k");
@@ -73,9 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             }
         }
     });
-    service.sendDeviceLinkWithEventId("1", "2", key, [](const Json&, const Json& id, const auto&) {
-        (void)tovrel::intValue(id);
-    });
+    service.sendDeviceLinkWithEventId(
+        "1", "2", key, [](const Json&, const Json& id, const auto&) { (void)tovrel::intValue(id); });
     service.sendDeviceUpdateWithDeviceEventId("3", "ack", key, [](const Json&, const auto&) {});
     service.sendDeviceClearWithSessionKey(key, nullptr);
     service.addDeviceTagWithSessionKey(key, "t", "v", "g", nullptr);

@@ -43,12 +43,15 @@ void BM_FormatF(benchmark::State& state) {
 BENCHMARK(BM_FormatF);
 
 void BM_TargetFromPlaceRecord(benchmark::State& state) {
-    const Json record{{"centroidLat", 48.1},      {"centroidLon", 11.5},  {"centroidRadius", 150},
-                      {"isLinked", 0},            {"dwellTime", "2"},     {"eventTypeId", 3},
-                      {"endDate", "2030-01-01"},  {"eventId", "12"},      {"placeId", "7"},
-                      {"campaignName", "Spring"}, {"tags", "food"},       {"startDate", "2020-01-01"},
-                      {"alertText", "50% off"},   {"eventName", "Lunch"}, {"mediaType", "html"},
-                      {"mediaURL", "http://m/1"}, {"mediaUrl", "http://m/1"}};
+    const Json record{{"centroidLat", 48.1},     {"centroidLon", 11.5},
+                      {"centroidRadius", 150},   {"isLinked", 0},
+                      {"dwellTime", "2"},        {"eventTypeId", 3},
+                      {"endDate", "2030-01-01"}, {"eventId", "12"},
+                      {"placeId", "7"},          {"campaignName", "Spring"},
+                      {"tags", "food"},          {"startDate", "2020-01-01"},
+                      {"alertText", "50% off"},  {"eventName", "Lunch"},
+                      {"mediaType", "html"},     {"mediaURL", "http://m/1"},
+                      {"mediaUrl", "http://m/1"}};
     for (auto _ : state) {
         benchmark::DoNotOptimize(tovrel::hRegion::fromPlaceRecord(record));
     }

@@ -66,7 +66,8 @@ int main(int argc, char** argv) {
     double simulated = 0;
     start = std::chrono::steady_clock::now();
     for (int device = 0; device < devices; ++device) {
-        options.routeFile = writeLoopRoute(dir, 1800, device * 0.37, "device-" + std::to_string(device) + ".csv");
+        options.routeFile =
+            writeLoopRoute(dir, 1800, device * 0.37, "device-" + std::to_string(device) + ".csv");
         simulated += tovrel::sim::runSimulation(options, nullptr, nullptr).simulatedSeconds;
     }
     const double fleetWall = secondsSince(start);

@@ -30,7 +30,7 @@ class TOVREL_EXPORT AnalyticsManager {
     /// {"lat": number, "lon": number}, each rounded to single precision.
     static nlohmann::json buildLocationDictionaryWithLatitude(double latitude, double longitude);
 
-private:
+  private:
     Environment& environment_;
 };
 

@@ -27,7 +27,8 @@ class TOVREL_EXPORT DataService {
     using PlacesCompletion = std::function<void(const Json& places, const ServiceError& error)>;
     /// (places, device event id, error): the link answer's "places" as it stands and the
     /// "deviceEventId" of its first record (null when there is none).
-    using LinkCompletion = std::function<void(const Json& places, const Json& deviceEventId, const ServiceError& error)>;
+    using LinkCompletion =
+        std::function<void(const Json& places, const Json& deviceEventId, const ServiceError& error)>;
     /// (status, error): the answer's "status" as it stands (null when absent).
     using StatusCompletion = std::function<void(const Json& status, const ServiceError& error)>;
 
@@ -52,7 +53,7 @@ class TOVREL_EXPORT DataService {
     /// {"lat": "%f", "lon": "%f"}: six-decimal texts.
     static Json buildLocationDictionaryWithLatitude(double latitude, double longitude);
 
-private:
+  private:
     void post(const char* path, const Json& body, std::function<void(const platform::JsonResult&)> onAnswer);
     void sendStatusRequest(const char* path, Json body, StatusCompletion completion);
 

@@ -31,7 +31,8 @@ struct TOVREL_EXPORT Configuration {
 /// Destroy an environment only after its main loop has stopped running.
 class TOVREL_EXPORT Environment {
   public:
-    explicit Environment(platform::Platform platform, Configuration configuration = Configuration::defaults());
+    explicit Environment(platform::Platform platform,
+                         Configuration configuration = Configuration::defaults());
     ~Environment();
     Environment(const Environment&) = delete;
     Environment& operator=(const Environment&) = delete;
@@ -54,17 +55,17 @@ class TOVREL_EXPORT Environment {
 
     /// Makes an environment current on this thread for the scope's lifetime.
     class Scope {
-    public:
+      public:
         explicit Scope(Environment& environment);
         ~Scope();
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
-    private:
+      private:
         Environment* previous_;
     };
 
-private:
+  private:
     void forwardApplicationEvents();
 
     platform::Platform platform_;

@@ -42,7 +42,7 @@ class TOVREL_EXPORT NotificationCenter {
     void post(std::string name, std::any object = {}, const void* sender = nullptr,
               nlohmann::json userInfo = nullptr) const;
 
-private:
+  private:
     struct Observer;
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<Observer>> observers_;

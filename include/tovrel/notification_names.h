@@ -22,15 +22,21 @@ inline constexpr const char* kReachabilityChangedNotification = "kNetworkReachab
 
 // Application life-cycle notifications, posted by the environment from the application port.
 // Object: empty; userInfo: the launch options for did-finish-launching, else null.
-inline constexpr const char* kApplicationDidFinishLaunchingNotification = "UIApplicationDidFinishLaunchingNotification";
-inline constexpr const char* kApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
-inline constexpr const char* kApplicationWillResignActiveNotification = "UIApplicationWillResignActiveNotification";
-inline constexpr const char* kApplicationDidEnterBackgroundNotification = "UIApplicationDidEnterBackgroundNotification";
-inline constexpr const char* kApplicationWillEnterForegroundNotification = "UIApplicationWillEnterForegroundNotification";
+inline constexpr const char* kApplicationDidFinishLaunchingNotification =
+    "UIApplicationDidFinishLaunchingNotification";
+inline constexpr const char* kApplicationDidBecomeActiveNotification =
+    "UIApplicationDidBecomeActiveNotification";
+inline constexpr const char* kApplicationWillResignActiveNotification =
+    "UIApplicationWillResignActiveNotification";
+inline constexpr const char* kApplicationDidEnterBackgroundNotification =
+    "UIApplicationDidEnterBackgroundNotification";
+inline constexpr const char* kApplicationWillEnterForegroundNotification =
+    "UIApplicationWillEnterForegroundNotification";
 inline constexpr const char* kApplicationWillTerminateNotification = "UIApplicationWillTerminateNotification";
 
 // Launch option keys.
-inline constexpr const char* kLaunchOptionsLocalNotificationKey = "UIApplicationLaunchOptionsLocalNotificationKey";
+inline constexpr const char* kLaunchOptionsLocalNotificationKey =
+    "UIApplicationLaunchOptionsLocalNotificationKey";
 inline constexpr const char* kLaunchOptionsLocationKey = "UIApplicationLaunchOptionsLocationKey";
 
 }  // namespace tovrel

@@ -19,7 +19,8 @@ enum NetworkStatus : long { StatusNotReachable = 0, StatusViaWiFi = 1, StatusVia
 class TOVREL_EXPORT Reachability {
   public:
     /// Each factory returns nullptr when the platform cannot make a handle.
-    static std::unique_ptr<Reachability> reachabilityWithHostName(Environment& environment, const std::string& hostName);
+    static std::unique_ptr<Reachability> reachabilityWithHostName(Environment& environment,
+                                                                  const std::string& hostName);
     static std::unique_ptr<Reachability> reachabilityWithAddress(Environment& environment,
                                                                  const platform::Ipv4SocketAddress& address);
     /// The zero address 0.0.0.0: the Internet at large.
@@ -43,7 +44,7 @@ class TOVREL_EXPORT Reachability {
 
     bool alwaysReturnLocalWiFiStatus = false;
 
-private:
+  private:
     Reachability(Environment& environment, std::unique_ptr<platform::ReachabilityHandle> handle);
 
     Environment& environment_;

@@ -21,9 +21,17 @@ std::string strprintf(const char* format, ...) {
     return out;
 }
 
-std::string formatF(double value) { return strprintf("%f", value); }
-std::string format0f(double value) { return strprintf("%0.f", value); }
-std::string formatD(int value) { return strprintf("%d", value); }
-std::string formatLd(long value) { return strprintf("%ld", value); }
+std::string formatF(double value) {
+    return strprintf("%f", value);
+}
+std::string format0f(double value) {
+    return strprintf("%0.f", value);
+}
+std::string formatD(int value) {
+    return strprintf("%d", value);
+}
+std::string formatLd(long value) {
+    return strprintf("%ld", value);
+}
 
 }  // namespace tovrel

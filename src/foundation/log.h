@@ -17,5 +17,6 @@ void logLine(platform::LogSink& sink, std::string_view function, int line, std::
 }  // namespace tovrel
 
 /// Logs a printf-style message with the calling function's name and source line.
-#define TOVREL_LOG(sink, ...) \
-    ::tovrel::logLine((sink), ::tovrel::functionName(__PRETTY_FUNCTION__), __LINE__, ::tovrel::strprintf(__VA_ARGS__))
+#define TOVREL_LOG(sink, ...)                                                        \
+    ::tovrel::logLine((sink), ::tovrel::functionName(__PRETTY_FUNCTION__), __LINE__, \
+                      ::tovrel::strprintf(__VA_ARGS__))

@@ -13,7 +13,8 @@ struct NotificationCenter::Observer {
     std::atomic<bool> active{true};
 };
 
-ObserverToken NotificationCenter::addObserver(std::string name, const void* sender, NotificationHandler handler) {
+ObserverToken NotificationCenter::addObserver(std::string name, const void* sender,
+                                              NotificationHandler handler) {
     std::lock_guard lock(mutex_);
     auto observer = std::make_shared<Observer>();
     observer->token = nextToken_++;
@@ -52,7 +53,8 @@ void NotificationCenter::post(const Notification& notification) const {
     }
 }
 
-void NotificationCenter::post(std::string name, std::any object, const void* sender, nlohmann::json userInfo) const {
+void NotificationCenter::post(std::string name, std::any object, const void* sender,
+                              nlohmann::json userInfo) const {
     post(Notification{std::move(name), std::move(object), sender, std::move(userInfo)});
 }
 

@@ -165,7 +165,9 @@ double doubleValue(const Json& value) {
     }
 }
 
-float floatValue(const Json& value) { return static_cast<float>(doubleValue(value)); }
+float floatValue(const Json& value) {
+    return static_cast<float>(doubleValue(value));
+}
 
 const Json& memberOrNull(const Json& object, const char* key) {
     if (!object.is_object()) {
@@ -175,10 +177,18 @@ const Json& memberOrNull(const Json& object, const char* key) {
     return it == object.end() ? kNull : *it;
 }
 
-long long integerValueFor(const Json& object, const char* key) { return integerValue(memberOrNull(object, key)); }
-int intValueFor(const Json& object, const char* key) { return intValue(memberOrNull(object, key)); }
-double doubleValueFor(const Json& object, const char* key) { return doubleValue(memberOrNull(object, key)); }
-float floatValueFor(const Json& object, const char* key) { return floatValue(memberOrNull(object, key)); }
+long long integerValueFor(const Json& object, const char* key) {
+    return integerValue(memberOrNull(object, key));
+}
+int intValueFor(const Json& object, const char* key) {
+    return intValue(memberOrNull(object, key));
+}
+double doubleValueFor(const Json& object, const char* key) {
+    return doubleValue(memberOrNull(object, key));
+}
+float floatValueFor(const Json& object, const char* key) {
+    return floatValue(memberOrNull(object, key));
+}
 
 std::string describe(const Json& value) {
     switch (value.type()) {

@@ -7,9 +7,12 @@ namespace tovrel {
 
 AnalyticsManager::AnalyticsManager(Environment& environment) : environment_(environment) {}
 
-AnalyticsManager& AnalyticsManager::instance() { return Environment::current().analyticsManager(); }
+AnalyticsManager& AnalyticsManager::instance() {
+    return Environment::current().analyticsManager();
+}
 
-void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId, Completion completion) {
+void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
+                                  Completion completion) {
     const nlohmann::json body{{"deviceid", deviceId}, {"message", message}};
     const std::string url = environment_.configuration().serviceBaseURL + "/v1/log";
     auto& log = *environment_.platform().log;

@@ -19,13 +19,16 @@ struct ReadFailure {
 
 DataService::DataService(Environment& environment) : environment_(environment) {}
 
-DataService& DataService::instance() { return Environment::current().dataService(); }
+DataService& DataService::instance() {
+    return Environment::current().dataService();
+}
 
 Json DataService::buildLocationDictionaryWithLatitude(double latitude, double longitude) {
     return Json{{"lat", formatF(latitude)}, {"lon", formatF(longitude)}};
 }
 
-void DataService::post(const char* path, const Json& body, std::function<void(const platform::JsonResult&)> onAnswer) {
+void DataService::post(const char* path, const Json& body,
+                       std::function<void(const platform::JsonResult&)> onAnswer) {
     const std::string url = environment_.configuration().serviceBaseURL + path;
     environment_.platform().http->postJson(url, body, std::move(onAnswer));
 }
@@ -37,8 +40,8 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
     }
     const Json body{
         {"sessionKey", *sessionKey},
-        {"coordinatesList",
-         Json::array({buildLocationDictionaryWithLatitude(location.coordinate.latitude, location.coordinate.longitude)})},
+        {"coordinatesList", Json::array({buildLocationDictionaryWithLatitude(
+                                location.coordinate.latitude, location.coordinate.longitude)})},
         {"distanceThreshold", kDistanceThreshold},
     };
     auto& log = *environment_.platform().log;
@@ -67,51 +70,53 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
     });
 }
 
-void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& placeId, const SessionKey& sessionKey,
-                                             LinkCompletion completion) {
+void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& placeId,
+                                            const SessionKey& sessionKey, LinkCompletion completion) {
     if (!sessionKey) {
         return;
     }
     const Json body{{"sessionKey", *sessionKey}, {"eventId", eventId}, {"placeId", placeId}};
     auto& log = *environment_.platform().log;
-    post("/v1/deviceevent/link", body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
-        if (!result.ok()) {
-            TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
-            if (completion) {
-                completion(Json(), Json(), result.error);
-            }
-            return;
-        }
-        Json places = Json::array();
-        Json deviceEventId;
-        if (result.value.is_object()) {
-            try {
-                const auto it = result.value.find("places");
-                places = it == result.value.end() ? Json() : *it;
-                if (!places.is_null()) {
-                    if (!places.is_array()) {
-                        throw ReadFailure{std::string("cannot take element 0 of ") + places.type_name()};
-                    }
-                    if (places.empty()) {
-                        throw ReadFailure{"index 0 beyond bounds for empty array"};
-                    }
-                    const Json& first = places.front();
-                    if (!first.is_object()) {
-                        throw ReadFailure{std::string("cannot read \"deviceEventId\" of ") + first.type_name()};
-                    }
-                    const auto id = first.find("deviceEventId");
-                    if (id != first.end()) {
-                        deviceEventId = *id;
-                    }
-                }
-            } catch (const ReadFailure& failure) {
-                TOVREL_LOG(log, "%s", failure.description.c_str());
-            }
-        }
-        if (completion) {
-            completion(places, deviceEventId, std::nullopt);
-        }
-    });
+    post("/v1/deviceevent/link", body,
+         [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+             if (!result.ok()) {
+                 TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+                 if (completion) {
+                     completion(Json(), Json(), result.error);
+                 }
+                 return;
+             }
+             Json places = Json::array();
+             Json deviceEventId;
+             if (result.value.is_object()) {
+                 try {
+                     const auto it = result.value.find("places");
+                     places = it == result.value.end() ? Json() : *it;
+                     if (!places.is_null()) {
+                         if (!places.is_array()) {
+                             throw ReadFailure{std::string("cannot take element 0 of ") + places.type_name()};
+                         }
+                         if (places.empty()) {
+                             throw ReadFailure{"index 0 beyond bounds for empty array"};
+                         }
+                         const Json& first = places.front();
+                         if (!first.is_object()) {
+                             throw ReadFailure{std::string("cannot read \"deviceEventId\" of ") +
+                                               first.type_name()};
+                         }
+                         const auto id = first.find("deviceEventId");
+                         if (id != first.end()) {
+                             deviceEventId = *id;
+                         }
+                     }
+                 } catch (const ReadFailure& failure) {
+                     TOVREL_LOG(log, "%s", failure.description.c_str());
+                 }
+             }
+             if (completion) {
+                 completion(places, deviceEventId, std::nullopt);
+             }
+         });
 }
 
 void DataService::sendStatusRequest(const char* path, Json body, StatusCompletion completion) {
@@ -138,13 +143,15 @@ void DataService::sendStatusRequest(const char* path, Json body, StatusCompletio
 }
 
 void DataService::sendDeviceUpdateWithDeviceEventId(const Json& deviceEventId, const std::string& statusCode,
-                                                    const SessionKey& sessionKey, StatusCompletion completion) {
+                                                    const SessionKey& sessionKey,
+                                                    StatusCompletion completion) {
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest("/v1/deviceevent/update",
-                      {{"sessionKey", *sessionKey}, {"deviceEventId", deviceEventId}, {"statusCode", statusCode}},
-                      std::move(completion));
+    sendStatusRequest(
+        "/v1/deviceevent/update",
+        {{"sessionKey", *sessionKey}, {"deviceEventId", deviceEventId}, {"statusCode", statusCode}},
+        std::move(completion));
 }
 
 void DataService::sendDeviceClearWithSessionKey(const SessionKey& sessionKey, StatusCompletion completion) {
@@ -161,7 +168,10 @@ void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const
         return;
     }
     sendStatusRequest("/v1/devicetag/update",
-                      {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"tagValue", deviceTagValue}, {"groupTag", groupTag}},
+                      {{"sessionKey", *sessionKey},
+                       {"tag", deviceTag},
+                       {"tagValue", deviceTagValue},
+                       {"groupTag", groupTag}},
                       std::move(completion));
 }
 
@@ -170,7 +180,8 @@ void DataService::deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, co
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest("/v1/devicetag/delete", {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"groupTag", groupTag}},
+    sendStatusRequest("/v1/devicetag/delete",
+                      {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"groupTag", groupTag}},
                       std::move(completion));
 }
 

@@ -37,7 +37,9 @@ const char* notificationNameFor(platform::ApplicationEvent event) {
 
 }  // namespace
 
-Configuration Configuration::defaults() { return {kDefaultServiceBaseURL, kDefaultContentBaseURL}; }
+Configuration Configuration::defaults() {
+    return {kDefaultServiceBaseURL, kDefaultContentBaseURL};
+}
 
 Environment::Environment(platform::Platform platform, Configuration configuration)
     : platform_(std::move(platform)),
@@ -95,9 +97,15 @@ Environment& Environment::current() {
     return *environment;
 }
 
-void Environment::setDefault(Environment* environment) { gDefault = environment; }
+void Environment::setDefault(Environment* environment) {
+    gDefault = environment;
+}
 
-Environment::Scope::Scope(Environment& environment) : previous_(tScoped) { tScoped = &environment; }
-Environment::Scope::~Scope() { tScoped = previous_; }
+Environment::Scope::Scope(Environment& environment) : previous_(tScoped) {
+    tScoped = &environment;
+}
+Environment::Scope::~Scope() {
+    tScoped = previous_;
+}
 
 }  // namespace tovrel

@@ -20,12 +20,13 @@ void record(const Notification& launch, const char* key, LaunchRecord& into) {
 }  // namespace
 
 LaunchCheckers::LaunchCheckers(NotificationCenter& center) {
-    center.addObserver(kApplicationDidFinishLaunchingNotification, nullptr, [this](const Notification& launch) {
-        NotificationChecker::createNotificationChecker(launch, notification);
-    });
-    center.addObserver(kApplicationDidFinishLaunchingNotification, nullptr, [this](const Notification& launch) {
-        LocationChecker::createNotificationChecker(launch, location);
-    });
+    center.addObserver(kApplicationDidFinishLaunchingNotification, nullptr,
+                       [this](const Notification& launch) {
+                           NotificationChecker::createNotificationChecker(launch, notification);
+                       });
+    center.addObserver(
+        kApplicationDidFinishLaunchingNotification, nullptr,
+        [this](const Notification& launch) { LocationChecker::createNotificationChecker(launch, location); });
 }
 
 void NotificationChecker::createNotificationChecker(const Notification& launch, LaunchRecord& into) {

@@ -11,7 +11,9 @@ using namespace platform;
 Reachability::Reachability(Environment& environment, std::unique_ptr<ReachabilityHandle> handle)
     : environment_(environment), reachabilityRef_(std::move(handle)) {}
 
-Reachability::~Reachability() { stopNotifier(); }
+Reachability::~Reachability() {
+    stopNotifier();
+}
 
 std::unique_ptr<Reachability> Reachability::reachabilityWithHostName(Environment& environment,
                                                                      const std::string& hostName) {

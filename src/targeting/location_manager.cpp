@@ -11,14 +11,14 @@ namespace tovrel {
 std::shared_ptr<LocationManager> LocationManager::create(Environment& environment) {
     auto manager = std::make_shared<LocationManager>(environment);
     if (environment.platform().views) {
-        manager->setOfferViewOpener([&environment, weak = std::weak_ptr<LocationManager>(manager)](
-                                        const OfferViewRequest& request) {
-            if (auto self = weak.lock()) {
-                self->offerFullViewController = presentOfferFullView(
-                    environment,
-                    OfferViewContent{request.eventId, request.deviceEventId, request.mediaType, request.mediaURL});
-            }
-        });
+        manager->setOfferViewOpener(
+            [&environment, weak = std::weak_ptr<LocationManager>(manager)](const OfferViewRequest& request) {
+                if (auto self = weak.lock()) {
+                    self->offerFullViewController = presentOfferFullView(
+                        environment, OfferViewContent{request.eventId, request.deviceEventId,
+                                                      request.mediaType, request.mediaURL});
+                }
+            });
     }
     return manager;
 }

@@ -1,7 +1,8 @@
+#include "route.h"
+
 #include <gtest/gtest.h>
 
 #include "app_state_timeline.h"
-#include "route.h"
 
 namespace tovrel::sim {
 namespace {
@@ -16,7 +17,8 @@ std::string errorOf(const std::function<void()>& f) {
 }
 
 TEST(CsvRoute, ReadsPointsCommentsAndActivities) {
-    const auto route = parseCsvRoute("# a comment\n0,48.1,11.5,walking\n\n 5 , 48.2 , 11.6 , stationary\r\n", "r.csv");
+    const auto route =
+        parseCsvRoute("# a comment\n0,48.1,11.5,walking\n\n 5 , 48.2 , 11.6 , stationary\r\n", "r.csv");
     ASSERT_EQ(route.points.size(), 2u);
     EXPECT_DOUBLE_EQ(route.points[1].t, 5);
     EXPECT_DOUBLE_EQ(route.points[1].latitude, 48.2);
@@ -37,10 +39,13 @@ TEST(CsvRoute, ErrorsNameTheFileAndLine) {
     EXPECT_EQ(errorOf([] { parseCsvRoute("0,1\n", "walk.csv"); }),
               "walk.csv:1: expected t,lat,lon[,activity] but found 2 fields");
     EXPECT_EQ(errorOf([] { parseCsvRoute("0,1,2,flying\n", "walk.csv"); }),
-              "walk.csv:1: activity 'flying' is not one of stationary, walking, running, automotive, cycling, unknown");
-    EXPECT_EQ(errorOf([] { parseCsvRoute("0,91,2\n", "walk.csv"); }).substr(0, 23), "walk.csv:1: latitude 91");
-    EXPECT_NE(errorOf([] { parseCsvRoute("5,1,2\n4,1,2\n", "walk.csv"); }).find("walk.csv:2: time goes backwards"),
-              std::string::npos);
+              "walk.csv:1: activity 'flying' is not one of stationary, walking, running, automotive, "
+              "cycling, unknown");
+    EXPECT_EQ(errorOf([] { parseCsvRoute("0,91,2\n", "walk.csv"); }).substr(0, 23),
+              "walk.csv:1: latitude 91");
+    EXPECT_NE(
+        errorOf([] { parseCsvRoute("5,1,2\n4,1,2\n", "walk.csv"); }).find("walk.csv:2: time goes backwards"),
+        std::string::npos);
     EXPECT_EQ(errorOf([] { parseCsvRoute("# only a comment\n", "walk.csv"); }),
               "walk.csv: no positions (expected lines of t,lat,lon[,activity])");
     EXPECT_NE(errorOf([] { parseCsvRoute("0,1,nan\n", "walk.csv"); }), "no error");
@@ -61,15 +66,19 @@ TEST(GpxRoute, ReadsTrackPointsWithTimesFromTheFirst) {
 }
 
 TEST(GpxRoute, ErrorsNameTheFileAndLine) {
-    EXPECT_EQ(errorOf([] { parseGpxRoute("<gpx>\n<trk><trkpt lat=\"1\" lon=\"2\"></trkpt></trk></gpx>", "d.gpx"); }),
+    EXPECT_EQ(errorOf([] {
+                  parseGpxRoute("<gpx>\n<trk><trkpt lat=\"1\" lon=\"2\"></trkpt></trk></gpx>", "d.gpx");
+              }),
               "d.gpx:2: trkpt has no <time>");
     EXPECT_EQ(errorOf([] {
-                  parseGpxRoute("<gpx>\n\n<trkpt lat=\"1\" lon=\"2\"><time>yesterday</time></trkpt></gpx>", "d.gpx");
+                  parseGpxRoute("<gpx>\n\n<trkpt lat=\"1\" lon=\"2\"><time>yesterday</time></trkpt></gpx>",
+                                "d.gpx");
               }),
               "d.gpx:3: time 'yesterday' is not an ISO 8601 UTC time");
     EXPECT_NE(errorOf([] { parseGpxRoute("<gpx>\n<trk>\n</gpx>", "d.gpx"); }).find("d.gpx:3: not valid XML"),
               std::string::npos);
-    EXPECT_EQ(errorOf([] { parseGpxRoute("<gpx></gpx>", "d.gpx"); }), "d.gpx: no <trkpt> with a time in this GPX file");
+    EXPECT_EQ(errorOf([] { parseGpxRoute("<gpx></gpx>", "d.gpx"); }),
+              "d.gpx: no <trkpt> with a time in this GPX file");
 }
 
 TEST(RouteFile, MissingFileIsAnError) {

@@ -6,11 +6,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -59,21 +58,24 @@ struct SimRun {
 };
 
 class SimScenario : public ::testing::Test {
-protected:
-    fs::path dir = fs::temp_directory_path() / ("tovrel-sim-test-" + std::to_string(::getpid()) + "-" +
-                                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+  protected:
+    fs::path dir =
+        fs::temp_directory_path() / ("tovrel-sim-test-" + std::to_string(::getpid()) + "-" +
+                                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
 
     void SetUp() override { fs::create_directories(dir); }
     void TearDown() override { fs::remove_all(dir); }
 
-    static std::string route(const std::string& name) { return std::string(TOVREL_EXAMPLES_DIR) + "/routes/" + name; }
+    static std::string route(const std::string& name) {
+        return std::string(TOVREL_EXAMPLES_DIR) + "/routes/" + name;
+    }
 
     SimRun sim(const std::string& arguments) {
         const fs::path events = dir / "events.jsonl";
         const fs::path errors = dir / "stderr.txt";
         fs::remove(events);
-        const std::string command = std::string(TOVREL_SIM_BINARY) + " run --quiet --events " + events.string() + " " +
-                                    arguments + " > /dev/null 2> " + errors.string();
+        const std::string command = std::string(TOVREL_SIM_BINARY) + " run --quiet --events " +
+                                    events.string() + " " + arguments + " > /dev/null 2> " + errors.string();
         const int status = std::system(command.c_str());
         SimRun run;
         run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -93,14 +95,21 @@ TEST_F(SimScenario, BackgroundVisitGoesFromSessionToNotification) {
     const SimRun run = sim("--route " + route("city-walk.csv"));
     ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
 
-    const double session = run.firstTime([](const json& e) { return e["type"] == "response" && e["path"] == "/v1/session" && e["status"] == 200; });
-    const double places = run.firstTime([](const json& e) { return e["type"] == "response" && e["path"] == "/v2/place" && e["status"] == 200; });
-    const double entry = run.firstTime([](const json& e) {
-        return e["type"] == "log" && e["line"].get<std::string>().find("Inside the target bounds!") != std::string::npos;
+    const double session = run.firstTime([](const json& e) {
+        return e["type"] == "response" && e["path"] == "/v1/session" && e["status"] == 200;
     });
-    const double link = run.firstTime([](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
+    const double places = run.firstTime([](const json& e) {
+        return e["type"] == "response" && e["path"] == "/v2/place" && e["status"] == 200;
+    });
+    const double entry = run.firstTime([](const json& e) {
+        return e["type"] == "log" &&
+               e["line"].get<std::string>().find("Inside the target bounds!") != std::string::npos;
+    });
+    const double link = run.firstTime(
+        [](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
     const double ack = run.firstTime([](const json& e) {
-        return e["type"] == "request" && e["path"] == "/v1/deviceevent/update" && e["body"]["statusCode"] == "ack";
+        return e["type"] == "request" && e["path"] == "/v1/deviceevent/update" &&
+               e["body"]["statusCode"] == "ack";
     });
     const double notification = run.firstTime([](const json& e) { return e["type"] == "notification"; });
     ASSERT_GE(session, 0);
@@ -126,7 +135,8 @@ TEST_F(SimScenario, ForegroundAlertAnswersReachTheService) {
         const char* status;
     } cases[] = {{"later", "Later", "saved"}, {"never", "Never", "declined"}, {"view", "View", "seen"}};
     for (const auto& c : cases) {
-        const SimRun run = sim("--route " + route("held-offer-walk.csv") + " --app-state active --answer " + c.answer);
+        const SimRun run =
+            sim("--route " + route("held-offer-walk.csv") + " --app-state active --answer " + c.answer);
         ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
         const auto alerts = run.ofType("alert");
         ASSERT_FALSE(alerts.empty()) << c.answer;
@@ -152,7 +162,8 @@ TEST_F(SimScenario, ForegroundAlertAnswersReachTheService) {
 TEST_F(SimScenario, HeldOfferIsDeliveredAfterTheDeviceLeaves) {
     const SimRun run = sim("--route " + route("held-offer-walk.csv") + " --linger 30");
     ASSERT_EQ(run.exitStatus, 0) << run.stderrText;
-    const double link = run.firstTime([](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
+    const double link = run.firstTime(
+        [](const json& e) { return e["type"] == "request" && e["path"] == "/v1/deviceevent/link"; });
     ASSERT_GE(link, 0);
     double exitAfterLink = -1;
     for (const auto& event : run.ofType("log")) {
@@ -193,13 +204,15 @@ TEST_F(SimScenario, StateDirectoryContinuesTheDevice) {
 TEST_F(SimScenario, BadInputExitsWithStatusTwoNamingTheProblem) {
     SimRun run = sim("--route /nonexistent/walk.csv");
     EXPECT_EQ(run.exitStatus, 2);
-    EXPECT_NE(run.stderrText.find("/nonexistent/walk.csv: cannot be read"), std::string::npos) << run.stderrText;
+    EXPECT_NE(run.stderrText.find("/nonexistent/walk.csv: cannot be read"), std::string::npos)
+        << run.stderrText;
 
     const fs::path bad = dir / "bad.csv";
     std::ofstream(bad) << "0,48.1,11.5\n1,48.1,east\n";
     run = sim("--route " + bad.string());
     EXPECT_EQ(run.exitStatus, 2);
-    EXPECT_NE(run.stderrText.find("bad.csv:2: longitude 'east' is not a number"), std::string::npos) << run.stderrText;
+    EXPECT_NE(run.stderrText.find("bad.csv:2: longitude 'east' is not a number"), std::string::npos)
+        << run.stderrText;
 
     run = sim("--route " + route("held-offer-walk.csv") + " --app-state dozing");
     EXPECT_EQ(run.exitStatus, 2);

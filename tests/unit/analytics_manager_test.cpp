@@ -1,7 +1,8 @@
+#include "tovrel/analytics_manager.h"
+
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
-#include "tovrel/analytics_manager.h"
 
 namespace tovrel {
 namespace {
@@ -9,7 +10,7 @@ namespace {
 using virtualbackend::Reply;
 
 class AnalyticsManagerTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestDevice device;
     AnalyticsManager& analytics = AnalyticsManager::instance();
 };
@@ -21,7 +22,8 @@ TEST_F(AnalyticsManagerTest, MessageTravelsAsANestedObject) {
     const auto request = device.http().requests().back();
     EXPECT_EQ(request.url, "http://service.test/v1/log");
     EXPECT_EQ(request.body,
-              (nlohmann::json{{"deviceid", "ADID"}, {"message", {{"session_stopped", {{"timestamp", "1750000000"}}}}}}));
+              (nlohmann::json{{"deviceid", "ADID"},
+                              {"message", {{"session_stopped", {{"timestamp", "1750000000"}}}}}}));
     EXPECT_TRUE(request.body["message"].is_object());
     EXPECT_NE(request.rawBody.find("\"message\":{"), std::string::npos);
 }

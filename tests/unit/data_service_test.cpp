@@ -1,7 +1,8 @@
+#include "tovrel/data_service.h"
+
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
-#include "tovrel/data_service.h"
 
 namespace tovrel {
 namespace {
@@ -9,7 +10,7 @@ namespace {
 using virtualbackend::Reply;
 
 class DataServiceTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestDevice device;
     DataService& service = DataService::instance();
     const SessionKey key = std::string("session-1");
@@ -33,12 +34,18 @@ protected:
 
 TEST_F(DataServiceTest, NoSessionKeySendsNothingAndNeverCompletes) {
     int completions = 0;
-    service.getLocationsWithLocation(at(1, 2), std::nullopt, [&](const Json&, const ServiceError&) { ++completions; });
-    service.sendDeviceLinkWithEventId("1", "2", std::nullopt, [&](const Json&, const Json&, const ServiceError&) { ++completions; });
-    service.sendDeviceUpdateWithDeviceEventId("3", "ack", std::nullopt, [&](const Json&, const ServiceError&) { ++completions; });
-    service.sendDeviceClearWithSessionKey(std::nullopt, [&](const Json&, const ServiceError&) { ++completions; });
-    service.addDeviceTagWithSessionKey(std::nullopt, "t", "v", "g", [&](const Json&, const ServiceError&) { ++completions; });
-    service.deleteDeviceTagWithSessionKey(std::nullopt, "t", "g", [&](const Json&, const ServiceError&) { ++completions; });
+    service.getLocationsWithLocation(at(1, 2), std::nullopt,
+                                     [&](const Json&, const ServiceError&) { ++completions; });
+    service.sendDeviceLinkWithEventId("1", "2", std::nullopt,
+                                      [&](const Json&, const Json&, const ServiceError&) { ++completions; });
+    service.sendDeviceUpdateWithDeviceEventId("3", "ack", std::nullopt,
+                                              [&](const Json&, const ServiceError&) { ++completions; });
+    service.sendDeviceClearWithSessionKey(std::nullopt,
+                                          [&](const Json&, const ServiceError&) { ++completions; });
+    service.addDeviceTagWithSessionKey(std::nullopt, "t", "v", "g",
+                                       [&](const Json&, const ServiceError&) { ++completions; });
+    service.deleteDeviceTagWithSessionKey(std::nullopt, "t", "g",
+                                          [&](const Json&, const ServiceError&) { ++completions; });
     device.loop().runUntilIdle();
     EXPECT_TRUE(device.http().requests().empty());
     EXPECT_EQ(completions, 0);
@@ -49,9 +56,10 @@ TEST_F(DataServiceTest, PlacesRequestSendsSixDecimalTextsAndTheFixedThreshold) {
     service.getLocationsWithLocation(at(48.1371539, 11.5754), key, nullptr);
     const auto request = device.http().requests().back();
     EXPECT_EQ(request.url, "http://service.test/v2/place");
-    EXPECT_EQ(request.body, (Json{{"sessionKey", "session-1"},
-                                  {"coordinatesList", Json::array({{{"lat", "48.137154"}, {"lon", "11.575400"}}})},
-                                  {"distanceThreshold", "8047"}}));
+    EXPECT_EQ(request.body,
+              (Json{{"sessionKey", "session-1"},
+                    {"coordinatesList", Json::array({{{"lat", "48.137154"}, {"lon", "11.575400"}}})},
+                    {"distanceThreshold", "8047"}}));
 }
 
 TEST_F(DataServiceTest, PlacesAnswersAreReadAsFarAsTheyGo) {
@@ -104,7 +112,8 @@ TEST_F(DataServiceTest, FailuresCompleteWithNullsAndTheErrorAndLogOnce) {
         status = s;
         error = e;
     });
-    answer(Reply::failure(platform::HttpErrorKind::kTransport, "Could not connect to service.test: refused."));
+    answer(
+        Reply::failure(platform::HttpErrorKind::kTransport, "Could not connect to service.test: refused."));
     EXPECT_TRUE(status.is_null());
     EXPECT_EQ(error->localizedDescription, "Could not connect to service.test: refused.");
     EXPECT_TRUE(device.log().contains("Could not connect to service.test: refused."));
@@ -144,8 +153,8 @@ TEST_F(DataServiceTest, LinkAnswersThatCannotBeReadLogAndYieldNoIdentifier) {
         {"places a string", Reply::json(200, {{"places", "x"}}), Json("x"), true},
         {"first record a number", Reply::json(200, {{"places", {5}}}), Json::array({5}), true},
         {"no places", Reply::json(200, Json::object()), Json(), false},
-        {"record without id", Reply::json(200, {{"places", {{{"eventId", "1"}}}}}), Json::array({{{"eventId", "1"}}}),
-         false},
+        {"record without id", Reply::json(200, {{"places", {{{"eventId", "1"}}}}}),
+         Json::array({{{"eventId", "1"}}}), false},
         {"body not an object", Reply::json(200, Json::array()), Json::array(), false},
     };
     for (const auto& c : cases) {
@@ -153,11 +162,12 @@ TEST_F(DataServiceTest, LinkAnswersThatCannotBeReadLogAndYieldNoIdentifier) {
         Json places = "untouched";
         Json deviceEventId = "untouched";
         ServiceError error;
-        service.sendDeviceLinkWithEventId("1", "2", key, [&](const Json& p, const Json& d, const ServiceError& e) {
-            places = p;
-            deviceEventId = d;
-            error = e;
-        });
+        service.sendDeviceLinkWithEventId("1", "2", key,
+                                          [&](const Json& p, const Json& d, const ServiceError& e) {
+                                              places = p;
+                                              deviceEventId = d;
+                                              error = e;
+                                          });
         answer(c.reply);
         EXPECT_FALSE(error) << c.name;
         EXPECT_EQ(places, c.expectedPlaces) << c.name;
@@ -191,7 +201,9 @@ TEST_F(DataServiceTest, EachStatusEndpointSendsItsMembers) {
     EXPECT_EQ(lastBody(), (Json{{"sessionKey", "session-1"}}));
     service.addDeviceTagWithSessionKey(key, "tier", "gold", "loyalty", nullptr);
     EXPECT_EQ(device.http().requests().back().path, "/v1/devicetag/update");
-    EXPECT_EQ(lastBody(), (Json{{"sessionKey", "session-1"}, {"tag", "tier"}, {"tagValue", "gold"}, {"groupTag", "loyalty"}}));
+    EXPECT_EQ(
+        lastBody(),
+        (Json{{"sessionKey", "session-1"}, {"tag", "tier"}, {"tagValue", "gold"}, {"groupTag", "loyalty"}}));
     service.deleteDeviceTagWithSessionKey(key, "tier", "loyalty", nullptr);
     EXPECT_EQ(device.http().requests().back().path, "/v1/devicetag/delete");
     EXPECT_EQ(lastBody(), (Json{{"sessionKey", "session-1"}, {"tag", "tier"}, {"groupTag", "loyalty"}}));

@@ -94,7 +94,7 @@ TEST(Describe, PrintsObjectsAsTheyStand) {
 }
 
 class CapturingSink : public platform::LogSink {
-public:
+  public:
     void write(std::string_view line) override { last = line; }
     std::string last;
 };
@@ -119,8 +119,9 @@ TEST(LogLine, NamesTheFunctionAndLine) {
 TEST(LogLine, StripsReturnTypesAndTemplates) {
     EXPECT_EQ(functionName("void tovrel::SessionManager::startSession(const std::string&)"),
               "SessionManager::startSession");
-    EXPECT_EQ(functionName("std::optional<std::basic_string<char> > tovrel::SessionManager::requestSession(int)"),
-              "SessionManager::requestSession");
+    EXPECT_EQ(
+        functionName("std::optional<std::basic_string<char> > tovrel::SessionManager::requestSession(int)"),
+        "SessionManager::requestSession");
     EXPECT_EQ(functionName("int main()"), "main");
 }
 

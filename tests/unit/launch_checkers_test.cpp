@@ -1,7 +1,8 @@
+#include "tovrel/launch_checkers.h"
+
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
-#include "tovrel/launch_checkers.h"
 #include "tovrel/notification_names.h"
 
 namespace tovrel {
@@ -10,7 +11,7 @@ namespace {
 using Json = nlohmann::json;
 
 class LaunchCheckersTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestDevice device;
 };
 

@@ -1,9 +1,9 @@
+#include "tovrel/notification_center.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "tovrel/notification_center.h"
 
 namespace tovrel {
 namespace {

@@ -1,8 +1,9 @@
+#include "tovrel/reachability.h"
+
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
 #include "tovrel/notification_names.h"
-#include "tovrel/reachability.h"
 
 namespace tovrel {
 namespace {
@@ -12,9 +13,10 @@ using Json = nlohmann::json;
 using namespace platform;
 
 class ReachabilityTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestDevice device;
-    std::unique_ptr<Reachability> internet = Reachability::reachabilityForInternetConnection(device.environment);
+    std::unique_ptr<Reachability> internet =
+        Reachability::reachabilityForInternetConnection(device.environment);
     std::unique_ptr<Reachability> wifi = Reachability::reachabilityForLocalWiFi(device.environment);
 };
 

@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "tovrel/region.h"
+
+#include <gtest/gtest.h>
 
 namespace tovrel {
 namespace {
@@ -8,12 +8,14 @@ namespace {
 using Json = nlohmann::json;
 
 TEST(PlaceRecord, BuildsTheTargetWithEveryLaterFieldInCentroidLon) {
-    const Json record{{"centroidLat", 48.1},      {"centroidLon", 11.5},  {"centroidRadius", 150},
-                      {"isLinked", 0},            {"dwellTime", 0},       {"eventTypeId", 3},
-                      {"endDate", "2030-01-01"},  {"eventId", "12"},      {"placeId", "7"},
-                      {"campaignName", "Spring"}, {"tags", "food"},       {"startDate", "2020-01-01"},
-                      {"alertText", "50% off"},   {"eventName", "Lunch"}, {"mediaType", "html"},
-                      {"mediaURL", "http://m/1"}};
+    const Json record{{"centroidLat", 48.1},     {"centroidLon", 11.5},
+                      {"centroidRadius", 150},   {"isLinked", 0},
+                      {"dwellTime", 0},          {"eventTypeId", 3},
+                      {"endDate", "2030-01-01"}, {"eventId", "12"},
+                      {"placeId", "7"},          {"campaignName", "Spring"},
+                      {"tags", "food"},          {"startDate", "2020-01-01"},
+                      {"alertText", "50% off"},  {"eventName", "Lunch"},
+                      {"mediaType", "html"},     {"mediaURL", "http://m/1"}};
     const auto target = hRegion::fromPlaceRecord(record);
     EXPECT_DOUBLE_EQ(target->center.latitude, 48.1);
     EXPECT_DOUBLE_EQ(target->center.longitude, 11.5);
@@ -63,7 +65,8 @@ TEST(PlaceRecord, MissingFieldsGiveZeroAndNull) {
 }
 
 TEST(PlaceRecord, RangesAreKeptAsGiven) {
-    const auto target = hRegion::fromPlaceRecord({{"centroidLat", 123.0}, {"centroidLon", -500}, {"centroidRadius", -3}});
+    const auto target =
+        hRegion::fromPlaceRecord({{"centroidLat", 123.0}, {"centroidLon", -500}, {"centroidRadius", -3}});
     EXPECT_DOUBLE_EQ(target->center.latitude, 123.0);
     EXPECT_DOUBLE_EQ(target->center.longitude, -500);
     EXPECT_DOUBLE_EQ(target->radius, -3);

@@ -1,10 +1,11 @@
+#include "tovrel/session_manager.h"
+
 #include <gtest/gtest.h>
 
 #include "support/test_device.h"
 #include "tovrel/data_service.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
-#include "tovrel/session_manager.h"
 
 namespace tovrel {
 namespace {
@@ -16,7 +17,7 @@ using virtualbackend::Reply;
 constexpr const char* kAdvertisingId = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
 
 class SessionManagerTest : public ::testing::Test {
-protected:
+  protected:
     testing::TestDevice device;
 
     SessionManager& session() { return SessionManager::sharedInstance(); }
@@ -103,8 +104,8 @@ TEST_F(SessionManagerTest, LocationStartRetriesBackToBackUntilItSucceeds) {
     session().startSessionUsingLocation("k");
     for (int attempt = 1; attempt <= 5; ++attempt) {
         ASSERT_EQ(device.http().pending().size(), 1u);
-        device.http().respondTo("/v1/session",
-                                Reply::failure(platform::HttpErrorKind::kTransport, "Could not connect: refused."));
+        device.http().respondTo("/v1/session", Reply::failure(platform::HttpErrorKind::kTransport,
+                                                              "Could not connect: refused."));
         device.loop().runUntilIdle();
         EXPECT_EQ(sessionRequests(), static_cast<std::size_t>(attempt + 1));
     }

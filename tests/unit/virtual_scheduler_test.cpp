@@ -1,16 +1,16 @@
+#include "tovrel/virtual/virtual_scheduler.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tovrel/virtual/virtual_scheduler.h"
-
 namespace tovrel::virtualbackend {
 namespace {
 
 class VirtualSchedulerTest : public ::testing::Test {
-protected:
+  protected:
     VirtualScheduler loop{1000.0};
     std::vector<std::string> trace;
 };
@@ -29,8 +29,10 @@ TEST_F(VirtualSchedulerTest, PostedTasksRunInOrderOnlyWhenDriven) {
 }
 
 TEST_F(VirtualSchedulerTest, TimersFireAtTheirVirtualTimes) {
-    loop.scheduleTimer(1800, false, [&] { trace.push_back("once@" + std::to_string(int(loop.now()) - 1000)); });
-    loop.scheduleTimer(600, true, [&] { trace.push_back("every@" + std::to_string(int(loop.now()) - 1000)); });
+    loop.scheduleTimer(1800, false,
+                       [&] { trace.push_back("once@" + std::to_string(int(loop.now()) - 1000)); });
+    loop.scheduleTimer(600, true,
+                       [&] { trace.push_back("every@" + std::to_string(int(loop.now()) - 1000)); });
     loop.fastForwardBy(1799);
     EXPECT_EQ(trace, (std::vector<std::string>{"every@600", "every@1200"}));
     loop.fastForwardBy(1);

@@ -124,16 +124,18 @@ int main(int argc, char** argv) {
     auto* gpsdOption =
         app.add_option("--gpsd", gpsd, "read positions from gpsd at host:port (port 2947 by default)")
             ->check([](const std::string& value) { return tovrel::linuxbackend::gpsdAddressProblem(value); });
-    app.add_option("--replay", replay,
-                   "replay positions from a GPX or NMEA file (default: routes/drive-in.gpx of the installed data)")
+    app.add_option(
+           "--replay", replay,
+           "replay positions from a GPX or NMEA file (default: routes/drive-in.gpx of the installed data)")
         ->check(CLI::ExistingFile)
         ->excludes(gpsdOption);
     app.add_option("--speed", speed, "replay speed-up factor (1: the recorded pace)")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     app.add_flag("--loop", loopReplay, "start the replay again after its last point");
-    app.add_option("--places", places,
-                   "GeoJSON places for the embedded server (default: places/munich.geojson of the installed data)")
+    app.add_option(
+           "--places", places,
+           "GeoJSON places for the embedded server (default: places/munich.geojson of the installed data)")
         ->check(CLI::ExistingFile);
     app.add_option("--content", content,
                    "folder of pages (media, appcontent) the embedded server serves (default: content/ of the "

@@ -7,9 +7,12 @@ namespace tovrel::sim {
 namespace {
 
 std::optional<platform::ApplicationState> stateFromName(std::string_view name) {
-    if (name == "active") return platform::ApplicationState::kActive;
-    if (name == "background") return platform::ApplicationState::kBackground;
-    if (name == "inactive") return platform::ApplicationState::kInactive;
+    if (name == "active")
+        return platform::ApplicationState::kActive;
+    if (name == "background")
+        return platform::ApplicationState::kBackground;
+    if (name == "inactive")
+        return platform::ApplicationState::kInactive;
     return std::nullopt;
 }
 
@@ -17,9 +20,12 @@ std::optional<platform::ApplicationState> stateFromName(std::string_view name) {
 
 std::string_view appStateName(platform::ApplicationState state) {
     switch (state) {
-        case platform::ApplicationState::kActive: return "active";
-        case platform::ApplicationState::kInactive: return "inactive";
-        case platform::ApplicationState::kBackground: return "background";
+        case platform::ApplicationState::kActive:
+            return "active";
+        case platform::ApplicationState::kInactive:
+            return "inactive";
+        case platform::ApplicationState::kBackground:
+            return "background";
     }
     return "background";
 }

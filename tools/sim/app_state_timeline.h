@@ -16,7 +16,7 @@ struct AppStateChange {
 };
 
 class AppStateError : public std::invalid_argument {
-public:
+  public:
     using std::invalid_argument::invalid_argument;
 };
 

@@ -21,7 +21,8 @@ std::string line(const nlohmann::json& event) {
 
 namespace tovrel::sim {
 
-EventLog::EventLog(std::function<double()> secondsSinceStart) : secondsSinceStart_(std::move(secondsSinceStart)) {}
+EventLog::EventLog(std::function<double()> secondsSinceStart)
+    : secondsSinceStart_(std::move(secondsSinceStart)) {}
 
 void EventLog::record(const std::string& type, nlohmann::json fields) {
     nlohmann::json event = nlohmann::json::object();

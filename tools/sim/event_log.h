@@ -2,17 +2,16 @@
 
 #include <functional>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace tovrel::sim {
 
 /// Everything observable in one run, in order: {"t": seconds since start, "type": ..., fields...}.
 class EventLog {
-public:
+  public:
     explicit EventLog(std::function<double()> secondsSinceStart);
 
     /// Any thread.
@@ -28,7 +27,7 @@ public:
     /// Called with every recorded event, on the recording thread (empty: none).
     void setListener(std::function<void(const nlohmann::json&)> listener);
 
-private:
+  private:
     std::function<double()> secondsSinceStart_;
     mutable std::mutex mutex_;
     std::vector<nlohmann::json> events_;

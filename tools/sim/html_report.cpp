@@ -31,11 +31,20 @@ std::string escape(std::string_view text) {
     out.reserve(text.size());
     for (const char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -141,7 +150,8 @@ Projection fit(const Route& route, const std::vector<Place>& places) {
     }
     p.minX = minX;
     p.minY = minY;
-    p.scale = std::min((p.width - 40) / std::max(maxX - minX, 1.0), (p.height - 40) / std::max(maxY - minY, 1.0));
+    p.scale =
+        std::min((p.width - 40) / std::max(maxX - minX, 1.0), (p.height - 40) / std::max(maxY - minY, 1.0));
     return p;
 }
 
@@ -149,7 +159,8 @@ std::optional<RoutePoint> positionAt(const std::vector<json>& events, const Rout
     std::optional<RoutePoint> last;
     for (const auto& event : events) {
         if (event.value("type", "") == "position" && event.value("t", 0.0) <= t) {
-            last = RoutePoint{event.value("t", 0.0), number(event["lat"]), number(event["lon"]), std::nullopt};
+            last =
+                RoutePoint{event.value("t", 0.0), number(event["lat"]), number(event["lon"]), std::nullopt};
         }
     }
     if (!last && !route.points.empty()) {
@@ -160,14 +171,15 @@ std::optional<RoutePoint> positionAt(const std::vector<json>& events, const Rout
 
 void writeMap(std::ostream& out, const ReportInput& input, const std::vector<Place>& places) {
     const Projection p = fit(input.route, places);
-    out << "<svg class=\"map\" viewBox=\"0 0 " << p.width << ' ' << p.height << "\" role=\"img\" aria-label=\"map\">\n";
+    out << "<svg class=\"map\" viewBox=\"0 0 " << p.width << ' ' << p.height
+        << "\" role=\"img\" aria-label=\"map\">\n";
     out << "<rect width=\"100%\" height=\"100%\" fill=\"#eef2f3\"/>\n";
     for (const auto& place : places) {
         const double r = std::max(place.radius * p.scale, 2.0);
-        out << "<circle cx=\"" << fixed(p.x(place.lon), 1) << "\" cy=\"" << fixed(p.y(place.lat), 1) << "\" r=\""
-            << fixed(r, 1) << "\" class=\"place type" << place.eventType << "\"><title>" << escape(place.name)
-            << " (event " << escape(place.eventId) << ", type " << place.eventType << ", " << fixed(place.radius, 0)
-            << " m)</title></circle>\n";
+        out << "<circle cx=\"" << fixed(p.x(place.lon), 1) << "\" cy=\"" << fixed(p.y(place.lat), 1)
+            << "\" r=\"" << fixed(r, 1) << "\" class=\"place type" << place.eventType << "\"><title>"
+            << escape(place.name) << " (event " << escape(place.eventId) << ", type " << place.eventType
+            << ", " << fixed(place.radius, 0) << " m)</title></circle>\n";
         out << "<path class=\"pin\" d=\"M" << fixed(p.x(place.lon), 1) << ' ' << fixed(p.y(place.lat), 1)
             << " l-5 -12 a5 5 0 1 1 10 0 z\"/>\n";
     }
@@ -182,9 +194,9 @@ void writeMap(std::ostream& out, const ReportInput& input, const std::vector<Pla
     };
     const auto mark = [&](double t, const Marker& marker, const std::string& detail) {
         if (const auto at = positionAt(input.events, input.route, t)) {
-            out << "<circle class=\"marker " << marker.cls << "\" cx=\"" << fixed(p.x(at->longitude), 1) << "\" cy=\""
-                << fixed(p.y(at->latitude), 1) << "\" r=\"6\"><title>" << marker.label << " at " << fixed(t, 0)
-                << " s " << escape(detail) << "</title></circle>\n";
+            out << "<circle class=\"marker " << marker.cls << "\" cx=\"" << fixed(p.x(at->longitude), 1)
+                << "\" cy=\"" << fixed(p.y(at->latitude), 1) << "\" r=\"6\"><title>" << marker.label << " at "
+                << fixed(t, 0) << " s " << escape(detail) << "</title></circle>\n";
         }
     };
     for (const auto& event : input.events) {
@@ -206,12 +218,14 @@ void writeMap(std::ostream& out, const ReportInput& input, const std::vector<Pla
             << fixed(p.y(start.latitude), 1) << "\" r=\"5\"><title>start</title></circle>\n";
     }
     out << "</svg>\n";
-    out << "<p class=\"legend\"><span class=\"k entered\"></span>entered <span class=\"k linked\"></span>linked "
+    out << "<p class=\"legend\"><span class=\"k entered\"></span>entered <span class=\"k "
+           "linked\"></span>linked "
            "<span class=\"k notified\"></span>notified <span class=\"k answered\"></span>answered</p>\n";
 }
 
-void writePlot(std::ostream& out, const std::string& title, const std::vector<std::pair<std::string, std::vector<Sample>>>& series,
-               double duration, bool steps) {
+void writePlot(std::ostream& out, const std::string& title,
+               const std::vector<std::pair<std::string, std::vector<Sample>>>& series, double duration,
+               bool steps) {
     const double width = 900, height = 220, left = 60, bottom = 30;
     double maxValue = 1;
     for (const auto& [name, samples] : series) {
@@ -221,11 +235,14 @@ void writePlot(std::ostream& out, const std::string& title, const std::vector<st
     }
     duration = std::max(duration, 1.0);
     const auto x = [&](double t) { return left + t / duration * (width - left - 10); };
-    const auto y = [&](double v) { return height - bottom - std::max(v, 0.0) / maxValue * (height - bottom - 10); };
-    out << "<h3>" << escape(title) << "</h3>\n<svg class=\"plot\" viewBox=\"0 0 " << width << ' ' << height << "\">\n";
+    const auto y = [&](double v) {
+        return height - bottom - std::max(v, 0.0) / maxValue * (height - bottom - 10);
+    };
+    out << "<h3>" << escape(title) << "</h3>\n<svg class=\"plot\" viewBox=\"0 0 " << width << ' ' << height
+        << "\">\n";
     out << "<line class=\"axis\" x1=\"" << left << "\" y1=\"" << height - bottom << "\" x2=\"" << width - 10
-        << "\" y2=\"" << height - bottom << "\"/><line class=\"axis\" x1=\"" << left << "\" y1=\"10\" x2=\"" << left
-        << "\" y2=\"" << height - bottom << "\"/>\n";
+        << "\" y2=\"" << height - bottom << "\"/><line class=\"axis\" x1=\"" << left << "\" y1=\"10\" x2=\""
+        << left << "\" y2=\"" << height - bottom << "\"/>\n";
     out << "<text x=\"4\" y=\"16\">" << fixed(maxValue, 0) << " m</text><text x=\"4\" y=\"" << height - bottom
         << "\">0</text><text x=\"" << width - 60 << "\" y=\"" << height - 8 << "\">" << fixed(duration, 0)
         << " s</text>\n";
@@ -245,8 +262,8 @@ void writePlot(std::ostream& out, const std::string& title, const std::vector<st
         if (steps && !samples.empty()) {
             out << fixed(x(duration), 1) << ',' << fixed(lastY, 1);
         }
-        out << "\"/><text class=\"s" << index << "\" x=\"" << left + 10 + 220 * index << "\" y=\"" << height - 4
-            << "\">" << escape(name) << "</text>\n";
+        out << "\"/><text class=\"s" << index << "\" x=\"" << left + 10 + 220 * index << "\" y=\""
+            << height - 4 << "\">" << escape(name) << "</text>\n";
         ++index;
     }
     out << "</svg>\n";
@@ -254,21 +271,28 @@ void writePlot(std::ostream& out, const std::string& title, const std::vector<st
 
 std::string summarise(const json& event) {
     const std::string type = event.value("type", "");
-    if (type == "request") return text(event.value("path", json())) + " " + event.value("body", json()).dump();
+    if (type == "request")
+        return text(event.value("path", json())) + " " + event.value("body", json()).dump();
     if (type == "response") {
         return text(event.value("path", json())) + " " + std::to_string(event.value("status", 0)) + " " +
                (event.contains("error") ? text(event["error"]) : event.value("body", json()).dump());
     }
-    if (type == "position") return fixed(number(event["lat"]), 6) + ", " + fixed(number(event["lon"]), 6);
+    if (type == "position")
+        return fixed(number(event["lat"]), 6) + ", " + fixed(number(event["lon"]), 6);
     if (type == "settings") {
         return "accuracy " + text(event.value("desiredAccuracy", json())) + ", filter " +
                text(event.value("distanceFilter", json()));
     }
-    if (type == "notification") return text(event.value("alertBody", json()));
-    if (type == "alert") return text(event.value("message", json())) + " " + event.value("buttons", json()).dump();
-    if (type == "alert_answer") return "button " + text(event.value("button", json()));
-    if (type == "post") return text(event.value("name", json()));
-    if (type == "log") return text(event.value("line", json()));
+    if (type == "notification")
+        return text(event.value("alertBody", json()));
+    if (type == "alert")
+        return text(event.value("message", json())) + " " + event.value("buttons", json()).dump();
+    if (type == "alert_answer")
+        return "button " + text(event.value("button", json()));
+    if (type == "post")
+        return text(event.value("name", json()));
+    if (type == "log")
+        return text(event.value("line", json()));
     json rest = event;
     rest.erase("t");
     rest.erase("type");
@@ -345,7 +369,8 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         if (type == "position" && !places.empty()) {
             double best = std::numeric_limits<double>::max();
             for (const auto& place : places) {
-                best = std::min(best, distanceMetres(number(event["lat"]), number(event["lon"]), place.lat, place.lon));
+                best = std::min(
+                    best, distanceMetres(number(event["lat"]), number(event["lon"]), place.lat, place.lon));
             }
             nearest.push_back({t, best});
         } else if (type == "settings") {
@@ -358,7 +383,8 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         << "</title><style>" << kStyle << "</style></head><body>\n";
     out << "<h1>" << escape(input.title) << "</h1>\n<p>Route " << escape(input.route.name) << ": "
         << input.route.points.size() << " positions over " << fixed(input.route.duration(), 0)
-        << " s; simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2) << " s of wall time.</p>\n";
+        << " s; simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2)
+        << " s of wall time.</p>\n";
 
     out << "<h2>Summary</h2>\n<div class=\"cards\">";
     out << "<div class=\"card\"><b>" << notifications + alerts << "</b>offers delivered (" << notifications
@@ -368,9 +394,9 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         out << "<br>type " << type << ": " << count;
     }
     out << "</div><div class=\"card\"><b>" << offerViews << "</b>offer views opened</div>";
-    out << "<div class=\"card\"><b>" << answers["seen"] + answers["saved"] + answers["declined"] << "</b>answers: "
-        << answers["seen"] << " seen, " << answers["saved"] << " saved, " << answers["declined"] << " declined; "
-        << answers["ack"] << " ack</div>";
+    out << "<div class=\"card\"><b>" << answers["seen"] + answers["saved"] + answers["declined"]
+        << "</b>answers: " << answers["seen"] << " seen, " << answers["saved"] << " saved, "
+        << answers["declined"] << " declined; " << answers["ack"] << " ack</div>";
     out << "<div class=\"card\"><b>" << places.size() << "</b>places seen</div></div>\n";
     out << "<h3>Requests by endpoint</h3><table><tr><th>endpoint</th><th>requests</th></tr>";
     for (const auto& [path, count] : requestsByPath) {
@@ -383,7 +409,8 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
     out << "<h2>Distance and accuracy</h2>\n";
     writePlot(out, "Distance to the nearest place", {{"distance (m)", nearest}}, duration, false);
     writePlot(out, "Desired accuracy and distance filter",
-              {{"desired accuracy (m; -1 = best)", accuracy}, {"distance filter (m)", filter}}, duration, true);
+              {{"desired accuracy (m; -1 = best)", accuracy}, {"distance filter (m)", filter}}, duration,
+              true);
 
     out << "<h2>Timeline</h2>\n<table><tr><th>t (s)</th><th>event</th><th>detail</th></tr>\n";
     for (const auto& event : input.events) {

@@ -9,13 +9,14 @@ namespace {
 using nlohmann::json;
 
 class ObservedDelegate final : public platform::LocationManagerDelegate {
-public:
+  public:
     ObservedDelegate(std::weak_ptr<platform::LocationManagerDelegate> inner, EventLog& events)
         : inner_(std::move(inner)), events_(events) {}
 
     void locationManagerDidUpdateLocations(const std::vector<platform::Location>& locations) override {
         for (const auto& location : locations) {
-            events_.record("position", {{"lat", location.coordinate.latitude}, {"lon", location.coordinate.longitude}});
+            events_.record("position",
+                           {{"lat", location.coordinate.latitude}, {"lon", location.coordinate.longitude}});
         }
         if (auto inner = inner_.lock()) {
             inner->locationManagerDidUpdateLocations(locations);
@@ -38,13 +39,13 @@ public:
         }
     }
 
-private:
+  private:
     std::weak_ptr<platform::LocationManagerDelegate> inner_;
     EventLog& events_;
 };
 
 class ObservedProvider final : public platform::LocationProvider {
-public:
+  public:
     ObservedProvider(std::shared_ptr<platform::LocationProvider> inner, EventLog& events)
         : inner_(std::move(inner)), events_(events) {}
 
@@ -68,12 +69,16 @@ public:
     }
     void startUpdatingLocation() override { inner_->startUpdatingLocation(); }
     void stopUpdatingLocation() override { inner_->stopUpdatingLocation(); }
-    void startMonitoringSignificantLocationChanges() override { inner_->startMonitoringSignificantLocationChanges(); }
-    void stopMonitoringSignificantLocationChanges() override { inner_->stopMonitoringSignificantLocationChanges(); }
+    void startMonitoringSignificantLocationChanges() override {
+        inner_->startMonitoringSignificantLocationChanges();
+    }
+    void stopMonitoringSignificantLocationChanges() override {
+        inner_->stopMonitoringSignificantLocationChanges();
+    }
     void requestAlwaysAuthorization() override { inner_->requestAlwaysAuthorization(); }
     void requestWhenInUseAuthorization() override { inner_->requestWhenInUseAuthorization(); }
 
-private:
+  private:
     void recordSettings() {
         const double accuracy = inner_->desiredAccuracy();
         const double filter = inner_->distanceFilter();
@@ -93,7 +98,7 @@ private:
 };
 
 class ObservedLocationServices final : public platform::LocationServices {
-public:
+  public:
     ObservedLocationServices(std::shared_ptr<platform::LocationServices> inner, EventLog& events)
         : inner_(std::move(inner)), events_(events) {}
 
@@ -108,13 +113,13 @@ public:
         return std::make_shared<ObservedProvider>(inner_->createLocationManager(), events_);
     }
 
-private:
+  private:
     std::shared_ptr<platform::LocationServices> inner_;
     EventLog& events_;
 };
 
 class ObservedAlerts final : public platform::AlertPresenter {
-public:
+  public:
     ObservedAlerts(std::shared_ptr<platform::AlertPresenter> inner, EventLog& events, AlertAnswerer answerer)
         : inner_(std::move(inner)), events_(events), answerer_(std::move(answerer)) {}
 
@@ -141,14 +146,14 @@ public:
         inner_->dismiss(id, buttonIndex, animated);
     }
 
-private:
+  private:
     std::shared_ptr<platform::AlertPresenter> inner_;
     EventLog& events_;
     AlertAnswerer answerer_;
 };
 
 class ObservedNotifications final : public platform::LocalNotifications {
-public:
+  public:
     ObservedNotifications(std::shared_ptr<platform::LocalNotifications> inner, EventLog& events,
                           std::function<void(const platform::LocalNotification&)> onPresented)
         : inner_(std::move(inner)), events_(events), onPresented_(std::move(onPresented)) {}
@@ -169,24 +174,30 @@ public:
         return inner_->scheduledLocalNotifications();
     }
     void cancelAllLocalNotifications() override { inner_->cancelAllLocalNotifications(); }
-    void registerUserNotificationSettings(int typeMask) override { inner_->registerUserNotificationSettings(typeMask); }
+    void registerUserNotificationSettings(int typeMask) override {
+        inner_->registerUserNotificationSettings(typeMask);
+    }
     [[nodiscard]] std::optional<int> currentUserNotificationSettings() const override {
         return inner_->currentUserNotificationSettings();
     }
 
-private:
+  private:
     std::shared_ptr<platform::LocalNotifications> inner_;
     EventLog& events_;
     std::function<void(const platform::LocalNotification&)> onPresented_;
 };
 
 class ObservedApplication final : public platform::Application {
-public:
+  public:
     ObservedApplication(std::shared_ptr<platform::Application> inner, EventLog& events)
         : inner_(std::move(inner)), events_(events) {}
 
-    [[nodiscard]] platform::ApplicationState applicationState() const override { return inner_->applicationState(); }
-    [[nodiscard]] long applicationIconBadgeNumber() const override { return inner_->applicationIconBadgeNumber(); }
+    [[nodiscard]] platform::ApplicationState applicationState() const override {
+        return inner_->applicationState();
+    }
+    [[nodiscard]] long applicationIconBadgeNumber() const override {
+        return inner_->applicationIconBadgeNumber();
+    }
     void setApplicationIconBadgeNumber(long number) override {
         inner_->setApplicationIconBadgeNumber(number);
         events_.record("badge", {{"value", number}});
@@ -196,19 +207,22 @@ public:
         events_.record("open_url", {{"url", url}});
         return inner_->openURL(url);
     }
-    [[nodiscard]] std::string openSettingsURLString() const override { return inner_->openSettingsURLString(); }
+    [[nodiscard]] std::string openSettingsURLString() const override {
+        return inner_->openSettingsURLString();
+    }
     void setEventHandler(platform::ApplicationEventHandler handler) override {
         inner_->setEventHandler(std::move(handler));
     }
 
-private:
+  private:
     std::shared_ptr<platform::Application> inner_;
     EventLog& events_;
 };
 
 class ObservedLog final : public platform::LogSink {
-public:
-    ObservedLog(std::shared_ptr<platform::LogSink> inner, EventLog& events) : inner_(std::move(inner)), events_(events) {}
+  public:
+    ObservedLog(std::shared_ptr<platform::LogSink> inner, EventLog& events)
+        : inner_(std::move(inner)), events_(events) {}
     void write(std::string_view line) override {
         events_.record("log", {{"line", std::string(line)}});
         if (inner_) {
@@ -216,7 +230,7 @@ public:
         }
     }
 
-private:
+  private:
     std::shared_ptr<platform::LogSink> inner_;
     EventLog& events_;
 };

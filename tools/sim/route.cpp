@@ -5,9 +5,8 @@
 #include <cmath>
 #include <ctime>
 #include <fstream>
-#include <sstream>
-
 #include <pugixml.hpp>
+#include <sstream>
 
 namespace tovrel::sim {
 namespace {
@@ -50,13 +49,15 @@ void checkPoint(const RoutePoint& point, const std::vector<RoutePoint>& before, 
         fail(fileName, line, "time is negative");
     }
     if (!before.empty() && point.t < before.back().t) {
-        fail(fileName, line, "time goes backwards (" + std::to_string(point.t) + " s after " +
-                                 std::to_string(before.back().t) + " s)");
+        fail(fileName, line,
+             "time goes backwards (" + std::to_string(point.t) + " s after " +
+                 std::to_string(before.back().t) + " s)");
     }
 }
 
 std::size_t lineOfOffset(std::string_view text, std::ptrdiff_t offset) {
-    const auto end = text.begin() + std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(text.size()));
+    const auto end =
+        text.begin() + std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(text.size()));
     return static_cast<std::size_t>(std::count(text.begin(), end, '\n')) + 1;
 }
 
@@ -67,10 +68,12 @@ std::optional<double> parseIsoTime(std::string_view text) {
     double second = 0;
     char tail[16] = {};
     const std::string copy(text);
-    if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%lf%15s", &year, &month, &day, &hour, &minute, &second, tail) < 6) {
+    if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%lf%15s", &year, &month, &day, &hour, &minute, &second,
+                    tail) < 6) {
         return std::nullopt;
     }
-    if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second < 0 || second >= 61) {
+    if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second < 0 ||
+        second >= 61) {
         return std::nullopt;
     }
     std::tm tm{};
@@ -86,7 +89,8 @@ std::optional<double> parseIsoTime(std::string_view text) {
     }
     int zoneHours = 0, zoneMinutes = 0;
     char sign = 0;
-    if (std::sscanf(tail, "%c%2d:%2d", &sign, &zoneHours, &zoneMinutes) == 3 && (sign == '+' || sign == '-')) {
+    if (std::sscanf(tail, "%c%2d:%2d", &sign, &zoneHours, &zoneMinutes) == 3 &&
+        (sign == '+' || sign == '-')) {
         const double offset = zoneHours * 3600.0 + zoneMinutes * 60.0;
         return sign == '+' ? result - offset : result + offset;
     }
@@ -97,32 +101,48 @@ std::optional<double> parseIsoTime(std::string_view text) {
 
 std::optional<Activity> activityFromName(std::string_view name) {
     name = trim(name);
-    if (name == "stationary") return Activity::kStationary;
-    if (name == "walking") return Activity::kWalking;
-    if (name == "running") return Activity::kRunning;
-    if (name == "automotive") return Activity::kAutomotive;
-    if (name == "cycling") return Activity::kCycling;
-    if (name == "unknown") return Activity::kUnknown;
+    if (name == "stationary")
+        return Activity::kStationary;
+    if (name == "walking")
+        return Activity::kWalking;
+    if (name == "running")
+        return Activity::kRunning;
+    if (name == "automotive")
+        return Activity::kAutomotive;
+    if (name == "cycling")
+        return Activity::kCycling;
+    if (name == "unknown")
+        return Activity::kUnknown;
     return std::nullopt;
 }
 
 std::string_view activityName(Activity activity) {
     switch (activity) {
-        case Activity::kStationary: return "stationary";
-        case Activity::kWalking: return "walking";
-        case Activity::kRunning: return "running";
-        case Activity::kAutomotive: return "automotive";
-        case Activity::kCycling: return "cycling";
-        case Activity::kUnknown: return "unknown";
+        case Activity::kStationary:
+            return "stationary";
+        case Activity::kWalking:
+            return "walking";
+        case Activity::kRunning:
+            return "running";
+        case Activity::kAutomotive:
+            return "automotive";
+        case Activity::kCycling:
+            return "cycling";
+        case Activity::kUnknown:
+            return "unknown";
     }
     return "unknown";
 }
 
 Activity activityForSpeed(double metresPerSecond) {
-    if (metresPerSecond < 0.3) return Activity::kStationary;
-    if (metresPerSecond < 2.5) return Activity::kWalking;
-    if (metresPerSecond < 4.5) return Activity::kRunning;
-    if (metresPerSecond < 8.0) return Activity::kCycling;
+    if (metresPerSecond < 0.3)
+        return Activity::kStationary;
+    if (metresPerSecond < 2.5)
+        return Activity::kWalking;
+    if (metresPerSecond < 4.5)
+        return Activity::kRunning;
+    if (metresPerSecond < 8.0)
+        return Activity::kCycling;
     return Activity::kAutomotive;
 }
 
@@ -150,16 +170,19 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
             rest = rest.substr(comma + 1);
         }
         if (fields.size() < 3 || fields.size() > 4) {
-            fail(fileName, lineNumber, "expected t,lat,lon[,activity] but found " + std::to_string(fields.size()) +
-                                           " fields");
+            fail(fileName, lineNumber,
+                 "expected t,lat,lon[,activity] but found " + std::to_string(fields.size()) + " fields");
         }
         RoutePoint point;
         const auto t = parseNumber(fields[0]);
         const auto lat = parseNumber(fields[1]);
         const auto lon = parseNumber(fields[2]);
-        if (!t) fail(fileName, lineNumber, "time '" + std::string(fields[0]) + "' is not a number");
-        if (!lat) fail(fileName, lineNumber, "latitude '" + std::string(fields[1]) + "' is not a number");
-        if (!lon) fail(fileName, lineNumber, "longitude '" + std::string(fields[2]) + "' is not a number");
+        if (!t)
+            fail(fileName, lineNumber, "time '" + std::string(fields[0]) + "' is not a number");
+        if (!lat)
+            fail(fileName, lineNumber, "latitude '" + std::string(fields[1]) + "' is not a number");
+        if (!lon)
+            fail(fileName, lineNumber, "longitude '" + std::string(fields[2]) + "' is not a number");
         point.t = *t;
         point.latitude = *lat;
         point.longitude = *lon;
@@ -186,7 +209,8 @@ Route parseGpxRoute(std::string_view text, const std::string& fileName) {
     pugi::xml_document document;
     const auto parsed = document.load_buffer(text.data(), text.size());
     if (!parsed) {
-        fail(fileName, lineOfOffset(text, parsed.offset), std::string("not valid XML: ") + parsed.description());
+        fail(fileName, lineOfOffset(text, parsed.offset),
+             std::string("not valid XML: ") + parsed.description());
     }
     Route route;
     route.name = fileName;
@@ -212,7 +236,8 @@ Route parseGpxRoute(std::string_view text, const std::string& fileName) {
         }
         const auto time = parseIsoTime(timeNode.child_value());
         if (!time) {
-            fail(fileName, line, std::string("time '") + timeNode.child_value() + "' is not an ISO 8601 UTC time");
+            fail(fileName, line,
+                 std::string("time '") + timeNode.child_value() + "' is not an ISO 8601 UTC time");
         }
         if (!start) {
             start = *time;

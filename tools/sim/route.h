@@ -32,7 +32,7 @@ struct Route {
 
 /// A route file that cannot be used; what() names the file and the line.
 class RouteError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 

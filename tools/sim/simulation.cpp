@@ -107,7 +107,8 @@ std::string describeForTimeline(const json& event) {
         if (body.is_object()) {
             for (const char* key : {"eventId", "placeId", "deviceEventId", "statusCode"}) {
                 if (body.contains(key)) {
-                    line << ' ' << key << '=' << (body[key].is_string() ? body[key].get<std::string>() : body[key].dump());
+                    line << ' ' << key << '='
+                         << (body[key].is_string() ? body[key].get<std::string>() : body[key].dump());
                 }
             }
             if (body.contains("message") && body["message"].is_object() && !body["message"].empty()) {
@@ -145,7 +146,7 @@ std::string describeForTimeline(const json& event) {
 }
 
 class HttpEvents final : public virtualbackend::HttpListener {
-public:
+  public:
     explicit HttpEvents(EventLog& events) : events_(events) {}
     void onRequest(const virtualbackend::RecordedRequest& request) override {
         events_.record("request", {{"url", request.url},
@@ -169,12 +170,12 @@ public:
         events_.record("response", std::move(fields));
     }
 
-private:
+  private:
     EventLog& events_;
 };
 
 class ProgressBar {
-public:
+  public:
     ProgressBar(bool enabled, double total) : enabled_(enabled), total_(std::max(total, 1.0)) {}
     ~ProgressBar() {
         if (enabled_ && drawn_) {
@@ -192,11 +193,12 @@ public:
         last_ = percent;
         drawn_ = true;
         const int filled = percent * 30 / 100;
-        std::cerr << "\r[" << std::string(filled, '#') << std::string(30 - filled, ' ') << "] " << std::setw(3) << percent
-                  << "%  " << static_cast<long>(done) << " / " << static_cast<long>(total_) << " s" << std::flush;
+        std::cerr << "\r[" << std::string(filled, '#') << std::string(30 - filled, ' ') << "] "
+                  << std::setw(3) << percent << "%  " << static_cast<long>(done) << " / "
+                  << static_cast<long>(total_) << " s" << std::flush;
     }
 
-private:
+  private:
     bool enabled_;
     double total_;
     int last_ = -1;
@@ -235,7 +237,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
             throw SimInputError(options.stateDir->string() + ": cannot be created: " + error.message());
         }
         const json device = readJsonFile(*options.stateDir / "device.json");
-        if (device.is_object() && device.contains("advertisingIdentifier") && device["advertisingIdentifier"].is_string()) {
+        if (device.is_object() && device.contains("advertisingIdentifier") &&
+            device["advertisingIdentifier"].is_string()) {
             advertisingIdentifier = device["advertisingIdentifier"].get<std::string>();
         }
         vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
@@ -282,42 +285,48 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     ports.application = observeApplication(vp.application, events);
     ports.log = observeLog(nullptr, events);
     auto presenter = vp.alerts;
-    ports.alerts = observeAlerts(vp.alerts, events, [&](platform::AlertId id, const platform::AlertSpec& shown) {
-        std::vector<std::string> buttons;
-        if (shown.cancelButtonTitle) {
-            buttons.push_back(*shown.cancelButtonTitle);
-        }
-        buttons.insert(buttons.end(), shown.otherButtonTitles.begin(), shown.otherButtonTitles.end());
-        if (buttons.empty()) {
-            return;  // a toast goes away by itself
-        }
-        int index = 0;
-        if (buttons.size() > 1) {
-            index = options.answer == AlertAnswer::kNever ? 0 : options.answer == AlertAnswer::kView ? 1 : 2;
-            index = std::min<int>(index, static_cast<int>(buttons.size()) - 1);
-        }
-        scheduler.scheduleTimer(kAlertAnswerDelay, false, [&events, presenter, id, index, tag = shown.tag,
-                                                           title = buttons[static_cast<std::size_t>(index)]] {
-            events.record("alert_answer", {{"tag", tag}, {"button", title}});
-            presenter->dismiss(id, index, true);
+    ports.alerts =
+        observeAlerts(vp.alerts, events, [&](platform::AlertId id, const platform::AlertSpec& shown) {
+            std::vector<std::string> buttons;
+            if (shown.cancelButtonTitle) {
+                buttons.push_back(*shown.cancelButtonTitle);
+            }
+            buttons.insert(buttons.end(), shown.otherButtonTitles.begin(), shown.otherButtonTitles.end());
+            if (buttons.empty()) {
+                return;  // a toast goes away by itself
+            }
+            int index = 0;
+            if (buttons.size() > 1) {
+                index = options.answer == AlertAnswer::kNever  ? 0
+                        : options.answer == AlertAnswer::kView ? 1
+                                                               : 2;
+                index = std::min<int>(index, static_cast<int>(buttons.size()) - 1);
+            }
+            scheduler.scheduleTimer(kAlertAnswerDelay, false,
+                                    [&events, presenter, id, index, tag = shown.tag,
+                                     title = buttons[static_cast<std::size_t>(index)]] {
+                                        events.record("alert_answer", {{"tag", tag}, {"button", title}});
+                                        presenter->dismiss(id, index, true);
+                                    });
         });
-    });
 
     std::unique_ptr<Environment> environment;
-    ports.notifications = observeNotifications(vp.notifications, events, [&](const platform::LocalNotification& n) {
-        if (!options.tapNotifications) {
-            return;
-        }
-        scheduler.scheduleTimer(kNotificationTapDelay, false, [&events, &environment, n] {
-            events.record("notification_tap", {{"userInfo", n.userInfo}});
-            environment->notificationCenter().post(kTovrelNotificationReceived, n);
+    ports.notifications =
+        observeNotifications(vp.notifications, events, [&](const platform::LocalNotification& n) {
+            if (!options.tapNotifications) {
+                return;
+            }
+            scheduler.scheduleTimer(kNotificationTapDelay, false, [&events, &environment, n] {
+                events.record("notification_tap", {{"userInfo", n.userInfo}});
+                environment->notificationCenter().post(kTovrelNotificationReceived, n);
+            });
         });
-    });
 
     environment = std::make_unique<Environment>(ports, Configuration{baseURL, baseURL});
     Environment::Scope scope(*environment);
-    environment->notificationCenter().addObserver(
-        "", nullptr, [&events](const Notification& n) { events.record("post", {{"name", n.name}}); });
+    environment->notificationCenter().addObserver("", nullptr, [&events](const Notification& n) {
+        events.record("post", {{"name", n.name}});
+    });
 
     const auto setState = [&](ApplicationState state) {
         const ApplicationState before = vp.application->applicationState();
@@ -334,8 +343,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         }
     };
 
-    const ApplicationState initial = options.appStates.front().t <= 0 ? options.appStates.front().state
-                                                                        : ApplicationState::kBackground;
+    const ApplicationState initial =
+        options.appStates.front().t <= 0 ? options.appStates.front().state : ApplicationState::kBackground;
     vp.application->setState(initial);
     events.record("app_state", {{"state", std::string(appStateName(initial))}});
     vp.application->finishLaunching(nullptr);
@@ -410,12 +419,15 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
             const RoutePoint& previous = route.points[i - 1];
             const double dt = point.t - previous.t;
             if (dt > 0) {
-                speed = distanceMetres(previous.latitude, previous.longitude, point.latitude, point.longitude) / dt;
+                speed =
+                    distanceMetres(previous.latitude, previous.longitude, point.latitude, point.longitude) /
+                    dt;
             }
         }
         // Without an activity column the first position has no speed yet, and no motion update.
-        const std::optional<Activity> activity =
-            point.activity ? point.activity : speed < 0 ? std::nullopt : std::optional(activityForSpeed(speed));
+        const std::optional<Activity> activity = point.activity ? point.activity
+                                                 : speed < 0    ? std::nullopt
+                                                                : std::optional(activityForSpeed(speed));
         if (activity && activity != lastActivity) {
             lastActivity = activity;
             events.record("motion", {{"activity", std::string(activityName(*activity))}});
@@ -445,7 +457,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
 
     if (options.stateDir) {
         writeJsonFile(*options.stateDir / "preferences.json", vp.preferences->snapshot());
-        writeJsonFile(*options.stateDir / "device.json", json{{"advertisingIdentifier", advertisingIdentifier}});
+        writeJsonFile(*options.stateDir / "device.json",
+                      json{{"advertisingIdentifier", advertisingIdentifier}});
     }
 
     outcome.simulatedSeconds = scheduler.now() - kStartTime;
@@ -456,8 +469,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     if (server) {
         server->stop();
     }
-    outcome.wallSeconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    outcome.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
     return outcome;
 }
 

@@ -17,9 +17,9 @@ enum class AlertAnswer { kNever, kView, kLater };
 /// Everything one run is told.
 struct SimOptions {
     std::filesystem::path routeFile;
-    std::filesystem::path placesFile;          ///< for the embedded service
-    std::filesystem::path contentDir;          ///< pages the embedded service serves
-    std::optional<std::string> serviceURL;     ///< talk to this service instead of the embedded one
+    std::filesystem::path placesFile;       ///< for the embedded service
+    std::filesystem::path contentDir;       ///< pages the embedded service serves
+    std::optional<std::string> serviceURL;  ///< talk to this service instead of the embedded one
     std::string sdkKey = "demo-key";
     bool presentNotifications = true;
     bool presentOfferView = true;
@@ -30,8 +30,8 @@ struct SimOptions {
     double lingerSeconds = 0;
     bool terminate = false;
     bool realtime = false;
-    bool progress = false;    ///< draw a progress bar on stderr
-    bool quiet = false;       ///< no timeline on stdout
+    bool progress = false;  ///< draw a progress bar on stderr
+    bool quiet = false;     ///< no timeline on stdout
 };
 
 /// What a run produced.
@@ -44,7 +44,7 @@ struct SimOutcome {
 
 /// A failure of the run's inputs (route, places, state): reported with exit status 2.
 class SimInputError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 

@@ -21,7 +21,8 @@ enum class ApplicationEvent {
     kWillTerminate,
 };
 
-using ApplicationEventHandler = std::function<void(ApplicationEvent event, const nlohmann::json& launchOptions)>;
+using ApplicationEventHandler =
+    std::function<void(ApplicationEvent event, const nlohmann::json& launchOptions)>;
 
 /// The host application as the platform sees it.
 class TOVREL_EXPORT Application {

@@ -16,12 +16,12 @@ struct TOVREL_EXPORT Coordinate {
 /// One position fix.
 struct TOVREL_EXPORT Location {
     Coordinate coordinate;
-    double altitude = 0;             ///< metres
-    double horizontalAccuracy = 0;   ///< metres; negative when the fix is invalid
-    double verticalAccuracy = -1;    ///< metres
-    double speed = -1;               ///< metres per second; negative when unknown
-    double course = -1;              ///< degrees; negative when unknown
-    double timestamp = 0;            ///< seconds since 1970
+    double altitude = 0;            ///< metres
+    double horizontalAccuracy = 0;  ///< metres; negative when the fix is invalid
+    double verticalAccuracy = -1;   ///< metres
+    double speed = -1;              ///< metres per second; negative when unknown
+    double course = -1;             ///< degrees; negative when unknown
+    double timestamp = 0;           ///< seconds since 1970
 };
 
 /// Desired-accuracy levels, in metres (best is the platform's -1).

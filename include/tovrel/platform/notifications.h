@@ -20,7 +20,11 @@ struct TOVREL_EXPORT LocalNotification {
 };
 
 /// User notification types, as a bit mask.
-enum NotificationType : int { kNotificationTypeBadge = 1, kNotificationTypeSound = 2, kNotificationTypeAlert = 4 };
+enum NotificationType : int {
+    kNotificationTypeBadge = 1,
+    kNotificationTypeSound = 2,
+    kNotificationTypeAlert = 4
+};
 
 inline constexpr const char* kDefaultSoundName = "default";
 

@@ -55,7 +55,8 @@ void RecordingHttpClient::postJson(const std::string& url, const nlohmann::json&
 }
 
 void RecordingHttpClient::send(platform::HttpRequest request, platform::ResponseCompletion completion) {
-    Waiting waiting{record(request.method, request.url, nullptr, request.body, false), nullptr, std::move(completion)};
+    Waiting waiting{record(request.method, request.url, nullptr, request.body, false), nullptr,
+                    std::move(completion)};
     dispatch(std::move(waiting));
 }
 
@@ -73,19 +74,20 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
         // The real client posts its completion to the loop; the work ends once that task has run, so
         // the clock never moves between the answer and its handling.
         if (shared->request.json) {
-            forward->postJson(shared->request.url, shared->request.body, [this, shared](platform::JsonResult result) {
-                HttpListener* listener = nullptr;
-                {
-                    std::lock_guard lock(mutex_);
-                    listener = listener_;
-                }
-                if (listener != nullptr) {
-                    listener->onResponse(shared->request, result.status, result.ok() ? result.value.dump() : std::string(),
-                                         result.error);
-                }
-                shared->json(std::move(result));
-                scheduler_->endExternalWork();
-            });
+            forward->postJson(
+                shared->request.url, shared->request.body, [this, shared](platform::JsonResult result) {
+                    HttpListener* listener = nullptr;
+                    {
+                        std::lock_guard lock(mutex_);
+                        listener = listener_;
+                    }
+                    if (listener != nullptr) {
+                        listener->onResponse(shared->request, result.status,
+                                             result.ok() ? result.value.dump() : std::string(), result.error);
+                    }
+                    shared->json(std::move(result));
+                    scheduler_->endExternalWork();
+                });
         } else {
             platform::HttpRequest request;
             request.method = shared->request.method;
@@ -133,7 +135,9 @@ void RecordingHttpClient::deliver(const Waiting& waiting, const Reply& reply) {
         } else {
             result = curl::classifyJsonResponse(reply.status, reply.body, hostPortOf(waiting.request.url));
         }
-        scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable { completion(std::move(result)); });
+        scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable {
+            completion(std::move(result));
+        });
     } else if (waiting.raw) {
         platform::HttpResponse response;
         response.status = reply.error ? 0 : reply.status;

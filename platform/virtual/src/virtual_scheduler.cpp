@@ -12,12 +12,13 @@ struct VirtualScheduler::TimerState final : platform::Timer {
     std::atomic<bool> valid{true};
 };
 
-VirtualScheduler::VirtualScheduler(double startTime) : now_(startTime), loopThread_(std::this_thread::get_id()) {}
+VirtualScheduler::VirtualScheduler(double startTime)
+    : now_(startTime), loopThread_(std::this_thread::get_id()) {}
 
 VirtualScheduler::~VirtualScheduler() = default;
 
-void VirtualScheduler::push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval,
-                            bool background) {
+void VirtualScheduler::push(double due, platform::Task task, std::shared_ptr<TimerState> timer,
+                            double interval, bool background) {
     queue_.push(Entry{due, nextSequence_++, std::move(task), std::move(timer), interval, background});
     changed_.notify_all();
 }
@@ -27,7 +28,8 @@ void VirtualScheduler::post(platform::Task task) {
     push(now_, std::move(task), nullptr, 0, false);
 }
 
-std::shared_ptr<platform::Timer> VirtualScheduler::scheduleTimer(double seconds, bool repeats, platform::Task action) {
+std::shared_ptr<platform::Timer> VirtualScheduler::scheduleTimer(double seconds, bool repeats,
+                                                                 platform::Task action) {
     auto state = std::make_shared<TimerState>();
     // A non-positive repeating interval would fire forever at one instant; the platform clamps it too.
     const double interval = repeats ? std::max(seconds, 0.0001) : 0;
@@ -138,7 +140,9 @@ void VirtualScheduler::fastForwardTo(double time) {
     runUntilIdle();
 }
 
-void VirtualScheduler::fastForwardBy(double seconds) { fastForwardTo(now() + std::max(seconds, 0.0)); }
+void VirtualScheduler::fastForwardBy(double seconds) {
+    fastForwardTo(now() + std::max(seconds, 0.0));
+}
 
 std::optional<double> VirtualScheduler::nextEventTime() const {
     std::lock_guard lock(mutex_);

@@ -106,7 +106,9 @@ bool VirtualApplication::openURL(const std::string& url) {
     openedURLs_.push_back(url);
     return true;
 }
-std::string VirtualApplication::openSettingsURLString() const { return "app-settings:"; }
+std::string VirtualApplication::openSettingsURLString() const {
+    return "app-settings:";
+}
 void VirtualApplication::setEventHandler(platform::ApplicationEventHandler handler) {
     std::lock_guard lock(mutex_);
     handler_ = std::move(handler);
@@ -157,7 +159,9 @@ void VirtualApplication::enterForeground() {
     emit(ApplicationEvent::kWillEnterForeground);
     becomeActive();
 }
-void VirtualApplication::terminate() { emit(ApplicationEvent::kWillTerminate); }
+void VirtualApplication::terminate() {
+    emit(ApplicationEvent::kWillTerminate);
+}
 
 // --- notifications -------------------------------------------------------------------------------
 
@@ -244,7 +248,7 @@ struct VirtualReachability::Shared {
 namespace {
 
 class VirtualReachabilityHandle final : public platform::ReachabilityHandle {
-public:
+  public:
     VirtualReachabilityHandle(std::shared_ptr<VirtualReachability::Shared> shared, std::string target)
         : shared_(std::move(shared)), watch_(std::make_shared<VirtualReachability::Shared::Watch>()) {
         watch_->target = std::move(target);
@@ -275,7 +279,7 @@ public:
         watch_->scheduled = false;
     }
 
-private:
+  private:
     std::shared_ptr<VirtualReachability::Shared> shared_;
     std::shared_ptr<VirtualReachability::Shared::Watch> watch_;
 };
@@ -355,7 +359,8 @@ void RecordingAlerts::dismiss(platform::AlertId id, int buttonIndex, bool /*anim
     std::function<void(int)> onDismiss;
     {
         std::lock_guard lock(mutex_);
-        const auto it = std::find_if(alerts_.begin(), alerts_.end(), [id](const Shown& s) { return s.id == id; });
+        const auto it =
+            std::find_if(alerts_.begin(), alerts_.end(), [id](const Shown& s) { return s.id == id; });
         if (it == alerts_.end() || !it->visible) {
             return;
         }
@@ -376,11 +381,14 @@ std::vector<RecordingAlerts::Shown> RecordingAlerts::all() const {
 std::vector<RecordingAlerts::Shown> RecordingAlerts::visible() const {
     std::lock_guard lock(mutex_);
     std::vector<Shown> out;
-    std::copy_if(alerts_.begin(), alerts_.end(), std::back_inserter(out), [](const Shown& s) { return s.visible; });
+    std::copy_if(alerts_.begin(), alerts_.end(), std::back_inserter(out),
+                 [](const Shown& s) { return s.visible; });
     return out;
 }
 
-void RecordingAlerts::press(platform::AlertId id, int index) { dismiss(id, index, true); }
+void RecordingAlerts::press(platform::AlertId id, int index) {
+    dismiss(id, index, true);
+}
 
 // --- log -----------------------------------------------------------------------------------------
 
@@ -397,13 +405,15 @@ std::vector<std::string> RecordingLog::lines() const {
     return lines_;
 }
 
-bool RecordingLog::contains(std::string_view text) const { return count(text) > 0; }
+bool RecordingLog::contains(std::string_view text) const {
+    return count(text) > 0;
+}
 
 std::size_t RecordingLog::count(std::string_view text) const {
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [text](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    }));
+    return static_cast<std::size_t>(
+        std::count_if(lines_.begin(), lines_.end(),
+                      [text](const std::string& line) { return line.find(text) != std::string::npos; }));
 }
 
 void RecordingLog::clear() {

@@ -20,11 +20,11 @@ struct TOVREL_EXPORT RecordedRequest {
     std::uint64_t id = 0;
     std::string method;
     std::string url;
-    std::string path;      ///< the URL's path, e.g. "/v1/session"
-    nlohmann::json body;   ///< the JSON body of a JSON POST, else null
-    std::string rawBody;   ///< the body as sent
-    double time = 0;       ///< virtual time when it was made
-    bool json = false;     ///< made through postJson
+    std::string path;     ///< the URL's path, e.g. "/v1/session"
+    nlohmann::json body;  ///< the JSON body of a JSON POST, else null
+    std::string rawBody;  ///< the body as sent
+    double time = 0;      ///< virtual time when it was made
+    bool json = false;    ///< made through postJson
 };
 
 /// How a request is answered: a status and body, or a transport error.
@@ -34,7 +34,9 @@ struct TOVREL_EXPORT Reply {
     std::string contentType = "application/json";
     std::optional<platform::HttpError> error;
 
-    static Reply json(int status, const nlohmann::json& body) { return {status, body.dump(), "application/json", {}}; }
+    static Reply json(int status, const nlohmann::json& body) {
+        return {status, body.dump(), "application/json", {}};
+    }
     static Reply text(int status, std::string body, std::string contentType = "text/html") {
         return {status, std::move(body), std::move(contentType), {}};
     }
@@ -63,7 +65,8 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
 
     explicit RecordingHttpClient(std::shared_ptr<VirtualScheduler> scheduler);
 
-    void postJson(const std::string& url, const nlohmann::json& body, platform::JsonCompletion completion) override;
+    void postJson(const std::string& url, const nlohmann::json& body,
+                  platform::JsonCompletion completion) override;
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override;
 
     /// Sends every later request to `client` (nullptr stops forwarding).
@@ -84,15 +87,15 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
     bool respondTo(const std::string& path, const Reply& reply);
     void clear();
 
-private:
+  private:
     struct Waiting {
         RecordedRequest request;
         platform::JsonCompletion json;
         platform::ResponseCompletion raw;
     };
 
-    RecordedRequest record(std::string method, const std::string& url, nlohmann::json body, std::string rawBody,
-                           bool json);
+    RecordedRequest record(std::string method, const std::string& url, nlohmann::json body,
+                           std::string rawBody, bool json);
     void dispatch(Waiting waiting);
     void deliver(const Waiting& waiting, const Reply& reply);
 

@@ -31,7 +31,8 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
     ~VirtualScheduler() override;
 
     void post(platform::Task task) override;
-    std::shared_ptr<platform::Timer> scheduleTimer(double seconds, bool repeats, platform::Task action) override;
+    std::shared_ptr<platform::Timer> scheduleTimer(double seconds, bool repeats,
+                                                   platform::Task action) override;
     [[nodiscard]] bool isMainThread() const override;
 
     [[nodiscard]] double now() const override;
@@ -61,7 +62,7 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
     /// Upper bound, in wall seconds, on waiting for one piece of external work.
     void setExternalWorkTimeout(double seconds) { externalTimeout_ = seconds; }
 
-private:
+  private:
     struct TimerState;
     struct Entry {
         double due;
@@ -77,7 +78,8 @@ private:
         }
     };
 
-    void push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval, bool background);
+    void push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval,
+              bool background);
     bool runOneDue(std::unique_lock<std::mutex>& lock);
     void dropDeadEntries();
     void waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds);

@@ -29,7 +29,7 @@ class TOVREL_EXPORT InMemoryPreferences final : public platform::PreferencesStor
     [[nodiscard]] nlohmann::json snapshot() const;
     void restore(const nlohmann::json& snapshot);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::map<std::string, nlohmann::json, std::less<>> values_;
 };
@@ -45,7 +45,7 @@ class TOVREL_EXPORT VirtualDevice final : public platform::Device {
     void setSystem(std::string name, std::string version);
     void setAdvertisingIdentifier(std::string identifier);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::string model_ = "iPhone";
     std::string systemName_ = "iOS";
@@ -80,7 +80,7 @@ class TOVREL_EXPORT VirtualApplication final : public platform::Application {
     /// Every badge number set, in order.
     [[nodiscard]] std::vector<long> badgeHistory() const;
 
-private:
+  private:
     void emit(platform::ApplicationEvent event, const nlohmann::json& launchOptions = nullptr);
 
     mutable std::mutex mutex_;
@@ -107,7 +107,7 @@ class TOVREL_EXPORT VirtualNotifications final : public platform::LocalNotificat
     /// What the user allows; nullopt makes the query unanswerable. Default: badge, sound and alert.
     void setUserNotificationSettings(std::optional<int> typeMask);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<platform::LocalNotification> presented_;
     std::vector<platform::LocalNotification> scheduled_;
@@ -121,7 +121,8 @@ class TOVREL_EXPORT VirtualReachability final : public platform::ReachabilitySou
   public:
     explicit VirtualReachability(std::shared_ptr<platform::MainLoop> loop);
     std::unique_ptr<platform::ReachabilityHandle> createWithName(const std::string& name) override;
-    std::unique_ptr<platform::ReachabilityHandle> createWithAddress(const platform::Ipv4SocketAddress& address) override;
+    std::unique_ptr<platform::ReachabilityHandle> createWithAddress(
+        const platform::Ipv4SocketAddress& address) override;
 
     /// Sets the flags of every target (existing and later ones) and tells scheduled handles.
     void setFlags(std::uint32_t flags);
@@ -134,7 +135,7 @@ class TOVREL_EXPORT VirtualReachability final : public platform::ReachabilitySou
 
     struct Shared;
 
-private:
+  private:
     std::shared_ptr<Shared> shared_;
 };
 
@@ -156,7 +157,7 @@ class TOVREL_EXPORT RecordingAlerts final : public platform::AlertPresenter {
     /// Presses button `index` of alert `id`, as the user would.
     void press(platform::AlertId id, int index);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<Shown> alerts_;
     platform::AlertId nextId_ = 1;
@@ -173,7 +174,7 @@ class TOVREL_EXPORT RecordingLog final : public platform::LogSink {
     void clear();
     void setEcho(bool echo) { echo_ = echo; }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
     bool echo_ = false;
