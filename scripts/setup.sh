@@ -17,7 +17,7 @@ USAGE
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
 
 packages=(
-    build-essential cmake g++ clang libclang-rt-14-dev ninja-build pkg-config
+    build-essential cmake g++ clang clang-format libclang-rt-14-dev ninja-build pkg-config
     # packaging: man pages from --help, Debian packages
     help2man dpkg-dev file python3-pytest
     googletest libgtest-dev libgmock-dev libbenchmark-dev

@@ -8,7 +8,8 @@ usage() {
     cat <<'USAGE'
 Usage: scripts/test.sh [--quick] [--help]
 
-Installs what is missing (scripts/setup.sh), then builds and tests:
+Installs what is missing (scripts/setup.sh), checks the format (scripts/check-format.sh), then
+builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
@@ -31,6 +32,9 @@ done
 
 scripts/setup.sh
 jobs=$(nproc)
+
+echo "== format"
+scripts/check-format.sh
 
 if ((quick == 0)); then
     echo "== fuzz targets"
