@@ -81,6 +81,34 @@ TEST(GpxRoute, ErrorsNameTheFileAndLine) {
               "d.gpx: no <trkpt> with a time in this GPX file");
 }
 
+TEST(CsvRoute, AFirstLineOfNamesIsAHeader) {
+    const auto route =
+        parseCsvRoute("# walk\nt,lat,lon,activity\n0,48.1,11.5,walking\n5,48.2,11.6,walking\n", "h.csv");
+    ASSERT_EQ(route.points.size(), 2u);
+    EXPECT_TRUE(route.hasActivity);
+    EXPECT_EQ(parseCsvRoute("time, latitude, longitude\n0,48.1,11.5\n", "h.csv").points.size(), 1u);
+    // Names after the first position, or beside numbers, are a fault, not a header.
+    EXPECT_EQ(errorOf([] { parseCsvRoute("0,48.1,11.5\nt,lat,lon\n", "h.csv"); }),
+              "h.csv:2: time 't' is not a number");
+    EXPECT_EQ(errorOf([] { parseCsvRoute("t,48.1,lon\n", "h.csv"); }), "h.csv:1: time 't' is not a number");
+}
+
+TEST(GpxRoute, LargeTracksAreReadWithTheirLineNumbers) {
+    constexpr int kPoints = 40'000;
+    std::string gpx = "<?xml version=\"1.0\"?>\n<gpx><trk><trkseg>\n";
+    for (int i = 0; i < kPoints; ++i) {
+        gpx += "<trkpt lat=\"48.1\" lon=\"11.5\"><time>2024-06-01T" + std::to_string(10 + i / 3600) + ":" +
+               (i / 60 % 60 < 10 ? "0" : "") + std::to_string(i / 60 % 60) + ":" + (i % 60 < 10 ? "0" : "") +
+               std::to_string(i % 60) + "Z</time></trkpt>\n";
+    }
+    const auto route = parseGpxRoute(gpx + "</trkseg></trk></gpx>\n", "big.gpx");
+    ASSERT_EQ(route.points.size(), static_cast<std::size_t>(kPoints));
+    EXPECT_DOUBLE_EQ(route.duration(), kPoints - 1);
+    gpx += "<trkpt lat=\"48.1\" lon=\"11.5\"></trkpt>\n</trkseg></trk></gpx>\n";
+    EXPECT_EQ(errorOf([&] { parseGpxRoute(gpx, "big.gpx"); }),
+              "big.gpx:" + std::to_string(kPoints + 3) + ": trkpt has no <time>");
+}
+
 TEST(RouteFile, MissingFileIsAnError) {
     EXPECT_EQ(errorOf([] { loadRoute("/nonexistent/route.csv"); }), "/nonexistent/route.csv: cannot be read");
 }

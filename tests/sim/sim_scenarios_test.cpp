@@ -225,4 +225,39 @@ TEST_F(SimScenario, BadInputExitsWithStatusTwoNamingTheProblem) {
     EXPECT_NE(run.stderrText.find("/nonexistent/places.geojson"), std::string::npos) << run.stderrText;
 }
 
+TEST_F(SimScenario, ASessionThatNeverStartsEndsTheRunWithStatusThree) {
+    // A key the service does not know, then a service nobody listens on: the component retries at
+    // once without end; the run stops after the attempts it allows and says why.
+    SimRun run = sim("--route " + route("city-walk.csv") + " --sdk-key no-such-key");
+    EXPECT_EQ(run.exitStatus, 3) << run.stderrText;
+    EXPECT_NE(run.stderrText.find("the session did not start: 5 attempts in a row failed"), std::string::npos)
+        << run.stderrText;
+    EXPECT_EQ(run.requestsTo("/v1/session").size(), 5u);
+    ASSERT_EQ(run.ofType("run_end").size(), 1u);
+    EXPECT_EQ(run.ofType("run_end")[0]["reason"], "session");
+
+    run = sim("--route " + route("city-walk.csv") + " --service http://127.0.0.1:1 --session-attempts 2");
+    EXPECT_EQ(run.exitStatus, 3) << run.stderrText;
+    EXPECT_EQ(run.requestsTo("/v1/session").size(), 2u);
+    EXPECT_NE(run.stderrText.find("127.0.0.1:1"), std::string::npos) << run.stderrText;
+}
+
+TEST_F(SimScenario, MaxDurationCutsTheRouteAndHeadersAreRead) {
+    const fs::path walk = dir / "header.csv";
+    {
+        std::ofstream out(walk);
+        out << "t,lat,lon\n";
+        std::ifstream in(route("city-walk.csv"));
+        out << in.rdbuf();
+    }
+    const SimRun whole = sim("--route " + walk.string());
+    ASSERT_EQ(whole.exitStatus, 0) << whole.stderrText;
+    const SimRun cut = sim("--route " + walk.string() + " --max-duration 120");
+    ASSERT_EQ(cut.exitStatus, 0) << cut.stderrText;
+    ASSERT_FALSE(cut.events.empty());
+    EXPECT_LE(cut.events.back().value("t", 0.0), 120.0);
+    EXPECT_LT(cut.ofType("position").size(), whole.ofType("position").size());
+    EXPECT_EQ(sim("--route " + walk.string() + " --max-duration 0").exitStatus, 2);
+}
+
 }  // namespace

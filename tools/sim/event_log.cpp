@@ -41,7 +41,22 @@ void EventLog::record(const std::string& type, nlohmann::json fields) {
     if (listener_) {
         listener_(event);
     }
-    events_.push_back(std::move(event));
+    ++counts_[type];
+    if (events_.size() < kKeptEvents) {
+        events_.push_back(std::move(event));
+    } else {
+        ++notKept_;
+    }
+}
+
+EventLog::Counts EventLog::counts() const {
+    std::lock_guard lock(mutex_);
+    return counts_;
+}
+
+std::size_t EventLog::notKept() const {
+    std::lock_guard lock(mutex_);
+    return notKept_;
 }
 
 std::vector<nlohmann::json> EventLog::events() const {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -10,14 +12,23 @@
 namespace tovrel::sim {
 
 /// Everything observable in one run, in order: {"t": seconds since start, "type": ..., fields...}.
+/// Every event goes to the stream and the listener; memory keeps the first kKeptEvents (the report's
+/// and the summary's material) and a count of every type, so a long run stays bounded.
 class EventLog {
   public:
+    static constexpr std::size_t kKeptEvents = 100'000;
+    using Counts = std::map<std::string, std::size_t>;
+
     explicit EventLog(std::function<double()> secondsSinceStart);
 
     /// Any thread.
     void record(const std::string& type, nlohmann::json fields = nlohmann::json::object());
-    /// A copy of the events so far.
+    /// A copy of the events kept so far.
     [[nodiscard]] std::vector<nlohmann::json> events() const;
+    /// How many events of each type were recorded (kept or not).
+    [[nodiscard]] Counts counts() const;
+    /// Events recorded beyond kKeptEvents.
+    [[nodiscard]] std::size_t notKept() const;
     /// Events of one type.
     [[nodiscard]] std::vector<nlohmann::json> eventsOfType(const std::string& type) const;
     /// One JSON object a line.
@@ -31,6 +42,8 @@ class EventLog {
     std::function<double()> secondsSinceStart_;
     mutable std::mutex mutex_;
     std::vector<nlohmann::json> events_;
+    Counts counts_;
+    std::size_t notKept_ = 0;
     std::ostream* stream_ = nullptr;
     std::function<void(const nlohmann::json&)> listener_;
 };

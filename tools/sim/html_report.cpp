@@ -421,7 +421,12 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         out << "<tr><td class=\"t\">" << fixed(event.value("t", 0.0), 1) << "</td><td>" << escape(type)
             << "</td><td class=\"d\">" << escape(summarise(event)) << "</td></tr>\n";
     }
-    out << "</table>\n<details><summary>Log lines and positions</summary><table>\n";
+    out << "</table>\n";
+    if (input.eventsNotKept > 0) {
+        out << "<p>The report holds the first " << input.events.size() << " events; the "
+            << input.eventsNotKept << " after them are in the events file (--events).</p>\n";
+    }
+    out << "<details><summary>Log lines and positions</summary><table>\n";
     for (const auto& event : input.events) {
         const std::string type = event.value("type", "");
         if (type == "log" || type == "position") {

@@ -15,6 +15,7 @@ struct ReportInput {
     Route route;
     std::vector<nlohmann::json> events;  ///< EventLog::events()
     double wallSeconds = 0;              ///< how long the run took
+    std::size_t eventsNotKept = 0;       ///< later events, in the events file only
 };
 
 /// A self-contained HTML page (no network needed to view it): an SVG map of the route, the place

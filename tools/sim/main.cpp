@@ -16,6 +16,8 @@ namespace {
 using tovrel::sim::AlertAnswer;
 
 constexpr int kBadInput = tovrel::tools::kUsageError;
+constexpr int kSessionNeverStarted = 3;
+constexpr int kTimeStalled = 4;
 
 bool onOff(const std::string& value) {
     return value == "on";
@@ -73,12 +75,24 @@ int main(int argc, char** argv) {
     run->add_option("--report", reportFile, "Write a self-contained HTML report here");
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
+    run->add_option("--session-attempts", options.sessionAttempts,
+                    "End the run after this many failed session starts in a row (default 5)")
+        ->check(CLI::Range(1, 1000000));
+    double maxDuration = -1;
+    run->add_option("--max-duration", maxDuration, "Simulate at most this many seconds of the route")
+        ->check(CLI::PositiveNumber);
+    app.footer(
+        "Exit status: 0 the run completed; 2 a usage error or unusable input; 3 the session never started; "
+        "4 virtual time stopped advancing (a request retried without end).");
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
 
     options.routeFile = route;
+    if (maxDuration > 0) {
+        options.maxDuration = maxDuration;
+    }
     if (!places.empty()) {
         options.placesFile = places;
     }
@@ -128,17 +142,17 @@ int main(int argc, char** argv) {
     }
 
     if (report.is_open()) {
-        tovrel::sim::writeHtmlReport({"Tovrel simulation: " + options.routeFile.filename().string(),
-                                      outcome.route, outcome.events, outcome.wallSeconds},
-                                     report);
+        tovrel::sim::writeHtmlReport(
+            {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
+             outcome.wallSeconds, outcome.eventsNotKept},
+            report);
     }
-    std::size_t requests = 0;
-    std::size_t delivered = 0;
-    for (const auto& event : outcome.events) {
-        const std::string type = event.value("type", "");
-        requests += type == "request";
-        delivered += type == "notification" || type == "alert";
-    }
+    const auto count = [&outcome](const char* type) {
+        const auto found = outcome.counts.find(type);
+        return found == outcome.counts.end() ? std::size_t{0} : found->second;
+    };
+    const std::size_t requests = count("request");
+    const std::size_t delivered = count("notification") + count("alert");
     std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in "
               << outcome.wallSeconds << " s of wall time: " << requests << " requests, " << delivered
               << " offers delivered";
@@ -146,5 +160,10 @@ int main(int argc, char** argv) {
         std::cout << "; report: " << reportFile;
     }
     std::cout << '\n';
+    if (outcome.stop != tovrel::sim::RunStop::kNone) {
+        std::cerr << "tovrel-sim: " << outcome.stopMessage << '\n';
+        return outcome.stop == tovrel::sim::RunStop::kSessionNeverStarted ? kSessionNeverStarted
+                                                                          : kTimeStalled;
+    }
     return 0;
 }

@@ -61,6 +61,34 @@ std::size_t lineOfOffset(std::string_view text, std::ptrdiff_t offset) {
     return static_cast<std::size_t>(std::count(text.begin(), end, '\n')) + 1;
 }
 
+/// Line numbers of increasing offsets in one text, each found from the previous one: linear in the
+/// text's length over a whole document, where counting from the start each time is quadratic.
+class LineCounter {
+  public:
+    explicit LineCounter(std::string_view text) : text_(text) {}
+    std::size_t lineOf(std::ptrdiff_t offset) {
+        const auto end = std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(text_.size()));
+        if (end < offset_) {
+            return lineOfOffset(text_, end);
+        }
+        line_ += static_cast<std::size_t>(std::count(text_.begin() + offset_, text_.begin() + end, '\n'));
+        offset_ = end;
+        return line_;
+    }
+
+  private:
+    std::string_view text_;
+    std::ptrdiff_t offset_ = 0;
+    std::size_t line_ = 1;
+};
+
+/// A header line such as "t,lat,lon" or "time,latitude,longitude,activity": no field is a number.
+bool isHeader(const std::vector<std::string_view>& fields) {
+    return std::none_of(fields.begin(), fields.end(), [](std::string_view field) {
+        return field.empty() || parseNumber(field).has_value();
+    });
+}
+
 /// "2024-05-01T10:00:00Z", "2024-05-01T10:00:00.250Z", "2024-05-01T12:00:00+02:00" → seconds since 1970.
 std::optional<double> parseIsoTime(std::string_view text) {
     text = trim(text);
@@ -151,6 +179,7 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
     route.name = fileName;
     std::size_t lineNumber = 0;
     std::size_t withActivity = 0;
+    bool headerSeen = false;
     while (!text.empty()) {
         const auto newline = text.find('\n');
         const std::string_view line = trim(text.substr(0, newline));
@@ -168,6 +197,11 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
                 break;
             }
             rest = rest.substr(comma + 1);
+        }
+        if (route.points.empty() && !headerSeen && fields.size() >= 3 && fields.size() <= 4 &&
+            isHeader(fields)) {
+            headerSeen = true;
+            continue;
         }
         if (fields.size() < 3 || fields.size() > 4) {
             fail(fileName, lineNumber,
@@ -216,9 +250,10 @@ Route parseGpxRoute(std::string_view text, const std::string& fileName) {
     route.name = fileName;
     std::optional<double> start;
     const auto points = document.select_nodes("//*[local-name()='trkpt']");
+    LineCounter lines(text);
     for (const auto& selected : points) {
         const pugi::xml_node node = selected.node();
-        const std::size_t line = lineOfOffset(text, node.offset_debug());
+        const std::size_t line = lines.lineOf(node.offset_debug());
         const auto lat = parseNumber(node.attribute("lat").value());
         const auto lon = parseNumber(node.attribute("lon").value());
         if (!lat || !lon) {

@@ -36,7 +36,8 @@ class RouteError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Reads a GPX track (trkpt with time) or CSV lines "t,lat,lon[,activity]" (no header, '#' comments).
+/// Reads a GPX track (trkpt with time) or CSV lines "t,lat,lon[,activity]" ('#' comments; a first line
+/// of names, such as "t,lat,lon", is a header).
 /// GPX is recognised by the ".gpx" extension or an XML start.
 Route loadRoute(const std::filesystem::path& file);
 Route parseCsvRoute(std::string_view text, const std::string& fileName);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -281,6 +282,9 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     const auto& motion = vp.motion;
 
     platform::Platform ports = vp.platform();
+    const auto guard = std::make_shared<RunGuard>(
+        ports.http, ports.clock, RunGuard::Limits{std::max<std::size_t>(options.sessionAttempts, 1)});
+    ports.http = guard;
     ports.location = observeLocation(location, events);
     ports.application = observeApplication(vp.application, events);
     ports.log = observeLog(nullptr, events);
@@ -379,7 +383,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         }
     };
 
-    const double end = route.duration() + std::max(options.lingerSeconds, 0.0);
+    const double end = std::min(route.duration() + std::max(options.lingerSeconds, 0.0),
+                                options.maxDuration.value_or(std::numeric_limits<double>::infinity()));
     ProgressBar progress(options.progress, end);
     const auto advanceTo = [&](double t) {
         if (options.realtime) {
@@ -406,7 +411,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         ++nextState;
     }
     std::optional<Activity> lastActivity;
-    for (std::size_t i = 0; i < route.points.size(); ++i) {
+    const auto stopped = [&guard] { return guard->stop() != RunStop::kNone; };
+    for (std::size_t i = 0; i < route.points.size() && route.points[i].t <= end && !stopped(); ++i) {
         const RoutePoint& point = route.points[i];
         while (nextState < options.appStates.size() && options.appStates[nextState].t <= point.t) {
             advanceTo(options.appStates[nextState].t);
@@ -442,13 +448,21 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         scheduler.runUntilIdle();
         recordOfferViews();
     }
-    while (nextState < options.appStates.size() && options.appStates[nextState].t <= end) {
+    while (nextState < options.appStates.size() && options.appStates[nextState].t <= end && !stopped()) {
         advanceTo(options.appStates[nextState].t);
         setState(options.appStates[nextState].state);
         ++nextState;
     }
-    advanceTo(end);
-    if (options.terminate) {
+    if (!stopped()) {
+        advanceTo(end);
+    }
+    if (stopped()) {
+        outcome.stop = guard->stop();
+        outcome.stopMessage = guard->stopMessage();
+        events.record("run_end",
+                      {{"reason", outcome.stop == RunStop::kSessionNeverStarted ? "session" : "stalled"},
+                       {"message", outcome.stopMessage}});
+    } else if (options.terminate) {
         events.record("app_state", {{"state", "terminating"}});
         vp.application->terminate();
         scheduler.runUntilIdle();
@@ -463,6 +477,8 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
 
     outcome.simulatedSeconds = scheduler.now() - kStartTime;
     outcome.events = events.events();
+    outcome.counts = events.counts();
+    outcome.eventsNotKept = events.notKept();
     vp.http->setListener(nullptr);
     vp.http->forwardTo(nullptr);
     curl.reset();

@@ -9,6 +9,7 @@
 #include "app_state_timeline.h"
 #include "event_log.h"
 #include "route.h"
+#include "run_guard.h"
 
 namespace tovrel::sim {
 
@@ -32,14 +33,22 @@ struct SimOptions {
     bool realtime = false;
     bool progress = false;  ///< draw a progress bar on stderr
     bool quiet = false;     ///< no timeline on stdout
+    /// Failed session starts in a row after which the run ends (the component itself never stops trying).
+    std::size_t sessionAttempts = 5;
+    /// Simulate at most this many seconds of the route (and linger).
+    std::optional<double> maxDuration;
 };
 
 /// What a run produced.
 struct SimOutcome {
-    std::vector<nlohmann::json> events;
+    std::vector<nlohmann::json> events;  ///< the first EventLog::kKeptEvents of them
+    EventLog::Counts counts;             ///< every event, by type
+    std::size_t eventsNotKept = 0;       ///< recorded (and streamed) but not in `events`
     Route route;
     double simulatedSeconds = 0;
     double wallSeconds = 0;
+    RunStop stop = RunStop::kNone;  ///< why the run ended before its route did
+    std::string stopMessage;
 };
 
 /// A failure of the run's inputs (route, places, state): reported with exit status 2.
