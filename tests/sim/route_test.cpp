@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "app_state_timeline.h"
 
 namespace tovrel::sim {
@@ -107,6 +109,36 @@ TEST(GpxRoute, LargeTracksAreReadWithTheirLineNumbers) {
     gpx += "<trkpt lat=\"48.1\" lon=\"11.5\"></trkpt>\n</trkseg></trk></gpx>\n";
     EXPECT_EQ(errorOf([&] { parseGpxRoute(gpx, "big.gpx"); }),
               "big.gpx:" + std::to_string(kPoints + 3) + ": trkpt has no <time>");
+}
+
+/// "$<body>*<checksum>" with the XOR checksum NMEA uses.
+std::string nmeaSentence(const std::string& body) {
+    unsigned checksum = 0;
+    for (const char c : body) {
+        checksum ^= static_cast<unsigned char>(c);
+    }
+    char tail[8];
+    std::snprintf(tail, sizeof tail, "*%02X\r\n", checksum);
+    return "$" + body + tail;
+}
+
+TEST(NmeaRoute, IsReadByTheReplayReaderWithTimesFromTheFirstFix) {
+    const std::string log = nmeaSentence("GPRMC,120000.00,A,4806.0000,N,01130.0000,E,0.0,0.0,010624,,,A") +
+                            nmeaSentence("GPGSV,1,1,00") +
+                            nmeaSentence("GPRMC,120005.50,A,4806.1000,N,01130.1000,E,1.0,45.0,010624,,,A");
+#if TOVREL_SIM_NMEA
+    const auto route = parseNmeaRoute(log, "walk.nmea");
+    ASSERT_EQ(route.points.size(), 2u);
+    EXPECT_DOUBLE_EQ(route.points[0].t, 0);
+    EXPECT_DOUBLE_EQ(route.points[1].t, 5.5);
+    EXPECT_NEAR(route.points[1].latitude, 48.101667, 1e-6);
+    EXPECT_NEAR(route.points[1].longitude, 11.501667, 1e-6);
+    EXPECT_EQ(errorOf([] { parseNmeaRoute("$GPGSV,1,1,00*79\r\n", "empty.nmea"); }).rfind("empty.nmea: ", 0),
+              0u);
+#else
+    EXPECT_NE(errorOf([&] { parseNmeaRoute(log, "walk.nmea"); }).find("need the linux backend"),
+              std::string::npos);
+#endif
 }
 
 TEST(RouteFile, MissingFileIsAnError) {

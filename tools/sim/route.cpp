@@ -8,6 +8,10 @@
 #include <pugixml.hpp>
 #include <sstream>
 
+#if TOVREL_SIM_NMEA
+#include "tovrel/linux/track_files.h"
+#endif
+
 namespace tovrel::sim {
 namespace {
 
@@ -287,6 +291,33 @@ Route parseGpxRoute(std::string_view text, const std::string& fileName) {
     return route;
 }
 
+Route parseNmeaRoute(std::string_view text, const std::string& fileName) {
+#if TOVREL_SIM_NMEA
+    std::vector<linuxbackend::TrackPoint> track;
+    try {
+        track = linuxbackend::parseNmea(text);
+    } catch (const std::exception& error) {
+        throw RouteError(fileName + ": " + error.what());
+    }
+    Route route;
+    route.name = fileName;
+    const double start = track.front().fix.timestamp;
+    for (const auto& point : track) {
+        if (!point.timed) {
+            throw RouteError(fileName + ": an NMEA fix without a time (routes need RMC or GGA times)");
+        }
+        const RoutePoint routePoint{point.fix.timestamp - start, point.fix.coordinate.latitude,
+                                    point.fix.coordinate.longitude, std::nullopt};
+        checkPoint(routePoint, route.points, fileName, route.points.size() + 1);
+        route.points.push_back(routePoint);
+    }
+    return route;
+#else
+    (void)text;
+    throw RouteError(fileName + ": NMEA routes need the linux backend, which this build leaves out");
+#endif
+}
+
 Route loadRoute(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
@@ -298,6 +329,9 @@ Route loadRoute(const std::filesystem::path& file) {
     const std::string_view start = trim(std::string_view(text).substr(0, 64));
     if (file.extension() == ".gpx" || start.starts_with("<")) {
         return parseGpxRoute(text, file.string());
+    }
+    if (file.extension() == ".nmea" || start.starts_with("$")) {
+        return parseNmeaRoute(text, file.string());
     }
     return parseCsvRoute(text, file.string());
 }

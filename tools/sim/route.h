@@ -36,12 +36,15 @@ class RouteError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Reads a GPX track (trkpt with time) or CSV lines "t,lat,lon[,activity]" ('#' comments; a first line
-/// of names, such as "t,lat,lon", is a header).
+/// Reads a GPX track (trkpt with time), an NMEA 0183 log (".nmea" or a "$" start; the linux backend's
+/// replay reader) or CSV lines "t,lat,lon[,activity]" ('#' comments; a first line of names, such as
+/// "t,lat,lon", is a header).
 /// GPX is recognised by the ".gpx" extension or an XML start.
 Route loadRoute(const std::filesystem::path& file);
 Route parseCsvRoute(std::string_view text, const std::string& fileName);
 Route parseGpxRoute(std::string_view text, const std::string& fileName);
+/// NMEA fixes, with times from the first; what() of a failure names the file.
+Route parseNmeaRoute(std::string_view text, const std::string& fileName);
 
 /// Activity from speed between fixes (metres per second), for routes without an activity column.
 Activity activityForSpeed(double metresPerSecond);
