@@ -50,7 +50,10 @@ typedef enum tovrel_loop_mode {
     /** The caller: tovrel_device_run() or tovrel_device_step() on the thread that made the device. */
     TOVREL_LOOP_CALLER = 0,
     /** A thread the library starts with the device and joins when the device is freed. */
-    TOVREL_LOOP_OWN_THREAD = 1
+    TOVREL_LOOP_OWN_THREAD = 1,
+    /** Not a mode: keeps every int value a caller may pass a value of the type, so that a wrong one is
+     *  refused with TOVREL_ERROR_INVALID_ARGUMENT. */
+    TOVREL_LOOP_MODE_MAX_ENUM = 0x7FFFFFFF
 } tovrel_loop_mode;
 
 /** Tovrel's version, "1.2.4". Any thread. */

@@ -3,22 +3,20 @@
  *
  *   capi_test TOVREL_SERVER_BINARY
  */
-#define _POSIX_C_SOURCE 200809L
+#define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <math.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "tovrel/tovrel.h"
-
-extern char** environ;
 
 static int failures = 0;
 
@@ -90,17 +88,23 @@ static void writeWalk(const char* path) {
     fclose(file);
 }
 
-/* Runs the server with `args`; its standard output goes to `out` (NULL: inherited). */
+/* Runs the server with `args`, its standard output to `out` and its errors to a file beside it (so that
+ * nothing holds the test's own output open), and ends it with this process however this one ends. */
 static pid_t spawnServer(char* const args[], const char* out) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (out != NULL) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const pid_t pid = fork();
+    REQUIRE(pid >= 0);
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        char errors[300];
+        snprintf(errors, sizeof errors, "%s/server.err", folder);
+        const int outFd = open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        const int errFd = open(errors, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        if (outFd < 0 || errFd < 0 || dup2(outFd, STDOUT_FILENO) < 0 || dup2(errFd, STDERR_FILENO) < 0) {
+            _exit(127);
+        }
+        execv(serverBinary, args);
+        _exit(127);
     }
-    pid_t pid = -1;
-    const int error = posix_spawn(&pid, serverBinary, &actions, NULL, args, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    REQUIRE(error == 0);
     return pid;
 }
 
@@ -132,7 +136,7 @@ static void startServer(void) {
     snprintf(out, sizeof out, "%s/server.out", folder);
     writeFile(places, kPlaces);
     char* import[] = {"tovrel-server", "import", places, "--db", database, NULL};
-    REQUIRE(waitFor(spawnServer(import, "/dev/null")) == 0);
+    REQUIRE(waitFor(spawnServer(import, out)) == 0);
     char* serve[] = {"tovrel-server", "serve", "--db", database, "--listen", "127.0.0.1:0", NULL};
     serverPid = spawnServer(serve, out);
     const double deadline = now() + 20;
