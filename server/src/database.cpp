@@ -1,5 +1,8 @@
 #include "database.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <stdexcept>
 #include <utility>
 
@@ -75,6 +78,14 @@ void Statement::bindOne(int i, std::string_view v) {
 }
 
 Database::Database(const std::string& path) {
+    // Session keys and device identifiers live here: a new file is the owner's alone (SQLite gives its
+    // journal and WAL files the database file's mode).
+    if (!path.empty() && path != ":memory:" && path.rfind("file:", 0) != 0) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
         const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";

@@ -46,8 +46,9 @@ bool validHost(std::string_view host) {
     });
 }
 
+// Messages may quote request bytes that are not UTF-8: they are replaced, never a reason to fail.
 std::string errorJson(const std::string& message) {
-    return nlohmann::json{{"error", message}}.dump();
+    return nlohmann::json{{"error", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace

@@ -31,8 +31,9 @@ std::string newSessionKey() {
     return key;
 }
 
+// Messages may quote request bytes that are not UTF-8: they are replaced, never a reason to fail.
 std::string errorBody(const std::string& message) {
-    return json{{"error", message}}.dump();
+    return json{{"error", message}}.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -51,6 +52,9 @@ bool Service::isEndpoint(std::string_view path) {
 }
 
 ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    if (path == "/v1/log" && body.size() > kMaxLogBody) {
+        return {413, errorBody("a log message may be at most 256 KiB")};
+    }
     try {
         const json req = parseObjectBody(body);
         if (path == "/v2/place") {
@@ -178,7 +182,7 @@ std::string Service::places(const json& req, std::string_view mediaBase) {
     }
     const double lat = requireNumber(list->front(), "lat", -90, 90);
     const double lon = requireNumber(list->front(), "lon", -180, 180);
-    const double threshold = requireNumber(req, "distanceThreshold", 0, 1e8);
+    const double threshold = requireNumber(req, "distanceThreshold", 0, kMaxDistanceThreshold);
     const double now = clock_();
 
     thread_local std::vector<SpatialIndex::Hit> hits;
@@ -190,12 +194,16 @@ std::string Service::places(const json& req, std::string_view mediaBase) {
     const auto links = devices_.find(device);
     cat.near(lat, lon, threshold, hits);
     bool first = true;
+    std::size_t records = 0;
     for (const SpatialIndex::Hit& hit : hits) {
         const Catalog::Place& place = cat.placeAt(hit.id);
         for (uint32_t o : place.offers) {
             const Catalog::Offer& offer = cat.offerAt(o);
             if (!cat.campaignOf(offer).activeAt(now)) {
                 continue;
+            }
+            if (records++ == kMaxPlaceRecords) {
+                break;
             }
             const bool linked =
                 links != devices_.end() && links->second.byPair.contains(pairKey(offer.id, place.id));
@@ -205,6 +213,9 @@ std::string Service::places(const json& req, std::string_view mediaBase) {
             first = false;
             cat.appendRecord(out, place, offer, mediaBase, linked);
             out += '}';
+        }
+        if (records > kMaxPlaceRecords) {
+            break;
         }
     }
     out += "]}";

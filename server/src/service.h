@@ -29,6 +29,13 @@ struct ApiReply {
 /// still hold dbMutex_ so that memory and database never disagree.
 class Service {
   public:
+    /// The widest search /v2/place accepts, in metres (the component asks for 8047).
+    static constexpr double kMaxDistanceThreshold = 50'000;
+    /// The most records one /v2/place answer carries: the nearest ones.
+    static constexpr std::size_t kMaxPlaceRecords = 1'000;
+    /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
+    static constexpr std::size_t kMaxLogBody = 256 * 1024;
+
     Service(const std::string& dbPath, Clock clock);
 
     /// True when path names a JSON endpoint (answered by handle(), POST only).

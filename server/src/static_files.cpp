@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -23,6 +24,46 @@ int hexValue(char c) {
 bool inside(const fs::path& root, const fs::path& p) {
     const auto [r, q] = std::mismatch(root.begin(), root.end(), p.begin(), p.end());
     return r == root.end();
+}
+
+/// Well-formed UTF-8: no stray continuation bytes, overlong forms, surrogates or values past U+10FFFF.
+bool isUtf8(std::string_view text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        std::size_t length = 0;
+        std::uint32_t value = 0;
+        if (lead < 0x80) {
+            ++i;
+            continue;
+        } else if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+            value = lead & 0x1F;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            value = lead & 0x0F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            value = lead & 0x07;
+        } else {
+            return false;
+        }
+        if (i + length > text.size()) {
+            return false;
+        }
+        for (std::size_t k = 1; k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            if ((next & 0xC0) != 0x80) {
+                return false;
+            }
+            value = (value << 6) | (next & 0x3F);
+        }
+        if ((length == 3 && (value < 0x800 || (value >= 0xD800 && value <= 0xDFFF))) ||
+            (length == 4 && (value < 0x10000 || value > 0x10FFFF))) {
+            return false;
+        }
+        i += length;
+    }
+    return true;
 }
 
 StaticTarget missing(std::string_view path) {
@@ -96,7 +137,8 @@ StaticFiles::StaticFiles(const std::string& root) {
 StaticTarget StaticFiles::resolve(std::string_view target) const {
     const std::string_view raw = target.substr(0, target.find_first_of("?#"));
     const std::optional<std::string> path = percentDecode(raw);
-    if (!path || path->empty() || path->front() != '/' || path->find('\0') != std::string::npos) {
+    if (!path || path->empty() || path->front() != '/' || path->find('\0') != std::string::npos ||
+        !isUtf8(*path)) {
         return StaticTarget{400, {}, {}, "the request target is not a valid path"};
     }
     if (root_.empty()) {

@@ -1,6 +1,7 @@
 // The JSON endpoints over real HTTP on 127.0.0.1, against an in-process server.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <set>
 
 #include "test_support.h"
@@ -42,6 +43,17 @@ TEST_F(SessionEndpoint, EachStartGivesANewKeyAndOldKeysStayValid) {
     EXPECT_EQ(fx.places(first, 48.137, 11.575).status, 200);
     EXPECT_EQ(fx.places(second, 48.137, 11.575).status, 200);
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT COUNT(*) FROM devices"), std::vector<std::string>{"1"});
+}
+
+TEST_F(SessionEndpoint, TheDatabaseHoldingTheKeysIsTheOwnersAlone) {
+    fx.startSession("DEVICE-A");
+    namespace fs = std::filesystem;
+    const auto others = fs::perms::group_all | fs::perms::others_all;
+    for (const std::string suffix : {"", "-wal", "-shm"}) {
+        const fs::path file = fx.dbPath() + suffix;
+        ASSERT_TRUE(fs::exists(file)) << file;
+        EXPECT_EQ(fs::status(file).permissions() & others, fs::perms::none) << file;
+    }
 }
 
 TEST_F(SessionEndpoint, UnknownSdkKeyIsRefused) {
@@ -209,6 +221,43 @@ TEST_F(PlaceEndpoint, BadCoordinatesAreRefused) {
     EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "-1"), 400);
     EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "far"), 400);
     EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), nullptr), 400);
+    // One request must not be able to ask for the whole catalogue.
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "50000"), 200);
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "50000.5"), 400);
+    EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "1e8"), 400);
+}
+
+TEST_F(PlaceEndpoint, AnAnswerCarriesAtMostTheNearestThousandRecords) {
+    // 1,200 places on a line going east from the query point, 5 m apart, each with one open offer.
+    json features = json::array();
+    for (int i = 0; i < 1200; ++i) {
+        features.push_back(
+            {{"type", "Feature"},
+             {"geometry", {{"type", "Point"}, {"coordinates", {11.575 + i * 0.0000672, 48.137}}}},
+             {"properties",
+              {{"placeId", 10000 + i},
+               {"radius", 30},
+               {"offers", json::array({{{"eventId", 50000 + i},
+                                        {"campaign", "Open"},
+                                        {"eventName", "Many"},
+                                        {"alertText", "One of many"},
+                                        {"eventTypeId", 3}}})}}}});
+    }
+    const json many = {{"type", "FeatureCollection"},
+                       {"properties", {{"campaigns", json::array({{{"name", "Open"}}})}}},
+                       {"features", features}};
+    fx.server().importGeoJson(fx.dir().write("many.geojson", many.dump()));
+    fx.server().reloadPlaces();
+    const json answer = fx.places(key, 48.137, 11.575).parsed();
+    ASSERT_EQ(answer.at("places").size(), 1000u);
+    // Nearest first: the test's own places at the query point come before the line's far end.
+    EXPECT_EQ(answer["places"][0].at("placeId"), "1");
+    std::set<std::string> ids;
+    for (const json& r : answer["places"]) {
+        ids.insert(r.at("placeId").get<std::string>());
+    }
+    EXPECT_TRUE(ids.contains("10000"));
+    EXPECT_FALSE(ids.contains("11199"));
 }
 
 class LinkEndpoint : public ::testing::Test {
@@ -430,6 +479,19 @@ TEST_F(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
     ASSERT_EQ(stored.size(), 3u);
     EXPECT_EQ(json::parse(stored[0].substr(stored[0].find('|') + 1)), started);
     EXPECT_EQ(stored[2].substr(0, stored[2].find('|')), "DEVICE-B");
+}
+
+TEST_F(LogEndpoint, MessagesOver256KiBAreTooLarge) {
+    const auto body = [](std::size_t size) {
+        std::string text = json{{"deviceid", "D"}, {"message", {{"big", ""}}}}.dump();
+        text.insert(text.size() - 3, std::string(size - text.size(), 'x'));
+        return text;
+    };
+    EXPECT_EQ(fx.client().post("/v1/log", body(256 * 1024)).status, 200);
+    const HttpResult over = fx.client().post("/v1/log", body(256 * 1024 + 1));
+    EXPECT_EQ(over.status, 413);
+    EXPECT_NE(over.body.find("256 KiB"), std::string::npos) << over.body;
+    EXPECT_EQ(fx.server().report().logCounts, (std::map<std::string, int64_t>{{"big", 1}}));
 }
 
 TEST_F(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {

@@ -88,6 +88,14 @@ TEST_F(StaticPages, TraversalAndHiddenFilesAreRefused) {
         EXPECT_EQ(r.body.find("hidden-file-content"), std::string::npos) << path;
     }
     EXPECT_EQ(fx->client().get("/media/%zz.html").status, 400);
+    // Bytes that are not UTF-8, raw or escaped, are a bad path (and a JSON error), never a failure.
+    for (const std::string path :
+         {"/media/%ff.html", "/media/%c0%af.html", "/media/%ed%a0%80.html", "/\xff"}) {
+        const HttpResult r = fx->client().get(path);
+        EXPECT_EQ(r.status, 400) << path;
+        EXPECT_TRUE(r.parsed().is_object()) << path << ": " << r.body;
+    }
+    EXPECT_EQ(fx->client().get("/media/caf%C3%A9.html").status, 404);
 }
 
 TEST(ExampleContent, TheSettingsPagesAndEveryOfferPageExist) {
@@ -111,7 +119,7 @@ TEST(ExampleContent, TheSettingsPagesAndEveryOfferPageExist) {
         client
             .post("/v2/place", json{{"sessionKey", session["sessionKey"]},
                                     {"coordinatesList", {{{"lat", "48.137154"}, {"lon", "11.575400"}}}},
-                                    {"distanceThreshold", "100000"}})
+                                    {"distanceThreshold", "50000"}})
             .parsed();
     ASSERT_GE(answer.at("places").size(), 40u);
     for (const json& r : answer.at("places")) {
