@@ -1,8 +1,10 @@
 #include "report.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <sstream>
+#include <string_view>
 
 #include "database.h"
 
@@ -49,20 +51,53 @@ Report readReport(Database& db) {
 
 namespace {
 
-// Columns padded to their widest cell; numbers right-aligned.
+/// The columns `text` takes in a terminal: one per character, none for combining marks, two for wide
+/// (East Asian, emoji) characters. Invalid UTF-8 counts a column a byte.
+std::size_t displayWidth(std::string_view text) {
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80    ? 1
+                                   : lead >= 0xF0 ? 4
+                                   : lead >= 0xE0 ? 3
+                                   : lead >= 0xC0 ? 2
+                                                  : 1;
+        if (length == 1 || i + length > text.size()) {
+            ++width;
+            ++i;
+            continue;
+        }
+        std::uint32_t c = lead & (0xFF >> (length + 1));
+        for (std::size_t k = 1; k < length; ++k) {
+            c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+        }
+        i += length;
+        const bool combining = (c >= 0x0300 && c <= 0x036F) || (c >= 0x1AB0 && c <= 0x1AFF) ||
+                               (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE20 && c <= 0xFE2F) || c == 0x200D ||
+                               (c >= 0xFE00 && c <= 0xFE0F);
+        const bool wide = (c >= 0x1100 && c <= 0x115F) || (c >= 0x2E80 && c <= 0xA4CF) ||
+                          (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0xF900 && c <= 0xFAFF) ||
+                          (c >= 0xFF00 && c <= 0xFF60) || (c >= 0xFFE0 && c <= 0xFFE6) ||
+                          (c >= 0x1F300 && c <= 0x1FAFF) || (c >= 0x20000 && c <= 0x3FFFD);
+        width += combining ? 0 : wide ? 2 : 1;
+    }
+    return width;
+}
+
+// Columns padded to their widest cell (in terminal columns, not bytes); numbers right-aligned.
 std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t numericFrom) {
     std::vector<std::size_t> width;
     for (const auto& row : rows) {
         width.resize(std::max(width.size(), row.size()));
         for (std::size_t i = 0; i < row.size(); ++i) {
-            width[i] = std::max(width[i], row[i].size());
+            width[i] = std::max(width[i], displayWidth(row[i]));
         }
     }
     std::ostringstream out;
     for (const auto& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string pad(width[i] - row[i].size(), ' ');
+            const std::string pad(width[i] - displayWidth(row[i]), ' ');
             line += i >= numericFrom ? pad + row[i] : row[i] + pad;
             line += i + 1 < row.size() ? "  " : "";
         }

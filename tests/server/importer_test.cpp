@@ -1,9 +1,13 @@
 // The GeoJSON place importer: what it accepts, and the message it gives for each kind of fault.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "catalog_data.h"
 #include "database.h"
 #include "test_support.h"
+#include "tovrel_server/admin.h"
 
 namespace tovrel_server {
 namespace {
@@ -282,6 +286,40 @@ TEST(Migrations, NotADatabaseIsRefused) {
     test::TempDir dir;
     const std::string path = dir.write("junk.db", std::string(4096, 'j'));
     EXPECT_THROW(Database db(path), std::runtime_error);
+}
+
+TEST(ReportTable, ColumnsAlignByWhatATerminalShows) {
+    Report report;
+    report.offers.push_back({1, "Cafés", "Crème-brûlée", 12, 3, 2, 1, 0});
+    report.offers.push_back({2, "Plain", "Tea", 5, 5, 0, 0, 0});
+    report.offers.push_back({3, "茶館", "e\u0301", 7, 0, 0, 0, 0});
+    const std::string text = formatReport(report);
+    // The "links" column ends at the same terminal column on every offer line.
+    std::vector<std::size_t> ends;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line) && !line.empty();) {
+        if (line.find("  ") == std::string::npos) {
+            continue;
+        }
+        std::size_t columns = 0;
+        std::size_t bytes = 0;
+        for (int field = 0; field < 4 && bytes < line.size(); ++field) {
+            while (bytes < line.size() && line[bytes] == ' ') {
+                ++bytes, ++columns;
+            }
+            while (bytes < line.size() && line[bytes] != ' ') {
+                const auto c = static_cast<unsigned char>(line[bytes]);
+                const bool continuation = (c & 0xC0) == 0x80;
+                const bool wide = c >= 0xE3 && c <= 0xE9;  // CJK
+                const bool combining = c == 0xCC;          // U+0301
+                columns += continuation || combining ? 0 : wide ? 2 : 1;
+                ++bytes;
+            }
+        }
+        ends.push_back(columns);
+    }
+    ASSERT_EQ(ends.size(), 4u) << text;
+    EXPECT_EQ(std::count(ends.begin(), ends.end(), ends.front()), 4) << text;
 }
 
 }  // namespace
