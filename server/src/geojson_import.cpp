@@ -1,8 +1,13 @@
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <initializer_list>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <string_view>
+#include <vector>
 
 #include "catalog_data.h"
 
@@ -36,6 +41,29 @@ struct Where {
     std::string text;
     Where sub(const std::string& part) const { return {text + ": " + part}; }
 };
+
+/// Refuses a member outside `allowed`: a mistyped name ("dwelltime") would otherwise import as the
+/// default silently. Names that differ only in case are suggested.
+void onlyMembers(const json& object, std::initializer_list<std::string_view> allowed, const Where& where,
+                 const std::string& what) {
+    const auto lower = [](std::string_view text) {
+        std::string out(text);
+        std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
+        return out;
+    };
+    for (const auto& [key, value] : object.items()) {
+        if (std::find(allowed.begin(), allowed.end(), key) != allowed.end()) {
+            continue;
+        }
+        std::string message = "unknown member \"" + key + "\" in " + what;
+        for (const std::string_view name : allowed) {
+            if (lower(name) == lower(key)) {
+                message += " (did you mean \"" + std::string(name) + "\"?)";
+            }
+        }
+        fail(where.text, message);
+    }
+}
 
 const json* member(const json& object, const char* name) {
     const auto it = object.find(name);
@@ -98,6 +126,7 @@ CampaignDef parseCampaign(const json& c, const Where& where) {
     if (!c.is_object()) {
         fail(where.text, "a campaign must be an object");
     }
+    onlyMembers(c, {"name", "startDate", "endDate", "perDeviceCap"}, where, "a campaign");
     CampaignDef def;
     def.name = requireString(c, "name", where, "name");
     if (def.name.empty()) {
@@ -148,6 +177,7 @@ class Parser {
             if (!props->is_object()) {
                 fail(top.text, "properties must be an object");
             }
+            onlyMembers(*props, {"apps", "campaigns"}, top, "the collection's properties");
             parseApps(*props, top);
             parseCampaigns(*props, top);
         }
@@ -155,9 +185,24 @@ class Parser {
         if (!features || !features->is_array()) {
             fail(top.text, "missing features (an array of Point features)");
         }
+        // Every feature is checked, so that one import names every fault of the file.
         std::size_t n = 0;
         for (const json& f : *features) {
-            parseFeature(f, ++n);
+            try {
+                parseFeature(f, ++n);
+            } catch (const ImportError& error) {
+                errors_.emplace_back(error.what());
+            }
+        }
+        if (!errors_.empty()) {
+            std::string all;
+            for (std::size_t i = 0; i < errors_.size() && i < kMaxListedErrors; ++i) {
+                all += (i > 0 ? "\n" : "") + errors_[i];
+            }
+            if (errors_.size() > kMaxListedErrors) {
+                all += "\n(and " + std::to_string(errors_.size() - kMaxListedErrors) + " more)";
+            }
+            throw ImportError(all);
         }
         for (auto& [name, c] : campaigns_) {
             data_.campaigns.push_back(c);
@@ -180,6 +225,7 @@ class Parser {
             if (!a.is_object()) {
                 fail(where.text, "an app must be an object with \"key\" and \"name\"");
             }
+            onlyMembers(a, {"key", "name"}, where, "an app");
             AppDef app{requireString(a, "key", where, "key"), optionalString(a, "name", where, "name", "")};
             if (app.key.empty()) {
                 fail(where.text, "key must not be empty");
@@ -241,6 +287,7 @@ class Parser {
         if (!props || !props->is_object()) {
             fail(where.text, "missing properties");
         }
+        onlyMembers(*props, {"placeId", "name", "radius", "offers"}, where, "properties");
         place.id = requireId(*props, "placeId", where, "properties.placeId");
         if (const auto [it, added] = placeFeature_.emplace(place.id, number); !added) {
             fail(where.text, "placeId " + std::to_string(place.id) + " is already used by feature " +
@@ -280,6 +327,10 @@ class Parser {
         if (!o.is_object()) {
             fail(where.text, "an offer must be an object");
         }
+        onlyMembers(o,
+                    {"eventId", "campaign", "eventName", "alertText", "mediaType", "mediaUrl", "tags",
+                     "dwellTime", "eventTypeId"},
+                    where, "an offer");
         OfferDef offer;
         offer.id = requireId(o, "eventId", where, "eventId");
         const json* campaign = member(o, "campaign");
@@ -303,6 +354,12 @@ class Parser {
         offer.alertText = requireString(o, "alertText", where, "alertText");
         offer.mediaType = optionalString(o, "mediaType", where, "mediaType", "html");
         offer.mediaUrl = optionalString(o, "mediaUrl", where, "mediaUrl", "");
+        if (!offer.mediaUrl.empty() && offer.mediaUrl.front() != '/' &&
+            offer.mediaUrl.rfind("http://", 0) != 0 && offer.mediaUrl.rfind("https://", 0) != 0) {
+            fail(where.text,
+                 "mediaUrl \"" + offer.mediaUrl +
+                     "\" must start with \"/\" (a page of the content folder) or be an http(s) URL");
+        }
         if (const json* tags = member(o, "tags")) {
             offer.tags = parseTags(*tags, where);
         }
@@ -352,7 +409,10 @@ class Parser {
     }
 
     std::string label_;
+    static constexpr std::size_t kMaxListedErrors = 50;
+
     CatalogData data_;
+    std::vector<std::string> errors_;
     std::map<std::string, CampaignDef> campaigns_;
     std::map<int64_t, std::size_t> placeFeature_;
     std::map<int64_t, std::size_t> offerFeature_;

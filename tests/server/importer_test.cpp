@@ -170,7 +170,36 @@ INSTANTIATE_TEST_SUITE_P(
                 collection({}, {{"campaigns", {{{"name", "C"}}, {{"name", "C"}, {"perDeviceCap", 1}}}}}),
                 "campaign 2: campaign \"C\" is already defined with other values"},
         BadFile{"app_key", collection({}, {{"apps", {{{"key", ""}, {"name", "x"}}}}}),
-                "app 1: key must not be empty"}),
+                "app 1: key must not be empty"},
+        BadFile{"mistyped_offer_member",
+                collection({feature(1, {[] {
+                                        json o = offer(1);
+                                        o["dwelltime"] = 5;
+                                        return o;
+                                    }()})},
+                           kCampaigns),
+                "feature 1: offer 1: unknown member \"dwelltime\" in an offer (did you mean \"dwellTime\"?)"},
+        BadFile{"unknown_place_member",
+                collection({[] {
+                               json f = feature(1, {});
+                               f["properties"]["colour"] = "red";
+                               return f;
+                           }()},
+                           kCampaigns),
+                "feature 1: unknown member \"colour\" in properties"},
+        BadFile{"unknown_campaign_member",
+                collection({}, {{"campaigns", {{{"name", "C"}, {"startdate", "2020-01-01"}}}}}),
+                "campaign 1: unknown member \"startdate\" in a campaign (did you mean \"startDate\"?)"},
+        BadFile{
+            "media_url_without_slash",
+            collection({feature(1, {[] {
+                                    json o = offer(1);
+                                    o["mediaUrl"] = "media/offer.html";
+                                    return o;
+                                }()})},
+                       kCampaigns),
+            "feature 1: offer 1: mediaUrl \"media/offer.html\" must start with \"/\" (a page of the content "
+            "folder) or be an http(s) URL"}),
     [](const ::testing::TestParamInfo<BadFile>& p) { return p.param.name; });
 
 TEST(Importer, MissingOffersNamesTheFeature) {
@@ -178,6 +207,23 @@ TEST(Importer, MissingOffersNamesTheFeature) {
     second["properties"].erase("offers");
     EXPECT_EQ(errorOf(collection({feature(1, {offer(1)}), feature(3, {}), second}, kCampaigns)),
               "places.geojson: feature 3: missing properties.offers");
+}
+
+TEST(Importer, EveryFaultyFeatureIsNamedAtOnce) {
+    std::vector<json> features;
+    for (int i = 1; i <= 120; ++i) {
+        features.push_back(i % 2 == 0 ? feature(i, {offer(i)}) : feature(i, {offer(i, "Nowhere")}));
+    }
+    const std::string message = errorOf(collection(features, kCampaigns));
+    // 60 faulty features: the first 50 are listed, then how many more.
+    EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 50) << message;
+    EXPECT_TRUE(message.ends_with("\n(and 10 more)")) << message;
+    EXPECT_EQ(message.rfind("places.geojson: feature 1: offer 1: unknown campaign \"Nowhere\"", 0), 0u)
+        << message;
+    EXPECT_NE(message.find("places.geojson: feature 99: offer 1: unknown campaign"), std::string::npos);
+    EXPECT_EQ(message.find("places.geojson: feature 101:"), std::string::npos);
+    EXPECT_EQ(errorOf(collection({feature(1, {offer(1)}), feature(2, {offer(2)})}, kCampaigns)),
+              "(no error)");
 }
 
 TEST(Importer, IsoTimes) {
