@@ -1,0 +1,29 @@
+// Feeds arbitrary text to every route reader: the simulator's CSV and GPX routes and the linux
+// backend's GPX and NMEA tracks (which the simulator also reads NMEA routes with). A file is read or
+// refused with the reader's error; nothing may crash or trip a sanitizer.
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+
+#include "route.h"
+#include "tovrel/linux/track_files.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    try {
+        (void)tovrel::sim::parseCsvRoute(text, "fuzz.csv");
+    } catch (const tovrel::sim::RouteError&) {
+    }
+    try {
+        (void)tovrel::sim::parseGpxRoute(text, "fuzz.gpx");
+    } catch (const tovrel::sim::RouteError&) {
+    }
+    for (auto* reader : {&tovrel::linuxbackend::parseGpx, &tovrel::linuxbackend::parseNmea}) {
+        try {
+            (void)reader(text);
+        } catch (const std::runtime_error&) {
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,53 @@
+// Feeds arbitrary bytes to what tovrel-server reads from a request before any endpoint logic: the
+// JSON body and its members, and the request target as a static path. Nothing may crash or trip a
+// sanitizer; refusals are ApiError (a 4xx) and nothing else.
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "request_fields.h"
+#include "static_files.h"
+
+namespace {
+
+const tovrel_server::StaticFiles& contentFolder() {
+    static const std::filesystem::path root = [] {
+        auto dir = std::filesystem::temp_directory_path() / "tovrel-fuzz-content";
+        std::filesystem::create_directories(dir / "media");
+        return dir;
+    }();
+    static const tovrel_server::StaticFiles files(root.string());
+    return files;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    (void)contentFolder().resolve(text);
+    (void)tovrel_server::percentDecode(text);
+    try {
+        const nlohmann::json body = tovrel_server::parseObjectBody(text);
+        for (const char* name : {"sessionKey", "statusCode", "tag", "deviceid"}) {
+            try {
+                (void)tovrel_server::requireString(body, name);
+            } catch (const tovrel_server::ApiError&) {
+            }
+        }
+        for (const char* name : {"eventId", "placeId", "deviceEventId"}) {
+            try {
+                (void)tovrel_server::requireId(body, name);
+            } catch (const tovrel_server::ApiError&) {
+            }
+        }
+        try {
+            (void)tovrel_server::requireNumber(body, "distanceThreshold", 0, 50000);
+        } catch (const tovrel_server::ApiError&) {
+        }
+        (void)tovrel_server::optionalString(body, "groupTag", "");
+    } catch (const tovrel_server::ApiError&) {
+    }
+    return 0;
+}
