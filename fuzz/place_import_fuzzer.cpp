@@ -8,7 +8,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
-        (void)tovrel_server::parseGeoJson(std::string(reinterpret_cast<const char*>(data), size), "fuzz.geojson");
+        (void)tovrel_server::parseGeoJson(std::string(reinterpret_cast<const char*>(data), size),
+                                          "fuzz.geojson");
     } catch (const tovrel_server::ImportError&) {
     }
     return 0;

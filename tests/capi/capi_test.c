@@ -91,12 +91,14 @@ static void writeWalk(const char* path) {
 /* Runs the server with `args`, its standard output to `out` and its errors to a file beside it (so that
  * nothing holds the test's own output open), and ends it with this process however this one ends. */
 static pid_t spawnServer(char* const args[], const char* out) {
+    /* The device's threads may hold locks (the allocator's) at the fork: the child runs only
+     * async-signal-safe calls until it executes the server. */
+    char errors[300];
+    snprintf(errors, sizeof errors, "%s/server.err", folder);
     const pid_t pid = fork();
     REQUIRE(pid >= 0);
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        char errors[300];
-        snprintf(errors, sizeof errors, "%s/server.err", folder);
         const int outFd = open(out, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         const int errFd = open(errors, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         if (outFd < 0 || errFd < 0 || dup2(outFd, STDOUT_FILENO) < 0 || dup2(errFd, STDERR_FILENO) < 0) {

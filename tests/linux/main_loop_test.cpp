@@ -204,6 +204,26 @@ TEST_F(AsioMainLoopTest, DestroyingTheLoopDropsPendingWorkWithoutRunningIt) {
     EXPECT_TRUE(weak.expired());
 }
 
+TEST_F(AsioMainLoopTest, DiscardingTimersFreesWhatHoldsTheLoopThroughAnAction) {
+    // An object that holds the loop and is held by its own timer's action: a cycle only discarding
+    // the timers breaks (as a component object holding its ports does).
+    struct Holder {
+        std::shared_ptr<AsioMainLoop> loop;
+        std::shared_ptr<platform::Timer> timer;
+    };
+    auto shared = std::make_shared<AsioMainLoop>();
+    std::weak_ptr<AsioMainLoop> weakLoop = shared;
+    auto holder = std::make_shared<Holder>();
+    holder->loop = shared;
+    holder->timer = shared->scheduleTimer(3600, true, [holder] { FAIL() << "must not run"; });
+    std::weak_ptr<Holder> weakHolder = holder;
+    holder.reset();
+    shared->discardTimers();
+    shared.reset();
+    EXPECT_TRUE(weakHolder.expired());
+    EXPECT_TRUE(weakLoop.expired());
+}
+
 TEST(ThreadBackgroundWorkTest, QueueStartsTasksInSubmissionOrderOffTheMainThread) {
     ThreadBackgroundWork work(1);
     std::mutex mutex;

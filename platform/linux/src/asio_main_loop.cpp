@@ -34,19 +34,13 @@ class AsioMainLoop::Impl : public std::enable_shared_from_this<AsioMainLoop::Imp
   public:
     Impl() : work_(asio::make_work_guard(io_)), wake_(io_), mainThread_(std::this_thread::get_id()) {}
 
-    ~Impl() {
-        // Handlers and timer actions may hold objects whose destructors touch the loop; drop them while
-        // the loop is still whole.
-        std::vector<Entry> dropped;
-        {
-            std::lock_guard lock(mutex_);
-            while (!heap_.empty()) {
-                dropped.push_back(heap_.top());
-                heap_.pop();
-            }
-        }
-        dropped.clear();
-    }
+    // Handlers and timer actions may hold objects whose destructors touch the loop; they are dropped
+    // while the loop is still whole.
+    ~Impl() { dropTimers(); }
+
+    /// Drops every scheduled timer and its action. An action may hold what holds the loop (a
+    /// component object holding its ports): dropping it is what lets both go.
+    void dropTimers();
 
     asio::io_context io_;
     asio::executor_work_guard<asio::io_context::executor_type> work_;
@@ -122,6 +116,11 @@ class LoopTimer final : public platform::Timer {
         }
     }
     void dropAction() { action_ = nullptr; }
+    /// Loop thread. The timer will never fire: it is spent, and its action released.
+    void discard() {
+        valid_.store(false);
+        action_ = nullptr;
+    }
 
   private:
     std::weak_ptr<AsioMainLoop::Impl> loop_;
@@ -130,6 +129,20 @@ class LoopTimer final : public platform::Timer {
     platform::Task action_;
     std::atomic<bool> valid_{true};
 };
+
+void AsioMainLoop::Impl::dropTimers() {
+    std::vector<Entry> dropped;
+    {
+        std::lock_guard lock(mutex_);
+        while (!heap_.empty()) {
+            dropped.push_back(heap_.top());
+            heap_.pop();
+        }
+    }
+    for (Entry& entry : dropped) {
+        entry.timer->discard();
+    }
+}
 
 std::shared_ptr<platform::Timer> AsioMainLoop::Impl::schedule(double seconds, bool repeats,
                                                               platform::Task action) {
@@ -345,6 +358,10 @@ bool AsioMainLoop::runUntil(const std::function<bool()>& done, std::chrono::mill
 
 void AsioMainLoop::runFor(std::chrono::milliseconds duration) {
     runUntil([] { return false; }, duration);
+}
+
+void AsioMainLoop::discardTimers() {
+    impl_->dropTimers();
 }
 
 std::size_t AsioMainLoop::runReady() {

@@ -110,6 +110,10 @@ void LinuxPlatform::build(LinuxPlatformOptions options, const std::shared_ptr<De
 }
 
 LinuxPlatform::~LinuxPlatform() {
+    // Timers still scheduled (a component object's, holding its ports and so this loop) go first.
+    if (loop) {
+        loop->discardTimers();
+    }
     // Sources and threads stop before the loop they post to goes away.
     motion.reset();
     location.reset();

@@ -81,6 +81,10 @@ class TOVREL_EXPORT AsioMainLoop final : public platform::MainLoop, public Descr
     /// Runs, on the calling thread, the handlers that are ready now without waiting for more; returns
     /// how many ran. For hosts that drive the loop from their own.
     std::size_t runReady();
+    /// Main thread, after run() has returned. Drops every scheduled timer without firing it, with the
+    /// action it holds: an action holding an object that holds this loop would otherwise keep both
+    /// alive for good.
+    void discardTimers();
 
     class Impl;
 
