@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "session_keys.h"
+
 namespace tovrel_server {
 
 Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
@@ -94,6 +96,15 @@ Database::Database(const std::string& path) {
         throw std::runtime_error("cannot open database " + path + ": " + message);
     }
     sqlite3_busy_timeout(db_, 5000);
+    sqlite3_create_function(
+        db_, "sha256_hex", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
+        [](sqlite3_context* context, int, sqlite3_value** values) {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
+            const std::string hash = sessionKeyHash(
+                std::string_view(text ? text : "", static_cast<std::size_t>(sqlite3_value_bytes(values[0]))));
+            sqlite3_result_text(context, hash.c_str(), static_cast<int>(hash.size()), SQLITE_TRANSIENT);
+        },
+        nullptr, nullptr);
     try {
         if (path != ":memory:" && !path.empty()) {
             exec("PRAGMA journal_mode=WAL");

@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 2> kMigrations = {
+constexpr std::array<const char*, 3> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -90,6 +90,11 @@ CREATE TABLE log_messages(
     // Reports count log messages by event name; without this they scan the whole table.
     R"sql(
 CREATE INDEX log_messages_event ON log_messages(event_name);
+)sql",
+    // Session keys are kept as their SHA-256 only (sha256_hex is the database's own function).
+    R"sql(
+ALTER TABLE sessions RENAME COLUMN session_key TO key_hash;
+UPDATE sessions SET key_hash = sha256_hex(key_hash);
 )sql",
 };
 

@@ -5,6 +5,7 @@
 
 #include "report.h"
 #include "request_fields.h"
+#include "session_keys.h"
 
 namespace tovrel_server {
 
@@ -120,7 +121,7 @@ void Service::loadDeviceLocked(int64_t device) {
 }
 
 int64_t Service::authenticate(const json& req) {
-    const std::string& key = requireString(req, "sessionKey");
+    const std::string key = sessionKeyHash(requireString(req, "sessionKey"));
     {
         std::shared_lock lock(stateMutex_);
         if (const auto it = sessions_.find(std::string_view(key)); it != sessions_.end()) {
@@ -128,7 +129,7 @@ int64_t Service::authenticate(const json& req) {
         }
     }
     std::lock_guard db(dbMutex_);
-    Statement st = db_.prepare("SELECT device FROM sessions WHERE session_key = ?");
+    Statement st = db_.prepare("SELECT device FROM sessions WHERE key_hash = ?");
     if (!st.with(key).step()) {
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
     }
@@ -164,13 +165,13 @@ std::string Service::session(const json& req) {
     device.with(deviceId, deviceType, deviceModel, sdkKey, now, now).step();
     const int64_t deviceRow = device.integer(0);
     device.run();
-    db_.prepare("INSERT INTO sessions(session_key, device, app_key, created_at) VALUES(?, ?, ?, ?)")
-        .with(key, deviceRow, sdkKey, now)
+    db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
+        .with(sessionKeyHash(key), deviceRow, sdkKey, now)
         .run();
     tx.commit();
     loadDeviceLocked(deviceRow);
     std::unique_lock lock(stateMutex_);
-    sessions_.emplace(key, deviceRow);
+    sessions_.emplace(sessionKeyHash(key), deviceRow);
     return json{{"sessionKey", key}}.dump();
 }
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <set>
 
+#include "session_keys.h"
 #include "test_support.h"
 
 namespace tovrel_server::test {
@@ -85,6 +86,17 @@ TEST_F(SessionEndpoint, KeysSurviveARestartOfTheServer) {
                                       {"distanceThreshold", 100}});
     ASSERT_EQ(r.status, 200) << r.body;
     EXPECT_EQ(record(r.parsed(), "11", "1").at("isLinked"), 1);
+    // The database never held the key itself: only its SHA-256, which no client can present.
+    const auto stored = queryRows(fx.dbPath(), "SELECT key_hash FROM sessions");
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0], sessionKeyHash(key));
+    EXPECT_EQ(stored[0].size(), 64u);
+    EXPECT_EQ(client
+                  .post("/v2/place", json{{"sessionKey", stored[0]},
+                                          {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
+                                          {"distanceThreshold", 100}})
+                  .status,
+              401);
 }
 
 class PlaceEndpoint : public ::testing::Test {

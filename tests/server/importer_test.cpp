@@ -6,6 +6,7 @@
 
 #include "catalog_data.h"
 #include "database.h"
+#include "session_keys.h"
 #include "test_support.h"
 #include "tovrel_server/admin.h"
 
@@ -303,12 +304,30 @@ TEST(Migrations, OlderDatabasesAreUpgradedAndKeepTheirData) {
     {
         Database db(path);
         db.exec("INSERT INTO apps VALUES('k', 'n', 0)");
+        db.exec("ALTER TABLE sessions RENAME COLUMN key_hash TO session_key");
         db.exec("DROP INDEX log_messages_event; PRAGMA user_version = 1");
     }
     { Database db(path); }
     EXPECT_EQ(test::queryRows(path, "SELECT name FROM sqlite_master WHERE name = 'log_messages_event'"),
               std::vector<std::string>{"log_messages_event"});
     EXPECT_EQ(test::queryRows(path, "SELECT key FROM apps"), std::vector<std::string>{"k"});
+}
+
+TEST(Migrations, StoredSessionKeysBecomeTheirHashes) {
+    test::TempDir dir;
+    const std::string path = (dir / "m.db").string();
+    {
+        Database db(path);
+        db.exec("ALTER TABLE sessions RENAME COLUMN key_hash TO session_key");
+        db.exec("INSERT INTO devices VALUES(1, 'D', 'iOS', 'x', 'k', 0, 0)");
+        db.exec("INSERT INTO sessions VALUES('0123456789abcdef0123456789abcdef', 1, 'k', 0)");
+        db.exec("PRAGMA user_version = 2");
+    }
+    { Database db(path); }
+    EXPECT_EQ(test::queryRows(path, "SELECT key_hash, device FROM sessions"),
+              std::vector<std::string>{sessionKeyHash("0123456789abcdef0123456789abcdef") + "|1"});
+    // The known SHA-256 of "abc".
+    EXPECT_EQ(sessionKeyHash("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
 TEST(Migrations, NewerDatabasesAreRefused) {

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tovrel_server {
+
+/// What the database and the memory keep of a session key: its SHA-256 as 64 lowercase hex digits. A
+/// copy of the database (a backup, a stolen file) then holds no key a client could present. Pure; any
+/// thread.
+std::string sessionKeyHash(std::string_view key);
+
+}  // namespace tovrel_server
