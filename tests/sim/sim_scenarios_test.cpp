@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -258,6 +259,38 @@ TEST_F(SimScenario, MaxDurationCutsTheRouteAndHeadersAreRead) {
     EXPECT_LE(cut.events.back().value("t", 0.0), 120.0);
     EXPECT_LT(cut.ofType("position").size(), whole.ofType("position").size());
     EXPECT_EQ(sim("--route " + walk.string() + " --max-duration 0").exitStatus, 2);
+}
+
+TEST_F(SimScenario, ExpectationsGuardACampaignWithTheirExitStatus) {
+    // On the city walk the fountain offer is delivered and the market offer is suppressed by its cap.
+    SimRun run =
+        sim("--route " + route("city-walk.csv") +
+            " --expect offer:1010=delivered --expect offer:1006=not-delivered --expect 'deliveries>=5'");
+    EXPECT_EQ(run.exitStatus, 0) << run.stderrText;
+    const auto outcomes = run.ofType("outcome");
+    ASSERT_FALSE(outcomes.empty());
+    const auto market =
+        std::find_if(outcomes.begin(), outcomes.end(), [](const json& o) { return o["eventId"] == "1006"; });
+    ASSERT_NE(market, outcomes.end());
+    EXPECT_EQ((*market)["delivered"], false);
+    EXPECT_NE((*market)["reason"].get<std::string>().find("suppressed by the service"), std::string::npos);
+
+    const fs::path rules = dir / "campaign.rules";
+    std::ofstream(rules) << "# the market offer must reach the user\noffer:1006=delivered\n\ndeliveries<=2\n";
+    run = sim("--route " + route("city-walk.csv") + " --expect-file " + rules.string());
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.stderrText.find("expectation failed: offer:1006=delivered (offer 1006 at place 105: not "
+                                  "delivered: linked at"),
+              std::string::npos)
+        << run.stderrText;
+    EXPECT_NE(run.stderrText.find("expectation failed: deliveries<=2 (deliveries = "), std::string::npos)
+        << run.stderrText;
+
+    run = sim("--route " + route("city-walk.csv") + " --expect offer:1006=arrived");
+    EXPECT_EQ(run.exitStatus, 2);
+    EXPECT_NE(run.stderrText.find("expectation 'offer:1006=arrived'"), std::string::npos) << run.stderrText;
+    std::ofstream(rules) << "offer:1006=delivered\nplace:105 entered\n";
+    EXPECT_EQ(sim("--route " + route("city-walk.csv") + " --expect-file " + rules.string()).exitStatus, 2);
 }
 
 }  // namespace

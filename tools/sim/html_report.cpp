@@ -386,10 +386,21 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         << " s; simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2)
         << " s of wall time.</p>\n";
 
+    out << "<h2>Offers</h2>\n<table><tr><th>offer</th><th>place</th><th>name</th><th>outcome</th></tr>\n";
+    for (const auto& event : input.events) {
+        if (event.value("type", "") == "outcome") {
+            out << "<tr><td>" << escape(text(event.value("eventId", json()))) << "</td><td>"
+                << escape(text(event.value("placeId", json()))) << "</td><td>"
+                << escape(text(event.value("eventName", json()))) << "</td><td class=\"d\">"
+                << escape(text(event.value("reason", json()))) << "</td></tr>\n";
+        }
+    }
+    out << "</table>\n";
+
     out << "<h2>Summary</h2>\n<div class=\"cards\">";
     out << "<div class=\"card\"><b>" << notifications + alerts << "</b>offers delivered (" << notifications
         << " notifications, " << alerts << " alerts)</div>";
-    out << "<div class=\"card\"><b>" << links << "</b>visits linked";
+    out << "<div class=\"card\"><b>" << links << "</b>link requests";
     for (const auto& [type, count] : linkedByType) {
         out << "<br>type " << type << ": " << count;
     }

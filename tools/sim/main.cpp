@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "expectations.h"
 #include "html_report.h"
 #include "simulation.h"
 #include "tovrel/paths/data_directory.h"
@@ -15,6 +16,7 @@ namespace {
 
 using tovrel::sim::AlertAnswer;
 
+constexpr int kExpectationFailed = 1;
 constexpr int kBadInput = tovrel::tools::kUsageError;
 constexpr int kSessionNeverStarted = 3;
 constexpr int kTimeStalled = 4;
@@ -78,17 +80,40 @@ int main(int argc, char** argv) {
     run->add_option("--session-attempts", options.sessionAttempts,
                     "End the run after this many failed session starts in a row (default 5)")
         ->check(CLI::Range(1, 1000000));
+    std::vector<std::string> expectTexts;
+    std::string expectFile;
+    run->add_option(
+        "--expect", expectTexts,
+        "A rule the run must meet (repeatable): offer:ID=delivered, offer:ID@PLACE=not-delivered, "
+        "place:ID=entered, deliveries<=3, link-requests<=20; states delivered, linked, entered, "
+        "notification, alert, answered, each may start with not-");
+    run->add_option("--expect-file", expectFile, "Rules to meet, one a line ('#' comments)");
     double maxDuration = -1;
     run->add_option("--max-duration", maxDuration, "Simulate at most this many seconds of the route")
         ->check(CLI::PositiveNumber);
     app.footer(
-        "Exit status: 0 the run completed; 2 a usage error or unusable input; 3 the session never started; "
-        "4 virtual time stopped advancing (a request retried without end).");
+        "Exit status: 0 the run completed (and met every expectation); 1 an expectation failed; 2 a usage "
+        "error or unusable input (an unreadable rule included); 3 the session never started; 4 virtual time "
+        "stopped advancing (a request retried without end).");
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
 
+    std::vector<tovrel::sim::Expectation> expectations;
+    try {
+        expectations.reserve(expectTexts.size());
+        for (const auto& text : expectTexts) {
+            expectations.push_back(tovrel::sim::parseExpectation(text));
+        }
+        if (!expectFile.empty()) {
+            const auto fromFile = tovrel::sim::readExpectationFile(expectFile);
+            expectations.insert(expectations.end(), fromFile.begin(), fromFile.end());
+        }
+    } catch (const tovrel::sim::ExpectationError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    }
     options.routeFile = route;
     if (maxDuration > 0) {
         options.maxDuration = maxDuration;
@@ -160,10 +185,25 @@ int main(int argc, char** argv) {
         std::cout << "; report: " << reportFile;
     }
     std::cout << '\n';
+    for (const auto& offer : outcome.offers) {
+        std::cout << "  offer " << offer.eventId << " \"" << offer.eventName << "\" at place "
+                  << offer.placeId << ": " << offer.reason << '\n';
+    }
     if (outcome.stop != tovrel::sim::RunStop::kNone) {
         std::cerr << "tovrel-sim: " << outcome.stopMessage << '\n';
         return outcome.stop == tovrel::sim::RunStop::kSessionNeverStarted ? kSessionNeverStarted
                                                                           : kTimeStalled;
     }
-    return 0;
+    int failed = 0;
+    for (const auto& result : tovrel::sim::checkExpectations(expectations, outcome.offers)) {
+        if (!result.met) {
+            ++failed;
+            std::cerr << "tovrel-sim: expectation failed: " << result.rule << " (" << result.actual << ")\n";
+        }
+    }
+    if (!expectations.empty()) {
+        std::cout << expectations.size() - static_cast<std::size_t>(failed) << " of " << expectations.size()
+                  << " expectations met\n";
+    }
+    return failed > 0 ? kExpectationFailed : 0;
 }

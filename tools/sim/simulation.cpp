@@ -140,6 +140,9 @@ std::string describeForTimeline(const json& event) {
         line << "offer view " << event.value("mediaURL", json()).dump();
     } else if (type == "location_error") {
         line << "location error " << event.value("code", 0);
+    } else if (type == "outcome") {
+        line << "offer " << event.value("eventId", "") << " at place " << event.value("placeId", "") << ": "
+             << event.value("reason", "");
     } else {
         return {};
     }
@@ -475,6 +478,10 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
                       json{{"advertisingIdentifier", advertisingIdentifier}});
     }
 
+    outcome.offers = analyseOutcomes(events.events(), route, OutcomeContext{options.presentNotifications});
+    for (const OfferOutcome& offer : outcome.offers) {
+        events.record("outcome", outcomeJson(offer));
+    }
     outcome.simulatedSeconds = scheduler.now() - kStartTime;
     outcome.events = events.events();
     outcome.counts = events.counts();

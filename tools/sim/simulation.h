@@ -8,6 +8,7 @@
 
 #include "app_state_timeline.h"
 #include "event_log.h"
+#include "outcomes.h"
 #include "route.h"
 #include "run_guard.h"
 
@@ -49,6 +50,7 @@ struct SimOutcome {
     double wallSeconds = 0;
     RunStop stop = RunStop::kNone;  ///< why the run ended before its route did
     std::string stopMessage;
+    std::vector<OfferOutcome> offers;  ///< what happened to each offer the service answered with
 };
 
 /// A failure of the run's inputs (route, places, state): reported with exit status 2.

@@ -1,0 +1,163 @@
+#include "outcomes.h"
+
+#include <gtest/gtest.h>
+
+#include "expectations.h"
+
+namespace tovrel::sim {
+namespace {
+
+using nlohmann::json;
+
+/// Place 7 at (48.1, 11.5), radius 50 m, with offers 70 (no dwell) and 71 (dwell 5 min); place 8 far
+/// away with offer 80.
+json placesAnswer() {
+    const auto record = [](const char* eventId, const char* placeId, double lat, double lon, int dwell) {
+        return json{
+            {"eventId", eventId}, {"placeId", placeId}, {"eventName", std::string("Offer ") + eventId},
+            {"centroidLat", lat}, {"centroidLon", lon}, {"centroidRadius", 50.0},
+            {"dwellTime", dwell}, {"isLinked", 0}};
+    };
+    return {{"t", 1.0},
+            {"type", "response"},
+            {"path", "/v2/place"},
+            {"status", 200},
+            {"body",
+             {{"places",
+               {record("70", "7", 48.1, 11.5, 0), record("71", "7", 48.1, 11.5, 5),
+                record("80", "8", 48.2, 11.6, 0)}}}}};
+}
+
+json linkRequest(double t, const char* eventId, const char* placeId) {
+    return {{"t", t},
+            {"type", "request"},
+            {"path", "/v1/deviceevent/link"},
+            {"body", {{"eventId", eventId}, {"placeId", placeId}, {"sessionKey", "k"}}}};
+}
+
+json linkAnswer(double t, const char* eventId, const char* placeId, int deviceEventId, int suppress) {
+    return {{"t", t},
+            {"type", "response"},
+            {"path", "/v1/deviceevent/link"},
+            {"status", 200},
+            {"body",
+             {{"places",
+               {{{"eventId", eventId},
+                 {"placeId", placeId},
+                 {"deviceEventId", deviceEventId},
+                 {"suppressMessage", suppress}}}}}}};
+}
+
+/// Two minutes at the place, then far away.
+Route visit() {
+    Route route;
+    route.name = "visit.csv";
+    for (int t = 0; t <= 120; t += 10) {
+        route.points.push_back({static_cast<double>(t), 48.1, 11.5, std::nullopt});
+    }
+    route.points.push_back({130, 48.15, 11.55, std::nullopt});
+    return route;
+}
+
+const OfferOutcome& find(const std::vector<OfferOutcome>& outcomes, const std::string& eventId) {
+    for (const auto& o : outcomes) {
+        if (o.eventId == eventId) {
+            return o;
+        }
+    }
+    throw std::runtime_error("no outcome for offer " + eventId);
+}
+
+TEST(Outcomes, EachOfferSaysHowItWasDeliveredOrWhyNot) {
+    std::vector<json> events{placesAnswer(),
+                             linkRequest(10, "70", "7"),
+                             linkAnswer(10, "70", "7", 1, 0),
+                             linkRequest(20, "70", "7"),
+                             {{"t", 11.0}, {"type", "notification"}, {"userInfo", {{"deviceeventId", "1"}}}},
+                             {{"t", 11.0},
+                              {"type", "request"},
+                              {"path", "/v1/deviceevent/update"},
+                              {"body", {{"deviceEventId", 1}, {"statusCode", "ack"}}}},
+                             {{"t", 30.0},
+                              {"type", "request"},
+                              {"path", "/v1/deviceevent/update"},
+                              {"body", {{"deviceEventId", 1}, {"statusCode", "seen"}}}}};
+    const auto outcomes = analyseOutcomes(events, visit(), {});
+    ASSERT_EQ(outcomes.size(), 3u);
+
+    const OfferOutcome& delivered = find(outcomes, "70");
+    EXPECT_TRUE(delivered.delivered);
+    EXPECT_EQ(delivered.deliveredAs, "notification");
+    EXPECT_EQ(delivered.linkRequests, 2);
+    EXPECT_EQ(delivered.answers, (std::vector<std::string>{"ack", "seen"}));
+    EXPECT_EQ(delivered.reason,
+              "delivered as notification at 11 s (entered at 0 s, 2 link requests); answered seen");
+
+    const OfferOutcome& dwell = find(outcomes, "71");
+    EXPECT_FALSE(dwell.delivered);
+    EXPECT_EQ(dwell.reason,
+              "not delivered: entered at 0 s but stayed 130 s, less than the dwell time of 5 min");
+
+    const OfferOutcome& far = find(outcomes, "80");
+    EXPECT_FALSE(far.enteredAt.has_value());
+    EXPECT_NE(far.reason.find("never entered (closest approach"), std::string::npos) << far.reason;
+}
+
+TEST(Outcomes, SuppressedSwitchedOffAndUnansweredLinksAreTold) {
+    std::vector<json> suppressed{placesAnswer(), linkRequest(10, "70", "7"), linkAnswer(10, "70", "7", 4, 1)};
+    EXPECT_EQ(find(analyseOutcomes(suppressed, visit(), {}), "70").reason,
+              "not delivered: linked at 10 s (1 link request), suppressed by the service (campaign cap)");
+
+    std::vector<json> off{placesAnswer(), linkRequest(10, "70", "7"), linkAnswer(10, "70", "7", 4, 0)};
+    EXPECT_EQ(find(analyseOutcomes(off, visit(), OutcomeContext{false}), "70").reason,
+              "not delivered: linked at 10 s (1 link request), notifications are switched off");
+
+    std::vector<json> unanswered{placesAnswer(), linkRequest(10, "70", "7"), linkRequest(20, "70", "7")};
+    EXPECT_EQ(find(analyseOutcomes(unanswered, visit(), {}), "70").reason,
+              "not delivered: 2 link requests, none answered by the service");
+
+    // An alert is matched by its tag, the device event id.
+    std::vector<json> alert{placesAnswer(),
+                            linkRequest(10, "70", "7"),
+                            linkAnswer(10, "70", "7", 9, 0),
+                            {{"t", 12.0}, {"type", "alert"}, {"tag", 9}}};
+    EXPECT_EQ(find(analyseOutcomes(alert, visit(), {}), "70").deliveredAs, "alert");
+}
+
+TEST(Expectations, RulesAreReadCheckedAndRefusedByName) {
+    std::vector<json> events{placesAnswer(),
+                             linkRequest(10, "70", "7"),
+                             linkAnswer(10, "70", "7", 1, 0),
+                             {{"t", 11.0}, {"type", "notification"}, {"userInfo", {{"deviceeventId", "1"}}}}};
+    const auto outcomes = analyseOutcomes(events, visit(), {});
+    std::vector<Expectation> rules;
+    for (const char* text :
+         {"offer:70=delivered", "offer:70@7=notification", "offer:71=not-delivered", "place:8=not-entered",
+          "place:7=entered", "deliveries==1", "link-requests <= 1", "offer:80=delivered",
+          "offer:99=delivered", "offer:99=not-delivered", "deliveries>1"}) {
+        rules.push_back(parseExpectation(text));
+    }
+    const auto results = checkExpectations(rules, outcomes);
+    std::vector<bool> met;
+    for (const auto& r : results) {
+        met.push_back(r.met);
+    }
+    EXPECT_EQ(met, (std::vector<bool>{true, true, true, true, true, true, true, false, false, true, false}));
+    EXPECT_NE(results[7].actual.find("never entered"), std::string::npos) << results[7].actual;
+    EXPECT_EQ(results[8].actual, "offer 99 was never in a service answer on this route");
+    EXPECT_EQ(results[10].actual, "deliveries = 1");
+
+    for (const char* bad : {"offer:70=arrived", "offer:x=delivered", "deliveries=3", "deliveries<=many",
+                            "shop:1=entered", "offer:70@x=delivered", "offer70=delivered"}) {
+        try {
+            parseExpectation(bad);
+            ADD_FAILURE() << bad << " was accepted";
+        } catch (const ExpectationError& error) {
+            EXPECT_NE(std::string(error.what()).find(std::string("'") + bad + "'"), std::string::npos)
+                << error.what();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tovrel::sim
