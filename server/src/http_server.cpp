@@ -62,15 +62,42 @@ struct Shared {
     std::atomic<bool> stopping{false};
     std::mutex registryMutex;
     std::unordered_map<void*, std::function<void()>> closers;  ///< per live connection: close if idle
+    int open = 0;                                              ///< connections admitted and not yet gone
+    std::unordered_map<std::string, int> openPerAddress;       ///< the same, by remote address
+    std::atomic<std::uint64_t> refused{0};
+
+    /// Counts a new connection from `address` in, or says it must be refused. Registry lock held.
+    bool admit(const std::string& address) {
+        int& fromAddress = openPerAddress[address];
+        if (open >= options.maxConnections || fromAddress >= options.maxConnectionsPerAddress) {
+            if (fromAddress == 0) {
+                openPerAddress.erase(address);
+            }
+            return false;
+        }
+        ++open;
+        ++fromAddress;
+        return true;
+    }
+    /// Counts a connection from `address` out. Registry lock held.
+    void release(const std::string& address) {
+        --open;
+        if (const auto it = openPerAddress.find(address); it != openPerAddress.end() && --it->second <= 0) {
+            openPerAddress.erase(it);
+        }
+    }
 };
 
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(Socket&& socket, Shared& shared) : stream_(std::move(socket)), shared_(shared) {}
+    /// `address` has been admitted (Shared::admit); the connection counts it out when it goes.
+    Connection(Socket&& socket, Shared& shared, std::string address)
+        : stream_(std::move(socket)), shared_(shared), address_(std::move(address)) {}
 
     ~Connection() {
         std::lock_guard lock(shared_.registryMutex);
         shared_.closers.erase(this);
+        shared_.release(address_);
     }
 
     void run() {
@@ -296,6 +323,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     Stream stream_;
     Shared& shared_;
+    const std::string address_;
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     std::vector<char> scratch_;
@@ -364,9 +392,36 @@ class Listener : public std::enable_shared_from_this<Listener> {
             return;
         }
         beast::error_code ignored;
-        socket.set_option(tcp::no_delay(true), ignored);
-        std::make_shared<Connection>(std::move(socket), shared_)->run();
+        const auto remote = socket.remote_endpoint(ignored);
+        std::string address = ignored ? std::string() : remote.address().to_string();
+        bool admitted = false;
+        {
+            std::lock_guard lock(shared_.registryMutex);
+            admitted = shared_.admit(address);
+        }
+        if (!admitted) {
+            refuse(socket);
+        } else {
+            socket.set_option(tcp::no_delay(true), ignored);
+            std::make_shared<Connection>(std::move(socket), shared_, std::move(address))->run();
+        }
         accept();
+    }
+
+    // Over a limit: one small answer written without waiting (it fits any socket buffer), then close.
+    // A client that does not read loses the answer, not the acceptor's time.
+    void refuse(Socket& socket) {
+        ++shared_.refused;
+        static constexpr std::string_view kBody = R"({"error":"too many connections; try again shortly"})";
+        const std::string answer =
+            "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\n"
+            "Retry-After: 1\r\nConnection: close\r\nContent-Length: " +
+            std::to_string(kBody.size()) + "\r\n\r\n" + std::string(kBody);
+        beast::error_code ignored;
+        socket.non_blocking(true, ignored);
+        socket.write_some(net::buffer(answer), ignored);
+        socket.shutdown(tcp::socket::shutdown_send, ignored);
+        socket.close(ignored);
     }
 
     std::vector<std::unique_ptr<net::io_context>>& contexts_;
@@ -481,6 +536,11 @@ void HttpServer::stop() {
 uint16_t HttpServer::port() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->port;
+}
+
+std::uint64_t HttpServer::refusedConnections() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->shared ? impl_->shared->refused.load() : 0;
 }
 
 }  // namespace tovrel_server

@@ -15,6 +15,8 @@ struct HttpOptions {
     int threads = 2;
     int requestTimeoutSeconds = 30;
     std::string mediaBaseUrl;  ///< empty: "http://" + the request's Host header
+    int maxConnections = 1000;
+    int maxConnectionsPerAddress = 256;
 };
 
 /// HTTP/1.1 front of a Service: keep-alive, TCP_NODELAY, a per-request read timeout, a 1 MiB body
@@ -32,6 +34,8 @@ class HttpServer {
     /// (forcing them after a few seconds) and joins the threads. Idempotent.
     void stop();
     uint16_t port() const;
+    /// Connections refused so far because a connection limit was reached. Any thread.
+    std::uint64_t refusedConnections() const;
 
     /// Largest request body accepted; larger ones are answered 413.
     static constexpr std::size_t kMaxBody = 1024 * 1024;

@@ -17,17 +17,12 @@ namespace {
 
 using namespace tovrel_server;
 
-int serve(const std::string& db, const std::string& listen, const std::string& content, int threads,
-          const std::string& mediaBase, int timeout) {
+int serve(const std::string& listen, ServerOptions options) {
     const ListenAddress address = parseListenAddress(listen);
-    ServerOptions options;
-    options.dbPath = db;
     options.listenAddress = address.host;
     options.port = address.port;
-    options.contentDir = content;
-    options.threads = threads;
-    options.mediaBaseUrl = mediaBase;
-    options.requestTimeoutSeconds = timeout;
+    const std::string db = options.dbPath;
+    const std::string content = options.contentDir;
 
     // Blocked before the worker threads start so that only sigwait() below sees them.
     sigset_t signals;
@@ -93,10 +88,7 @@ int main(int argc, char** argv) {
 
     CLI::App* serveCmd = app.add_subcommand("serve", "Serve the HTTP API and the content pages");
     std::string listen = "127.0.0.1:8080";
-    std::string content;
-    std::string mediaBase;
-    int threads = 2;
-    int timeout = 30;
+    ServerOptions serveOptions;
     addDb(serveCmd);
     serveCmd->add_option("--listen", listen, "HOST:PORT to listen on ([::1]:8080 for IPv6)")
         ->capture_default_str()
@@ -108,17 +100,29 @@ int main(int argc, char** argv) {
                 return std::string(error.what());
             }
         });
-    serveCmd->add_option("--content", content, "Folder of static pages (appcontent/, media/)")
+    serveCmd->add_option("--content", serveOptions.contentDir, "Folder of static pages (appcontent/, media/)")
         ->check(CLI::ExistingDirectory);
-    serveCmd->add_option("--threads", threads, "HTTP worker threads")
+    serveCmd->add_option("--threads", serveOptions.threads, "HTTP worker threads")
         ->capture_default_str()
         ->check(CLI::Range(1, 64));
     serveCmd->add_option(
-        "--media-base", mediaBase,
+        "--media-base", serveOptions.mediaBaseUrl,
         "Scheme and host put before relative media addresses (default: http:// + the request's Host)");
-    serveCmd->add_option("--timeout", timeout, "Seconds a connection may take to send one request")
+    serveCmd
+        ->add_option("--timeout", serveOptions.requestTimeoutSeconds,
+                     "Seconds a connection may take to send one request")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
+    serveCmd
+        ->add_option("--max-connections", serveOptions.maxConnections,
+                     "Open connections at most; more are answered 503 and closed")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000000));
+    serveCmd
+        ->add_option("--max-connections-per-address", serveOptions.maxConnectionsPerAddress,
+                     "Open connections at most from one client address")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000000));
 
     CLI::App* importCmd = app.add_subcommand("import", "Import a GeoJSON place file (see docs/server.md)");
     std::string file;
@@ -145,7 +149,8 @@ int main(int argc, char** argv) {
 
     try {
         if (serveCmd->parsed()) {
-            return serve(db, listen, content, threads, mediaBase, timeout);
+            serveOptions.dbPath = db;
+            return serve(listen, serveOptions);
         }
         if (importCmd->parsed()) {
             const ImportSummary s = importGeoJsonFile(db, file);

@@ -37,7 +37,14 @@ void expectErrorBody(const HttpResult& r) {
 // A raw TCP connection, for what libcurl will not send.
 class RawConnection {
   public:
-    explicit RawConnection(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    /// Connects to 127.0.0.1:port, from `from` (another loopback address) when given.
+    explicit RawConnection(uint16_t port, const char* from = nullptr) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        if (from != nullptr) {
+            sockaddr_in local{};
+            local.sin_family = AF_INET;
+            inet_pton(AF_INET, from, &local.sin_addr);
+            bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local);
+        }
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_port = htons(port);
@@ -271,4 +278,38 @@ TEST(ServerLifecycle, StartFailsClearlyWhenThePortIsTaken) {
 }
 
 }  // namespace
+TEST(ConnectionLimits, OneClientCannotLockTheOthersOutAndTheTotalIsCapped) {
+    ServerFixture::Options options;
+    options.maxConnections = 5;
+    options.maxConnectionsPerAddress = 3;
+    ServerFixture fx(options);
+    const auto refusedAt = [&](const char* from) {
+        RawConnection extra(fx.port(), from);
+        const std::string answer = extra.readAll(3000);
+        return answer.rfind("HTTP/1.1 503", 0) == 0 && answer.find("Retry-After: 1") != std::string::npos &&
+               answer.find("too many connections") != std::string::npos;
+    };
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    for (int i = 0; i < 3; ++i) {
+        idle.push_back(std::make_unique<RawConnection>(fx.port(), "127.0.0.1"));
+        ASSERT_TRUE(idle.back()->connected());
+    }
+    EXPECT_TRUE(refusedAt("127.0.0.1"));
+    // Another client still gets in, up to the total.
+    for (int i = 0; i < 2; ++i) {
+        idle.push_back(std::make_unique<RawConnection>(fx.port(), "127.0.0.2"));
+    }
+    EXPECT_TRUE(refusedAt("127.0.0.3"));
+    // A closed connection frees its place: a request is served again.
+    idle.erase(idle.begin());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    bool served = false;
+    while (!served && std::chrono::steady_clock::now() < deadline) {
+        RawConnection next(fx.port(), "127.0.0.1");
+        next.send("GET /appcontent/help.html HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+        served = next.readAll(2000).rfind("HTTP/1.1 200", 0) == 0;
+    }
+    EXPECT_TRUE(served);
+}
+
 }  // namespace tovrel_server::test

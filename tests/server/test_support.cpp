@@ -173,6 +173,8 @@ ServerFixture::ServerFixture(const Options& options)
     so.contentDir = options.contentDir.empty() ? (examplesDir() / "content").string() : options.contentDir;
     so.mediaBaseUrl = options.mediaBaseUrl;
     so.requestTimeoutSeconds = options.requestTimeoutSeconds;
+    so.maxConnections = options.maxConnections;
+    so.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
     so.clock = [now = now_] { return now->load(); };
     server_ = std::make_unique<Server>(so);
     server_->importGeoJson(dir_.write("places.geojson", testPlacesGeoJson()));

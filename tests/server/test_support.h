@@ -79,6 +79,8 @@ class ServerFixture {
         std::string contentDir;  ///< default: the example content
         std::string mediaBaseUrl;
         int requestTimeoutSeconds = 30;
+        int maxConnections = 1000;
+        int maxConnectionsPerAddress = 256;
     };
     ServerFixture();
     explicit ServerFixture(const Options& options);

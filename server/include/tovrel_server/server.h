@@ -35,6 +35,11 @@ struct ServerOptions {
     std::string mediaBaseUrl;
     /// A connection that sends no complete request for this long is closed.
     int requestTimeoutSeconds = 30;
+    /// Open connections at most, in all; a connection beyond is answered 503 and closed.
+    int maxConnections = 1000;
+    /// Open connections at most from one remote address (the same 503 beyond), so that one client
+    /// holding idle connections cannot lock the others out.
+    int maxConnectionsPerAddress = 256;
 };
 
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static
