@@ -13,7 +13,8 @@ builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
-     libcurl client, linux backend, a whole session on the linux backend, the C interface)
+     libcurl client, linux backend, a whole session on the linux backend, the C interface, the
+     server's HTTP front and its connection limits)
   4. the shared libraries as they ship (preset release): installed into a temporary prefix, the
      embedding examples and the Python package built and run against it and an installed
      tovrel-server, the Debian packages installed into a fresh root (scripts/check-install.sh)
@@ -50,7 +51,8 @@ if ((quick == 0)); then
     echo "== thread sanitizer: the suites that run on real threads"
     cmake --preset tsan >/dev/null
     tsan_suites=(tests/scenarios/tovrel_targeting_threads tests/curl/tovrel_curl_tests
-                 tests/linux/tovrel_linux_tests tests/linux/tovrel_linux_session_tests)
+                 tests/linux/tovrel_linux_tests tests/linux/tovrel_linux_session_tests
+                 tests/server/tovrel_server_http_tests)
     cmake --build --preset tsan -j "$jobs" --target "${tsan_suites[@]##*/}" tovrel-server tovrel_capi_test
     for suite in "${tsan_suites[@]}"; do
         TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "build/tsan/$suite" --gtest_brief=1
