@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "beast.h"
+#include "rate_limiter.h"
 #include "service.h"
 #include "static_files.h"
 
@@ -65,6 +66,7 @@ struct Shared {
     int open = 0;                                              ///< connections admitted and not yet gone
     std::unordered_map<std::string, int> openPerAddress;       ///< the same, by remote address
     std::atomic<std::uint64_t> refused{0};
+    RateLimiter limiter{options.rateLimit, options.rateLimit * 2};
 
     /// Counts a new connection from `address` in, or says it must be refused. Registry lock held.
     bool admit(const std::string& address) {
@@ -159,6 +161,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
             return;
         }
         busy_ = true;
+        // What a retry storm hits is refused before its body is read.
+        const double now =
+            std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+        if (!shared_.limiter.allow(address_, now)) {
+            return refuse(http::status::too_many_requests, "too many requests from this address; slow down",
+                          "1");
+        }
         const auto& req = parser_->get();
         if (beast::iequals(req[http::field::expect], "100-continue")) {
             auto cont =
@@ -286,10 +295,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
     }
 
     // Answers a request that cannot be read to its end, then closes the connection.
-    void refuse(http::status status, const std::string& message) {
+    void refuse(http::status status, const std::string& message, const char* retryAfter = nullptr) {
         busy_ = true;
         http::response<http::string_body> res{status, 11};
         res.set(http::field::content_type, "application/json");
+        if (retryAfter != nullptr) {
+            res.set(http::field::retry_after, retryAfter);
+        }
         res.keep_alive(false);
         res.body() = errorJson(message);
         res.prepare_payload();
@@ -536,6 +548,11 @@ void HttpServer::stop() {
 uint16_t HttpServer::port() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->port;
+}
+
+std::uint64_t HttpServer::rateLimitedRequests() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->shared ? impl_->shared->limiter.limited() : 0;
 }
 
 std::uint64_t HttpServer::refusedConnections() const {

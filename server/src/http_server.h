@@ -17,6 +17,7 @@ struct HttpOptions {
     std::string mediaBaseUrl;  ///< empty: "http://" + the request's Host header
     int maxConnections = 1000;
     int maxConnectionsPerAddress = 256;
+    double rateLimit = 0;  ///< requests a second per address (bursts of twice that); 0: off
 };
 
 /// HTTP/1.1 front of a Service: keep-alive, TCP_NODELAY, a per-request read timeout, a 1 MiB body
@@ -36,6 +37,8 @@ class HttpServer {
     uint16_t port() const;
     /// Connections refused so far because a connection limit was reached. Any thread.
     std::uint64_t refusedConnections() const;
+    /// Requests answered 429 so far. Any thread.
+    std::uint64_t rateLimitedRequests() const;
 
     /// Largest request body accepted; larger ones are answered 413.
     static constexpr std::size_t kMaxBody = 1024 * 1024;

@@ -19,10 +19,10 @@ struct Server::Impl {
         : options(std::move(o)),
           service(options.dbPath, options.clock ? options.clock : Clock(wallClock)),
           files(options.contentDir),
-          http(
-              service, files,
-              HttpOptions{options.listenAddress, options.port, options.threads, options.requestTimeoutSeconds,
-                          options.mediaBaseUrl, options.maxConnections, options.maxConnectionsPerAddress}) {}
+          http(service, files,
+               HttpOptions{options.listenAddress, options.port, options.threads,
+                           options.requestTimeoutSeconds, options.mediaBaseUrl, options.maxConnections,
+                           options.maxConnectionsPerAddress, options.rateLimit}) {}
 
     ServerOptions options;
     Service service;

@@ -312,4 +312,26 @@ TEST(ConnectionLimits, OneClientCannotLockTheOthersOutAndTheTotalIsCapped) {
     EXPECT_TRUE(served);
 }
 
+TEST(RateLimits, AClientOverItsBudgetIsToldToSlowDownAndOthersAreNot) {
+    ServerFixture::Options options;
+    options.rateLimit = 5;  // bursts of 10
+    ServerFixture fx(options);
+    int tooMany = 0;
+    for (int i = 0; i < 30; ++i) {
+        const HttpResult r = fx.client().get("/appcontent/help.html");
+        tooMany += r.status == 429 ? 1 : 0;
+        if (r.status == 429) {
+            EXPECT_TRUE(r.parsed().contains("error")) << r.body;
+        }
+    }
+    EXPECT_GE(tooMany, 15);
+    // The refused requests still left the connection usable for the answer, and a second later the
+    // budget is back.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_EQ(fx.client().get("/appcontent/help.html").status, 200);
+    RawConnection other(fx.port(), "127.0.0.2");
+    other.send("GET /appcontent/help.html HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(other.readAll(2000).rfind("HTTP/1.1 200", 0), 0u);
+}
+
 }  // namespace tovrel_server::test

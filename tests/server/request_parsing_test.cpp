@@ -1,7 +1,8 @@
-// Reading request members, paths and listen addresses.
+// Reading request members, paths and listen addresses; the per-address request budget.
 #include <gtest/gtest.h>
 
 #include "listen_address.h"
+#include "rate_limiter.h"
 #include "request_fields.h"
 #include "static_files.h"
 
@@ -104,6 +105,37 @@ TEST(ListenAddresses, HostAndPort) {
     for (const char* bad : {"127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:http", "::1:80"}) {
         EXPECT_THROW(parseListenAddress(bad), std::invalid_argument) << bad;
     }
+}
+
+TEST(RateLimiter, EachAddressHasItsOwnBucketThatRefillsWithTime) {
+    RateLimiter limiter(10, 20);
+    int allowed = 0;
+    for (int i = 0; i < 50; ++i) {
+        allowed += limiter.allow("10.0.0.1", 100.0) ? 1 : 0;
+    }
+    EXPECT_EQ(allowed, 20);  // the burst, then nothing at the same instant
+    EXPECT_EQ(limiter.limited(), 30u);
+    EXPECT_TRUE(limiter.allow("10.0.0.2", 100.0));  // another client is not affected
+    EXPECT_FALSE(limiter.allow("10.0.0.1", 100.05));
+    // 0.15 s more refill 1.5 tokens (2 with the half left), at 10 a second.
+    EXPECT_TRUE(limiter.allow("10.0.0.1", 100.2));
+    EXPECT_TRUE(limiter.allow("10.0.0.1", 100.2));
+    EXPECT_FALSE(limiter.allow("10.0.0.1", 99.0));        // a clock that steps back refills nothing
+    EXPECT_TRUE(RateLimiter(0, 0).allow("10.0.0.1", 0));  // off
+}
+
+TEST(RateLimiter, MemoryIsBoundedByForgettingIdleAddresses) {
+    RateLimiter limiter(1, 1, 3);
+    for (const char* address : {"a", "b", "c"}) {
+        EXPECT_TRUE(limiter.allow(address, 0));
+    }
+    // All three are active: a fourth address goes unlimited rather than evicting one of them.
+    EXPECT_TRUE(limiter.allow("d", 0.5));
+    EXPECT_TRUE(limiter.allow("d", 0.5));
+    EXPECT_FALSE(limiter.allow("a", 0.5));
+    // Once they have refilled they are forgotten and a new address gets a bucket again.
+    EXPECT_TRUE(limiter.allow("e", 5));
+    EXPECT_FALSE(limiter.allow("e", 5));
 }
 
 }  // namespace

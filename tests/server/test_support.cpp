@@ -175,6 +175,7 @@ ServerFixture::ServerFixture(const Options& options)
     so.requestTimeoutSeconds = options.requestTimeoutSeconds;
     so.maxConnections = options.maxConnections;
     so.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
+    so.rateLimit = options.rateLimit;
     so.clock = [now = now_] { return now->load(); };
     server_ = std::make_unique<Server>(so);
     server_->importGeoJson(dir_.write("places.geojson", testPlacesGeoJson()));

@@ -81,6 +81,7 @@ class ServerFixture {
         int requestTimeoutSeconds = 30;
         int maxConnections = 1000;
         int maxConnectionsPerAddress = 256;
+        double rateLimit = 0;
     };
     ServerFixture();
     explicit ServerFixture(const Options& options);

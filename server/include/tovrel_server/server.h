@@ -40,6 +40,10 @@ struct ServerOptions {
     /// Open connections at most from one remote address (the same 503 beyond), so that one client
     /// holding idle connections cannot lock the others out.
     int maxConnectionsPerAddress = 256;
+    /// Requests a second one client address may make on average (bursts of twice that); more are
+    /// answered 429 with Retry-After before their body is read. 0 (the default) turns the limit off:
+    /// behind a reverse proxy every client shares the proxy's address.
+    double rateLimit = 0;
 };
 
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static

@@ -1,0 +1,44 @@
+#include "rate_limiter.h"
+
+#include <algorithm>
+
+namespace tovrel_server {
+
+RateLimiter::RateLimiter(double rate, double burst, std::size_t maxClients)
+    : rate_(rate), burst_(std::max(burst, 1.0)), maxClients_(maxClients) {}
+
+bool RateLimiter::allow(const std::string& address, double now) {
+    if (rate_ <= 0) {
+        return true;
+    }
+    std::lock_guard lock(mutex_);
+    auto found = buckets_.find(address);
+    if (found == buckets_.end()) {
+        if (buckets_.size() >= maxClients_) {
+            // A bucket that has refilled since its last use says nothing: forgetting it is free.
+            std::erase_if(buckets_, [&](const auto& entry) {
+                return entry.second.tokens + (now - entry.second.at) * rate_ >= burst_;
+            });
+            if (buckets_.size() >= maxClients_) {
+                return true;
+            }
+        }
+        found = buckets_.emplace(address, Bucket{burst_, now}).first;
+    }
+    Bucket& bucket = found->second;
+    bucket.tokens = std::min(burst_, bucket.tokens + std::max(0.0, now - bucket.at) * rate_);
+    bucket.at = std::max(bucket.at, now);
+    if (bucket.tokens < 1) {
+        ++limited_;
+        return false;
+    }
+    bucket.tokens -= 1;
+    return true;
+}
+
+std::uint64_t RateLimiter::limited() const {
+    std::lock_guard lock(mutex_);
+    return limited_;
+}
+
+}  // namespace tovrel_server

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+namespace tovrel_server {
+
+/// Token buckets per client address: each address may make `rate` requests a second on average and
+/// `burst` at once. Memory is bounded: beyond `maxClients` addresses, idle ones are forgotten, and when
+/// none is idle a new address goes unlimited rather than evicting an active one. Thread-safe.
+class RateLimiter {
+  public:
+    /// `rate` 0 turns limiting off.
+    RateLimiter(double rate, double burst, std::size_t maxClients = 65536);
+
+    /// Takes a token for `address` at `now` (seconds on a steady clock); false when none is left.
+    bool allow(const std::string& address, double now);
+    /// Requests refused so far.
+    [[nodiscard]] std::uint64_t limited() const;
+
+  private:
+    struct Bucket {
+        double tokens = 0;
+        double at = 0;
+    };
+
+    const double rate_;
+    const double burst_;
+    const std::size_t maxClients_;
+    mutable std::mutex mutex_;
+    std::unordered_map<std::string, Bucket> buckets_;
+    std::uint64_t limited_ = 0;
+};
+
+}  // namespace tovrel_server
