@@ -13,6 +13,7 @@
 
 #include "beast.h"
 #include "rate_limiter.h"
+#include "request_fields.h"
 #include "service.h"
 #include "static_files.h"
 
@@ -45,11 +46,6 @@ bool validHost(std::string_view host) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
                c == '-' || c == ':' || c == '[' || c == ']' || c == '_';
     });
-}
-
-// Messages may quote request bytes that are not UTF-8: they are replaced, never a reason to fail.
-std::string errorJson(const std::string& message) {
-    return nlohmann::json{{"error", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace

@@ -5,6 +5,10 @@
 
 namespace tovrel_server {
 
+std::string errorJson(const std::string& message) {
+    return nlohmann::json{{"error", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 using nlohmann::json;
 
 bool nestingWithin(std::string_view text, int maxDepth) {

@@ -18,6 +18,10 @@ class ApiError : public std::runtime_error {
     unsigned status_;
 };
 
+/// The body of every error answer, {"error": message}. Bytes of the message that are not UTF-8 (a
+/// message may quote the request) are replaced, never a reason to fail. Pure.
+std::string errorJson(const std::string& message);
+
 /// Parses a request body that must be one JSON object; ApiError 400 otherwise (also for nesting
 /// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
 nlohmann::json parseObjectBody(std::string_view body, int maxDepth = 32);

@@ -32,11 +32,6 @@ std::string newSessionKey() {
     return key;
 }
 
-// Messages may quote request bytes that are not UTF-8: they are replaced, never a reason to fail.
-std::string errorBody(const std::string& message) {
-    return json{{"error", message}}.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
 }  // namespace
 
 std::string readPlaceFile(const std::string& path);
@@ -54,7 +49,7 @@ bool Service::isEndpoint(std::string_view path) {
 
 ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
     if (path == "/v1/log" && body.size() > kMaxLogBody) {
-        return {413, errorBody("a log message may be at most 256 KiB")};
+        return {413, errorJson("a log message may be at most 256 KiB")};
     }
     try {
         const json req = parseObjectBody(body);
@@ -82,13 +77,13 @@ ApiReply Service::handle(std::string_view path, std::string_view body, std::stri
         if (path == "/v1/log") {
             return {200, log(req)};
         }
-        return {404, errorBody("there is no endpoint " + std::string(path))};
+        return {404, errorJson("there is no endpoint " + std::string(path))};
     } catch (const ApiError& e) {
-        return {e.status(), errorBody(e.what())};
+        return {e.status(), errorJson(e.what())};
     } catch (const std::exception& e) {
-        return {500, errorBody(std::string("the server failed: ") + e.what())};
+        return {500, errorJson(std::string("the server failed: ") + e.what())};
     } catch (...) {
-        return {500, errorBody("the server failed")};
+        return {500, errorJson("the server failed")};
     }
 }
 
@@ -121,23 +116,23 @@ void Service::loadDeviceLocked(int64_t device) {
 }
 
 int64_t Service::authenticate(const json& req) {
-    const std::string key = sessionKeyHash(requireString(req, "sessionKey"));
+    const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey"));
     {
         std::shared_lock lock(stateMutex_);
-        if (const auto it = sessions_.find(std::string_view(key)); it != sessions_.end()) {
+        if (const auto it = sessions_.find(std::string_view(keyHash)); it != sessions_.end()) {
             return it->second;
         }
     }
     std::lock_guard db(dbMutex_);
     Statement st = db_.prepare("SELECT device FROM sessions WHERE key_hash = ?");
-    if (!st.with(key).step()) {
+    if (!st.with(keyHash).step()) {
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
     }
     const int64_t device = st.integer(0);
     st.reset();
     loadDeviceLocked(device);
     std::unique_lock lock(stateMutex_);
-    sessions_.emplace(key, device);
+    sessions_.emplace(keyHash, device);
     return device;
 }
 
@@ -150,6 +145,7 @@ std::string Service::session(const json& req) {
         throw ApiError(400, "the member \"deviceId\" must not be empty");
     }
     const std::string key = newSessionKey();
+    const std::string keyHash = sessionKeyHash(key);
     const double now = clock_();
 
     std::lock_guard db(dbMutex_);
@@ -166,12 +162,12 @@ std::string Service::session(const json& req) {
     const int64_t deviceRow = device.integer(0);
     device.run();
     db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
-        .with(sessionKeyHash(key), deviceRow, sdkKey, now)
+        .with(keyHash, deviceRow, sdkKey, now)
         .run();
     tx.commit();
     loadDeviceLocked(deviceRow);
     std::unique_lock lock(stateMutex_);
-    sessions_.emplace(sessionKeyHash(key), deviceRow);
+    sessions_.emplace(keyHash, deviceRow);
     return json{{"sessionKey", key}}.dump();
 }
 

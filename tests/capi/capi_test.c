@@ -166,16 +166,16 @@ static void stopServer(void) {
     }
 }
 
-/* Whether the server's report (JSON) holds `text`. */
-static int reportHas(const char* text) {
+/* The server's report as JSON text ("" when it cannot be had). */
+static const char* report(void) {
     char out[256];
     snprintf(out, sizeof out, "%s/report.json", folder);
-    char* report[] = {"tovrel-server", "report", "--json", "--db", database, NULL};
-    if (waitFor(spawnServer(report, out)) != 0) {
-        return 0;
+    char* args[] = {"tovrel-server", "report", "--json", "--db", database, NULL};
+    if (waitFor(spawnServer(args, out)) != 0) {
+        return "";
     }
     const char* content = readFile(out);
-    return content != NULL && strstr(content, text) != NULL;
+    return content != NULL ? content : "";
 }
 
 /* ---- what callbacks saw ---------------------------------------------------------------------- */
@@ -235,7 +235,8 @@ static int hasSessionKey(tovrel_device* device, Seen* seen) {
 static int linkedAndAcknowledged(tovrel_device* device, Seen* seen) {
     (void)device;
     (void)seen;
-    return reportHas("\"links\": 1") && reportHas("\"ack\": 1");
+    const char* text = report();
+    return strstr(text, "\"links\": 1") != NULL && strstr(text, "\"ack\": 1") != NULL;
 }
 
 static int statusAnswered(tovrel_device* device, Seen* seen) {

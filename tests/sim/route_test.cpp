@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "app_state_timeline.h"
+#include "linux/track_samples.h"
 
 namespace tovrel::sim {
 namespace {
@@ -111,18 +110,8 @@ TEST(GpxRoute, LargeTracksAreReadWithTheirLineNumbers) {
               "big.gpx:" + std::to_string(kPoints + 3) + ": trkpt has no <time>");
 }
 
-/// "$<body>*<checksum>" with the XOR checksum NMEA uses.
-std::string nmeaSentence(const std::string& body) {
-    unsigned checksum = 0;
-    for (const char c : body) {
-        checksum ^= static_cast<unsigned char>(c);
-    }
-    char tail[8];
-    std::snprintf(tail, sizeof tail, "*%02X\r\n", checksum);
-    return "$" + body + tail;
-}
-
 TEST(NmeaRoute, IsReadByTheReplayReaderWithTimesFromTheFirstFix) {
+    using linuxbackend::test::nmeaSentence;
     const std::string log = nmeaSentence("GPRMC,120000.00,A,4806.0000,N,01130.0000,E,0.0,0.0,010624,,,A") +
                             nmeaSentence("GPGSV,1,1,00") +
                             nmeaSentence("GPRMC,120005.50,A,4806.1000,N,01130.1000,E,1.0,45.0,010624,,,A");

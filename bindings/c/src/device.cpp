@@ -186,21 +186,33 @@ bool Device::onHomeThread() const {
     return parts_ != nullptr && parts_->backend.loop->isMainThread();
 }
 
+/// Marks the caller's loop as running for a scope: run() and step() refuse a loop the library
+/// owns, another thread and a loop already running (a callback calling them again).
+class Device::LoopTurn {
+  public:
+    LoopTurn(Device& device, const char* verb) : running_(device.running_) {
+        if (device.ownThread_) {
+            throw CallError(TOVREL_ERROR_STATE, "the library's thread runs this device's loop");
+        }
+        if (!device.onHomeThread()) {
+            throw CallError(TOVREL_ERROR_WRONG_THREAD,
+                            std::string(verb) + " the loop on the thread that made the device");
+        }
+        if (running_) {
+            throw CallError(TOVREL_ERROR_STATE, "the loop is already running");
+        }
+        running_ = true;
+    }
+    ~LoopTurn() { running_ = false; }
+    LoopTurn(const LoopTurn&) = delete;
+    LoopTurn& operator=(const LoopTurn&) = delete;
+
+  private:
+    bool& running_;
+};
+
 void Device::run() {
-    if (ownThread_) {
-        throw CallError(TOVREL_ERROR_STATE, "the library's thread runs this device's loop");
-    }
-    if (!onHomeThread()) {
-        throw CallError(TOVREL_ERROR_WRONG_THREAD, "run the loop on the thread that made the device");
-    }
-    if (running_) {
-        throw CallError(TOVREL_ERROR_STATE, "the loop is already running");
-    }
-    running_ = true;
-    struct Reset {
-        bool& flag;
-        ~Reset() { flag = false; }
-    } reset{running_};
+    const LoopTurn turn(*this, "run");
     parts_->backend.loop->run();
 }
 
@@ -208,20 +220,7 @@ void Device::step(int milliseconds) {
     if (milliseconds < 0) {
         throw CallError(TOVREL_ERROR_INVALID_ARGUMENT, "a step lasts 0 milliseconds or more");
     }
-    if (ownThread_) {
-        throw CallError(TOVREL_ERROR_STATE, "the library's thread runs this device's loop");
-    }
-    if (!onHomeThread()) {
-        throw CallError(TOVREL_ERROR_WRONG_THREAD, "step the loop on the thread that made the device");
-    }
-    if (running_) {
-        throw CallError(TOVREL_ERROR_STATE, "the loop is already running");
-    }
-    running_ = true;
-    struct Reset {
-        bool& flag;
-        ~Reset() { flag = false; }
-    } reset{running_};
+    const LoopTurn turn(*this, "step");
     auto& loop = *parts_->backend.loop;
     if (milliseconds == 0) {
         loop.runReady();

@@ -87,6 +87,8 @@ class Device {
     Parts& parts() { return *parts_; }
 
   private:
+    class LoopTurn;
+
     Device() = default;
     [[nodiscard]] bool onHomeThread() const;
     void shutDown();

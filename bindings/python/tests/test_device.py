@@ -62,8 +62,11 @@ def test_a_replayed_visit_links_acknowledges_and_is_seen_from_python(service, wa
 
         device.start_session(SDK_KEY)
         assert wait_until(lambda: device.session_key, 20)
-        assert wait_until(lambda: service.offer(9401).get("links") == 1 and service.offer(9401).get("ack") == 1,
-                          60), service.report()
+        def linked_and_acknowledged():
+            offer = service.offer(9401)
+            return offer.get("links") == 1 and offer.get("ack") == 1
+
+        assert wait_until(linked_and_acknowledged, 60), service.report()
 
         first = locations.get(timeout=10)
         assert first.name == "tovrelLocationNotification"
