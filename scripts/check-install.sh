@@ -68,7 +68,7 @@ step "installed tovrel-server on 127.0.0.1"
 "$prefix/bin/tovrel-server" --version
 data="$prefix/share/tovrel"
 "$prefix/bin/tovrel-server" import "$data/places/munich.geojson" --db "$work/service.db" >/dev/null
-"$prefix/bin/tovrel-server" serve --db "$work/service.db" --listen 127.0.0.1:0 --content "$data/content" \
+"$prefix/bin/tovrel-server" serve --db "$work/service.db" --listen 127.0.0.1:0 --admin-listen off --content "$data/content" \
     >"$work/server.out" 2>"$work/server.err" &
 server_pid=$!
 for _ in $(seq 100); do

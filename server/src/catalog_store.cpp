@@ -67,8 +67,8 @@ ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
 CatalogData readCatalog(Database& db) {
     CatalogData data;
     Statement campaigns = db.prepare(
-        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns ORDER BY "
-        "id");
+        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
+        "disabled = 0 ORDER BY id");
     while (campaigns.step()) {
         CampaignDef c;
         c.id = campaigns.integer(0);
@@ -88,7 +88,9 @@ CatalogData readCatalog(Database& db) {
     }
     Statement offers = db.prepare(
         "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
-        "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER BY o.id");
+        "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign WHERE o.disabled = 0 AND "
+        "c.disabled = 0 "
+        "ORDER BY o.id");
     while (offers.step()) {
         OfferDef o;
         o.id = offers.integer(0);
@@ -102,7 +104,8 @@ CatalogData readCatalog(Database& db) {
         o.eventType = static_cast<int>(offers.integer(8));
         data.offers.push_back(std::move(o));
     }
-    Statement places = db.prepare("SELECT id, name, lat, lon, radius FROM places ORDER BY id");
+    Statement places =
+        db.prepare("SELECT id, name, lat, lon, radius FROM places WHERE disabled = 0 ORDER BY id");
     Statement placeOffers = db.prepare("SELECT place, offer FROM place_offers ORDER BY place, offer");
     std::map<int64_t, std::size_t> index;
     while (places.step()) {

@@ -21,9 +21,21 @@ Statement::~Statement() {
 Statement::Statement(Statement&& other) noexcept
     : db_(other.db_), stmt_(std::exchange(other.stmt_, nullptr)) {}
 
+namespace {
+
+[[noreturn]] void throwFor(int rc, const std::string& message) {
+    const int primary = rc & 0xff;
+    if (primary == SQLITE_BUSY || primary == SQLITE_LOCKED) {
+        throw DatabaseBusy("the database is busy: " + message);
+    }
+    throw std::runtime_error("database error: " + message);
+}
+
+}  // namespace
+
 void Statement::check(int rc) const {
     if (rc != SQLITE_OK) {
-        throw std::runtime_error(std::string("database error: ") + sqlite3_errmsg(db_));
+        throwFor(rc, sqlite3_errmsg(db_));
     }
 }
 
@@ -37,7 +49,7 @@ bool Statement::step() {
     }
     const std::string message = sqlite3_errmsg(db_);
     sqlite3_reset(stmt_);
-    throw std::runtime_error("database error: " + message);
+    throwFor(rc, message);
 }
 
 void Statement::run() {
@@ -79,7 +91,7 @@ void Statement::bindOne(int i, std::string_view v) {
     check(sqlite3_bind_text64(stmt_, i, v.data(), v.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
-Database::Database(const std::string& path) {
+Database::Database(const std::string& path, int busyTimeoutMs) {
     // Session keys and device identifiers live here: a new file is the owner's alone (SQLite gives its
     // journal and WAL files the database file's mode).
     if (!path.empty() && path != ":memory:" && path.rfind("file:", 0) != 0) {
@@ -95,7 +107,7 @@ Database::Database(const std::string& path) {
         db_ = nullptr;
         throw std::runtime_error("cannot open database " + path + ": " + message);
     }
-    sqlite3_busy_timeout(db_, 5000);
+    sqlite3_busy_timeout(db_, busyTimeoutMs);
     sqlite3_create_function(
         db_, "sha256_hex", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC, nullptr,
         [](sqlite3_context* context, int, sqlite3_value** values) {
@@ -124,10 +136,10 @@ Database::~Database() {
 
 void Database::exec(const std::string& sql) {
     char* error = nullptr;
-    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+    if (const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &error); rc != SQLITE_OK) {
         std::string message = error ? error : sqlite3_errmsg(db_);
         sqlite3_free(error);
-        throw std::runtime_error("database error: " + message);
+        throwFor(rc, message);
     }
 }
 
@@ -136,8 +148,8 @@ int Database::userVersion() {
     return st.step() ? static_cast<int>(st.integer(0)) : 0;
 }
 
-Transaction::Transaction(Database& db) : db_(db) {
-    db_.exec("BEGIN IMMEDIATE");
+Transaction::Transaction(Database& db, Kind kind) : db_(db) {
+    db_.exec(kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 Transaction::~Transaction() {

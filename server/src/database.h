@@ -4,10 +4,18 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace tovrel_server {
+
+/// The database stayed locked by another connection for longer than the busy timeout. Callers answer
+/// 503 with Retry-After: nothing was written.
+class DatabaseBusy : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
 
 /// A prepared SQLite statement. Not thread-safe; owned by the connection's user.
 class Statement {
@@ -63,8 +71,11 @@ class Statement {
 /// One SQLite connection with the server's settings (WAL for files, foreign keys, busy timeout).
 class Database {
   public:
+    /// How long a statement waits for another connection's lock by default before DatabaseBusy.
+    static constexpr int kDefaultBusyTimeoutMs = 5000;
+
     /// Opens or creates the database and brings its schema up to date. Throws std::runtime_error.
-    explicit Database(const std::string& path);
+    explicit Database(const std::string& path, int busyTimeoutMs = kDefaultBusyTimeoutMs);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -72,16 +83,20 @@ class Database {
     void exec(const std::string& sql);
     Statement prepare(std::string_view sql) { return Statement(db_, sql); }
     int64_t lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+    /// Rows the last INSERT, UPDATE or DELETE changed.
+    int64_t changes() const { return sqlite3_changes64(db_); }
     int userVersion();
 
   private:
     sqlite3* db_ = nullptr;
 };
 
-/// BEGIN IMMEDIATE ... COMMIT; rolls back when left without commit().
+/// BEGIN IMMEDIATE ... COMMIT (a write), or BEGIN ... (a read of one consistent snapshot); rolls back
+/// when left without commit().
 class Transaction {
   public:
-    explicit Transaction(Database& db);
+    enum class Kind { write, read };
+    explicit Transaction(Database& db, Kind kind = Kind::write);
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;

@@ -1,10 +1,10 @@
 #include "http_server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -12,22 +12,25 @@
 #include <vector>
 
 #include "beast.h"
+#include "buffer_pool.h"
+#include "compression.h"
+#include "log.h"
 #include "rate_limiter.h"
 #include "request_fields.h"
-#include "service.h"
-#include "static_files.h"
 
 namespace tovrel_server {
 
 namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
+namespace ssl = net::ssl;
 using tcp = net::ip::tcp;
 // One io_context per thread: a connection lives on one thread, so it needs no strand and threads
 // never wake each other.
-using Executor = net::io_context::executor_type;
-using Stream = beast::basic_stream<tcp, Executor>;
-using Socket = net::basic_stream_socket<tcp, Executor>;
+using IoExecutor = net::io_context::executor_type;
+using PlainStream = beast::basic_stream<tcp, IoExecutor>;
+using TlsStream = beast::ssl_stream<PlainStream>;
+using Socket = net::basic_stream_socket<tcp, IoExecutor>;
 
 namespace {
 
@@ -38,30 +41,28 @@ constexpr auto kLingerTime = std::chrono::seconds(2);
 constexpr std::size_t kLingerBytes = 8 * 1024 * 1024;
 constexpr auto kStopGrace = std::chrono::seconds(3);
 
-bool validHost(std::string_view host) {
-    if (host.empty() || host.size() > 255) {
-        return false;
-    }
-    return std::all_of(host.begin(), host.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-               c == '-' || c == ':' || c == '[' || c == ']' || c == '_';
-    });
+double steadySeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+std::string_view view(beast::string_view text) {
+    return {text.data(), text.size()};
 }
 
 }  // namespace
 
 // State shared by the listener and every connection.
 struct Shared {
-    Service& service;
-    const StaticFiles& files;
+    RequestHandler& handler;
     HttpOptions options;
-    std::string fallbackBase;  ///< "http://address:port", for requests without a usable Host
+    const Logger& logger;
+    Metrics& metrics;
+    std::optional<ssl::context> tls;
     std::atomic<bool> stopping{false};
     std::mutex registryMutex;
     std::unordered_map<void*, std::function<void()>> closers;  ///< per live connection: close if idle
     int open = 0;                                              ///< connections admitted and not yet gone
     std::unordered_map<std::string, int> openPerAddress;       ///< the same, by remote address
-    std::atomic<std::uint64_t> refused{0};
     RateLimiter limiter{options.rateLimit, options.rateLimit * 2};
 
     /// Counts a new connection from `address` in, or says it must be refused. Registry lock held.
@@ -86,11 +87,14 @@ struct Shared {
     }
 };
 
-class Connection : public std::enable_shared_from_this<Connection> {
+template <typename Stream>
+class Connection : public std::enable_shared_from_this<Connection<Stream>> {
+    static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
+
   public:
     /// `address` has been admitted (Shared::admit); the connection counts it out when it goes.
     Connection(Socket&& socket, Shared& shared, std::string address)
-        : stream_(std::move(socket)), shared_(shared), address_(std::move(address)) {}
+        : stream_(makeStream(std::move(socket), shared)), shared_(shared), address_(std::move(address)) {}
 
     ~Connection() {
         std::lock_guard lock(shared_.registryMutex);
@@ -101,7 +105,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void run() {
         {
             std::lock_guard lock(shared_.registryMutex);
-            std::weak_ptr<Connection> weak = shared_from_this();
+            std::weak_ptr<Connection> weak = this->shared_from_this();
             auto executor = stream_.get_executor();
             shared_.closers[this] = [weak, executor] {
                 net::post(executor, [weak] {
@@ -111,15 +115,35 @@ class Connection : public std::enable_shared_from_this<Connection> {
                 });
             };
         }
-        net::dispatch(stream_.get_executor(),
-                      beast::bind_front_handler(&Connection::readHeader, shared_from_this()));
+        if constexpr (kTls) {
+            lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
+            stream_.async_handshake(ssl::stream_base::server,
+                                    [self = this->shared_from_this()](beast::error_code ec) {
+                                        if (ec) {
+                                            return self->closeNow();
+                                        }
+                                        self->readHeader();
+                                    });
+        } else {
+            net::dispatch(stream_.get_executor(), [self = this->shared_from_this()] { self->readHeader(); });
+        }
     }
 
   private:
+    static Stream makeStream(Socket&& socket, Shared& shared) {
+        if constexpr (kTls) {
+            return Stream(PlainStream(std::move(socket)), *shared.tls);
+        } else {
+            return Stream(std::move(socket));
+        }
+    }
+
+    PlainStream& lowest() { return beast::get_lowest_layer(stream_); }
+
     void closeIfIdle() {
         if (!busy_) {
             beast::error_code ec;
-            stream_.socket().cancel(ec);
+            lowest().socket().cancel(ec);
         }
     }
 
@@ -130,9 +154,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
         parser_.emplace();
         parser_->body_limit(HttpServer::kMaxBody);
         parser_->header_limit(kMaxHeader);
-        stream_.expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
-        http::async_read_header(stream_, buffer_, *parser_,
-                                beast::bind_front_handler(&Connection::onHeader, shared_from_this()));
+        lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
+        http::async_read_header(
+            stream_, buffer_, *parser_,
+            [self = this->shared_from_this()](beast::error_code ec, std::size_t) { self->onHeader(ec); });
     }
 
     bool readFailed(beast::error_code ec) {
@@ -152,15 +177,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
         return true;
     }
 
-    void onHeader(beast::error_code ec, std::size_t) {
+    void onHeader(beast::error_code ec) {
         if (readFailed(ec)) {
             return;
         }
         busy_ = true;
+        started_ = steadySeconds();
         // What a retry storm hits is refused before its body is read.
-        const double now =
-            std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-        if (!shared_.limiter.allow(address_, now)) {
+        if (!shared_.limiter.allow(address_, started_)) {
+            shared_.metrics.rateLimited();
             return refuse(http::status::too_many_requests, "too many requests from this address; slow down",
                           "1");
         }
@@ -169,7 +194,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
             auto cont =
                 std::make_shared<http::response<http::empty_body>>(http::status::continue_, req.version());
             http::async_write(stream_, *cont,
-                              [self = shared_from_this(), cont](beast::error_code wec, std::size_t) {
+                              [self = this->shared_from_this(), cont](beast::error_code wec, std::size_t) {
                                   if (wec) {
                                       return self->closeNow();
                                   }
@@ -181,161 +206,221 @@ class Connection : public std::enable_shared_from_this<Connection> {
     }
 
     void readBody() {
-        http::async_read(stream_, buffer_, *parser_,
-                         beast::bind_front_handler(&Connection::onBody, shared_from_this()));
+        http::async_read(
+            stream_, buffer_, *parser_,
+            [self = this->shared_from_this()](beast::error_code ec, std::size_t) { self->onBody(ec); });
     }
 
-    void onBody(beast::error_code ec, std::size_t) {
+    void onBody(beast::error_code ec) {
         if (readFailed(ec)) {
             return;
         }
-        try {
-            respond(parser_->get());
-        } catch (const std::exception& e) {
-            sendString(http::status::internal_server_error,
-                       errorJson(std::string("the server failed: ") + e.what()), 11, false);
-        }
-    }
-
-    std::string mediaBase(std::string_view host) const {
-        if (!shared_.options.mediaBaseUrl.empty()) {
-            return shared_.options.mediaBaseUrl;
-        }
-        return validHost(host) ? "http://" + std::string(host) : shared_.fallbackBase;
-    }
-
-    void respond(http::request<http::string_body>& req) {
-        const std::string_view target(req.target().data(), req.target().size());
+        auto& req = parser_->get();
+        const std::string_view target = view(req.target());
         const std::string_view path = target.substr(0, target.find_first_of("?#"));
-        const bool keepAlive = req.keep_alive() && !shared_.stopping;
-        const unsigned version = req.version();
-        if (Service::isEndpoint(path)) {
-            if (req.method() != http::verb::post) {
-                return sendString(http::status::method_not_allowed,
-                                  errorJson("use POST for " + std::string(path)), version, keepAlive, "POST");
+        request_ = Pending{std::string(view(req.method_string())), std::string(path), req.version(),
+                           req.keep_alive(), acceptsGzip(view(req[http::field::accept_encoding]))};
+        const HttpRequest request{view(req.method_string()),
+                                  target,
+                                  path,
+                                  req.body(),
+                                  view(req[http::field::host]),
+                                  view(req[http::field::authorization]),
+                                  address_,
+                                  kTls};
+        // The answer may come from another thread; it is sent from this connection's own, which the
+        // pending answer keeps alive and running.
+        Respond respond = [self = this->shared_from_this(),
+                           work = net::make_work_guard(stream_.get_executor())](HttpReply&& reply) mutable {
+            net::dispatch(work.get_executor(),
+                          [self, reply = std::move(reply)]() mutable { self->answer(std::move(reply)); });
+        };
+        try {
+            shared_.handler.handle(request, std::move(respond));
+        } catch (const std::exception& e) {
+            HttpReply failed;
+            failed.status = 500;
+            failed.body = errorJson(std::string("the server failed: ") + e.what());
+            answer(std::move(failed));
+        }
+    }
+
+    void answer(HttpReply&& reply) {
+        const bool keepAlive = request_.keepAlive && !shared_.stopping;
+        const double elapsed = steadySeconds() - started_;
+        shared_.metrics.request(reply.route, reply.status, elapsed);
+        if (shared_.logger.accessLog()) {
+            auto line = shared_.logger.line(LogLevel::info, "request");
+            line.add("listener", shared_.options.name)
+                .add("method", request_.method)
+                .add("path", request_.path)
+                .add("status", static_cast<std::int64_t>(reply.status))
+                .add("us", static_cast<std::int64_t>(elapsed * 1e6))
+                .add("remote", address_);
+            pendingLog_.emplace(std::move(line));
+        }
+        if (!reply.file.empty()) {
+            return sendFile(std::move(reply), keepAlive);
+        }
+        auto res = std::make_shared<http::response<http::string_body>>(
+            static_cast<http::status>(reply.status), request_.version);
+        setCommon(*res, reply, keepAlive);
+        std::string body = std::move(reply.body);
+        if (request_.gzip && body.size() >= HttpServer::kMinGzipBody) {
+            std::string packed = buffer_pool::take();
+            if (gzipCompress(body, packed)) {
+                res->set(http::field::content_encoding, "gzip");
+                std::swap(body, packed);
             }
-            const std::string_view host(req[http::field::host].data(), req[http::field::host].size());
-            ApiReply reply = shared_.service.handle(path, req.body(), mediaBase(host));
-            return sendString(static_cast<http::status>(reply.status), std::move(reply.body), version,
-                              keepAlive);
+            buffer_pool::give(std::move(packed));
         }
-        const StaticTarget page = shared_.files.resolve(target);
-        if (req.method() != http::verb::get && req.method() != http::verb::head) {
-            if (page.status == 200) {
-                return sendString(http::status::method_not_allowed,
-                                  errorJson("use GET for " + std::string(path)), version, keepAlive,
-                                  "GET, HEAD");
-            }
-            return sendString(http::status::not_found, errorJson("there is no endpoint " + std::string(path)),
-                              version, keepAlive);
-        }
-        if (page.status != 200) {
-            return sendString(static_cast<http::status>(page.status), errorJson(page.error), version,
-                              keepAlive);
-        }
+        res->set(http::field::vary, "Accept-Encoding");
+        res->body() = std::move(body);
+        res->prepare_payload();
+        send(std::move(res));
+    }
+
+    void sendFile(HttpReply&& reply, bool keepAlive) {
         http::file_body::value_type body;
         beast::error_code ec;
-        body.open(page.file.c_str(), beast::file_mode::scan, ec);
+        body.open(reply.file.c_str(), beast::file_mode::scan, ec);
         if (ec) {
-            return sendString(http::status::not_found, errorJson("there is no page " + std::string(path)),
-                              version, keepAlive);
-        }
-        const auto size = body.size();
-        if (req.method() == http::verb::head) {
-            http::response<http::empty_body> res{http::status::ok, version};
-            res.set(http::field::content_type, page.contentType);
-            res.keep_alive(keepAlive);
-            res.content_length(size);
+            HttpReply missing;
+            missing.status = 404;
+            missing.route = reply.route;
+            missing.body = errorJson("there is no page " + request_.path);
+            reply = std::move(missing);
+            auto res = std::make_shared<http::response<http::string_body>>(http::status::not_found,
+                                                                           request_.version);
+            setCommon(*res, reply, keepAlive);
+            res->body() = std::move(reply.body);
+            res->prepare_payload();
             return send(std::move(res));
         }
-        http::response<http::file_body> res{std::piecewise_construct, std::make_tuple(std::move(body)),
-                                            std::make_tuple(http::status::ok, version)};
-        res.set(http::field::content_type, page.contentType);
-        res.content_length(size);
-        res.keep_alive(keepAlive);
+        const auto size = body.size();
+        if (reply.headOnly) {
+            auto res = std::make_shared<http::response<http::empty_body>>(http::status::ok, request_.version);
+            setCommon(*res, reply, keepAlive);
+            res->content_length(size);
+            return send(std::move(res));
+        }
+        auto res = std::make_shared<http::response<http::file_body>>(
+            std::piecewise_construct, std::make_tuple(std::move(body)),
+            std::make_tuple(http::status::ok, request_.version));
+        setCommon(*res, reply, keepAlive);
+        res->content_length(size);
         send(std::move(res));
     }
 
-    void sendString(http::status status, std::string body, unsigned version, bool keepAlive,
-                    const char* allow = nullptr) {
-        http::response<http::string_body> res{status, version};
-        res.set(http::field::content_type, "application/json");
-        if (allow) {
-            res.set(http::field::allow, allow);
+    template <typename Message>
+    static void setCommon(Message& res, const HttpReply& reply, bool keepAlive) {
+        if (!reply.fileType.empty()) {
+            res.set(http::field::content_type, reply.fileType);
+        } else {
+            res.set(http::field::content_type, reply.contentType);
+        }
+        if (reply.allow != nullptr) {
+            res.set(http::field::allow, reply.allow);
+        }
+        if (reply.retryAfter != nullptr) {
+            res.set(http::field::retry_after, reply.retryAfter);
+        }
+        if (reply.authenticate != nullptr) {
+            res.set(http::field::www_authenticate, reply.authenticate);
         }
         res.keep_alive(keepAlive);
-        res.body() = std::move(body);
-        res.prepare_payload();
-        send(std::move(res));
     }
 
     template <typename Body>
-    void send(http::response<Body>&& message, bool linger = false) {
-        message.set(http::field::server, "tovrel-server");
-        auto res = std::make_shared<http::response<Body>>(std::move(message));
-        stream_.expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
-        http::async_write(stream_, *res,
-                          [self = shared_from_this(), res, linger](beast::error_code ec, std::size_t) {
-                              self->busy_ = false;
-                              if (ec) {
-                                  return self->closeNow();
-                              }
-                              if (linger) {
-                                  return self->lingerAndClose();
-                              }
-                              if (res->need_eof()) {
-                                  return self->closeNow();
-                              }
-                              self->readHeader();
-                          });
+    void send(std::shared_ptr<http::response<Body>> res, bool linger = false) {
+        res->set(http::field::server, "tovrel-server");
+        lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
+        http::async_write(
+            stream_, *res,
+            [self = this->shared_from_this(), res, linger](beast::error_code ec, std::size_t bytes) {
+                self->busy_ = false;
+                self->finishLog(bytes);
+                if constexpr (std::is_same_v<Body, http::string_body>) {
+                    buffer_pool::give(std::move(res->body()));
+                }
+                if (ec) {
+                    return self->closeNow();
+                }
+                if (linger) {
+                    return self->lingerAndClose();
+                }
+                if (res->need_eof()) {
+                    return self->closeNow();
+                }
+                self->readHeader();
+            });
+    }
+
+    void finishLog(std::size_t bytes) {
+        if (pendingLog_) {
+            pendingLog_->add("bytes", static_cast<std::uint64_t>(bytes));
+            shared_.logger.write(LogLevel::info, std::move(*pendingLog_));
+            pendingLog_.reset();
+        }
     }
 
     // Answers a request that cannot be read to its end, then closes the connection.
     void refuse(http::status status, const std::string& message, const char* retryAfter = nullptr) {
         busy_ = true;
-        http::response<http::string_body> res{status, 11};
-        res.set(http::field::content_type, "application/json");
-        if (retryAfter != nullptr) {
-            res.set(http::field::retry_after, retryAfter);
-        }
-        res.keep_alive(false);
-        res.body() = errorJson(message);
-        res.prepare_payload();
+        HttpReply reply;
+        reply.status = static_cast<unsigned>(status);
+        reply.retryAfter = retryAfter;
+        shared_.metrics.request(Route::other, reply.status, 0);
+        auto res = std::make_shared<http::response<http::string_body>>(status, 11);
+        setCommon(*res, reply, false);
+        res->body() = errorJson(message);
+        res->prepare_payload();
         send(std::move(res), true);
     }
 
     void lingerAndClose() {
         beast::error_code ec;
-        stream_.socket().shutdown(tcp::socket::shutdown_send, ec);
-        stream_.expires_after(kLingerTime);
+        lowest().socket().shutdown(tcp::socket::shutdown_send, ec);
+        lowest().expires_after(kLingerTime);
         drain();
     }
 
     void drain() {
         scratch_.resize(16 * 1024);
-        stream_.async_read_some(net::buffer(scratch_),
-                                [self = shared_from_this()](beast::error_code ec, std::size_t n) {
-                                    self->drained_ += n;
-                                    if (ec || self->drained_ > kLingerBytes) {
-                                        return self->closeNow();
-                                    }
-                                    self->drain();
-                                });
+        lowest().async_read_some(net::buffer(scratch_),
+                                 [self = this->shared_from_this()](beast::error_code ec, std::size_t n) {
+                                     self->drained_ += n;
+                                     if (ec || self->drained_ > kLingerBytes) {
+                                         return self->closeNow();
+                                     }
+                                     self->drain();
+                                 });
     }
 
     void closeNow() {
         beast::error_code ec;
-        stream_.socket().shutdown(tcp::socket::shutdown_both, ec);
-        stream_.close();
+        lowest().socket().shutdown(tcp::socket::shutdown_both, ec);
+        lowest().close();
     }
+
+    struct Pending {
+        std::string method;
+        std::string path;
+        unsigned version = 11;
+        bool keepAlive = false;
+        bool gzip = false;
+    };
 
     Stream stream_;
     Shared& shared_;
     const std::string address_;
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
+    Pending request_;
+    std::optional<LogLine> pendingLog_;
     std::vector<char> scratch_;
     std::size_t drained_ = 0;
+    double started_ = 0;
     bool busy_ = false;
 };
 
@@ -364,8 +449,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     uint16_t port() const { return acceptor_.local_endpoint().port(); }
 
     void run() {
-        net::dispatch(acceptor_.get_executor(),
-                      beast::bind_front_handler(&Listener::accept, shared_from_this()));
+        net::dispatch(acceptor_.get_executor(), [self = shared_from_this()] { self->accept(); });
     }
 
     void close() {
@@ -411,43 +495,54 @@ class Listener : public std::enable_shared_from_this<Listener> {
             refuse(socket);
         } else {
             socket.set_option(tcp::no_delay(true), ignored);
-            std::make_shared<Connection>(std::move(socket), shared_, std::move(address))->run();
+            if (shared_.tls) {
+                std::make_shared<Connection<TlsStream>>(std::move(socket), shared_, std::move(address))
+                    ->run();
+            } else {
+                std::make_shared<Connection<PlainStream>>(std::move(socket), shared_, std::move(address))
+                    ->run();
+            }
         }
         accept();
     }
 
     // Over a limit: one small answer written without waiting (it fits any socket buffer), then close.
-    // A client that does not read loses the answer, not the acceptor's time.
+    // A client that does not read loses the answer, not the acceptor's time. Over TLS the client sees
+    // only the closed connection: a handshake would cost what the limit is there to save.
     void refuse(Socket& socket) {
-        ++shared_.refused;
-        static constexpr std::string_view kBody = R"({"error":"too many connections; try again shortly"})";
-        const std::string answer =
-            "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\n"
-            "Retry-After: 1\r\nConnection: close\r\nContent-Length: " +
-            std::to_string(kBody.size()) + "\r\n\r\n" + std::string(kBody);
+        shared_.metrics.refusedConnection();
         beast::error_code ignored;
-        socket.non_blocking(true, ignored);
-        socket.write_some(net::buffer(answer), ignored);
+        if (!shared_.tls) {
+            static constexpr std::string_view kBody =
+                R"({"error":"too many connections; try again shortly"})";
+            const std::string answer =
+                "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\n"
+                "Retry-After: 1\r\nConnection: close\r\nContent-Length: " +
+                std::to_string(kBody.size()) + "\r\n\r\n" + std::string(kBody);
+            socket.non_blocking(true, ignored);
+            socket.write_some(net::buffer(answer), ignored);
+        }
         socket.shutdown(tcp::socket::shutdown_send, ignored);
         socket.close(ignored);
     }
 
     std::vector<std::unique_ptr<net::io_context>>& contexts_;
     Shared& shared_;
-    net::basic_socket_acceptor<tcp, Executor> acceptor_;
+    net::basic_socket_acceptor<tcp, IoExecutor> acceptor_;
     net::basic_waitable_timer<std::chrono::steady_clock, net::wait_traits<std::chrono::steady_clock>,
-                              Executor>
+                              IoExecutor>
         retry_;
     std::size_t next_ = 0;
 };
 
 struct HttpServer::Impl {
-    Service& service;
-    const StaticFiles& files;
+    RequestHandler& handler;
     HttpOptions options;
-    std::mutex mutex;
+    const Logger& logger;
+    Metrics& metrics;
+    mutable std::mutex mutex;
     std::vector<std::unique_ptr<net::io_context>> contexts;
-    std::vector<net::executor_work_guard<Executor>> guards;
+    std::vector<net::executor_work_guard<IoExecutor>> guards;
     std::unique_ptr<Shared> shared;
     std::shared_ptr<Listener> listener;
     std::vector<std::thread> threads;
@@ -455,8 +550,33 @@ struct HttpServer::Impl {
     uint16_t port = 0;
 };
 
-HttpServer::HttpServer(Service& service, const StaticFiles& files, HttpOptions options)
-    : impl_(new Impl{service, files, std::move(options), {}, {}, {}, {}, {}, {}, {}, 0}) {}
+namespace {
+
+ssl::context makeTlsContext(const HttpOptions& options) {
+    ssl::context context(ssl::context::tls_server);
+    context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
+                        ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+    beast::error_code ec;
+    context.use_certificate_chain_file(options.tlsCertificateFile, ec);
+    if (ec) {
+        throw std::runtime_error("cannot read the TLS certificate " + options.tlsCertificateFile + ": " +
+                                 ec.message());
+    }
+    context.use_private_key_file(options.tlsKeyFile, ssl::context::pem, ec);
+    if (ec) {
+        throw std::runtime_error("cannot read the TLS key " + options.tlsKeyFile + ": " + ec.message());
+    }
+    if (SSL_CTX_check_private_key(context.native_handle()) != 1) {
+        throw std::runtime_error("the TLS key " + options.tlsKeyFile + " does not match the certificate " +
+                                 options.tlsCertificateFile);
+    }
+    return context;
+}
+
+}  // namespace
+
+HttpServer::HttpServer(RequestHandler& handler, HttpOptions options, const Logger& logger, Metrics& metrics)
+    : impl_(new Impl{handler, std::move(options), logger, metrics, {}, {}, {}, {}, {}, {}, {}, 0}) {}
 
 HttpServer::~HttpServer() {
     stop();
@@ -468,17 +588,24 @@ uint16_t HttpServer::start() {
     if (m.listener) {
         throw std::runtime_error("the server is already running");
     }
+    if (m.options.tlsCertificateFile.empty() != m.options.tlsKeyFile.empty()) {
+        throw std::runtime_error("TLS needs both a certificate and a key");
+    }
     beast::error_code ec;
     const auto address = net::ip::make_address(m.options.address, ec);
     if (ec) {
         throw std::runtime_error("cannot listen on " + m.options.address + ": not an IP address");
+    }
+    auto shared = std::make_unique<Shared>(m.handler, m.options, m.logger, m.metrics);
+    if (!m.options.tlsCertificateFile.empty()) {
+        shared->tls.emplace(makeTlsContext(m.options));
     }
     const int threads = std::max(1, m.options.threads);
     for (int i = 0; i < threads; ++i) {
         m.contexts.push_back(std::make_unique<net::io_context>(1));
         m.guards.push_back(net::make_work_guard(*m.contexts.back()));
     }
-    m.shared = std::make_unique<Shared>(m.service, m.files, m.options, "");
+    m.shared = std::move(shared);
     try {
         m.listener =
             std::make_shared<Listener>(m.contexts, *m.shared, tcp::endpoint(address, m.options.port));
@@ -489,8 +616,6 @@ uint16_t HttpServer::start() {
         throw;
     }
     m.port = m.listener->port();
-    const std::string host = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
-    m.shared->fallbackBase = "http://" + host + ":" + std::to_string(m.port);
     m.listener->run();
     m.running = threads;
     for (int i = 0; i < threads; ++i) {
@@ -500,7 +625,9 @@ uint16_t HttpServer::start() {
                     ioc.run();
                     break;
                 } catch (const std::exception& e) {
-                    std::fprintf(stderr, "tovrel-server: request thread caught: %s\n", e.what());
+                    m.logger.write(
+                        LogLevel::error,
+                        m.logger.line(LogLevel::error, "request thread caught").add("error", e.what()));
                 }
             }
             --m.running;
@@ -509,7 +636,7 @@ uint16_t HttpServer::start() {
     return m.port;
 }
 
-void HttpServer::stop() {
+void HttpServer::stop(const std::function<void()>& drain) {
     std::lock_guard lock(impl_->mutex);
     Impl& m = *impl_;
     if (!m.listener) {
@@ -527,6 +654,9 @@ void HttpServer::stop() {
     const auto deadline = std::chrono::steady_clock::now() + kStopGrace;
     while (m.running > 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (drain) {
+        drain();
     }
     for (auto& ioc : m.contexts) {
         ioc->stop();
@@ -546,14 +676,13 @@ uint16_t HttpServer::port() const {
     return impl_->port;
 }
 
-std::uint64_t HttpServer::rateLimitedRequests() const {
+int HttpServer::openConnections() const {
     std::lock_guard lock(impl_->mutex);
-    return impl_->shared ? impl_->shared->limiter.limited() : 0;
-}
-
-std::uint64_t HttpServer::refusedConnections() const {
-    std::lock_guard lock(impl_->mutex);
-    return impl_->shared ? impl_->shared->refused.load() : 0;
+    if (!impl_->shared) {
+        return 0;
+    }
+    std::lock_guard registry(impl_->shared->registryMutex);
+    return impl_->shared->open;
 }
 
 }  // namespace tovrel_server

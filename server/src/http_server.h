@@ -1,47 +1,101 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+
+#include "metrics.h"
 
 namespace tovrel_server {
 
-class Service;
-class StaticFiles;
+class Logger;
+
+/// One request as a handler sees it. The views stay valid only during RequestHandler::handle: a
+/// handler that answers later copies what it needs.
+struct HttpRequest {
+    std::string_view method;  ///< "GET", "POST", ...
+    std::string_view target;  ///< as sent, query included
+    std::string_view path;    ///< the target up to '?' or '#'
+    std::string_view body;
+    std::string_view host;           ///< the Host header
+    std::string_view authorization;  ///< the Authorization header
+    std::string_view remote;         ///< the client's address
+    bool tls = false;
+};
+
+/// A handler's answer. A JSON body by default; `file` set sends that file instead (GET), or only its
+/// length (`headOnly`, HEAD).
+struct HttpReply {
+    unsigned status = 200;
+    std::string body;
+    const char* contentType = "application/json";
+    std::string fileType;  ///< the Content-Type of `file`
+    Route route = Route::other;
+    const char* allow = nullptr;         ///< the Allow header, for 405
+    const char* retryAfter = nullptr;    ///< the Retry-After header, for 429 and 503
+    const char* authenticate = nullptr;  ///< the WWW-Authenticate header, for 401
+    std::filesystem::path file;
+    bool headOnly = false;
+};
+
+/// Hands a handler's answer to the connection; callable once, from any thread.
+using Respond = std::function<void(HttpReply&&)>;
+
+/// What answers the requests of one listener.
+class RequestHandler {
+  public:
+    virtual ~RequestHandler() = default;
+    /// Answers one complete request by calling respond once, now or later from any thread. Called on
+    /// the connection's thread; must not block on the database.
+    virtual void handle(const HttpRequest& request, Respond respond) = 0;
+};
 
 struct HttpOptions {
     std::string address = "127.0.0.1";
     uint16_t port = 0;
     int threads = 2;
     int requestTimeoutSeconds = 30;
-    std::string mediaBaseUrl;  ///< empty: "http://" + the request's Host header
     int maxConnections = 1000;
     int maxConnectionsPerAddress = 256;
     double rateLimit = 0;  ///< requests a second per address (bursts of twice that); 0: off
+    /// PEM files of the certificate chain and its private key; both set serves HTTPS only.
+    std::string tlsCertificateFile;
+    std::string tlsKeyFile;
+    /// Which listener this is, in log lines: "public" or "admin".
+    std::string name = "public";
 };
 
-/// HTTP/1.1 front of a Service: keep-alive, TCP_NODELAY, a per-request read timeout, a 1 MiB body
-/// limit, POST for the JSON endpoints and GET/HEAD for the static pages.
+/// HTTP/1.1 front of a RequestHandler: keep-alive, TCP_NODELAY, a per-request read timeout, a 1 MiB
+/// body limit, connection caps and a per-address rate limit answered before the body is read,
+/// optional TLS, gzip for clients that accept it, an access log and request metrics.
 class HttpServer {
   public:
-    HttpServer(Service& service, const StaticFiles& files, HttpOptions options);
+    /// `logger` and `metrics` must outlive the server.
+    HttpServer(RequestHandler& handler, HttpOptions options, const Logger& logger, Metrics& metrics);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Binds, listens and starts the threads; returns the bound port. Throws std::runtime_error.
+    /// Binds, listens and starts the threads; returns the bound port. Throws std::runtime_error (also
+    /// for unreadable TLS files). Any thread.
     uint16_t start();
     /// Stops accepting, closes idle connections, lets the others finish their current request
-    /// (forcing them after a few seconds) and joins the threads. Idempotent.
-    void stop();
+    /// (forcing them after a few seconds) and joins the threads. `drain`, when set, is called once the
+    /// grace time is over and before the threads end, to finish work whose answers are still to come.
+    /// Idempotent; any thread but the server's own.
+    void stop(const std::function<void()>& drain = {});
+    /// The bound port while running, else 0. Any thread.
     uint16_t port() const;
-    /// Connections refused so far because a connection limit was reached. Any thread.
-    std::uint64_t refusedConnections() const;
-    /// Requests answered 429 so far. Any thread.
-    std::uint64_t rateLimitedRequests() const;
+    /// Connections open now. Any thread.
+    int openConnections() const;
 
     /// Largest request body accepted; larger ones are answered 413.
     static constexpr std::size_t kMaxBody = 1024 * 1024;
+    /// Answers at least this long are compressed for clients that accept gzip.
+    static constexpr std::size_t kMinGzipBody = 1024;
 
   private:
     struct Impl;

@@ -123,4 +123,8 @@ std::string formatReport(const Report& report) {
     return "Offers\n" + table(offers, 3) + "\nLog messages\n" + table(logs, 1);
 }
 
+std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::size_t numericFrom) {
+    return table(rows, numericFrom);
+}
+
 }  // namespace tovrel_server

@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 3> kMigrations = {
+constexpr std::array<const char*, 4> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -95,6 +95,13 @@ CREATE INDEX log_messages_event ON log_messages(event_name);
     R"sql(
 ALTER TABLE sessions RENAME COLUMN session_key TO key_hash;
 UPDATE sessions SET key_hash = sha256_hex(key_hash);
+)sql",
+    // Operators disable apps, campaigns, offers and places without losing what they counted.
+    R"sql(
+ALTER TABLE apps ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE campaigns ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE offers ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE places ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 )sql",
 };
 

@@ -3,9 +3,14 @@
 #include <chrono>
 #include <mutex>
 
+#include "admin_handler.h"
+#include "api_handler.h"
 #include "http_server.h"
+#include "log.h"
+#include "metrics.h"
 #include "service.h"
 #include "static_files.h"
+#include "work_queue.h"
 
 namespace tovrel_server {
 
@@ -14,20 +19,92 @@ double wallClock() {
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
+namespace {
+
+Logger makeLogger(const ServerOptions& options) {
+    if (!options.logSink) {
+        return Logger();
+    }
+    const auto level = parseLogLevel(options.logLevel);
+    if (!level) {
+        throw std::invalid_argument("the log level must be debug, info, warn, error or off, not \"" +
+                                    options.logLevel + "\"");
+    }
+    return Logger(*level, options.logSink, options.accessLog);
+}
+
+ServiceOptions serviceOptions(const ServerOptions& o) {
+    ServiceOptions s;
+    s.busyTimeoutMs = o.databaseBusyTimeoutMs;
+    s.sessionTtl = o.sessionTtl;
+    s.maxCachedSessions = o.maxCachedSessions;
+    s.sessionRateLimit = o.sessionRateLimit;
+    s.logRateLimit = o.logRateLimit;
+    return s;
+}
+
+HttpOptions publicHttp(const ServerOptions& o) {
+    HttpOptions h;
+    h.address = o.listenAddress;
+    h.port = o.port;
+    h.threads = o.threads;
+    h.requestTimeoutSeconds = o.requestTimeoutSeconds;
+    h.maxConnections = o.maxConnections;
+    h.maxConnectionsPerAddress = o.maxConnectionsPerAddress;
+    h.rateLimit = o.rateLimit;
+    h.tlsCertificateFile = o.tlsCertificateFile;
+    h.tlsKeyFile = o.tlsKeyFile;
+    h.name = "public";
+    return h;
+}
+
+HttpOptions adminHttp(const ServerOptions& o) {
+    HttpOptions h;
+    h.address = o.adminAddress;
+    h.port = o.adminPort;
+    h.threads = 1;
+    h.requestTimeoutSeconds = o.requestTimeoutSeconds;
+    h.maxConnections = 64;
+    h.maxConnectionsPerAddress = 64;
+    h.name = "admin";
+    return h;
+}
+
+}  // namespace
+
 struct Server::Impl {
     explicit Impl(ServerOptions o)
         : options(std::move(o)),
-          service(options.dbPath, options.clock ? options.clock : Clock(wallClock)),
+          logger(makeLogger(options)),
+          service(options.dbPath, options.clock ? options.clock : Clock(wallClock), serviceOptions(options),
+                  &metrics),
           files(options.contentDir),
-          http(service, files,
-               HttpOptions{options.listenAddress, options.port, options.threads,
-                           options.requestTimeoutSeconds, options.mediaBaseUrl, options.maxConnections,
-                           options.maxConnectionsPerAddress, options.rateLimit}) {}
+          database(1, options.databaseQueue),
+          adminWork(1, 256),
+          api(service, files, database, options.mediaBaseUrl),
+          admin(service, metrics, adminWork, options.adminToken,
+                [this] {
+                    MetricsSnapshot snapshot;
+                    snapshot.openConnections = http.openConnections();
+                    snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
+                    return snapshot;
+                }),
+          http(api, publicHttp(options), logger, metrics),
+          adminHttpServer(admin, adminHttp(options), logger, metrics) {}
 
     ServerOptions options;
+    Logger logger;
+    Metrics metrics;
     Service service;
     StaticFiles files;
+    WorkQueue database;
+    WorkQueue adminWork;
+    ApiHandler api;
+    AdminHandler admin;
     HttpServer http;
+    HttpServer adminHttpServer;
+    std::mutex mutex;
+    bool running = false;
 };
 
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -37,15 +114,46 @@ Server::~Server() {
 }
 
 uint16_t Server::start() {
-    return impl_->http.start();
+    std::lock_guard lock(impl_->mutex);
+    Impl& m = *impl_;
+    const uint16_t port = m.http.start();
+    const bool tls = !m.options.tlsCertificateFile.empty();
+    const std::string host = m.options.listenAddress.find(':') != std::string::npos
+                                 ? "[" + m.options.listenAddress + "]"
+                                 : m.options.listenAddress;
+    m.api.setFallbackBase((tls ? "https://" : "http://") + host + ":" + std::to_string(port));
+    if (!m.options.adminAddress.empty()) {
+        try {
+            m.adminHttpServer.start();
+        } catch (...) {
+            m.http.stop();
+            throw;
+        }
+    }
+    m.running = true;
+    return port;
 }
 
 void Server::stop() {
-    impl_->http.stop();
+    std::lock_guard lock(impl_->mutex);
+    Impl& m = *impl_;
+    // Requests waiting for the database are answered before the connections' threads end.
+    m.http.stop([&m] { m.database.drain(); });
+    m.adminHttpServer.stop([&m] { m.adminWork.drain(); });
+    m.running = false;
 }
 
 uint16_t Server::port() const {
     return impl_->http.port();
+}
+
+uint16_t Server::adminPort() const {
+    return impl_->adminHttpServer.port();
+}
+
+ServerReply Server::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    ApiReply reply = impl_->service.handle(path, body, mediaBase);
+    return ServerReply{reply.status, std::move(reply.body)};
 }
 
 ImportSummary Server::importGeoJson(const std::string& path) {

@@ -1,8 +1,12 @@
 #include "service.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <random>
+#include <utility>
 
+#include "buffer_pool.h"
 #include "report.h"
 #include "request_fields.h"
 #include "session_keys.h"
@@ -36,9 +40,27 @@ std::string newSessionKey() {
 
 std::string readPlaceFile(const std::string& path);
 
-Service::Service(const std::string& dbPath, Clock clock) : clock_(std::move(clock)), db_(dbPath) {
-    std::lock_guard db(dbMutex_);
-    rebuildCatalogLocked();
+namespace {
+
+constexpr double kRefusedSdkKeySeconds = 5;
+constexpr std::size_t kMaxRefusedSdkKeys = 4096;
+constexpr double kLogBurstSeconds = 60;
+
+double steadyNow() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+Service::Service(const std::string& dbPath, Clock clock, ServiceOptions options, Metrics* metrics)
+    : clock_(std::move(clock)),
+      options_(options),
+      metrics_(metrics),
+      dbPath_(dbPath),
+      db_(dbPath, options.busyTimeoutMs),
+      sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
+      logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
+    reloadPlaces();
 }
 
 bool Service::isEndpoint(std::string_view path) {
@@ -47,12 +69,84 @@ bool Service::isEndpoint(std::string_view path) {
            path == "/v1/devicetag/update" || path == "/v1/devicetag/delete" || path == "/v1/log";
 }
 
-ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+std::variant<json, ApiReply> Service::parse(std::string_view path, std::string_view body) {
     if (path == "/v1/log" && body.size() > kMaxLogBody) {
-        return {413, errorJson("a log message may be at most 256 KiB")};
+        return ApiReply{413, errorJson("a log message may be at most 256 KiB")};
     }
     try {
-        const json req = parseObjectBody(body);
+        return parseObjectBody(body);
+    } catch (const ApiError& e) {
+        return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
+ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    auto parsed = parse(path, body);
+    if (auto* refused = std::get_if<ApiReply>(&parsed)) {
+        return std::move(*refused);
+    }
+    const json& req = std::get<json>(parsed);
+    if (auto reply = answerInMemory(path, req, mediaBase)) {
+        return std::move(*reply);
+    }
+    return handleParsed(path, req, mediaBase);
+}
+
+std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,
+                                                std::string_view mediaBase) {
+    try {
+        if (path == "/v2/place") {
+            const auto key = req.find("sessionKey");
+            if (key == req.end() || !key->is_string()) {
+                return std::nullopt;
+            }
+            const std::string keyHash = sessionKeyHash(key->get_ref<const std::string&>());
+            std::optional<int64_t> device;
+            {
+                std::shared_lock lock(stateMutex_);
+                device = cachedDeviceLocked(keyHash, clock_());
+            }
+            if (!device) {
+                return std::nullopt;
+            }
+            return ApiReply{200, placesAnswer(req, *device, mediaBase)};
+        }
+        if (path == "/v1/session") {
+            const std::string& sdkKey = requireString(req, "sdkkey");
+            if (!sessionLimiter_.allow(sdkKey, steadyNow())) {
+                if (metrics_ != nullptr) {
+                    metrics_->rateLimited();
+                }
+                return ApiReply{429, errorJson("too many session starts for this sdkkey; slow down"), true};
+            }
+            std::lock_guard lock(refusedMutex_);
+            if (const auto it = refusedSdkKeys_.find(sdkKey); it != refusedSdkKeys_.end()) {
+                if (steadyNow() < it->second) {
+                    return ApiReply{401, errorJson("the sdkkey is not a registered app key")};
+                }
+                refusedSdkKeys_.erase(it);
+            }
+            return std::nullopt;
+        }
+        if (path == "/v1/log") {
+            const std::string& deviceId = requireString(req, "deviceid");
+            if (!logLimiter_.allow(deviceId, steadyNow())) {
+                if (metrics_ != nullptr) {
+                    metrics_->rateLimited();
+                }
+                return ApiReply{429, errorJson("too many log messages from this device; slow down"), true};
+            }
+            return std::nullopt;
+        }
+        return std::nullopt;
+    } catch (const ApiError& e) {
+        return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
+ApiReply Service::handleParsed(std::string_view path, const json& req, std::string_view mediaBase) {
+    const double started = steadyNow();
+    try {
         if (path == "/v2/place") {
             return {200, places(req, mediaBase)};
         }
@@ -80,7 +174,15 @@ ApiReply Service::handle(std::string_view path, std::string_view body, std::stri
         return {404, errorJson("there is no endpoint " + std::string(path))};
     } catch (const ApiError& e) {
         return {e.status(), errorJson(e.what())};
+    } catch (const DatabaseBusy& e) {
+        if (metrics_ != nullptr) {
+            metrics_->databaseBusy(steadyNow() - started);
+        }
+        return {503, errorJson("the database is busy; try again shortly"), true};
     } catch (const std::exception& e) {
+        if (metrics_ != nullptr) {
+            metrics_->databaseError();
+        }
         return {500, errorJson(std::string("the server failed: ") + e.what())};
     } catch (...) {
         return {500, errorJson("the server failed")};
@@ -92,10 +194,46 @@ std::shared_ptr<const Catalog> Service::catalog() {
     return catalog_;
 }
 
-void Service::rebuildCatalogLocked() {
-    auto fresh = std::make_shared<const Catalog>(readCatalog(db_));
-    std::unique_lock lock(stateMutex_);
-    catalog_ = std::move(fresh);
+void Service::reloadPlaces() {
+    std::lock_guard rebuild(rebuildMutex_);
+    CatalogData data;
+    if (dbPath_.empty() || dbPath_ == ":memory:") {
+        // A private in-memory database has no second connection to read from.
+        std::lock_guard db(dbMutex_);
+        data = readCatalog(db_);
+    } else {
+        Database reader(dbPath_, options_.busyTimeoutMs);
+        Transaction snapshot(reader, Transaction::Kind::read);
+        data = readCatalog(reader);
+    }
+    auto fresh = std::make_shared<const Catalog>(data);
+    std::shared_ptr<const Catalog> old;
+    {
+        std::unique_lock lock(stateMutex_);
+        old = std::exchange(catalog_, std::move(fresh));
+    }
+    ++catalogVersion_;
+}
+
+std::size_t Service::placesIndexed() {
+    return catalog()->placeCount();
+}
+
+std::size_t Service::sessionsCached() {
+    std::shared_lock lock(stateMutex_);
+    return sessions_.size();
+}
+
+bool Service::databaseReachable() {
+    try {
+        if (dbPath_.empty() || dbPath_ == ":memory:") {
+            return true;
+        }
+        Database reader(dbPath_, options_.busyTimeoutMs);
+        return reader.prepare("SELECT count(*) FROM sqlite_master").step();
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 void Service::loadDeviceLocked(int64_t device) {
@@ -115,24 +253,60 @@ void Service::loadDeviceLocked(int64_t device) {
     devices_.emplace(device, std::move(links));
 }
 
+std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, double now) const {
+    const auto it = sessions_.find(std::string_view(keyHash));
+    if (it == sessions_.end()) {
+        return std::nullopt;
+    }
+    if (options_.sessionTtl > 0 && now - it->second.createdAt > options_.sessionTtl) {
+        throw ApiError(401, "the sessionKey has expired; start a new session at /v1/session");
+    }
+    return it->second.device;
+}
+
+void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt) {
+    std::unique_lock lock(stateMutex_);
+    if (!sessions_.emplace(keyHash, CachedSession{device, createdAt}).second) {
+        return;
+    }
+    sessionOrder_.push_back(keyHash);
+    ++devices_[device].sessions;
+    // Added before the oldest goes: evicting first could drop the links of this very device.
+    while (sessions_.size() > std::max<std::size_t>(1, options_.maxCachedSessions)) {
+        const auto oldest = sessions_.find(std::string_view(sessionOrder_.front()));
+        if (oldest != sessions_.end()) {
+            const auto links = devices_.find(oldest->second.device);
+            if (links != devices_.end() && --links->second.sessions <= 0) {
+                devices_.erase(links);
+            }
+            sessions_.erase(oldest);
+        }
+        sessionOrder_.pop_front();
+    }
+}
+
 int64_t Service::authenticate(const json& req) {
     const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey"));
+    const double now = clock_();
     {
         std::shared_lock lock(stateMutex_);
-        if (const auto it = sessions_.find(std::string_view(keyHash)); it != sessions_.end()) {
-            return it->second;
+        if (const auto device = cachedDeviceLocked(keyHash, now)) {
+            return *device;
         }
     }
     std::lock_guard db(dbMutex_);
-    Statement st = db_.prepare("SELECT device FROM sessions WHERE key_hash = ?");
+    Statement st = db_.prepare("SELECT device, created_at FROM sessions WHERE key_hash = ?");
     if (!st.with(keyHash).step()) {
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
     }
     const int64_t device = st.integer(0);
+    const double createdAt = st.real(1);
     st.reset();
+    if (options_.sessionTtl > 0 && now - createdAt > options_.sessionTtl) {
+        throw ApiError(401, "the sessionKey has expired; start a new session at /v1/session");
+    }
     loadDeviceLocked(device);
-    std::unique_lock lock(stateMutex_);
-    sessions_.emplace(keyHash, device);
+    cacheSessionLocked(keyHash, device, createdAt);
     return device;
 }
 
@@ -149,7 +323,13 @@ std::string Service::session(const json& req) {
     const double now = clock_();
 
     std::lock_guard db(dbMutex_);
-    if (!db_.prepare("SELECT 1 FROM apps WHERE key = ?").with(sdkKey).step()) {
+    if (!db_.prepare("SELECT 1 FROM apps WHERE key = ? AND disabled = 0").with(sdkKey).step()) {
+        // A device with a wrong key retries at once, for ever: the next tries are refused from memory.
+        std::lock_guard lock(refusedMutex_);
+        if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
+            refusedSdkKeys_.clear();
+        }
+        refusedSdkKeys_[sdkKey] = steadyNow() + kRefusedSdkKeySeconds;
         throw ApiError(401, "the sdkkey is not a registered app key");
     }
     Transaction tx(db_);
@@ -166,13 +346,15 @@ std::string Service::session(const json& req) {
         .run();
     tx.commit();
     loadDeviceLocked(deviceRow);
-    std::unique_lock lock(stateMutex_);
-    sessions_.emplace(keyHash, deviceRow);
+    cacheSessionLocked(keyHash, deviceRow, now);
     return json{{"sessionKey", key}}.dump();
 }
 
 std::string Service::places(const json& req, std::string_view mediaBase) {
-    const int64_t device = authenticate(req);
+    return placesAnswer(req, authenticate(req), mediaBase);
+}
+
+std::string Service::placesAnswer(const json& req, int64_t device, std::string_view mediaBase) {
     const auto list = req.find("coordinatesList");
     if (list == req.end() || !list->is_array() || list->empty() || !list->front().is_object()) {
         throw ApiError(400, "the member \"coordinatesList\" must be an array of {\"lat\", \"lon\"} objects");
@@ -183,13 +365,13 @@ std::string Service::places(const json& req, std::string_view mediaBase) {
     const double now = clock_();
 
     thread_local std::vector<SpatialIndex::Hit> hits;
-    std::string out;
-    out.reserve(4096);
+    std::string out = buffer_pool::take();
     out += "{\"places\":[";
-    std::shared_lock lock(stateMutex_);
-    const Catalog& cat = *catalog_;
-    const auto links = devices_.find(device);
+    const std::shared_ptr<const Catalog> snapshot = catalog();
+    const Catalog& cat = *snapshot;
     cat.near(lat, lon, threshold, hits);
+    std::shared_lock lock(stateMutex_);
+    const auto links = devices_.find(device);
     bool first = true;
     std::size_t records = 0;
     for (const SpatialIndex::Hit& hit : hits) {
@@ -241,6 +423,7 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
     LinkInfo info;
     {
         std::lock_guard db(dbMutex_);
+        loadDeviceLocked(device);
         DeviceLinks& links = devices_.at(device);
         if (const auto it = links.byPair.find(pairKey(eventId, placeId)); it != links.byPair.end()) {
             info = it->second;
@@ -294,7 +477,9 @@ std::string Service::clear(const json& req) {
         .with(clock_(), device)
         .run();
     std::unique_lock lock(stateMutex_);
-    devices_[device] = DeviceLinks{};
+    DeviceLinks& links = devices_[device];
+    links.byPair.clear();
+    links.perCampaign.clear();
     return kStatusOk;
 }
 
@@ -348,20 +533,12 @@ std::string Service::log(const json& req) {
 
 ImportSummary Service::importGeoJson(const std::string& path) {
     const CatalogData data = parseGeoJson(readPlaceFile(path), path);
-    std::lock_guard db(dbMutex_);
-    const ImportSummary summary = writeCatalog(db_, data, clock_());
-    rebuildCatalogLocked();
-    return summary;
+    return change([&](Database& db) { return writeCatalog(db, data, clock_()); }, true);
 }
 
 void Service::addApp(const std::string& key, const std::string& name) {
     std::lock_guard db(dbMutex_);
     writeApp(db_, AppDef{key, name}, clock_());
-}
-
-void Service::reloadPlaces() {
-    std::lock_guard db(dbMutex_);
-    rebuildCatalogLocked();
 }
 
 Report Service::report() {

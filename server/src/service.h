@@ -1,32 +1,59 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
+#include <variant>
 
 #include "catalog.h"
 #include "database.h"
+#include "metrics.h"
+#include "rate_limiter.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
 
-/// An endpoint's answer: HTTP status and JSON body.
+/// An endpoint's answer: HTTP status and JSON body; `retry` asks the client to come back (the
+/// Retry-After of a 429 or 503).
 struct ApiReply {
     unsigned status = 200;
     std::string body;
+    bool retry = false;
 };
 
-/// The JSON endpoints, independent of HTTP. Thread-safe: request threads call handle() at once.
+/// Limits and settings of the service, from the command line.
+struct ServiceOptions {
+    /// How long a database statement waits for another connection's lock before the request is
+    /// answered 503.
+    int busyTimeoutMs = 250;
+    /// Seconds a session key stays valid after its session started; 0 keeps keys valid for ever.
+    double sessionTtl = 0;
+    /// Session keys (and their devices' links) held in memory at most; older ones are read again from
+    /// the database when used.
+    std::size_t maxCachedSessions = 1'000'000;
+    /// Session starts a second one SDK key may make (bursts of twice that); 0: no limit.
+    double sessionRateLimit = 0;
+    /// /v1/log messages a second one device may send (bursts of 60 times that); 0: no limit.
+    double logRateLimit = 0;
+};
+
+/// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and
+/// database threads handle() at once.
 ///
 /// SQLite holds everything durably through one connection used under dbMutex_ (writes are
 /// serialised). Hot reads never touch SQLite: the catalogue snapshot, the session keys and each
 /// device's live links are mirrored in memory under stateMutex_, which writers update while they
-/// still hold dbMutex_ so that memory and database never disagree.
+/// still hold dbMutex_ so that memory and database never disagree. The catalogue is rebuilt from a
+/// connection of its own and swapped in, so neither requests nor writers wait for a rebuild.
 class Service {
   public:
     /// The widest search /v2/place accepts, in metres (the component asks for 8047).
@@ -36,18 +63,64 @@ class Service {
     /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
     static constexpr std::size_t kMaxLogBody = 256 * 1024;
 
-    Service(const std::string& dbPath, Clock clock);
+    /// Opens the database and builds the catalogue; throws std::runtime_error. `metrics` may be null.
+    Service(const std::string& dbPath, Clock clock, ServiceOptions options = {}, Metrics* metrics = nullptr);
 
     /// True when path names a JSON endpoint (answered by handle(), POST only).
     static bool isEndpoint(std::string_view path);
 
-    /// Answers one request. mediaBase is put before relative media addresses. Never throws.
+    /// Answers one request, using the database when it must. mediaBase is put before relative media
+    /// addresses. Never throws. Any thread; blocks while the database is locked.
     ApiReply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
+    /// Reads a request body: the object, or the error answer. Never throws. Any thread.
+    static std::variant<nlohmann::json, ApiReply> parse(std::string_view path, std::string_view body);
+    /// Answers from memory alone when it can: places for a session key held in memory, refusals of a
+    /// rate limit or of an SDK key refused a moment ago. nullopt: the request needs the database
+    /// (handleParsed on a database thread). Never waits for the database. Any thread.
+    std::optional<ApiReply> answerInMemory(std::string_view path, const nlohmann::json& req,
+                                           std::string_view mediaBase);
+    /// handle() for a body already parsed. Any thread; blocks while the database is locked.
+    ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase);
+
+    /// Runs `work` on the database under the writers' lock and, when `catalogChanged`, rebuilds the
+    /// catalogue afterwards (outside that lock) so that the change is served when this returns. Any
+    /// thread.
+    template <typename Work>
+    auto change(Work&& work, bool catalogChanged) {
+        using Result = decltype(work(db_));
+        if constexpr (std::is_void_v<Result>) {
+            {
+                std::lock_guard db(dbMutex_);
+                work(db_);
+            }
+            if (catalogChanged) {
+                reloadPlaces();
+            }
+        } else {
+            Result result = [&] {
+                std::lock_guard db(dbMutex_);
+                return work(db_);
+            }();
+            if (catalogChanged) {
+                reloadPlaces();
+            }
+            return result;
+        }
+    }
 
     ImportSummary importGeoJson(const std::string& path);
     void addApp(const std::string& key, const std::string& name);
+    /// Rebuilds the catalogue from the database without holding the writers' lock (a connection of its
+    /// own reads a snapshot), then swaps it in; requests never wait for it. Any thread.
     void reloadPlaces();
     Report report();
+
+    /// What the readiness check and the metrics report. Any thread.
+    std::size_t placesIndexed();
+    std::size_t sessionsCached();
+    std::uint64_t catalogVersion() const { return catalogVersion_.load(); }
+    /// True when the database answers a read now. Any thread; waits at most the busy timeout.
+    bool databaseReachable();
 
   private:
     struct LinkInfo {
@@ -57,6 +130,11 @@ class Service {
     struct DeviceLinks {
         std::unordered_map<uint64_t, LinkInfo> byPair;     ///< key: offer id << 32 | place id
         std::unordered_map<int64_t, int64_t> perCampaign;  ///< live links per campaign id
+        int sessions = 0;                                  ///< cached session keys of the device
+    };
+    struct CachedSession {
+        int64_t device = 0;
+        double createdAt = 0;
     };
     struct StringHash {
         using is_transparent = void;
@@ -72,20 +150,36 @@ class Service {
     std::string tagDelete(const nlohmann::json& req);
     std::string log(const nlohmann::json& req);
 
-    /// The device of the request's "sessionKey"; ApiError 401 when unknown. Loads the device's links.
+    /// The device of the request's "sessionKey"; ApiError 401 when unknown or expired. Loads the
+    /// device's links.
     int64_t authenticate(const nlohmann::json& req);
+    /// The device of a session key held in memory; nullopt when it is not held. ApiError 401 when it
+    /// has expired. stateMutex_ held (shared is enough).
+    std::optional<int64_t> cachedDeviceLocked(const std::string& keyHash, double now) const;
     /// Requires dbMutex_ held.
     void loadDeviceLocked(int64_t device);
+    /// Holds a session key in memory, forgetting the oldest beyond the limit. Requires dbMutex_ held.
+    void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt);
     std::shared_ptr<const Catalog> catalog();
-    void rebuildCatalogLocked();
+    std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
 
     Clock clock_;
+    ServiceOptions options_;
+    Metrics* metrics_;
+    std::string dbPath_;
     std::mutex dbMutex_;
     Database db_;
+    std::mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
+    std::atomic<std::uint64_t> catalogVersion_{0};
     std::shared_mutex stateMutex_;
     std::shared_ptr<const Catalog> catalog_;
-    std::unordered_map<std::string, int64_t, StringHash, std::equal_to<>> sessions_;
+    std::unordered_map<std::string, CachedSession, StringHash, std::equal_to<>> sessions_;
+    std::deque<std::string> sessionOrder_;  ///< cached keys, oldest first
     std::unordered_map<int64_t, DeviceLinks> devices_;
+    RateLimiter sessionLimiter_;
+    RateLimiter logLimiter_;
+    std::mutex refusedMutex_;
+    std::unordered_map<std::string, double> refusedSdkKeys_;  ///< SDK key → until when it is refused
 };
 
 }  // namespace tovrel_server

@@ -1,15 +1,23 @@
 // tovrel-server: serve the API, import places, manage app keys and print usage reports.
 #include <pthread.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <vector>
 
+#include "admin_handler.h"
+#include "admin_store.h"
+#include "database.h"
 #include "listen_address.h"
+#include "log.h"
+#include "report.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
@@ -17,12 +25,34 @@ namespace {
 
 using namespace tovrel_server;
 
-int serve(const std::string& listen, ServerOptions options) {
-    const ListenAddress address = parseListenAddress(listen);
+struct ServeSettings {
+    std::string listen = "127.0.0.1:8080";
+    std::string adminListen = "127.0.0.1:8081";
+    std::string adminTokenFile;
+    std::string accessLog = "on";
+    ServerOptions options;
+};
+
+std::string hostPort(const std::string& host, uint16_t port) {
+    return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+int serve(ServeSettings settings) {
+    ServerOptions& options = settings.options;
+    const ListenAddress address = parseListenAddress(settings.listen);
     options.listenAddress = address.host;
     options.port = address.port;
-    const std::string db = options.dbPath;
-    const std::string content = options.contentDir;
+    if (settings.adminListen != "off") {
+        const ListenAddress admin = parseListenAddress(settings.adminListen);
+        options.adminAddress = admin.host;
+        options.adminPort = admin.port;
+    }
+    if (!settings.adminTokenFile.empty()) {
+        options.adminToken = readAdminToken(settings.adminTokenFile);
+    }
+    options.accessLog = settings.accessLog == "on";
+    options.logSink = Logger::descriptorSink(STDOUT_FILENO);
+    const Logger logger(*parseLogLevel(options.logLevel), options.logSink, false);
 
     // Blocked before the worker threads start so that only sigwait() below sees them.
     sigset_t signals;
@@ -34,22 +64,34 @@ int serve(const std::string& listen, ServerOptions options) {
 
     Server server(options);
     const uint16_t port = server.start();
-    std::printf("tovrel-server: serving %s on %s:%u%s%s\n", db.c_str(), address.host.c_str(), port,
-                content.empty() ? "" : ", pages from ", content.c_str());
+    // Scripts read the address from this first line.
+    auto serving = logger.line(LogLevel::info, "serving");
+    serving.add("listen", hostPort(address.host, port))
+        .add("tls", !options.tlsCertificateFile.empty())
+        .add("db", options.dbPath);
+    if (server.adminPort() != 0) {
+        serving.add("admin", hostPort(options.adminAddress, server.adminPort()))
+            .add("adminApi", !options.adminToken.empty());
+    }
+    if (!options.contentDir.empty()) {
+        serving.add("content", options.contentDir);
+    }
+    std::fputs(std::move(serving).finish().c_str(), stdout);
     std::fflush(stdout);
     for (;;) {
         int signal = 0;
         sigwait(&signals, &signal);
         if (signal == SIGHUP) {
             server.reloadPlaces();
-            std::printf("tovrel-server: places reloaded\n");
-            std::fflush(stdout);
+            logger.write(LogLevel::info, logger.line(LogLevel::info, "places reloaded"));
             continue;
         }
+        logger.write(LogLevel::info,
+                     logger.line(LogLevel::info, "stopping").add("signal", strsignal(signal)));
         break;
     }
-    std::printf("tovrel-server: stopping\n");
     server.stop();
+    logger.write(LogLevel::info, logger.line(LogLevel::info, "stopped"));
     return 0;
 }
 
@@ -74,55 +116,193 @@ int report(const std::string& db, bool asJson) {
     return 0;
 }
 
+// Changes by these verbs reach a running server at its next SIGHUP (campaigns) or session start (apps).
+Database openExisting(const std::string& db) {
+    if (!std::filesystem::exists(db)) {
+        throw std::runtime_error("there is no database " + db);
+    }
+    return Database(db);
+}
+
+int listTable(const std::string& dbPath, bool apps) {
+    Database db = openExisting(dbPath);
+    const nlohmann::json rows = apps ? admin_store::listApps(db) : admin_store::listCampaigns(db);
+    std::vector<std::vector<std::string>> table;
+    if (apps) {
+        table.push_back({"key", "name", "state"});
+        for (const auto& row : rows) {
+            table.push_back({row["key"], row["name"], row["disabled"] ? "disabled" : "enabled"});
+        }
+    } else {
+        table.push_back({"id", "name", "start", "end", "cap", "offers", "state"});
+        for (const auto& row : rows) {
+            table.push_back(
+                {std::to_string(row["id"].get<int64_t>()), row["name"], row["startDate"], row["endDate"],
+                 row["perDeviceCap"].is_null() ? "-" : std::to_string(row["perDeviceCap"].get<int64_t>()),
+                 std::to_string(row["offers"].get<int64_t>()), row["disabled"] ? "disabled" : "enabled"});
+        }
+    }
+    std::cout << formatTable(table, table.front().size());
+    return 0;
+}
+
+int changeApp(const std::string& dbPath, const std::string& verb, const std::string& key) {
+    Database db = openExisting(dbPath);
+    if (verb == "rotate") {
+        const auto fresh = admin_store::rotateApp(db, key);
+        if (!fresh) {
+            throw std::runtime_error("there is no app key \"" + key + "\"");
+        }
+        std::printf("%s\n", fresh->c_str());
+        return 0;
+    }
+    const bool done = verb == "remove" ? admin_store::removeApp(db, key)
+                                       : admin_store::setAppDisabled(db, key, verb == "disable");
+    if (!done) {
+        throw std::runtime_error("there is no app key \"" + key + "\"");
+    }
+    std::printf("app key \"%s\": %sd\n", key.c_str(), verb.c_str());
+    return 0;
+}
+
+int changeCampaign(const std::string& dbPath, const std::string& campaign, bool disable) {
+    Database db = openExisting(dbPath);
+    const auto id = admin_store::findCampaign(db, campaign);
+    if (!id || !admin_store::setCampaignDisabled(db, *id, disable)) {
+        throw std::runtime_error("there is no campaign \"" + campaign + "\"");
+    }
+    std::printf("campaign \"%s\": %s (a running server serves the change after SIGHUP)\n", campaign.c_str(),
+                disable ? "disabled" : "enabled");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"tovrel-server: the self-hostable back-end of the Tovrel location service"};
     tovrel::tools::addVersionFlag(app, "tovrel-server");
+    app.set_config("--config", "",
+                   "Read settings from a TOML or INI file ([serve] section for serve's options)");
     app.require_subcommand(1);
 
     std::string db;
     auto addDb = [&db](CLI::App* command) {
-        command->add_option("--db", db, "SQLite database file (created when missing)")->required();
+        command->add_option("--db", db, "SQLite database file (created when missing)")
+            ->required()
+            ->envname("TOVREL_DB");
+    };
+    const auto listenCheck = [](const std::string& text) {
+        try {
+            parseListenAddress(text);
+            return std::string();
+        } catch (const std::invalid_argument& error) {
+            return std::string(error.what());
+        }
     };
 
     CLI::App* serveCmd = app.add_subcommand("serve", "Serve the HTTP API and the content pages");
-    std::string listen = "127.0.0.1:8080";
-    ServerOptions serveOptions;
+    ServeSettings settings;
+    ServerOptions& serveOptions = settings.options;
+    serveOptions.logRateLimit = 1;
     addDb(serveCmd);
-    serveCmd->add_option("--listen", listen, "HOST:PORT to listen on ([::1]:8080 for IPv6)")
+    serveCmd->add_option("--listen", settings.listen, "HOST:PORT to listen on ([::1]:8080 for IPv6)")
         ->capture_default_str()
-        ->check([](const std::string& text) {
-            try {
-                parseListenAddress(text);
-                return std::string();
-            } catch (const std::invalid_argument& error) {
-                return std::string(error.what());
-            }
-        });
+        ->envname("TOVREL_LISTEN")
+        ->check(listenCheck);
     serveCmd->add_option("--content", serveOptions.contentDir, "Folder of static pages (appcontent/, media/)")
+        ->envname("TOVREL_CONTENT")
         ->check(CLI::ExistingDirectory);
     serveCmd->add_option("--threads", serveOptions.threads, "HTTP worker threads")
         ->capture_default_str()
+        ->envname("TOVREL_THREADS")
         ->check(CLI::Range(1, 64));
-    serveCmd->add_option(
-        "--media-base", serveOptions.mediaBaseUrl,
-        "Scheme and host put before relative media addresses (default: http:// + the request's Host)");
+    serveCmd
+        ->add_option("--media-base", serveOptions.mediaBaseUrl,
+                     "Scheme and host put before relative media addresses (default: the request's Host)")
+        ->envname("TOVREL_MEDIA_BASE");
     serveCmd
         ->add_option("--timeout", serveOptions.requestTimeoutSeconds,
                      "Seconds a connection may take to send one request")
         ->capture_default_str()
+        ->envname("TOVREL_TIMEOUT")
         ->check(CLI::Range(1, 3600));
     serveCmd
         ->add_option("--max-connections", serveOptions.maxConnections,
                      "Open connections at most; more are answered 503 and closed")
         ->capture_default_str()
+        ->envname("TOVREL_MAX_CONNECTIONS")
         ->check(CLI::Range(1, 1000000));
     serveCmd
         ->add_option("--max-connections-per-address", serveOptions.maxConnectionsPerAddress,
                      "Open connections at most from one client address")
         ->capture_default_str()
+        ->envname("TOVREL_MAX_CONNECTIONS_PER_ADDRESS")
         ->check(CLI::Range(1, 1000000));
+    serveCmd
+        ->add_option("--rate-limit", serveOptions.rateLimit,
+                     "Requests a second per client address (bursts of twice that), 429 beyond; 0: off")
+        ->capture_default_str()
+        ->envname("TOVREL_RATE_LIMIT")
+        ->check(CLI::Range(0.0, 1e9));
+    serveCmd
+        ->add_option("--session-rate-limit", serveOptions.sessionRateLimit,
+                     "Session starts a second per SDK key (bursts of twice that), 429 beyond; 0: off")
+        ->capture_default_str()
+        ->envname("TOVREL_SESSION_RATE_LIMIT")
+        ->check(CLI::Range(0.0, 1e9));
+    serveCmd
+        ->add_option("--log-rate-limit", serveOptions.logRateLimit,
+                     "/v1/log messages a second per device (bursts of 60 times that), 429 beyond; 0: off")
+        ->capture_default_str()
+        ->envname("TOVREL_LOG_RATE_LIMIT")
+        ->check(CLI::Range(0.0, 1e9));
+    serveCmd
+        ->add_option("--session-ttl", serveOptions.sessionTtl,
+                     "Seconds a session key stays valid (401 after); 0: for ever")
+        ->capture_default_str()
+        ->envname("TOVREL_SESSION_TTL")
+        ->check(CLI::Range(0.0, 1e10));
+    serveCmd
+        ->add_option("--max-cached-sessions", serveOptions.maxCachedSessions,
+                     "Session keys held in memory at most; older ones are read from the database again")
+        ->capture_default_str()
+        ->envname("TOVREL_MAX_CACHED_SESSIONS")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{100'000'000}));
+    serveCmd
+        ->add_option("--db-busy-timeout", serveOptions.databaseBusyTimeoutMs,
+                     "Milliseconds a request waits for a locked database before 503")
+        ->capture_default_str()
+        ->envname("TOVREL_DB_BUSY_TIMEOUT")
+        ->check(CLI::Range(1, 60000));
+    serveCmd->add_option("--tls-cert", serveOptions.tlsCertificateFile, "PEM certificate chain: serve HTTPS")
+        ->envname("TOVREL_TLS_CERT")
+        ->check(CLI::ExistingFile);
+    serveCmd->add_option("--tls-key", serveOptions.tlsKeyFile, "PEM private key of --tls-cert")
+        ->envname("TOVREL_TLS_KEY")
+        ->check(CLI::ExistingFile);
+    serveCmd
+        ->add_option("--admin-listen", settings.adminListen,
+                     "HOST:PORT of the admin listener (health, metrics, admin API), or off")
+        ->capture_default_str()
+        ->envname("TOVREL_ADMIN_LISTEN")
+        ->check([&listenCheck](const std::string& text) {
+            return text == "off" ? std::string() : listenCheck(text);
+        });
+    serveCmd
+        ->add_option("--admin-token-file", settings.adminTokenFile,
+                     "File whose first line is the admin API's bearer token (16 characters at least)")
+        ->envname("TOVREL_ADMIN_TOKEN_FILE")
+        ->check(CLI::ExistingFile);
+    serveCmd
+        ->add_option("--log-level", serveOptions.logLevel,
+                     "Least level logged: debug, info, warn, error, off")
+        ->capture_default_str()
+        ->envname("TOVREL_LOG_LEVEL")
+        ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}));
+    serveCmd->add_option("--access-log", settings.accessLog, "One JSON line per request: on or off")
+        ->capture_default_str()
+        ->envname("TOVREL_ACCESS_LOG")
+        ->check(CLI::IsMember({"on", "off"}));
 
     CLI::App* importCmd = app.add_subcommand("import", "Import a GeoJSON place file (see docs/server.md)");
     std::string file;
@@ -137,6 +317,32 @@ int main(int argc, char** argv) {
     appsAdd->add_option("KEY", key, "The sdkkey the app sends")->required();
     appsAdd->add_option("NAME", name, "A name for people")->required();
     addDb(appsAdd);
+    CLI::App* appsList = appsCmd->add_subcommand("list", "List the app keys");
+    addDb(appsList);
+    CLI::App* appsRemove = appsCmd->add_subcommand("remove", "Remove an app key (its sessions stay valid)");
+    appsRemove->add_option("KEY", key, "The app key")->required();
+    addDb(appsRemove);
+    CLI::App* appsRotate = appsCmd->add_subcommand("rotate", "Give an app a new random key and print it");
+    appsRotate->add_option("KEY", key, "The app key")->required();
+    addDb(appsRotate);
+    CLI::App* appsDisable = appsCmd->add_subcommand("disable", "Refuse new sessions with an app key");
+    appsDisable->add_option("KEY", key, "The app key")->required();
+    addDb(appsDisable);
+    CLI::App* appsEnable = appsCmd->add_subcommand("enable", "Accept an app key again");
+    appsEnable->add_option("KEY", key, "The app key")->required();
+    addDb(appsEnable);
+
+    CLI::App* campaignsCmd = app.add_subcommand("campaigns", "List, disable and enable campaigns");
+    campaignsCmd->require_subcommand(1);
+    CLI::App* campaignsList = campaignsCmd->add_subcommand("list", "List the campaigns");
+    addDb(campaignsList);
+    std::string campaign;
+    CLI::App* campaignsDisable = campaignsCmd->add_subcommand("disable", "Stop offering a campaign's offers");
+    campaignsDisable->add_option("CAMPAIGN", campaign, "The campaign's name or id")->required();
+    addDb(campaignsDisable);
+    CLI::App* campaignsEnable = campaignsCmd->add_subcommand("enable", "Offer a disabled campaign again");
+    campaignsEnable->add_option("CAMPAIGN", campaign, "The campaign's name or id")->required();
+    addDb(campaignsEnable);
 
     CLI::App* reportCmd = app.add_subcommand("report", "Print links, answers and log counts per offer");
     bool asJson = false;
@@ -150,7 +356,7 @@ int main(int argc, char** argv) {
     try {
         if (serveCmd->parsed()) {
             serveOptions.dbPath = db;
-            return serve(listen, serveOptions);
+            return serve(std::move(settings));
         }
         if (importCmd->parsed()) {
             const ImportSummary s = importGeoJsonFile(db, file);
@@ -162,6 +368,19 @@ int main(int argc, char** argv) {
             addAppKey(db, key, name);
             std::printf("app key \"%s\" (%s) added to %s\n", key.c_str(), name.c_str(), db.c_str());
             return 0;
+        }
+        if (appsList->parsed() || campaignsList->parsed()) {
+            return listTable(db, appsList->parsed());
+        }
+        if (appsRemove->parsed() || appsRotate->parsed() || appsDisable->parsed() || appsEnable->parsed()) {
+            const char* verb = appsRemove->parsed()    ? "remove"
+                               : appsRotate->parsed()  ? "rotate"
+                               : appsDisable->parsed() ? "disable"
+                                                       : "enable";
+            return changeApp(db, verb, key);
+        }
+        if (campaignsDisable->parsed() || campaignsEnable->parsed()) {
+            return changeCampaign(db, campaign, campaignsDisable->parsed());
         }
         if (reportCmd->parsed()) {
             return report(db, asJson);

@@ -139,7 +139,8 @@ static void startServer(void) {
     writeFile(places, kPlaces);
     char* import[] = {"tovrel-server", "import", places, "--db", database, NULL};
     REQUIRE(waitFor(spawnServer(import, out)) == 0);
-    char* serve[] = {"tovrel-server", "serve", "--db", database, "--listen", "127.0.0.1:0", NULL};
+    char* serve[] = {"tovrel-server", "serve",          "--db", database, "--listen",
+                     "127.0.0.1:0",   "--admin-listen", "off",  NULL};
     serverPid = spawnServer(serve, out);
     const double deadline = now() + 20;
     while (now() < deadline) {

@@ -103,8 +103,9 @@ class LinuxSessionTest : public ::testing::Test {
                                    (directory.path() / "places.geojson").string() + " >/dev/null"),
                   0);
         port = test::freeLoopbackPort();
-        server = std::make_unique<test::ChildProcess>(std::vector<std::string>{
-            TOVREL_SERVER_BINARY, "serve", "--db", db, "--listen", "127.0.0.1:" + std::to_string(port)});
+        server = std::make_unique<test::ChildProcess>(
+            std::vector<std::string>{TOVREL_SERVER_BINARY, "serve", "--db", db, "--listen",
+                                     "127.0.0.1:" + std::to_string(port), "--admin-listen", "off"});
         ASSERT_TRUE(test::waitUntil([&] { return acceptsConnections(port); }, 20s))
             << "tovrel-server did not start";
 

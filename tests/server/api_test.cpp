@@ -189,7 +189,9 @@ TEST_F(PlaceEndpoint, RelativeMediaTakesTheRequestsHost) {
 }
 
 TEST(PlaceEndpointOptions, MediaBaseOptionWinsOverTheHost) {
-    ServerFixture fx(ServerFixture::Options{true, "", "https://cdn.example.test", 30});
+    ServerFixture::Options options;
+    options.mediaBaseUrl = "https://cdn.example.test";
+    ServerFixture fx(options);
     const std::string key = fx.startSession("D");
     const json r = record(fx.places(key, 48.137, 11.575).parsed(), "11", "1");
     EXPECT_EQ(r.at("mediaURL"), "https://cdn.example.test/media/offer-1001.html");

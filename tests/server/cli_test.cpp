@@ -113,7 +113,8 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
         dup2(out[1], STDOUT_FILENO);
         close(out[0]);
         execl(TOVREL_SERVER_BINARY, TOVREL_SERVER_BINARY, "serve", "--db", db.c_str(), "--listen",
-              "127.0.0.1:0", "--content", content.c_str(), static_cast<char*>(nullptr));
+              "127.0.0.1:0", "--admin-listen", "127.0.0.1:0", "--content", content.c_str(),
+              static_cast<char*>(nullptr));
         _exit(127);
     }
     close(out[1]);
@@ -122,9 +123,17 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
     while (read(out[0], &c, 1) == 1 && c != '\n') {
         line += c;
     }
+    // The first line says where it serves, as a JSON log line that scripts read the address from.
+    const json serving = json::parse(line, nullptr, false);
+    ASSERT_TRUE(serving.is_object()) << line;
+    EXPECT_EQ(serving["event"], "serving");
+    EXPECT_EQ(serving["level"], "info");
     std::smatch match;
     ASSERT_TRUE(std::regex_search(line, match, std::regex(R"(127\.0\.0\.1:(\d+))"))) << line;
     HttpClient client(static_cast<uint16_t>(std::stoi(match[1])));
+    const std::string admin = serving["admin"];
+    HttpClient probes(static_cast<uint16_t>(std::stoi(admin.substr(admin.rfind(':') + 1))));
+    EXPECT_EQ(probes.get("/healthz").status, 200);
     EXPECT_EQ(client.get("/appcontent/help.html").status, 200);
     EXPECT_EQ(client.post("/v1/session", json{{"deviceId", "D"}, {"sdkkey", "demo-key"}}).status, 200);
 
@@ -145,9 +154,58 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
     EXPECT_EQ(queryRows(db, "SELECT COUNT(*) FROM sessions"), std::vector<std::string>{"1"});
 }
 
+TEST_F(CommandLine, AppsAndCampaignsAreManaged) {
+    ASSERT_EQ(
+        run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db).exitCode, 0);
+    EXPECT_NE(run("apps list --db " + db).output.find("demo-key  Demo  enabled"), std::string::npos);
+    EXPECT_EQ(run("apps disable demo-key --db " + db).exitCode, 0);
+    EXPECT_NE(run("apps list --db " + db).output.find("disabled"), std::string::npos);
+    const CommandResult rotated = run("apps rotate demo-key --db " + db);
+    ASSERT_EQ(rotated.exitCode, 0) << rotated.output;
+    const std::string fresh = rotated.output.substr(0, rotated.output.find('\n'));
+    EXPECT_EQ(fresh.size(), 32u);
+    EXPECT_EQ(run("apps remove demo-key --db " + db).exitCode, 1);
+    EXPECT_EQ(run("apps remove " + fresh + " --db " + db).exitCode, 0);
+
+    const CommandResult campaigns = run("campaigns list --db " + db);
+    EXPECT_NE(campaigns.output.find("Old Town Cafés"), std::string::npos) << campaigns.output;
+    EXPECT_EQ(run("campaigns disable 'Old Town Cafés' --db " + db).exitCode, 0);
+    EXPECT_EQ(queryRows(db, "SELECT disabled FROM campaigns WHERE name = 'Old Town Cafés'"),
+              std::vector<std::string>{"1"});
+    EXPECT_EQ(run("campaigns enable 6 --db " + db).exitCode, 0);
+    EXPECT_EQ(queryRows(db, "SELECT disabled FROM campaigns WHERE id = 6"), std::vector<std::string>{"0"});
+    const CommandResult unknown = run("campaigns disable Nowhere --db " + db);
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_NE(unknown.output.find("no campaign"), std::string::npos);
+    EXPECT_EQ(run("apps list --db " + (dir / "missing.db").string()).exitCode, 1);
+}
+
+TEST_F(CommandLine, SettingsComeFromAConfigFileAndTheEnvironmentToo) {
+    const std::string config = dir.write("server.ini", "[serve]\ndb=" + db + "\nthreads=0\n");
+    const CommandResult fromFile = run("--config " + config + " serve");
+    EXPECT_EQ(fromFile.exitCode, 2);
+    EXPECT_NE(fromFile.output.find("threads"), std::string::npos) << fromFile.output;
+    const CommandResult fromEnvironment = run("serve --db " + db + " --log-level loud");
+    EXPECT_EQ(fromEnvironment.exitCode, 2);
+    const CommandResult env = [&] {
+        setenv("TOVREL_DB", db.c_str(), 1);
+        setenv("TOVREL_ACCESS_LOG", "maybe", 1);
+        CommandResult r = run("serve");
+        unsetenv("TOVREL_DB");
+        unsetenv("TOVREL_ACCESS_LOG");
+        return r;
+    }();
+    EXPECT_EQ(env.exitCode, 2);
+    EXPECT_NE(env.output.find("maybe"), std::string::npos) << env.output;
+    EXPECT_EQ(run("serve --db " + db + " --admin-token-file " + dir.write("short", "tiny\n") +
+                  " --listen 127.0.0.1:0 --admin-listen off")
+                  .exitCode,
+              1);
+}
+
 TEST_F(CommandLine, BadListenAddressesAreExplained) {
     for (const std::string address : {"localhost", "[::1]"}) {
-        const CommandResult r = run("serve --db " + db + " --listen " + address);
+        const CommandResult r = run("serve --db " + db + " --admin-listen off --listen " + address);
         EXPECT_EQ(r.exitCode, 2);
         EXPECT_NE(r.output.find("lacks a port"), std::string::npos) << r.output;
     }

@@ -214,7 +214,10 @@ TEST_F(Connections, KeepAliveReusesTheConnection) {
 }
 
 TEST_F(Connections, SilentConnectionsAreClosedAfterTheTimeout) {
-    ServerFixture fx(ServerFixture::Options{false, "", "", 1});
+    ServerFixture::Options options;
+    options.fileDatabase = false;
+    options.requestTimeoutSeconds = 1;
+    ServerFixture fx(options);
     RawConnection idle(fx.port());
     ASSERT_TRUE(idle.connected());
     idle.readAll(8000);

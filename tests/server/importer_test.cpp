@@ -298,11 +298,21 @@ TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
     EXPECT_EQ(test::queryRows(path, "PRAGMA journal_mode"), std::vector<std::string>{"wal"});
 }
 
+// Takes a database this program made back to schema version 3, before apps, campaigns, offers and
+// places could be disabled.
+void downgradeToVersion3(Database& db) {
+    for (const char* table : {"apps", "campaigns", "offers", "places"}) {
+        db.exec(std::string("ALTER TABLE ") + table + " DROP COLUMN disabled");
+    }
+    db.exec("PRAGMA user_version = 3");
+}
+
 TEST(Migrations, OlderDatabasesAreUpgradedAndKeepTheirData) {
     test::TempDir dir;
     const std::string path = (dir / "m.db").string();
     {
         Database db(path);
+        downgradeToVersion3(db);
         db.exec("INSERT INTO apps VALUES('k', 'n', 0)");
         db.exec("ALTER TABLE sessions RENAME COLUMN key_hash TO session_key");
         db.exec("DROP INDEX log_messages_event; PRAGMA user_version = 1");
@@ -310,7 +320,7 @@ TEST(Migrations, OlderDatabasesAreUpgradedAndKeepTheirData) {
     { Database db(path); }
     EXPECT_EQ(test::queryRows(path, "SELECT name FROM sqlite_master WHERE name = 'log_messages_event'"),
               std::vector<std::string>{"log_messages_event"});
-    EXPECT_EQ(test::queryRows(path, "SELECT key FROM apps"), std::vector<std::string>{"k"});
+    EXPECT_EQ(test::queryRows(path, "SELECT key, disabled FROM apps"), std::vector<std::string>{"k|0"});
 }
 
 TEST(Migrations, StoredSessionKeysBecomeTheirHashes) {
@@ -318,6 +328,7 @@ TEST(Migrations, StoredSessionKeysBecomeTheirHashes) {
     const std::string path = (dir / "m.db").string();
     {
         Database db(path);
+        downgradeToVersion3(db);
         db.exec("ALTER TABLE sessions RENAME COLUMN key_hash TO session_key");
         db.exec("INSERT INTO devices VALUES(1, 'D', 'iOS', 'x', 'k', 0, 0)");
         db.exec("INSERT INTO sessions VALUES('0123456789abcdef0123456789abcdef', 1, 'k', 0)");

@@ -24,7 +24,10 @@ class StaticPages : public ::testing::Test {
         outside.write("secret.txt", "outside the content folder");
         fs::create_symlink(outside / "secret.txt", content / "media/link.txt");
         fs::create_symlink(outside.path(), content / "escape");
-        fx = std::make_unique<ServerFixture>(ServerFixture::Options{false, content.path().string(), "", 30});
+        ServerFixture::Options options;
+        options.fileDatabase = false;
+        options.contentDir = content.path().string();
+        fx = std::make_unique<ServerFixture>(options);
     }
     TempDir content;
     TempDir outside;

@@ -59,6 +59,7 @@ std::size_t collectHeader(char* data, std::size_t size, std::size_t count, void*
         if (name == "allow") {
             result->allow = value;
         }
+        result->headers[name] = value;
     }
     return size * count;
 }
@@ -91,6 +92,9 @@ HttpResult HttpClient::request(const std::string& method, const std::string& pat
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &result.body);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &result);
+    if (compressed_) {
+        curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+    }
     if (method == "HEAD") {
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     } else if (method == "POST") {
@@ -177,6 +181,9 @@ ServerFixture::ServerFixture(const Options& options)
     so.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
     so.rateLimit = options.rateLimit;
     so.clock = [now = now_] { return now->load(); };
+    if (options.configure) {
+        options.configure(so);
+    }
     server_ = std::make_unique<Server>(so);
     server_->importGeoJson(dir_.write("places.geojson", testPlacesGeoJson()));
     port_ = server_->start();

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -38,6 +39,12 @@ struct HttpResult {
     std::string allow;
     long connects = -1;  ///< new connections this transfer opened (0: an old one was reused)
     int curlCode = 0;
+    std::map<std::string, std::string> headers;  ///< by lower-case name
+    /// A header's value, "" when absent.
+    std::string header(const std::string& lowerCaseName) const {
+        const auto it = headers.find(lowerCaseName);
+        return it == headers.end() ? std::string() : it->second;
+    }
     /// The body as JSON (discarded value when it is not JSON).
     json parsed() const { return json::parse(body, nullptr, false); }
 };
@@ -54,6 +61,8 @@ class HttpClient {
     HttpResult post(const std::string& path, const json& body) { return request("POST", path, body.dump()); }
     HttpResult post(const std::string& path, const char* body) { return request("POST", path, body); }
     HttpResult get(const std::string& path) { return request("GET", path, {}); }
+    /// Asks for compressed answers (libcurl then decodes them) from the next request on.
+    void acceptCompression(bool on) { compressed_ = on; }
     /// Sends the path exactly as given (no "../" squashing), with extra header lines.
     HttpResult request(const std::string& method, const std::string& path, const std::string& body,
                        const std::vector<std::string>& headers = {});
@@ -62,6 +71,7 @@ class HttpClient {
     uint16_t port_;
     std::string host_;
     void* curl_;
+    bool compressed_ = false;
 };
 
 /// Seconds since 1970 for a UTC date, for the fixtures' clocks.
@@ -82,6 +92,8 @@ class ServerFixture {
         int maxConnections = 1000;
         int maxConnectionsPerAddress = 256;
         double rateLimit = 0;
+        /// Any other setting, applied last.
+        std::function<void(ServerOptions&)> configure;
     };
     ServerFixture();
     explicit ServerFixture(const Options& options);
@@ -89,6 +101,7 @@ class ServerFixture {
 
     Server& server() { return *server_; }
     uint16_t port() const { return port_; }
+    uint16_t adminPort() const { return server_->adminPort(); }
     HttpClient& client() { return *client_; }
     const std::string& dbPath() const { return dbPath_; }
     const TempDir& dir() const { return dir_; }

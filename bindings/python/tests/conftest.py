@@ -51,7 +51,8 @@ class Service:
         places_file.write_text(json.dumps(places()))
         subprocess.run([binary, "import", str(places_file), "--db", self.db], check=True,
                        stdout=subprocess.DEVNULL)
-        self.process = subprocess.Popen([binary, "serve", "--db", self.db, "--listen", "127.0.0.1:0"],
+        self.process = subprocess.Popen([binary, "serve", "--db", self.db, "--listen", "127.0.0.1:0",
+                                         "--admin-listen", "off"],
                                         stdout=subprocess.PIPE, text=True)
         line = self.process.stdout.readline()
         match = re.search(r"127\.0\.0\.1:(\d+)", line)

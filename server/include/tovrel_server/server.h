@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tovrel_server/admin.h"
 
@@ -44,6 +45,44 @@ struct ServerOptions {
     /// answered 429 with Retry-After before their body is read. 0 (the default) turns the limit off:
     /// behind a reverse proxy every client shares the proxy's address.
     double rateLimit = 0;
+    /// Session starts a second one SDK key may make (bursts of twice that), 429 beyond; 0: no limit.
+    /// Starts with an unknown key are refused from memory for a few seconds after the first 401.
+    double sessionRateLimit = 0;
+    /// /v1/log messages a second one device may send on average (bursts of 60 times that); 0 (the
+    /// default of an embedded server, whose clients may run in virtual time): no limit.
+    double logRateLimit = 0;
+    /// Seconds a session key stays valid after its session started; 0 (the default) keeps keys valid
+    /// for ever. With a lifetime, requests with an older key are answered 401.
+    double sessionTtl = 0;
+    /// Session keys held in memory at most (each with its device's links); older ones are read again
+    /// from the database when used.
+    std::size_t maxCachedSessions = 1'000'000;
+    /// Milliseconds a request waits for a database locked by another connection before it is answered
+    /// 503 with Retry-After.
+    int databaseBusyTimeoutMs = 250;
+    /// Requests waiting for the database at most; more are answered 503 at once.
+    std::size_t databaseQueue = 4096;
+    /// PEM certificate chain and private key: both set serves the API over HTTPS only.
+    std::string tlsCertificateFile;
+    std::string tlsKeyFile;
+    /// Address of the admin listener (health, readiness, metrics, the admin API); empty: none.
+    std::string adminAddress;
+    /// Its port; 0 picks a free one (read it back from adminPort()).
+    uint16_t adminPort = 0;
+    /// The bearer token of the admin API (16 characters at least); empty turns the admin API off.
+    std::string adminToken;
+    /// Where structured log lines go (JSON, one a line); empty writes none.
+    std::function<void(std::string_view line)> logSink;
+    /// The least level written: "debug", "info", "warn" or "error".
+    std::string logLevel = "info";
+    /// One line per request (method, path, status, bytes, microseconds, remote address).
+    bool accessLog = false;
+};
+
+/// An answer of the API computed without HTTP: status and JSON body.
+struct ServerReply {
+    unsigned status = 200;
+    std::string body;
 };
 
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static
@@ -58,14 +97,21 @@ class Server {
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Binds and starts the worker threads; returns the bound port. Throws std::runtime_error
-    /// when the address cannot be bound or the server already runs.
+    /// Binds and starts the worker threads (and the admin listener when an address is set); returns
+    /// the bound port. Throws std::runtime_error when an address cannot be bound, a TLS file cannot be
+    /// read or the server already runs.
     uint16_t start();
     /// Stops accepting, lets requests in progress finish (at most a few seconds), closes every
     /// connection and joins the threads. Safe to call twice or before start().
     void stop();
     /// The bound port while running, else 0.
     uint16_t port() const;
+    /// The admin listener's port while running, else 0.
+    uint16_t adminPort() const;
+
+    /// Answers one API request in this process, as the HTTP front would (the same JSON both ways), for
+    /// hosts that embed the server. Blocks while the database is locked.
+    ServerReply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
 
     /// Imports a GeoJSON place file into this server's database and reloads the places.
     /// Throws ImportError with a message naming the file and the feature or line at fault.

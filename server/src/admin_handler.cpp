@@ -1,0 +1,339 @@
+#include "admin_handler.h"
+
+#include <openssl/crypto.h>
+
+#include <charconv>
+#include <fstream>
+#include <stdexcept>
+#include <vector>
+
+#include "admin_store.h"
+#include "catalog_data.h"
+#include "request_fields.h"
+#include "service.h"
+#include "static_files.h"
+#include "tovrel_server/admin.h"
+#include "work_queue.h"
+
+namespace tovrel_server {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr std::string_view kPrefix = "/admin/v1/";
+constexpr int kDefaultPageSize = 100;
+constexpr int kMaxPageSize = 1000;
+
+HttpReply jsonReply(unsigned status, const json& body) {
+    HttpReply reply;
+    reply.status = status;
+    reply.body = body.dump(-1, ' ', false, json::error_handler_t::replace);
+    reply.route = Route::admin;
+    return reply;
+}
+
+HttpReply errorReply(unsigned status, const std::string& message) {
+    HttpReply reply;
+    reply.status = status;
+    reply.body = errorJson(message);
+    reply.route = Route::admin;
+    return reply;
+}
+
+std::vector<std::string> segments(std::string_view path) {
+    std::vector<std::string> out;
+    while (!path.empty()) {
+        const std::size_t slash = path.find('/');
+        const std::string_view part = path.substr(0, slash);
+        if (!part.empty()) {
+            const auto decoded = percentDecode(part);
+            if (!decoded) {
+                throw ApiError(400, "the path has a malformed %-escape");
+            }
+            out.push_back(*decoded);
+        }
+        if (slash == std::string_view::npos) {
+            break;
+        }
+        path.remove_prefix(slash + 1);
+    }
+    return out;
+}
+
+std::string queryValue(std::string_view target, std::string_view name) {
+    const std::size_t question = target.find('?');
+    if (question == std::string_view::npos) {
+        return {};
+    }
+    std::string_view query = target.substr(question + 1);
+    while (!query.empty()) {
+        const std::size_t amp = query.find('&');
+        const std::string_view pair = query.substr(0, amp);
+        const std::size_t eq = pair.find('=');
+        if (pair.substr(0, eq) == name) {
+            return eq == std::string_view::npos ? "1" : percentDecode(pair.substr(eq + 1)).value_or("");
+        }
+        if (amp == std::string_view::npos) {
+            break;
+        }
+        query.remove_prefix(amp + 1);
+    }
+    return {};
+}
+
+int64_t idOf(const std::string& text, const char* what) {
+    int64_t id = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), id);
+    if (ec != std::errc() || end != text.data() + text.size() || id < 0) {
+        throw ApiError(400, std::string("\"") + text + "\" is not " + what);
+    }
+    return id;
+}
+
+bool tokenMatches(std::string_view authorization, const std::string& token) {
+    constexpr std::string_view kBearer = "Bearer ";
+    if (authorization.size() != kBearer.size() + token.size() || authorization.substr(0, kBearer.size()) != kBearer) {
+        return false;
+    }
+    return CRYPTO_memcmp(authorization.data() + kBearer.size(), token.data(), token.size()) == 0;
+}
+
+// A place file made of the posted parts, so that what the admin API accepts is read by the same rules
+// as an imported file.
+json placeFile(json features, json campaigns) {
+    return json{{"type", "FeatureCollection"},
+                {"properties", {{"campaigns", std::move(campaigns)}}},
+                {"features", std::move(features)}};
+}
+
+}  // namespace
+
+std::string readAdminToken(const std::string& path) {
+    std::ifstream in(path);
+    std::string token;
+    if (!in || !std::getline(in, token)) {
+        throw std::runtime_error("cannot read the admin token file " + path);
+    }
+    const auto first = token.find_first_not_of(" \t\r");
+    const auto last = token.find_last_not_of(" \t\r");
+    token = first == std::string::npos ? std::string() : token.substr(first, last - first + 1);
+    if (token.size() < 16) {
+        throw std::runtime_error("the admin token in " + path + " is shorter than 16 characters");
+    }
+    return token;
+}
+
+AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
+                           std::function<MetricsSnapshot()> snapshot)
+    : service_(service), metrics_(metrics), work_(work), token_(std::move(token)), snapshot_(std::move(snapshot)) {}
+
+void AdminHandler::handle(const HttpRequest& request, Respond respond) {
+    const std::string_view path = request.path;
+    if (path == "/healthz" || path == "/readyz" || path == "/metrics") {
+        if (request.method != "GET" && request.method != "HEAD") {
+            HttpReply reply = errorReply(405, "use GET for " + std::string(path));
+            reply.allow = "GET, HEAD";
+            return respond(std::move(reply));
+        }
+        if (path == "/metrics") {
+            HttpReply reply;
+            reply.route = Route::metrics;
+            reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
+            MetricsSnapshot snapshot = snapshot_ ? snapshot_() : MetricsSnapshot{};
+            snapshot.placesIndexed = static_cast<int64_t>(service_.placesIndexed());
+            snapshot.sessionsCached = static_cast<int64_t>(service_.sessionsCached());
+            snapshot.catalogVersion = service_.catalogVersion();
+            reply.body = metrics_.scrape(snapshot);
+            return respond(std::move(reply));
+        }
+        if (path == "/healthz") {
+            HttpReply reply = jsonReply(200, {{"status", "ok"}});
+            reply.route = Route::health;
+            return respond(std::move(reply));
+        }
+        // The database check opens a connection: off the connection's thread.
+        const bool posted = work_.post([this, respond] {
+            const bool reachable = service_.databaseReachable();
+            HttpReply reply = reachable ? jsonReply(200, {{"status", "ready"}, {"places", service_.placesIndexed()}})
+                                        : errorReply(503, "the database cannot be read");
+            reply.route = Route::health;
+            respond(std::move(reply));
+        });
+        if (!posted) {
+            respond(errorReply(503, "the admin queue is full"));
+        }
+        return;
+    }
+    if (path.substr(0, kPrefix.size()) != kPrefix) {
+        return respond(errorReply(404, "there is no admin endpoint " + std::string(path)));
+    }
+    if (token_.empty()) {
+        return respond(errorReply(403, "the admin API is off: start tovrel-server with --admin-token-file"));
+    }
+    if (!tokenMatches(request.authorization, token_)) {
+        HttpReply reply = errorReply(401, "the admin API needs \"Authorization: Bearer <token>\" with the token "
+                                          "of --admin-token-file");
+        reply.authenticate = "Bearer";
+        return respond(std::move(reply));
+    }
+    const bool posted = work_.post([this, respond, method = std::string(request.method),
+                                    target = std::string(request.target), body = std::string(request.body)] {
+        respond(administer(method, target, body));
+    });
+    if (!posted) {
+        HttpReply reply = errorReply(503, "the admin queue is full");
+        reply.retryAfter = "1";
+        respond(std::move(reply));
+    }
+}
+
+HttpReply AdminHandler::administer(const std::string& method, const std::string& target, const std::string& body) {
+    try {
+        const std::string_view path = std::string_view(target).substr(0, target.find_first_of("?#"));
+        const std::vector<std::string> parts = segments(path.substr(kPrefix.size()));
+        if (parts.empty()) {
+            throw ApiError(404, "there is no admin endpoint " + std::string(path));
+        }
+        const std::string& kind = parts[0];
+        const bool get = method == "GET";
+        const bool post = method == "POST";
+        const bool del = method == "DELETE";
+        const auto now = wallClock();
+
+        // Actions on one item: .../KIND/ID/disable|enable|rotate, DELETE .../KIND/ID.
+        const auto toggle = [&](auto&& setDisabled, bool catalog) -> HttpReply {
+            if (parts.size() != 3 || !post || (parts[2] != "disable" && parts[2] != "enable")) {
+                throw ApiError(404, "use POST " + std::string(path.substr(0, path.rfind('/'))) + "/disable or /enable");
+            }
+            const bool disabled = parts[2] == "disable";
+            if (!service_.change([&](Database& db) { return setDisabled(db, disabled); }, catalog)) {
+                throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
+            }
+            return jsonReply(200, {{"id", parts[1]}, {"disabled", disabled}});
+        };
+        const auto remove = [&](auto&& removeOne, bool catalog) -> HttpReply {
+            if (!service_.change([&](Database& db) { return removeOne(db); }, catalog)) {
+                throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
+            }
+            return jsonReply(200, {{"removed", parts[1]}});
+        };
+
+        if (kind == "apps") {
+            if (parts.size() == 1 && get) {
+                return jsonReply(200, {{"apps", service_.change([](Database& db) { return admin_store::listApps(db); }, false)}});
+            }
+            if (parts.size() == 1 && post) {
+                const json req = parseObjectBody(body);
+                const std::string name = requireString(req, "name");
+                const std::string key = optionalString(req, "key", "");
+                bool added = false;
+                const std::string stored = service_.change(
+                    [&](Database& db) { return admin_store::addApp(db, key, name, now, &added); }, false);
+                return jsonReply(added ? 201 : 200, {{"key", stored}, {"name", name}});
+            }
+            if (parts.size() == 2 && del) {
+                return remove([&](Database& db) { return admin_store::removeApp(db, parts[1]); }, false);
+            }
+            if (parts.size() == 3 && post && parts[2] == "rotate") {
+                const auto fresh =
+                    service_.change([&](Database& db) { return admin_store::rotateApp(db, parts[1]); }, false);
+                if (!fresh) {
+                    throw ApiError(404, "there is no app " + parts[1]);
+                }
+                return jsonReply(200, {{"key", *fresh}, {"previous", parts[1]}});
+            }
+            if (parts.size() == 3) {
+                return toggle([&](Database& db, bool d) { return admin_store::setAppDisabled(db, parts[1], d); }, false);
+            }
+        } else if (kind == "campaigns") {
+            if (parts.size() == 1 && get) {
+                return jsonReply(200, {{"campaigns", service_.change([](Database& db) { return admin_store::listCampaigns(db); }, false)}});
+            }
+            if (parts.size() == 1 && post) {
+                const CatalogData data = parseGeoJson(placeFile(json::array(), json::array({parseObjectBody(body)})).dump(), "the campaign");
+                const ImportSummary summary =
+                    service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+                return jsonReply(200, {{"campaigns", summary.campaigns}});
+            }
+            if (parts.size() >= 2) {
+                const auto id = service_.change([&](Database& db) { return admin_store::findCampaign(db, parts[1]); }, false);
+                if (!id) {
+                    throw ApiError(404, "there is no campaign " + parts[1]);
+                }
+                if (parts.size() == 2 && del) {
+                    return remove([&](Database& db) { return admin_store::removeCampaign(db, *id); }, true);
+                }
+                return toggle([&](Database& db, bool d) { return admin_store::setCampaignDisabled(db, *id, d); }, true);
+            }
+        } else if (kind == "offers") {
+            if (parts.size() == 1 && get) {
+                return jsonReply(200, {{"offers", service_.change([](Database& db) { return admin_store::listOffers(db); }, false)}});
+            }
+            if (parts.size() >= 2) {
+                const int64_t id = idOf(parts[1], "an offer's eventId");
+                if (parts.size() == 2 && del) {
+                    return remove([&](Database& db) { return admin_store::removeOffer(db, id); }, true);
+                }
+                return toggle([&](Database& db, bool d) { return admin_store::setOfferDisabled(db, id, d); }, true);
+            }
+        } else if (kind == "places") {
+            if (parts.size() == 1 && get) {
+                const std::string after = queryValue(target, "after");
+                const std::string limitText = queryValue(target, "limit");
+                const int64_t from = after.empty() ? 0 : idOf(after, "a placeId");
+                const int64_t limit = limitText.empty() ? kDefaultPageSize : idOf(limitText, "a page size");
+                const int pageSize = static_cast<int>(std::clamp<int64_t>(limit, 1, kMaxPageSize));
+                json page = service_.change([&](Database& db) { return admin_store::listPlaces(db, from, pageSize); }, false);
+                json next = page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"] : json(nullptr);
+                return jsonReply(200, {{"places", std::move(page)}, {"next", std::move(next)}});
+            }
+            if (parts.size() == 1 && post) {
+                const json feature = parseObjectBody(body, 64);
+                const json campaigns = service_.change([](Database& db) { return admin_store::campaignDefinitions(db); }, false);
+                const CatalogData data = parseGeoJson(placeFile(json::array({feature}), campaigns).dump(), "the place");
+                const ImportSummary summary =
+                    service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+                return jsonReply(200, {{"places", summary.places}, {"offers", summary.offers}});
+            }
+            if (parts.size() >= 2) {
+                const int64_t id = idOf(parts[1], "a placeId");
+                if (parts.size() == 2 && del) {
+                    return remove([&](Database& db) { return admin_store::removePlace(db, id); }, true);
+                }
+                return toggle([&](Database& db, bool d) { return admin_store::setPlaceDisabled(db, id, d); }, true);
+            }
+        } else if (kind == "import" && parts.size() == 1 && post) {
+            const bool dryRun = queryValue(target, "dry_run") == "1";
+            const CatalogData data = parseGeoJson(body, "the upload");
+            if (dryRun) {
+                return jsonReply(200, {{"valid", true},
+                                       {"places", data.places.size()},
+                                       {"offers", data.offers.size()},
+                                       {"campaigns", data.campaigns.size()},
+                                       {"apps", data.apps.size()}});
+            }
+            const ImportSummary summary = service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+            return jsonReply(200, {{"places", summary.places},
+                                   {"offers", summary.offers},
+                                   {"campaigns", summary.campaigns},
+                                   {"apps", summary.apps}});
+        }
+        throw ApiError(404, "there is no admin endpoint " + method + " " + std::string(path));
+    } catch (const ApiError& e) {
+        return errorReply(e.status(), e.what());
+    } catch (const ImportError& e) {
+        return errorReply(400, e.what());
+    } catch (const admin_store::Conflict& e) {
+        return errorReply(409, e.what());
+    } catch (const DatabaseBusy&) {
+        HttpReply reply = errorReply(503, "the database is busy; try again shortly");
+        reply.retryAfter = "1";
+        return reply;
+    } catch (const std::exception& e) {
+        metrics_.databaseError();
+        return errorReply(500, std::string("the server failed: ") + e.what());
+    }
+}
+
+}  // namespace tovrel_server

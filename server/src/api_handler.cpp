@@ -1,0 +1,116 @@
+#include "api_handler.h"
+
+#include <algorithm>
+
+#include "request_fields.h"
+#include "service.h"
+#include "static_files.h"
+#include "work_queue.h"
+
+namespace tovrel_server {
+
+namespace {
+
+bool validHost(std::string_view host) {
+    if (host.empty() || host.size() > 255) {
+        return false;
+    }
+    return std::all_of(host.begin(), host.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+               c == '-' || c == ':' || c == '[' || c == ']' || c == '_';
+    });
+}
+
+Route routeOf(std::string_view path) {
+    static constexpr std::pair<std::string_view, Route> kRoutes[] = {
+        {"/v1/session", Route::session},           {"/v2/place", Route::place},
+        {"/v1/deviceevent/link", Route::link},     {"/v1/deviceevent/update", Route::update},
+        {"/v1/deviceevent/clear", Route::clear},   {"/v1/devicetag/update", Route::tagUpdate},
+        {"/v1/devicetag/delete", Route::tagDelete}, {"/v1/log", Route::log}};
+    for (const auto& [name, route] : kRoutes) {
+        if (name == path) {
+            return route;
+        }
+    }
+    return Route::other;
+}
+
+HttpReply replyOf(ApiReply&& api, Route route) {
+    HttpReply reply;
+    reply.status = api.status;
+    reply.body = std::move(api.body);
+    reply.route = route;
+    reply.retryAfter = api.retry ? "1" : nullptr;
+    return reply;
+}
+
+HttpReply error(unsigned status, const std::string& message, Route route) {
+    HttpReply reply;
+    reply.status = status;
+    reply.body = errorJson(message);
+    reply.route = route;
+    return reply;
+}
+
+}  // namespace
+
+ApiHandler::ApiHandler(Service& service, const StaticFiles& files, WorkQueue& database, std::string mediaBase)
+    : service_(service), files_(files), database_(database), mediaBase_(std::move(mediaBase)) {}
+
+std::string ApiHandler::mediaBase(std::string_view host, bool tls) const {
+    if (!mediaBase_.empty()) {
+        return mediaBase_;
+    }
+    return validHost(host) ? (tls ? "https://" : "http://") + std::string(host) : fallbackBase_;
+}
+
+void ApiHandler::handle(const HttpRequest& request, Respond respond) {
+    const std::string_view path = request.path;
+    if (Service::isEndpoint(path)) {
+        const Route route = routeOf(path);
+        if (request.method != "POST") {
+            HttpReply reply = error(405, "use POST for " + std::string(path), route);
+            reply.allow = "POST";
+            return respond(std::move(reply));
+        }
+        auto parsed = Service::parse(path, request.body);
+        if (auto* refused = std::get_if<ApiReply>(&parsed)) {
+            return respond(replyOf(std::move(*refused), route));
+        }
+        std::string base = mediaBase(request.host, request.tls);
+        nlohmann::json& req = std::get<nlohmann::json>(parsed);
+        if (auto reply = service_.answerInMemory(path, req, base)) {
+            return respond(replyOf(std::move(*reply), route));
+        }
+        auto job = [&service = service_, path = std::string(path), req = std::move(req), base = std::move(base),
+                    respond, route]() {
+            respond(replyOf(service.handleParsed(path, req, base), route));
+        };
+        if (!database_.post(std::move(job))) {
+            HttpReply reply = error(503, "the server is busy; try again shortly", route);
+            reply.retryAfter = "1";
+            respond(std::move(reply));
+        }
+        return;
+    }
+    const StaticTarget page = files_.resolve(request.target);
+    if (request.method != "GET" && request.method != "HEAD") {
+        if (page.status == 200) {
+            HttpReply reply = error(405, "use GET for " + std::string(path), Route::page);
+            reply.allow = "GET, HEAD";
+            return respond(std::move(reply));
+        }
+        return respond(error(404, "there is no endpoint " + std::string(path), Route::other));
+    }
+    if (page.status != 200) {
+        return respond(error(page.status, page.error, Route::page));
+    }
+    HttpReply reply;
+    reply.route = Route::page;
+    reply.file = page.file;
+    reply.headOnly = request.method == "HEAD";
+    reply.fileType = page.contentType;
+    respond(std::move(reply));
+}
+
+}  // namespace tovrel_server
