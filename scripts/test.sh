@@ -51,6 +51,7 @@ if ((quick == 0)); then
     echo "== thread sanitizer: the suites that run on real threads"
     cmake --preset tsan >/dev/null
     tsan_suites=(tests/scenarios/tovrel_targeting_threads tests/curl/tovrel_curl_tests
+                 tests/curl/tovrel_curl_server_tls_tests
                  tests/linux/tovrel_linux_tests tests/linux/tovrel_linux_session_tests
                  tests/server/tovrel_server_http_tests)
     cmake --build --preset tsan -j "$jobs" --target "${tsan_suites[@]##*/}" tovrel-server tovrel_capi_test

@@ -93,7 +93,8 @@ int64_t idOf(const std::string& text, const char* what) {
 
 bool tokenMatches(std::string_view authorization, const std::string& token) {
     constexpr std::string_view kBearer = "Bearer ";
-    if (authorization.size() != kBearer.size() + token.size() || authorization.substr(0, kBearer.size()) != kBearer) {
+    if (authorization.size() != kBearer.size() + token.size() ||
+        authorization.substr(0, kBearer.size()) != kBearer) {
         return false;
     }
     return CRYPTO_memcmp(authorization.data() + kBearer.size(), token.data(), token.size()) == 0;
@@ -126,7 +127,11 @@ std::string readAdminToken(const std::string& path) {
 
 AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
                            std::function<MetricsSnapshot()> snapshot)
-    : service_(service), metrics_(metrics), work_(work), token_(std::move(token)), snapshot_(std::move(snapshot)) {}
+    : service_(service),
+      metrics_(metrics),
+      work_(work),
+      token_(std::move(token)),
+      snapshot_(std::move(snapshot)) {}
 
 void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
@@ -155,8 +160,9 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
         // The database check opens a connection: off the connection's thread.
         const bool posted = work_.post([this, respond] {
             const bool reachable = service_.databaseReachable();
-            HttpReply reply = reachable ? jsonReply(200, {{"status", "ready"}, {"places", service_.placesIndexed()}})
-                                        : errorReply(503, "the database cannot be read");
+            HttpReply reply =
+                reachable ? jsonReply(200, {{"status", "ready"}, {"places", service_.placesIndexed()}})
+                          : errorReply(503, "the database cannot be read");
             reply.route = Route::health;
             respond(std::move(reply));
         });
@@ -172,15 +178,15 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
         return respond(errorReply(403, "the admin API is off: start tovrel-server with --admin-token-file"));
     }
     if (!tokenMatches(request.authorization, token_)) {
-        HttpReply reply = errorReply(401, "the admin API needs \"Authorization: Bearer <token>\" with the token "
-                                          "of --admin-token-file");
+        HttpReply reply = errorReply(401,
+                                     "the admin API needs \"Authorization: Bearer <token>\" with the token "
+                                     "of --admin-token-file");
         reply.authenticate = "Bearer";
         return respond(std::move(reply));
     }
-    const bool posted = work_.post([this, respond, method = std::string(request.method),
-                                    target = std::string(request.target), body = std::string(request.body)] {
-        respond(administer(method, target, body));
-    });
+    const bool posted =
+        work_.post([this, respond, method = std::string(request.method), target = std::string(request.target),
+                    body = std::string(request.body)] { respond(administer(method, target, body)); });
     if (!posted) {
         HttpReply reply = errorReply(503, "the admin queue is full");
         reply.retryAfter = "1";
@@ -188,7 +194,8 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     }
 }
 
-HttpReply AdminHandler::administer(const std::string& method, const std::string& target, const std::string& body) {
+HttpReply AdminHandler::administer(const std::string& method, const std::string& target,
+                                   const std::string& body) {
     try {
         const std::string_view path = std::string_view(target).substr(0, target.find_first_of("?#"));
         const std::vector<std::string> parts = segments(path.substr(kPrefix.size()));
@@ -204,7 +211,8 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         // Actions on one item: .../KIND/ID/disable|enable|rotate, DELETE .../KIND/ID.
         const auto toggle = [&](auto&& setDisabled, bool catalog) -> HttpReply {
             if (parts.size() != 3 || !post || (parts[2] != "disable" && parts[2] != "enable")) {
-                throw ApiError(404, "use POST " + std::string(path.substr(0, path.rfind('/'))) + "/disable or /enable");
+                throw ApiError(
+                    404, "use POST " + std::string(path.substr(0, path.rfind('/'))) + "/disable or /enable");
             }
             const bool disabled = parts[2] == "disable";
             if (!service_.change([&](Database& db) { return setDisabled(db, disabled); }, catalog)) {
@@ -221,7 +229,9 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
 
         if (kind == "apps") {
             if (parts.size() == 1 && get) {
-                return jsonReply(200, {{"apps", service_.change([](Database& db) { return admin_store::listApps(db); }, false)}});
+                return jsonReply(
+                    200, {{"apps",
+                           service_.change([](Database& db) { return admin_store::listApps(db); }, false)}});
             }
             if (parts.size() == 1 && post) {
                 const json req = parseObjectBody(body);
@@ -236,46 +246,57 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 return remove([&](Database& db) { return admin_store::removeApp(db, parts[1]); }, false);
             }
             if (parts.size() == 3 && post && parts[2] == "rotate") {
-                const auto fresh =
-                    service_.change([&](Database& db) { return admin_store::rotateApp(db, parts[1]); }, false);
+                const auto fresh = service_.change(
+                    [&](Database& db) { return admin_store::rotateApp(db, parts[1]); }, false);
                 if (!fresh) {
                     throw ApiError(404, "there is no app " + parts[1]);
                 }
                 return jsonReply(200, {{"key", *fresh}, {"previous", parts[1]}});
             }
             if (parts.size() == 3) {
-                return toggle([&](Database& db, bool d) { return admin_store::setAppDisabled(db, parts[1], d); }, false);
+                return toggle(
+                    [&](Database& db, bool d) { return admin_store::setAppDisabled(db, parts[1], d); },
+                    false);
             }
         } else if (kind == "campaigns") {
             if (parts.size() == 1 && get) {
-                return jsonReply(200, {{"campaigns", service_.change([](Database& db) { return admin_store::listCampaigns(db); }, false)}});
+                return jsonReply(
+                    200,
+                    {{"campaigns",
+                      service_.change([](Database& db) { return admin_store::listCampaigns(db); }, false)}});
             }
             if (parts.size() == 1 && post) {
-                const CatalogData data = parseGeoJson(placeFile(json::array(), json::array({parseObjectBody(body)})).dump(), "the campaign");
+                const CatalogData data = parseGeoJson(
+                    placeFile(json::array(), json::array({parseObjectBody(body)})).dump(), "the campaign");
                 const ImportSummary summary =
                     service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
                 return jsonReply(200, {{"campaigns", summary.campaigns}});
             }
             if (parts.size() >= 2) {
-                const auto id = service_.change([&](Database& db) { return admin_store::findCampaign(db, parts[1]); }, false);
+                const auto id = service_.change(
+                    [&](Database& db) { return admin_store::findCampaign(db, parts[1]); }, false);
                 if (!id) {
                     throw ApiError(404, "there is no campaign " + parts[1]);
                 }
                 if (parts.size() == 2 && del) {
                     return remove([&](Database& db) { return admin_store::removeCampaign(db, *id); }, true);
                 }
-                return toggle([&](Database& db, bool d) { return admin_store::setCampaignDisabled(db, *id, d); }, true);
+                return toggle(
+                    [&](Database& db, bool d) { return admin_store::setCampaignDisabled(db, *id, d); }, true);
             }
         } else if (kind == "offers") {
             if (parts.size() == 1 && get) {
-                return jsonReply(200, {{"offers", service_.change([](Database& db) { return admin_store::listOffers(db); }, false)}});
+                return jsonReply(
+                    200, {{"offers", service_.change([](Database& db) { return admin_store::listOffers(db); },
+                                                     false)}});
             }
             if (parts.size() >= 2) {
                 const int64_t id = idOf(parts[1], "an offer's eventId");
                 if (parts.size() == 2 && del) {
                     return remove([&](Database& db) { return admin_store::removeOffer(db, id); }, true);
                 }
-                return toggle([&](Database& db, bool d) { return admin_store::setOfferDisabled(db, id, d); }, true);
+                return toggle([&](Database& db, bool d) { return admin_store::setOfferDisabled(db, id, d); },
+                              true);
             }
         } else if (kind == "places") {
             if (parts.size() == 1 && get) {
@@ -284,14 +305,18 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 const int64_t from = after.empty() ? 0 : idOf(after, "a placeId");
                 const int64_t limit = limitText.empty() ? kDefaultPageSize : idOf(limitText, "a page size");
                 const int pageSize = static_cast<int>(std::clamp<int64_t>(limit, 1, kMaxPageSize));
-                json page = service_.change([&](Database& db) { return admin_store::listPlaces(db, from, pageSize); }, false);
-                json next = page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"] : json(nullptr);
+                json page = service_.change(
+                    [&](Database& db) { return admin_store::listPlaces(db, from, pageSize); }, false);
+                json next = page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"]
+                                                                              : json(nullptr);
                 return jsonReply(200, {{"places", std::move(page)}, {"next", std::move(next)}});
             }
             if (parts.size() == 1 && post) {
                 const json feature = parseObjectBody(body, 64);
-                const json campaigns = service_.change([](Database& db) { return admin_store::campaignDefinitions(db); }, false);
-                const CatalogData data = parseGeoJson(placeFile(json::array({feature}), campaigns).dump(), "the place");
+                const json campaigns =
+                    service_.change([](Database& db) { return admin_store::campaignDefinitions(db); }, false);
+                const CatalogData data =
+                    parseGeoJson(placeFile(json::array({feature}), campaigns).dump(), "the place");
                 const ImportSummary summary =
                     service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
                 return jsonReply(200, {{"places", summary.places}, {"offers", summary.offers}});
@@ -301,7 +326,8 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 if (parts.size() == 2 && del) {
                     return remove([&](Database& db) { return admin_store::removePlace(db, id); }, true);
                 }
-                return toggle([&](Database& db, bool d) { return admin_store::setPlaceDisabled(db, id, d); }, true);
+                return toggle([&](Database& db, bool d) { return admin_store::setPlaceDisabled(db, id, d); },
+                              true);
             }
         } else if (kind == "import" && parts.size() == 1 && post) {
             const bool dryRun = queryValue(target, "dry_run") == "1";
@@ -313,7 +339,8 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                                        {"campaigns", data.campaigns.size()},
                                        {"apps", data.apps.size()}});
             }
-            const ImportSummary summary = service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+            const ImportSummary summary =
+                service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
             return jsonReply(200, {{"places", summary.places},
                                    {"offers", summary.offers},
                                    {"campaigns", summary.campaigns},

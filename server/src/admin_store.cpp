@@ -44,8 +44,10 @@ json listApps(Database& db) {
     json apps = json::array();
     Statement st = db.prepare("SELECT key, name, created_at, disabled FROM apps ORDER BY key");
     while (st.step()) {
-        apps.push_back(
-            {{"key", st.text(0)}, {"name", st.text(1)}, {"createdAt", st.real(2)}, {"disabled", st.integer(3) != 0}});
+        apps.push_back({{"key", st.text(0)},
+                        {"name", st.text(1)},
+                        {"createdAt", st.real(2)},
+                        {"disabled", st.integer(3) != 0}});
     }
     return apps;
 }
@@ -55,8 +57,9 @@ std::string addApp(Database& db, std::string key, const std::string& name, doubl
         key = randomKey();
     }
     const bool existed = db.prepare("SELECT 1 FROM apps WHERE key = ?").with(key).step();
-    db.prepare("INSERT INTO apps(key, name, created_at) VALUES(?, ?, ?) ON CONFLICT(key) DO UPDATE SET name = "
-               "excluded.name")
+    db.prepare(
+          "INSERT INTO apps(key, name, created_at) VALUES(?, ?, ?) ON CONFLICT(key) DO UPDATE SET name = "
+          "excluded.name")
         .with(key, name, now)
         .run();
     if (added != nullptr) {
@@ -124,7 +127,7 @@ bool setCampaignDisabled(Database& db, int64_t id, bool disabled) {
 bool removeCampaign(Database& db, int64_t id) {
     if (db.prepare("SELECT 1 FROM offers WHERE campaign = ?").with(id).step()) {
         throw Conflict("campaign " + std::to_string(id) +
-                               " still has offers: remove them or disable the campaign");
+                       " still has offers: remove them or disable the campaign");
     }
     return changedRows(db, "DELETE FROM campaigns WHERE id = ?", id, std::nullopt);
 }
@@ -132,7 +135,8 @@ bool removeCampaign(Database& db, int64_t id) {
 json listOffers(Database& db) {
     json offers = json::array();
     Statement st = db.prepare(
-        "SELECT o.id, c.name, o.event_name, o.media_type, o.media_url, o.dwell_time, o.event_type, o.disabled, "
+        "SELECT o.id, c.name, o.event_name, o.media_type, o.media_url, o.dwell_time, o.event_type, "
+        "o.disabled, "
         "(SELECT count(*) FROM place_offers p WHERE p.offer = o.id) FROM offers o JOIN campaigns c ON c.id = "
         "o.campaign ORDER BY o.id");
     while (st.step()) {

@@ -23,10 +23,14 @@ bool validHost(std::string_view host) {
 
 Route routeOf(std::string_view path) {
     static constexpr std::pair<std::string_view, Route> kRoutes[] = {
-        {"/v1/session", Route::session},           {"/v2/place", Route::place},
-        {"/v1/deviceevent/link", Route::link},     {"/v1/deviceevent/update", Route::update},
-        {"/v1/deviceevent/clear", Route::clear},   {"/v1/devicetag/update", Route::tagUpdate},
-        {"/v1/devicetag/delete", Route::tagDelete}, {"/v1/log", Route::log}};
+        {"/v1/session", Route::session},
+        {"/v2/place", Route::place},
+        {"/v1/deviceevent/link", Route::link},
+        {"/v1/deviceevent/update", Route::update},
+        {"/v1/deviceevent/clear", Route::clear},
+        {"/v1/devicetag/update", Route::tagUpdate},
+        {"/v1/devicetag/delete", Route::tagDelete},
+        {"/v1/log", Route::log}};
     for (const auto& [name, route] : kRoutes) {
         if (name == path) {
             return route;
@@ -82,10 +86,9 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
         if (auto reply = service_.answerInMemory(path, req, base)) {
             return respond(replyOf(std::move(*reply), route));
         }
-        auto job = [&service = service_, path = std::string(path), req = std::move(req), base = std::move(base),
-                    respond, route]() {
-            respond(replyOf(service.handleParsed(path, req, base), route));
-        };
+        auto job = [&service = service_, path = std::string(path), req = std::move(req),
+                    base = std::move(base), respond,
+                    route]() { respond(replyOf(service.handleParsed(path, req, base), route)); };
         if (!database_.post(std::move(job))) {
             HttpReply reply = error(503, "the server is busy; try again shortly", route);
             reply.retryAfter = "1";

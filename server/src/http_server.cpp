@@ -1,5 +1,8 @@
 #include "http_server.h"
 
+#include <openssl/err.h>
+#include <openssl/x509.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -563,6 +566,10 @@ ssl::context makeTlsContext(const HttpOptions& options) {
                                  ec.message());
     }
     context.use_private_key_file(options.tlsKeyFile, ssl::context::pem, ec);
+    if (ec && ERR_GET_REASON(static_cast<unsigned long>(ec.value())) == X509_R_KEY_VALUES_MISMATCH) {
+        throw std::runtime_error("the TLS key " + options.tlsKeyFile + " does not match the certificate " +
+                                 options.tlsCertificateFile);
+    }
     if (ec) {
         throw std::runtime_error("cannot read the TLS key " + options.tlsKeyFile + ": " + ec.message());
     }

@@ -17,7 +17,8 @@ constexpr const char* kLevelNames[] = {"debug", "info", "warn", "error", "off"};
 
 void appendTime(std::string& out, double unixSeconds) {
     const auto whole = static_cast<std::time_t>(std::floor(unixSeconds));
-    const int millis = std::clamp(static_cast<int>((unixSeconds - static_cast<double>(whole)) * 1000), 0, 999);
+    const int millis =
+        std::clamp(static_cast<int>((unixSeconds - static_cast<double>(whole)) * 1000), 0, 999);
     std::tm utc{};
     gmtime_r(&whole, &utc);
     char text[40];

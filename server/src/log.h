@@ -23,7 +23,9 @@ class LogLine {
     LogLine(LogLevel level, std::string_view event, double unixSeconds);
     LogLine& add(std::string_view name, std::string_view value);
     LogLine& add(std::string_view name, const char* value) { return add(name, std::string_view(value)); }
-    LogLine& add(std::string_view name, const std::string& value) { return add(name, std::string_view(value)); }
+    LogLine& add(std::string_view name, const std::string& value) {
+        return add(name, std::string_view(value));
+    }
     LogLine& add(std::string_view name, std::int64_t value);
     LogLine& add(std::string_view name, int value) { return add(name, static_cast<std::int64_t>(value)); }
     LogLine& add(std::string_view name, std::uint64_t value);

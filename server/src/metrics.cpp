@@ -10,11 +10,19 @@ namespace tovrel_server {
 
 namespace {
 
-constexpr std::array<std::string_view, kRouteCount> kRouteLabels = {
-    "/v1/session",          "/v2/place",           "/v1/deviceevent/link", "/v1/deviceevent/update",
-    "/v1/deviceevent/clear", "/v1/devicetag/update", "/v1/devicetag/delete", "/v1/log",
-    "page",                 "admin",               "health",               "metrics",
-    "other"};
+constexpr std::array<std::string_view, kRouteCount> kRouteLabels = {"/v1/session",
+                                                                    "/v2/place",
+                                                                    "/v1/deviceevent/link",
+                                                                    "/v1/deviceevent/update",
+                                                                    "/v1/deviceevent/clear",
+                                                                    "/v1/devicetag/update",
+                                                                    "/v1/devicetag/delete",
+                                                                    "/v1/log",
+                                                                    "page",
+                                                                    "admin",
+                                                                    "health",
+                                                                    "metrics",
+                                                                    "other"};
 
 // The statuses the server answers get a slot each; the last slot is every other status.
 constexpr std::array<unsigned, 15> kStatuses = {200, 201, 400, 401, 403, 404, 405, 409,
@@ -44,9 +52,8 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
                         .Name("tovrel_request_duration_seconds")
                         .Help("Time from a request's last byte read to its answer handed to the socket")
                         .Register(*registry_);
-    const prometheus::Histogram::BucketBoundaries buckets = {0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005,
-                                                             0.01,   0.025,   0.05,   0.1,   0.25,   0.5,
-                                                             1,      2.5,     5};
+    const prometheus::Histogram::BucketBoundaries buckets = {
+        0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5};
     for (std::size_t r = 0; r < kRouteCount; ++r) {
         latency_[r] = &latency.Add({{"route", std::string(kRouteLabels[r])}}, buckets);
     }
@@ -56,12 +63,14 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     const auto gauge = [this](const char* name, const char* help) {
         return &prometheus::BuildGauge().Name(name).Help(help).Register(*registry_).Add({});
     };
-    refusedCounter_ =
-        counter("tovrel_connections_refused_total", "Connections refused over --max-connections or the per-address cap");
+    refusedCounter_ = counter("tovrel_connections_refused_total",
+                              "Connections refused over --max-connections or the per-address cap");
     limitedCounter_ = counter("tovrel_rate_limited_requests_total", "Requests answered 429 by a rate limit");
     dbErrors_ = counter("tovrel_database_errors_total", "Database failures answered 500");
-    dbBusy_ = counter("tovrel_database_busy_total", "Requests answered 503 because the database stayed locked");
-    dbBusySeconds_ = counter("tovrel_database_busy_seconds_total", "Time spent waiting for a locked database");
+    dbBusy_ =
+        counter("tovrel_database_busy_total", "Requests answered 503 because the database stayed locked");
+    dbBusySeconds_ =
+        counter("tovrel_database_busy_seconds_total", "Time spent waiting for a locked database");
     openConnections_ = gauge("tovrel_open_connections", "Connections open on the public listener");
     places_ = gauge("tovrel_places_indexed", "Places in the in-memory index");
     sessions_ = gauge("tovrel_sessions_cached", "Session keys held in memory");

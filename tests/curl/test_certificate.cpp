@@ -80,6 +80,13 @@ TestCertificate::TestCertificate()
     const bool written = PEM_write_X509(file, cert) == 1;
     std::fclose(file);
     require(written, "PEM_write_X509 failed");
+    keyFile_ = directory_ + "/key.pem";
+    file = std::fopen(keyFile_.c_str(), "w");
+    require(file != nullptr, "cannot write the key");
+    const bool keyWritten =
+        PEM_write_PrivateKey(file, key_.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1;
+    std::fclose(file);
+    require(keyWritten, "PEM_write_PrivateKey failed");
 
     context_.reset(SSL_CTX_new(TLS_server_method()));
     require(context_ != nullptr, "SSL_CTX_new failed");

@@ -20,6 +20,8 @@ class TestCertificate {
 
     /// The PEM certificate, usable as a client's CA file.
     [[nodiscard]] const std::string& certificateFile() const { return certificateFile_; }
+    /// The PEM private key of the certificate, for a server that reads files.
+    [[nodiscard]] const std::string& keyFile() const { return keyFile_; }
     /// base64(sha256(DER SubjectPublicKeyInfo)) of the certificate's key.
     [[nodiscard]] std::string pin() const;
     /// A server context presenting this certificate.
@@ -31,6 +33,7 @@ class TestCertificate {
     std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_;
     std::string directory_;
     std::string certificateFile_;
+    std::string keyFile_;
 };
 
 /// The pin of a freshly generated key that no server presents.
