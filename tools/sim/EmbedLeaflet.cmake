@@ -76,3 +76,5 @@ endif()
 string(APPEND _code "\n}  // namespace tovrel::sim\n")
 file(WRITE "${_generated}" "${_code}")
 configure_file("${_generated}" "${TOVREL_SIM_LEAFLET_SOURCE}" COPYONLY)
+# For the browser test, in another folder.
+set(TOVREL_SIM_HAVE_LEAFLET ${TOVREL_SIM_HAVE_LEAFLET} CACHE INTERNAL "tovrel-sim's reports embed Leaflet")

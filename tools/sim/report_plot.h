@@ -25,7 +25,7 @@ AxisTicks timeTicks(double seconds, int maxTicks);
 /// "m:ss" ("12:05") for times under an hour when `hours` is false, "h:mm" ("1:05") when true. Pure.
 std::string formatClock(double seconds, bool hours);
 
-/// "0 m", "250 m", "1 km", "1.5 km" (kilometres from 1000 m on, with as many decimals as `step`
+/// "0 m", "250 m", "1.0 km", "1.5 km" (kilometres from 1000 m on, with as many decimals as `step`
 /// needs). Pure.
 std::string formatMetres(double metres, double step);
 
