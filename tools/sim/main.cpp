@@ -78,7 +78,13 @@ int main(int argc, char** argv) {
     std::string tiles = tovrel::sim::kOpenStreetMapTiles;
     run->add_option("--tiles", tiles,
                     "Map tiles the report loads when viewed online: a URL template with {z}, {x}, {y} "
-                    "(default OpenStreetMap), or off");
+                    "(default OpenStreetMap), or off")
+        ->check([](const std::string& value) {
+            const bool usable = value == "off" || (value.find("{z}") != std::string::npos &&
+                                                   value.find("{x}") != std::string::npos &&
+                                                   value.find("{y}") != std::string::npos);
+            return usable ? std::string() : "a URL template with {z}, {x} and {y}, or off";
+        });
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
     run->add_option("--session-attempts", options.sessionAttempts,
