@@ -148,6 +148,44 @@ class ReportInBrowser : public ::testing::Test {
     }
 };
 
+#if TOVREL_SIM_HAVE_LEAFLET
+/// A 1×1 PNG in a light tan, for tiles read from a file.
+constexpr unsigned char kTilePng[] = {0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x00, 0x00, 0x00, 0x0d,
+                                      0x49, 0x48, 0x44, 0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01,
+                                      0x08, 0x02, 0x00, 0x00, 0x00, 0x90, 0x77, 0x53, 0xde, 0x00, 0x00, 0x00,
+                                      0x0c, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9c, 0x63, 0xf8, 0xf0, 0xec, 0x04,
+                                      0x00, 0x05, 0x68, 0x02, 0x9f, 0x2f, 0x6f, 0xb0, 0xa5, 0x00, 0x00, 0x00,
+                                      0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
+
+TEST_F(ReportInBrowser, TilesFromTheTemplateLieUnderTheCircles) {
+    const auto browser = findChromium();
+    if (!browser) {
+        GTEST_SKIP()
+            << "Chromium not found (the Debian package chromium; scripts/setup.sh installs it, or set "
+               "TOVREL_CHROMIUM): the report is not loaded in a browser";
+    }
+    const fs::path tile = dir / "tile.png";
+    std::ofstream(tile, std::ios::binary).write(reinterpret_cast<const char*>(kTilePng), sizeof kTilePng);
+    // A file URL ignores its query: every tile is the same file.
+    const Finished sim =
+        runBounded({TOVREL_SIM_BINARY, "run", "--quiet", "--route",
+                    std::string(TOVREL_EXAMPLES_DIR) + "/routes/held-offer-walk.csv", "--tiles",
+                    "file://" + tile.string() + "?{z}/{x}/{y}", "--report", (dir / "report.html").string()},
+                   dir / "sim.out", dir / "sim.err", std::chrono::seconds(60));
+    ASSERT_FALSE(sim.timedOut);
+    ASSERT_EQ(sim.status, 0) << readAll(dir / "sim.err");
+    const Finished dump = runBounded(chromium(*browser, "--dump-dom"), dir / "dom.html", dir / "dump.err",
+                                     std::chrono::seconds(90));
+    ASSERT_FALSE(dump.timedOut) << "Chromium did not finish within 90 s";
+    ASSERT_EQ(dump.status, 0) << readAll(dir / "dump.err");
+    const std::string dom = readAll(dir / "dom.html");
+    EXPECT_GE(countMatches(dom, std::regex(R"(<img [^>]*class="leaflet-tile leaflet-tile-loaded")")), 1u);
+    EXPECT_NE(dom.find("<span id=\"map-note\"></span>"), std::string::npos)
+        << "no plain background when tiles load";
+    EXPECT_GE(countMatches(dom, std::regex(R"(<path class="place [a-z]+ leaflet-interactive")")), 1u);
+}
+#endif
+
 TEST_F(ReportInBrowser, MapCirclesAndTimelineFilterExistAfterScriptsRan) {
     const auto browser = findChromium();
     if (!browser) {

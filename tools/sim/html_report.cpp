@@ -388,7 +388,8 @@ std::string tileAttribution(const std::string& tiles) {
     }
     const auto scheme = tiles.find("://");
     const auto start = scheme == std::string::npos ? 0 : scheme + 3;
-    return "Tiles: " + escapeHtml(tiles.substr(start, tiles.find('/', start) - start));
+    const std::string host = tiles.substr(start, tiles.find('/', start) - start);
+    return host.empty() ? std::string() : "Tiles: " + escapeHtml(host);
 }
 
 constexpr const char* kStyle = R"(
