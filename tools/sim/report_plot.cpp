@@ -104,7 +104,7 @@ std::string formatMetres(double metres, double step) {
 
 void writeSvgPlot(std::ostream& out, const std::string& title, const std::vector<PlotSeries>& series,
                   double duration, bool steps) {
-    constexpr double kWidth = 900, kHeight = 230, kLeft = 70, kRight = 14, kTop = 12, kBottom = 40;
+    constexpr double kWidth = 900, kHeight = 230, kLeft = 70, kRight = 30, kTop = 12, kBottom = 40;
     double low = 0, high = 1;
     for (const auto& one : series) {
         for (const auto& s : one.samples) {
