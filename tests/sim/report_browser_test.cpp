@@ -252,6 +252,10 @@ TEST_F(ReportInBrowser, MapCirclesAndTimelineFilterExistAfterScriptsRan) {
     EXPECT_EQ(dom.find("<script>document.title"), std::string::npos)
         << "a name from the places file became a script";
     EXPECT_NE(dom.find("Café \"Quote\" &lt;/script&gt;"), std::string::npos) << "the name shown as text";
+#if TOVREL_SIM_HAVE_LEAFLET
+    EXPECT_NE(dom.find("<span>Marienplatz: Café \"Quote\" &lt;/script&gt;"), std::string::npos)
+        << "the circle's label: the place's name from the place file, its offers";
+#endif
 
     const fs::path screenshots = TOVREL_SCREENSHOT_DIR;
     fs::create_directories(screenshots);

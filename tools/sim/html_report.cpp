@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include "catalog_data.h"
 #include "report_escape.h"
 #include "report_map.h"
 #include "report_plot.h"
@@ -52,9 +54,30 @@ std::string fixed(double value, int decimals) {
     return out.str();
 }
 
+/// Place names by place id from the place file the embedded service imported; none when it cannot be
+/// read (the names are only labels).
+std::map<std::string, std::string> placeNames(const std::filesystem::path& file) {
+    std::map<std::string, std::string> names;
+    if (file.empty()) {
+        return names;
+    }
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    try {
+        for (const auto& place : tovrel_server::parseGeoJson(content.str(), file.string()).places) {
+            names[std::to_string(place.id)] = place.name;
+        }
+    } catch (const std::exception&) {
+        names.clear();
+    }
+    return names;
+}
+
 /// Places the service described, grouped by place, from the bodies of the places answers; each
 /// offer's state from the run's outcome events.
-std::vector<MapPlace> collectPlaces(const std::vector<json>& events) {
+std::vector<MapPlace> collectPlaces(const std::vector<json>& events,
+                                    const std::map<std::string, std::string>& names) {
     std::map<std::string, MapPlace> byPlace;
     std::vector<std::string> order;
     std::map<std::string, json> outcomes;
@@ -83,6 +106,9 @@ std::vector<MapPlace> collectPlaces(const std::vector<json>& events) {
                 place.latitude = number(field(record, "centroidLat"));
                 place.longitude = number(field(record, "centroidLon"));
                 place.radius = number(field(record, "centroidRadius"));
+                if (const auto name = names.find(placeId); name != names.end()) {
+                    place.name = name->second;
+                }
             }
             const std::string eventId = text(field(record, "eventId"));
             const bool known = std::any_of(place.offers.begin(), place.offers.end(),
@@ -418,7 +444,7 @@ double distanceMetres(double lat1, double lon1, double lat2, double lon2) {
 }
 
 void writeHtmlReport(const ReportInput& input, std::ostream& out) {
-    const auto places = collectPlaces(input.events);
+    const auto places = collectPlaces(input.events, placeNames(input.placesFile));
     double duration = input.route.duration();
     for (const auto& event : input.events) {
         duration = std::max(duration, event.value("t", 0.0));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
@@ -21,6 +22,9 @@ struct ReportInput {
     std::size_t eventsNotKept = 0;       ///< later events, in the events file only
     /// Map tiles the viewer's browser loads ({z}/{x}/{y}, optional {s}); "off" or empty for none.
     std::string tiles = kOpenStreetMapTiles;
+    /// The embedded service's place file, for the places' names (the service's answers carry only
+    /// offers); empty when the run talked to another service.
+    std::filesystem::path placesFile;
 };
 
 /// A self-contained HTML page (no network needed to view it): the outcome of every offer; a summary

@@ -179,7 +179,7 @@ int main(int argc, char** argv) {
     if (report.is_open()) {
         tovrel::sim::writeHtmlReport(
             {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
-             outcome.wallSeconds, outcome.eventsNotKept, tiles},
+             outcome.wallSeconds, outcome.eventsNotKept, tiles, service.empty() ? options.placesFile : ""},
             report);
     }
     const auto count = [&outcome](const char* type) {

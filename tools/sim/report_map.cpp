@@ -122,11 +122,12 @@ std::string placeState(const MapPlace& place) {
 }
 
 std::string placeLabel(const MapPlace& place) {
-    std::string label;
+    std::string offers;
     for (const auto& offer : place.offers) {
-        label += (label.empty() ? "" : " / ") + offer.name;
+        offers += (offers.empty() ? "" : " / ") + offer.name;
     }
-    return label.empty() ? "place " + place.placeId : label;
+    const std::string name = place.name.empty() ? "place " + place.placeId : place.name;
+    return offers.empty() ? name : name + ": " + offers;
 }
 
 json mapData(const MapInput& input, const Views& v) {
@@ -151,6 +152,7 @@ json mapData(const MapInput& input, const Views& v) {
                               {"reason", offer.reason}});
         }
         places.push_back({{"id", place.placeId},
+                          {"name", place.name},
                           {"lat", place.latitude},
                           {"lon", place.longitude},
                           {"r", place.radius},
@@ -211,7 +213,7 @@ constexpr const char* kMapScript = R"JS(
   data.places.forEach(function (p) {
     var circle = L.circle([p.lat, p.lon], {radius: p.r, className: 'place ' + p.state, weight: 1.5});
     var popup = element('div', 'popup');
-    popup.appendChild(element('b', '', 'Place ' + p.id + ' (' + Math.round(p.r) + ' m)'));
+    popup.appendChild(element('b', '', (p.name ? p.name + ', place ' : 'Place ') + p.id + ' (' + Math.round(p.r) + ' m)'));
     p.offers.forEach(function (o) {
       var row = element('div', 'offer ' + o.state);
       row.appendChild(element('b', '', o.name));

@@ -23,6 +23,7 @@ struct MapOffer {
 /// A circle the service named, with every offer it carries.
 struct MapPlace {
     std::string placeId;
+    std::string name;  ///< from the place file, when the report has it
     double latitude = 0;
     double longitude = 0;
     double radius = 0;
