@@ -210,6 +210,8 @@ constexpr const char* kMapScript = R"JS(
     if (text !== undefined) e.textContent = text;
     return e;
   }
+  var labelled = [];
+  var rank = {delivered: 0, linked: 1, entered: 2, missed: 3};
   data.places.forEach(function (p) {
     var circle = L.circle([p.lat, p.lon], {radius: p.r, className: 'place ' + p.state, weight: 1.5});
     var popup = element('div', 'popup');
@@ -227,7 +229,9 @@ constexpr const char* kMapScript = R"JS(
       permanent: true, direction: 'top', className: 'place-label ' + (p.state === 'missed' ? 'quiet' : 'busy')
     });
     circle.addTo(map);
+    labelled.push({tooltip: circle.getTooltip(), rank: rank[p.state]});
   });
+  labelled.sort(function (a, b) { return a.rank - b.rank; });
   if (data.route.length) {
     L.polyline(data.route, {className: 'route-line', weight: 3, interactive: false}).addTo(map);
     L.circleMarker(data.route[0], {radius: 5, className: 'start'}).bindTooltip('start').addTo(map);
@@ -241,8 +245,23 @@ constexpr const char* kMapScript = R"JS(
       .bindTooltip(element('span', '', m.kind + ' at ' + clock(m.t) + (m.detail ? ' ' + m.detail : '')))
       .addTo(map);
   });
-  function labels() { box.classList.toggle('far', map.getZoom() < 17); }
-  map.on('zoomend', labels);
+  // Labels that would cover one of a place that matters more are hidden until zoomed in.
+  function labels() {
+    box.classList.toggle('far', map.getZoom() < 17);
+    var shown = [];
+    labelled.forEach(function (l) {
+      var e = l.tooltip.getElement();
+      if (!e) return;
+      e.style.visibility = '';
+      var r = e.getBoundingClientRect();
+      if (!r.width) return;
+      var covers = shown.some(function (s) {
+        return r.left < s.right && s.left < r.right && r.top < s.bottom && s.top < r.bottom;
+      });
+      if (covers) e.style.visibility = 'hidden'; else shown.push(r);
+    });
+  }
+  map.on('zoomend moveend', labels);
   map.fitBounds(data.focus, {padding: [16, 16]});
   labels();
   document.getElementById('fit-focus').onclick = function () { map.fitBounds(data.focus, {padding: [16, 16]}); };
