@@ -120,7 +120,8 @@ class ReportInBrowser : public ::testing::Test {
         return file;
     }
 
-    std::vector<std::string> chromium(const fs::path& binary, const std::string& what) const {
+    std::vector<std::string> chromium(const fs::path& binary, const std::string& what,
+                                      const std::string& fragment = "") const {
         std::vector<std::string> args{binary.string(),
                                       "--headless",
                                       "--disable-gpu",
@@ -143,7 +144,7 @@ class ReportInBrowser : public ::testing::Test {
         if (::geteuid() == 0) {
             args.insert(args.begin() + 1, "--no-sandbox");
         }
-        args.push_back("file://" + (dir / "report.html").string());
+        args.push_back("file://" + (dir / "report.html").string() + fragment);
         return args;
     }
 };
@@ -246,6 +247,23 @@ TEST_F(ReportInBrowser, MapCirclesAndTimelineFilterExistAfterScriptsRan) {
     EXPECT_TRUE(
         std::regex_search(dom, std::regex(R"(<span id="filter-count">[0-9]+ of [0-9]+ events shown</span>)")))
         << "the filter's script ran";
+
+    // The offers table links each offer to its events: the fragment selects them in the timeline.
+    const Finished filtered =
+        runBounded(chromium(*browser, "--dump-dom", "#offer=1001"), dir / "filtered.html",
+                   dir / "filtered.err", std::chrono::seconds(90));
+    ASSERT_FALSE(filtered.timedOut) << "Chromium did not finish within 90 s";
+    const std::string selected = readAll(dir / "filtered.html");
+    std::smatch shown;
+    ASSERT_TRUE(std::regex_search(
+        selected, shown, std::regex(R"(<span id="filter-count">([0-9]+) of ([0-9]+) events shown</span>)")));
+    EXPECT_GT(std::stoi(shown[1]), 0) << "the link request, notification and outcome of offer 1001";
+    EXPECT_LT(std::stoi(shown[1]), std::stoi(shown[2]));
+    EXPECT_EQ(countMatches(selected, std::regex(R"(<tr data-kind="[^"]*" data-offer="1001">)")),
+              static_cast<std::size_t>(std::stoi(shown[1])))
+        << "the rows of other offers are hidden";
+    EXPECT_EQ(countMatches(selected, std::regex(R"(<tr data-kind="[^"]*" data-offer="(?!1001")[^"]*">)")),
+              0u);
 
     EXPECT_NE(dom.find("<title>Tovrel simulation: city-walk.csv</title>"), std::string::npos)
         << "a name from the places file ran as script";

@@ -1,6 +1,7 @@
 #include "html_report.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -348,7 +349,19 @@ constexpr const char* kTimelineScript = R"JS(
   }
   kind.addEventListener('change', apply);
   offer.addEventListener('change', apply);
-  apply();
+  // "#offer=ID" or "#kind=KIND" (the offers table links them) selects and shows the timeline.
+  function fromHash() {
+    var m = /^#(offer|kind)=(.*)$/.exec(location.hash);
+    if (!m) return false;
+    var select = m[1] === 'offer' ? offer : kind;
+    select.value = decodeURIComponent(m[2]);
+    if (select.selectedIndex < 0) select.value = '';
+    apply();
+    document.getElementById('timeline-filters').scrollIntoView();
+    return true;
+  }
+  window.addEventListener('hashchange', fromHash);
+  if (!fromHash()) apply();
 })();
 )JS";
 
@@ -374,7 +387,8 @@ void writeTimeline(std::ostream& out, const std::vector<json>& events, const std
             offerNames.emplace(offer.eventId, offer.name);
         }
     }
-    out << "<div class=\"filters\"><label>Kind <select id=\"filter-kind\"><option value=\"\">all "
+    out << "<div class=\"filters\" id=\"timeline-filters\"><label>Kind <select id=\"filter-kind\"><option "
+           "value=\"\">all "
            "kinds</option>";
     for (const auto& [kind, count] : kinds) {
         out << "<option value=\"" << escapeHtml(kind) << "\">" << escapeHtml(kind) << " (" << count
@@ -406,6 +420,23 @@ void writeTimeline(std::ostream& out, const std::vector<json>& events, const std
         out << "</td></tr>\n";
     }
     out << "</tbody></table>\n<script>" << kTimelineScript << "</script>\n";
+}
+
+/// Every byte but letters, digits and "-._~" as %XX, for a URL fragment.
+std::string percentEncoded(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) != 0 || c == '-' || c == '.' || c == '_' || c == '~') {
+            out += c;
+        } else {
+            constexpr const char* kHex = "0123456789ABCDEF";
+            out += '%';
+            out += kHex[byte >> 4];
+            out += kHex[byte & 15];
+        }
+    }
+    return out;
 }
 
 std::string tileAttribution(const std::string& tiles) {
@@ -512,9 +543,11 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
     out << "<h2>Offers</h2>\n<table><tr><th>offer</th><th>place</th><th>name</th><th>outcome</th></tr>\n";
     for (const auto& event : input.events) {
         if (event.value("type", "") == "outcome") {
-            out << "<tr" << (event.value("delivered", false) ? " class=\"delivered\"" : "") << "><td>"
-                << escapeHtml(text(field(event, "eventId"))) << "</td><td>"
-                << escapeHtml(text(field(event, "placeId"))) << "</td><td>"
+            const std::string eventId = text(field(event, "eventId"));
+            out << "<tr" << (event.value("delivered", false) ? " class=\"delivered\"" : "")
+                << "><td><a href=\"#offer=" << escapeHtml(percentEncoded(eventId))
+                << "\" title=\"this offer's events in the timeline\">" << escapeHtml(eventId)
+                << "</a></td><td>" << escapeHtml(text(field(event, "placeId"))) << "</td><td>"
                 << escapeHtml(text(field(event, "eventName"))) << "</td><td class=\"d\">"
                 << escapeHtml(text(field(event, "reason"))) << "</td></tr>\n";
         }
