@@ -10,8 +10,9 @@ Usage: scripts/setup.sh [--help]
 Installs the Debian packages needed to build Tovrel and run its tests
 (compilers, CMake, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
 CLI11, Boost.Beast, clang's libFuzzer runtime), the linux backend's parts (asio, libgps and
-gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon) and Qt 6 with
-WebEngine for the screens. Safe to run again.
+gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon), Qt 6 with
+WebEngine for the screens, and Leaflet and Chromium for tovrel-sim's HTML report and
+its browser test. Safe to run again.
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
@@ -30,6 +31,8 @@ packages=(
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev
     # Qt backend, tovrel-demo and the screenshot tests
     qt6-base-dev qt6-webengine-dev qt6-image-formats-plugins libgl-dev fonts-dejavu-core
+    # tovrel-sim's report: the map library it embeds, and the browser its test loads the report in
+    libjs-leaflet chromium
 )
 
 missing=()

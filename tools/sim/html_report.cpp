@@ -1,60 +1,31 @@
 #include "html_report.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <map>
-#include <optional>
+#include <set>
 #include <sstream>
+
+#include "catalog_data.h"
+#include "report_escape.h"
+#include "report_map.h"
+#include "report_plot.h"
 
 namespace tovrel::sim {
 namespace {
 
 using nlohmann::json;
 
-struct Place {
-    double lat = 0;
-    double lon = 0;
-    double radius = 0;
-    std::string eventId;
-    std::string name;
-    int eventType = 0;
-};
-
-struct Sample {
-    double t = 0;
-    double value = 0;
-};
-
-std::string escape(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
+constexpr std::size_t kBodyCharacters = 4000;  // a longer body is cut in the timeline (whole in --events)
 
 std::string text(const json& value) {
     if (value.is_string()) {
         return value.get<std::string>();
     }
-    return value.is_null() ? std::string() : value.dump();
+    return value.is_null() ? std::string() : jsonText(value);
 }
 
 double number(const json& value) {
@@ -71,6 +42,11 @@ double number(const json& value) {
     return 0;
 }
 
+const json& field(const json& object, const char* name) {
+    static const json kNull;
+    return object.is_object() && object.contains(name) ? object[name] : kNull;
+}
+
 std::string fixed(double value, int decimals) {
     std::ostringstream out;
     out.setf(std::ios::fixed);
@@ -79,241 +55,412 @@ std::string fixed(double value, int decimals) {
     return out.str();
 }
 
-/// Places the service described, by event and place, from the bodies of the places answers.
-std::vector<Place> collectPlaces(const std::vector<json>& events) {
-    std::map<std::string, Place> byKey;
+/// Place names by place id from the place file the embedded service imported; none when it cannot be
+/// read (the names are only labels).
+std::map<std::string, std::string> placeNames(const std::filesystem::path& file) {
+    std::map<std::string, std::string> names;
+    if (file.empty()) {
+        return names;
+    }
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    try {
+        for (const auto& place : tovrel_server::parseGeoJson(content.str(), file.string()).places) {
+            names[std::to_string(place.id)] = place.name;
+        }
+    } catch (const std::exception&) {
+        names.clear();
+    }
+    return names;
+}
+
+/// Places the service described, grouped by place, from the bodies of the places answers; each
+/// offer's state from the run's outcome events.
+std::vector<MapPlace> collectPlaces(const std::vector<json>& events,
+                                    const std::map<std::string, std::string>& names) {
+    std::map<std::string, MapPlace> byPlace;
+    std::vector<std::string> order;
+    std::map<std::string, json> outcomes;
     for (const auto& event : events) {
-        if (event.value("type", "") != "response" || event.value("path", "") != "/v2/place") {
+        const std::string type = event.value("type", "");
+        if (type == "outcome") {
+            outcomes[text(field(event, "eventId")) + "@" + text(field(event, "placeId"))] = event;
+        }
+        if (type != "response" || event.value("path", "") != "/v2/place") {
             continue;
         }
-        const json& body = event.contains("body") ? event["body"] : json();
-        if (!body.is_object() || !body.contains("places") || !body["places"].is_array()) {
+        const json& records = field(field(event, "body"), "places");
+        if (!records.is_array()) {
             continue;
         }
-        for (const auto& record : body["places"]) {
+        for (const auto& record : records) {
             if (!record.is_object()) {
                 continue;
             }
-            Place place;
-            place.lat = number(record.value("centroidLat", json()));
-            place.lon = number(record.value("centroidLon", json()));
-            place.radius = number(record.value("centroidRadius", json()));
-            place.eventId = text(record.value("eventId", json()));
-            place.name = text(record.value("eventName", json()));
-            place.eventType = static_cast<int>(number(record.value("eventTypeId", json())));
-            byKey[place.eventId + "@" + text(record.value("placeId", json()))] = place;
+            const std::string placeId = text(field(record, "placeId"));
+            auto [entry, added] = byPlace.try_emplace(placeId);
+            MapPlace& place = entry->second;
+            if (added) {
+                order.push_back(placeId);
+                place.placeId = placeId;
+                place.latitude = number(field(record, "centroidLat"));
+                place.longitude = number(field(record, "centroidLon"));
+                place.radius = number(field(record, "centroidRadius"));
+                if (const auto name = names.find(placeId); name != names.end()) {
+                    place.name = name->second;
+                }
+            }
+            const std::string eventId = text(field(record, "eventId"));
+            const bool known = std::any_of(place.offers.begin(), place.offers.end(),
+                                           [&](const MapOffer& offer) { return offer.eventId == eventId; });
+            if (!known) {
+                MapOffer offer;
+                offer.eventId = eventId;
+                offer.name = text(field(record, "eventName"));
+                offer.campaign = text(field(record, "campaignName"));
+                offer.eventType = static_cast<int>(number(field(record, "eventTypeId")));
+                offer.dwellMinutes = static_cast<int>(number(field(record, "dwellTime")));
+                place.offers.push_back(std::move(offer));
+            }
         }
     }
-    std::vector<Place> places;
-    for (auto& [key, place] : byKey) {
+    std::vector<MapPlace> places;
+    for (const auto& placeId : order) {
+        MapPlace& place = byPlace[placeId];
+        for (auto& offer : place.offers) {
+            const auto found = outcomes.find(offer.eventId + "@" + placeId);
+            if (found == outcomes.end()) {
+                offer.state = "missed";
+                continue;
+            }
+            const json& outcome = found->second;
+            offer.reason = text(field(outcome, "reason"));
+            offer.state = outcome.value("delivered", false)            ? "delivered"
+                          : number(field(outcome, "linkRequests")) > 0 ? "linked"
+                          : field(outcome, "enteredAt").is_number()    ? "entered"
+                                                                       : "missed";
+        }
         places.push_back(std::move(place));
     }
     return places;
 }
 
-struct Projection {
-    double lat0 = 0, lon0 = 0, scale = 1, width = 900, height = 560, minX = 0, minY = 0;
-    double metresX(double lon) const { return (lon - lon0) * 111194.93 * std::cos(lat0 * M_PI / 180); }
-    double metresY(double lat) const { return (lat - lat0) * 111194.93; }
-    double x(double lon) const { return 20 + (metresX(lon) - minX) * scale; }
-    double y(double lat) const { return height - 20 - (metresY(lat) - minY) * scale; }
+/// The offer an event concerns, where it names one (directly or through its device event).
+class OfferOfEvent {
+  public:
+    std::string operator()(const json& event) {
+        const std::string type = event.value("type", "");
+        const std::string path = event.value("path", "");
+        const json& body = field(event, "body");
+        if (type == "outcome") {
+            return text(field(event, "eventId"));
+        }
+        if (path == "/v1/deviceevent/link" && type == "request") {
+            return text(field(body, "eventId"));
+        }
+        if (path == "/v1/deviceevent/link" && type == "response") {
+            const json& records = field(body, "places");
+            if (records.is_array() && !records.empty()) {
+                const std::string eventId = text(field(records[0], "eventId"));
+                const json& deviceEvent = field(records[0], "deviceEventId");
+                if (!deviceEvent.is_null()) {
+                    byDeviceEvent_[text(deviceEvent)] = eventId;
+                }
+                return eventId;
+            }
+            return {};
+        }
+        if (path == "/v1/deviceevent/update") {
+            return lookup(text(field(body, "deviceEventId")));
+        }
+        if (type == "notification") {
+            return lookup(text(field(field(event, "userInfo"), "deviceeventId")));
+        }
+        if (type == "alert") {
+            return lookup(text(field(event, "tag")));
+        }
+        if (path == "/v1/log" && type == "request") {
+            const json& message = field(body, "message");
+            if (message.is_object() && !message.empty()) {
+                return text(field(message.begin().value(), "eventid"));
+            }
+        }
+        return {};
+    }
+
+  private:
+    std::string lookup(const std::string& deviceEventId) const {
+        const auto found = byDeviceEvent_.find(deviceEventId);
+        return found == byDeviceEvent_.end() ? std::string() : found->second;
+    }
+    std::map<std::string, std::string> byDeviceEvent_;
 };
 
-Projection fit(const Route& route, const std::vector<Place>& places) {
-    Projection p;
-    if (!route.points.empty()) {
-        p.lat0 = route.points.front().latitude;
-        p.lon0 = route.points.front().longitude;
-    }
-    double minX = std::numeric_limits<double>::max(), maxX = -minX, minY = minX, maxY = -minX;
-    const auto include = [&](double lat, double lon, double margin) {
-        minX = std::min(minX, p.metresX(lon) - margin);
-        maxX = std::max(maxX, p.metresX(lon) + margin);
-        minY = std::min(minY, p.metresY(lat) - margin);
-        maxY = std::max(maxY, p.metresY(lat) + margin);
-    };
-    for (const auto& point : route.points) {
-        include(point.latitude, point.longitude, 50);
-    }
-    // Places far off the route would shrink it to a dot: show those within 3 km of it.
-    for (const auto& place : places) {
-        const bool near = std::any_of(route.points.begin(), route.points.end(), [&](const RoutePoint& point) {
-            return distanceMetres(point.latitude, point.longitude, place.lat, place.lon) < 3000;
-        });
-        if (near) {
-            include(place.lat, place.lon, place.radius + 20);
+/// Where the device was when something happened: entries, link requests, deliveries, answers.
+std::vector<MapMark> collectMarks(const std::vector<json>& events, const Route& route) {
+    std::vector<MapMark> marks;
+    std::map<std::string, std::size_t> lastOfKind;
+    // Entries repeat on every position inside a circle and link requests on every retry: one point per
+    // stretch of them is enough to show where.
+    const auto mark = [&](const char* kind, double t, const std::string& detail) {
+        const auto at = routePositionAt(route, t);
+        if (!at) {
+            return;
         }
-    }
-    if (minX > maxX) {
-        minX = minY = -500;
-        maxX = maxY = 500;
-    }
-    p.minX = minX;
-    p.minY = minY;
-    p.scale =
-        std::min((p.width - 40) / std::max(maxX - minX, 1.0), (p.height - 40) / std::max(maxY - minY, 1.0));
-    return p;
-}
-
-std::optional<RoutePoint> positionAt(const std::vector<json>& events, const Route& route, double t) {
-    std::optional<RoutePoint> last;
+        const auto last = lastOfKind.find(kind);
+        if (last != lastOfKind.end()) {
+            const MapMark& previous = marks[last->second];
+            if (previous.detail == detail &&
+                distanceMetres(previous.latitude, previous.longitude, at->latitude, at->longitude) < 40) {
+                return;
+            }
+        }
+        lastOfKind[kind] = marks.size();
+        marks.push_back({kind, t, at->latitude, at->longitude, detail});
+    };
     for (const auto& event : events) {
-        if (event.value("type", "") == "position" && event.value("t", 0.0) <= t) {
-            last =
-                RoutePoint{event.value("t", 0.0), number(event["lat"]), number(event["lon"]), std::nullopt};
-        }
-    }
-    if (!last && !route.points.empty()) {
-        last = route.points.front();
-    }
-    return last;
-}
-
-void writeMap(std::ostream& out, const ReportInput& input, const std::vector<Place>& places) {
-    const Projection p = fit(input.route, places);
-    out << "<svg class=\"map\" viewBox=\"0 0 " << p.width << ' ' << p.height
-        << "\" role=\"img\" aria-label=\"map\">\n";
-    out << "<rect width=\"100%\" height=\"100%\" fill=\"#eef2f3\"/>\n";
-    for (const auto& place : places) {
-        const double r = std::max(place.radius * p.scale, 2.0);
-        out << "<circle cx=\"" << fixed(p.x(place.lon), 1) << "\" cy=\"" << fixed(p.y(place.lat), 1)
-            << "\" r=\"" << fixed(r, 1) << "\" class=\"place type" << place.eventType << "\"><title>"
-            << escape(place.name) << " (event " << escape(place.eventId) << ", type " << place.eventType
-            << ", " << fixed(place.radius, 0) << " m)</title></circle>\n";
-        out << "<path class=\"pin\" d=\"M" << fixed(p.x(place.lon), 1) << ' ' << fixed(p.y(place.lat), 1)
-            << " l-5 -12 a5 5 0 1 1 10 0 z\"/>\n";
-    }
-    out << "<polyline class=\"route\" points=\"";
-    for (const auto& point : input.route.points) {
-        out << fixed(p.x(point.longitude), 1) << ',' << fixed(p.y(point.latitude), 1) << ' ';
-    }
-    out << "\"/>\n";
-    struct Marker {
-        const char* cls;
-        const char* label;
-    };
-    const auto mark = [&](double t, const Marker& marker, const std::string& detail) {
-        if (const auto at = positionAt(input.events, input.route, t)) {
-            out << "<circle class=\"marker " << marker.cls << "\" cx=\"" << fixed(p.x(at->longitude), 1)
-                << "\" cy=\"" << fixed(p.y(at->latitude), 1) << "\" r=\"6\"><title>" << marker.label << " at "
-                << fixed(t, 0) << " s " << escape(detail) << "</title></circle>\n";
-        }
-    };
-    for (const auto& event : input.events) {
         const std::string type = event.value("type", "");
         const double t = event.value("t", 0.0);
         if (type == "log" && event.value("line", "").find("Inside the target bounds!") != std::string::npos) {
-            mark(t, {"entered", "entered"}, "");
+            mark("entered", t, "");
         } else if (type == "request" && event.value("path", "") == "/v1/deviceevent/link") {
-            mark(t, {"linked", "linked"}, text(event["body"].value("eventId", json())));
+            mark("linked", t, "offer " + text(field(field(event, "body"), "eventId")));
         } else if (type == "notification" || type == "alert") {
-            mark(t, {"notified", "notified"}, "");
+            mark("delivered", t, type);
         } else if (type == "alert_answer") {
-            mark(t, {"answered", "answered"}, text(event.value("button", json())));
+            mark("answered", t, "button " + text(field(event, "button")));
         }
     }
-    if (!input.route.points.empty()) {
-        const auto& start = input.route.points.front();
-        out << "<circle class=\"start\" cx=\"" << fixed(p.x(start.longitude), 1) << "\" cy=\""
-            << fixed(p.y(start.latitude), 1) << "\" r=\"5\"><title>start</title></circle>\n";
-    }
-    out << "</svg>\n";
-    out << "<p class=\"legend\"><span class=\"k entered\"></span>entered <span class=\"k "
-           "linked\"></span>linked "
-           "<span class=\"k notified\"></span>notified <span class=\"k answered\"></span>answered</p>\n";
+    return marks;
 }
 
-void writePlot(std::ostream& out, const std::string& title,
-               const std::vector<std::pair<std::string, std::vector<Sample>>>& series, double duration,
-               bool steps) {
-    const double width = 900, height = 220, left = 60, bottom = 30;
-    double maxValue = 1;
-    for (const auto& [name, samples] : series) {
-        for (const auto& s : samples) {
-            maxValue = std::max(maxValue, s.value);
-        }
-    }
-    duration = std::max(duration, 1.0);
-    const auto x = [&](double t) { return left + t / duration * (width - left - 10); };
-    const auto y = [&](double v) {
-        return height - bottom - std::max(v, 0.0) / maxValue * (height - bottom - 10);
-    };
-    out << "<h3>" << escape(title) << "</h3>\n<svg class=\"plot\" viewBox=\"0 0 " << width << ' ' << height
-        << "\">\n";
-    out << "<line class=\"axis\" x1=\"" << left << "\" y1=\"" << height - bottom << "\" x2=\"" << width - 10
-        << "\" y2=\"" << height - bottom << "\"/><line class=\"axis\" x1=\"" << left << "\" y1=\"10\" x2=\""
-        << left << "\" y2=\"" << height - bottom << "\"/>\n";
-    out << "<text x=\"4\" y=\"16\">" << fixed(maxValue, 0) << " m</text><text x=\"4\" y=\"" << height - bottom
-        << "\">0</text><text x=\"" << width - 60 << "\" y=\"" << height - 8 << "\">" << fixed(duration, 0)
-        << " s</text>\n";
-    int index = 0;
-    for (const auto& [name, samples] : series) {
-        out << "<polyline class=\"series s" << index << "\" points=\"";
-        double lastY = 0;
-        bool first = true;
-        for (const auto& s : samples) {
-            if (steps && !first) {
-                out << fixed(x(s.t), 1) << ',' << fixed(lastY, 1) << ' ';
-            }
-            lastY = y(s.value);
-            out << fixed(x(s.t), 1) << ',' << fixed(lastY, 1) << ' ';
-            first = false;
-        }
-        if (steps && !samples.empty()) {
-            out << fixed(x(duration), 1) << ',' << fixed(lastY, 1);
-        }
-        out << "\"/><text class=\"s" << index << "\" x=\"" << left + 10 + 220 * index << "\" y=\""
-            << height - 4 << "\">" << escape(name) << "</text>\n";
-        ++index;
-    }
-    out << "</svg>\n";
-}
-
+/// One line that says what an event was, without its raw body.
 std::string summarise(const json& event) {
     const std::string type = event.value("type", "");
-    if (type == "request")
-        return text(event.value("path", json())) + " " + event.value("body", json()).dump();
+    const std::string path = text(field(event, "path"));
+    const json& body = field(event, "body");
+    if (type == "request") {
+        if (path == "/v2/place") {
+            const json& list = field(body, "coordinatesList");
+            if (list.is_array() && !list.empty()) {
+                return path + " near " + text(field(list[0], "lat")) + ", " + text(field(list[0], "lon"));
+            }
+        }
+        if (path == "/v1/deviceevent/link") {
+            return path + " offer " + text(field(body, "eventId")) + " at place " +
+                   text(field(body, "placeId"));
+        }
+        if (path == "/v1/deviceevent/update") {
+            return path + " device event " + text(field(body, "deviceEventId")) + ": " +
+                   text(field(body, "statusCode"));
+        }
+        if (path == "/v1/log") {
+            const json& message = field(body, "message");
+            if (message.is_object() && !message.empty()) {
+                return path + " " + message.begin().key();
+            }
+        }
+        return path;
+    }
     if (type == "response") {
-        return text(event.value("path", json())) + " " + std::to_string(event.value("status", 0)) + " " +
-               (event.contains("error") ? text(event["error"]) : event.value("body", json()).dump());
+        std::string line = path + " → " + text(field(event, "status"));
+        if (event.contains("error")) {
+            return line + " " + text(event["error"]);
+        }
+        const json& records = field(body, "places");
+        if (records.is_array()) {
+            line += ", " + std::to_string(records.size()) + (records.size() == 1 ? " place" : " places");
+        }
+        return line;
     }
-    if (type == "position")
-        return fixed(number(event["lat"]), 6) + ", " + fixed(number(event["lon"]), 6);
+    if (type == "position") {
+        return fixed(number(field(event, "lat")), 6) + ", " + fixed(number(field(event, "lon")), 6);
+    }
     if (type == "settings") {
-        return "accuracy " + text(event.value("desiredAccuracy", json())) + ", filter " +
-               text(event.value("distanceFilter", json()));
+        return "accuracy " + text(field(event, "desiredAccuracy")) + ", filter " +
+               text(field(event, "distanceFilter"));
     }
-    if (type == "notification")
-        return text(event.value("alertBody", json()));
-    if (type == "alert")
-        return text(event.value("message", json())) + " " + event.value("buttons", json()).dump();
-    if (type == "alert_answer")
-        return "button " + text(event.value("button", json()));
-    if (type == "post")
-        return text(event.value("name", json()));
-    if (type == "log")
-        return text(event.value("line", json()));
-    json rest = event;
-    rest.erase("t");
-    rest.erase("type");
-    return rest.dump();
+    if (type == "notification") {
+        return text(field(event, "alertBody"));
+    }
+    if (type == "alert") {
+        std::string buttons;
+        const json& list = field(event, "buttons");
+        if (list.is_array()) {
+            for (const auto& button : list) {
+                buttons += (buttons.empty() ? "" : ", ") + text(button);
+            }
+        }
+        return text(field(event, "message")) + (buttons.empty() ? "" : " [" + buttons + "]");
+    }
+    if (type == "alert_answer") {
+        return "button " + text(field(event, "button"));
+    }
+    if (type == "post") {
+        return text(field(event, "name"));
+    }
+    if (type == "log") {
+        return text(field(event, "line"));
+    }
+    if (type == "outcome") {
+        return text(field(event, "eventName")) + ": " + text(field(event, "reason"));
+    }
+    std::string line;
+    if (event.is_object()) {
+        for (const auto& [key, value] : event.items()) {
+            if (key != "t" && key != "type") {
+                line += (line.empty() ? "" : ", ") + key + " " + (value.is_structured() ? "…" : text(value));
+            }
+        }
+    }
+    return line;
+}
+
+void writeBody(std::ostream& out, const json& event) {
+    if (!event.contains("body") || event["body"].is_null()) {
+        return;
+    }
+    std::string body = event["body"].dump(1, ' ', false, json::error_handler_t::replace);
+    std::string cut;
+    if (body.size() > kBodyCharacters) {
+        cut = "\n… " + std::to_string(body.size() - kBodyCharacters) + " more characters in the events file";
+        body.resize(kBodyCharacters);
+    }
+    out << "<details><summary>body</summary><pre>" << escapeHtml(body) << escapeHtml(cut)
+        << "</pre></details>";
+}
+
+constexpr const char* kTimelineScript = R"JS(
+(function () {
+  var kind = document.getElementById('filter-kind');
+  var offer = document.getElementById('filter-offer');
+  var count = document.getElementById('filter-count');
+  var rows = document.querySelectorAll('#timeline tbody tr');
+  function apply() {
+    var shown = 0;
+    for (var i = 0; i < rows.length; i++) {
+      var r = rows[i];
+      var show = (!kind.value || r.dataset.kind === kind.value) && (!offer.value || r.dataset.offer === offer.value);
+      r.hidden = !show;
+      if (show) shown++;
+    }
+    count.textContent = shown + ' of ' + rows.length + ' events shown';
+  }
+  kind.addEventListener('change', apply);
+  offer.addEventListener('change', apply);
+  // "#offer=ID" or "#kind=KIND" (the offers table links them) selects and shows the timeline.
+  function fromHash() {
+    var m = /^#(offer|kind)=(.*)$/.exec(location.hash);
+    if (!m) return false;
+    var select = m[1] === 'offer' ? offer : kind;
+    select.value = decodeURIComponent(m[2]);
+    if (select.selectedIndex < 0) select.value = '';
+    apply();
+    document.getElementById('timeline-filters').scrollIntoView();
+    return true;
+  }
+  window.addEventListener('hashchange', fromHash);
+  if (!fromHash()) apply();
+})();
+)JS";
+
+void writeTimeline(std::ostream& out, const std::vector<json>& events, const std::vector<MapPlace>& places) {
+    std::map<std::string, int> kinds;
+    std::map<std::string, int> offers;
+    OfferOfEvent offerOf;
+    std::vector<std::string> offerOfRow;
+    for (const auto& event : events) {
+        const std::string type = event.value("type", "");
+        if (type == "log" || type == "position") {
+            continue;
+        }
+        ++kinds[type];
+        offerOfRow.push_back(offerOf(event));
+        if (!offerOfRow.back().empty()) {
+            ++offers[offerOfRow.back()];
+        }
+    }
+    std::map<std::string, std::string> offerNames;
+    for (const auto& place : places) {
+        for (const auto& offer : place.offers) {
+            offerNames.emplace(offer.eventId, offer.name);
+        }
+    }
+    out << "<div class=\"filters\" id=\"timeline-filters\"><label>Kind <select id=\"filter-kind\"><option "
+           "value=\"\">all "
+           "kinds</option>";
+    for (const auto& [kind, count] : kinds) {
+        out << "<option value=\"" << escapeHtml(kind) << "\">" << escapeHtml(kind) << " (" << count
+            << ")</option>";
+    }
+    out << "</select></label> <label>Offer <select id=\"filter-offer\"><option value=\"\">all "
+           "offers</option>";
+    for (const auto& [offer, count] : offers) {
+        const auto name = offerNames.find(offer);
+        out << "<option value=\"" << escapeHtml(offer) << "\">" << escapeHtml(offer)
+            << (name != offerNames.end() ? " " + escapeHtml(name->second) : "") << " (" << count
+            << " events)</option>";
+    }
+    out << "</select></label> <span id=\"filter-count\"></span></div>\n";
+    out << "<table id=\"timeline\"><thead><tr><th>t "
+           "(s)</th><th>kind</th><th>offer</th><th>what</th></tr></thead>"
+           "<tbody>\n";
+    std::size_t row = 0;
+    for (const auto& event : events) {
+        const std::string type = event.value("type", "");
+        if (type == "log" || type == "position") {
+            continue;
+        }
+        const std::string& offer = offerOfRow[row++];
+        out << "<tr data-kind=\"" << escapeHtml(type) << "\" data-offer=\"" << escapeHtml(offer)
+            << "\"><td class=\"t\">" << fixed(event.value("t", 0.0), 1) << "</td><td>" << escapeHtml(type)
+            << "</td><td>" << escapeHtml(offer) << "</td><td class=\"d\">" << escapeHtml(summarise(event));
+        writeBody(out, event);
+        out << "</td></tr>\n";
+    }
+    out << "</tbody></table>\n<script>" << kTimelineScript << "</script>\n";
+}
+
+/// Every byte but letters, digits and "-._~" as %XX, for a URL fragment.
+std::string percentEncoded(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) != 0 || c == '-' || c == '.' || c == '_' || c == '~') {
+            out += c;
+        } else {
+            constexpr const char* kHex = "0123456789ABCDEF";
+            out += '%';
+            out += kHex[byte >> 4];
+            out += kHex[byte & 15];
+        }
+    }
+    return out;
+}
+
+std::string tileAttribution(const std::string& tiles) {
+    if (tiles == kOpenStreetMapTiles) {
+        return "&copy; <a href=\"https://www.openstreetmap.org/copyright\">OpenStreetMap</a> contributors";
+    }
+    const auto scheme = tiles.find("://");
+    const auto start = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::string host = tiles.substr(start, tiles.find('/', start) - start);
+    return host.empty() ? std::string() : "Tiles: " + escapeHtml(host);
 }
 
 constexpr const char* kStyle = R"(
-body{font:14px/1.45 system-ui,sans-serif;margin:24px auto;max-width:960px;color:#223}
+body{font:14px/1.45 system-ui,sans-serif;margin:24px auto;max-width:960px;color:#223;padding:0 12px}
 h1{font-size:22px}h2{font-size:17px;margin-top:28px}h3{font-size:14px;margin:14px 0 4px}
 .cards{display:flex;gap:12px;flex-wrap:wrap}.card{background:#f4f6f8;border-radius:8px;padding:10px 14px;min-width:150px}
-.card b{display:block;font-size:20px}svg{width:100%;height:auto;border:1px solid #dde}
-.route{fill:none;stroke:#2a6fdb;stroke-width:2}.place{fill:rgba(120,120,120,.12);stroke:rgba(120,120,120,.5)}
-.place.type2{fill:rgba(230,150,20,.15)}.place.type3{fill:rgba(40,160,90,.15)}.pin{fill:#d33}
-.marker{stroke:#fff;stroke-width:1.5}.entered,.k.entered{fill:#f2b705;background:#f2b705}
-.linked,.k.linked{fill:#7b3fe4;background:#7b3fe4}.notified,.k.notified{fill:#17a34a;background:#17a34a}
-.answered,.k.answered{fill:#e11d48;background:#e11d48}.start{fill:#222}
-.k{display:inline-block;width:10px;height:10px;border-radius:5px;margin:0 4px 0 12px}
-.axis{stroke:#889}.series{fill:none;stroke-width:1.5}.s0{stroke:#2a6fdb;fill:#2a6fdb}.s1{stroke:#e67e22;fill:#e67e22}
-polyline.s0,polyline.s1{fill:none}text{font-size:11px;fill:#556}
+.card b{display:block;font-size:20px}svg.plot{width:100%;height:auto;border:1px solid #dde}
+.grid{stroke:#e6e9ee}.axis{stroke:#889}.series{fill:none;stroke-width:1.5}.tick,.unit{font-size:11px;fill:#556}
+.s0{stroke:#2a6fdb;fill:#2a6fdb}.s1{stroke:#e67e22;fill:#e67e22}polyline.s0,polyline.s1{fill:none}
+text{font-size:11px}.note{color:#a15c00}
 table{border-collapse:collapse;width:100%;font-size:12px}td,th{border-bottom:1px solid #eee;padding:3px 6px;text-align:left;vertical-align:top}
-td.t{white-space:nowrap;color:#667}td.d{word-break:break-all}
+td.t{white-space:nowrap;color:#667}td.d{word-break:break-word}tr.delivered td:last-child{color:#0f7a36}
+details summary{cursor:pointer;color:#667;font-size:11px}pre{white-space:pre-wrap;word-break:break-all;background:#f7f8fa;padding:6px;margin:2px 0;max-height:320px;overflow:auto}
+.filters{margin:6px 0 8px;font-size:12px}.filters select{font-size:12px;margin-right:8px}
 )";
 
 }  // namespace
@@ -328,7 +475,7 @@ double distanceMetres(double lat1, double lon1, double lat2, double lon2) {
 }
 
 void writeHtmlReport(const ReportInput& input, std::ostream& out) {
-    const auto places = collectPlaces(input.events);
+    const auto places = collectPlaces(input.events, placeNames(input.placesFile));
     double duration = input.route.duration();
     for (const auto& event : input.events) {
         duration = std::max(duration, event.value("t", 0.0));
@@ -337,8 +484,12 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
     std::map<std::string, int> requestsByPath;
     std::map<std::string, int> answers;
     std::map<std::string, int> eventTypeById;
+    std::size_t offerCount = 0;
     for (const auto& place : places) {
-        eventTypeById[place.eventId] = place.eventType;
+        for (const auto& offer : place.offers) {
+            eventTypeById[offer.eventId] = offer.eventType;
+            ++offerCount;
+        }
     }
     int notifications = 0, alerts = 0, offerViews = 0, links = 0;
     std::map<int, int> linkedByType;
@@ -348,11 +499,11 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
             const std::string path = event.value("path", "");
             ++requestsByPath[path];
             if (path == "/v1/deviceevent/update") {
-                ++answers[text(event["body"].value("statusCode", json()))];
+                ++answers[text(field(field(event, "body"), "statusCode"))];
             }
             if (path == "/v1/deviceevent/link") {
                 ++links;
-                ++linkedByType[eventTypeById[text(event["body"].value("eventId", json()))]];
+                ++linkedByType[eventTypeById[text(field(field(event, "body"), "eventId"))]];
             }
         }
         notifications += type == "notification";
@@ -360,39 +511,45 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         offerViews += type == "offer_view";
     }
 
-    std::vector<Sample> nearest;
-    std::vector<Sample> accuracy;
-    std::vector<Sample> filter;
+    std::vector<PlotSample> nearest;
+    std::vector<PlotSample> accuracy;
+    std::vector<PlotSample> filter;
     for (const auto& event : input.events) {
         const std::string type = event.value("type", "");
         const double t = event.value("t", 0.0);
         if (type == "position" && !places.empty()) {
             double best = std::numeric_limits<double>::max();
             for (const auto& place : places) {
-                best = std::min(
-                    best, distanceMetres(number(event["lat"]), number(event["lon"]), place.lat, place.lon));
+                best = std::min(best, distanceMetres(number(field(event, "lat")), number(field(event, "lon")),
+                                                     place.latitude, place.longitude));
             }
             nearest.push_back({t, best});
         } else if (type == "settings") {
-            accuracy.push_back({t, number(event["desiredAccuracy"])});
-            filter.push_back({t, number(event["distanceFilter"])});
+            accuracy.push_back({t, std::max(number(field(event, "desiredAccuracy")), 0.0)});
+            filter.push_back({t, std::max(number(field(event, "distanceFilter")), 0.0)});
         }
     }
 
-    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" << escape(input.title)
-        << "</title><style>" << kStyle << "</style></head><body>\n";
-    out << "<h1>" << escape(input.title) << "</h1>\n<p>Route " << escape(input.route.name) << ": "
-        << input.route.points.size() << " positions over " << fixed(input.route.duration(), 0)
-        << " s; simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2)
+    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+           "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\"><title>"
+        << escapeHtml(input.title) << "</title><style>" << kStyle;
+    writeReportMapStyle(out);
+    out << "</style></head><body>\n";
+    out << "<h1>" << escapeHtml(input.title) << "</h1>\n<p>Route " << escapeHtml(input.route.name) << ": "
+        << input.route.points.size() << " positions over " << formatClock(input.route.duration(), false)
+        << " (m:ss); simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2)
         << " s of wall time.</p>\n";
 
     out << "<h2>Offers</h2>\n<table><tr><th>offer</th><th>place</th><th>name</th><th>outcome</th></tr>\n";
     for (const auto& event : input.events) {
         if (event.value("type", "") == "outcome") {
-            out << "<tr><td>" << escape(text(event.value("eventId", json()))) << "</td><td>"
-                << escape(text(event.value("placeId", json()))) << "</td><td>"
-                << escape(text(event.value("eventName", json()))) << "</td><td class=\"d\">"
-                << escape(text(event.value("reason", json()))) << "</td></tr>\n";
+            const std::string eventId = text(field(event, "eventId"));
+            out << "<tr" << (event.value("delivered", false) ? " class=\"delivered\"" : "")
+                << "><td><a href=\"#offer=" << escapeHtml(percentEncoded(eventId))
+                << "\" title=\"this offer's events in the timeline\">" << escapeHtml(eventId)
+                << "</a></td><td>" << escapeHtml(text(field(event, "placeId"))) << "</td><td>"
+                << escapeHtml(text(field(event, "eventName"))) << "</td><td class=\"d\">"
+                << escapeHtml(text(field(event, "reason"))) << "</td></tr>\n";
         }
     }
     out << "</table>\n";
@@ -402,37 +559,40 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         << " notifications, " << alerts << " alerts)</div>";
     out << "<div class=\"card\"><b>" << links << "</b>link requests";
     for (const auto& [type, count] : linkedByType) {
-        out << "<br>type " << type << ": " << count;
+        out << "<br>offer type " << type << ": " << count;
     }
     out << "</div><div class=\"card\"><b>" << offerViews << "</b>offer views opened</div>";
     out << "<div class=\"card\"><b>" << answers["seen"] + answers["saved"] + answers["declined"]
         << "</b>answers: " << answers["seen"] << " seen, " << answers["saved"] << " saved, "
         << answers["declined"] << " declined; " << answers["ack"] << " ack</div>";
-    out << "<div class=\"card\"><b>" << places.size() << "</b>places seen</div></div>\n";
+    out << "<div class=\"card\"><b>" << places.size() << "</b>places the service named (" << offerCount
+        << " offers)</div></div>\n";
     out << "<h3>Requests by endpoint</h3><table><tr><th>endpoint</th><th>requests</th></tr>";
     for (const auto& [path, count] : requestsByPath) {
-        out << "<tr><td>" << escape(path) << "</td><td>" << count << "</td></tr>";
+        out << "<tr><td>" << escapeHtml(path) << "</td><td>" << count << "</td></tr>";
     }
     out << "</table>\n";
 
     out << "<h2>Map</h2>\n";
-    writeMap(out, input, places);
-    out << "<h2>Distance and accuracy</h2>\n";
-    writePlot(out, "Distance to the nearest place", {{"distance (m)", nearest}}, duration, false);
-    writePlot(out, "Desired accuracy and distance filter",
-              {{"desired accuracy (m; -1 = best)", accuracy}, {"distance filter (m)", filter}}, duration,
-              true);
-
-    out << "<h2>Timeline</h2>\n<table><tr><th>t (s)</th><th>event</th><th>detail</th></tr>\n";
-    for (const auto& event : input.events) {
-        const std::string type = event.value("type", "");
-        if (type == "log" || type == "position") {
-            continue;
-        }
-        out << "<tr><td class=\"t\">" << fixed(event.value("t", 0.0), 1) << "</td><td>" << escape(type)
-            << "</td><td class=\"d\">" << escape(summarise(event)) << "</td></tr>\n";
+    MapInput map;
+    map.route = &input.route;
+    map.places = places;
+    map.marks = collectMarks(input.events, input.route);
+    if (input.tiles != "off") {
+        map.tileTemplate = input.tiles;
+        map.tileAttribution = input.tiles.empty() ? "" : tileAttribution(input.tiles);
     }
-    out << "</table>\n";
+    writeReportMap(out, map);
+
+    out << "<h2>Distance and accuracy</h2>\n";
+    writeSvgPlot(out, "Distance to the nearest place", {{"distance to the nearest place centre", nearest}},
+                 duration, false);
+    writeSvgPlot(out, "Desired accuracy and distance filter",
+                 {{"desired accuracy (best drawn at 0 m)", accuracy}, {"distance filter", filter}}, duration,
+                 true);
+
+    out << "<h2>Timeline</h2>\n";
+    writeTimeline(out, input.events, places);
     if (input.eventsNotKept > 0) {
         out << "<p>The report holds the first " << input.events.size() << " events; the "
             << input.eventsNotKept << " after them are in the events file (--events).</p>\n";
@@ -441,8 +601,9 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
     for (const auto& event : input.events) {
         const std::string type = event.value("type", "");
         if (type == "log" || type == "position") {
-            out << "<tr><td class=\"t\">" << fixed(event.value("t", 0.0), 1) << "</td><td>" << escape(type)
-                << "</td><td class=\"d\">" << escape(summarise(event)) << "</td></tr>\n";
+            out << "<tr><td class=\"t\">" << fixed(event.value("t", 0.0), 1) << "</td><td>"
+                << escapeHtml(type) << "</td><td class=\"d\">" << escapeHtml(summarise(event))
+                << "</td></tr>\n";
         }
     }
     out << "</table></details>\n</body></html>\n";

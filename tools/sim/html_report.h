@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
@@ -9,6 +10,9 @@
 
 namespace tovrel::sim {
 
+/// The standard OpenStreetMap tile URL template.
+inline constexpr const char* kOpenStreetMapTiles = "https://tile.openstreetmap.org/{z}/{x}/{y}.png";
+
 /// What one run produced, as the report needs it.
 struct ReportInput {
     std::string title;
@@ -16,12 +20,20 @@ struct ReportInput {
     std::vector<nlohmann::json> events;  ///< EventLog::events()
     double wallSeconds = 0;              ///< how long the run took
     std::size_t eventsNotKept = 0;       ///< later events, in the events file only
+    /// Map tiles the viewer's browser loads ({z}/{x}/{y}, optional {s}); "off" or empty for none.
+    std::string tiles = kOpenStreetMapTiles;
+    /// The embedded service's place file, for the places' names (the service's answers carry only
+    /// offers); empty when the run talked to another service.
+    std::filesystem::path placesFile;
 };
 
-/// A self-contained HTML page (no network needed to view it): an SVG map of the route, the place
-/// circles and pins, with markers where the device entered, linked, was notified and answered; plots
-/// of the distance to the nearest place and of desired accuracy and distance filter over time; the
-/// timeline; and a summary (offers delivered by type, answers, requests by endpoint).
+/// A self-contained HTML page (no network needed to view it): the outcome of every offer; a summary
+/// (offers delivered by type, answers, requests by endpoint); a map of the route and the labelled
+/// place circles with points where the device entered, linked, was notified and answered (Leaflet,
+/// embedded at build time, over `tiles` when the viewer is online; a plain SVG map in a build without
+/// it); plots with time and distance ticks of the distance to the nearest place and of desired accuracy
+/// and distance filter; the timeline, filterable by kind and offer, bodies collapsed. Text from the
+/// run (names, bodies) is escaped. Any thread.
 void writeHtmlReport(const ReportInput& input, std::ostream& out);
 
 /// Haversine distance in metres on a 6371 km sphere.

@@ -75,6 +75,16 @@ int main(int argc, char** argv) {
     run->add_flag("--terminate", options.terminate, "End with the application-terminate notification");
     run->add_option("--events", eventsFile, "Write everything observable here, one JSON object a line");
     run->add_option("--report", reportFile, "Write a self-contained HTML report here");
+    std::string tiles = tovrel::sim::kOpenStreetMapTiles;
+    run->add_option("--tiles", tiles,
+                    "Map tiles the report loads when viewed online: a URL template with {z}, {x}, {y} "
+                    "(default OpenStreetMap), or off")
+        ->check([](const std::string& value) {
+            const bool usable = value == "off" || (value.find("{z}") != std::string::npos &&
+                                                   value.find("{x}") != std::string::npos &&
+                                                   value.find("{y}") != std::string::npos);
+            return usable ? std::string() : "a URL template with {z}, {x} and {y}, or off";
+        });
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
     run->add_option("--session-attempts", options.sessionAttempts,
@@ -169,7 +179,7 @@ int main(int argc, char** argv) {
     if (report.is_open()) {
         tovrel::sim::writeHtmlReport(
             {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
-             outcome.wallSeconds, outcome.eventsNotKept},
+             outcome.wallSeconds, outcome.eventsNotKept, tiles, service.empty() ? options.placesFile : ""},
             report);
     }
     const auto count = [&outcome](const char* type) {
