@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "compression.h"
 #include "request_fields.h"
 #include "static_files.h"
 
@@ -28,6 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     (void)contentFolder().resolve(text);
     (void)tovrel_server::percentDecode(text);
+    if (tovrel_server::acceptsGzip(text)) {
+        std::string packed;
+        (void)tovrel_server::gzipCompress(text, packed);
+    }
     try {
         const nlohmann::json body = tovrel_server::parseObjectBody(text);
         for (const char* name : {"sessionKey", "statusCode", "tag", "deviceid"}) {

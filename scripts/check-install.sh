@@ -5,7 +5,8 @@
 #  2. the embedding examples build against that prefix alone: with find_package(Tovrel), with
 #     pkg-config only, the C host and the Qt host;
 #  3. they run against the installed tovrel-server on 127.0.0.1, and so do the Python package's tests;
-#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs.
+#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs, and the
+#     server's systemd unit verifies.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -123,4 +124,12 @@ dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null -i
 "$root/usr/bin/tovrel-server" --version
 [[ -f "$root/usr/share/man/man1/tovrel-sim.1.gz" || -f "$root/usr/share/man/man1/tovrel-sim.1" ]] ||
     fail "no man page for tovrel-sim in the package"
+unit=$(find "$root" -name tovrel-server.service | head -1)
+[[ -n "$unit" ]] || fail "no systemd unit in the tovrel-server package"
+if command -v systemd-analyze >/dev/null; then
+    step "the systemd unit: verified, and its sandbox rated"
+    sed "s#/usr/bin/tovrel-server#$root/usr/bin/tovrel-server#" "$unit" >"$work/tovrel-server.service"
+    systemd-analyze verify --man=no "$work/tovrel-server.service" || fail "the systemd unit does not verify"
+    systemd-analyze security --offline=yes "$work/tovrel-server.service" 2>&1 | tail -1
+fi
 echo "check-install: all good"
