@@ -24,10 +24,22 @@ std::string readPlaceFile(const std::string& path) {
     return text.str();
 }
 
+PlaceFileCheck checkPlaceFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw ImportError(path + ": cannot open the file (" + std::strerror(errno) + ")");
+    }
+    return checkPlaceFile(in, path);
+}
+
 ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& geojsonPath) {
-    const CatalogData data = parseGeoJson(readPlaceFile(geojsonPath), geojsonPath);
+    // Read and checked as a stream, so a large file is never in memory whole.
+    PlaceFileCheck check = checkPlaceFile(geojsonPath);
+    if (!check.problems.empty()) {
+        throw ImportError(describeProblems(check.problems));
+    }
     Database db(dbPath);
-    return writeCatalog(db, data, wallClock());
+    return writeCatalog(db, *check.catalog, wallClock());
 }
 
 void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name) {
