@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "catalog_data.h"
 #include "listen_address.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
@@ -74,6 +75,31 @@ int report(const std::string& db, bool asJson) {
     return 0;
 }
 
+// Prints every problem of a place file; writes nothing. 0: valid, 1: problems (or unreadable).
+int validatePlaces(const std::string& file, bool asJson) {
+    const PlaceFileCheck check = checkPlaceFile(file);
+    if (asJson) {
+        nlohmann::json problems = nlohmann::json::array();
+        for (const PlaceFileProblem& p : check.problems) {
+            problems.push_back({{"feature", p.feature ? nlohmann::json(*p.feature) : nlohmann::json()},
+                                {"member", p.member},
+                                {"message", p.message}});
+        }
+        std::cout << nlohmann::json{{"file", file}, {"problems", problems}}.dump(2) << '\n';
+    } else if (check.catalog) {
+        std::printf("%s: valid: %zu places, %zu offers, %zu campaigns, %zu apps\n", file.c_str(),
+                    check.catalog->placeCount(), check.catalog->offerCount(), check.catalog->campaigns.size(),
+                    check.catalog->apps.size());
+    } else {
+        for (const PlaceFileProblem& p : check.problems) {
+            std::printf("%s\n", p.message.c_str());
+        }
+        std::printf("%s: %zu problem%s\n", file.c_str(), check.problems.size(),
+                    check.problems.size() == 1 ? "" : "s");
+    }
+    return check.problems.empty() ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -129,6 +155,15 @@ int main(int argc, char** argv) {
     importCmd->add_option("FILE", file, "GeoJSON FeatureCollection of Point features")->required();
     addDb(importCmd);
 
+    CLI::App* placesCmd = app.add_subcommand("places", "Work with place files");
+    placesCmd->require_subcommand(1);
+    CLI::App* placesValidate = placesCmd->add_subcommand(
+        "validate", "Check a GeoJSON place file and list every problem; writes nothing");
+    std::string placeFile;
+    bool validateJson = false;
+    placesValidate->add_option("FILE", placeFile, "GeoJSON FeatureCollection of Point features")->required();
+    placesValidate->add_flag("--json", validateJson, "Print the problems as JSON (feature, member, message)");
+
     CLI::App* appsCmd = app.add_subcommand("apps", "Manage the app keys that may start sessions");
     appsCmd->require_subcommand(1);
     CLI::App* appsAdd = appsCmd->add_subcommand("add", "Add an app key (or rename an existing one)");
@@ -157,6 +192,9 @@ int main(int argc, char** argv) {
             std::printf("imported %d places, %d offers, %d campaigns, %d apps into %s\n", s.places, s.offers,
                         s.campaigns, s.apps, db.c_str());
             return 0;
+        }
+        if (placesValidate->parsed()) {
+            return validatePlaces(placeFile, validateJson);
         }
         if (appsAdd->parsed()) {
             addAppKey(db, key, name);

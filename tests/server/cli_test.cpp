@@ -45,7 +45,8 @@ class CommandLine : public ::testing::Test {
 };
 
 TEST_F(CommandLine, EveryCommandHasHelp) {
-    for (const std::string command : {"", "serve", "import", "apps", "apps add", "report"}) {
+    for (const std::string command :
+         {"", "serve", "import", "apps", "apps add", "report", "places", "places validate"}) {
         const CommandResult r = run(command + " --help");
         EXPECT_EQ(r.exitCode, 0) << command;
         EXPECT_NE(r.output.find("Usage"), std::string::npos) << r.output;
@@ -57,8 +58,8 @@ TEST_F(CommandLine, EveryCommandHasHelp) {
 }
 
 TEST_F(CommandLine, UsageErrorsExitWithTwo) {
-    for (const std::string command :
-         {"", "report", "serve --db x --threads 0", "apps", "frobnicate", "report --db"}) {
+    for (const std::string command : {"", "report", "serve --db x --threads 0", "apps", "frobnicate",
+                                      "report --db", "places", "places validate", "places validate a b"}) {
         const CommandResult r = run(command);
         EXPECT_EQ(r.exitCode, 2) << command << ": " << r.output;
     }
@@ -91,6 +92,27 @@ TEST_F(CommandLine, BadPlaceFilesNameTheFault) {
     const CommandResult r = run("import " + file + " --db " + db);
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.output.find(file + ": feature 2: missing properties.offers"), std::string::npos) << r.output;
+    EXPECT_FALSE(std::filesystem::exists(db));
+
+    // validate lists every problem (here also the first feature's) and needs no database.
+    const std::string twoFaults = dir.write("two.geojson", R"({"type": "FeatureCollection", "features": [
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 1, "radius": 50, "offers": [], "colour": "red"}},
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 2, "radius": 50}}]})");
+    const CommandResult checked = run("places validate " + twoFaults);
+    EXPECT_EQ(checked.exitCode, 1);
+    EXPECT_EQ(checked.output, twoFaults + ": feature 1: unknown member \"colour\" in properties\n" +
+                                  twoFaults + ": feature 2: missing properties.offers\n" + twoFaults +
+                                  ": 2 problems\n");
+    const CommandResult asJson = run("places validate --json " + twoFaults);
+    EXPECT_EQ(asJson.exitCode, 1);
+    EXPECT_EQ(json::parse(asJson.output).at("problems").at(1).at("member"), "/features/1/properties/offers");
+    const CommandResult valid =
+        run("places validate " + (examplesDir() / "places" / "munich.geojson").string());
+    EXPECT_EQ(valid.exitCode, 0) << valid.output;
+    EXPECT_NE(valid.output.find("valid: 43 places, 45 offers"), std::string::npos) << valid.output;
+    EXPECT_EQ(run("places validate " + (dir / "nothing.geojson").string()).exitCode, 1);
     EXPECT_FALSE(std::filesystem::exists(db));
 
     const CommandResult missing = run("import " + (dir / "nothing.geojson").string() + " --db " + db);
