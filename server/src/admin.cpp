@@ -50,12 +50,26 @@ void addAppKey(const std::string& dbPath, const std::string& key, const std::str
     writeApp(db, AppDef{key, name}, wallClock());
 }
 
-Report readReport(const std::string& dbPath) {
+namespace {
+
+void requireDatabase(const std::string& dbPath) {
     if (dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
         throw std::runtime_error("there is no database " + dbPath);
     }
+}
+
+}  // namespace
+
+Report readReport(const std::string& dbPath) {
+    requireDatabase(dbPath);
     Database db(dbPath);
     return readReport(db);
+}
+
+Funnel readFunnel(const std::string& dbPath, bool byDay) {
+    requireDatabase(dbPath);
+    Database db(dbPath);
+    return readFunnel(db, byDay);
 }
 
 }  // namespace tovrel_server

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include "tovrel_server/admin.h"
 
 namespace tovrel_server {
@@ -8,5 +10,13 @@ class Database;
 
 /// Counts links and answers per offer and log messages per event name.
 Report readReport(Database& db);
+
+/// The funnel per campaign and per offer, and by UTC day when byDay. Runs on the caller's thread
+/// with the caller's connection.
+Funnel readFunnel(Database& db, bool byDay);
+
+/// The funnel as JSON: {"campaigns": [...], "offers": [...]} and, when it has them, "days":
+/// {"campaigns": [...], "offers": [...]}; each row with its counts (links, ack, seen, saved, declined).
+nlohmann::json funnelJson(const Funnel& funnel);
 
 }  // namespace tovrel_server

@@ -11,6 +11,7 @@
 
 #include "catalog_data.h"
 #include "listen_address.h"
+#include "report.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
@@ -54,23 +55,15 @@ int serve(const std::string& listen, ServerOptions options) {
     return 0;
 }
 
-int report(const std::string& db, bool asJson) {
+int report(const std::string& db, bool asJson, bool byDay) {
     const Report r = readReport(db);
+    const Funnel funnel = readFunnel(db, byDay);
     if (!asJson) {
-        std::cout << formatReport(r);
+        std::cout << formatReport(funnel, r.logCounts);
         return 0;
     }
-    nlohmann::json out{{"offers", nlohmann::json::array()}, {"log", r.logCounts}};
-    for (const OfferReport& o : r.offers) {
-        out["offers"].push_back({{"eventId", o.eventId},
-                                 {"eventName", o.eventName},
-                                 {"campaign", o.campaignName},
-                                 {"links", o.links},
-                                 {"ack", o.ack},
-                                 {"seen", o.seen},
-                                 {"saved", o.saved},
-                                 {"declined", o.declined}});
-    }
+    nlohmann::json out = funnelJson(funnel);
+    out["log"] = r.logCounts;
     std::cout << out.dump(2) << '\n';
     return 0;
 }
@@ -173,10 +166,13 @@ int main(int argc, char** argv) {
     appsAdd->add_option("NAME", name, "A name for people")->required();
     addDb(appsAdd);
 
-    CLI::App* reportCmd = app.add_subcommand("report", "Print links, answers and log counts per offer");
+    CLI::App* reportCmd = app.add_subcommand(
+        "report", "Print the funnel (links, answers) per campaign and offer, and log counts");
     bool asJson = false;
+    bool byDay = false;
     addDb(reportCmd);
     reportCmd->add_flag("--json", asJson, "Print JSON instead of tables");
+    reportCmd->add_flag("--by-day", byDay, "Also count per UTC day");
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
@@ -202,7 +198,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (reportCmd->parsed()) {
-            return report(db, asJson);
+            return report(db, asJson, byDay);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "tovrel-server: %s\n", e.what());

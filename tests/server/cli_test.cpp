@@ -1,6 +1,7 @@
 // The tovrel-server command line, run as a real process.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -79,8 +80,39 @@ TEST_F(CommandLine, ImportAppsAndReport) {
     EXPECT_EQ(report.exitCode, 0);
     EXPECT_NE(report.output.find("eventId"), std::string::npos);
     EXPECT_NE(report.output.find("Coffee on the Square"), std::string::npos);
+    EXPECT_NE(report.output.find("Campaigns\ncampaign"), std::string::npos) << report.output;
+    EXPECT_EQ(report.output.find("by day"), std::string::npos);
     const CommandResult asJson = run("report --json --db " + db);
-    EXPECT_EQ(json::parse(asJson.output).at("offers").size(), 45u);
+    const json parsed = json::parse(asJson.output);
+    EXPECT_EQ(parsed.at("offers").size(), 45u);
+    EXPECT_EQ(parsed.at("campaigns").size(), 6u);
+    EXPECT_EQ(parsed.at("offers").at(0).at("links"), 0);
+    EXPECT_FALSE(parsed.contains("days"));
+    // A link and its answer, stored as the server stores them, show in the funnel on their UTC day.
+    ASSERT_EQ(queryRows(db, "SELECT COUNT(*) FROM device_events"), std::vector<std::string>{"0"});
+    {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+        ASSERT_EQ(
+            sqlite3_exec(
+                handle,
+                "INSERT INTO devices VALUES(1, 'D', 'iOS', 'x', 'demo-key', 0, 0);"
+                "INSERT INTO device_events SELECT 1, 1, o.id, p.place, o.campaign, 0, 1748779200, "
+                "NULL FROM offers o JOIN place_offers p ON p.offer = o.id LIMIT 1;"
+                "INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'seen', 1748779300)",
+                nullptr, nullptr, nullptr),
+            SQLITE_OK);
+        sqlite3_close(handle);
+    }
+    const CommandResult byDay = run("report --by-day --db " + db);
+    EXPECT_NE(byDay.output.find("Offers by day (UTC)\n"), std::string::npos) << byDay.output;
+    EXPECT_NE(byDay.output.find("2025-06-01"), std::string::npos) << byDay.output;
+    const json days = json::parse(run("report --by-day --json --db " + db).output).at("days");
+    ASSERT_EQ(days.at("offers").size(), 1u);
+    EXPECT_EQ(days.at("offers").at(0).at("day"), "2025-06-01");
+    EXPECT_EQ(days.at("offers").at(0).at("links"), 1);
+    EXPECT_EQ(days.at("offers").at(0).at("seen"), 1);
+    EXPECT_EQ(days.at("campaigns").at(0).at("links"), 1);
 }
 
 TEST_F(CommandLine, BadPlaceFilesNameTheFault) {

@@ -476,6 +476,69 @@ TEST(Migrations, NotADatabaseIsRefused) {
     EXPECT_THROW(Database db(path), std::runtime_error);
 }
 
+// The funnel counts each device event once per status, by the campaign it was linked under, and by
+// the UTC day on which each step happened.
+TEST_F(ImportIntoDatabase, TheFunnelCountsEachStepOncePerEventAndDay) {
+    importGeoJsonFile(db, dir.write("p.geojson", test::testPlacesGeoJson()));
+    const double day2 = test::utc(2025, 6, 2);
+    {
+        Database d(db);
+        d.exec("INSERT INTO devices VALUES(1, 'A', 'iOS', 'x', 'k', 0, 0), (2, 'B', 'iOS', 'x', 'k', 0, 0)");
+        const auto campaignOf = [&](int offer) {
+            return test::queryRows(db, "SELECT campaign FROM offers WHERE id = " + std::to_string(offer))[0];
+        };
+        const std::string c11 = campaignOf(11);
+        const std::string c12 = campaignOf(12);
+        // Offer 11: two devices, linked the last second of day 1 and the first of day 2; the second
+        // one cleared (still counted). Offer 12: one device, never answered.
+        d.exec("INSERT INTO device_events VALUES(1, 1, 11, 1, " + c11 + ", 0, " + std::to_string(day2 - 1) +
+               ", NULL), (2, 2, 11, 1, " + c11 + ", 0, " + std::to_string(day2) + ", " +
+               std::to_string(day2 + 5) + "), (3, 1, 12, 1, " + c12 + ", 0, " + std::to_string(day2 + 60) +
+               ", NULL)");
+        // Event 1 is seen on both days and twice on day 2; event 2 is acknowledged and declined.
+        d.exec("INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'ack', " +
+               std::to_string(day2 - 1) + "), (1, 'seen', " + std::to_string(day2 - 1) + "), (1, 'seen', " +
+               std::to_string(day2 + 10) + "), (1, 'seen', " + std::to_string(day2 + 20) + "), (2, 'ack', " +
+               std::to_string(day2 + 1) + "), (2, 'declined', " + std::to_string(day2 + 2) +
+               "), (2, 'bogus', " + std::to_string(day2 + 3) + ")");
+    }
+    const Funnel funnel = readFunnel(db, true);
+    const auto offerRow = [&](const std::vector<FunnelRow>& rows, int64_t id, const std::string& day) {
+        const auto it = std::find_if(rows.begin(), rows.end(),
+                                     [&](const FunnelRow& r) { return r.eventId == id && r.day == day; });
+        return it == rows.end() ? FunnelCounts{-1, -1, -1, -1, -1} : it->counts;
+    };
+    EXPECT_EQ(offerRow(funnel.offers, 11, ""), (FunnelCounts{2, 2, 1, 0, 1}));
+    EXPECT_EQ(offerRow(funnel.offers, 12, ""), (FunnelCounts{1, 0, 0, 0, 0}));
+    EXPECT_EQ(offerRow(funnel.offers, 21, ""), (FunnelCounts{}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 11, "2025-06-01"), (FunnelCounts{1, 1, 1, 0, 0}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 11, "2025-06-02"), (FunnelCounts{1, 1, 1, 0, 1}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 12, "2025-06-02"), (FunnelCounts{1, 0, 0, 0, 0}));
+    EXPECT_EQ(funnel.offerDays.size(), 3u);
+    ASSERT_FALSE(funnel.campaigns.empty());
+    FunnelCounts total;
+    for (const FunnelRow& c : funnel.campaigns) {
+        EXPECT_EQ(c.eventId, 0);
+        total.links += c.counts.links;
+        total.ack += c.counts.ack;
+        total.seen += c.counts.seen;
+        total.declined += c.counts.declined;
+    }
+    EXPECT_EQ(total, (FunnelCounts{3, 2, 1, 0, 1}));
+    EXPECT_TRUE(std::is_sorted(funnel.campaignDays.begin(), funnel.campaignDays.end(),
+                               [](const FunnelRow& a, const FunnelRow& b) {
+                                   return std::tie(a.day, a.campaignId) < std::tie(b.day, b.campaignId);
+                               }));
+    // Without byDay, no day lists; the per-offer report reads the same numbers.
+    EXPECT_TRUE(readFunnel(db, false).offerDays.empty());
+    const Report report = readReport(db);
+    const auto row = std::find_if(report.offers.begin(), report.offers.end(),
+                                  [](const OfferReport& o) { return o.eventId == 11; });
+    ASSERT_NE(row, report.offers.end());
+    EXPECT_EQ(std::vector<int64_t>({row->links, row->ack, row->seen, row->saved, row->declined}),
+              (std::vector<int64_t>{2, 2, 1, 0, 1}));
+}
+
 TEST(ReportTable, ColumnsAlignByWhatATerminalShows) {
     Report report;
     report.offers.push_back({1, "Cafés", "Crème-brûlée", 12, 3, 2, 1, 0});
