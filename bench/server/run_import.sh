@@ -100,7 +100,7 @@ echo "medians of $RUNS runs, $PLACES places:"
 line "tovrel-server import" "$(median "${ours_t[@]}")" "$(median "${ours_m[@]}")"
 line "baseline: sqlite3 .import" "$(median "${base_t[@]}")" "$(median "${base_m[@]}")"
 if [[ -n "${COMPARE_WITH:-}" ]]; then
-    line "$(basename "$COMPARE_WITH") (COMPARE_WITH)" "$(median "${other_t[@]}")" "$(median "${other_m[@]}")"
+    line "import by COMPARE_WITH" "$(median "${other_t[@]}")" "$(median "${other_m[@]}")"
 fi
 printf '  %-28s %7.2f s\n' "plain read of the file" "$(median "${read_t[@]}")"
 printf '  ratio import / baseline (median of the runs): %s (runs: %s)\n' "$(median "${ratios[@]}")" "${ratios[*]}"
