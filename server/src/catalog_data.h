@@ -65,7 +65,8 @@ struct CatalogData {
 
 /// What a place file defines, held compactly while a large file is read: the offers' and places'
 /// strings in one arena, fixed-size rows beside it (1M places with an offer each take ~200 MB where
-/// CatalogData takes ~700). Apps and campaigns, always few, are plain.
+/// CatalogData takes ~700). Apps and campaigns, always few, are plain. Built on one thread; const
+/// members may then be called from any thread.
 class PlaceCatalog {
   public:
     std::vector<AppDef> apps;
@@ -133,7 +134,7 @@ struct PlaceFileCheck {
 };
 
 /// Reads a GeoJSON place file as a stream (one feature in memory at a time) and checks all of it.
-/// label names the file in messages. Thread-safe (no shared state).
+/// label names the file in messages. Any thread (no shared state), as are the functions below.
 PlaceFileCheck checkPlaceFile(std::string_view text, const std::string& label);
 /// The same, reading `in` in chunks of chunkSize bytes.
 PlaceFileCheck checkPlaceFile(std::istream& in, const std::string& label, std::size_t chunkSize = 1 << 16);

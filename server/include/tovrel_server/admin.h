@@ -87,10 +87,12 @@ Report readReport(const std::string& dbPath);
 /// The report as aligned text tables.
 std::string formatReport(const Report& report);
 
-/// Reads the funnel of the database at dbPath, with the by-day lists when byDay.
+/// Reads the funnel of the database at dbPath, with the by-day lists when byDay. Any thread (opens
+/// its own connection).
 Funnel readFunnel(const std::string& dbPath, bool byDay = false);
 
 /// The funnel (and the log counts) as text tables aligned by display width, as `report` prints them.
+/// Any thread.
 std::string formatReport(const Funnel& funnel, const std::map<std::string, int64_t>& logCounts);
 
 }  // namespace tovrel_server
