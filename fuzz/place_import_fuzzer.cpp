@@ -1,15 +1,41 @@
-// Feeds arbitrary text to the place importer (GeoJSON). A file is imported or refused with an
-// ImportError naming the fault; nothing may crash or trip a sanitizer.
+// Feeds arbitrary text to the place file reader (GeoJSON), whole and as a stream read in small
+// chunks. A file is read or refused with problems naming the faults; both ways must agree, and
+// nothing may crash, hang or trip a sanitizer.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 
 #include "catalog_data.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const tovrel_server::PlaceFileCheck whole =
+        tovrel_server::checkPlaceFile(std::string_view(text), "fuzz.geojson");
+    std::istringstream in(text);
+    const tovrel_server::PlaceFileCheck streamed =
+        tovrel_server::checkPlaceFile(in, "fuzz.geojson", 1 + size % 13);
+    if (whole.problems.size() != streamed.problems.size() ||
+        whole.catalog.has_value() != streamed.catalog.has_value() ||
+        whole.catalog.has_value() == !whole.problems.empty()) {
+        std::abort();
+    }
+    for (std::size_t i = 0; i < whole.problems.size(); ++i) {
+        if (whole.problems[i].message != streamed.problems[i].message ||
+            whole.problems[i].member != streamed.problems[i].member) {
+            std::abort();
+        }
+    }
+    if (whole.catalog) {
+        const tovrel_server::CatalogData a = whole.catalog->expand();
+        const tovrel_server::CatalogData b = streamed.catalog->expand();
+        if (a.offers != b.offers || a.campaigns != b.campaigns || a.places.size() != b.places.size()) {
+            std::abort();
+        }
+    }
     try {
-        (void)tovrel_server::parseGeoJson(std::string(reinterpret_cast<const char*>(data), size),
-                                          "fuzz.geojson");
+        (void)tovrel_server::parseGeoJson(text, "fuzz.geojson");
     } catch (const tovrel_server::ImportError&) {
     }
     return 0;

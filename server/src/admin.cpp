@@ -11,23 +11,22 @@
 
 namespace tovrel_server {
 
-std::string readPlaceFile(const std::string& path) {
+PlaceFileCheck checkPlaceFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         throw ImportError(path + ": cannot open the file (" + std::strerror(errno) + ")");
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) {
-        throw ImportError(path + ": cannot read the file");
-    }
-    return text.str();
+    return checkPlaceFile(in, path);
 }
 
 ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& geojsonPath) {
-    const CatalogData data = parseGeoJson(readPlaceFile(geojsonPath), geojsonPath);
+    // Read and checked as a stream, so a large file is never in memory whole.
+    PlaceFileCheck check = checkPlaceFile(geojsonPath);
+    if (!check.problems.empty()) {
+        throw ImportError(describeProblems(check.problems));
+    }
     Database db(dbPath);
-    return writeCatalog(db, data, wallClock());
+    return writeCatalog(db, *check.catalog, wallClock());
 }
 
 void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name) {
@@ -38,12 +37,26 @@ void addAppKey(const std::string& dbPath, const std::string& key, const std::str
     writeApp(db, AppDef{key, name}, wallClock());
 }
 
-Report readReport(const std::string& dbPath) {
+namespace {
+
+void requireDatabase(const std::string& dbPath) {
     if (dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
         throw std::runtime_error("there is no database " + dbPath);
     }
+}
+
+}  // namespace
+
+Report readReport(const std::string& dbPath) {
+    requireDatabase(dbPath);
     Database db(dbPath);
     return readReport(db);
+}
+
+Funnel readFunnel(const std::string& dbPath, bool byDay) {
+    requireDatabase(dbPath);
+    Database db(dbPath);
+    return readFunnel(db, byDay);
 }
 
 }  // namespace tovrel_server

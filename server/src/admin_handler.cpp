@@ -9,6 +9,7 @@
 
 #include "admin_store.h"
 #include "catalog_data.h"
+#include "report.h"
 #include "request_fields.h"
 #include "service.h"
 #include "static_files.h"
@@ -331,11 +332,24 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
             }
         } else if (kind == "import" && parts.size() == 1 && post) {
             const bool dryRun = queryValue(target, "dry_run") == "1";
-            const CatalogData data = parseGeoJson(body, "the upload");
+            PlaceFileCheck check = checkPlaceFile(std::string_view(body), "the upload");
+            if (!check.catalog) {
+                json problems = json::array();
+                for (const PlaceFileProblem& p : check.problems) {
+                    problems.push_back({{"feature", p.feature ? json(*p.feature) : json(nullptr)},
+                                        {"member", p.member},
+                                        {"message", p.message}});
+                }
+                return jsonReply(400,
+                                 {{"error", std::to_string(check.problems.size()) + " problem" +
+                                                (check.problems.size() == 1 ? "" : "s") + " in the upload"},
+                                  {"problems", std::move(problems)}});
+            }
+            const PlaceCatalog& data = *check.catalog;
             if (dryRun) {
                 return jsonReply(200, {{"valid", true},
-                                       {"places", data.places.size()},
-                                       {"offers", data.offers.size()},
+                                       {"places", data.placeCount()},
+                                       {"offers", data.offerCount()},
                                        {"campaigns", data.campaigns.size()},
                                        {"apps", data.apps.size()}});
             }
@@ -345,6 +359,10 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                                    {"offers", summary.offers},
                                    {"campaigns", summary.campaigns},
                                    {"apps", summary.apps}});
+        } else if (kind == "funnel" && parts.size() == 1 && get) {
+            const bool byDay = queryValue(target, "by") == "day";
+            return jsonReply(
+                200, funnelJson(service_.change([&](Database& db) { return readFunnel(db, byDay); }, false)));
         }
         throw ApiError(404, "there is no admin endpoint " + method + " " + std::string(path));
     } catch (const ApiError& e) {

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
+#include <iosfwd>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tovrel_server/admin.h"
@@ -59,11 +63,96 @@ struct CatalogData {
     std::vector<PlaceDef> places;
 };
 
-/// Parses a GeoJSON place file. label names the file in error messages. Throws ImportError.
+/// What a place file defines, held compactly while a large file is read: the offers' and places'
+/// strings in one arena, fixed-size rows beside it (1M places with an offer each take ~200 MB where
+/// CatalogData takes ~700). Apps and campaigns, always few, are plain. Built on one thread; const
+/// members may then be called from any thread.
+class PlaceCatalog {
+  public:
+    std::vector<AppDef> apps;
+    std::vector<CampaignDef> campaigns;  ///< by name
+
+    std::size_t offerCount() const { return offers_.size(); }
+    std::size_t placeCount() const { return places_.size(); }
+    /// The i-th offer, in order of first appearance.
+    OfferDef offer(std::size_t i) const;
+    /// The i-th place, in file order.
+    PlaceDef place(std::size_t i) const;
+    /// The same catalogue as plain structures.
+    CatalogData expand() const;
+
+    void addOffer(const OfferDef& offer, uint32_t featureNumber);
+    /// Whether offer i holds exactly `offer`.
+    bool sameOffer(std::size_t i, const OfferDef& offer) const;
+    /// The feature that defined offer i first.
+    uint32_t offerFeature(std::size_t i) const { return offers_[i].feature; }
+    void addPlace(const PlaceDef& place);
+
+  private:
+    struct OfferRow {
+        int32_t id;
+        int16_t dwellTime;
+        int8_t eventType;
+        uint32_t size;  ///< bytes of the strings' record in the arena
+        uint32_t feature;
+        uint64_t text;  ///< the arena's handle of campaign, eventName, alertText, mediaType, mediaUrl, tags
+    };
+    struct PlaceRow {
+        int32_t id;
+        uint32_t firstOffer;  ///< into placeOffers_
+        uint32_t offerCount;
+        double lat;
+        double lon;
+        double radius;
+        uint64_t name;
+    };
+    uint64_t store(std::initializer_list<std::string_view> strings, uint32_t& size);
+    const char* at(uint64_t handle) const;
+
+    static constexpr std::size_t kBlock = 4 << 20;
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::size_t used_ = kBlock;  ///< bytes used in the last block
+    std::string scratch_;
+    std::vector<OfferRow> offers_;
+    std::vector<PlaceRow> places_;
+    std::vector<int32_t> placeOffers_;
+};
+
+/// One fault of a place file.
+struct PlaceFileProblem {
+    std::optional<std::size_t> feature;  ///< counted from 1, as in the messages; none: the collection
+    std::string
+        member;  ///< JSON Pointer of the member at fault ("/features/2/properties/radius"); "" for the file
+    std::string message;  ///< the whole line: "places.geojson: feature 3: properties.radius must be ..."
+};
+
+/// Everything wrong with a place file, or its catalogue when nothing is.
+struct PlaceFileCheck {
+    std::vector<PlaceFileProblem>
+        problems;  ///< every faulty feature once, in file order, after the collection's
+    std::optional<PlaceCatalog> catalog;  ///< set when problems is empty
+};
+
+/// Reads a GeoJSON place file as a stream (one feature in memory at a time) and checks all of it.
+/// label names the file in messages. Any thread (no shared state), as are the functions below.
+PlaceFileCheck checkPlaceFile(std::string_view text, const std::string& label);
+/// The same, reading `in` in chunks of chunkSize bytes.
+PlaceFileCheck checkPlaceFile(std::istream& in, const std::string& label, std::size_t chunkSize = 1 << 16);
+
+/// Opens and checks the place file at path. Throws ImportError when it cannot be opened.
+PlaceFileCheck checkPlaceFile(const std::string& path);
+
+/// The problems as one import error text: the first 50 lines, then "(and N more)".
+std::string describeProblems(const std::vector<PlaceFileProblem>& problems);
+
+/// Parses a GeoJSON place file held in memory. label names the file in error messages. Throws
+/// ImportError with every faulty feature (describeProblems).
 CatalogData parseGeoJson(const std::string& text, const std::string& label);
 
 /// Writes campaigns, offers, places and apps (insert or replace by id or name) in one transaction.
 ImportSummary writeCatalog(Database& db, const CatalogData& data, double now);
+/// The same for a catalogue read by checkPlaceFile.
+ImportSummary writeCatalog(Database& db, const PlaceCatalog& data, double now);
 
 /// Adds an app key, or renames an existing one.
 void writeApp(Database& db, const AppDef& app, double now);

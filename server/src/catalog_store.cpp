@@ -13,9 +13,16 @@ void writeApp(Database& db, const AppDef& app, double now) {
         .run();
 }
 
-ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
+namespace {
+
+// Writes offerCount offers and placeCount places, each produced by its function, with apps and
+// campaigns, in one transaction with prepared statements.
+template <typename OfferAt, typename PlaceAt>
+ImportSummary writeRows(Database& db, const std::vector<AppDef>& apps,
+                        const std::vector<CampaignDef>& campaigns, std::size_t offerCount, OfferAt offerAt,
+                        std::size_t placeCount, PlaceAt placeAt, double now) {
     Transaction tx(db);
-    for (const AppDef& app : data.apps) {
+    for (const AppDef& app : apps) {
         writeApp(db, app, now);
     }
 
@@ -25,8 +32,8 @@ ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
         "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
         "per_device_cap = excluded.per_device_cap");
     Statement campaignId = db.prepare("SELECT id FROM campaigns WHERE name = ?");
-    std::map<std::string, int64_t> ids;
-    for (const CampaignDef& c : data.campaigns) {
+    std::map<std::string, int64_t, std::less<>> ids;
+    for (const CampaignDef& c : campaigns) {
         campaign.with(c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap).run();
         campaignId.with(c.name).step();
         ids[c.name] = campaignId.integer(0);
@@ -40,7 +47,8 @@ ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
         "excluded.media_type, "
         "media_url = excluded.media_url, tags = excluded.tags, dwell_time = excluded.dwell_time, "
         "event_type = excluded.event_type");
-    for (const OfferDef& o : data.offers) {
+    for (std::size_t i = 0; i < offerCount; ++i) {
+        const OfferDef& o = offerAt(i);
         offer
             .with(o.id, ids.at(o.campaign), o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags,
                   o.dwellTime, o.eventType)
@@ -52,7 +60,8 @@ ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
         "name = excluded.name, lat = excluded.lat, lon = excluded.lon, radius = excluded.radius");
     Statement unlink = db.prepare("DELETE FROM place_offers WHERE place = ?");
     Statement link = db.prepare("INSERT INTO place_offers(place, offer) VALUES(?, ?)");
-    for (const PlaceDef& p : data.places) {
+    for (std::size_t i = 0; i < placeCount; ++i) {
+        const PlaceDef& p = placeAt(i);
         place.with(p.id, p.name, p.lat, p.lon, p.radius).run();
         unlink.with(p.id).run();
         for (int64_t o : p.offers) {
@@ -60,8 +69,23 @@ ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
         }
     }
     tx.commit();
-    return ImportSummary{static_cast<int>(data.apps.size()), static_cast<int>(data.campaigns.size()),
-                         static_cast<int>(data.places.size()), static_cast<int>(data.offers.size())};
+    return ImportSummary{static_cast<int>(apps.size()), static_cast<int>(campaigns.size()),
+                         static_cast<int>(placeCount), static_cast<int>(offerCount)};
+}
+
+}  // namespace
+
+ImportSummary writeCatalog(Database& db, const CatalogData& data, double now) {
+    return writeRows(
+        db, data.apps, data.campaigns, data.offers.size(),
+        [&](std::size_t i) -> const OfferDef& { return data.offers[i]; }, data.places.size(),
+        [&](std::size_t i) -> const PlaceDef& { return data.places[i]; }, now);
+}
+
+ImportSummary writeCatalog(Database& db, const PlaceCatalog& data, double now) {
+    return writeRows(
+        db, data.apps, data.campaigns, data.offerCount(), [&](std::size_t i) { return data.offer(i); },
+        data.placeCount(), [&](std::size_t i) { return data.place(i); }, now);
 }
 
 CatalogData readCatalog(Database& db) {

@@ -4,8 +4,12 @@
 #include <chrono>
 #include <cmath>
 #include <initializer_list>
+#include <istream>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string_view>
 #include <vector>
 
@@ -17,10 +21,6 @@ namespace {
 using nlohmann::json;
 
 constexpr int64_t kMaxId = 2147483647;
-
-[[noreturn]] void fail(const std::string& where, const std::string& what) {
-    throw ImportError(where + ": " + what);
-}
 
 std::optional<int> digits(const std::string& s, std::size_t pos, std::size_t count) {
     if (pos + count > s.size()) {
@@ -36,11 +36,24 @@ std::optional<int> digits(const std::string& s, std::size_t pos, std::size_t cou
     return value;
 }
 
-// A JSON path made readable: "feature 3: offer 2".
+// A fault found while checking one feature (or the collection): where, and the whole message line.
+struct Fault {
+    std::string member;
+    std::string message;
+};
+
+// A place in the file, readable ("places.geojson: feature 3: offer 2") and as a JSON Pointer.
 struct Where {
     std::string text;
-    Where sub(const std::string& part) const { return {text + ": " + part}; }
+    std::string pointer;
+    Where sub(const std::string& part, const std::string& member) const {
+        return {text + ": " + part, pointer + member};
+    }
 };
+
+[[noreturn]] void fail(const Where& where, std::string_view member, const std::string& what) {
+    throw Fault{where.pointer + std::string(member), where.text + ": " + what};
+}
 
 /// Refuses a member outside `allowed`: a mistyped name ("dwelltime") would otherwise import as the
 /// default silently. Names that differ only in case are suggested.
@@ -61,7 +74,7 @@ void onlyMembers(const json& object, std::initializer_list<std::string_view> all
                 message += " (did you mean \"" + std::string(name) + "\"?)";
             }
         }
-        fail(where.text, message);
+        fail(where, (json::json_pointer() / key).to_string(), message);
     }
 }
 
@@ -90,14 +103,21 @@ std::optional<int64_t> asId(const json& v) {
     return std::nullopt;
 }
 
+// "properties.placeId" as a JSON Pointer suffix: "/properties/placeId".
+std::string pointerOf(const std::string& path) {
+    std::string out = "/" + path;
+    std::replace(out.begin(), out.end(), '.', '/');
+    return out;
+}
+
 int64_t requireId(const json& object, const char* name, const Where& where, const std::string& path) {
     const json* v = member(object, name);
     if (!v) {
-        fail(where.text, "missing " + path);
+        fail(where, pointerOf(path), "missing " + path);
     }
     const auto id = asId(*v);
     if (!id) {
-        fail(where.text,
+        fail(where, pointerOf(path),
              path + " must be a whole number from 1 to 2147483647 (or such a number as a string)");
     }
     return *id;
@@ -110,222 +130,386 @@ std::string optionalString(const json& object, const char* name, const Where& wh
         return fallback;
     }
     if (!v->is_string()) {
-        fail(where.text, path + " must be a string");
+        fail(where, pointerOf(path), path + " must be a string");
     }
     return v->get<std::string>();
 }
 
 std::string requireString(const json& object, const char* name, const Where& where, const std::string& path) {
     if (!member(object, name)) {
-        fail(where.text, "missing " + path);
+        fail(where, pointerOf(path), "missing " + path);
     }
     return optionalString(object, name, where, path, "");
 }
 
 CampaignDef parseCampaign(const json& c, const Where& where) {
     if (!c.is_object()) {
-        fail(where.text, "a campaign must be an object");
+        fail(where, "", "a campaign must be an object");
     }
     onlyMembers(c, {"name", "startDate", "endDate", "perDeviceCap"}, where, "a campaign");
     CampaignDef def;
     def.name = requireString(c, "name", where, "name");
     if (def.name.empty()) {
-        fail(where.text, "name must not be empty");
+        fail(where, "/name", "name must not be empty");
     }
     def.startDate = optionalString(c, "startDate", where, "startDate", "");
     def.endDate = optionalString(c, "endDate", where, "endDate", "");
     if (!def.startDate.empty()) {
         def.startTime = parseIsoTime(def.startDate, false);
         if (!def.startTime) {
-            fail(where.text,
+            fail(where, "/startDate",
                  "startDate \"" + def.startDate + "\" is not a date like 2020-01-31 or 2020-01-31T08:00:00Z");
         }
     }
     if (!def.endDate.empty()) {
         def.endTime = parseIsoTime(def.endDate, true);
         if (!def.endTime) {
-            fail(where.text,
+            fail(where, "/endDate",
                  "endDate \"" + def.endDate + "\" is not a date like 2035-12-31 or 2035-12-31T20:00:00Z");
         }
     }
     if (def.startTime && def.endTime && *def.startTime > *def.endTime) {
-        fail(where.text, "endDate is before startDate");
+        fail(where, "/endDate", "endDate is before startDate");
     }
     if (const json* cap = member(c, "perDeviceCap"); cap && !cap->is_null()) {
         if (!cap->is_number_integer() || cap->get<int64_t>() < 0 ||
             (cap->is_number_unsigned() && cap->get<uint64_t>() > 1000000000u)) {
-            fail(where.text, "perDeviceCap must be a whole number of 0 or more");
+            fail(where, "/perDeviceCap", "perDeviceCap must be a whole number of 0 or more");
         }
         def.perDeviceCap = cap->get<int64_t>();
     }
     return def;
 }
 
-class Parser {
+/// Identifiers (1..2^31-1) to 32-bit values by open addressing: 8 bytes a slot, where a std::map
+/// node costs ~64. Holds a million places or offers in ~16 MB.
+class IdMap {
   public:
-    explicit Parser(std::string label) : label_(std::move(label)) {}
-
-    CatalogData parse(const json& root) {
-        const Where top{label_};
-        if (!root.is_object()) {
-            fail(top.text, "the file must hold a GeoJSON FeatureCollection object");
+    /// The value held for id, after storing `value` when there was none; second: whether it was stored.
+    std::pair<uint32_t, bool> emplace(int64_t id, uint32_t value) {
+        if ((used_ + 1) * 2 > slots_.size()) {
+            grow();
         }
-        if (optionalString(root, "type", top, "type", "") != "FeatureCollection") {
-            fail(top.text, "\"type\" must be \"FeatureCollection\"");
+        Slot& slot = find(static_cast<uint32_t>(id));
+        if (slot.id != 0) {
+            return {slot.value, false};
         }
-        if (const json* props = member(root, "properties"); props && !props->is_null()) {
-            if (!props->is_object()) {
-                fail(top.text, "properties must be an object");
-            }
-            onlyMembers(*props, {"apps", "campaigns"}, top, "the collection's properties");
-            parseApps(*props, top);
-            parseCampaigns(*props, top);
-        }
-        const json* features = member(root, "features");
-        if (!features || !features->is_array()) {
-            fail(top.text, "missing features (an array of Point features)");
-        }
-        // Every feature is checked, so that one import names every fault of the file.
-        std::size_t n = 0;
-        for (const json& f : *features) {
-            try {
-                parseFeature(f, ++n);
-            } catch (const ImportError& error) {
-                errors_.emplace_back(error.what());
-            }
-        }
-        if (!errors_.empty()) {
-            std::string all;
-            for (std::size_t i = 0; i < errors_.size() && i < kMaxListedErrors; ++i) {
-                all += (i > 0 ? "\n" : "") + errors_[i];
-            }
-            if (errors_.size() > kMaxListedErrors) {
-                all += "\n(and " + std::to_string(errors_.size() - kMaxListedErrors) + " more)";
-            }
-            throw ImportError(all);
-        }
-        for (auto& [name, c] : campaigns_) {
-            data_.campaigns.push_back(c);
-        }
-        return std::move(data_);
+        slot = {static_cast<uint32_t>(id), value};
+        ++used_;
+        return {value, true};
     }
 
   private:
-    void parseApps(const json& props, const Where& top) {
-        const json* apps = member(props, "apps");
-        if (!apps) {
-            return;
+    struct Slot {
+        uint32_t id = 0;  // 0: empty (identifiers start at 1)
+        uint32_t value = 0;
+    };
+    Slot& find(uint32_t id) {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t i = (id * 0x9E3779B97F4A7C15ull) >> 20 & mask;
+        while (slots_[i].id != 0 && slots_[i].id != id) {
+            i = (i + 1) & mask;
         }
-        if (!apps->is_array()) {
-            fail(top.text, "properties.apps must be an array of {\"key\", \"name\"} objects");
+        return slots_[i];
+    }
+    void grow() {
+        std::vector<Slot> old(std::max<std::size_t>(64, slots_.size() * 2));
+        old.swap(slots_);
+        for (const Slot& s : old) {
+            if (s.id != 0) {
+                find(s.id) = s;
+            }
         }
-        std::size_t n = 0;
-        for (const json& a : *apps) {
-            const Where where = top.sub("app " + std::to_string(++n));
-            if (!a.is_object()) {
-                fail(where.text, "an app must be an object with \"key\" and \"name\"");
-            }
-            onlyMembers(a, {"key", "name"}, where, "an app");
-            AppDef app{requireString(a, "key", where, "key"), optionalString(a, "name", where, "name", "")};
-            if (app.key.empty()) {
-                fail(where.text, "key must not be empty");
-            }
-            data_.apps.push_back(std::move(app));
+    }
+    std::vector<Slot> slots_;
+    std::size_t used_ = 0;
+};
+
+/// Checks the collection's members and one feature at a time, and gathers what is valid into a
+/// PlaceCatalog. Campaign names used before the collection's properties are read (keys written in
+/// alphabetical order put "features" first) are resolved at the end.
+class Checker {
+  public:
+    explicit Checker(std::string label) : label_(std::move(label)), top_{label_, ""} {}
+
+    void type(const json& value) {
+        typeSeen_ = true;
+        if (!value.is_string()) {
+            fatal("/type", top_.text + ": type must be a string");
+        } else if (value.get_ref<const std::string&>() != "FeatureCollection") {
+            fatal("/type", top_.text + ": \"type\" must be \"FeatureCollection\"");
         }
     }
 
-    void parseCampaigns(const json& props, const Where& top) {
-        const json* list = member(props, "campaigns");
-        if (!list) {
+    void properties(const json& props) {
+        propertiesSeen_ = true;
+        if (props.is_null()) {
             return;
         }
-        if (!list->is_array()) {
-            fail(top.text, "properties.campaigns must be an array of campaign objects");
+        if (!props.is_object()) {
+            fatal("/properties", top_.text + ": properties must be an object");
+            return;
         }
-        std::size_t n = 0;
-        for (const json& c : *list) {
-            const Where where = top.sub("campaign " + std::to_string(++n));
-            addCampaign(parseCampaign(c, where), where);
+        const Where where{label_, "/properties"};
+        collection([&] { onlyMembers(props, {"apps", "campaigns"}, where, "the collection's properties"); });
+        if (const json* apps = member(props, "apps")) {
+            if (!apps->is_array()) {
+                fatal("/properties/apps",
+                      top_.text + ": properties.apps must be an array of {\"key\", \"name\"} objects");
+            } else {
+                std::size_t n = 0;
+                for (const json& a : *apps) {
+                    const Where at = where.sub("app " + std::to_string(n + 1), "/apps/" + std::to_string(n));
+                    ++n;
+                    collection([&] { parseApp(a, at); });
+                }
+            }
         }
+        if (const json* list = member(props, "campaigns")) {
+            if (!list->is_array()) {
+                fatal("/properties/campaigns",
+                      top_.text + ": properties.campaigns must be an array of campaign objects");
+            } else {
+                std::size_t n = 0;
+                for (const json& c : *list) {
+                    const Where at =
+                        where.sub("campaign " + std::to_string(n + 1), "/campaigns/" + std::to_string(n));
+                    ++n;
+                    if (c.is_object()) {
+                        if (const json* name = member(c, "name"); name && name->is_string()) {
+                            // Known even when faulty, so that its offers are not also reported.
+                            named_.insert(name->get<std::string>());
+                        }
+                    }
+                    collection([&] { addCampaign(parseCampaign(c, at), at); });
+                }
+            }
+        }
+    }
+
+    void featuresNotAnArray() {
+        fatal("/features", top_.text + ": missing features (an array of Point features)");
+    }
+    void featuresStart() { featuresSeen_ = true; }
+
+    void feature(const json& f) {
+        const auto number = static_cast<uint32_t>(++features_);
+        try {
+            parseFeature(f, number);
+        } catch (const Fault& fault) {
+            problems_.push_back({number, fault.member, fault.message});
+        }
+    }
+
+    void notAnObject() { rootNotObject_ = true; }
+
+    void syntaxError(const nlohmann::detail::exception& e) {
+        std::string text = e.what();
+        if (dynamic_cast<const json::parse_error*>(&e) == nullptr) {
+            syntax_ = label_ + ": not usable JSON (" + text + ")";
+            return;
+        }
+        // "[json.exception.parse_error.101] parse error at line 3, column 16: syntax error ..."
+        std::string where;
+        if (const auto at = text.find("parse error at "); at != std::string::npos) {
+            const auto colon = text.find(": ", at);
+            where = text.substr(at + 15, colon - at - 15) + ": ";
+            text = colon == std::string::npos ? "" : text.substr(colon + 2);
+        } else if (const auto p = text.find(": ", text.find("parse error")); p != std::string::npos) {
+            text = text.substr(p + 2);
+        }
+        syntax_ = label_ + ": " + where + "not valid JSON (" + text + ")";
+    }
+
+    PlaceFileCheck finish() {
+        PlaceFileCheck result;
+        if (syntax_) {
+            result.problems.push_back({std::nullopt, "", *syntax_});
+            return result;
+        }
+        if (rootNotObject_) {
+            result.problems.push_back(
+                {std::nullopt, "", top_.text + ": the file must hold a GeoJSON FeatureCollection object"});
+            return result;
+        }
+        if (!typeSeen_) {
+            fatal("/type", top_.text + ": \"type\" must be \"FeatureCollection\"");
+        }
+        if (!featuresSeen_) {
+            featuresNotAnArray();
+        }
+        if (fatal_) {
+            result.problems.push_back(std::move(*fatal_));
+            return result;
+        }
+        resolvePending();
+        result.problems = std::move(collection_);
+        result.problems.insert(result.problems.end(), std::make_move_iterator(problems_.begin()),
+                               std::make_move_iterator(problems_.end()));
+        if (result.problems.empty()) {
+            for (auto& [name, c] : campaigns_) {
+                data_.campaigns.push_back(c);
+            }
+            result.catalog = std::move(data_);
+        }
+        return result;
+    }
+
+  private:
+    // The first fault that makes the file unusable as a collection; it is then the only one reported.
+    // The rank keeps the order of the checks whatever the order of the members in the file.
+    void fatal(const std::string& pointer, const std::string& message) {
+        const int rank = pointer == "/type" ? 0 : pointer == "/features" ? 2 : 1;
+        if (!fatal_ || rank < fatalRank_) {
+            fatal_ = PlaceFileProblem{std::nullopt, pointer, message};
+            fatalRank_ = rank;
+        }
+    }
+
+    template <typename F>
+    void collection(F&& check) {
+        try {
+            check();
+        } catch (const Fault& fault) {
+            collection_.push_back({std::nullopt, fault.member, fault.message});
+        }
+    }
+
+    void parseApp(const json& a, const Where& where) {
+        if (!a.is_object()) {
+            fail(where, "", "an app must be an object with \"key\" and \"name\"");
+        }
+        onlyMembers(a, {"key", "name"}, where, "an app");
+        AppDef app{requireString(a, "key", where, "key"), optionalString(a, "name", where, "name", "")};
+        if (app.key.empty()) {
+            fail(where, "/key", "key must not be empty");
+        }
+        data_.apps.push_back(std::move(app));
     }
 
     void addCampaign(const CampaignDef& def, const Where& where) {
+        named_.insert(def.name);
         const auto [it, added] = campaigns_.emplace(def.name, def);
         if (!added && !(it->second == def)) {
-            fail(where.text, "campaign \"" + def.name + "\" is already defined with other values");
+            fail(where, "", "campaign \"" + def.name + "\" is already defined with other values");
         }
     }
 
-    void parseFeature(const json& f, std::size_t number) {
-        const Where where{label_ + ": feature " + std::to_string(number)};
+    // Offers naming a campaign before the collection's properties were read: checked at the end.
+    void resolvePending() {
+        std::vector<PlaceFileProblem> late;
+        for (const auto& [name, uses] : pending_) {
+            if (named_.contains(name)) {
+                continue;
+            }
+            for (const auto& [feature, offer] : uses) {
+                late.push_back({feature,
+                                "/features/" + std::to_string(feature - 1) + "/properties/offers/" +
+                                    std::to_string(offer - 1) + "/campaign",
+                                label_ + ": feature " + std::to_string(feature) + ": offer " +
+                                    std::to_string(offer) + ": unknown campaign \"" + name +
+                                    "\" (define it in properties.campaigns)"});
+            }
+        }
+        if (late.empty()) {
+            return;
+        }
+        // One problem per feature, in feature order, as if found while reading.
+        std::vector<PlaceFileProblem> merged;
+        merged.reserve(problems_.size() + late.size());
+        std::stable_sort(late.begin(), late.end(),
+                         [](const auto& a, const auto& b) { return *a.feature < *b.feature; });
+        std::size_t i = 0;
+        for (PlaceFileProblem& p : late) {
+            while (i < problems_.size() && *problems_[i].feature < *p.feature) {
+                merged.push_back(std::move(problems_[i++]));
+            }
+            const bool taken = (i < problems_.size() && *problems_[i].feature == *p.feature) ||
+                               (!merged.empty() && *merged.back().feature == *p.feature);
+            if (!taken) {
+                merged.push_back(std::move(p));
+            }
+        }
+        while (i < problems_.size()) {
+            merged.push_back(std::move(problems_[i++]));
+        }
+        problems_ = std::move(merged);
+    }
+
+    void parseFeature(const json& f, uint32_t number) {
+        const Where where{label_ + ": feature " + std::to_string(number),
+                          "/features/" + std::to_string(number - 1)};
         if (!f.is_object()) {
-            fail(where.text, "a feature must be an object");
+            fail(where, "", "a feature must be an object");
         }
         if (optionalString(f, "type", where, "type", "") != "Feature") {
-            fail(where.text, "\"type\" must be \"Feature\"");
+            fail(where, "/type", "\"type\" must be \"Feature\"");
         }
         const json* geometry = member(f, "geometry");
         if (!geometry || !geometry->is_object()) {
-            fail(where.text, "missing geometry");
+            fail(where, "/geometry", "missing geometry");
         }
         if (optionalString(*geometry, "type", where, "geometry.type", "") != "Point") {
-            fail(where.text, "geometry.type must be \"Point\" (one feature per place)");
+            fail(where, "/geometry/type", "geometry.type must be \"Point\" (one feature per place)");
         }
         const json* coords = member(*geometry, "coordinates");
         if (!coords || !coords->is_array() || coords->size() < 2 || coords->size() > 3 ||
             !(*coords)[0].is_number() || !(*coords)[1].is_number()) {
-            fail(where.text, "geometry.coordinates must be [longitude, latitude]");
+            fail(where, "/geometry/coordinates", "geometry.coordinates must be [longitude, latitude]");
         }
         PlaceDef place;
         place.lon = (*coords)[0].get<double>();
         place.lat = (*coords)[1].get<double>();
         if (!(place.lon >= -180 && place.lon <= 180 && place.lat >= -90 && place.lat <= 90)) {
-            fail(where.text, "geometry.coordinates [" + (*coords)[0].dump() + ", " + (*coords)[1].dump() +
-                                 "] out of range: longitude must be -180..180, latitude -90..90");
+            fail(where, "/geometry/coordinates",
+                 "geometry.coordinates [" + (*coords)[0].dump() + ", " + (*coords)[1].dump() +
+                     "] out of range: longitude must be -180..180, latitude -90..90");
         }
         const json* props = member(f, "properties");
         if (!props || !props->is_object()) {
-            fail(where.text, "missing properties");
+            fail(where, "/properties", "missing properties");
         }
-        onlyMembers(*props, {"placeId", "name", "radius", "offers"}, where, "properties");
+        const Where pw{where.text, where.pointer + "/properties"};
+        onlyMembers(*props, {"placeId", "name", "radius", "offers"}, pw, "properties");
         place.id = requireId(*props, "placeId", where, "properties.placeId");
-        if (const auto [it, added] = placeFeature_.emplace(place.id, number); !added) {
-            fail(where.text, "placeId " + std::to_string(place.id) + " is already used by feature " +
-                                 std::to_string(it->second));
+        if (const auto [first, added] = placeFeature_.emplace(place.id, number); !added) {
+            fail(where, "/properties/placeId",
+                 "placeId " + std::to_string(place.id) + " is already used by feature " +
+                     std::to_string(first));
         }
         place.name = optionalString(*props, "name", where, "properties.name", "");
         const json* radius = member(*props, "radius");
         if (!radius) {
-            fail(where.text, "missing properties.radius");
+            fail(where, "/properties/radius", "missing properties.radius");
         }
         if (!radius->is_number() || !(radius->get<double>() > 0) || !std::isfinite(radius->get<double>())) {
-            fail(where.text, "properties.radius must be a number of metres above 0");
+            fail(where, "/properties/radius", "properties.radius must be a number of metres above 0");
         }
         place.radius = radius->get<double>();
         const json* offers = member(*props, "offers");
         if (!offers) {
-            fail(where.text, "missing properties.offers");
+            fail(where, "/properties/offers", "missing properties.offers");
         }
         if (!offers->is_array()) {
-            fail(where.text, "properties.offers must be an array");
+            fail(where, "/properties/offers", "properties.offers must be an array");
         }
-        std::size_t n = 0;
+        uint32_t n = 0;
         for (const json& o : *offers) {
-            const Where ow = where.sub("offer " + std::to_string(++n));
-            const int64_t id = parseOffer(o, ow, number);
-            for (int64_t existing : place.offers) {
-                if (existing == id) {
-                    fail(ow.text, "eventId " + std::to_string(id) + " appears twice in this place");
-                }
+            const Where ow =
+                where.sub("offer " + std::to_string(n + 1), "/properties/offers/" + std::to_string(n));
+            ++n;
+            const int64_t id = parseOffer(o, ow, number, n);
+            if (std::find(place.offers.begin(), place.offers.end(), id) != place.offers.end()) {
+                fail(ow, "/eventId", "eventId " + std::to_string(id) + " appears twice in this place");
             }
             place.offers.push_back(id);
         }
-        data_.places.push_back(std::move(place));
+        data_.addPlace(place);
     }
 
-    int64_t parseOffer(const json& o, const Where& where, std::size_t featureNumber) {
+    int64_t parseOffer(const json& o, const Where& where, uint32_t featureNumber, uint32_t offerNumber) {
         if (!o.is_object()) {
-            fail(where.text, "an offer must be an object");
+            fail(where, "", "an offer must be an object");
         }
         onlyMembers(o,
                     {"eventId", "campaign", "eventName", "alertText", "mediaType", "mediaUrl", "tags",
@@ -335,20 +519,23 @@ class Parser {
         offer.id = requireId(o, "eventId", where, "eventId");
         const json* campaign = member(o, "campaign");
         if (!campaign) {
-            fail(where.text, "missing campaign (a campaign name, or a campaign object)");
+            fail(where, "/campaign", "missing campaign (a campaign name, or a campaign object)");
         }
         if (campaign->is_string()) {
             offer.campaign = campaign->get<std::string>();
-            if (!campaigns_.contains(offer.campaign)) {
-                fail(where.text,
-                     "unknown campaign \"" + offer.campaign + "\" (define it in properties.campaigns)");
+            if (!named_.contains(offer.campaign)) {
+                if (propertiesSeen_) {
+                    fail(where, "/campaign",
+                         "unknown campaign \"" + offer.campaign + "\" (define it in properties.campaigns)");
+                }
+                pending_[offer.campaign].emplace_back(featureNumber, offerNumber);
             }
         } else if (campaign->is_object()) {
-            const CampaignDef def = parseCampaign(*campaign, where.sub("campaign"));
+            const CampaignDef def = parseCampaign(*campaign, where.sub("campaign", "/campaign"));
             addCampaign(def, where);
             offer.campaign = def.name;
         } else {
-            fail(where.text, "campaign must be a campaign name or a campaign object");
+            fail(where, "/campaign", "campaign must be a campaign name or a campaign object");
         }
         offer.eventName = requireString(o, "eventName", where, "eventName");
         offer.alertText = requireString(o, "alertText", where, "alertText");
@@ -356,7 +543,7 @@ class Parser {
         offer.mediaUrl = optionalString(o, "mediaUrl", where, "mediaUrl", "");
         if (!offer.mediaUrl.empty() && offer.mediaUrl.front() != '/' &&
             offer.mediaUrl.rfind("http://", 0) != 0 && offer.mediaUrl.rfind("https://", 0) != 0) {
-            fail(where.text,
+            fail(where, "/mediaUrl",
                  "mediaUrl \"" + offer.mediaUrl +
                      "\" must start with \"/\" (a page of the content folder) or be an http(s) URL");
         }
@@ -366,27 +553,27 @@ class Parser {
         if (const json* dwell = member(o, "dwellTime")) {
             if (!dwell->is_number_integer() || dwell->get<int64_t>() < 0 || dwell->get<int64_t>() > 1440 ||
                 (dwell->is_number_unsigned() && dwell->get<uint64_t>() > 1440u)) {
-                fail(where.text, "dwellTime must be a whole number of minutes from 0 to 1440");
+                fail(where, "/dwellTime", "dwellTime must be a whole number of minutes from 0 to 1440");
             }
             offer.dwellTime = dwell->get<int>();
         }
         const json* type = member(o, "eventTypeId");
         if (!type) {
-            fail(where.text, "missing eventTypeId");
+            fail(where, "/eventTypeId", "missing eventTypeId");
         }
         if (!type->is_number_integer() || type->get<int64_t>() < 1 || type->get<int64_t>() > 3 ||
             (type->is_number_unsigned() && type->get<uint64_t>() > 3u)) {
-            fail(where.text, "eventTypeId must be 1, 2 or 3");
+            fail(where, "/eventTypeId", "eventTypeId must be 1, 2 or 3");
         }
         offer.eventType = type->get<int>();
 
-        const auto [it, added] = offerFeature_.emplace(offer.id, featureNumber);
+        const auto [index, added] = offerIndex_.emplace(offer.id, static_cast<uint32_t>(data_.offerCount()));
         if (added) {
-            data_.offers.push_back(offer);
-            offerIndex_[offer.id] = data_.offers.size() - 1;
-        } else if (!(data_.offers[offerIndex_[offer.id]] == offer)) {
-            fail(where.text, "eventId " + std::to_string(offer.id) +
-                                 " is already defined differently in feature " + std::to_string(it->second));
+            data_.addOffer(offer, featureNumber);
+        } else if (!data_.sameOffer(index, offer)) {
+            fail(where, "",
+                 "eventId " + std::to_string(offer.id) + " is already defined differently in feature " +
+                     std::to_string(data_.offerFeature(index)));
         }
         return offer.id;
     }
@@ -396,12 +583,12 @@ class Parser {
             return tags.get<std::string>();
         }
         if (!tags.is_array()) {
-            fail(where.text, "tags must be a string or an array of strings");
+            fail(where, "/tags", "tags must be a string or an array of strings");
         }
         std::string joined;
         for (const json& t : tags) {
             if (!t.is_string()) {
-                fail(where.text, "tags must be a string or an array of strings");
+                fail(where, "/tags", "tags must be a string or an array of strings");
             }
             joined += (joined.empty() ? "" : ",") + t.get<std::string>();
         }
@@ -409,15 +596,248 @@ class Parser {
     }
 
     std::string label_;
-    static constexpr std::size_t kMaxListedErrors = 50;
-
-    CatalogData data_;
-    std::vector<std::string> errors_;
+    Where top_;
+    PlaceCatalog data_;
+    std::size_t features_ = 0;
+    bool typeSeen_ = false;
+    bool propertiesSeen_ = false;
+    bool featuresSeen_ = false;
+    bool rootNotObject_ = false;
+    std::optional<std::string> syntax_;
+    std::optional<PlaceFileProblem> fatal_;
+    int fatalRank_ = 0;
+    std::vector<PlaceFileProblem> collection_;
+    std::vector<PlaceFileProblem> problems_;
     std::map<std::string, CampaignDef> campaigns_;
-    std::map<int64_t, std::size_t> placeFeature_;
-    std::map<int64_t, std::size_t> offerFeature_;
-    std::map<int64_t, std::size_t> offerIndex_;
+    std::set<std::string> named_;
+    std::map<std::string, std::vector<std::pair<uint32_t, uint32_t>>> pending_;
+    IdMap placeFeature_;
+    IdMap offerIndex_;
 };
+
+/// Builds one JSON value from SAX events (a feature, or one of the collection's small members).
+class TreeBuilder {
+  public:
+    void value(json&& v) {
+        if (stack_.empty()) {
+            root_ = std::move(v);
+        } else if (stack_.back()->is_array()) {
+            stack_.back()->push_back(std::move(v));
+        } else {
+            (*stack_.back())[key_] = std::move(v);
+        }
+    }
+    void open(json&& container) {
+        json* slot = nullptr;
+        if (stack_.empty()) {
+            root_ = std::move(container);
+            slot = &root_;
+        } else if (stack_.back()->is_array()) {
+            stack_.back()->push_back(std::move(container));
+            slot = &stack_.back()->back();
+        } else {
+            slot = &((*stack_.back())[key_] = std::move(container));
+        }
+        stack_.push_back(slot);
+    }
+    void close() { stack_.pop_back(); }
+    void key(std::string&& k) { key_ = std::move(k); }
+    json take() {
+        stack_.clear();
+        return std::move(root_);
+    }
+
+  private:
+    json root_;
+    std::vector<json*> stack_;
+    std::string key_;
+};
+
+/// The SAX handler: follows the collection's top level, materialises "type", "properties" and one
+/// feature at a time, and skips every other member without building it.
+class Reader {
+  public:
+    explicit Reader(Checker& checker) : checker_(checker) {}
+
+    bool null() { return scalar(json(nullptr)); }
+    bool boolean(bool v) { return scalar(json(v)); }
+    bool number_integer(json::number_integer_t v) { return scalar(json(v)); }
+    bool number_unsigned(json::number_unsigned_t v) { return scalar(json(v)); }
+    bool number_float(json::number_float_t v, const std::string&) { return scalar(json(v)); }
+    bool string(std::string& v) { return scalar(json(std::move(v))); }
+    bool binary(json::binary_t&) { return true; }
+    bool start_object(std::size_t) { return open(json::object()); }
+    bool start_array(std::size_t) { return open(json::array()); }
+    bool end_object() { return close(); }
+    bool end_array() { return close(); }
+    bool key(std::string& k) {
+        if (building_) {
+            builder_.key(std::move(k));
+        } else if (depth_ == 1) {
+            topKey_ = std::move(k);
+        }
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) {
+        checker_.syntaxError(e);
+        return false;
+    }
+
+  private:
+    enum class Slot { None, Top, Feature };
+
+    bool scalar(json&& v) {
+        if (building_) {
+            builder_.value(std::move(v));
+        } else if (depth_ == 0) {
+            checker_.notAnObject();
+        } else if (depth_ == 1 && rootIsObject_) {
+            top(std::move(v));
+        } else if (depth_ == 2 && inFeatures_) {
+            checker_.feature(v);
+        }
+        return true;
+    }
+
+    bool open(json&& container) {
+        if (building_) {
+            builder_.open(std::move(container));
+        } else if (depth_ == 0) {
+            rootIsObject_ = container.is_object();
+            if (!rootIsObject_) {
+                checker_.notAnObject();
+            }
+        } else if (depth_ == 1 && rootIsObject_) {
+            if (topKey_ == "features") {
+                if (container.is_array()) {
+                    inFeatures_ = true;
+                    checker_.featuresStart();
+                } else {
+                    checker_.featuresNotAnArray();
+                }
+            } else if (topKey_ == "type" || topKey_ == "properties") {
+                capture(Slot::Top, std::move(container));
+            }
+        } else if (depth_ == 2 && inFeatures_) {
+            capture(Slot::Feature, std::move(container));
+        }
+        ++depth_;
+        return true;
+    }
+
+    bool close() {
+        --depth_;
+        if (building_) {
+            builder_.close();
+            if (depth_ == captureDepth_) {
+                building_ = false;
+                json value = builder_.take();
+                if (slot_ == Slot::Feature) {
+                    checker_.feature(value);
+                } else {
+                    top(std::move(value));
+                }
+            }
+        } else if (depth_ == 1 && inFeatures_) {
+            inFeatures_ = false;
+        }
+        return true;
+    }
+
+    void capture(Slot slot, json&& container) {
+        building_ = true;
+        slot_ = slot;
+        captureDepth_ = depth_;
+        builder_.open(std::move(container));
+    }
+
+    void top(json&& value) {
+        if (topKey_ == "type") {
+            checker_.type(value);
+        } else if (topKey_ == "properties") {
+            checker_.properties(value);
+        } else if (topKey_ == "features") {
+            checker_.featuresNotAnArray();
+        }
+    }
+
+    Checker& checker_;
+    TreeBuilder builder_;
+    std::size_t depth_ = 0;
+    std::size_t captureDepth_ = 0;
+    bool building_ = false;
+    bool rootIsObject_ = false;
+    bool inFeatures_ = false;
+    Slot slot_ = Slot::None;
+    std::string topKey_;
+};
+
+/// An input iterator over an istream read in chunks, for nlohmann's parser.
+class ChunkIterator {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    struct Source {
+        std::istream* in = nullptr;
+        std::vector<char> buffer;
+        std::size_t pos = 0;
+        std::size_t size = 0;
+        bool refill() {
+            pos = 0;
+            size = 0;
+            if (in->good()) {
+                in->read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+                size = static_cast<std::size_t>(in->gcount());
+            }
+            return size > 0;
+        }
+    };
+
+    ChunkIterator() = default;
+    explicit ChunkIterator(Source* source) : source_(source) {
+        if (source_->pos >= source_->size && !source_->refill()) {
+            source_ = nullptr;
+        }
+    }
+    const char& operator*() const { return source_->buffer[source_->pos]; }
+    ChunkIterator& operator++() {
+        if (++source_->pos >= source_->size && !source_->refill()) {
+            source_ = nullptr;
+        }
+        return *this;
+    }
+    bool operator==(const ChunkIterator& other) const { return source_ == other.source_; }
+    bool operator!=(const ChunkIterator& other) const { return source_ != other.source_; }
+
+  private:
+    Source* source_ = nullptr;
+};
+
+void putLength(std::string& out, std::size_t n) {
+    while (n >= 0x80) {
+        out += static_cast<char>((n & 0x7F) | 0x80);
+        n >>= 7;
+    }
+    out += static_cast<char>(n);
+}
+
+std::string_view takeString(const char*& p) {
+    std::size_t n = 0;
+    for (int shift = 0;; shift += 7) {
+        const auto byte = static_cast<unsigned char>(*p++);
+        n |= static_cast<std::size_t>(byte & 0x7F) << shift;
+        if (byte < 0x80) {
+            break;
+        }
+    }
+    const std::string_view text(p, n);
+    p += n;
+    return text;
+}
 
 }  // namespace
 
@@ -468,31 +888,139 @@ std::optional<double> parseIsoTime(const std::string& s, bool endOfDay) {
     return day0 + *hh * 3600 + *mm * 60 + ss - offset;
 }
 
-CatalogData parseGeoJson(const std::string& text, const std::string& label) {
-    json root;
-    try {
-        root = json::parse(text);
-    } catch (const json::parse_error& e) {
-        std::size_t line = 1;
-        std::size_t column = 1;
-        for (std::size_t i = 0; i + 1 < e.byte && i < text.size(); ++i) {
-            if (text[i] == '\n') {
-                ++line;
-                column = 1;
-            } else {
-                ++column;
-            }
-        }
-        std::string reason = e.what();
-        if (const auto p = reason.find(": ", reason.find("parse error")); p != std::string::npos) {
-            reason = reason.substr(p + 2);
-        }
-        throw ImportError(label + ": line " + std::to_string(line) + ", column " + std::to_string(column) +
-                          ": not valid JSON (" + reason + ")");
-    } catch (const json::exception& e) {
-        throw ImportError(label + ": not usable JSON (" + std::string(e.what()) + ")");
+uint64_t PlaceCatalog::store(std::initializer_list<std::string_view> strings, uint32_t& size) {
+    scratch_.clear();
+    for (const std::string_view s : strings) {
+        putLength(scratch_, s.size());
+        scratch_.append(s);
     }
-    return Parser(label).parse(root);
+    size = static_cast<uint32_t>(scratch_.size());
+    if (used_ + scratch_.size() > kBlock || blocks_.empty()) {
+        blocks_.push_back(std::make_unique<char[]>(std::max(kBlock, scratch_.size())));
+        used_ = 0;
+    }
+    std::copy(scratch_.begin(), scratch_.end(), blocks_.back().get() + used_);
+    const uint64_t handle = (static_cast<uint64_t>(blocks_.size() - 1) << 32) | used_;
+    // A record larger than a block has a block of its own.
+    used_ = scratch_.size() > kBlock ? kBlock : used_ + scratch_.size();
+    return handle;
+}
+
+const char* PlaceCatalog::at(uint64_t handle) const {
+    return blocks_[handle >> 32].get() + (handle & 0xFFFFFFFFu);
+}
+
+void PlaceCatalog::addOffer(const OfferDef& o, uint32_t featureNumber) {
+    OfferRow row{static_cast<int32_t>(o.id),
+                 static_cast<int16_t>(o.dwellTime),
+                 static_cast<int8_t>(o.eventType),
+                 0,
+                 featureNumber,
+                 0};
+    row.text = store({o.campaign, o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags}, row.size);
+    offers_.push_back(row);
+}
+
+bool PlaceCatalog::sameOffer(std::size_t i, const OfferDef& o) const {
+    const OfferDef stored = offer(i);
+    return stored == o;
+}
+
+OfferDef PlaceCatalog::offer(std::size_t i) const {
+    const OfferRow& row = offers_[i];
+    const char* p = at(row.text);
+    OfferDef o;
+    o.id = row.id;
+    o.campaign = takeString(p);
+    o.eventName = takeString(p);
+    o.alertText = takeString(p);
+    o.mediaType = takeString(p);
+    o.mediaUrl = takeString(p);
+    o.tags = takeString(p);
+    o.dwellTime = row.dwellTime;
+    o.eventType = row.eventType;
+    return o;
+}
+
+void PlaceCatalog::addPlace(const PlaceDef& p) {
+    PlaceRow row{static_cast<int32_t>(p.id),
+                 static_cast<uint32_t>(placeOffers_.size()),
+                 static_cast<uint32_t>(p.offers.size()),
+                 p.lat,
+                 p.lon,
+                 p.radius,
+                 0};
+    uint32_t size = 0;
+    row.name = store({p.name}, size);
+    for (const int64_t o : p.offers) {
+        placeOffers_.push_back(static_cast<int32_t>(o));
+    }
+    places_.push_back(row);
+}
+
+PlaceDef PlaceCatalog::place(std::size_t i) const {
+    const PlaceRow& row = places_[i];
+    const char* p = at(row.name);
+    PlaceDef place;
+    place.id = row.id;
+    place.name = takeString(p);
+    place.lat = row.lat;
+    place.lon = row.lon;
+    place.radius = row.radius;
+    place.offers.assign(placeOffers_.begin() + row.firstOffer,
+                        placeOffers_.begin() + row.firstOffer + row.offerCount);
+    return place;
+}
+
+CatalogData PlaceCatalog::expand() const {
+    CatalogData data{apps, campaigns, {}, {}};
+    data.offers.reserve(offerCount());
+    for (std::size_t i = 0; i < offerCount(); ++i) {
+        data.offers.push_back(offer(i));
+    }
+    data.places.reserve(placeCount());
+    for (std::size_t i = 0; i < placeCount(); ++i) {
+        data.places.push_back(place(i));
+    }
+    return data;
+}
+
+PlaceFileCheck checkPlaceFile(std::string_view text, const std::string& label) {
+    Checker checker(label);
+    Reader reader(checker);
+    json::sax_parse(text.data(), text.data() + text.size(), &reader);
+    return checker.finish();
+}
+
+PlaceFileCheck checkPlaceFile(std::istream& in, const std::string& label, std::size_t chunkSize) {
+    Checker checker(label);
+    Reader reader(checker);
+    ChunkIterator::Source source{&in, std::vector<char>(std::max<std::size_t>(chunkSize, 1)), 0, 0};
+    json::sax_parse(ChunkIterator(&source), ChunkIterator(), &reader);
+    if (in.bad()) {
+        return {{{std::nullopt, "", label + ": cannot read the file"}}, std::nullopt};
+    }
+    return checker.finish();
+}
+
+std::string describeProblems(const std::vector<PlaceFileProblem>& problems) {
+    constexpr std::size_t kMaxListed = 50;
+    std::string all;
+    for (std::size_t i = 0; i < problems.size() && i < kMaxListed; ++i) {
+        all += (i > 0 ? "\n" : "") + problems[i].message;
+    }
+    if (problems.size() > kMaxListed) {
+        all += "\n(and " + std::to_string(problems.size() - kMaxListed) + " more)";
+    }
+    return all;
+}
+
+CatalogData parseGeoJson(const std::string& text, const std::string& label) {
+    PlaceFileCheck check = checkPlaceFile(std::string_view(text), label);
+    if (!check.problems.empty()) {
+        throw ImportError(describeProblems(check.problems));
+    }
+    return check.catalog->expand();
 }
 
 }  // namespace tovrel_server

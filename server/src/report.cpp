@@ -10,43 +10,141 @@
 
 namespace tovrel_server {
 
+namespace {
+
+void addStatus(FunnelCounts& counts, const std::string& status, int64_t n) {
+    if (status == "ack") {
+        counts.ack = n;
+    } else if (status == "seen") {
+        counts.seen = n;
+    } else if (status == "saved") {
+        counts.saved = n;
+    } else if (status == "declined") {
+        counts.declined = n;
+    }
+}
+
+// Counts by `key` (a column of device_events e), and by UTC day too when byDay, into rows[{day, id}].
+void countEvents(Database& db, const std::string& key, bool byDay,
+                 std::map<std::pair<std::string, int64_t>, FunnelCounts>& rows) {
+    const std::string linkDay = byDay ? "date(e.created_at, 'unixepoch')" : "''";
+    const std::string statusDay = byDay ? "date(s.at, 'unixepoch')" : "''";
+    Statement links =
+        db.prepare("SELECT " + linkDay + ", " + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2");
+    while (links.step()) {
+        rows[{links.text(0), links.integer(1)}].links = links.integer(2);
+    }
+    Statement statuses = db.prepare("SELECT " + statusDay + ", " + key +
+                                    ", s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
+                                    "JOIN device_events e ON e.id = s.device_event GROUP BY 1, 2, 3");
+    while (statuses.step()) {
+        addStatus(rows[{statuses.text(0), statuses.integer(1)}], statuses.text(2), statuses.integer(3));
+    }
+}
+
+}  // namespace
+
+Funnel readFunnel(Database& db, bool byDay) {
+    Funnel funnel;
+    std::map<int64_t, std::size_t> campaignIndex;
+    Statement campaigns = db.prepare("SELECT id, name FROM campaigns ORDER BY id");
+    while (campaigns.step()) {
+        campaignIndex[campaigns.integer(0)] = funnel.campaigns.size();
+        funnel.campaigns.push_back(FunnelRow{"", campaigns.integer(0), campaigns.text(1), 0, "", {}});
+    }
+    std::map<int64_t, std::size_t> offerIndex;
+    Statement offers = db.prepare(
+        "SELECT o.id, o.event_name, c.id, c.name FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER "
+        "BY o.id");
+    while (offers.step()) {
+        offerIndex[offers.integer(0)] = funnel.offers.size();
+        funnel.offers.push_back(
+            FunnelRow{"", offers.integer(2), offers.text(3), offers.integer(0), offers.text(1), {}});
+    }
+
+    std::map<std::pair<std::string, int64_t>, FunnelCounts> byCampaign;
+    std::map<std::pair<std::string, int64_t>, FunnelCounts> byOffer;
+    countEvents(db, "e.campaign", false, byCampaign);
+    countEvents(db, "e.offer", false, byOffer);
+    for (const auto& [key, counts] : byCampaign) {
+        if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
+            funnel.campaigns[it->second].counts = counts;
+        }
+    }
+    for (const auto& [key, counts] : byOffer) {
+        if (const auto it = offerIndex.find(key.second); it != offerIndex.end()) {
+            funnel.offers[it->second].counts = counts;
+        }
+    }
+    if (!byDay) {
+        return funnel;
+    }
+    byCampaign.clear();
+    byOffer.clear();
+    countEvents(db, "e.campaign", true, byCampaign);
+    countEvents(db, "e.offer", true, byOffer);
+    for (const auto& [key, counts] : byCampaign) {
+        FunnelRow row{key.first, key.second, "", 0, "", counts};
+        if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
+            row.campaignName = funnel.campaigns[it->second].campaignName;
+        }
+        funnel.campaignDays.push_back(std::move(row));
+    }
+    for (const auto& [key, counts] : byOffer) {
+        FunnelRow row{key.first, 0, "", key.second, "", counts};
+        if (const auto it = offerIndex.find(key.second); it != offerIndex.end()) {
+            const FunnelRow& offer = funnel.offers[it->second];
+            row.campaignId = offer.campaignId;
+            row.campaignName = offer.campaignName;
+            row.eventName = offer.eventName;
+        }
+        funnel.offerDays.push_back(std::move(row));
+    }
+    return funnel;
+}
+
 Report readReport(Database& db) {
     Report report;
-    std::map<int64_t, std::size_t> index;
-    Statement offers = db.prepare(
-        "SELECT o.id, o.event_name, c.name, (SELECT COUNT(*) FROM device_events e WHERE e.offer = o.id) "
-        "FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER BY o.id");
-    while (offers.step()) {
-        index[offers.integer(0)] = report.offers.size();
-        report.offers.push_back(
-            OfferReport{offers.integer(0), offers.text(1), offers.text(2), offers.integer(3)});
-    }
-    Statement statuses = db.prepare(
-        "SELECT e.offer, s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
-        "JOIN device_events e ON e.id = s.device_event GROUP BY e.offer, s.status");
-    while (statuses.step()) {
-        const auto it = index.find(statuses.integer(0));
-        if (it == index.end()) {
-            continue;
-        }
-        OfferReport& row = report.offers[it->second];
-        const std::string status = statuses.text(1);
-        const int64_t n = statuses.integer(2);
-        if (status == "ack") {
-            row.ack = n;
-        } else if (status == "seen") {
-            row.seen = n;
-        } else if (status == "saved") {
-            row.saved = n;
-        } else if (status == "declined") {
-            row.declined = n;
-        }
+    for (const FunnelRow& o : readFunnel(db, false).offers) {
+        report.offers.push_back(OfferReport{o.eventId, o.eventName, o.campaignName, o.counts.links,
+                                            o.counts.ack, o.counts.seen, o.counts.saved, o.counts.declined});
     }
     Statement logs = db.prepare("SELECT event_name, COUNT(*) FROM log_messages GROUP BY event_name");
     while (logs.step()) {
         report.logCounts[logs.text(0)] = logs.integer(1);
     }
     return report;
+}
+
+nlohmann::json funnelJson(const Funnel& funnel) {
+    const auto rows = [](const std::vector<FunnelRow>& list, bool offers) {
+        nlohmann::json out = nlohmann::json::array();
+        for (const FunnelRow& r : list) {
+            nlohmann::json row;
+            if (!r.day.empty()) {
+                row["day"] = r.day;
+            }
+            if (offers) {
+                row["eventId"] = r.eventId;
+                row["eventName"] = r.eventName;
+            }
+            row["campaignId"] = r.campaignId;
+            row["campaign"] = r.campaignName;
+            row["links"] = r.counts.links;
+            row["ack"] = r.counts.ack;
+            row["seen"] = r.counts.seen;
+            row["saved"] = r.counts.saved;
+            row["declined"] = r.counts.declined;
+            out.push_back(std::move(row));
+        }
+        return out;
+    };
+    nlohmann::json out{{"campaigns", rows(funnel.campaigns, false)}, {"offers", rows(funnel.offers, true)}};
+    if (!funnel.campaignDays.empty() || !funnel.offerDays.empty()) {
+        out["days"] = {{"campaigns", rows(funnel.campaignDays, false)},
+                       {"offers", rows(funnel.offerDays, true)}};
+    }
+    return out;
 }
 
 namespace {
@@ -107,6 +205,47 @@ std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t
 }
 
 }  // namespace
+
+std::string formatReport(const Funnel& funnel, const std::map<std::string, int64_t>& logCounts) {
+    const auto counts = [](std::vector<std::string> row, const FunnelCounts& c) {
+        for (const int64_t n : {c.links, c.ack, c.seen, c.saved, c.declined}) {
+            row.push_back(std::to_string(n));
+        }
+        return row;
+    };
+    std::vector<std::vector<std::string>> campaigns{
+        {"campaign", "links", "ack", "seen", "saved", "declined"}};
+    for (const FunnelRow& c : funnel.campaigns) {
+        campaigns.push_back(counts({c.campaignName}, c.counts));
+    }
+    std::vector<std::vector<std::string>> offers{
+        {"eventId", "campaign", "eventName", "links", "ack", "seen", "saved", "declined"}};
+    for (const FunnelRow& o : funnel.offers) {
+        offers.push_back(counts({std::to_string(o.eventId), o.campaignName, o.eventName}, o.counts));
+    }
+    std::string text = "Campaigns\n" + table(campaigns, 1) + "\nOffers\n" + table(offers, 3);
+    if (!funnel.campaignDays.empty()) {
+        std::vector<std::vector<std::string>> days{
+            {"day", "campaign", "links", "ack", "seen", "saved", "declined"}};
+        for (const FunnelRow& c : funnel.campaignDays) {
+            days.push_back(counts({c.day, c.campaignName}, c.counts));
+        }
+        text += "\nCampaigns by day (UTC)\n" + table(days, 2);
+    }
+    if (!funnel.offerDays.empty()) {
+        std::vector<std::vector<std::string>> days{
+            {"day", "eventId", "eventName", "links", "ack", "seen", "saved", "declined"}};
+        for (const FunnelRow& o : funnel.offerDays) {
+            days.push_back(counts({o.day, std::to_string(o.eventId), o.eventName}, o.counts));
+        }
+        text += "\nOffers by day (UTC)\n" + table(days, 3);
+    }
+    std::vector<std::vector<std::string>> logs{{"log event", "messages"}};
+    for (const auto& [name, count] : logCounts) {
+        logs.push_back({name, std::to_string(count)});
+    }
+    return text + "\nLog messages\n" + table(logs, 1);
+}
 
 std::string formatReport(const Report& report) {
     std::vector<std::vector<std::string>> offers{

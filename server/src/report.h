@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -16,5 +17,12 @@ Report readReport(Database& db);
 /// Rows as text columns padded to their widest cell in terminal columns (wide and combining characters
 /// counted as a terminal shows them); columns from `numericFrom` on are right-aligned. Pure.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::size_t numericFrom);
+/// The funnel per campaign and per offer, and by UTC day when byDay. Runs on the caller's thread
+/// with the caller's connection.
+Funnel readFunnel(Database& db, bool byDay);
+
+/// The funnel as JSON: {"campaigns": [...], "offers": [...]} and, when it has them, "days":
+/// {"campaigns": [...], "offers": [...]}; each row with its counts (links, ack, seen, saved, declined).
+nlohmann::json funnelJson(const Funnel& funnel);
 
 }  // namespace tovrel_server

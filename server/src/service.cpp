@@ -38,8 +38,6 @@ std::string newSessionKey() {
 
 }  // namespace
 
-std::string readPlaceFile(const std::string& path);
-
 namespace {
 
 constexpr double kRefusedSdkKeySeconds = 5;
@@ -532,8 +530,11 @@ std::string Service::log(const json& req) {
 }
 
 ImportSummary Service::importGeoJson(const std::string& path) {
-    const CatalogData data = parseGeoJson(readPlaceFile(path), path);
-    return change([&](Database& db) { return writeCatalog(db, data, clock_()); }, true);
+    const PlaceFileCheck check = checkPlaceFile(path);
+    if (!check.catalog) {
+        throw ImportError(describeProblems(check.problems));
+    }
+    return change([&](Database& db) { return writeCatalog(db, *check.catalog, clock_()); }, true);
 }
 
 void Service::addApp(const std::string& key, const std::string& name) {

@@ -14,6 +14,7 @@
 
 #include "admin_handler.h"
 #include "admin_store.h"
+#include "catalog_data.h"
 #include "database.h"
 #include "listen_address.h"
 #include "log.h"
@@ -95,23 +96,15 @@ int serve(ServeSettings settings) {
     return 0;
 }
 
-int report(const std::string& db, bool asJson) {
+int report(const std::string& db, bool asJson, bool byDay) {
     const Report r = readReport(db);
+    const Funnel funnel = readFunnel(db, byDay);
     if (!asJson) {
-        std::cout << formatReport(r);
+        std::cout << formatReport(funnel, r.logCounts);
         return 0;
     }
-    nlohmann::json out{{"offers", nlohmann::json::array()}, {"log", r.logCounts}};
-    for (const OfferReport& o : r.offers) {
-        out["offers"].push_back({{"eventId", o.eventId},
-                                 {"eventName", o.eventName},
-                                 {"campaign", o.campaignName},
-                                 {"links", o.links},
-                                 {"ack", o.ack},
-                                 {"seen", o.seen},
-                                 {"saved", o.saved},
-                                 {"declined", o.declined}});
-    }
+    nlohmann::json out = funnelJson(funnel);
+    out["log"] = r.logCounts;
     std::cout << out.dump(2) << '\n';
     return 0;
 }
@@ -174,6 +167,31 @@ int changeCampaign(const std::string& dbPath, const std::string& campaign, bool 
     std::printf("campaign \"%s\": %s (a running server serves the change after SIGHUP)\n", campaign.c_str(),
                 disable ? "disabled" : "enabled");
     return 0;
+}
+
+// Prints every problem of a place file; writes nothing. 0: valid, 1: problems (or unreadable).
+int validatePlaces(const std::string& file, bool asJson) {
+    const PlaceFileCheck check = checkPlaceFile(file);
+    if (asJson) {
+        nlohmann::json problems = nlohmann::json::array();
+        for (const PlaceFileProblem& p : check.problems) {
+            problems.push_back({{"feature", p.feature ? nlohmann::json(*p.feature) : nlohmann::json()},
+                                {"member", p.member},
+                                {"message", p.message}});
+        }
+        std::cout << nlohmann::json{{"file", file}, {"problems", problems}}.dump(2) << '\n';
+    } else if (check.catalog) {
+        std::printf("%s: valid: %zu places, %zu offers, %zu campaigns, %zu apps\n", file.c_str(),
+                    check.catalog->placeCount(), check.catalog->offerCount(), check.catalog->campaigns.size(),
+                    check.catalog->apps.size());
+    } else {
+        for (const PlaceFileProblem& p : check.problems) {
+            std::printf("%s\n", p.message.c_str());
+        }
+        std::printf("%s: %zu problem%s\n", file.c_str(), check.problems.size(),
+                    check.problems.size() == 1 ? "" : "s");
+    }
+    return check.problems.empty() ? 0 : 1;
 }
 
 }  // namespace
@@ -309,6 +327,15 @@ int main(int argc, char** argv) {
     importCmd->add_option("FILE", file, "GeoJSON FeatureCollection of Point features")->required();
     addDb(importCmd);
 
+    CLI::App* placesCmd = app.add_subcommand("places", "Work with place files");
+    placesCmd->require_subcommand(1);
+    CLI::App* placesValidate = placesCmd->add_subcommand(
+        "validate", "Check a GeoJSON place file and list every problem; writes nothing");
+    std::string placeFile;
+    bool validateJson = false;
+    placesValidate->add_option("FILE", placeFile, "GeoJSON FeatureCollection of Point features")->required();
+    placesValidate->add_flag("--json", validateJson, "Print the problems as JSON (feature, member, message)");
+
     CLI::App* appsCmd = app.add_subcommand("apps", "Manage the app keys that may start sessions");
     appsCmd->require_subcommand(1);
     CLI::App* appsAdd = appsCmd->add_subcommand("add", "Add an app key (or rename an existing one)");
@@ -344,10 +371,13 @@ int main(int argc, char** argv) {
     campaignsEnable->add_option("CAMPAIGN", campaign, "The campaign's name or id")->required();
     addDb(campaignsEnable);
 
-    CLI::App* reportCmd = app.add_subcommand("report", "Print links, answers and log counts per offer");
+    CLI::App* reportCmd = app.add_subcommand(
+        "report", "Print the funnel (links, answers) per campaign and offer, and log counts");
     bool asJson = false;
+    bool byDay = false;
     addDb(reportCmd);
     reportCmd->add_flag("--json", asJson, "Print JSON instead of tables");
+    reportCmd->add_flag("--by-day", byDay, "Also count per UTC day");
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
@@ -363,6 +393,9 @@ int main(int argc, char** argv) {
             std::printf("imported %d places, %d offers, %d campaigns, %d apps into %s\n", s.places, s.offers,
                         s.campaigns, s.apps, db.c_str());
             return 0;
+        }
+        if (placesValidate->parsed()) {
+            return validatePlaces(placeFile, validateJson);
         }
         if (appsAdd->parsed()) {
             addAppKey(db, key, name);
@@ -383,7 +416,7 @@ int main(int argc, char** argv) {
             return changeCampaign(db, campaign, campaignsDisable->parsed());
         }
         if (reportCmd->parsed()) {
-            return report(db, asJson);
+            return report(db, asJson, byDay);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "tovrel-server: %s\n", e.what());

@@ -1,6 +1,7 @@
 // The tovrel-server command line, run as a real process.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,7 +46,8 @@ class CommandLine : public ::testing::Test {
 };
 
 TEST_F(CommandLine, EveryCommandHasHelp) {
-    for (const std::string command : {"", "serve", "import", "apps", "apps add", "report"}) {
+    for (const std::string command :
+         {"", "serve", "import", "apps", "apps add", "report", "places", "places validate"}) {
         const CommandResult r = run(command + " --help");
         EXPECT_EQ(r.exitCode, 0) << command;
         EXPECT_NE(r.output.find("Usage"), std::string::npos) << r.output;
@@ -57,8 +59,8 @@ TEST_F(CommandLine, EveryCommandHasHelp) {
 }
 
 TEST_F(CommandLine, UsageErrorsExitWithTwo) {
-    for (const std::string command :
-         {"", "report", "serve --db x --threads 0", "apps", "frobnicate", "report --db"}) {
+    for (const std::string command : {"", "report", "serve --db x --threads 0", "apps", "frobnicate",
+                                      "report --db", "places", "places validate", "places validate a b"}) {
         const CommandResult r = run(command);
         EXPECT_EQ(r.exitCode, 2) << command << ": " << r.output;
     }
@@ -78,8 +80,39 @@ TEST_F(CommandLine, ImportAppsAndReport) {
     EXPECT_EQ(report.exitCode, 0);
     EXPECT_NE(report.output.find("eventId"), std::string::npos);
     EXPECT_NE(report.output.find("Coffee on the Square"), std::string::npos);
+    EXPECT_NE(report.output.find("Campaigns\ncampaign"), std::string::npos) << report.output;
+    EXPECT_EQ(report.output.find("by day"), std::string::npos);
     const CommandResult asJson = run("report --json --db " + db);
-    EXPECT_EQ(json::parse(asJson.output).at("offers").size(), 45u);
+    const json parsed = json::parse(asJson.output);
+    EXPECT_EQ(parsed.at("offers").size(), 45u);
+    EXPECT_EQ(parsed.at("campaigns").size(), 6u);
+    EXPECT_EQ(parsed.at("offers").at(0).at("links"), 0);
+    EXPECT_FALSE(parsed.contains("days"));
+    // A link and its answer, stored as the server stores them, show in the funnel on their UTC day.
+    ASSERT_EQ(queryRows(db, "SELECT COUNT(*) FROM device_events"), std::vector<std::string>{"0"});
+    {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+        ASSERT_EQ(
+            sqlite3_exec(
+                handle,
+                "INSERT INTO devices VALUES(1, 'D', 'iOS', 'x', 'demo-key', 0, 0);"
+                "INSERT INTO device_events SELECT 1, 1, o.id, p.place, o.campaign, 0, 1748779200, "
+                "NULL FROM offers o JOIN place_offers p ON p.offer = o.id LIMIT 1;"
+                "INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'seen', 1748779300)",
+                nullptr, nullptr, nullptr),
+            SQLITE_OK);
+        sqlite3_close(handle);
+    }
+    const CommandResult byDay = run("report --by-day --db " + db);
+    EXPECT_NE(byDay.output.find("Offers by day (UTC)\n"), std::string::npos) << byDay.output;
+    EXPECT_NE(byDay.output.find("2025-06-01"), std::string::npos) << byDay.output;
+    const json days = json::parse(run("report --by-day --json --db " + db).output).at("days");
+    ASSERT_EQ(days.at("offers").size(), 1u);
+    EXPECT_EQ(days.at("offers").at(0).at("day"), "2025-06-01");
+    EXPECT_EQ(days.at("offers").at(0).at("links"), 1);
+    EXPECT_EQ(days.at("offers").at(0).at("seen"), 1);
+    EXPECT_EQ(days.at("campaigns").at(0).at("links"), 1);
 }
 
 TEST_F(CommandLine, BadPlaceFilesNameTheFault) {
@@ -91,6 +124,27 @@ TEST_F(CommandLine, BadPlaceFilesNameTheFault) {
     const CommandResult r = run("import " + file + " --db " + db);
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.output.find(file + ": feature 2: missing properties.offers"), std::string::npos) << r.output;
+    EXPECT_FALSE(std::filesystem::exists(db));
+
+    // validate lists every problem (here also the first feature's) and needs no database.
+    const std::string twoFaults = dir.write("two.geojson", R"({"type": "FeatureCollection", "features": [
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 1, "radius": 50, "offers": [], "colour": "red"}},
+      {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+       "properties": {"placeId": 2, "radius": 50}}]})");
+    const CommandResult checked = run("places validate " + twoFaults);
+    EXPECT_EQ(checked.exitCode, 1);
+    EXPECT_EQ(checked.output, twoFaults + ": feature 1: unknown member \"colour\" in properties\n" +
+                                  twoFaults + ": feature 2: missing properties.offers\n" + twoFaults +
+                                  ": 2 problems\n");
+    const CommandResult asJson = run("places validate --json " + twoFaults);
+    EXPECT_EQ(asJson.exitCode, 1);
+    EXPECT_EQ(json::parse(asJson.output).at("problems").at(1).at("member"), "/features/1/properties/offers");
+    const CommandResult valid =
+        run("places validate " + (examplesDir() / "places" / "munich.geojson").string());
+    EXPECT_EQ(valid.exitCode, 0) << valid.output;
+    EXPECT_NE(valid.output.find("valid: 43 places, 45 offers"), std::string::npos) << valid.output;
+    EXPECT_EQ(run("places validate " + (dir / "nothing.geojson").string()).exitCode, 1);
     EXPECT_FALSE(std::filesystem::exists(db));
 
     const CommandResult missing = run("import " + (dir / "nothing.geojson").string() + " --db " + db);

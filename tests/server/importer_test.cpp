@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <tuple>
 
 #include "catalog_data.h"
 #include "database.h"
@@ -37,7 +38,7 @@ json feature(const json& placeId, const std::vector<json>& offers,
 
 const json kCampaigns = {{"campaigns", {{{"name", "C"}}}}};
 
-std::string errorOf(const std::string& text) {
+std::string parseError(const std::string& text) {
     try {
         parseGeoJson(text, "places.geojson");
     } catch (const ImportError& e) {
@@ -91,7 +92,7 @@ struct BadFile {
 class ImporterErrors : public ::testing::TestWithParam<BadFile> {};
 
 TEST_P(ImporterErrors, NameTheFileAndTheFault) {
-    EXPECT_EQ(errorOf(GetParam().text), "places.geojson: " + GetParam().message);
+    EXPECT_EQ(parseError(GetParam().text), "places.geojson: " + GetParam().message);
 }
 
 json withProps(json f, const json& extra) {
@@ -206,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Importer, MissingOffersNamesTheFeature) {
     json second = feature(2, {});
     second["properties"].erase("offers");
-    EXPECT_EQ(errorOf(collection({feature(1, {offer(1)}), feature(3, {}), second}, kCampaigns)),
+    EXPECT_EQ(parseError(collection({feature(1, {offer(1)}), feature(3, {}), second}, kCampaigns)),
               "places.geojson: feature 3: missing properties.offers");
 }
 
@@ -215,7 +216,7 @@ TEST(Importer, EveryFaultyFeatureIsNamedAtOnce) {
     for (int i = 1; i <= 120; ++i) {
         features.push_back(i % 2 == 0 ? feature(i, {offer(i)}) : feature(i, {offer(i, "Nowhere")}));
     }
-    const std::string message = errorOf(collection(features, kCampaigns));
+    const std::string message = parseError(collection(features, kCampaigns));
     // 60 faulty features: the first 50 are listed, then how many more.
     EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 50) << message;
     EXPECT_TRUE(message.ends_with("\n(and 10 more)")) << message;
@@ -223,8 +224,130 @@ TEST(Importer, EveryFaultyFeatureIsNamedAtOnce) {
         << message;
     EXPECT_NE(message.find("places.geojson: feature 99: offer 1: unknown campaign"), std::string::npos);
     EXPECT_EQ(message.find("places.geojson: feature 101:"), std::string::npos);
-    EXPECT_EQ(errorOf(collection({feature(1, {offer(1)}), feature(2, {offer(2)})}, kCampaigns)),
+    EXPECT_EQ(parseError(collection({feature(1, {offer(1)}), feature(2, {offer(2)})}, kCampaigns)),
               "(no error)");
+}
+
+// The reader streams: what it finds must not depend on where reads split the file, and every
+// unusual shape of input ends in a problem, never a crash or a partial catalogue.
+std::vector<PlaceFileProblem> problemsOf(const std::string& text) {
+    return checkPlaceFile(std::string_view(text), "places.geojson").problems;
+}
+
+TEST(PlaceFileStream, ReadsTheSameWhereverTheReadsSplitIt) {
+    const std::string text = test::testPlacesGeoJson();
+    const CatalogData whole = parseGeoJson(text, "t.geojson");
+    for (const std::size_t chunk : {std::size_t{1}, std::size_t{7}, std::size_t{64}, text.size() - 1,
+                                    text.size(), std::size_t{1} << 20}) {
+        std::istringstream in(text);
+        PlaceFileCheck check = checkPlaceFile(in, "t.geojson", chunk);
+        ASSERT_TRUE(check.problems.empty()) << chunk << ": " << check.problems.front().message;
+        const CatalogData split = check.catalog->expand();
+        ASSERT_EQ(split.places.size(), whole.places.size()) << chunk;
+        for (std::size_t i = 0; i < whole.places.size(); ++i) {
+            EXPECT_EQ(split.places[i].id, whole.places[i].id);
+            EXPECT_EQ(split.places[i].name, whole.places[i].name);
+            EXPECT_EQ(split.places[i].lat, whole.places[i].lat);
+            EXPECT_EQ(split.places[i].offers, whole.places[i].offers);
+        }
+        EXPECT_EQ(split.offers, whole.offers) << chunk;
+        EXPECT_EQ(split.campaigns, whole.campaigns) << chunk;
+    }
+}
+
+TEST(PlaceFileStream, EveryTruncationIsASyntaxErrorAndNothingElse) {
+    const std::string text = collection({feature(1, {offer(1)}), feature(2, {offer(2)})}, kCampaigns);
+    for (std::size_t cut = 0; cut < text.size(); ++cut) {
+        std::istringstream in(text.substr(0, cut));
+        const PlaceFileCheck check = checkPlaceFile(in, "places.geojson", 5);
+        ASSERT_EQ(check.problems.size(), 1u) << cut;
+        EXPECT_FALSE(check.catalog) << cut;
+        EXPECT_NE(check.problems[0].message.find("not valid JSON"), std::string::npos)
+            << check.problems[0].message;
+        EXPECT_FALSE(check.problems[0].feature);
+    }
+}
+
+TEST(PlaceFileStream, TrailingBytesAfterTheCollectionAreRefused) {
+    const std::string text = collection({feature(1, {offer(1)})}, kCampaigns);
+    EXPECT_TRUE(problemsOf(text + " \n\t\n").empty());
+    for (const std::string garbage : {"x", "{}", ",", "]"}) {
+        const auto problems = problemsOf(text + "\n" + garbage);
+        ASSERT_EQ(problems.size(), 1u) << garbage;
+        EXPECT_EQ(problems[0].message.rfind("places.geojson: line 2, column 1: not valid JSON", 0), 0u)
+            << problems[0].message;
+    }
+}
+
+TEST(PlaceFileStream, AHugeStringCrossesManyReads) {
+    json o = offer(1);
+    o["alertText"] = std::string(20 << 20, 'a') + "\u00e9";
+    std::istringstream in(collection({feature(1, {o})}, kCampaigns));
+    const PlaceFileCheck check = checkPlaceFile(in, "big.geojson");
+    ASSERT_TRUE(check.catalog);
+    EXPECT_EQ(check.catalog->offer(0).alertText, o["alertText"].get<std::string>());
+}
+
+TEST(PlaceFileStream, DeepNestingIsAnOrdinaryProblem) {
+    constexpr int kDepth = 200000;
+    const std::string deep = std::string(kDepth, '[') + std::string(kDepth, ']');
+    json f = feature(1, {});
+    f["properties"]["name"] = "NAME";
+    std::string inFeature = collection({f}, kCampaigns);
+    inFeature.replace(inFeature.find("\"NAME\""), 6, deep);
+    const auto problems = problemsOf(inFeature);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].message, "places.geojson: feature 1: properties.name must be a string");
+    EXPECT_EQ(problems[0].member, "/features/0/properties/name");
+    // A foreign member of the collection is skipped without being built.
+    std::string foreign = collection({feature(1, {})}, kCampaigns);
+    foreign.insert(1, "\"extra\": " + deep + ", ");
+    EXPECT_TRUE(problemsOf(foreign).empty());
+}
+
+TEST(PlaceFileStream, EveryProblemHasItsFeatureAndMember) {
+    // nlohmann writes keys in alphabetical order: the features come before the campaigns they name.
+    json bad = offer(3);
+    bad["dwellTime"] = -1;
+    const std::string text =
+        collection({feature(1, {offer(1, "Later")}), feature(2, {offer(2, "Nowhere")}), feature(3, {bad}),
+                    feature(4, {offer(4, "Nowhere"), bad}), feature(5, {offer(5, "Later")})},
+                   {{"campaigns", {{{"name", "Later"}}, {{"name", ""}}}}, {"app", 1}});
+    ASSERT_LT(text.find("\"features\""), text.find("\"campaigns\""));
+    const auto problems = problemsOf(text);
+    std::vector<std::tuple<std::optional<std::size_t>, std::string>> got;
+    for (const auto& p : problems) {
+        got.emplace_back(p.feature, p.member);
+    }
+    using Row = std::tuple<std::optional<std::size_t>, std::string>;
+    EXPECT_EQ(got, (std::vector<Row>{{std::nullopt, "/properties/app"},
+                                     {std::nullopt, "/properties/campaigns/1/name"},
+                                     {2, "/features/1/properties/offers/0/campaign"},
+                                     {3, "/features/2/properties/offers/0/dwellTime"},
+                                     {4, "/features/3/properties/offers/1/dwellTime"}}));
+    EXPECT_EQ(problems[0].message, "places.geojson: unknown member \"app\" in the collection's properties");
+    EXPECT_EQ(problems[2].message,
+              "places.geojson: feature 2: offer 1: unknown campaign \"Nowhere\" (define it in "
+              "properties.campaigns)");
+    EXPECT_EQ(describeProblems(problems), parseError(text));
+}
+
+TEST(PlaceFileStream, WhatIsNotACollectionGetsOneProblem) {
+    for (const std::string text : {"[]", "42", "\"FeatureCollection\"", "null"}) {
+        const auto problems = problemsOf(text);
+        ASSERT_EQ(problems.size(), 1u) << text;
+        EXPECT_EQ(problems[0].message,
+                  "places.geojson: the file must hold a GeoJSON FeatureCollection object");
+    }
+    // A syntax error anywhere wins over what was found before it.
+    const auto problems = problemsOf(collection({feature(1, {offer(1, "Nowhere")})}) + "}");
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_NE(problems[0].message.find("not valid JSON"), std::string::npos);
+    EXPECT_EQ(problemsOf(R"({"features": {}, "type": "FeatureCollection"})")[0].message,
+              "places.geojson: missing features (an array of Point features)");
+    EXPECT_EQ(
+        problemsOf("{\"features\": [], \"type\": \"FeatureCollection\", \"properties\": [1]}")[0].message,
+        "places.geojson: properties must be an object");
 }
 
 TEST(Importer, IsoTimes) {
@@ -362,6 +485,69 @@ TEST(Migrations, NotADatabaseIsRefused) {
     test::TempDir dir;
     const std::string path = dir.write("junk.db", std::string(4096, 'j'));
     EXPECT_THROW(Database db(path), std::runtime_error);
+}
+
+// The funnel counts each device event once per status, by the campaign it was linked under, and by
+// the UTC day on which each step happened.
+TEST_F(ImportIntoDatabase, TheFunnelCountsEachStepOncePerEventAndDay) {
+    importGeoJsonFile(db, dir.write("p.geojson", test::testPlacesGeoJson()));
+    const double day2 = test::utc(2025, 6, 2);
+    {
+        Database d(db);
+        d.exec("INSERT INTO devices VALUES(1, 'A', 'iOS', 'x', 'k', 0, 0), (2, 'B', 'iOS', 'x', 'k', 0, 0)");
+        const auto campaignOf = [&](int offer) {
+            return test::queryRows(db, "SELECT campaign FROM offers WHERE id = " + std::to_string(offer))[0];
+        };
+        const std::string c11 = campaignOf(11);
+        const std::string c12 = campaignOf(12);
+        // Offer 11: two devices, linked the last second of day 1 and the first of day 2; the second
+        // one cleared (still counted). Offer 12: one device, never answered.
+        d.exec("INSERT INTO device_events VALUES(1, 1, 11, 1, " + c11 + ", 0, " + std::to_string(day2 - 1) +
+               ", NULL), (2, 2, 11, 1, " + c11 + ", 0, " + std::to_string(day2) + ", " +
+               std::to_string(day2 + 5) + "), (3, 1, 12, 1, " + c12 + ", 0, " + std::to_string(day2 + 60) +
+               ", NULL)");
+        // Event 1 is seen on both days and twice on day 2; event 2 is acknowledged and declined.
+        d.exec("INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'ack', " +
+               std::to_string(day2 - 1) + "), (1, 'seen', " + std::to_string(day2 - 1) + "), (1, 'seen', " +
+               std::to_string(day2 + 10) + "), (1, 'seen', " + std::to_string(day2 + 20) + "), (2, 'ack', " +
+               std::to_string(day2 + 1) + "), (2, 'declined', " + std::to_string(day2 + 2) +
+               "), (2, 'bogus', " + std::to_string(day2 + 3) + ")");
+    }
+    const Funnel funnel = readFunnel(db, true);
+    const auto offerRow = [&](const std::vector<FunnelRow>& rows, int64_t id, const std::string& day) {
+        const auto it = std::find_if(rows.begin(), rows.end(),
+                                     [&](const FunnelRow& r) { return r.eventId == id && r.day == day; });
+        return it == rows.end() ? FunnelCounts{-1, -1, -1, -1, -1} : it->counts;
+    };
+    EXPECT_EQ(offerRow(funnel.offers, 11, ""), (FunnelCounts{2, 2, 1, 0, 1}));
+    EXPECT_EQ(offerRow(funnel.offers, 12, ""), (FunnelCounts{1, 0, 0, 0, 0}));
+    EXPECT_EQ(offerRow(funnel.offers, 21, ""), (FunnelCounts{}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 11, "2025-06-01"), (FunnelCounts{1, 1, 1, 0, 0}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 11, "2025-06-02"), (FunnelCounts{1, 1, 1, 0, 1}));
+    EXPECT_EQ(offerRow(funnel.offerDays, 12, "2025-06-02"), (FunnelCounts{1, 0, 0, 0, 0}));
+    EXPECT_EQ(funnel.offerDays.size(), 3u);
+    ASSERT_FALSE(funnel.campaigns.empty());
+    FunnelCounts total;
+    for (const FunnelRow& c : funnel.campaigns) {
+        EXPECT_EQ(c.eventId, 0);
+        total.links += c.counts.links;
+        total.ack += c.counts.ack;
+        total.seen += c.counts.seen;
+        total.declined += c.counts.declined;
+    }
+    EXPECT_EQ(total, (FunnelCounts{3, 2, 1, 0, 1}));
+    EXPECT_TRUE(std::is_sorted(funnel.campaignDays.begin(), funnel.campaignDays.end(),
+                               [](const FunnelRow& a, const FunnelRow& b) {
+                                   return std::tie(a.day, a.campaignId) < std::tie(b.day, b.campaignId);
+                               }));
+    // Without byDay, no day lists; the per-offer report reads the same numbers.
+    EXPECT_TRUE(readFunnel(db, false).offerDays.empty());
+    const Report report = readReport(db);
+    const auto row = std::find_if(report.offers.begin(), report.offers.end(),
+                                  [](const OfferReport& o) { return o.eventId == 11; });
+    ASSERT_NE(row, report.offers.end());
+    EXPECT_EQ(std::vector<int64_t>({row->links, row->ack, row->seen, row->saved, row->declined}),
+              (std::vector<int64_t>{2, 2, 1, 0, 1}));
 }
 
 TEST(ReportTable, ColumnsAlignByWhatATerminalShows) {

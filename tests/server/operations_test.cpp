@@ -238,9 +238,14 @@ TEST_F(Admin, ADryRunListsEveryFaultAndWritesNothing) {
        "properties": {"placeId": 92, "radius": 30, "offers": []}}]})";
     const HttpResult checked = call("POST", "/admin/v1/import?dry_run=1", faulty);
     EXPECT_EQ(checked.status, 400);
-    for (const char* fault : {"feature 1", "dwelltime", "feature 2", "feature 3"}) {
-        EXPECT_NE(checked.body.find(fault), std::string::npos) << fault << " in " << checked.body;
+    const json problems = checked.parsed()["problems"];
+    ASSERT_EQ(problems.size(), 3u) << checked.body;
+    for (std::size_t i = 0; i < problems.size(); ++i) {
+        EXPECT_EQ(problems[i]["feature"], i + 1);
     }
+    EXPECT_EQ(problems[0]["member"], "/features/0/properties/offers/0/dwelltime");
+    EXPECT_NE(problems[0]["message"].get<std::string>().find("did you mean"), std::string::npos);
+    EXPECT_EQ(call("POST", "/admin/v1/import", faulty).status, 400);
     const std::string good = R"({"type": "FeatureCollection", "properties": {"campaigns": [{"name": "Open"}]},
       "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
        "properties": {"placeId": 93, "radius": 30, "offers": [{"eventId": 931, "campaign": "Open",
@@ -253,6 +258,26 @@ TEST_F(Admin, ADryRunListsEveryFaultAndWritesNothing) {
     EXPECT_EQ(call("POST", "/admin/v1/import", good).status, 200);
     EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM places WHERE id = 93"),
               std::vector<std::string>{"1"});
+}
+
+TEST_F(Admin, TheFunnelCountsLinksAndAnswers) {
+    const std::string key = fixture.startSession("FUNNEL");
+    const json linked = fixture.link(key, "11", "1").parsed();
+    const int64_t event = linked["places"][0]["deviceEventId"];
+    fixture.client().post("/v1/deviceevent/update",
+                          json{{"sessionKey", key}, {"deviceEventId", event}, {"statusCode", "seen"}});
+    const HttpResult funnel = call("GET", "/admin/v1/funnel?by=day");
+    ASSERT_EQ(funnel.status, 200) << funnel.body;
+    const json answer = funnel.parsed();
+    bool found = false;
+    for (const json& row : answer["offers"]) {
+        if (row.dump().find("\"links\":1") != std::string::npos &&
+            row.dump().find("\"seen\":1") != std::string::npos) {
+            found = true;
+        }
+    }
+    EXPECT_TRUE(found) << funnel.body;
+    EXPECT_TRUE(answer.contains("days")) << funnel.body;
 }
 
 TEST(Sessions, KeysExpireAfterTheirLifetime) {

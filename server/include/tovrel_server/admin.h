@@ -41,6 +41,38 @@ struct Report {
     std::map<std::string, int64_t> logCounts;  ///< log messages by event name
 };
 
+/// How far a campaign's or an offer's visits went: device events, and how many of them received each
+/// status at least once.
+struct FunnelCounts {
+    int64_t links = 0;  ///< device events created (cleared ones included)
+    int64_t ack = 0;
+    int64_t seen = 0;
+    int64_t saved = 0;
+    int64_t declined = 0;
+
+    bool operator==(const FunnelCounts&) const = default;
+};
+
+/// One line of a funnel: a campaign (eventId 0) or an offer, over all time or on one day.
+struct FunnelRow {
+    std::string day;  ///< "YYYY-MM-DD" (UTC) in the by-day lists, "" in the totals
+    int64_t campaignId = 0;
+    std::string campaignName;
+    int64_t eventId = 0;  ///< offer rows only
+    std::string eventName;
+    FunnelCounts counts;
+};
+
+/// The funnel of a database. A campaign's row counts the device events linked under it; an offer's
+/// row is listed with its current campaign. By day, a link counts on the day it was made and a
+/// status on the day it was received (an event answered "seen" on two days counts on both).
+struct Funnel {
+    std::vector<FunnelRow> campaigns;     ///< every campaign, by id
+    std::vector<FunnelRow> offers;        ///< every offer, by eventId
+    std::vector<FunnelRow> campaignDays;  ///< with byDay: each day and campaign with activity, by day, id
+    std::vector<FunnelRow> offerDays;     ///< with byDay: each day and offer with activity, by day, eventId
+};
+
 /// Imports a GeoJSON place file into the database at dbPath (created when missing). All or nothing:
 /// a file with any error writes nothing. Throws ImportError for a bad file, std::runtime_error for
 /// a database failure.
@@ -54,5 +86,13 @@ Report readReport(const std::string& dbPath);
 
 /// The report as aligned text tables.
 std::string formatReport(const Report& report);
+
+/// Reads the funnel of the database at dbPath, with the by-day lists when byDay. Any thread (opens
+/// its own connection).
+Funnel readFunnel(const std::string& dbPath, bool byDay = false);
+
+/// The funnel (and the log counts) as text tables aligned by display width, as `report` prints them.
+/// Any thread.
+std::string formatReport(const Funnel& funnel, const std::map<std::string, int64_t>& logCounts);
 
 }  // namespace tovrel_server

@@ -1,0 +1,107 @@
+#!/usr/bin/env bash
+# Wall time, peak RSS and places/s of `tovrel-server import` on a generated place file, beside
+# sqlite3's own CSV .import of the same rows, measured in the same run. Not run by CI.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+source bench/server/common.sh
+
+usage() {
+    cat <<'USAGE'
+Usage: bench/server/run_import.sh [--help]
+
+Installs time and sqlite3 if missing, builds tovrel-server in $BUILD_DIR (default build/server),
+writes a seeded GeoJSON file of PLACES places (default 1,000,000; one offer each, ten campaigns,
+~370 bytes a place, bench/server/make_places.py) and the same rows as CSV, then runs RUNS times
+(default 3), each under /usr/bin/time -v into a fresh database:
+  tovrel-server import FILE           the GeoJSON file, checked and written in one transaction
+  baseline: sqlite3 .import           the same places, offers and links from CSV into the same
+                                      schema, in one transaction, synchronous=NORMAL as the server
+The baseline is what storing these rows costs SQLite with no JSON to read and nothing to check: the
+floor of any importer that writes them through SQLite, so the ratio is the price of reading and
+validating GeoJSON (a plain read of the file is printed too, for the I/O part). JSON tools in
+Python or jq are not a fair floor: they are slower than the import itself.
+Prints the medians: wall time, peak RSS (the limit for 1M places is 500 MB), places/s, and the
+ratio import / baseline. COMPARE_WITH=/path/to/another/tovrel-server adds that binary's import
+(an older build, say) to the same runs.
+Environment: BUILD_DIR, PLACES, RUNS, WORK_DIR (default a temporary folder; the file is ~370 MB).
+USAGE
+}
+[[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
+
+BUILD_DIR=${BUILD_DIR:-build/server}
+PLACES=${PLACES:-1000000}
+RUNS=${RUNS:-3}
+install_packages time sqlite3
+build_targets "$BUILD_DIR" tovrel-server
+server="$BUILD_DIR/server/tovrel-server"
+
+tmp=$(mktemp -d "${WORK_DIR:-${TMPDIR:-/tmp}}/tovrel-import.XXXXXX")
+trap 'rm -rf "$tmp"' EXIT
+echo "writing $PLACES places"
+python3 bench/server/make_places.py "$PLACES" "$tmp/places.geojson" "$tmp/csv"
+printf 'file: %s bytes\n' "$(stat -c %s "$tmp/places.geojson")"
+
+# timed OUT COMMAND...: runs COMMAND under /usr/bin/time -v and prints "seconds peak-kB".
+timed() {
+    local out=$1
+    shift
+    /usr/bin/time -v -o "$out.time" "$@" >"$out.log" 2>&1 || { cat "$out.log" "$out.time" >&2; exit 1; }
+    awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, t, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + t[i]}
+                /Maximum resident set size/ {kb = $2}
+                END {printf "%.2f %d\n", s, kb}' "$out.time"
+}
+
+import_into() { # BINARY DB
+    timed "$2" "$1" import "$tmp/places.geojson" --db "$2"
+}
+
+baseline_into() { # DB
+    "$server" apps add bench-key Bench --db "$1" >/dev/null
+    local campaigns="" c
+    for c in $(seq 0 9); do
+        campaigns+="INSERT INTO campaigns VALUES($((c + 1)), 'Campaign $c', '2020-01-01', '2035-12-31', NULL, NULL, NULL);"
+    done
+    cat >"$1.sql" <<SQL
+PRAGMA synchronous=NORMAL;
+PRAGMA foreign_keys=ON;
+BEGIN;
+$campaigns
+.import --csv $tmp/csv/places.csv places
+.import --csv $tmp/csv/offers.csv offers
+.import --csv $tmp/csv/place_offers.csv place_offers
+COMMIT;
+SQL
+    timed "$1" sqlite3 "$1" ".read $1.sql"
+}
+
+ours_t=() ours_m=() base_t=() base_m=() read_t=() other_t=() other_m=() ratios=()
+for run in $(seq "$RUNS"); do
+    read -r rt _ < <(timed "$tmp/read" cat "$tmp/places.geojson")
+    read -r bt bm < <(baseline_into "$tmp/base$run.db")
+    read -r ot om < <(import_into "$server" "$tmp/ours$run.db")
+    rows=$(sqlite3 "$tmp/ours$run.db" "SELECT COUNT(*) FROM places")
+    [[ "$rows" == "$PLACES" ]] || { echo "the import wrote $rows places, not $PLACES" >&2; exit 1; }
+    if [[ -n "${COMPARE_WITH:-}" ]]; then
+        read -r ct cm < <(import_into "$COMPARE_WITH" "$tmp/other$run.db")
+        other_t+=("$ct")
+        other_m+=("$cm")
+    fi
+    rm -f "$tmp"/*.db "$tmp"/*.db-wal "$tmp"/*.db-shm
+    printf 'run %d: import %ss %d MB; baseline %ss %d MB; read %ss\n' "$run" "$ot" $((om / 1024)) "$bt" $((bm / 1024)) "$rt"
+    ours_t+=("$ot") ours_m+=("$om") base_t+=("$bt") base_m+=("$bm") read_t+=("$rt")
+    ratios+=("$(awk -v a="$ot" -v b="$bt" 'BEGIN {printf "%.2f", a / b}')")
+done
+
+line() { # NAME SECONDS KB
+    awk -v name="$1" -v s="$2" -v kb="$3" -v n="$PLACES" \
+        'BEGIN {printf "  %-28s %7.2f s  %6.0f MB peak RSS  %9.0f places/s\n", name, s, kb / 1024, n / s}'
+}
+echo "medians of $RUNS runs, $PLACES places:"
+line "tovrel-server import" "$(median "${ours_t[@]}")" "$(median "${ours_m[@]}")"
+line "baseline: sqlite3 .import" "$(median "${base_t[@]}")" "$(median "${base_m[@]}")"
+if [[ -n "${COMPARE_WITH:-}" ]]; then
+    line "import by COMPARE_WITH" "$(median "${other_t[@]}")" "$(median "${other_m[@]}")"
+fi
+printf '  %-28s %7.2f s\n' "plain read of the file" "$(median "${read_t[@]}")"
+printf '  ratio import / baseline (median of the runs): %s (runs: %s)\n' "$(median "${ratios[@]}")" "${ratios[*]}"
+awk -v kb="$(median "${ours_m[@]}")" 'BEGIN {printf "  peak RSS %s 500 MB\n", (kb <= 500 * 1024) ? "within" : "ABOVE"}'
