@@ -46,8 +46,9 @@ trap cleanup EXIT
 server="$BUILD_DIR/server/tovrel-server"
 "$server" import examples/places/munich.geojson --db "$tmp/bench.db" >/dev/null
 server_port=$(free_port)
+# nginx runs without an access log, so the server does too.
 "$server" serve --db "$tmp/bench.db" --listen "127.0.0.1:$server_port" --content examples/content \
-    --threads "${SERVER_THREADS:-2}" >"$tmp/server.log" 2>&1 &
+    --admin-listen off --access-log off --threads "${SERVER_THREADS:-2}" >"$tmp/server.log" 2>&1 &
 server_pid=$!
 pids+=($!)
 wait_for_port "$server_port"
