@@ -1,5 +1,7 @@
 #include "service.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -205,12 +207,18 @@ void Service::reloadPlaces() {
         data = readCatalog(reader);
     }
     auto fresh = std::make_shared<const Catalog>(data);
+    data = CatalogData();
     std::shared_ptr<const Catalog> old;
     {
         std::unique_lock lock(stateMutex_);
         old = std::exchange(catalog_, std::move(fresh));
     }
     ++catalogVersion_;
+    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
+    if (old.use_count() == 1) {
+        old.reset();
+        malloc_trim(0);
+    }
 }
 
 std::size_t Service::placesIndexed() {
