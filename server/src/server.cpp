@@ -48,6 +48,11 @@ uint16_t Server::port() const {
     return impl_->http.port();
 }
 
+Reply Server::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    ApiReply reply = impl_->service.handle(path, body, mediaBase);
+    return {reply.status, std::move(reply.body)};
+}
+
 ImportSummary Server::importGeoJson(const std::string& path) {
     return impl_->service.importGeoJson(path);
 }

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tovrel_server/admin.h"
 
@@ -46,6 +47,12 @@ struct ServerOptions {
     double rateLimit = 0;
 };
 
+/// One answer of a JSON endpoint: HTTP status and body.
+struct Reply {
+    unsigned status = 200;
+    std::string body;
+};
+
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static
 /// pages. Construction opens (and migrates) the database and loads the places into memory;
 /// start() begins serving. All member functions may be called from any thread.
@@ -66,6 +73,11 @@ class Server {
     void stop();
     /// The bound port while running, else 0.
     uint16_t port() const;
+
+    /// Answers one POST to a JSON endpoint (`path`, such as "/v2/place") without HTTP: the same bytes
+    /// the HTTP server would send, with `mediaBase` (scheme and host) put before relative media
+    /// addresses; 404 for a path that is not an endpoint. Needs no start(). Any thread; never throws.
+    Reply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
 
     /// Imports a GeoJSON place file into this server's database and reloads the places.
     /// Throws ImportError with a message naming the file and the feature or line at fault.
