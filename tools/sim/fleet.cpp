@@ -113,10 +113,10 @@ void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcom
         totals.delivered += o.delivered ? 1 : 0;
         totals.notifications += o.deliveredAs == "notification" ? 1 : 0;
         totals.alerts += o.deliveredAs == "alert" ? 1 : 0;
-        totals.answered +=
-            std::any_of(o.answers.begin(), o.answers.end(), [](const std::string& code) { return code != "ack"; })
-                ? 1
-                : 0;
+        totals.answered += std::any_of(o.answers.begin(), o.answers.end(),
+                                       [](const std::string& code) { return code != "ack"; })
+                               ? 1
+                               : 0;
         totals.falseEntries += o.falseEntry ? 1 : 0;
         totals.linkRequests += o.linkRequests;
         ++totals.why[o.why];
@@ -203,8 +203,8 @@ std::vector<OfferTally> FleetAggregate::tallies() const {
     std::vector<OfferTally> out;
     out.reserve(offers.size());
     for (const auto& [name, t] : offers) {
-        OfferTally tally{t.eventId, t.placeId,  t.delivered, t.linked,       t.entered,
-                         t.notifications, t.alerts, t.answered,  t.linkRequests, {}};
+        OfferTally tally{t.eventId,       t.placeId, t.delivered, t.linked,       t.entered,
+                         t.notifications, t.alerts,  t.answered,  t.linkRequests, {}};
         tally.actual = "delivered to " + std::to_string(t.delivered) + " of " + std::to_string(t.devices) +
                        " devices it was named to";
         std::string reasons;
@@ -369,9 +369,9 @@ FleetAggregate runFleet(const FleetOptions& options) {
                     route = &options.routes[device % options.routes.size()];
                 } else {
                     const RouteKind kind = kindOf(options.source, deviceSeed);
-                    generated = generateRoute(kind, options.places, deviceSeed,
-                                              (kind == RouteKind::kWalk ? "walk-" : "drive-") +
-                                                  std::to_string(device));
+                    generated = generateRoute(
+                        kind, options.places, deviceSeed,
+                        (kind == RouteKind::kWalk ? "walk-" : "drive-") + std::to_string(device));
                     route = &generated;
                 }
                 SimOptions device_options = options.device;
@@ -395,8 +395,8 @@ FleetAggregate runFleet(const FleetOptions& options) {
                 if (options.deviceLines != nullptr || options.progress) {
                     std::lock_guard lock(outputMutex);
                     if (options.deviceLines != nullptr) {
-                        *options.deviceLines << deviceJson(device, *route, outcome).dump(
-                                                    -1, ' ', false, json::error_handler_t::replace)
+                        *options.deviceLines << deviceJson(device, *route, outcome)
+                                                    .dump(-1, ' ', false, json::error_handler_t::replace)
                                              << '\n';
                     }
                     if (options.progress) {

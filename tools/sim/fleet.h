@@ -74,8 +74,8 @@ struct FleetAggregate {
     // devices (a sum of doubles does, in its last bits).
     std::size_t devices = 0;
     long long simulatedMillis = 0;
-    std::map<std::string, OfferTotals> offers;  ///< by "eventId@placeId"
-    std::map<std::string, long long> requests;  ///< by endpoint path
+    std::map<std::string, OfferTotals> offers;   ///< by "eventId@placeId"
+    std::map<std::string, long long> requests;   ///< by endpoint path
     std::array<long long, kDelayBins> delays{};  ///< entry to delivery, seconds
     long long delayCount = 0;
     long long delayMillis = 0;

@@ -79,9 +79,8 @@ void writeMap(const FleetAggregate& fleet, std::ostream& out) {
         << kHeight << "\" role=\"img\" aria-label=\"places and trigger points\">\n"
         << "<rect width=\"100%\" height=\"100%\" fill=\"#eef0f2\"/>\n";
     for (const auto& [name, offer] : fleet.offers) {
-        const double share = offer.devices > 0 ? static_cast<double>(offer.delivered) /
-                                                     static_cast<double>(offer.devices)
-                                               : 0;
+        const double share =
+            offer.devices > 0 ? static_cast<double>(offer.delivered) / static_cast<double>(offer.devices) : 0;
         out << "<circle class=\"place\" cx=\"" << number(x(offer.longitude)) << "\" cy=\""
             << number(y(offer.latitude)) << "\" r=\"" << number(std::max(2.0, offer.radius * pixelsPerMetre))
             << "\" fill=\"rgba(30,120,200," << number(0.1 + 0.4 * share, 2)
@@ -151,8 +150,8 @@ void writeHistogram(const FleetAggregate& fleet, std::ostream& out) {
     for (long long value = 0; value <= highest; value += step) {
         const double tickY = axisY - plotHeight * static_cast<double>(value) / static_cast<double>(highest);
         out << "<line x1=\"" << kLeft - 5 << "\" y1=\"" << number(tickY) << "\" x2=\"" << kLeft << "\" y2=\""
-            << number(tickY) << "\" stroke=\"#000\"/><text x=\"" << kLeft - 8 << "\" y=\"" << number(tickY + 4)
-            << "\" font-size=\"11\" text-anchor=\"end\">" << value << "</text>\n";
+            << number(tickY) << "\" stroke=\"#000\"/><text x=\"" << kLeft - 8 << "\" y=\""
+            << number(tickY + 4) << "\" font-size=\"11\" text-anchor=\"end\">" << value << "</text>\n";
     }
     out << "</svg>\n";
 }
@@ -194,7 +193,8 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
             << t.alerts << "</td><td>" << t.answered << "</td><td>" << t.falseEntries << "</td><td>"
             << t.linkRequests << "</td><td style=\"text-align:left\">" << escaped(reasons) << "</td></tr>\n";
     }
-    out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (black; red: "
+    out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (black; "
+           "red: "
            "a false entry, the route never entered the circle); circles are the places, darker where more "
            "of the devices they were named to got the offer.";
     if (fleet.triggers.size() == FleetAggregate::kTriggerPoints) {
@@ -210,18 +210,20 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
         out << "<tr><td>" << escaped(path) << "</td><td>" << count << "</td><td>"
             << number(hours > 0 ? static_cast<double>(count) / hours : 0, 2) << "</td></tr>\n";
     }
-    out << "</table>\n<h2>Location updates</h2>\n<p>Time with standard location updates on, per accuracy level "
+    out << "</table>\n<h2>Location updates</h2>\n<p>Time with standard location updates on, per accuracy "
+           "level "
            "the component asked for (best and ten metres keep the satellite receiver on; coarser levels "
            "mostly use Wi-Fi and cells), and with significant-change monitoring alone.</p>\n"
            "<table id=\"gps\"><tr><th>accuracy</th><th>minutes</th><th>minutes per device-hour</th></tr>\n";
     const GpsOnTime gps = fleet.gpsOn();
     for (std::size_t i = 0; i < kAccuracyLevels; ++i) {
         out << "<tr><td>" << accuracyLevelName(static_cast<AccuracyLevel>(i)) << "</td><td>"
-            << number(gps.seconds[i] / 60) << "</td><td>" << number(hours > 0 ? gps.seconds[i] / 60 / hours : 0)
-            << "</td></tr>\n";
+            << number(gps.seconds[i] / 60) << "</td><td>"
+            << number(hours > 0 ? gps.seconds[i] / 60 / hours : 0) << "</td></tr>\n";
     }
-    out << "<tr><td>significant changes only</td><td>" << number(gps.significantOnlySeconds / 60) << "</td><td>"
-        << number(hours > 0 ? gps.significantOnlySeconds / 60 / hours : 0) << "</td></tr>\n</table>\n"
+    out << "<tr><td>significant changes only</td><td>" << number(gps.significantOnlySeconds / 60)
+        << "</td><td>" << number(hours > 0 ? gps.significantOnlySeconds / 60 / hours : 0)
+        << "</td></tr>\n</table>\n"
         << "</body></html>\n";
 }
 

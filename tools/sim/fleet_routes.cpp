@@ -204,8 +204,8 @@ std::vector<PlaceCircle> parsePlaceCircles(std::string_view text, const std::str
         PlaceCircle place;
         place.longitude = coordinates[0].get<double>();
         place.latitude = coordinates[1].get<double>();
-        if (!std::isfinite(place.latitude) || !std::isfinite(place.longitude) || std::abs(place.latitude) > 90 ||
-            std::abs(place.longitude) > 180) {
+        if (!std::isfinite(place.latitude) || !std::isfinite(place.longitude) ||
+            std::abs(place.latitude) > 90 || std::abs(place.longitude) > 180) {
             continue;
         }
         place.radius = kDefaultRadius;
@@ -240,9 +240,11 @@ std::vector<PlaceCircle> readPlaceCircles(const std::filesystem::path& file) {
 std::vector<Route> loadRouteFolder(const std::filesystem::path& folder) {
     std::error_code error;
     std::vector<std::filesystem::path> files;
-    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
+         it.increment(error)) {
         const std::string extension = it->path().extension().string();
-        if (it->is_regular_file(error) && (extension == ".gpx" || extension == ".nmea" || extension == ".csv")) {
+        if (it->is_regular_file(error) &&
+            (extension == ".gpx" || extension == ".nmea" || extension == ".csv")) {
             files.push_back(it->path());
         }
     }
