@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 
 #include "gps.h"
@@ -15,6 +16,10 @@ using nlohmann::json;
 
 constexpr double kMetresPerDegree = 111'320;
 constexpr double kDefaultRadius = 50;
+/// How far a walk goes to its next place and a drive to its next stop, at most: places farther apart
+/// are left out, so that a place file spread over a continent still makes routes of hours, not weeks.
+constexpr double kWalkReach = 3000;
+constexpr double kDriveReach = 30000;
 
 std::string idText(const json& value) {
     if (value.is_string()) {
@@ -116,17 +121,19 @@ Point near(const PlaceCircle& place, bool inside, Random& random) {
     return offset(centreOf(place), distance, bearing);
 }
 
-/// The next place to go to: one of the four nearest not yet visited.
-std::size_t nextPlace(const std::vector<PlaceCircle>& places, const Point& from,
-                      const std::vector<bool>& visited, Random& random) {
+/// The next place to go to: one of the four nearest not yet visited within `reach`; none when there
+/// is none.
+std::optional<std::size_t> nextPlace(const std::vector<PlaceCircle>& places, const Point& from,
+                                     const std::vector<bool>& visited, double reach, Random& random) {
     std::vector<std::pair<double, std::size_t>> candidates;
     for (std::size_t i = 0; i < places.size(); ++i) {
-        if (!visited[i]) {
-            candidates.emplace_back(metresBetween(from, centreOf(places[i])), i);
+        const double distance = metresBetween(from, centreOf(places[i]));
+        if (!visited[i] && distance <= reach) {
+            candidates.emplace_back(distance, i);
         }
     }
     if (candidates.empty()) {
-        return random.index(places.size());
+        return std::nullopt;
     }
     std::sort(candidates.begin(), candidates.end());
     return candidates[random.index(std::min<std::size_t>(4, candidates.size()))].second;
@@ -141,7 +148,12 @@ Route walk(const std::vector<PlaceCircle>& places, Random& random, std::string n
     const double speed = random.uniform(1.1, 1.6);
     const auto stops = static_cast<int>(random.uniform(3, 7));
     for (int stop = 0; stop < stops; ++stop) {
-        const std::size_t place = stop == 0 ? first : nextPlace(places, builder.at(), visited, random);
+        const std::optional<std::size_t> next =
+            stop == 0 ? first : nextPlace(places, builder.at(), visited, kWalkReach, random);
+        if (!next) {
+            break;
+        }
+        const std::size_t place = *next;
         visited[place] = true;
         const bool enter = random.chance(0.5);
         builder.moveTo(near(places[place], enter, random), speed, Activity::kWalking);
@@ -153,23 +165,23 @@ Route walk(const std::vector<PlaceCircle>& places, Random& random, std::string n
 }
 
 Route drive(const std::vector<PlaceCircle>& places, Random& random, std::string name) {
-    Point middle;
-    for (const PlaceCircle& place : places) {
-        middle.latitude += place.latitude / static_cast<double>(places.size());
-        middle.longitude += place.longitude / static_cast<double>(places.size());
-    }
+    const std::size_t first = random.index(places.size());
     RouteBuilder builder(std::move(name));
-    builder.start(offset(middle, random.uniform(5000, 9000), random.uniform(0, 2 * M_PI)),
+    builder.start(offset(centreOf(places[first]), random.uniform(5000, 9000), random.uniform(0, 2 * M_PI)),
                   Activity::kAutomotive);
     const double speed = random.uniform(9, 14);
     std::vector<bool> visited(places.size(), false);
     for (int stop = 0; stop < 2; ++stop) {
-        const std::size_t place = nextPlace(places, builder.at(), visited, random);
-        visited[place] = true;
-        builder.moveTo(near(places[place], true, random), speed, Activity::kAutomotive);
+        const std::optional<std::size_t> next =
+            stop == 0 ? first : nextPlace(places, builder.at(), visited, kDriveReach, random);
+        if (!next) {
+            break;
+        }
+        visited[*next] = true;
+        builder.moveTo(near(places[*next], true, random), speed, Activity::kAutomotive);
         builder.stay(std::round(random.uniform(120, 1200)));
     }
-    builder.moveTo(offset(middle, random.uniform(5000, 9000), random.uniform(0, 2 * M_PI)), speed,
+    builder.moveTo(offset(builder.at(), random.uniform(5000, 9000), random.uniform(0, 2 * M_PI)), speed,
                    Activity::kAutomotive);
     return builder.finish();
 }
