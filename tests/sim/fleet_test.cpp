@@ -110,10 +110,10 @@ TEST(Fleet, ExpectationsAreCheckedAgainstTheWholeFleet) {
     const FleetAggregate fleet = runFleet(options);
     const long long deliveries = fleet.deliveries();
     ASSERT_GT(deliveries, 0);
-    const auto results = checkExpectations(
-        {parseExpectation("deliveries>=" + std::to_string(deliveries)),
-         parseExpectation("deliveries>" + std::to_string(deliveries)), parseExpectation("offer:999999=delivered")},
-        fleet.tallies());
+    const auto results = checkExpectations({parseExpectation("deliveries>=" + std::to_string(deliveries)),
+                                            parseExpectation("deliveries>" + std::to_string(deliveries)),
+                                            parseExpectation("offer:999999=delivered")},
+                                           fleet.tallies());
     ASSERT_EQ(results.size(), 3U);
     EXPECT_TRUE(results[0].met);
     EXPECT_FALSE(results[1].met);
@@ -159,7 +159,8 @@ TEST(GpsNoise, IsTheSameForASeedAndScalesWithTheAccuracyAskedFor) {
     GpsNoise d(5);
     for (int t = 0; t < 600; ++t) {
         coarseError =
-            std::max(coarseError, std::abs(d.apply(t, 48.1, 11.5, AccuracyLevel::kKilometre).latitude - 48.1) * 111'320);
+            std::max(coarseError,
+                     std::abs(d.apply(t, 48.1, 11.5, AccuracyLevel::kKilometre).latitude - 48.1) * 111'320);
     }
     EXPECT_TRUE(differs);
     EXPECT_GT(fineError, 0.5);
