@@ -162,8 +162,9 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
                       std::ostream& out) {
     const double hours = fleet.deviceHours();
     out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" << escaped(title)
-        << "</title>\n<style>body{font-family:sans-serif;margin:2em;max-width:60em}"
-           "table{border-collapse:collapse}td,th{border:1px solid #ccc;padding:.2em .5em;text-align:right}"
+        << "</title>\n<style>body{font-family:sans-serif;margin:2em;max-width:90em}"
+           "table{border-collapse:collapse;font-size:.9em}"
+           "td,th{border:1px solid #ccc;padding:.2em .5em;text-align:right}"
            "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}</style></head><body>\n"
         << "<h1>" << escaped(title) << "</h1>\n<p>" << fleet.devices << " devices, " << number(hours, 1)
         << " device-hours simulated in " << number(wallSeconds, 2) << " s: " << fleet.deliveries()
@@ -191,7 +192,8 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
             << escaped(t.eventName) << "</td><td>" << t.devices << "</td><td>" << t.entered << "</td><td>"
             << t.linked << "</td><td>" << t.delivered << "</td><td>" << t.notifications << "</td><td>"
             << t.alerts << "</td><td>" << t.answered << "</td><td>" << t.falseEntries << "</td><td>"
-            << t.linkRequests << "</td><td style=\"text-align:left\">" << escaped(reasons) << "</td></tr>\n";
+            << t.linkRequests << "</td><td style=\"text-align:left;font-size:.85em\">" << escaped(reasons)
+            << "</td></tr>\n";
     }
     out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (black; "
            "red: "
