@@ -154,7 +154,8 @@ class HttpEvents final : public virtualbackend::HttpListener {
     HttpEvents(EventLog& events, std::map<std::string, std::size_t>& requestsByPath)
         : events_(events), requestsByPath_(requestsByPath) {}
     void onRequest(const virtualbackend::RecordedRequest& request) override {
-        ++requestsByPath_[request.path];
+        // The endpoints one by one; pages (the offer view's GETs) all together.
+        ++requestsByPath_[request.method == "POST" ? request.path : request.method + " pages"];
         if (!events_.wantsEvents()) {
             events_.count("request");
             if (request.json && events_.tracker() != nullptr) {

@@ -66,8 +66,9 @@ struct SimOutcome {
     RunStop stop = RunStop::kNone;  ///< why the run ended before its route did
     std::string stopMessage;
     std::vector<OfferOutcome> offers;  ///< what happened to each offer the service answered with
-    std::map<std::string, std::size_t> requestsByPath;  ///< requests the component made, per endpoint
-    GpsOnTime gpsOn;                                    ///< location updates on, per accuracy level
+    /// Requests the component made, per endpoint ("GET pages" for every page).
+    std::map<std::string, std::size_t> requestsByPath;
+    GpsOnTime gpsOn;  ///< location updates on, per accuracy level
 };
 
 /// The GPS-on time as an event's fields: seconds per level, significant-change only, total.
