@@ -64,7 +64,8 @@ struct TriggerPoint {
 };
 
 /// What a fleet did, folded device by device: memory does not grow with the devices (but for the
-/// offers and endpoints there are, and at most kTriggerPoints points).
+/// offers and endpoints there are, and at most kTriggerPoints points). A plain value: each worker
+/// thread folds into its own, and they are merged at the end; every member on one thread at a time.
 struct FleetAggregate {
     static constexpr std::size_t kTriggerPoints = 5000;
     static constexpr double kDelayBinSeconds = 15;
@@ -86,29 +87,31 @@ struct FleetAggregate {
     long long timeStalled = 0;
     std::optional<std::pair<std::size_t, std::string>> firstStop;  ///< device and message
 
-    /// Folds in one device's run.
+    /// Folds in one device's run. The owner's thread.
     void add(std::size_t device, const Route& route, const SimOutcome& outcome);
-    /// Folds in another aggregate (of other devices); the result does not depend on the order.
+    /// Folds in another aggregate (of other devices); the result does not depend on the order. The
+    /// owner's thread.
     void merge(const FleetAggregate& other);
 
     [[nodiscard]] long long deliveries() const;
     [[nodiscard]] double deviceHours() const { return static_cast<double>(simulatedMillis) / 3'600'000; }
     [[nodiscard]] GpsOnTime gpsOn() const;
-    /// The offers as expectations see them.
+    /// The offers as expectations see them. Any thread.
     [[nodiscard]] std::vector<OfferTally> tallies() const;
-    /// Everything but the trigger points, as one JSON object.
+    /// Everything but the trigger points, as one JSON object. Any thread.
     [[nodiscard]] nlohmann::json toJson() const;
-    /// The terminal summary.
+    /// The terminal summary. Any thread.
     void printSummary(std::ostream& out) const;
 };
 
-/// One line of the devices file: the device's route, counts, GPS-on time and outcomes.
+/// One line of the devices file: the device's route, counts, GPS-on time and outcomes. Pure.
 nlohmann::json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcome);
 
 /// Runs the fleet: devices spread over `jobs` threads, each device its own environment, virtual
 /// backend and preferences, against one embedded service in process (or options.device.serviceURL).
 /// The aggregate is the same for a seed whatever the number of threads. Stops starting devices once
 /// one device's session never started (a wrong key or an unreachable service). Throws SimInputError.
+/// Any thread (it starts and joins its workers).
 FleetAggregate runFleet(const FleetOptions& options);
 
 }  // namespace tovrel::sim

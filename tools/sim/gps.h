@@ -70,7 +70,7 @@ class GpsMeter {
 /// Gauss-Markov process on each axis (errors of fixes a few seconds apart are alike, as a
 /// receiver's are), scaled to the level's typical error; the reported horizontal accuracy is the
 /// level's, and the error lies within it about two times in three. The same seed and the same
-/// calls give the same fixes.
+/// calls give the same fixes. One thread at a time (the run's).
 class GpsNoise {
   public:
     explicit GpsNoise(std::uint64_t seed);

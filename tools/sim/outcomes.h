@@ -49,7 +49,7 @@ struct OutcomeContext {
 };
 
 /// Reads a run's events one at a time, as they happen, keeping only what the outcomes need (so that a
-/// run need not keep its events).
+/// run need not keep its events). One thread at a time (the run's).
 class OutcomeTracker {
   public:
     /// Any event of the run (the types it does not need are ignored).
