@@ -76,7 +76,8 @@ double chordSquaredFor(double metres) {
 void measureVisit(OfferOutcome& outcome, const Route& route, const std::vector<UnitVector>& points) {
     const UnitVector centre = unitVector(outcome.latitude, outcome.longitude);
     const double edge = chordSquaredFor(outcome.radius);
-    const double margin = 1e-9 + edge * 1e-6;
+    // Rounding in either formula is far below a millimetre (a chord of 1 m squares to 2.5e-14).
+    const double margin = 1e-19 + edge * 1e-6;
     double closest = std::numeric_limits<double>::infinity();
     std::size_t closestIndex = 0;
     std::optional<double> stayStart;
