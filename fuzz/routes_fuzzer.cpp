@@ -1,11 +1,13 @@
-// Feeds arbitrary text to every route reader: the simulator's CSV and GPX routes and the linux
-// backend's GPX and NMEA tracks (which the simulator also reads NMEA routes with). A file is read or
-// refused with the reader's error; nothing may crash or trip a sanitizer.
+// Feeds arbitrary text to every route reader: the simulator's CSV and GPX routes, the place files a
+// fleet makes routes around (and the routes it makes), and the linux backend's GPX and NMEA tracks
+// (which the simulator also reads NMEA routes with). A file is read or refused with the reader's
+// error; nothing may crash or trip a sanitizer.
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
 
+#include "fleet_routes.h"
 #include "route.h"
 #include "tovrel/linux/track_files.h"
 
@@ -17,6 +19,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     try {
         (void)tovrel::sim::parseGpxRoute(text, "fuzz.gpx");
+    } catch (const tovrel::sim::RouteError&) {
+    }
+    try {
+        const auto places = tovrel::sim::parsePlaceCircles(text, "fuzz.geojson");
+        for (const auto kind : {tovrel::sim::RouteKind::kWalk, tovrel::sim::RouteKind::kDrive}) {
+            (void)tovrel::sim::generateRoute(kind, places, size, "fuzz");
+        }
     } catch (const tovrel::sim::RouteError&) {
     }
     for (auto* reader : {&tovrel::linuxbackend::parseGpx, &tovrel::linuxbackend::parseNmea}) {

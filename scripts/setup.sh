@@ -26,6 +26,8 @@ packages=(
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
     # tovrel-server: metrics in the Prometheus format, gzip answers
     prometheus-cpp-dev zlib1g-dev
+    # tovrel-sim's allocator: a fleet's time is mostly small JSON allocations on every core
+    libmimalloc-dev
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

@@ -53,7 +53,7 @@ if ((quick == 0)); then
     tsan_suites=(tests/scenarios/tovrel_targeting_threads tests/curl/tovrel_curl_tests
                  tests/curl/tovrel_curl_server_tls_tests
                  tests/linux/tovrel_linux_tests tests/linux/tovrel_linux_session_tests
-                 tests/server/tovrel_server_http_tests)
+                 tests/server/tovrel_server_http_tests tests/sim/tovrel_sim_fleet_tests)
     cmake --build --preset tsan -j "$jobs" --target "${tsan_suites[@]##*/}" tovrel-server tovrel_capi_test
     for suite in "${tsan_suites[@]}"; do
         TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" "build/tsan/$suite" --gtest_brief=1

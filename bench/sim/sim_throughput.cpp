@@ -1,5 +1,9 @@
 // How fast the simulator runs: simulated seconds per wall second for one three-hour 1 Hz route, and
-// device-hours per wall second for a fleet of devices on different routes in one process.
+// device-hours per wall second for a fleet of devices on different routes in one process: the old
+// way (one device after another on one core, each over loopback HTTP to a shared embedded server,
+// every event kept) against `tovrel-sim fleet`'s (the service in process, every core), in the same
+// run so that the ratio holds on a busy machine.
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -7,7 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <thread>
 
+#include "fleet.h"
 #include "simulation.h"
 #include "tovrel_server/server.h"
 
@@ -34,6 +40,13 @@ fs::path writeLoopRoute(const fs::path& dir, int seconds, double phase, const st
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// CPU seconds this process has used on all its threads: a measure a busy machine does not skew.
+double cpuSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 }  // namespace
@@ -63,16 +76,44 @@ int main(int argc, char** argv) {
     server.importGeoJson(options.placesFile.string());
     options.serviceURL = "http://127.0.0.1:" + std::to_string(server.start());
 
+    std::vector<tovrel::sim::Route> routes;
+    for (int device = 0; device < devices; ++device) {
+        routes.push_back(tovrel::sim::loadRoute(
+            writeLoopRoute(dir, 1800, device * 0.37, "device-" + std::to_string(device) + ".csv")));
+    }
     double simulated = 0;
     start = std::chrono::steady_clock::now();
+    double cpuStart = cpuSeconds();
     for (int device = 0; device < devices; ++device) {
-        options.routeFile =
-            writeLoopRoute(dir, 1800, device * 0.37, "device-" + std::to_string(device) + ".csv");
+        options.route = &routes[static_cast<std::size_t>(device)];
         simulated += tovrel::sim::runSimulation(options, nullptr, nullptr).simulatedSeconds;
     }
+    const double sequentialWall = secondsSince(start);
+    const double sequentialCpu = cpuSeconds() - cpuStart;
+    const double sequential = simulated / 3600 / sequentialWall;
+    std::cout << devices << " devices x 30 min, one after another over loopback HTTP: " << simulated / 3600
+              << " device-hours in " << sequentialWall << " wall s = " << sequential
+              << " device-hours per wall s (" << simulated / 3600 / sequentialCpu << " per CPU s)\n";
+
+    tovrel::sim::FleetOptions fleet;
+    fleet.device = options;
+    fleet.device.route = nullptr;
+    fleet.device.serviceURL.reset();
+    fleet.devices = static_cast<std::size_t>(devices);
+    fleet.source = tovrel::sim::FleetRoutes::kFolder;
+    fleet.routes = std::move(routes);
+    start = std::chrono::steady_clock::now();
+    cpuStart = cpuSeconds();
+    const tovrel::sim::FleetAggregate totals = tovrel::sim::runFleet(fleet);
     const double fleetWall = secondsSince(start);
-    std::cout << devices << " devices x 30 min: " << simulated / 3600 << " device-hours in " << fleetWall
-              << " wall s = " << simulated / 3600 / fleetWall << " device-hours per wall s\n";
+    const double fleetCpu = cpuSeconds() - cpuStart;
+    const double parallel = totals.deviceHours() / fleetWall;
+    std::cout << devices << " devices x 30 min, tovrel-sim fleet (in process, "
+              << std::thread::hardware_concurrency() << " threads): " << totals.deviceHours()
+              << " device-hours in " << fleetWall << " wall s = " << parallel << " device-hours per wall s ("
+              << parallel / sequential << " times the above; " << totals.deviceHours() / fleetCpu
+              << " per CPU s, " << sequentialCpu / fleetCpu << " times less CPU; " << totals.deliveries()
+              << " deliveries)\n";
     server.stop();
     fs::remove_all(dir);
     return 0;

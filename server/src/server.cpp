@@ -151,9 +151,9 @@ uint16_t Server::adminPort() const {
     return impl_->adminHttpServer.port();
 }
 
-ServerReply Server::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+Reply Server::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
     ApiReply reply = impl_->service.handle(path, body, mediaBase);
-    return ServerReply{reply.status, std::move(reply.body)};
+    return {reply.status, std::move(reply.body)};
 }
 
 ImportSummary Server::importGeoJson(const std::string& path) {

@@ -293,4 +293,42 @@ TEST_F(SimScenario, ExpectationsGuardACampaignWithTheirExitStatus) {
     EXPECT_EQ(sim("--route " + route("city-walk.csv") + " --expect-file " + rules.string()).exitStatus, 2);
 }
 
+TEST_F(SimScenario, AFleetSumsUpItsDevicesAndGuardsACampaignToo) {
+    const fs::path routes = dir / "routes";
+    fs::create_directories(routes);
+    fs::copy_file(route("city-walk.csv"), routes / "a.csv");
+    fs::copy_file(route("drive-in.gpx"), routes / "b.gpx");
+    const fs::path events = dir / "fleet.jsonl";
+    const fs::path report = dir / "fleet.html";
+    const std::string fleet = std::string(TOVREL_SIM_BINARY) + " fleet --quiet --devices 4 --routes " +
+                              routes.string() + " --events " + events.string() + " --report " +
+                              report.string() + " > /dev/null 2> " + (dir / "stderr.txt").string();
+    const auto status = [](const std::string& command) {
+        const int raw = std::system(command.c_str());
+        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    };
+    ASSERT_EQ(status(fleet + " --expect offer:1010=delivered --expect 'deliveries>=2'"), 0);
+    std::ifstream in(events);
+    std::vector<json> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(json::parse(line));
+    }
+    ASSERT_EQ(lines.size(), 5u);  // four devices, then the totals
+    EXPECT_EQ(lines.back()["type"], "fleet");
+    EXPECT_EQ(lines.back()["devices"], 4);
+    EXPECT_GT(lines.back()["requestsPerDeviceHour"]["/v2/place"].get<double>(), 0);
+    std::ifstream html(report);
+    std::ostringstream page;
+    page << html.rdbuf();
+    EXPECT_NE(page.str().find("class=\"trigger\""), std::string::npos);
+    EXPECT_NE(page.str().find("id=\"requests\""), std::string::npos);
+
+    EXPECT_EQ(status(fleet + " --expect 'deliveries>1000'"), 1);
+    EXPECT_EQ(status(fleet + " --sdk-key no-such-key"), 3);
+    EXPECT_EQ(status(fleet + " --generate walks"), 2);  // --routes and --generate exclude each other
+    EXPECT_EQ(status(std::string(TOVREL_SIM_BINARY) + " fleet --quiet --routes " + (dir / "none").string() +
+                     " 2> /dev/null"),
+              2);
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "outcomes.h"
+
 namespace {
 
 /// One event as a line, with "t" and "type" first so that the file reads as a timeline.
@@ -26,8 +28,7 @@ EventLog::EventLog(std::function<double()> secondsSinceStart)
 
 void EventLog::record(const std::string& type, nlohmann::json fields) {
     nlohmann::json event = nlohmann::json::object();
-    // Millisecond resolution keeps the lines short and the runs comparable.
-    event["t"] = std::round(secondsSinceStart_() * 1000.0) / 1000.0;
+    event["t"] = secondsSinceStart();
     event["type"] = type;
     if (fields.is_object()) {
         for (auto& [key, value] : fields.items()) {
@@ -41,8 +42,11 @@ void EventLog::record(const std::string& type, nlohmann::json fields) {
     if (listener_) {
         listener_(event);
     }
+    if (tracker_ != nullptr) {
+        tracker_->add(event);
+    }
     ++counts_[type];
-    if (events_.size() < kKeptEvents) {
+    if (keep_ && events_.size() < kKeptEvents) {
         events_.push_back(std::move(event));
     } else {
         ++notKept_;
@@ -85,6 +89,31 @@ void EventLog::writeJsonLines(std::ostream& out) const {
 void EventLog::setListener(std::function<void(const nlohmann::json&)> listener) {
     std::lock_guard lock(mutex_);
     listener_ = std::move(listener);
+}
+
+double EventLog::secondsSinceStart() const {
+    // Millisecond resolution keeps the lines short and the runs comparable.
+    return std::round(secondsSinceStart_() * 1000.0) / 1000.0;
+}
+
+void EventLog::setKeep(bool keep) {
+    std::lock_guard lock(mutex_);
+    keep_ = keep;
+}
+
+void EventLog::setTracker(OutcomeTracker* tracker) {
+    std::lock_guard lock(mutex_);
+    tracker_ = tracker;
+}
+
+bool EventLog::wantsEvents() const {
+    std::lock_guard lock(mutex_);
+    return keep_ || stream_ != nullptr || listener_;
+}
+
+void EventLog::count(const std::string& type) {
+    std::lock_guard lock(mutex_);
+    ++counts_[type];
 }
 
 void EventLog::setStream(std::ostream* stream) {

@@ -30,21 +30,23 @@ bool isId(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-bool inState(const OfferOutcome& o, const std::string& state) {
+bool inState(const OfferTally& o, const std::string& state) {
     if (state == "delivered") {
-        return o.delivered;
+        return o.delivered > 0;
     }
     if (state == "linked") {
-        return o.linkedAt.has_value();
+        return o.linked > 0;
     }
     if (state == "entered") {
-        return o.enteredAt.has_value();
+        return o.entered > 0;
     }
-    if (state == "notification" || state == "alert") {
-        return o.deliveredAs == state;
+    if (state == "notification") {
+        return o.notification > 0;
     }
-    return std::any_of(o.answers.begin(), o.answers.end(),
-                       [](const std::string& code) { return code != "ack"; });
+    if (state == "alert") {
+        return o.alert > 0;
+    }
+    return o.answered > 0;
 }
 
 bool compare(long long actual, const std::string& op, long long value) {
@@ -149,23 +151,51 @@ std::vector<Expectation> readExpectationFile(const std::filesystem::path& file) 
     return rules;
 }
 
+OfferTally tallyOf(const OfferOutcome& o) {
+    OfferTally tally;
+    tally.eventId = o.eventId;
+    tally.placeId = o.placeId;
+    tally.delivered = o.delivered ? 1 : 0;
+    tally.linked = o.linkedAt ? 1 : 0;
+    tally.entered = o.enteredAt ? 1 : 0;
+    tally.notification = o.deliveredAs == "notification" ? 1 : 0;
+    tally.alert = o.deliveredAs == "alert" ? 1 : 0;
+    tally.answered =
+        std::any_of(o.answers.begin(), o.answers.end(), [](const std::string& code) { return code != "ack"; })
+            ? 1
+            : 0;
+    tally.linkRequests = o.linkRequests;
+    tally.actual = o.reason;
+    return tally;
+}
+
 std::vector<ExpectationResult> checkExpectations(const std::vector<Expectation>& rules,
                                                  const std::vector<OfferOutcome>& outcomes) {
+    std::vector<OfferTally> tallies;
+    tallies.reserve(outcomes.size());
+    for (const OfferOutcome& o : outcomes) {
+        tallies.push_back(tallyOf(o));
+    }
+    return checkExpectations(rules, tallies);
+}
+
+std::vector<ExpectationResult> checkExpectations(const std::vector<Expectation>& rules,
+                                                 const std::vector<OfferTally>& outcomes) {
     std::vector<ExpectationResult> results;
     for (const Expectation& rule : rules) {
         ExpectationResult result{rule.text, false, {}};
         if (rule.kind == Expectation::Kind::kCount) {
             long long actual = 0;
-            for (const OfferOutcome& o : outcomes) {
-                actual += rule.counted == "deliveries" ? (o.delivered ? 1 : 0) : o.linkRequests;
+            for (const OfferTally& o : outcomes) {
+                actual += rule.counted == "deliveries" ? o.delivered : o.linkRequests;
             }
             result.met = compare(actual, rule.op, rule.value);
             result.actual = rule.counted + " = " + std::to_string(actual);
             results.push_back(std::move(result));
             continue;
         }
-        std::vector<const OfferOutcome*> subjects;
-        for (const OfferOutcome& o : outcomes) {
+        std::vector<const OfferTally*> subjects;
+        for (const OfferTally& o : outcomes) {
             const bool matches = rule.kind == Expectation::Kind::kOffer
                                      ? o.eventId == rule.id && (rule.place.empty() || o.placeId == rule.place)
                                      : o.placeId == rule.id;
@@ -174,15 +204,15 @@ std::vector<ExpectationResult> checkExpectations(const std::vector<Expectation>&
             }
         }
         const bool any = std::any_of(subjects.begin(), subjects.end(),
-                                     [&rule](const OfferOutcome* o) { return inState(*o, rule.state); });
+                                     [&rule](const OfferTally* o) { return inState(*o, rule.state); });
         result.met = rule.negated ? !any : any;
         if (subjects.empty()) {
             result.actual = (rule.kind == Expectation::Kind::kOffer ? "offer " : "place ") + rule.id +
                             " was never in a service answer on this route";
         } else {
-            for (const OfferOutcome* o : subjects) {
+            for (const OfferTally* o : subjects) {
                 result.actual += (result.actual.empty() ? "" : "; ") +
-                                 ("offer " + o->eventId + " at place " + o->placeId + ": " + o->reason);
+                                 ("offer " + o->eventId + " at place " + o->placeId + ": " + o->actual);
             }
         }
         results.push_back(std::move(result));

@@ -43,6 +43,24 @@ Expectation parseExpectation(std::string_view text);
 /// the file and line, or that the file cannot be read.
 std::vector<Expectation> readExpectationFile(const std::filesystem::path& file);
 
+/// What the rules are checked against: per offer and place, how many devices reached each state (a
+/// single run is one device: each count 0 or 1), and what happened, in words.
+struct OfferTally {
+    std::string eventId;
+    std::string placeId;
+    long long delivered = 0;
+    long long linked = 0;
+    long long entered = 0;
+    long long notification = 0;
+    long long alert = 0;
+    long long answered = 0;  ///< answered with a status other than "ack"
+    long long linkRequests = 0;
+    std::string actual;  ///< what happened, for a rule that failed
+};
+
+/// One run's outcome as a tally.
+OfferTally tallyOf(const OfferOutcome& outcome);
+
 struct ExpectationResult {
     std::string rule;
     bool met = false;
@@ -52,5 +70,9 @@ struct ExpectationResult {
 /// Checks each rule against a run's outcomes. Pure.
 std::vector<ExpectationResult> checkExpectations(const std::vector<Expectation>& rules,
                                                  const std::vector<OfferOutcome>& outcomes);
+/// Checks each rule against tallies (a fleet's): a state rule holds when some device reached the
+/// state (a "not-" rule, when none did); counts are summed over devices. Pure.
+std::vector<ExpectationResult> checkExpectations(const std::vector<Expectation>& rules,
+                                                 const std::vector<OfferTally>& tallies);
 
 }  // namespace tovrel::sim

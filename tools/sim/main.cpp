@@ -1,12 +1,16 @@
-// tovrel-sim: drives one device through a location-enabled session of the component, along a route,
-// in virtual time, against an embedded or remote service, and reports what happened.
+// tovrel-sim: drives one device (run) or a fleet of devices (fleet) through location-enabled sessions
+// of the component, along routes, in virtual time, against an embedded or remote service, and reports
+// what happened.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <fstream>
 #include <iostream>
 
 #include "expectations.h"
+#include "fleet.h"
+#include "fleet_report.h"
 #include "html_report.h"
 #include "simulation.h"
 #include "tovrel/paths/data_directory.h"
@@ -21,60 +25,179 @@ constexpr int kBadInput = tovrel::tools::kUsageError;
 constexpr int kSessionNeverStarted = 3;
 constexpr int kTimeStalled = 4;
 
-bool onOff(const std::string& value) {
-    return value == "on";
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    CLI::App app{"tovrel-sim: a whole session of the Tovrel component along a route, in virtual time"};
-    tovrel::tools::addVersionFlag(app, "tovrel-sim");
-    app.require_subcommand(1);
-    auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
-
-    tovrel::sim::SimOptions options;
-    const auto data = tovrel::paths::dataDirectory();
-    options.placesFile = (data / "places" / "munich.geojson").string();
-    options.contentDir = (data / "content").string();
-    std::string route;
+/// What run and fleet are both told about each device, as the command line says it.
+struct DeviceArguments {
     std::string places;
     std::string service;
     std::string notifications = "on";
     std::string offerView = "on";
     std::string appState = "background";
     std::string answer = "view";
-    std::string stateDir;
     std::string eventsFile;
     std::string reportFile;
+    std::vector<std::string> expectTexts;
+    std::string expectFile;
+    double maxDuration = -1;
+    bool gpsNoise = false;
+    std::uint64_t seed = 1;
+};
+
+void addDeviceOptions(CLI::App* command, tovrel::sim::SimOptions& options, DeviceArguments& arguments) {
+    command->add_option("--places", arguments.places,
+                        "Places for the embedded service (GeoJSON; default: the example data set)");
+    command->add_option("--service", arguments.service,
+                        "Talk to this service (base URL) instead of the embedded one");
+    command->add_option("--sdk-key", options.sdkKey,
+                        "The SDK key (default: the example key the embedded service knows)");
+    command
+        ->add_option("--notifications", arguments.notifications,
+                     "Present notifications: on or off (default on)")
+        ->check(CLI::IsMember({"on", "off"}));
+    command->add_option("--offer-view", arguments.offerView, "Present the offer view: on or off (default on)")
+        ->check(CLI::IsMember({"on", "off"}));
+    command->add_option("--app-state", arguments.appState,
+                        "active, background, or a timeline such as 0:background,600:active,900:background");
+    command
+        ->add_option("--answer", arguments.answer,
+                     "How the user answers each event alert: never, view or later (default view)")
+        ->check(CLI::IsMember({"never", "view", "later"}));
+    command->add_flag("--tap-notifications", options.tapNotifications,
+                      "The user opens every local notification 10 s after it appears");
+    command
+        ->add_option("--linger", options.lingerSeconds,
+                     "Keep the session running this long after the last position")
+        ->check(CLI::NonNegativeNumber);
+    command->add_flag("--terminate", options.terminate, "End with the application-terminate notification");
+    command
+        ->add_option("--session-attempts", options.sessionAttempts,
+                     "End a device's run after this many failed session starts in a row (default 5)")
+        ->check(CLI::Range(1, 1000000));
+    command->add_option(
+        "--expect", arguments.expectTexts,
+        "A rule the run must meet (repeatable): offer:ID=delivered, offer:ID@PLACE=not-delivered, "
+        "place:ID=entered, deliveries<=3, link-requests<=20; states delivered, linked, entered, "
+        "notification, alert, answered, each may start with not-");
+    command->add_option("--expect-file", arguments.expectFile, "Rules to meet, one a line ('#' comments)");
+    command
+        ->add_option("--max-duration", arguments.maxDuration, "Simulate at most this many seconds of a route")
+        ->check(CLI::PositiveNumber);
+    command->add_flag("--gps-noise", arguments.gpsNoise,
+                      "Add seeded position error in keeping with the accuracy the component asks for");
+    command->add_option("--seed", arguments.seed,
+                        "Seed of the position error and made-up routes (default 1)");
+}
+
+/// Applies the device arguments to `options`; false (after a message) when one cannot be used.
+bool applyDeviceArguments(const DeviceArguments& arguments, tovrel::sim::SimOptions& options,
+                          std::vector<tovrel::sim::Expectation>& expectations) {
+    try {
+        expectations.reserve(arguments.expectTexts.size());
+        for (const auto& text : arguments.expectTexts) {
+            expectations.push_back(tovrel::sim::parseExpectation(text));
+        }
+        if (!arguments.expectFile.empty()) {
+            const auto fromFile = tovrel::sim::readExpectationFile(arguments.expectFile);
+            expectations.insert(expectations.end(), fromFile.begin(), fromFile.end());
+        }
+    } catch (const tovrel::sim::ExpectationError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return false;
+    }
+    if (arguments.maxDuration > 0) {
+        options.maxDuration = arguments.maxDuration;
+    }
+    if (!arguments.places.empty()) {
+        options.placesFile = arguments.places;
+    }
+    if (!arguments.service.empty()) {
+        options.serviceURL = arguments.service;
+    }
+    options.presentNotifications = arguments.notifications == "on";
+    options.presentOfferView = arguments.offerView == "on";
+    options.answer = arguments.answer == "never"   ? AlertAnswer::kNever
+                     : arguments.answer == "later" ? AlertAnswer::kLater
+                                                   : AlertAnswer::kView;
+    try {
+        options.appStates = tovrel::sim::parseAppStateTimeline(arguments.appState);
+    } catch (const std::exception& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return false;
+    }
+    return true;
+}
+
+/// Opens `file` for writing (when named); false after a message when it cannot be.
+bool openOutput(const std::string& file, std::ofstream& out) {
+    if (file.empty()) {
+        return true;
+    }
+    out.open(file, std::ios::trunc);
+    if (!out) {
+        std::cerr << "tovrel-sim: " << file << ": cannot be written\n";
+        return false;
+    }
+    return true;
+}
+
+/// Prints each rule that failed; the exit status for the rules.
+int reportExpectations(const std::vector<tovrel::sim::Expectation>& expectations,
+                       const std::vector<tovrel::sim::ExpectationResult>& results) {
+    int failed = 0;
+    for (const auto& result : results) {
+        if (!result.met) {
+            ++failed;
+            std::cerr << "tovrel-sim: expectation failed: " << result.rule << " (" << result.actual << ")\n";
+        }
+    }
+    if (!expectations.empty()) {
+        std::cout << expectations.size() - static_cast<std::size_t>(failed) << " of " << expectations.size()
+                  << " expectations met\n";
+    }
+    return failed > 0 ? kExpectationFailed : 0;
+}
+
+void printGpsOn(const tovrel::sim::GpsOnTime& gpsOn) {
+    std::cout << "location updates on:";
+    for (std::size_t i = 0; i < tovrel::sim::kAccuracyLevels; ++i) {
+        if (gpsOn.seconds[i] > 0) {
+            std::cout << ' ' << tovrel::sim::accuracyLevelName(static_cast<tovrel::sim::AccuracyLevel>(i))
+                      << ' ' << static_cast<long>(gpsOn.seconds[i]) << " s";
+        }
+    }
+    if (gpsOn.significantOnlySeconds > 0) {
+        std::cout << ", significant changes only " << static_cast<long>(gpsOn.significantOnlySeconds) << " s";
+    }
+    if (gpsOn.total() + gpsOn.significantOnlySeconds <= 0) {
+        std::cout << " never";
+    }
+    std::cout << '\n';
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"tovrel-sim: whole sessions of the Tovrel component along routes, in virtual time"};
+    tovrel::tools::addVersionFlag(app, "tovrel-sim");
+    app.require_subcommand(1);
+    auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
+    auto* fleet = app.add_subcommand("fleet", "Drive many devices along routes on every core and sum up");
+
+    tovrel::sim::SimOptions options;
+    const auto data = tovrel::paths::dataDirectory();
+    options.placesFile = (data / "places" / "munich.geojson").string();
+    options.contentDir = (data / "content").string();
+    DeviceArguments arguments;
+    std::string route;
+    std::string stateDir;
 
     run->add_option("--route", route,
-                    "Positions to replay: GPX (trkpt with time) or CSV lines t,lat,lon[,activity]")
+                    "Positions to replay: GPX (trkpt with time), NMEA 0183 or CSV lines t,lat,lon[,activity]")
         ->required();
-    run->add_option("--places", places,
-                    "Places for the embedded service (GeoJSON; default: the example data set)");
-    run->add_option("--service", service,
-                    "Talk to this service (base URL) instead of starting the embedded one");
-    run->add_option("--sdk-key", options.sdkKey,
-                    "The SDK key (default: the example key the embedded service knows)");
-    run->add_option("--notifications", notifications, "Present notifications: on or off (default on)")
-        ->check(CLI::IsMember({"on", "off"}));
-    run->add_option("--offer-view", offerView, "Present the offer view: on or off (default on)")
-        ->check(CLI::IsMember({"on", "off"}));
-    run->add_option("--app-state", appState,
-                    "active, background, or a timeline such as 0:background,600:active,900:background");
-    run->add_option("--answer", answer,
-                    "How the user answers each event alert: never, view or later (default view)")
-        ->check(CLI::IsMember({"never", "view", "later"}));
-    run->add_flag("--tap-notifications", options.tapNotifications,
-                  "The user opens every local notification 10 s after it appears");
+    addDeviceOptions(run, options, arguments);
     run->add_option("--state", stateDir, "Keep the device's preferences here, so a later run continues");
-    run->add_option("--linger", options.lingerSeconds,
-                    "Keep the session running this long after the last position")
-        ->check(CLI::NonNegativeNumber);
-    run->add_flag("--terminate", options.terminate, "End with the application-terminate notification");
-    run->add_option("--events", eventsFile, "Write everything observable here, one JSON object a line");
-    run->add_option("--report", reportFile, "Write a self-contained HTML report here");
+    run->add_option("--events", arguments.eventsFile,
+                    "Write everything observable here, one JSON object a line");
+    run->add_option("--report", arguments.reportFile, "Write a self-contained HTML report here");
     std::string tiles = tovrel::sim::kOpenStreetMapTiles;
     run->add_option("--tiles", tiles,
                     "Map tiles the report loads when viewed online: a URL template with {z}, {x}, {y} "
@@ -87,90 +210,126 @@ int main(int argc, char** argv) {
         });
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
-    run->add_option("--session-attempts", options.sessionAttempts,
-                    "End the run after this many failed session starts in a row (default 5)")
-        ->check(CLI::Range(1, 1000000));
-    std::vector<std::string> expectTexts;
-    std::string expectFile;
-    run->add_option(
-        "--expect", expectTexts,
-        "A rule the run must meet (repeatable): offer:ID=delivered, offer:ID@PLACE=not-delivered, "
-        "place:ID=entered, deliveries<=3, link-requests<=20; states delivered, linked, entered, "
-        "notification, alert, answered, each may start with not-");
-    run->add_option("--expect-file", expectFile, "Rules to meet, one a line ('#' comments)");
-    double maxDuration = -1;
-    run->add_option("--max-duration", maxDuration, "Simulate at most this many seconds of the route")
-        ->check(CLI::PositiveNumber);
+
+    std::size_t devices = 100;
+    std::size_t jobs = 0;
+    std::string routes;
+    std::string generate;
+    fleet->add_option("--devices", devices, "How many devices (default 100)")
+        ->check(CLI::Range(1, 100'000'000));
+    fleet->add_option("--routes", routes,
+                      "A folder of routes (.gpx, .nmea, .csv); device i takes them in turn");
+    fleet
+        ->add_option("--generate", generate,
+                     "Make up each device's route around the places: walks, drives or mixed (the default "
+                     "without --routes)")
+        ->check(CLI::IsMember({"walks", "drives", "mixed"}));
+    fleet->add_option("--jobs", jobs, "Worker threads (default: one per core)")->check(CLI::Range(1, 1024));
+    addDeviceOptions(fleet, options, arguments);
+    fleet->add_option(
+        "--events", arguments.eventsFile,
+        "Write each device's outcomes here as it ends, one JSON object a line, then the totals");
+    fleet->add_option("--report", arguments.reportFile,
+                      "Write a self-contained HTML report of the totals here");
+    bool fleetQuiet = false;
+    fleet->add_flag("--quiet", fleetQuiet, "Print no progress");
+    fleet->excludes(run);
+
     app.footer(
         "Exit status: 0 the run completed (and met every expectation); 1 an expectation failed; 2 a usage "
-        "error or unusable input (an unreadable rule included); 3 the session never started; 4 virtual time "
-        "stopped advancing (a request retried without end).");
+        "error or unusable input (an unreadable rule included); 3 the session never started (in a fleet: on "
+        "some device, which stops the fleet); 4 virtual time stopped advancing (a request retried without "
+        "end).");
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
 
     std::vector<tovrel::sim::Expectation> expectations;
-    try {
-        expectations.reserve(expectTexts.size());
-        for (const auto& text : expectTexts) {
-            expectations.push_back(tovrel::sim::parseExpectation(text));
-        }
-        if (!expectFile.empty()) {
-            const auto fromFile = tovrel::sim::readExpectationFile(expectFile);
-            expectations.insert(expectations.end(), fromFile.begin(), fromFile.end());
-        }
-    } catch (const tovrel::sim::ExpectationError& error) {
-        std::cerr << "tovrel-sim: " << error.what() << '\n';
+    if (!applyDeviceArguments(arguments, options, expectations)) {
         return kBadInput;
     }
+    std::ofstream events;
+    std::ofstream report;
+    if (!openOutput(arguments.eventsFile, events) || !openOutput(arguments.reportFile, report)) {
+        return kBadInput;
+    }
+
+    if (fleet->parsed()) {
+        if (!routes.empty() && !generate.empty()) {
+            std::cerr << "tovrel-sim: --routes and --generate exclude each other\n";
+            return kBadInput;
+        }
+        tovrel::sim::FleetOptions fleetOptions;
+        fleetOptions.device = options;
+        fleetOptions.devices = devices;
+        fleetOptions.jobs = jobs;
+        fleetOptions.seed = arguments.seed;
+        fleetOptions.gpsNoise = arguments.gpsNoise;
+        fleetOptions.deviceLines = events.is_open() ? &events : nullptr;
+        fleetOptions.progress = isatty(STDERR_FILENO) != 0 && !fleetQuiet;
+        try {
+            if (!routes.empty()) {
+                fleetOptions.source = tovrel::sim::FleetRoutes::kFolder;
+                fleetOptions.routes = tovrel::sim::loadRouteFolder(routes);
+            } else {
+                fleetOptions.source = generate == "walks"    ? tovrel::sim::FleetRoutes::kWalks
+                                      : generate == "drives" ? tovrel::sim::FleetRoutes::kDrives
+                                                             : tovrel::sim::FleetRoutes::kMixed;
+                fleetOptions.places = tovrel::sim::readPlaceCircles(options.placesFile);
+            }
+        } catch (const tovrel::sim::RouteError& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kBadInput;
+        }
+        const auto wallStart = std::chrono::steady_clock::now();
+        tovrel::sim::FleetAggregate totals;
+        try {
+            totals = tovrel::sim::runFleet(fleetOptions);
+        } catch (const tovrel::sim::SimInputError& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kBadInput;
+        }
+        const double wall =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+        if (events.is_open()) {
+            nlohmann::json line = totals.toJson();
+            line["type"] = "fleet";
+            events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        }
+        if (report.is_open()) {
+            tovrel::sim::writeFleetReport("Tovrel fleet: " + std::to_string(totals.devices) + " devices",
+                                          totals, wall, report);
+        }
+        totals.printSummary(std::cout);
+        std::cout << "wall time " << wall << " s: " << (wall > 0 ? totals.deviceHours() / wall : 0)
+                  << " device-hours per second";
+        if (!arguments.reportFile.empty()) {
+            std::cout << "; report: " << arguments.reportFile;
+        }
+        std::cout << '\n';
+        if (totals.firstStop) {
+            std::cerr << "tovrel-sim: " << totals.sessionsNeverStarted << " devices never started a session, "
+                      << totals.timeStalled << " stalled; device " << totals.firstStop->first << ": "
+                      << totals.firstStop->second << '\n';
+            return totals.sessionsNeverStarted > 0 ? kSessionNeverStarted : kTimeStalled;
+        }
+        return reportExpectations(expectations,
+                                  tovrel::sim::checkExpectations(expectations, totals.tallies()));
+    }
+
     options.routeFile = route;
-    if (maxDuration > 0) {
-        options.maxDuration = maxDuration;
-    }
-    if (!places.empty()) {
-        options.placesFile = places;
-    }
-    if (!service.empty()) {
-        options.serviceURL = service;
-    }
     if (!stateDir.empty()) {
         options.stateDir = stateDir;
     }
-    options.presentNotifications = onOff(notifications);
-    options.presentOfferView = onOff(offerView);
-    options.answer = answer == "never"   ? AlertAnswer::kNever
-                     : answer == "later" ? AlertAnswer::kLater
-                                         : AlertAnswer::kView;
+    if (arguments.gpsNoise) {
+        options.gpsNoiseSeed = arguments.seed;
+    }
     options.progress = isatty(STDERR_FILENO) != 0 && !options.quiet;
-    try {
-        options.appStates = tovrel::sim::parseAppStateTimeline(appState);
-    } catch (const std::exception& error) {
-        std::cerr << "tovrel-sim: " << error.what() << '\n';
-        return kBadInput;
-    }
-
-    std::ofstream events;
-    if (!eventsFile.empty()) {
-        events.open(eventsFile, std::ios::trunc);
-        if (!events) {
-            std::cerr << "tovrel-sim: " << eventsFile << ": cannot be written\n";
-            return kBadInput;
-        }
-    }
-    std::ofstream report;
-    if (!reportFile.empty()) {
-        report.open(reportFile, std::ios::trunc);
-        if (!report) {
-            std::cerr << "tovrel-sim: " << reportFile << ": cannot be written\n";
-            return kBadInput;
-        }
-    }
-
     tovrel::sim::SimOutcome outcome;
     try {
         outcome = tovrel::sim::runSimulation(options, options.quiet ? nullptr : &std::cout,
-                                             eventsFile.empty() ? nullptr : &events);
+                                             arguments.eventsFile.empty() ? nullptr : &events);
     } catch (const tovrel::sim::SimInputError& error) {
         std::cerr << "tovrel-sim: " << error.what() << '\n';
         return kBadInput;
@@ -179,7 +338,8 @@ int main(int argc, char** argv) {
     if (report.is_open()) {
         tovrel::sim::writeHtmlReport(
             {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
-             outcome.wallSeconds, outcome.eventsNotKept, tiles, service.empty() ? options.placesFile : ""},
+             outcome.wallSeconds, outcome.eventsNotKept, tiles,
+             arguments.service.empty() ? options.placesFile : ""},
             report);
     }
     const auto count = [&outcome](const char* type) {
@@ -191,29 +351,19 @@ int main(int argc, char** argv) {
     std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in "
               << outcome.wallSeconds << " s of wall time: " << requests << " requests, " << delivered
               << " offers delivered";
-    if (!reportFile.empty()) {
-        std::cout << "; report: " << reportFile;
+    if (!arguments.reportFile.empty()) {
+        std::cout << "; report: " << arguments.reportFile;
     }
     std::cout << '\n';
     for (const auto& offer : outcome.offers) {
         std::cout << "  offer " << offer.eventId << " \"" << offer.eventName << "\" at place "
                   << offer.placeId << ": " << offer.reason << '\n';
     }
+    printGpsOn(outcome.gpsOn);
     if (outcome.stop != tovrel::sim::RunStop::kNone) {
         std::cerr << "tovrel-sim: " << outcome.stopMessage << '\n';
         return outcome.stop == tovrel::sim::RunStop::kSessionNeverStarted ? kSessionNeverStarted
                                                                           : kTimeStalled;
     }
-    int failed = 0;
-    for (const auto& result : tovrel::sim::checkExpectations(expectations, outcome.offers)) {
-        if (!result.met) {
-            ++failed;
-            std::cerr << "tovrel-sim: expectation failed: " << result.rule << " (" << result.actual << ")\n";
-        }
-    }
-    if (!expectations.empty()) {
-        std::cout << expectations.size() - static_cast<std::size_t>(failed) << " of " << expectations.size()
-                  << " expectations met\n";
-    }
-    return failed > 0 ? kExpectationFailed : 0;
+    return reportExpectations(expectations, tovrel::sim::checkExpectations(expectations, outcome.offers));
 }

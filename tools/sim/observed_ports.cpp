@@ -1,5 +1,6 @@
 #include "observed_ports.h"
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 
@@ -15,6 +16,10 @@ class ObservedDelegate final : public platform::LocationManagerDelegate {
 
     void locationManagerDidUpdateLocations(const std::vector<platform::Location>& locations) override {
         for (const auto& location : locations) {
+            if (!events_.wantsEvents()) {
+                events_.count("position");
+                continue;
+            }
             events_.record("position",
                            {{"lat", location.coordinate.latitude}, {"lon", location.coordinate.longitude}});
         }
@@ -46,12 +51,21 @@ class ObservedDelegate final : public platform::LocationManagerDelegate {
 
 class ObservedProvider final : public platform::LocationProvider {
   public:
-    ObservedProvider(std::shared_ptr<platform::LocationProvider> inner, EventLog& events)
-        : inner_(std::move(inner)), events_(events) {}
+    ObservedProvider(std::shared_ptr<platform::LocationProvider> inner, EventLog& events,
+                     std::shared_ptr<GpsMeter> meter)
+        : inner_(std::move(inner)), events_(events), meter_(std::move(meter)) {}
+    ~ObservedProvider() override {
+        if (meter_) {
+            meter_->release(reinterpret_cast<std::uintptr_t>(this));
+        }
+    }
+    ObservedProvider(const ObservedProvider&) = delete;
+    ObservedProvider& operator=(const ObservedProvider&) = delete;
 
     void setDesiredAccuracy(double metres) override {
         inner_->setDesiredAccuracy(metres);
         recordSettings();
+        meter();
     }
     [[nodiscard]] double desiredAccuracy() const override { return inner_->desiredAccuracy(); }
     void setDistanceFilter(double metres) override {
@@ -67,21 +81,43 @@ class ObservedProvider final : public platform::LocationProvider {
         delegate_ = std::make_shared<ObservedDelegate>(std::move(delegate), events_);
         inner_->setDelegate(delegate_);
     }
-    void startUpdatingLocation() override { inner_->startUpdatingLocation(); }
-    void stopUpdatingLocation() override { inner_->stopUpdatingLocation(); }
+    void startUpdatingLocation() override {
+        inner_->startUpdatingLocation();
+        updating_ = true;
+        meter();
+    }
+    void stopUpdatingLocation() override {
+        inner_->stopUpdatingLocation();
+        updating_ = false;
+        meter();
+    }
     void startMonitoringSignificantLocationChanges() override {
         inner_->startMonitoringSignificantLocationChanges();
+        significant_ = true;
+        meter();
     }
     void stopMonitoringSignificantLocationChanges() override {
         inner_->stopMonitoringSignificantLocationChanges();
+        significant_ = false;
+        meter();
     }
     void requestAlwaysAuthorization() override { inner_->requestAlwaysAuthorization(); }
     void requestWhenInUseAuthorization() override { inner_->requestWhenInUseAuthorization(); }
 
   private:
+    void meter() {
+        if (meter_) {
+            meter_->update(reinterpret_cast<std::uintptr_t>(this), updating_, inner_->desiredAccuracy(),
+                           significant_);
+        }
+    }
     void recordSettings() {
         const double accuracy = inner_->desiredAccuracy();
         const double filter = inner_->distanceFilter();
+        if (!events_.wantsEvents()) {
+            events_.count("settings");
+            return;
+        }
         std::lock_guard lock(mutex_);
         if (last_ && last_->first == accuracy && last_->second == filter) {
             return;
@@ -92,6 +128,9 @@ class ObservedProvider final : public platform::LocationProvider {
 
     std::shared_ptr<platform::LocationProvider> inner_;
     EventLog& events_;
+    std::shared_ptr<GpsMeter> meter_;
+    std::atomic<bool> updating_{false};
+    std::atomic<bool> significant_{false};
     std::shared_ptr<ObservedDelegate> delegate_;
     std::mutex mutex_;
     std::optional<std::pair<double, double>> last_;
@@ -99,8 +138,9 @@ class ObservedProvider final : public platform::LocationProvider {
 
 class ObservedLocationServices final : public platform::LocationServices {
   public:
-    ObservedLocationServices(std::shared_ptr<platform::LocationServices> inner, EventLog& events)
-        : inner_(std::move(inner)), events_(events) {}
+    ObservedLocationServices(std::shared_ptr<platform::LocationServices> inner, EventLog& events,
+                             std::shared_ptr<GpsMeter> meter)
+        : inner_(std::move(inner)), events_(events), meter_(std::move(meter)) {}
 
     [[nodiscard]] bool locationServicesEnabled() const override { return inner_->locationServicesEnabled(); }
     [[nodiscard]] bool isMonitoringAvailableForCircularRegion() const override {
@@ -110,12 +150,13 @@ class ObservedLocationServices final : public platform::LocationServices {
         return inner_->authorizationStatus();
     }
     std::shared_ptr<platform::LocationProvider> createLocationManager() override {
-        return std::make_shared<ObservedProvider>(inner_->createLocationManager(), events_);
+        return std::make_shared<ObservedProvider>(inner_->createLocationManager(), events_, meter_);
     }
 
   private:
     std::shared_ptr<platform::LocationServices> inner_;
     EventLog& events_;
+    std::shared_ptr<GpsMeter> meter_;
 };
 
 class ObservedAlerts final : public platform::AlertPresenter {
@@ -200,7 +241,11 @@ class ObservedApplication final : public platform::Application {
     }
     void setApplicationIconBadgeNumber(long number) override {
         inner_->setApplicationIconBadgeNumber(number);
-        events_.record("badge", {{"value", number}});
+        if (events_.wantsEvents()) {
+            events_.record("badge", {{"value", number}});
+        } else {
+            events_.count("badge");
+        }
     }
     [[nodiscard]] std::string bundleIdentifier() const override { return inner_->bundleIdentifier(); }
     bool openURL(const std::string& url) override {
@@ -224,7 +269,11 @@ class ObservedLog final : public platform::LogSink {
     ObservedLog(std::shared_ptr<platform::LogSink> inner, EventLog& events)
         : inner_(std::move(inner)), events_(events) {}
     void write(std::string_view line) override {
-        events_.record("log", {{"line", std::string(line)}});
+        if (events_.wantsEvents()) {
+            events_.record("log", {{"line", std::string(line)}});
+        } else {
+            events_.count("log");
+        }
         if (inner_) {
             inner_->write(line);
         }
@@ -238,8 +287,9 @@ class ObservedLog final : public platform::LogSink {
 }  // namespace
 
 std::shared_ptr<platform::LocationServices> observeLocation(std::shared_ptr<platform::LocationServices> inner,
-                                                            EventLog& events) {
-    return std::make_shared<ObservedLocationServices>(std::move(inner), events);
+                                                            EventLog& events,
+                                                            std::shared_ptr<GpsMeter> meter) {
+    return std::make_shared<ObservedLocationServices>(std::move(inner), events, std::move(meter));
 }
 
 std::shared_ptr<platform::AlertPresenter> observeAlerts(std::shared_ptr<platform::AlertPresenter> inner,

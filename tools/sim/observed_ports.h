@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "event_log.h"
+#include "gps.h"
 #include "tovrel/platform/platform.h"
 
 namespace tovrel::sim {
@@ -11,9 +12,11 @@ namespace tovrel::sim {
 /// Decorators that pass every call through to a real port and record what the component did, so a
 /// run's timeline comes from the component's own port traffic.
 
-/// Location managers whose settings changes and delivered fixes are recorded.
+/// Location managers whose settings changes and delivered fixes are recorded, and whose updates
+/// `meter` follows (may be null).
 std::shared_ptr<platform::LocationServices> observeLocation(std::shared_ptr<platform::LocationServices> inner,
-                                                            EventLog& events);
+                                                            EventLog& events,
+                                                            std::shared_ptr<GpsMeter> meter = nullptr);
 
 /// Alerts, recorded; `answer` picks the button a simulated user presses (nullopt: none).
 using AlertAnswerer = std::function<void(platform::AlertId id, const platform::AlertSpec& shown)>;

@@ -42,15 +42,56 @@ std::string key(const std::string& eventId, const std::string& placeId) {
     return eventId + "@" + placeId;
 }
 
-/// Entry, longest stay and closest approach for one circle, along the route.
-void measureVisit(OfferOutcome& outcome, double latitude, double longitude, const Route& route) {
-    outcome.closestMetres = std::numeric_limits<double>::infinity();
+constexpr double kEarthRadiusMetres = 6371000.0;
+constexpr double kRadians = 0.017453292519943295;
+
+/// A point on the unit sphere: straight-line (chord) distances between them order the same way as
+/// distances along the surface, so most points of a route need no trigonometry per circle.
+struct UnitVector {
+    double x = 0;
+    double y = 0;
+    double z = 0;
+};
+
+UnitVector unitVector(double latitude, double longitude) {
+    const double lat = latitude * kRadians;
+    const double lon = longitude * kRadians;
+    return {std::cos(lat) * std::cos(lon), std::cos(lat) * std::sin(lon), std::sin(lat)};
+}
+
+double chordSquared(const UnitVector& a, const UnitVector& b) {
+    const double dx = a.x - b.x;
+    const double dy = a.y - b.y;
+    const double dz = a.z - b.z;
+    return dx * dx + dy * dy + dz * dz;
+}
+
+double chordSquaredFor(double metres) {
+    const double chord = 2 * std::sin(std::min(metres / kEarthRadiusMetres, M_PI) / 2);
+    return chord * chord;
+}
+
+/// Entry, longest stay and closest approach for one circle, along the route. Points far from the
+/// circle's edge are sorted by chord; those near it, and the closest, by the exact distance.
+void measureVisit(OfferOutcome& outcome, const Route& route, const std::vector<UnitVector>& points) {
+    const UnitVector centre = unitVector(outcome.latitude, outcome.longitude);
+    const double edge = chordSquaredFor(outcome.radius);
+    // Rounding in either formula is far below a millimetre (a chord of 1 m squares to 2.5e-14).
+    const double margin = 1e-19 + edge * 1e-6;
+    double closest = std::numeric_limits<double>::infinity();
+    std::size_t closestIndex = 0;
     std::optional<double> stayStart;
     for (std::size_t i = 0; i < route.points.size(); ++i) {
         const RoutePoint& point = route.points[i];
-        const double distance = distanceMetres(latitude, longitude, point.latitude, point.longitude);
-        outcome.closestMetres = std::min(outcome.closestMetres, distance);
-        const bool inside = distance <= outcome.radius;
+        const double chord = chordSquared(centre, points[i]);
+        if (chord < closest) {
+            closest = chord;
+            closestIndex = i;
+        }
+        const bool inside = std::abs(chord - edge) > margin
+                                ? chord < edge
+                                : distanceMetres(outcome.latitude, outcome.longitude, point.latitude,
+                                                 point.longitude) <= outcome.radius;
         if (inside && !outcome.enteredAt) {
             outcome.enteredAt = point.t;
         }
@@ -62,9 +103,13 @@ void measureVisit(OfferOutcome& outcome, double latitude, double longitude, cons
             stayStart.reset();
         }
     }
+    outcome.closestMetres = route.points.empty() ? std::numeric_limits<double>::infinity()
+                                                 : distanceMetres(outcome.latitude, outcome.longitude,
+                                                                  route.points[closestIndex].latitude,
+                                                                  route.points[closestIndex].longitude);
 }
 
-std::string explain(const OfferOutcome& o, const OutcomeContext& context) {
+std::string explain(OfferOutcome& o, const OutcomeContext& context) {
     if (o.delivered) {
         std::string text = "delivered as " + o.deliveredAs + " at " + seconds(*o.deliveredAt);
         if (o.enteredAt) {
@@ -76,134 +121,199 @@ std::string explain(const OfferOutcome& o, const OutcomeContext& context) {
         const auto answer = std::find_if(o.answers.rbegin(), o.answers.rend(),
                                          [](const std::string& code) { return code != "ack"; });
         text += answer == o.answers.rend() ? "; not answered" : "; answered " + *answer;
+        if (!o.enteredAt && !o.linkedBefore) {
+            o.falseEntry = true;
+            o.why = "false-entry";
+            return text + "; a false entry: the route never entered the circle (closest approach " +
+                   metres(o.closestMetres) + " to a circle of " + metres(o.radius) +
+                   "), position error put the device inside";
+        }
+        o.why = "delivered";
         return text;
     }
     if (o.linkedBefore && o.linkRequests == 0) {
+        o.why = "linked-before";
         return "not delivered: already linked to this device before the run (the service marks it linked)";
     }
     if (!o.enteredAt) {
+        o.why = "never-entered";
         return "not delivered: never entered (closest approach " + metres(o.closestMetres) +
                " to a circle of " + metres(o.radius) + ")";
     }
     if (o.linkRequests == 0) {
         if (o.dwellMinutes > 0 && o.secondsInside < o.dwellMinutes * 60.0) {
+            o.why = "left-before-dwell";
             return "not delivered: entered at " + seconds(*o.enteredAt) + " but stayed " +
                    seconds(o.secondsInside) + ", less than the dwell time of " +
                    std::to_string(o.dwellMinutes) + " min";
         }
+        o.why = "not-linked";
         return "not delivered: entered at " + seconds(*o.enteredAt) +
                " but never linked (the component links one target at a time: the nearest place, its first "
                "offer)";
     }
     if (!o.linkedAt) {
+        o.why = "link-unanswered";
         return "not delivered: " + std::to_string(o.linkRequests) +
                " link requests, none answered by the service";
     }
     const std::string linked = "linked at " + seconds(*o.linkedAt) + " (" + std::to_string(o.linkRequests) +
                                " link request" + (o.linkRequests == 1 ? "" : "s") + ")";
     if (o.suppressed) {
+        o.why = "suppressed";
         return "not delivered: " + linked + ", suppressed by the service (campaign cap)";
     }
     if (!context.presentNotifications) {
+        o.why = "notifications-off";
         return "not delivered: " + linked + ", notifications are switched off";
     }
+    o.why = "held";
     return "not delivered: " + linked +
            " but not shown (held until the device leaves the place, or the run ended first)";
 }
 
 }  // namespace
 
-std::vector<OfferOutcome> analyseOutcomes(const std::vector<json>& events, const Route& route,
-                                          const OutcomeContext& context) {
-    std::vector<OfferOutcome> outcomes;
-    std::map<std::string, std::size_t> index;                 // offer@place -> outcome
-    std::map<std::string, std::size_t> byDeviceEvent;         // device event id -> outcome
-    std::map<std::string, std::pair<double, double>> centre;  // offer@place -> (lat, lon)
+OfferOutcome* OutcomeTracker::outcomeFor(const std::string& eventId, const std::string& placeId) {
+    const auto found = index_.find(key(eventId, placeId));
+    return found == index_.end() ? nullptr : &outcomes_[found->second];
+}
 
-    const auto outcomeFor = [&](const std::string& eventId, const std::string& placeId) -> OfferOutcome* {
-        const auto found = index.find(key(eventId, placeId));
-        return found == index.end() ? nullptr : &outcomes[found->second];
-    };
-
-    for (const json& event : events) {
-        const std::string type = event.value("type", "");
-        const double t = event.value("t", 0.0);
-        const json& body = event.contains("body") ? event["body"] : json();
-        const std::string path = event.value("path", "");
-        if (type == "response" && path == "/v2/place" && body.is_object() && body.contains("places") &&
-            body["places"].is_array()) {
-            for (const json& record : body["places"]) {
-                if (!record.is_object()) {
-                    continue;
-                }
-                const std::string eventId = idText(record.value("eventId", json()));
-                const std::string placeId = idText(record.value("placeId", json()));
-                if (eventId.empty() || placeId.empty() || index.contains(key(eventId, placeId))) {
-                    continue;
-                }
-                OfferOutcome outcome;
-                outcome.eventId = eventId;
-                outcome.placeId = placeId;
-                outcome.eventName = record.value("eventName", json("")).is_string()
-                                        ? record["eventName"].get<std::string>()
-                                        : std::string();
-                outcome.radius = record.value("centroidRadius", 0.0);
-                const json dwell = record.value("dwellTime", json(0));
-                outcome.dwellMinutes = dwell.is_number() ? dwell.get<int>() : 0;
-                outcome.linkedBefore = record.value("isLinked", json(0)) == json(1);
-                centre[key(eventId, placeId)] = {record.value("centroidLat", 0.0),
-                                                 record.value("centroidLon", 0.0)};
-                index[key(eventId, placeId)] = outcomes.size();
-                outcomes.push_back(std::move(outcome));
+void OutcomeTracker::addResponse(double t, const std::string& path, const json& body) {
+    if (!body.is_object()) {
+        return;
+    }
+    const auto places = body.find("places");
+    if (places == body.end() || !places->is_array()) {
+        return;
+    }
+    if (path == "/v2/place") {
+        for (const json& record : *places) {
+            if (!record.is_object()) {
+                continue;
             }
-        } else if (type == "request" && path == "/v1/deviceevent/link" && body.is_object()) {
-            if (OfferOutcome* o = outcomeFor(idText(body.value("eventId", json())),
-                                             idText(body.value("placeId", json())))) {
-                ++o->linkRequests;
+            const std::string eventId = idText(record.value("eventId", json()));
+            const std::string placeId = idText(record.value("placeId", json()));
+            if (eventId.empty() || placeId.empty() || index_.contains(key(eventId, placeId))) {
+                continue;
             }
-        } else if (type == "response" && path == "/v1/deviceevent/link" && body.is_object() &&
-                   body.contains("places") && body["places"].is_array() && !body["places"].empty() &&
-                   body["places"][0].is_object()) {
-            const json& record = body["places"][0];
-            OfferOutcome* o =
-                outcomeFor(idText(record.value("eventId", json())), idText(record.value("placeId", json())));
-            if (o != nullptr && !o->linkedAt) {
-                o->linkedAt = t;
-                o->deviceEventId = idText(record.value("deviceEventId", json()));
-                o->suppressed = record.value("suppressMessage", json(0)) == json(1);
-                byDeviceEvent[*o->deviceEventId] = static_cast<std::size_t>(o - outcomes.data());
-            }
-        } else if (type == "notification" || type == "alert") {
-            const std::string deviceEventId =
-                type == "notification" && event.contains("userInfo") && event["userInfo"].is_object()
-                    ? idText(event["userInfo"].value("deviceeventId", json()))
-                    : idText(event.value("tag", json()));
-            if (const auto found = byDeviceEvent.find(deviceEventId); found != byDeviceEvent.end()) {
-                OfferOutcome& o = outcomes[found->second];
-                if (o.deliveredAs.empty()) {
-                    o.deliveredAs = type;
-                    o.deliveredAt = t;
-                    o.delivered = true;
-                }
-            }
-        } else if (type == "request" && path == "/v1/deviceevent/update" && body.is_object()) {
-            if (const auto found = byDeviceEvent.find(idText(body.value("deviceEventId", json())));
-                found != byDeviceEvent.end() && body.value("statusCode", json()).is_string()) {
-                outcomes[found->second].answers.push_back(body["statusCode"].get<std::string>());
-            }
+            OfferOutcome outcome;
+            outcome.eventId = eventId;
+            outcome.placeId = placeId;
+            outcome.eventName = record.value("eventName", json("")).is_string()
+                                    ? record["eventName"].get<std::string>()
+                                    : std::string();
+            outcome.radius = record.value("centroidRadius", 0.0);
+            const json dwell = record.value("dwellTime", json(0));
+            outcome.dwellMinutes = dwell.is_number() ? dwell.get<int>() : 0;
+            outcome.linkedBefore = record.value("isLinked", json(0)) == json(1);
+            outcome.latitude = record.value("centroidLat", 0.0);
+            outcome.longitude = record.value("centroidLon", 0.0);
+            index_[key(eventId, placeId)] = outcomes_.size();
+            outcomes_.push_back(std::move(outcome));
+        }
+    } else if (path == "/v1/deviceevent/link" && !places->empty() && places->front().is_object()) {
+        const json& record = places->front();
+        OfferOutcome* o =
+            outcomeFor(idText(record.value("eventId", json())), idText(record.value("placeId", json())));
+        if (o != nullptr && !o->linkedAt) {
+            o->linkedAt = t;
+            o->deviceEventId = idText(record.value("deviceEventId", json()));
+            o->suppressed = record.value("suppressMessage", json(0)) == json(1);
+            byDeviceEvent_[*o->deviceEventId] = static_cast<std::size_t>(o - outcomes_.data());
         }
     }
-    for (OfferOutcome& o : outcomes) {
-        const auto [latitude, longitude] = centre[key(o.eventId, o.placeId)];
-        measureVisit(o, latitude, longitude, route);
+}
+
+void OutcomeTracker::addRequest(const std::string& path, const json& body) {
+    if (!body.is_object()) {
+        return;
+    }
+    if (path == "/v1/deviceevent/link") {
+        if (OfferOutcome* o =
+                outcomeFor(idText(body.value("eventId", json())), idText(body.value("placeId", json())))) {
+            ++o->linkRequests;
+        }
+    } else if (path == "/v1/deviceevent/update") {
+        if (const auto found = byDeviceEvent_.find(idText(body.value("deviceEventId", json())));
+            found != byDeviceEvent_.end() && body.value("statusCode", json()).is_string()) {
+            outcomes_[found->second].answers.push_back(body["statusCode"].get<std::string>());
+        }
+    }
+}
+
+void OutcomeTracker::addDelivery(const std::string& type, double t, const std::string& deviceEventId) {
+    if (const auto found = byDeviceEvent_.find(deviceEventId); found != byDeviceEvent_.end()) {
+        OfferOutcome& o = outcomes_[found->second];
+        if (o.deliveredAs.empty()) {
+            o.deliveredAs = type;
+            o.deliveredAt = t;
+            o.delivered = true;
+        }
+    }
+}
+
+void OutcomeTracker::add(const json& event) {
+    const auto type = event.find("type");
+    if (type == event.end() || !type->is_string()) {
+        return;
+    }
+    const std::string& kind = type->get_ref<const std::string&>();
+    const double t = event.value("t", 0.0);
+    if (kind == "response" || kind == "request") {
+        const auto body = event.find("body");
+        if (body == event.end()) {
+            return;
+        }
+        const std::string path = event.value("path", "");
+        if (kind == "response") {
+            addResponse(t, path, *body);
+        } else {
+            addRequest(path, *body);
+        }
+    } else if (kind == "notification") {
+        const auto userInfo = event.find("userInfo");
+        addDelivery(kind, t,
+                    userInfo != event.end() && userInfo->is_object()
+                        ? idText(userInfo->value("deviceeventId", json()))
+                        : std::string());
+    } else if (kind == "alert") {
+        addDelivery(kind, t, idText(event.value("tag", json())));
+    }
+}
+
+std::vector<OfferOutcome> OutcomeTracker::finish(const Route& route, const OutcomeContext& context) {
+    std::vector<UnitVector> points;
+    points.reserve(route.points.size());
+    for (const RoutePoint& point : route.points) {
+        points.push_back(unitVector(point.latitude, point.longitude));
+    }
+    for (OfferOutcome& o : outcomes_) {
+        measureVisit(o, route, points);
         o.reason = explain(o, context);
     }
-    return outcomes;
+    index_.clear();
+    byDeviceEvent_.clear();
+    return std::move(outcomes_);
+}
+
+std::vector<OfferOutcome> analyseOutcomes(const std::vector<json>& events, const Route& route,
+                                          const OutcomeContext& context) {
+    OutcomeTracker tracker;
+    for (const json& event : events) {
+        tracker.add(event);
+    }
+    return tracker.finish(route, context);
 }
 
 json outcomeJson(const OfferOutcome& o) {
-    json out{{"eventId", o.eventId},     {"placeId", o.placeId},           {"eventName", o.eventName},
-             {"delivered", o.delivered}, {"linkRequests", o.linkRequests}, {"reason", o.reason}};
+    json out{{"eventId", o.eventId},
+             {"placeId", o.placeId},
+             {"eventName", o.eventName},
+             {"delivered", o.delivered},
+             {"linkRequests", o.linkRequests},
+             {"reason", o.reason},
+             {"why", o.why}};
     if (o.enteredAt) {
         out["enteredAt"] = *o.enteredAt;
     }

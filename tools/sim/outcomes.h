@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -18,6 +19,8 @@ struct OfferOutcome {
     std::string placeId;
     std::string eventName;
     double radius = 0;
+    double latitude = 0;  ///< the circle's centre
+    double longitude = 0;
     int dwellMinutes = 0;
     std::optional<double> enteredAt;  ///< first position inside the circle (seconds since start)
     double secondsInside = 0;         ///< the longest stay inside, by positions
@@ -31,7 +34,13 @@ struct OfferOutcome {
     std::optional<double> deliveredAt;
     std::vector<std::string> answers;  ///< status codes sent after delivery, in order ("ack", "seen", ...)
     bool delivered = false;
+    /// Delivered while the route never entered the circle: position error put the device inside.
+    bool falseEntry = false;
     std::string reason;  ///< one sentence: how it was delivered, or why not
+    /// The reason as a word to count by: "delivered", "false-entry", "never-entered",
+    /// "left-before-dwell", "not-linked", "link-unanswered", "suppressed", "notifications-off",
+    /// "held", "linked-before".
+    std::string why;
 };
 
 /// What the run was told that changes what can be delivered.
@@ -39,9 +48,30 @@ struct OutcomeContext {
     bool presentNotifications = true;
 };
 
-/// One outcome per (offer, place) the service answered with, in the order the service first named
-/// them. Entries are found on the route itself (every position, not only those the component was
-/// given). Pure.
+/// Reads a run's events one at a time, as they happen, keeping only what the outcomes need (so that a
+/// run need not keep its events). One thread at a time (the run's).
+class OutcomeTracker {
+  public:
+    /// Any event of the run (the types it does not need are ignored).
+    void add(const nlohmann::json& event);
+    /// The same, for a response or request whose body is at hand (not copied into an event).
+    void addResponse(double t, const std::string& path, const nlohmann::json& body);
+    void addRequest(const std::string& path, const nlohmann::json& body);
+    /// One outcome per (offer, place) the service answered with, in the order the service first named
+    /// them. Entries are found on the route itself (every position, not only those the component was
+    /// given).
+    [[nodiscard]] std::vector<OfferOutcome> finish(const Route& route, const OutcomeContext& context);
+
+  private:
+    OfferOutcome* outcomeFor(const std::string& eventId, const std::string& placeId);
+    void addDelivery(const std::string& type, double t, const std::string& deviceEventId);
+
+    std::vector<OfferOutcome> outcomes_;
+    std::map<std::string, std::size_t> index_;          // offer@place -> outcome
+    std::map<std::string, std::size_t> byDeviceEvent_;  // device event id -> outcome
+};
+
+/// The outcomes of a run's events, as OutcomeTracker finds them. Pure.
 std::vector<OfferOutcome> analyseOutcomes(const std::vector<nlohmann::json>& events, const Route& route,
                                           const OutcomeContext& context);
 

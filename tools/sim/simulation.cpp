@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "html_report.h"
+#include "in_process_service.h"
 #include "observed_ports.h"
 #include "tovrel/curl/curl_http_client.h"
 #include "tovrel/environment.h"
@@ -34,9 +35,8 @@ constexpr double kStartTime = 1780304400.0;
 constexpr double kAlertAnswerDelay = 1.0;
 constexpr double kNotificationTapDelay = 10.0;
 
-std::string randomAdvertisingIdentifier() {
-    std::random_device device;
-    std::mt19937_64 random(device());
+std::string advertisingIdentifier(std::optional<std::uint64_t> seed) {
+    std::mt19937_64 random(seed ? mixSeed(*seed) : std::random_device()());
     std::uniform_int_distribution<int> hexDigit(0, 15);
     std::string id;
     for (int i = 0; i < 32; ++i) {
@@ -151,31 +151,51 @@ std::string describeForTimeline(const json& event) {
 
 class HttpEvents final : public virtualbackend::HttpListener {
   public:
-    explicit HttpEvents(EventLog& events) : events_(events) {}
+    HttpEvents(EventLog& events, std::map<std::string, std::size_t>& requestsByPath)
+        : events_(events), requestsByPath_(requestsByPath) {}
     void onRequest(const virtualbackend::RecordedRequest& request) override {
+        // The endpoints one by one; pages (the offer view's GETs) all together.
+        ++requestsByPath_[request.method == "POST" ? request.path : request.method + " pages"];
+        if (!events_.wantsEvents()) {
+            events_.count("request");
+            if (request.json && events_.tracker() != nullptr) {
+                events_.tracker()->addRequest(request.path, request.body);
+            }
+            return;
+        }
         events_.record("request", {{"url", request.url},
                                    {"path", request.path},
                                    {"body", request.json ? request.body : json(request.rawBody)}});
     }
     void onResponse(const virtualbackend::RecordedRequest& request, int status, const std::string& body,
-                    const std::optional<platform::HttpError>& error) override {
+                    const std::optional<platform::HttpError>& error, const json* parsed) override {
+        if (!events_.wantsEvents()) {
+            events_.count("response");
+            if (parsed != nullptr && events_.tracker() != nullptr) {
+                events_.tracker()->addResponse(events_.secondsSinceStart(), request.path, *parsed);
+            }
+            return;
+        }
         json fields{{"path", request.path}, {"status", status}};
         if (error) {
             fields["error"] = error->localizedDescription;
+        } else if (parsed != nullptr) {
+            fields["body"] = *parsed;
         } else {
-            json parsed(json::value_t::discarded);
+            json text(json::value_t::discarded);
             try {
-                parsed = json::parse(body, nullptr, false);
+                text = json::parse(body, nullptr, false);
             } catch (const json::exception&) {
                 // A number beyond double range; the body is kept as text.
             }
-            fields["body"] = parsed.is_discarded() ? json(body) : parsed;
+            fields["body"] = text.is_discarded() ? json(body) : text;
         }
         events_.record("response", std::move(fields));
     }
 
   private:
     EventLog& events_;
+    std::map<std::string, std::size_t>& requestsByPath_;
 };
 
 class ProgressBar {
@@ -211,19 +231,42 @@ class ProgressBar {
 
 }  // namespace
 
+json gpsOnJson(const GpsOnTime& gpsOn) {
+    json seconds = json::object();
+    for (std::size_t i = 0; i < kAccuracyLevels; ++i) {
+        seconds[std::string(accuracyLevelName(static_cast<AccuracyLevel>(i)))] =
+            std::round(gpsOn.seconds[i] * 10) / 10;
+    }
+    return {{"seconds", seconds},
+            {"significantOnly", std::round(gpsOn.significantOnlySeconds * 10) / 10},
+            {"total", std::round(gpsOn.total() * 10) / 10}};
+}
+
 SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std::ostream* eventStream) {
     const auto wallStart = std::chrono::steady_clock::now();
     SimOutcome outcome;
-    try {
-        outcome.route = loadRoute(options.routeFile);
-    } catch (const RouteError& error) {
-        throw SimInputError(error.what());
+    if (options.route == nullptr) {
+        try {
+            outcome.route = loadRoute(options.routeFile);
+        } catch (const RouteError& error) {
+            throw SimInputError(error.what());
+        }
     }
-    const Route& route = outcome.route;
+    const Route& route = options.route != nullptr ? *options.route : outcome.route;
 
     virtualbackend::VirtualPlatform vp(kStartTime);
     auto& scheduler = *vp.scheduler;
+    // Held by the location managers too, which the loop may keep until it is gone: it reads the clock
+    // weakly.
+    const auto meter =
+        std::make_shared<GpsMeter>([clock = std::weak_ptr<virtualbackend::VirtualScheduler>(vp.scheduler)] {
+            const auto live = clock.lock();
+            return live ? live->now() : 0.0;
+        });
+    OutcomeTracker tracker;
     EventLog events([&scheduler] { return scheduler.now() - kStartTime; });
+    events.setKeep(options.keepEvents);
+    events.setTracker(&tracker);
     events.setStream(eventStream);
     if (timeline != nullptr) {
         events.setListener([timeline](const json& event) {
@@ -248,15 +291,22 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
     }
     if (advertisingIdentifier.empty()) {
-        advertisingIdentifier = randomAdvertisingIdentifier();
+        advertisingIdentifier = tovrel::sim::advertisingIdentifier(options.deviceSeed);
     }
     vp.device->setAdvertisingIdentifier(advertisingIdentifier);
     vp.device->setModel("iPhone");
     vp.application->setBundleIdentifier("com.example.tovrel.sim");
 
     std::unique_ptr<tovrel_server::Server> server;
+    std::optional<InProcessService::DeviceClock> deviceClock;
     std::string baseURL;
-    if (options.serviceURL) {
+    if (options.inProcess != nullptr) {
+        baseURL = InProcessService::kBaseURL;
+        deviceClock.emplace(scheduler);
+        vp.http->setResponder([service = options.inProcess](const virtualbackend::RecordedRequest& request) {
+            return std::optional(service->answer(request));
+        });
+    } else if (options.serviceURL) {
         baseURL = *options.serviceURL;
         while (!baseURL.empty() && baseURL.back() == '/') {
             baseURL.pop_back();
@@ -276,10 +326,14 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         baseURL = "http://127.0.0.1:" + std::to_string(server->start());
     }
 
-    auto curl = std::make_shared<curl::CurlHttpClient>(scheduler);
-    HttpEvents httpEvents(events);
+    std::shared_ptr<curl::CurlHttpClient> curl;
+    if (options.inProcess == nullptr) {
+        curl = std::make_shared<curl::CurlHttpClient>(scheduler);
+        vp.http->forwardTo(curl);
+    }
+    HttpEvents httpEvents(events, outcome.requestsByPath);
     vp.http->setListener(&httpEvents);
-    vp.http->forwardTo(curl);
+    vp.http->setKeepRequests(false);
 
     const auto& location = vp.location;
     const auto& motion = vp.motion;
@@ -288,7 +342,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     const auto guard = std::make_shared<RunGuard>(
         ports.http, ports.clock, RunGuard::Limits{std::max<std::size_t>(options.sessionAttempts, 1)});
     ports.http = guard;
-    ports.location = observeLocation(location, events);
+    ports.location = observeLocation(location, events, meter);
     ports.application = observeApplication(vp.application, events);
     ports.log = observeLog(nullptr, events);
     auto presenter = vp.alerts;
@@ -332,7 +386,11 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     environment = std::make_unique<Environment>(ports, Configuration{baseURL, baseURL});
     Environment::Scope scope(*environment);
     environment->notificationCenter().addObserver("", nullptr, [&events](const Notification& n) {
-        events.record("post", {{"name", n.name}});
+        if (events.wantsEvents()) {
+            events.record("post", {{"name", n.name}});
+        } else {
+            events.count("post");
+        }
     });
 
     const auto setState = [&](ApplicationState state) {
@@ -414,6 +472,10 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         ++nextState;
     }
     std::optional<Activity> lastActivity;
+    std::optional<GpsNoise> noise;
+    if (options.gpsNoiseSeed) {
+        noise.emplace(*options.gpsNoiseSeed);
+    }
     const auto stopped = [&guard] { return guard->stop() != RunStop::kNone; };
     for (std::size_t i = 0; i < route.points.size() && route.points[i].t <= end && !stopped(); ++i) {
         const RoutePoint& point = route.points[i];
@@ -445,6 +507,14 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         platform::Location fix;
         fix.coordinate = {point.latitude, point.longitude};
         fix.horizontalAccuracy = 5;
+        if (noise) {
+            // The error of the source the component asked for; significant changes alone come from cells.
+            const AccuracyLevel level = meter->current().value_or(
+                meter->significant() ? AccuracyLevel::kKilometre : AccuracyLevel::kBest);
+            const GpsNoise::Fix noisy = noise->apply(point.t, point.latitude, point.longitude, level);
+            fix.coordinate = {noisy.latitude, noisy.longitude};
+            fix.horizontalAccuracy = noisy.horizontalAccuracy;
+        }
         fix.speed = speed;
         fix.timestamp = scheduler.now();
         location->moveTo(fix);
@@ -478,16 +548,26 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
                       json{{"advertisingIdentifier", advertisingIdentifier}});
     }
 
-    outcome.offers = analyseOutcomes(events.events(), route, OutcomeContext{options.presentNotifications});
+    outcome.offers = tracker.finish(route, OutcomeContext{options.presentNotifications});
+    events.setTracker(nullptr);
     for (const OfferOutcome& offer : outcome.offers) {
-        events.record("outcome", outcomeJson(offer));
+        if (events.wantsEvents()) {
+            events.record("outcome", outcomeJson(offer));
+        } else {
+            events.count("outcome");
+        }
     }
+    outcome.gpsOn = meter->totals();
+    events.record("gps_on", gpsOnJson(outcome.gpsOn));
     outcome.simulatedSeconds = scheduler.now() - kStartTime;
-    outcome.events = events.events();
+    if (options.keepEvents) {
+        outcome.events = events.events();
+    }
     outcome.counts = events.counts();
     outcome.eventsNotKept = events.notKept();
     vp.http->setListener(nullptr);
     vp.http->forwardTo(nullptr);
+    vp.http->setResponder(nullptr);
     curl.reset();
     if (server) {
         server->stop();

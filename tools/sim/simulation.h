@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -8,11 +10,14 @@
 
 #include "app_state_timeline.h"
 #include "event_log.h"
+#include "gps.h"
 #include "outcomes.h"
 #include "route.h"
 #include "run_guard.h"
 
 namespace tovrel::sim {
+
+class InProcessService;
 
 enum class AlertAnswer { kNever, kView, kLater };
 
@@ -38,6 +43,16 @@ struct SimOptions {
     std::size_t sessionAttempts = 5;
     /// Simulate at most this many seconds of the route (and linger).
     std::optional<double> maxDuration;
+    /// The route itself, when the caller has it (routeFile is then not read).
+    const Route* route = nullptr;
+    /// Answer every request in process through this service instead of an embedded one over HTTP.
+    InProcessService* inProcess = nullptr;
+    /// Derive the device's advertising identifier from this seed (else it is random).
+    std::optional<std::uint64_t> deviceSeed;
+    /// Keep the events in memory for the caller (a fleet keeps none: outcomes and counts only).
+    bool keepEvents = true;
+    /// Add seeded position error in keeping with the accuracy the component asks for.
+    std::optional<std::uint64_t> gpsNoiseSeed;
 };
 
 /// What a run produced.
@@ -51,7 +66,13 @@ struct SimOutcome {
     RunStop stop = RunStop::kNone;  ///< why the run ended before its route did
     std::string stopMessage;
     std::vector<OfferOutcome> offers;  ///< what happened to each offer the service answered with
+    /// Requests the component made, per endpoint ("GET pages" for every page).
+    std::map<std::string, std::size_t> requestsByPath;
+    GpsOnTime gpsOn;  ///< location updates on, per accuracy level
 };
+
+/// The GPS-on time as an event's fields: seconds per level, significant-change only, total.
+nlohmann::json gpsOnJson(const GpsOnTime& gpsOn);
 
 /// A failure of the run's inputs (route, places, state): reported with exit status 2.
 class SimInputError : public std::runtime_error {

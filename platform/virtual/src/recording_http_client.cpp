@@ -39,7 +39,9 @@ RecordedRequest RecordingHttpClient::record(std::string method, const std::strin
     {
         std::lock_guard lock(mutex_);
         request.id = nextId_++;
-        requests_.push_back(request);
+        if (keepRequests_) {
+            requests_.push_back(request);
+        }
         listener = listener_;
     }
     if (listener != nullptr) {
@@ -82,8 +84,8 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
                         listener = listener_;
                     }
                     if (listener != nullptr) {
-                        listener->onResponse(shared->request, result.status,
-                                             result.ok() ? result.value.dump() : std::string(), result.error);
+                        listener->onResponse(shared->request, result.status, std::string(), result.error,
+                                             result.ok() ? &result.value : nullptr);
                     }
                     shared->json(std::move(result));
                     scheduler_->endExternalWork();
@@ -100,7 +102,8 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
                     listener = listener_;
                 }
                 if (listener != nullptr) {
-                    listener->onResponse(shared->request, response.status, response.body, response.error);
+                    listener->onResponse(shared->request, response.status, response.body, response.error,
+                                         nullptr);
                 }
                 shared->raw(std::move(response));
                 scheduler_->endExternalWork();
@@ -125,9 +128,6 @@ void RecordingHttpClient::deliver(const Waiting& waiting, const Reply& reply) {
         std::lock_guard lock(mutex_);
         listener = listener_;
     }
-    if (listener != nullptr) {
-        listener->onResponse(waiting.request, reply.status, reply.body, reply.error);
-    }
     if (waiting.json) {
         platform::JsonResult result;
         if (reply.error) {
@@ -135,10 +135,20 @@ void RecordingHttpClient::deliver(const Waiting& waiting, const Reply& reply) {
         } else {
             result = curl::classifyJsonResponse(reply.status, reply.body, hostPortOf(waiting.request.url));
         }
+        if (listener != nullptr) {
+            const bool parsed = !reply.error && !result.value.is_null() && !result.value.is_discarded();
+            listener->onResponse(waiting.request, reply.status, reply.body, reply.error,
+                                 parsed ? &result.value : nullptr);
+        }
         scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable {
             completion(std::move(result));
         });
-    } else if (waiting.raw) {
+        return;
+    }
+    if (listener != nullptr) {
+        listener->onResponse(waiting.request, reply.status, reply.body, reply.error, nullptr);
+    }
+    if (waiting.raw) {
         platform::HttpResponse response;
         response.status = reply.error ? 0 : reply.status;
         response.body = reply.body;
@@ -163,6 +173,11 @@ void RecordingHttpClient::setResponder(Responder responder) {
 void RecordingHttpClient::setListener(HttpListener* listener) {
     std::lock_guard lock(mutex_);
     listener_ = listener;
+}
+
+void RecordingHttpClient::setKeepRequests(bool keep) {
+    std::lock_guard lock(mutex_);
+    keepRequests_ = keep;
 }
 
 std::vector<RecordedRequest> RecordingHttpClient::requests() const {

@@ -64,7 +64,7 @@ void VirtualScheduler::dispatchBackground(platform::Task task) {
     push(now_, std::move(task), nullptr, 0, true);
 }
 
-void VirtualScheduler::dropDeadEntries() {
+void VirtualScheduler::dropDeadEntries() const {
     while (!queue_.empty() && queue_.top().timer && !queue_.top().timer->valid) {
         queue_.pop();
     }
@@ -146,14 +146,11 @@ void VirtualScheduler::fastForwardBy(double seconds) {
 
 std::optional<double> VirtualScheduler::nextEventTime() const {
     std::lock_guard lock(mutex_);
-    auto copy = queue_;
-    while (!copy.empty() && copy.top().timer && !copy.top().timer->valid) {
-        copy.pop();
-    }
-    if (copy.empty()) {
+    dropDeadEntries();
+    if (queue_.empty()) {
         return std::nullopt;
     }
-    return copy.top().due;
+    return queue_.top().due;
 }
 
 std::size_t VirtualScheduler::pendingCount() const {

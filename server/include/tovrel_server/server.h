@@ -79,8 +79,8 @@ struct ServerOptions {
     bool accessLog = false;
 };
 
-/// An answer of the API computed without HTTP: status and JSON body.
-struct ServerReply {
+/// One answer of a JSON endpoint: HTTP status and body.
+struct Reply {
     unsigned status = 200;
     std::string body;
 };
@@ -109,9 +109,11 @@ class Server {
     /// The admin listener's port while running, else 0.
     uint16_t adminPort() const;
 
-    /// Answers one API request in this process, as the HTTP front would (the same JSON both ways), for
-    /// hosts that embed the server. Blocks while the database is locked.
-    ServerReply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
+    /// Answers one POST to a JSON endpoint (`path`, such as "/v2/place") without HTTP: the same bytes
+    /// the HTTP server would send, with `mediaBase` (scheme and host) put before relative media
+    /// addresses; 404 for a path that is not an endpoint. Needs no start(). Any thread (blocks while the
+    /// database is locked by another process); never throws.
+    Reply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
 
     /// Imports a GeoJSON place file into this server's database and reloads the places.
     /// Throws ImportError with a message naming the file and the feature or line at fault.

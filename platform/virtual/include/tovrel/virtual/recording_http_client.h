@@ -51,8 +51,12 @@ class TOVREL_EXPORT HttpListener {
   public:
     virtual ~HttpListener() = default;
     virtual void onRequest(const RecordedRequest& request) = 0;
+    /// `parsed` is the answer to a JSON POST as the component receives it (parsed once, for both),
+    /// null for other requests and for bodies that are not JSON; `body` is then the text (it may be
+    /// empty when only the parsed form exists, as with a forwarding client).
     virtual void onResponse(const RecordedRequest& request, int status, const std::string& body,
-                            const std::optional<platform::HttpError>& error) = 0;
+                            const std::optional<platform::HttpError>& error,
+                            const nlohmann::json* parsed) = 0;
 };
 
 /// The HTTP port of the virtual backend. Every request is recorded. Then, in order of precedence:
@@ -74,6 +78,9 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
     /// Answers every later request it returns a reply for, at once.
     void setResponder(Responder responder);
     void setListener(HttpListener* listener);
+    /// Whether requests() keeps every request (the default). A simulator that sees them through a
+    /// listener turns it off, so that a long run's memory stays bounded.
+    void setKeepRequests(bool keep);
 
     /// Every request made so far, oldest first.
     [[nodiscard]] std::vector<RecordedRequest> requests() const;
@@ -106,6 +113,7 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
     std::shared_ptr<platform::HttpClient> forward_;
     Responder responder_;
     HttpListener* listener_ = nullptr;
+    bool keepRequests_ = true;
     std::uint64_t nextId_ = 1;
 };
 

@@ -81,12 +81,13 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
     void push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval,
               bool background);
     bool runOneDue(std::unique_lock<std::mutex>& lock);
-    void dropDeadEntries();
+    void dropDeadEntries() const;
     void waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds);
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::priority_queue<Entry, std::vector<Entry>, Later> queue_;
+    /// Mutable so that a reader may drop invalidated timers from its top, which no one can observe.
+    mutable std::priority_queue<Entry, std::vector<Entry>, Later> queue_;
     double now_;
     std::uint64_t nextSequence_ = 0;
     int externalWork_ = 0;

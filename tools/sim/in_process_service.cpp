@@ -1,0 +1,79 @@
+#include "in_process_service.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "tovrel_server/server.h"
+
+namespace tovrel::sim {
+namespace {
+
+thread_local const platform::Clock* tDeviceClock = nullptr;
+
+std::string contentTypeOf(const std::filesystem::path& file) {
+    const std::string extension = file.extension().string();
+    if (extension == ".html" || extension == ".htm") {
+        return "text/html";
+    }
+    if (extension == ".css") {
+        return "text/css";
+    }
+    if (extension == ".js") {
+        return "text/javascript";
+    }
+    if (extension == ".png") {
+        return "image/png";
+    }
+    if (extension == ".jpg" || extension == ".jpeg") {
+        return "image/jpeg";
+    }
+    return "application/octet-stream";
+}
+
+}  // namespace
+
+InProcessService::InProcessService(const std::filesystem::path& placesFile, std::filesystem::path contentDir,
+                                   double startTime)
+    : contentDir_(std::move(contentDir)) {
+    tovrel_server::ServerOptions options;
+    options.dbPath = ":memory:";
+    options.clock = [startTime] { return tDeviceClock != nullptr ? tDeviceClock->now() : startTime; };
+    server_ = std::make_unique<tovrel_server::Server>(options);
+    server_->importGeoJson(placesFile.string());
+}
+
+InProcessService::~InProcessService() = default;
+
+virtualbackend::Reply InProcessService::answer(const virtualbackend::RecordedRequest& request) {
+    if (request.method != "POST") {
+        return page(request.path);
+    }
+    tovrel_server::Reply reply = server_->handle(request.path, request.rawBody, kBaseURL);
+    return {static_cast<int>(reply.status), std::move(reply.body), "application/json", {}};
+}
+
+virtualbackend::Reply InProcessService::page(const std::string& path) const {
+    const std::filesystem::path relative = std::filesystem::path(path).relative_path().lexically_normal();
+    const bool inside = !relative.empty() && *relative.begin() != "..";
+    std::ifstream in;
+    std::error_code error;
+    if (inside && !contentDir_.empty() && std::filesystem::is_regular_file(contentDir_ / relative, error)) {
+        in.open(contentDir_ / relative, std::ios::binary);
+    }
+    if (!in) {
+        return virtualbackend::Reply::text(404, "not found", "text/plain");
+    }
+    std::ostringstream body;
+    body << in.rdbuf();
+    return virtualbackend::Reply::text(200, body.str(), contentTypeOf(relative));
+}
+
+InProcessService::DeviceClock::DeviceClock(const platform::Clock& clock) : previous_(tDeviceClock) {
+    tDeviceClock = &clock;
+}
+
+InProcessService::DeviceClock::~DeviceClock() {
+    tDeviceClock = previous_;
+}
+
+}  // namespace tovrel::sim
