@@ -8,7 +8,8 @@ usage() {
     cat <<'USAGE'
 Usage: scripts/test.sh [--quick] [--help]
 
-Installs what is missing (scripts/setup.sh), checks the format (scripts/check-format.sh), then
+Installs what is missing (scripts/setup.sh), checks the format (scripts/check-format.sh) and the
+locks of tovrel-server with clang's thread-safety analysis (scripts/check-thread-safety.sh), then
 builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
@@ -36,6 +37,9 @@ jobs=$(nproc)
 
 echo "== format"
 scripts/check-format.sh
+
+echo "== thread-safety analysis (clang)"
+scripts/check-thread-safety.sh
 
 if ((quick == 0)); then
     echo "== fuzz targets"

@@ -20,6 +20,7 @@
 #include "log.h"
 #include "rate_limiter.h"
 #include "request_fields.h"
+#include "thread_annotations.h"
 
 namespace tovrel_server {
 
@@ -56,20 +57,25 @@ std::string_view view(beast::string_view text) {
 
 // State shared by the listener and every connection.
 struct Shared {
+    Shared(RequestHandler& h, HttpOptions o, const Logger& l, Metrics& m)
+        : handler(h), options(std::move(o)), logger(l), metrics(m) {}
+
     RequestHandler& handler;
     HttpOptions options;
     const Logger& logger;
     Metrics& metrics;
     std::optional<ssl::context> tls;
     std::atomic<bool> stopping{false};
-    std::mutex registryMutex;
-    std::unordered_map<void*, std::function<void()>> closers;  ///< per live connection: close if idle
-    int open = 0;                                              ///< connections admitted and not yet gone
-    std::unordered_map<std::string, int> openPerAddress;       ///< the same, by remote address
+    Mutex registryMutex;
+    /// Per live connection: close it if idle.
+    std::unordered_map<void*, std::function<void()>> closers TOVREL_GUARDED_BY(registryMutex);
+    int open TOVREL_GUARDED_BY(registryMutex) = 0;  ///< connections admitted and not yet gone
+    /// The same, by remote address.
+    std::unordered_map<std::string, int> openPerAddress TOVREL_GUARDED_BY(registryMutex);
     RateLimiter limiter{options.rateLimit, options.rateLimit * 2};
 
-    /// Counts a new connection from `address` in, or says it must be refused. Registry lock held.
-    bool admit(const std::string& address) {
+    /// Counts a new connection from `address` in, or says it must be refused.
+    bool admit(const std::string& address) TOVREL_REQUIRES(registryMutex) {
         int& fromAddress = openPerAddress[address];
         if (open >= options.maxConnections || fromAddress >= options.maxConnectionsPerAddress) {
             if (fromAddress == 0) {
@@ -81,8 +87,8 @@ struct Shared {
         ++fromAddress;
         return true;
     }
-    /// Counts a connection from `address` out. Registry lock held.
-    void release(const std::string& address) {
+    /// Counts a connection from `address` out.
+    void release(const std::string& address) TOVREL_REQUIRES(registryMutex) {
         --open;
         if (const auto it = openPerAddress.find(address); it != openPerAddress.end() && --it->second <= 0) {
             openPerAddress.erase(it);
@@ -100,14 +106,14 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         : stream_(makeStream(std::move(socket), shared)), shared_(shared), address_(std::move(address)) {}
 
     ~Connection() {
-        std::lock_guard lock(shared_.registryMutex);
+        Lock lock(shared_.registryMutex);
         shared_.closers.erase(this);
         shared_.release(address_);
     }
 
     void run() {
         {
-            std::lock_guard lock(shared_.registryMutex);
+            Lock lock(shared_.registryMutex);
             std::weak_ptr<Connection> weak = this->shared_from_this();
             auto executor = stream_.get_executor();
             shared_.closers[this] = [weak, executor] {
@@ -491,7 +497,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
         std::string address = ignored ? std::string() : remote.address().to_string();
         bool admitted = false;
         {
-            std::lock_guard lock(shared_.registryMutex);
+            Lock lock(shared_.registryMutex);
             admitted = shared_.admit(address);
         }
         if (!admitted) {
@@ -653,7 +659,7 @@ void HttpServer::stop(const std::function<void()>& drain) {
     m.listener->close();
     m.guards.clear();
     {
-        std::lock_guard registry(m.shared->registryMutex);
+        Lock registry(m.shared->registryMutex);
         for (auto& [conn, closeIfIdle] : m.shared->closers) {
             closeIfIdle();
         }
@@ -688,7 +694,7 @@ int HttpServer::openConnections() const {
     if (!impl_->shared) {
         return 0;
     }
-    std::lock_guard registry(impl_->shared->registryMutex);
+    Lock registry(impl_->shared->registryMutex);
     return impl_->shared->open;
 }
 

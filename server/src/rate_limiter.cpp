@@ -11,7 +11,7 @@ bool RateLimiter::allow(const std::string& address, double now) {
     if (rate_ <= 0) {
         return true;
     }
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
     auto found = buckets_.find(address);
     if (found == buckets_.end()) {
         if (buckets_.size() >= maxClients_) {
@@ -37,7 +37,7 @@ bool RateLimiter::allow(const std::string& address, double now) {
 }
 
 std::uint64_t RateLimiter::limited() const {
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
     return limited_;
 }
 

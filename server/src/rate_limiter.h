@@ -2,9 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <unordered_map>
+
+#include "thread_annotations.h"
 
 namespace tovrel_server {
 
@@ -30,9 +31,9 @@ class RateLimiter {
     const double rate_;
     const double burst_;
     const std::size_t maxClients_;
-    mutable std::mutex mutex_;
-    std::unordered_map<std::string, Bucket> buckets_;
-    std::uint64_t limited_ = 0;
+    mutable Mutex mutex_;
+    std::unordered_map<std::string, Bucket> buckets_ TOVREL_GUARDED_BY(mutex_);
+    std::uint64_t limited_ TOVREL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tovrel_server

@@ -103,7 +103,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             const std::string keyHash = sessionKeyHash(key->get_ref<const std::string&>());
             std::optional<int64_t> device;
             {
-                std::shared_lock lock(stateMutex_);
+                ReaderLock lock(stateMutex_);
                 device = cachedDeviceLocked(keyHash, clock_());
             }
             if (!device) {
@@ -119,7 +119,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
                 }
                 return ApiReply{429, errorJson("too many session starts for this sdkkey; slow down"), true};
             }
-            std::lock_guard lock(refusedMutex_);
+            Lock lock(refusedMutex_);
             if (const auto it = refusedSdkKeys_.find(sdkKey); it != refusedSdkKeys_.end()) {
                 if (steadyNow() < it->second) {
                     return ApiReply{401, errorJson("the sdkkey is not a registered app key")};
@@ -190,16 +190,16 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
 }
 
 std::shared_ptr<const Catalog> Service::catalog() {
-    std::shared_lock lock(stateMutex_);
+    ReaderLock lock(stateMutex_);
     return catalog_;
 }
 
 void Service::reloadPlaces() {
-    std::lock_guard rebuild(rebuildMutex_);
+    Lock rebuild(rebuildMutex_);
     CatalogData data;
     if (dbPath_.empty() || dbPath_ == ":memory:") {
         // A private in-memory database has no second connection to read from.
-        std::lock_guard db(dbMutex_);
+        Lock db(dbMutex_);
         data = readCatalog(db_);
     } else {
         Database reader(dbPath_, options_.busyTimeoutMs);
@@ -210,7 +210,7 @@ void Service::reloadPlaces() {
     data = CatalogData();
     std::shared_ptr<const Catalog> old;
     {
-        std::unique_lock lock(stateMutex_);
+        Lock lock(stateMutex_);
         old = std::exchange(catalog_, std::move(fresh));
     }
     ++catalogVersion_;
@@ -226,7 +226,7 @@ std::size_t Service::placesIndexed() {
 }
 
 std::size_t Service::sessionsCached() {
-    std::shared_lock lock(stateMutex_);
+    ReaderLock lock(stateMutex_);
     return sessions_.size();
 }
 
@@ -243,8 +243,11 @@ bool Service::databaseReachable() {
 }
 
 void Service::loadDeviceLocked(int64_t device) {
-    if (devices_.contains(device)) {
-        return;
+    {
+        ReaderLock lock(stateMutex_);
+        if (devices_.contains(device)) {
+            return;
+        }
     }
     DeviceLinks links;
     Statement st = db_.prepare(
@@ -255,7 +258,7 @@ void Service::loadDeviceLocked(int64_t device) {
         links.byPair[pairKey(st.integer(1), st.integer(2))] = LinkInfo{st.integer(0), st.integer(4) != 0};
         ++links.perCampaign[st.integer(3)];
     }
-    std::unique_lock lock(stateMutex_);
+    Lock lock(stateMutex_);
     devices_.emplace(device, std::move(links));
 }
 
@@ -271,7 +274,7 @@ std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, d
 }
 
 void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt) {
-    std::unique_lock lock(stateMutex_);
+    Lock lock(stateMutex_);
     if (!sessions_.emplace(keyHash, CachedSession{device, createdAt}).second) {
         return;
     }
@@ -295,12 +298,12 @@ int64_t Service::authenticate(const json& req) {
     const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey"));
     const double now = clock_();
     {
-        std::shared_lock lock(stateMutex_);
+        ReaderLock lock(stateMutex_);
         if (const auto device = cachedDeviceLocked(keyHash, now)) {
             return *device;
         }
     }
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     Statement st = db_.prepare("SELECT device, created_at FROM sessions WHERE key_hash = ?");
     if (!st.with(keyHash).step()) {
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
@@ -328,10 +331,10 @@ std::string Service::session(const json& req) {
     const std::string keyHash = sessionKeyHash(key);
     const double now = clock_();
 
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     if (!db_.prepare("SELECT 1 FROM apps WHERE key = ? AND disabled = 0").with(sdkKey).step()) {
         // A device with a wrong key retries at once, for ever: the next tries are refused from memory.
-        std::lock_guard lock(refusedMutex_);
+        Lock lock(refusedMutex_);
         if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
             refusedSdkKeys_.clear();
         }
@@ -376,7 +379,7 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     const std::shared_ptr<const Catalog> snapshot = catalog();
     const Catalog& cat = *snapshot;
     cat.near(lat, lon, threshold, hits);
-    std::shared_lock lock(stateMutex_);
+    ReaderLock lock(stateMutex_);
     const auto links = devices_.find(device);
     bool first = true;
     std::size_t records = 0;
@@ -428,14 +431,22 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
 
     LinkInfo info;
     {
-        std::lock_guard db(dbMutex_);
+        Lock db(dbMutex_);
         loadDeviceLocked(device);
-        DeviceLinks& links = devices_.at(device);
-        if (const auto it = links.byPair.find(pairKey(eventId, placeId)); it != links.byPair.end()) {
-            info = it->second;
+        std::optional<LinkInfo> existing;
+        int64_t before = 0;
+        {
+            ReaderLock lock(stateMutex_);
+            const DeviceLinks& links = devices_.at(device);
+            if (const auto it = links.byPair.find(pairKey(eventId, placeId)); it != links.byPair.end()) {
+                existing = it->second;
+            } else if (const auto c = links.perCampaign.find(campaign.id); c != links.perCampaign.end()) {
+                before = c->second;
+            }
+        }
+        if (existing) {
+            info = *existing;
         } else {
-            const int64_t before =
-                links.perCampaign.contains(campaign.id) ? links.perCampaign.at(campaign.id) : 0;
             info.suppressed = campaign.perDeviceCap && before >= *campaign.perDeviceCap;
             db_.prepare(
                    "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
@@ -443,7 +454,9 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
                 .with(device, eventId, placeId, campaign.id, info.suppressed ? 1 : 0, clock_())
                 .run();
             info.id = db_.lastInsertId();
-            std::unique_lock lock(stateMutex_);
+            // The writers' lock held throughout: nothing evicted the device since it was loaded.
+            Lock lock(stateMutex_);
+            DeviceLinks& links = devices_.at(device);
             links.byPair[pairKey(eventId, placeId)] = info;
             ++links.perCampaign[campaign.id];
         }
@@ -464,7 +477,7 @@ std::string Service::update(const json& req) {
     if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     Statement owner = db_.prepare("SELECT device FROM device_events WHERE id = ? AND cleared_at IS NULL");
     if (!owner.with(id).step() || owner.integer(0) != device) {
         throw ApiError(404, "this device has no device event " + std::to_string(id));
@@ -478,11 +491,11 @@ std::string Service::update(const json& req) {
 
 std::string Service::clear(const json& req) {
     const int64_t device = authenticate(req);
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     db_.prepare("UPDATE device_events SET cleared_at = ? WHERE device = ? AND cleared_at IS NULL")
         .with(clock_(), device)
         .run();
-    std::unique_lock lock(stateMutex_);
+    Lock lock(stateMutex_);
     DeviceLinks& links = devices_[device];
     links.byPair.clear();
     links.perCampaign.clear();
@@ -494,7 +507,7 @@ std::string Service::tagUpdate(const json& req) {
     const std::string& tag = requireString(req, "tag");
     const std::string& value = requireString(req, "tagValue");
     const std::string group = optionalString(req, "groupTag", "");
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     db_.prepare(
            "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES(?, ?, ?, ?, ?) "
            "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
@@ -508,7 +521,7 @@ std::string Service::tagDelete(const json& req) {
     const int64_t device = authenticate(req);
     const std::string& tag = requireString(req, "tag");
     const std::string group = optionalString(req, "groupTag", "");
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     db_.prepare("DELETE FROM device_tags WHERE device = ? AND group_tag = ? AND tag = ?")
         .with(device, group, tag)
         .run();
@@ -530,7 +543,7 @@ std::string Service::log(const json& req) {
         throw ApiError(400, "the event name (the message's only member) must not be empty");
     }
     const std::string text = message->dump();
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
         .with(deviceId, event, text, clock_())
         .run();
@@ -546,12 +559,12 @@ ImportSummary Service::importGeoJson(const std::string& path) {
 }
 
 void Service::addApp(const std::string& key, const std::string& name) {
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     writeApp(db_, AppDef{key, name}, clock_());
 }
 
 Report Service::report() {
-    std::lock_guard db(dbMutex_);
+    Lock db(dbMutex_);
     return readReport(db_);
 }
 

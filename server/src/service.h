@@ -4,10 +4,8 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -18,6 +16,7 @@
 #include "database.h"
 #include "metrics.h"
 #include "rate_limiter.h"
+#include "thread_annotations.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
@@ -90,7 +89,7 @@ class Service {
         using Result = decltype(work(db_));
         if constexpr (std::is_void_v<Result>) {
             {
-                std::lock_guard db(dbMutex_);
+                Lock db(dbMutex_);
                 work(db_);
             }
             if (catalogChanged) {
@@ -98,7 +97,7 @@ class Service {
             }
         } else {
             Result result = [&] {
-                std::lock_guard db(dbMutex_);
+                Lock db(dbMutex_);
                 return work(db_);
             }();
             if (catalogChanged) {
@@ -155,11 +154,13 @@ class Service {
     int64_t authenticate(const nlohmann::json& req);
     /// The device of a session key held in memory; nullopt when it is not held. ApiError 401 when it
     /// has expired. stateMutex_ held (shared is enough).
-    std::optional<int64_t> cachedDeviceLocked(const std::string& keyHash, double now) const;
-    /// Requires dbMutex_ held.
-    void loadDeviceLocked(int64_t device);
-    /// Holds a session key in memory, forgetting the oldest beyond the limit. Requires dbMutex_ held.
-    void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt);
+    std::optional<int64_t> cachedDeviceLocked(const std::string& keyHash, double now) const
+        TOVREL_REQUIRES_SHARED(stateMutex_);
+    /// Mirrors the device's live links in memory unless they are.
+    void loadDeviceLocked(int64_t device) TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
+    /// Holds a session key in memory, forgetting the oldest beyond the limit.
+    void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt)
+        TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
     std::shared_ptr<const Catalog> catalog();
     std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
 
@@ -167,19 +168,23 @@ class Service {
     ServiceOptions options_;
     Metrics* metrics_;
     std::string dbPath_;
-    std::mutex dbMutex_;
-    Database db_;
-    std::mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
+    /// The writers' lock: one database connection, and the order of every change to the mirror below.
+    Mutex dbMutex_;
+    Database db_ TOVREL_GUARDED_BY(dbMutex_);
+    Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
-    std::shared_mutex stateMutex_;
-    std::shared_ptr<const Catalog> catalog_;
-    std::unordered_map<std::string, CachedSession, StringHash, std::equal_to<>> sessions_;
-    std::deque<std::string> sessionOrder_;  ///< cached keys, oldest first
-    std::unordered_map<int64_t, DeviceLinks> devices_;
+    /// The mirror that requests read without the database; changed only with dbMutex_ held too.
+    SharedMutex stateMutex_;
+    std::shared_ptr<const Catalog> catalog_ TOVREL_GUARDED_BY(stateMutex_);
+    std::unordered_map<std::string, CachedSession, StringHash, std::equal_to<>> sessions_
+        TOVREL_GUARDED_BY(stateMutex_);
+    std::deque<std::string> sessionOrder_ TOVREL_GUARDED_BY(stateMutex_);  ///< cached keys, oldest first
+    std::unordered_map<int64_t, DeviceLinks> devices_ TOVREL_GUARDED_BY(stateMutex_);
     RateLimiter sessionLimiter_;
     RateLimiter logLimiter_;
-    std::mutex refusedMutex_;
-    std::unordered_map<std::string, double> refusedSdkKeys_;  ///< SDK key → until when it is refused
+    Mutex refusedMutex_;
+    /// SDK key → until when it is refused.
+    std::unordered_map<std::string, double> refusedSdkKeys_ TOVREL_GUARDED_BY(refusedMutex_);
 };
 
 }  // namespace tovrel_server

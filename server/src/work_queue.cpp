@@ -7,6 +7,7 @@
 namespace tovrel_server {
 
 WorkQueue::WorkQueue(int threads, std::size_t capacity) : capacity_(capacity) {
+    Lock lock(mutex_);
     for (int i = 0; i < std::max(1, threads); ++i) {
         threads_.emplace_back([this] { run(); });
     }
@@ -18,7 +19,7 @@ WorkQueue::~WorkQueue() {
 
 bool WorkQueue::post(std::function<void()> job) {
     {
-        std::lock_guard lock(mutex_);
+        Lock lock(mutex_);
         if (stopping_ || jobs_.size() >= capacity_) {
             return false;
         }
@@ -29,19 +30,21 @@ bool WorkQueue::post(std::function<void()> job) {
 }
 
 std::size_t WorkQueue::waiting() const {
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
     return jobs_.size();
 }
 
 void WorkQueue::drain() {
-    std::unique_lock lock(mutex_);
-    idle_.wait(lock, [this] { return jobs_.empty() && running_ == 0; });
+    Lock lock(mutex_);
+    while (!jobs_.empty() || running_ > 0) {
+        idle_.wait(mutex_);
+    }
 }
 
 void WorkQueue::stop() {
     std::vector<std::thread> threads;
     {
-        std::lock_guard lock(mutex_);
+        Lock lock(mutex_);
         stopping_ = true;
         threads.swap(threads_);
     }
@@ -55,8 +58,10 @@ void WorkQueue::run() {
     for (;;) {
         std::function<void()> job;
         {
-            std::unique_lock lock(mutex_);
-            wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+            Lock lock(mutex_);
+            while (!stopping_ && jobs_.empty()) {
+                wake_.wait(mutex_);
+            }
             if (jobs_.empty()) {
                 return;
             }
@@ -70,7 +75,7 @@ void WorkQueue::run() {
             std::fprintf(stderr, "tovrel-server: a queued job failed: %s\n", e.what());
         }
         job = nullptr;
-        std::lock_guard lock(mutex_);
+        Lock lock(mutex_);
         if (--running_ == 0 && jobs_.empty()) {
             idle_.notify_all();
         }

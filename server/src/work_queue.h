@@ -4,9 +4,10 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "thread_annotations.h"
 
 namespace tovrel_server {
 
@@ -35,13 +36,13 @@ class WorkQueue {
     void run();
 
     const std::size_t capacity_;
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    std::condition_variable idle_;
-    int running_ = 0;
-    std::deque<std::function<void()>> jobs_;
-    bool stopping_ = false;
-    std::vector<std::thread> threads_;
+    mutable Mutex mutex_;
+    std::condition_variable_any wake_;
+    std::condition_variable_any idle_;
+    int running_ TOVREL_GUARDED_BY(mutex_) = 0;
+    std::deque<std::function<void()>> jobs_ TOVREL_GUARDED_BY(mutex_);
+    bool stopping_ TOVREL_GUARDED_BY(mutex_) = false;
+    std::vector<std::thread> threads_ TOVREL_GUARDED_BY(mutex_);
 };
 
 }  // namespace tovrel_server
