@@ -3,34 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <sstream>
+
+#include "report_escape.h"
+#include "report_map.h"
 
 namespace tovrel::sim {
 namespace {
-
-std::string escaped(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
 
 std::string number(double value, int precision = 1) {
     std::ostringstream out;
@@ -40,72 +20,42 @@ std::string number(double value, int precision = 1) {
     return out.str();
 }
 
-constexpr double kMetresPerDegree = 111'320;
-
-/// The places as circles and the trigger points as dots, on an equirectangular map fitted to them.
-void writeMap(const FleetAggregate& fleet, std::ostream& out) {
-    constexpr double kWidth = 760;
-    constexpr double kHeight = 520;
-    constexpr double kPad = 20;
-    double south = std::numeric_limits<double>::infinity();
-    double north = -south;
-    double west = south;
-    double east = -south;
-    const auto include = [&](double latitude, double longitude) {
-        south = std::min(south, latitude);
-        north = std::max(north, latitude);
-        west = std::min(west, longitude);
-        east = std::max(east, longitude);
-    };
-    for (const auto& [name, offer] : fleet.offers) {
-        include(offer.latitude, offer.longitude);
-    }
-    for (const TriggerPoint& point : fleet.triggers) {
-        include(point.latitude, point.longitude);
-    }
-    if (!std::isfinite(south)) {
+/// The places as circles (their offers' states from how many devices got them) and the trigger points
+/// as marks, on the same map as a single run's report.
+void writeMap(const FleetAggregate& fleet, const std::string& tiles, std::ostream& out) {
+    if (fleet.offers.empty()) {
         out << "<p>No place was named to any device.</p>\n";
         return;
     }
-    const double cosine = std::max(std::cos((south + north) / 2 * M_PI / 180), 0.01);
-    const double spanX = std::max((east - west) * cosine, 1e-4);
-    const double spanY = std::max(north - south, 1e-4);
-    const double scale = std::min((kWidth - 2 * kPad) / spanX, (kHeight - 2 * kPad) / spanY);
-    const auto x = [&](double longitude) { return kPad + (longitude - west) * cosine * scale; };
-    const auto y = [&](double latitude) { return kHeight - kPad - (latitude - south) * scale; };
-    const double pixelsPerMetre = scale / kMetresPerDegree;
-
-    out << "<svg viewBox=\"0 0 " << kWidth << ' ' << kHeight << "\" width=\"" << kWidth << "\" height=\""
-        << kHeight << "\" role=\"img\" aria-label=\"places and trigger points\">\n"
-        << "<rect width=\"100%\" height=\"100%\" fill=\"#eef0f2\"/>\n";
+    MapInput map;
+    std::map<std::string, std::size_t> placeIndex;
     for (const auto& [name, offer] : fleet.offers) {
-        const double share =
-            offer.devices > 0 ? static_cast<double>(offer.delivered) / static_cast<double>(offer.devices) : 0;
-        out << "<circle class=\"place\" cx=\"" << number(x(offer.longitude)) << "\" cy=\""
-            << number(y(offer.latitude)) << "\" r=\"" << number(std::max(2.0, offer.radius * pixelsPerMetre))
-            << "\" fill=\"rgba(30,120,200," << number(0.1 + 0.4 * share, 2)
-            << ")\" stroke=\"#1e78c8\"><title>" << escaped(offer.eventName) << " (offer " << offer.eventId
-            << ", place " << offer.placeId << "): " << offer.delivered << " deliveries</title></circle>\n";
+        auto [it, added] = placeIndex.emplace(offer.placeId, map.places.size());
+        if (added) {
+            map.places.push_back(
+                MapPlace{offer.placeId, "", offer.latitude, offer.longitude, offer.radius, {}});
+        }
+        MapOffer shown;
+        shown.eventId = offer.eventId;
+        shown.name = offer.eventName;
+        shown.state = offer.delivered > 0 ? "delivered"
+                      : offer.linked > 0  ? "linked"
+                      : offer.entered > 0 ? "entered"
+                                          : "missed";
+        shown.reason = std::to_string(offer.delivered) + " of " + std::to_string(offer.devices) +
+                       " devices it was named to got it";
+        map.places[it->second].offers.push_back(std::move(shown));
     }
     for (const TriggerPoint& point : fleet.triggers) {
-        out << "<circle class=\"trigger\" cx=\"" << number(x(point.longitude)) << "\" cy=\""
-            << number(y(point.latitude)) << "\" r=\"2\" fill=\"" << (point.falseEntry ? "#d33" : "#222")
-            << "\"/>\n";
+        map.marks.push_back(MapMark{point.falseEntry ? "entered" : "delivered", 0, point.latitude,
+                                    point.longitude,
+                                    "offer " + point.eventId + (point.falseEntry ? " (a false entry)" : "")});
     }
-    // A scale bar of a round number of metres, about a fifth of the width.
-    const double target = (kWidth / 5) / pixelsPerMetre;
-    double bar = std::pow(10, std::floor(std::log10(target)));
-    for (const double step : {2.0, 5.0}) {
-        if (bar * step <= target) {
-            bar = std::pow(10, std::floor(std::log10(target))) * step;
-        }
+    if (tiles != "off") {
+        map.tileTemplate = tiles;
+        map.tileAttribution = tiles.empty() ? "" : tileAttribution(tiles);
     }
-    const double barPixels = bar * pixelsPerMetre;
-    out << "<line x1=\"" << kPad << "\" y1=\"" << kHeight - 8 << "\" x2=\"" << number(kPad + barPixels)
-        << "\" y2=\"" << kHeight - 8 << "\" stroke=\"#000\" stroke-width=\"2\"/>\n"
-        << "<text x=\"" << number(kPad + barPixels + 6) << "\" y=\"" << kHeight - 4 << "\" font-size=\"12\">"
-        << (bar >= 1000 ? number(bar / 1000, 0) + " km" : number(bar, 0) + " m") << "</text>\n"
-        << "</svg>\n";
+    writeReportMap(out, map);
 }
 
 /// Entry-to-delivery delays as bars, with ticks every minute on the x axis and on the y axis.
@@ -159,21 +109,24 @@ void writeHistogram(const FleetAggregate& fleet, std::ostream& out) {
 }  // namespace
 
 void writeFleetReport(const std::string& title, const FleetAggregate& fleet, double wallSeconds,
-                      std::ostream& out) {
+                      const std::string& tiles, std::ostream& out) {
     const double hours = fleet.deviceHours();
-    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" << escaped(title)
+    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" << escapeHtml(title)
         << "</title>\n<style>body{font-family:sans-serif;margin:2em;max-width:90em}"
            "table{border-collapse:collapse;font-size:.9em}"
            "td,th{border:1px solid #ccc;padding:.2em .5em;text-align:right}"
-           "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}</style></head><body>\n"
-        << "<h1>" << escaped(title) << "</h1>\n<p>" << fleet.devices << " devices, " << number(hours, 1)
+           "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}</style>\n";
+    writeReportMapStyle(out);
+    out << "</head><body>\n"
+        << "<h1>" << escapeHtml(title) << "</h1>\n<p>" << fleet.devices << " devices, " << number(hours, 1)
         << " device-hours simulated in " << number(wallSeconds, 2) << " s: " << fleet.deliveries()
         << " deliveries.</p>\n";
     if (fleet.sessionsNeverStarted + fleet.timeStalled > 0) {
         out << "<p><strong>" << fleet.sessionsNeverStarted << " devices never started a session, "
             << fleet.timeStalled << " stalled";
         if (fleet.firstStop) {
-            out << " (device " << fleet.firstStop->first << ": " << escaped(fleet.firstStop->second) << ")";
+            out << " (device " << fleet.firstStop->first << ": " << escapeHtml(fleet.firstStop->second)
+                << ")";
         }
         out << ".</strong></p>\n";
     }
@@ -188,28 +141,29 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
                 reasons += (reasons.empty() ? "" : ", ") + why + " " + std::to_string(count);
             }
         }
-        out << "<tr><td>" << escaped(t.eventId) << "</td><td>" << escaped(t.placeId) << "</td><td>"
-            << escaped(t.eventName) << "</td><td>" << t.devices << "</td><td>" << t.entered << "</td><td>"
+        out << "<tr><td>" << escapeHtml(t.eventId) << "</td><td>" << escapeHtml(t.placeId) << "</td><td>"
+            << escapeHtml(t.eventName) << "</td><td>" << t.devices << "</td><td>" << t.entered << "</td><td>"
             << t.linked << "</td><td>" << t.delivered << "</td><td>" << t.notifications << "</td><td>"
             << t.alerts << "</td><td>" << t.answered << "</td><td>" << t.falseEntries << "</td><td>"
-            << t.linkRequests << "</td><td style=\"text-align:left;font-size:.85em\">" << escaped(reasons)
+            << t.linkRequests << "</td><td style=\"text-align:left;font-size:.85em\">" << escapeHtml(reasons)
             << "</td></tr>\n";
     }
-    out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (black; "
-           "red: "
-           "a false entry, the route never entered the circle); circles are the places, darker where more "
-           "of the devices they were named to got the offer.";
+    out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (marked as "
+           "a "
+           "delivery; as an entry where it was a false entry: the route never entered the circle); circles "
+           "are "
+           "the places, coloured by the best any device got (delivered, linked, entered, missed).";
     if (fleet.triggers.size() == FleetAggregate::kTriggerPoints) {
         out << " A sample of " << FleetAggregate::kTriggerPoints << " points.";
     }
     out << "</p>\n";
-    writeMap(fleet, out);
+    writeMap(fleet, tiles, out);
     out << "<h2>Entry to delivery</h2>\n";
     writeHistogram(fleet, out);
     out << "<h2>Requests per endpoint</h2>\n<p>What a real service must carry for this fleet.</p>\n"
            "<table id=\"requests\"><tr><th>endpoint</th><th>requests</th><th>per device-hour</th></tr>\n";
     for (const auto& [path, count] : fleet.requests) {
-        out << "<tr><td>" << escaped(path) << "</td><td>" << count << "</td><td>"
+        out << "<tr><td>" << escapeHtml(path) << "</td><td>" << count << "</td><td>"
             << number(hours > 0 ? static_cast<double>(count) / hours : 0, 2) << "</td></tr>\n";
     }
     out << "</table>\n<h2>Location updates</h2>\n<p>Time with standard location updates on, per accuracy "

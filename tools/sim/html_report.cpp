@@ -439,16 +439,6 @@ std::string percentEncoded(std::string_view text) {
     return out;
 }
 
-std::string tileAttribution(const std::string& tiles) {
-    if (tiles == kOpenStreetMapTiles) {
-        return "&copy; <a href=\"https://www.openstreetmap.org/copyright\">OpenStreetMap</a> contributors";
-    }
-    const auto scheme = tiles.find("://");
-    const auto start = scheme == std::string::npos ? 0 : scheme + 3;
-    const std::string host = tiles.substr(start, tiles.find('/', start) - start);
-    return host.empty() ? std::string() : "Tiles: " + escapeHtml(host);
-}
-
 constexpr const char* kStyle = R"(
 body{font:14px/1.45 system-ui,sans-serif;margin:24px auto;max-width:960px;color:#223;padding:0 12px}
 h1{font-size:22px}h2{font-size:17px;margin-top:28px}h3{font-size:14px;margin:14px 0 4px}

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "report_map.h"
 #include "route.h"
 
 namespace tovrel::sim {
 
 /// The standard OpenStreetMap tile URL template.
-inline constexpr const char* kOpenStreetMapTiles = "https://tile.openstreetmap.org/{z}/{x}/{y}.png";
 
 /// What one run produced, as the report needs it.
 struct ReportInput {

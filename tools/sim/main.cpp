@@ -42,6 +42,19 @@ struct DeviceArguments {
     std::uint64_t seed = 1;
 };
 
+void addTilesOption(CLI::App* command, std::string& tiles) {
+    command
+        ->add_option("--tiles", tiles,
+                     "Map tiles the report loads when viewed online: a URL template with {z}, {x}, {y} "
+                     "(default OpenStreetMap), or off")
+        ->check([](const std::string& value) {
+            const bool usable = value == "off" || (value.find("{z}") != std::string::npos &&
+                                                   value.find("{x}") != std::string::npos &&
+                                                   value.find("{y}") != std::string::npos);
+            return usable ? std::string() : "a URL template with {z}, {x} and {y}, or off";
+        });
+}
+
 void addDeviceOptions(CLI::App* command, tovrel::sim::SimOptions& options, DeviceArguments& arguments) {
     command->add_option("--places", arguments.places,
                         "Places for the embedded service (GeoJSON; default: the example data set)");
@@ -199,15 +212,7 @@ int main(int argc, char** argv) {
                     "Write everything observable here, one JSON object a line");
     run->add_option("--report", arguments.reportFile, "Write a self-contained HTML report here");
     std::string tiles = tovrel::sim::kOpenStreetMapTiles;
-    run->add_option("--tiles", tiles,
-                    "Map tiles the report loads when viewed online: a URL template with {z}, {x}, {y} "
-                    "(default OpenStreetMap), or off")
-        ->check([](const std::string& value) {
-            const bool usable = value == "off" || (value.find("{z}") != std::string::npos &&
-                                                   value.find("{x}") != std::string::npos &&
-                                                   value.find("{y}") != std::string::npos);
-            return usable ? std::string() : "a URL template with {z}, {x} and {y}, or off";
-        });
+    addTilesOption(run, tiles);
     run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
     run->add_flag("--quiet", options.quiet, "Print no timeline");
 
@@ -231,6 +236,7 @@ int main(int argc, char** argv) {
         "Write each device's outcomes here as it ends, one JSON object a line, then the totals");
     fleet->add_option("--report", arguments.reportFile,
                       "Write a self-contained HTML report of the totals here");
+    addTilesOption(fleet, tiles);
     bool fleetQuiet = false;
     fleet->add_flag("--quiet", fleetQuiet, "Print no progress");
     fleet->excludes(run);
@@ -299,7 +305,7 @@ int main(int argc, char** argv) {
         }
         if (report.is_open()) {
             tovrel::sim::writeFleetReport("Tovrel fleet: " + std::to_string(totals.devices) + " devices",
-                                          totals, wall, report);
+                                          totals, wall, tiles, report);
         }
         totals.printSummary(std::cout);
         std::cout << "wall time " << wall << " s: " << (wall > 0 ? totals.deviceHours() / wall : 0)

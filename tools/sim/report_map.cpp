@@ -376,6 +376,16 @@ std::optional<RoutePoint> routePositionAt(const Route& route, double t) {
                       before.longitude + (after->longitude - before.longitude) * f, before.activity};
 }
 
+std::string tileAttribution(const std::string& tiles) {
+    if (tiles == kOpenStreetMapTiles) {
+        return "&copy; <a href=\"https://www.openstreetmap.org/copyright\">OpenStreetMap</a> contributors";
+    }
+    const auto scheme = tiles.find("://");
+    const auto start = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::string host = tiles.substr(start, tiles.find('/', start) - start);
+    return host.empty() ? std::string() : "Tiles: " + escapeHtml(host);
+}
+
 void writeReportMapStyle(std::ostream& out) {
     if (const LeafletAssets* leaflet = leafletAssets()) {
         out << leaflet->style;

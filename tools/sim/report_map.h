@@ -53,6 +53,12 @@ struct MapInput {
 /// without it, a plain SVG map and one line that says so. Everything from input is escaped.
 void writeReportMap(std::ostream& out, const MapInput& input);
 
+/// The default tiles: OpenStreetMap's, which the viewer's browser loads when online.
+inline constexpr const char* kOpenStreetMapTiles = "https://tile.openstreetmap.org/{z}/{x}/{y}.png";
+
+/// The attribution line (HTML) for a tile URL template: OpenStreetMap's for its tiles, else the host. Pure.
+std::string tileAttribution(const std::string& tiles);
+
 /// The style sheet the map needs in the page's head (Leaflet's own, when embedded).
 void writeReportMapStyle(std::ostream& out);
 
