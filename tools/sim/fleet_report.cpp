@@ -12,14 +12,6 @@
 namespace tovrel::sim {
 namespace {
 
-std::string number(double value, int precision = 1) {
-    std::ostringstream out;
-    out.setf(std::ios::fixed);
-    out.precision(precision);
-    out << value;
-    return out.str();
-}
-
 /// The places as circles (their offers' states from how many devices got them) and the trigger points
 /// as marks, on the same map as a single run's report.
 void writeMap(const FleetAggregate& fleet, const std::string& tiles, std::ostream& out) {
@@ -75,9 +67,9 @@ void writeHistogram(const FleetAggregate& fleet, std::ostream& out) {
         << kHeight << "\" role=\"img\" aria-label=\"entry to delivery delay\">\n";
     for (std::size_t i = 0; i < FleetAggregate::kDelayBins; ++i) {
         const double h = plotHeight * static_cast<double>(fleet.delays[i]) / static_cast<double>(highest);
-        out << "<rect class=\"bar\" x=\"" << number(kLeft + static_cast<double>(i) * barWidth) << "\" y=\""
-            << number(10 + plotHeight - h) << "\" width=\"" << number(barWidth - 1) << "\" height=\""
-            << number(h) << "\" fill=\"#1e78c8\"><title>"
+        out << "<rect class=\"bar\" x=\"" << fixed(kLeft + static_cast<double>(i) * barWidth, 1) << "\" y=\""
+            << fixed(10 + plotHeight - h, 1) << "\" width=\"" << fixed(barWidth - 1, 1) << "\" height=\""
+            << fixed(h, 1) << "\" fill=\"#1e78c8\"><title>"
             << static_cast<long>(static_cast<double>(i) * FleetAggregate::kDelayBinSeconds) << "–"
             << static_cast<long>(static_cast<double>(i + 1) * FleetAggregate::kDelayBinSeconds)
             << (i + 1 == FleetAggregate::kDelayBins ? "+ s: " : " s: ") << fleet.delays[i]
@@ -89,8 +81,8 @@ void writeHistogram(const FleetAggregate& fleet, std::ostream& out) {
     const auto binsPerMinute = static_cast<std::size_t>(60 / FleetAggregate::kDelayBinSeconds);
     for (std::size_t i = 0; i <= FleetAggregate::kDelayBins; i += binsPerMinute) {
         const double tickX = kLeft + static_cast<double>(i) * barWidth;
-        out << "<line x1=\"" << number(tickX) << "\" y1=\"" << axisY << "\" x2=\"" << number(tickX)
-            << "\" y2=\"" << axisY + 5 << "\" stroke=\"#000\"/><text x=\"" << number(tickX) << "\" y=\""
+        out << "<line x1=\"" << fixed(tickX, 1) << "\" y1=\"" << axisY << "\" x2=\"" << fixed(tickX, 1)
+            << "\" y2=\"" << axisY + 5 << "\" stroke=\"#000\"/><text x=\"" << fixed(tickX, 1) << "\" y=\""
             << axisY + 18 << "\" font-size=\"11\" text-anchor=\"middle\">" << i / binsPerMinute
             << "</text>\n";
     }
@@ -99,9 +91,9 @@ void writeHistogram(const FleetAggregate& fleet, std::ostream& out) {
     const long long step = std::max(1LL, static_cast<long long>(std::ceil(static_cast<double>(highest) / 5)));
     for (long long value = 0; value <= highest; value += step) {
         const double tickY = axisY - plotHeight * static_cast<double>(value) / static_cast<double>(highest);
-        out << "<line x1=\"" << kLeft - 5 << "\" y1=\"" << number(tickY) << "\" x2=\"" << kLeft << "\" y2=\""
-            << number(tickY) << "\" stroke=\"#000\"/><text x=\"" << kLeft - 8 << "\" y=\""
-            << number(tickY + 4) << "\" font-size=\"11\" text-anchor=\"end\">" << value << "</text>\n";
+        out << "<line x1=\"" << kLeft - 5 << "\" y1=\"" << fixed(tickY, 1) << "\" x2=\"" << kLeft
+            << "\" y2=\"" << fixed(tickY, 1) << "\" stroke=\"#000\"/><text x=\"" << kLeft - 8 << "\" y=\""
+            << fixed(tickY + 4, 1) << "\" font-size=\"11\" text-anchor=\"end\">" << value << "</text>\n";
     }
     out << "</svg>\n";
 }
@@ -118,8 +110,8 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
            "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}</style>\n";
     writeReportMapStyle(out);
     out << "</head><body>\n"
-        << "<h1>" << escapeHtml(title) << "</h1>\n<p>" << fleet.devices << " devices, " << number(hours, 1)
-        << " device-hours simulated in " << number(wallSeconds, 2) << " s: " << fleet.deliveries()
+        << "<h1>" << escapeHtml(title) << "</h1>\n<p>" << fleet.devices << " devices, " << fixed(hours, 1)
+        << " device-hours simulated in " << fixed(wallSeconds, 2) << " s: " << fleet.deliveries()
         << " deliveries.</p>\n";
     if (fleet.sessionsNeverStarted + fleet.timeStalled > 0) {
         out << "<p><strong>" << fleet.sessionsNeverStarted << " devices never started a session, "
@@ -164,7 +156,7 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
            "<table id=\"requests\"><tr><th>endpoint</th><th>requests</th><th>per device-hour</th></tr>\n";
     for (const auto& [path, count] : fleet.requests) {
         out << "<tr><td>" << escapeHtml(path) << "</td><td>" << count << "</td><td>"
-            << number(hours > 0 ? static_cast<double>(count) / hours : 0, 2) << "</td></tr>\n";
+            << fixed(hours > 0 ? static_cast<double>(count) / hours : 0, 2) << "</td></tr>\n";
     }
     out << "</table>\n<h2>Location updates</h2>\n<p>Time with standard location updates on, per accuracy "
            "level "
@@ -174,11 +166,11 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
     const GpsOnTime gps = fleet.gpsOn();
     for (std::size_t i = 0; i < kAccuracyLevels; ++i) {
         out << "<tr><td>" << accuracyLevelName(static_cast<AccuracyLevel>(i)) << "</td><td>"
-            << number(gps.seconds[i] / 60) << "</td><td>"
-            << number(hours > 0 ? gps.seconds[i] / 60 / hours : 0) << "</td></tr>\n";
+            << fixed(gps.seconds[i] / 60, 1) << "</td><td>"
+            << fixed(hours > 0 ? gps.seconds[i] / 60 / hours : 0, 1) << "</td></tr>\n";
     }
-    out << "<tr><td>significant changes only</td><td>" << number(gps.significantOnlySeconds / 60)
-        << "</td><td>" << number(hours > 0 ? gps.significantOnlySeconds / 60 / hours : 0)
+    out << "<tr><td>significant changes only</td><td>" << fixed(gps.significantOnlySeconds / 60, 1)
+        << "</td><td>" << fixed(hours > 0 ? gps.significantOnlySeconds / 60 / hours : 0, 1)
         << "</td></tr>\n</table>\n"
         << "</body></html>\n";
 }

@@ -47,14 +47,6 @@ const json& field(const json& object, const char* name) {
     return object.is_object() && object.contains(name) ? object[name] : kNull;
 }
 
-std::string fixed(double value, int decimals) {
-    std::ostringstream out;
-    out.setf(std::ios::fixed);
-    out.precision(decimals);
-    out << value;
-    return out.str();
-}
-
 /// Place names by place id from the place file the embedded service imported; none when it cannot be
 /// read (the names are only labels).
 std::map<std::string, std::string> placeNames(const std::filesystem::path& file) {

@@ -1,5 +1,7 @@
 #include "report_escape.h"
 
+#include <sstream>
+
 namespace tovrel::sim {
 
 std::string escapeHtml(std::string_view text) {
@@ -54,6 +56,14 @@ std::string jsonForScript(const nlohmann::json& value) {
         }
     }
     return out;
+}
+
+std::string fixed(double value, int decimals) {
+    std::ostringstream out;
+    out.setf(std::ios::fixed);
+    out.precision(decimals);
+    out << value;
+    return out.str();
 }
 
 }  // namespace tovrel::sim

@@ -13,6 +13,9 @@ std::string escapeHtml(std::string_view text);
 /// (so no "</script>" or "<!--" can appear), bytes that are not UTF-8 replaced.
 std::string jsonForScript(const nlohmann::json& value);
 
+/// `value` with exactly `decimals` digits after the point ("12.50"). Pure.
+std::string fixed(double value, int decimals);
+
 /// `value` as compact JSON text, bytes that are not UTF-8 replaced (never throws on input text).
 std::string jsonText(const nlohmann::json& value);
 

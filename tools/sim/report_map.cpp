@@ -20,14 +20,6 @@ constexpr double kNearRouteMetres = 3000;  // places farther from the route woul
 constexpr double kFocusMetres =
     200;  // places the route passes this close to, and the route there, fill the view
 
-std::string fixed(double value, int decimals) {
-    std::ostringstream out;
-    out.setf(std::ios::fixed);
-    out.precision(decimals);
-    out << value;
-    return out.str();
-}
-
 struct Bounds {
     double south = std::numeric_limits<double>::max();
     double north = -std::numeric_limits<double>::max();

@@ -10,14 +10,6 @@
 namespace tovrel::sim {
 namespace {
 
-std::string fixed(double value, int decimals) {
-    std::ostringstream out;
-    out.setf(std::ios::fixed);
-    out.precision(decimals);
-    out << value;
-    return out.str();
-}
-
 AxisTicks ticksAt(double from, double to, double step) {
     AxisTicks axis;
     axis.step = step;
