@@ -322,6 +322,8 @@ TEST_F(SimScenario, AFleetSumsUpItsDevicesAndGuardsACampaignToo) {
     page << html.rdbuf();
     // The trigger points are marks on the same map as a single run's report.
     EXPECT_NE(page.str().find("\"kind\":\"delivered\""), std::string::npos);
+    EXPECT_LT(page.str().find("</style>"), page.str().find("<body>"))
+        << "the map's style is outside the head";
     EXPECT_NE(page.str().find("id=\"requests\""), std::string::npos);
 
     EXPECT_EQ(status(fleet + " --expect 'deliveries>1000'"), 1);

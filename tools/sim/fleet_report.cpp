@@ -107,9 +107,9 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
         << "</title>\n<style>body{font-family:sans-serif;margin:2em;max-width:90em}"
            "table{border-collapse:collapse;font-size:.9em}"
            "td,th{border:1px solid #ccc;padding:.2em .5em;text-align:right}"
-           "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}</style>\n";
+           "td:nth-child(-n+3),th:nth-child(-n+3){text-align:left}\n";
     writeReportMapStyle(out);
-    out << "</head><body>\n"
+    out << "</style></head><body>\n"
         << "<h1>" << escapeHtml(title) << "</h1>\n<p>" << fleet.devices << " devices, " << fixed(hours, 1)
         << " device-hours simulated in " << fixed(wallSeconds, 2) << " s: " << fleet.deliveries()
         << " deliveries.</p>\n";
