@@ -65,13 +65,15 @@ class TOVREL_SCOPED_CAPABILITY Lock {
   private:
     M& mutex_;
 };
-Lock(Mutex&) -> Lock<Mutex>;
-Lock(SharedMutex&) -> Lock<SharedMutex>;
+Lock(Mutex&)->Lock<Mutex>;
+Lock(SharedMutex&)->Lock<SharedMutex>;
 
 /// Holds a SharedMutex shared for its scope.
 class TOVREL_SCOPED_CAPABILITY ReaderLock {
   public:
-    explicit ReaderLock(SharedMutex& mutex) TOVREL_ACQUIRE_SHARED(mutex) : mutex_(mutex) { mutex_.lock_shared(); }
+    explicit ReaderLock(SharedMutex& mutex) TOVREL_ACQUIRE_SHARED(mutex) : mutex_(mutex) {
+        mutex_.lock_shared();
+    }
     ~ReaderLock() TOVREL_RELEASE_GENERIC() { mutex_.unlock_shared(); }
     ReaderLock(const ReaderLock&) = delete;
     ReaderLock& operator=(const ReaderLock&) = delete;
