@@ -5,8 +5,7 @@
 #include <sstream>
 
 #include "catalog_data.h"
-#include "database.h"
-#include "report.h"
+#include "store.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
@@ -26,24 +25,21 @@ std::string readPlaceFile(const std::string& path) {
 
 ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& geojsonPath) {
     const CatalogData data = parseGeoJson(readPlaceFile(geojsonPath), geojsonPath);
-    Database db(dbPath);
-    return writeCatalog(db, data, wallClock());
+    return openStore(dbPath)->writeCatalog(data, wallClock());
 }
 
 void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name) {
     if (key.empty()) {
         throw std::invalid_argument("the app key must not be empty");
     }
-    Database db(dbPath);
-    writeApp(db, AppDef{key, name}, wallClock());
+    openStore(dbPath)->writeApp(AppDef{key, name}, wallClock());
 }
 
 Report readReport(const std::string& dbPath) {
-    if (dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
+    if (!isPostgresLocation(dbPath) && dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
         throw std::runtime_error("there is no database " + dbPath);
     }
-    Database db(dbPath);
-    return readReport(db);
+    return openStore(dbPath)->report();
 }
 
 }  // namespace tovrel_server

@@ -15,9 +15,9 @@
 #include <variant>
 
 #include "catalog.h"
-#include "database.h"
 #include "metrics.h"
 #include "rate_limiter.h"
+#include "store.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
@@ -49,11 +49,12 @@ struct ServiceOptions {
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and
 /// database threads handle() at once.
 ///
-/// SQLite holds everything durably through one connection used under dbMutex_ (writes are
-/// serialised). Hot reads never touch SQLite: the catalogue snapshot, the session keys and each
+/// The Store (SQLite or PostgreSQL) holds everything durably and is used under dbMutex_ (writes are
+/// serialised). Hot reads never touch the store: the catalogue snapshot, the session keys and each
 /// device's live links are mirrored in memory under stateMutex_, which writers update while they
 /// still hold dbMutex_ so that memory and database never disagree. The catalogue is rebuilt from a
-/// connection of its own and swapped in, so neither requests nor writers wait for a rebuild.
+/// snapshot read by a connection of its own and swapped in, so neither requests nor writers wait for a
+/// rebuild.
 class Service {
   public:
     /// The widest search /v2/place accepts, in metres (the component asks for 8047).
@@ -63,8 +64,10 @@ class Service {
     /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
     static constexpr std::size_t kMaxLogBody = 256 * 1024;
 
-    /// Opens the database and builds the catalogue; throws std::runtime_error. `metrics` may be null.
-    Service(const std::string& dbPath, Clock clock, ServiceOptions options = {}, Metrics* metrics = nullptr);
+    /// Opens the store at `location` (an SQLite file or a postgresql:// address) and builds the
+    /// catalogue; throws std::runtime_error. `metrics` may be null.
+    Service(const std::string& location, Clock clock, ServiceOptions options = {},
+            Metrics* metrics = nullptr);
 
     /// True when path names a JSON endpoint (answered by handle(), POST only).
     static bool isEndpoint(std::string_view path);
@@ -82,16 +85,16 @@ class Service {
     /// handle() for a body already parsed. Any thread; blocks while the database is locked.
     ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase);
 
-    /// Runs `work` on the database under the writers' lock and, when `catalogChanged`, rebuilds the
+    /// Runs `work` on the store under the writers' lock and, when `catalogChanged`, rebuilds the
     /// catalogue afterwards (outside that lock) so that the change is served when this returns. Any
     /// thread.
     template <typename Work>
     auto change(Work&& work, bool catalogChanged) {
-        using Result = decltype(work(db_));
+        using Result = decltype(work(*store_));
         if constexpr (std::is_void_v<Result>) {
             {
                 std::lock_guard db(dbMutex_);
-                work(db_);
+                work(*store_);
             }
             if (catalogChanged) {
                 reloadPlaces();
@@ -99,7 +102,7 @@ class Service {
         } else {
             Result result = [&] {
                 std::lock_guard db(dbMutex_);
-                return work(db_);
+                return work(*store_);
             }();
             if (catalogChanged) {
                 reloadPlaces();
@@ -166,9 +169,8 @@ class Service {
     Clock clock_;
     ServiceOptions options_;
     Metrics* metrics_;
-    std::string dbPath_;
     std::mutex dbMutex_;
-    Database db_;
+    std::unique_ptr<Store> store_;
     std::mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
     std::shared_mutex stateMutex_;

@@ -13,11 +13,10 @@
 #include <vector>
 
 #include "admin_handler.h"
-#include "admin_store.h"
-#include "database.h"
 #include "listen_address.h"
 #include "log.h"
 #include "report.h"
+#include "store.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
@@ -117,16 +116,16 @@ int report(const std::string& db, bool asJson) {
 }
 
 // Changes by these verbs reach a running server at its next SIGHUP (campaigns) or session start (apps).
-Database openExisting(const std::string& db) {
-    if (!std::filesystem::exists(db)) {
+std::unique_ptr<Store> openExisting(const std::string& db) {
+    if (!isPostgresLocation(db) && !std::filesystem::exists(db)) {
         throw std::runtime_error("there is no database " + db);
     }
-    return Database(db);
+    return openStore(db);
 }
 
 int listTable(const std::string& dbPath, bool apps) {
-    Database db = openExisting(dbPath);
-    const nlohmann::json rows = apps ? admin_store::listApps(db) : admin_store::listCampaigns(db);
+    const auto store = openExisting(dbPath);
+    const nlohmann::json rows = apps ? store->listApps() : store->listCampaigns();
     std::vector<std::vector<std::string>> table;
     if (apps) {
         table.push_back({"key", "name", "state"});
@@ -147,17 +146,17 @@ int listTable(const std::string& dbPath, bool apps) {
 }
 
 int changeApp(const std::string& dbPath, const std::string& verb, const std::string& key) {
-    Database db = openExisting(dbPath);
+    const auto store = openExisting(dbPath);
     if (verb == "rotate") {
-        const auto fresh = admin_store::rotateApp(db, key);
+        const auto fresh = store->rotateApp(key);
         if (!fresh) {
             throw std::runtime_error("there is no app key \"" + key + "\"");
         }
         std::printf("%s\n", fresh->c_str());
         return 0;
     }
-    const bool done = verb == "remove" ? admin_store::removeApp(db, key)
-                                       : admin_store::setAppDisabled(db, key, verb == "disable");
+    const bool done =
+        verb == "remove" ? store->removeApp(key) : store->setAppDisabled(key, verb == "disable");
     if (!done) {
         throw std::runtime_error("there is no app key \"" + key + "\"");
     }
@@ -166,9 +165,9 @@ int changeApp(const std::string& dbPath, const std::string& verb, const std::str
 }
 
 int changeCampaign(const std::string& dbPath, const std::string& campaign, bool disable) {
-    Database db = openExisting(dbPath);
-    const auto id = admin_store::findCampaign(db, campaign);
-    if (!id || !admin_store::setCampaignDisabled(db, *id, disable)) {
+    const auto store = openExisting(dbPath);
+    const auto id = store->findCampaign(campaign);
+    if (!id || !store->setCampaignDisabled(*id, disable)) {
         throw std::runtime_error("there is no campaign \"" + campaign + "\"");
     }
     std::printf("campaign \"%s\": %s (a running server serves the change after SIGHUP)\n", campaign.c_str(),
