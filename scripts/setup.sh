@@ -24,8 +24,9 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
-    # tovrel-server: metrics in the Prometheus format, gzip answers
-    prometheus-cpp-dev zlib1g-dev
+    # tovrel-server: metrics in the Prometheus format, gzip answers; PostgreSQL with PostGIS as the shared
+    # store of several replicas (its tests start a server of their own)
+    prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

@@ -1,5 +1,6 @@
 #include "store.h"
 
+#include "pg_store.h"
 #include "sqlite_store.h"
 
 namespace tovrel_server {
@@ -23,6 +24,9 @@ std::string displayLocation(const std::string& location) {
 }
 
 std::unique_ptr<Store> openStore(const std::string& location, const StoreOptions& options) {
+    if (isPostgresLocation(location)) {
+        return std::make_unique<PgStore>(location, options);
+    }
     return std::make_unique<SqliteStore>(location, options);
 }
 

@@ -186,7 +186,10 @@ int main(int argc, char** argv) {
 
     std::string db;
     auto addDb = [&db](CLI::App* command) {
-        command->add_option("--db", db, "SQLite database file (created when missing)")
+        command
+            ->add_option("--db", db,
+                         "SQLite database file (created when missing), or a postgresql:// address of a "
+                         "PostgreSQL database shared by several servers")
             ->required()
             ->envname("TOVREL_DB");
     };

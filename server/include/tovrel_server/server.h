@@ -18,7 +18,8 @@ double wallClock();
 
 /// What an embedded or stand-alone server needs to run.
 struct ServerOptions {
-    /// SQLite database file; ":memory:" keeps everything in this process only.
+    /// SQLite database file; ":memory:" keeps everything in this process only; a postgresql://
+    /// address uses that PostgreSQL database (with PostGIS), which several servers may share.
     std::string dbPath = ":memory:";
     /// Address to bind (IPv4 or IPv6 literal).
     std::string listenAddress = "127.0.0.1";
