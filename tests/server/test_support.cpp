@@ -280,6 +280,10 @@ std::string storeName(const ::testing::TestParamInfo<StoreKind>& info) {
     return info.param == StoreKind::postgresql ? "PostgreSQL" : "SQLite";
 }
 
+void PrintTo(StoreKind kind, std::ostream* out) {
+    *out << (kind == StoreKind::postgresql ? "PostgreSQL" : "SQLite");
+}
+
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql) {
     if (dbPath.rfind("postgresql://", 0) == 0) {
         return queryPostgres(dbPath, sql);

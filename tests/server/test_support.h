@@ -145,6 +145,8 @@ class StoreTest : public ::testing::TestWithParam<StoreKind> {
 
 /// "SQLite" or "PostgreSQL", for test names.
 std::string storeName(const ::testing::TestParamInfo<StoreKind>& info);
+/// Prints the store's name in GoogleTest's messages.
+void PrintTo(StoreKind kind, std::ostream* out);
 
 /// Runs the StoreTest suite `suite` against both stores.
 #define TOVREL_ON_BOTH_STORES(suite)                                                          \
