@@ -43,7 +43,7 @@ json nullableInteger(const PgResult& r, int row, int col) {
 }  // namespace
 
 PgStore::PgStore(const std::string& location, const StoreOptions& options)
-    : pool_(location, options.busyTimeoutMs, kPoolSize) {
+    : options_(options), pool_(location, options.busyTimeoutMs, kPoolSize) {
     try {
         PgConnection conn(location, options.busyTimeoutMs);
         migratePg(conn);
@@ -165,13 +165,15 @@ void PgStore::deleteTag(int64_t device, const std::string& group, const std::str
                tag);
 }
 
-void PgStore::ensureLogPartition(PgConnection& conn, const std::string& day) {
+void PgStore::ensureLogPartition(PgConnection& conn, double now) {
+    const int64_t dayNumber = utcDayNumber(now);
     {
         std::lock_guard lock(partitionsMutex_);
-        if (partitions_.contains(day)) {
+        if (partitions_.contains(dayNumber)) {
             return;
         }
     }
+    const std::string day = utcDay(now);
     std::string name = "log_messages_" + day;
     std::erase(name, '-');
     try {
@@ -183,15 +185,27 @@ void PgStore::ensureLogPartition(PgConnection& conn, const std::string& day) {
             throw;
         }
     }
+    if (options_.logRetentionDays > 0) {
+        const std::string oldestKept =
+            utcDay(static_cast<double>(dayNumber - options_.logRetentionDays + 1) * 86400);
+        const PgResult old = conn.exec(
+            "SELECT c.relname FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid WHERE i.inhparent = "
+            "'log_messages'::regclass AND c.relname ~ '^log_messages_[0-9]{8}$' AND "
+            "to_date(substr(c.relname, 14), 'YYYYMMDD') < $1::date",
+            oldestKept);
+        for (int i = 0; i < old.rows(); ++i) {
+            conn.exec("DROP TABLE IF EXISTS " + old.text(i, 0));
+        }
+    }
     std::lock_guard lock(partitionsMutex_);
-    partitions_.insert(day);
+    partitions_.insert(dayNumber);
 }
 
 void PgStore::addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
                      double now) {
     auto conn = pool_.acquire();
+    ensureLogPartition(*conn, now);
     const std::string day = utcDay(now);
-    ensureLogPartition(*conn, day);
     conn->exec(
         "INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, $3, $4, "
         "$5)",

@@ -60,12 +60,14 @@ class PgStore final : public Store {
     nlohmann::json campaignDefinitions() override;
 
   private:
-    /// Creates the day's partition of the log messages unless this store already made sure of it.
-    void ensureLogPartition(PgConnection& conn, const std::string& day);
+    /// Creates the day's partition of the log messages unless this store already made sure of it, and
+    /// then drops the days beyond the retention.
+    void ensureLogPartition(PgConnection& conn, double now);
 
+    StoreOptions options_;
     PgPool pool_;
     std::mutex partitionsMutex_;
-    std::set<std::string> partitions_;  ///< days whose log partition exists
+    std::set<int64_t> partitions_;  ///< days whose log partition exists
 };
 
 /// The schema version this program writes into PostgreSQL.

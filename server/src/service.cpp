@@ -55,7 +55,7 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
     : clock_(std::move(clock)),
       options_(options),
       metrics_(metrics),
-      store_(openStore(location, StoreOptions{options.busyTimeoutMs})),
+      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
     reloadPlaces();

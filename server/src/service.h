@@ -44,6 +44,8 @@ struct ServiceOptions {
     double sessionRateLimit = 0;
     /// /v1/log messages a second one device may send (bursts of 60 times that); 0: no limit.
     double logRateLimit = 0;
+    /// Days of log messages kept (see StoreOptions); 0: every message.
+    int logRetentionDays = 0;
 };
 
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and

@@ -101,9 +101,15 @@ void SqliteStore::deleteTag(int64_t device, const std::string& group, const std:
 
 void SqliteStore::addLog(const std::string& deviceId, const std::string& eventName,
                          const std::string& message, double now) {
+    const int64_t day = utcDayNumber(now);
+    if (options_.logRetentionDays > 0 && day != logDay_) {
+        const double oldestKept = static_cast<double>(day - options_.logRetentionDays + 1) * 86400;
+        db_.prepare("DELETE FROM log_messages WHERE received_at < ?").with(oldestKept).run();
+    }
     db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
         .with(deviceId, eventName, message, now)
         .run();
+    logDay_ = day;
 }
 
 ImportSummary SqliteStore::writeCatalog(const CatalogData& data, double now) {

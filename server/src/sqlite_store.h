@@ -58,6 +58,7 @@ class SqliteStore final : public Store {
 
     std::string path_;
     StoreOptions options_;
+    int64_t logDay_ = -1;  ///< the day of the last log message, for the retention
     Database db_;
 };
 

@@ -1,5 +1,7 @@
 #include "store.h"
 
+#include <cmath>
+
 #include "pg_store.h"
 #include "sqlite_store.h"
 
@@ -21,6 +23,10 @@ std::string displayLocation(const std::string& location) {
         return location;
     }
     return location.substr(0, colon) + location.substr(at);
+}
+
+int64_t utcDayNumber(double seconds) {
+    return static_cast<int64_t>(std::floor(seconds / 86400));
 }
 
 std::unique_ptr<Store> openStore(const std::string& location, const StoreOptions& options) {

@@ -117,10 +117,16 @@ class Store {
 struct StoreOptions {
     /// Milliseconds a statement waits for another connection's lock before DatabaseBusy.
     int busyTimeoutMs = 5000;
+    /// Days of log messages kept (today and the days before it, in UTC); older days are dropped when
+    /// the first message of a new day arrives. 0 keeps every message.
+    int logRetentionDays = 0;
 };
 
 /// True when `location` names a PostgreSQL database (a postgresql:// or postgres:// address).
 bool isPostgresLocation(const std::string& location);
+
+/// The day (in UTC, days since 1970) of a time in seconds since 1970.
+int64_t utcDayNumber(double seconds);
 
 /// Opens the store at `location` (an SQLite file, ":memory:", or a postgresql:// address) and brings
 /// its schema up to date. Throws std::runtime_error.

@@ -259,6 +259,12 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_LOG_RATE_LIMIT")
         ->check(CLI::Range(0.0, 1e9));
     serveCmd
+        ->add_option("--log-retention-days", serveOptions.logRetentionDays,
+                     "Days of /v1/log messages kept (today in UTC and the days before); 0: all")
+        ->capture_default_str()
+        ->envname("TOVREL_LOG_RETENTION_DAYS")
+        ->check(CLI::Range(0, 100000));
+    serveCmd
         ->add_option("--session-ttl", serveOptions.sessionTtl,
                      "Seconds a session key stays valid (401 after); 0: for ever")
         ->capture_default_str()

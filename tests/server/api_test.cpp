@@ -496,6 +496,29 @@ TEST_P(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
     EXPECT_EQ(stored[2].substr(0, stored[2].find('|')), "DEVICE-B");
 }
 
+TEST_P(LogEndpoint, DaysBeyondTheRetentionAreDropped) {
+    ServerFixture::Options options = fixtureOptions();
+    options.configure = [](ServerOptions& o) { o.logRetentionDays = 2; };
+    ServerFixture kept(options);
+    const json message = {{"deviceid", "D"}, {"message", {{"day", 1}}}};
+    const auto counted = [&] { return kept.server().report().logCounts["day"]; };
+    // One message on 1 June, two on the 2nd, three on the 3rd: the 3rd keeps the 2nd and itself.
+    for (unsigned day = 1; day <= 3; ++day) {
+        kept.setTime(utc(2025, 6, day) + 3600);
+        for (unsigned i = 0; i < day; ++i) {
+            ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+        }
+    }
+    EXPECT_EQ(counted(), 5);
+    kept.setTime(utc(2025, 6, 4) - 1);
+    ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+    EXPECT_EQ(counted(), 6);
+    // The first second of the 4th drops the 2nd.
+    kept.setTime(utc(2025, 6, 4));
+    ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+    EXPECT_EQ(counted(), 5);
+}
+
 TEST_P(LogEndpoint, MessagesOver256KiBAreTooLarge) {
     const auto body = [](std::size_t size) {
         std::string text = json{{"deviceid", "D"}, {"message", {{"big", ""}}}}.dump();

@@ -52,6 +52,9 @@ struct ServerOptions {
     /// /v1/log messages a second one device may send on average (bursts of 60 times that); 0 (the
     /// default of an embedded server, whose clients may run in virtual time): no limit.
     double logRateLimit = 0;
+    /// Days of /v1/log messages kept: today (in UTC) and the days before it; older days are dropped
+    /// when the first message of a new day arrives. 0 (the default) keeps every message.
+    int logRetentionDays = 0;
     /// Seconds a session key stays valid after its session started; 0 (the default) keeps keys valid
     /// for ever. With a lifetime, requests with an older key are answered 401.
     double sessionTtl = 0;
