@@ -36,6 +36,37 @@ std::string utcDay(double seconds) {
     return text;
 }
 
+// A PostgreSQL array literal of texts, for unnest($n::text[]).
+std::string textArray(const std::vector<std::string>& values) {
+    std::string out = "{";
+    for (const std::string& v : values) {
+        out += out.size() > 1 ? ",\"" : "\"";
+        for (const char c : v) {
+            if (c == '"' || c == '\\') {
+                out += '\\';
+            }
+            out += c;
+        }
+        out += '"';
+    }
+    return out + "}";
+}
+
+template <typename Number>
+std::string numberArray(const std::vector<Number>& values) {
+    std::string out = "{";
+    for (const Number v : values) {
+        if (out.size() > 1) {
+            out += ',';
+        }
+        out += *pgParam(v);
+    }
+    return out + "}";
+}
+
+// Places written by one statement: a round trip costs more than the rows it carries.
+constexpr std::size_t kPlaceBatch = 5000;
+
 json nullableInteger(const PgResult& r, int row, int col) {
     return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
 }
@@ -252,16 +283,33 @@ ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
             o.id, ids.at(o.campaign), o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags, o.dwellTime,
             o.eventType);
     }
-    for (const PlaceDef& p : data.places) {
-        conn->exec(
-            "INSERT INTO places(id, name, lat, lon, radius) VALUES($1, $2, $3, $4, $5) ON CONFLICT(id) DO "
-            "UPDATE SET name = excluded.name, lat = excluded.lat, lon = excluded.lon, radius = "
-            "excluded.radius",
-            p.id, p.name, p.lat, p.lon, p.radius);
-        conn->exec("DELETE FROM place_offers WHERE place = $1", p.id);
-        for (int64_t o : p.offers) {
-            conn->exec("INSERT INTO place_offers(place, offer) VALUES($1, $2)", p.id, o);
+    for (std::size_t from = 0; from < data.places.size(); from += kPlaceBatch) {
+        const std::size_t to = std::min(data.places.size(), from + kPlaceBatch);
+        std::vector<int64_t> placeIds, linkPlaces, linkOffers;
+        std::vector<std::string> names;
+        std::vector<double> lats, lons, radii;
+        for (std::size_t i = from; i < to; ++i) {
+            const PlaceDef& p = data.places[i];
+            placeIds.push_back(p.id);
+            names.push_back(p.name);
+            lats.push_back(p.lat);
+            lons.push_back(p.lon);
+            radii.push_back(p.radius);
+            for (const int64_t o : p.offers) {
+                linkPlaces.push_back(p.id);
+                linkOffers.push_back(o);
+            }
         }
+        conn->exec(
+            "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM unnest($1::bigint[], $2::text[], "
+            "$3::float8[], $4::float8[], $5::float8[]) ON CONFLICT(id) DO UPDATE SET name = excluded.name, "
+            "lat = "
+            "excluded.lat, lon = excluded.lon, radius = excluded.radius",
+            numberArray(placeIds), textArray(names), numberArray(lats), numberArray(lons),
+            numberArray(radii));
+        conn->exec("DELETE FROM place_offers WHERE place = ANY($1::bigint[])", numberArray(placeIds));
+        conn->exec("INSERT INTO place_offers(place, offer) SELECT * FROM unnest($1::bigint[], $2::bigint[])",
+                   numberArray(linkPlaces), numberArray(linkOffers));
     }
     tx.commit();
     return ImportSummary{static_cast<int>(data.apps.size()), static_cast<int>(data.campaigns.size()),

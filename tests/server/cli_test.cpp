@@ -65,7 +65,14 @@ TEST_F(CommandLine, UsageErrorsExitWithTwo) {
     EXPECT_NE(run("report").output.find("--db"), std::string::npos);
 }
 
-TEST_F(CommandLine, ImportAppsAndReport) {
+// The commands that read and change the database, on each store.
+class CommandLineOnEachStore : public StoreTest {
+  protected:
+    TempDir dir;
+    std::string db = newDatabase(dir);
+};
+
+TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     const CommandResult imported =
         run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db);
     ASSERT_EQ(imported.exitCode, 0) << imported.output;
@@ -154,7 +161,7 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
     EXPECT_EQ(queryRows(db, "SELECT COUNT(*) FROM sessions"), std::vector<std::string>{"1"});
 }
 
-TEST_F(CommandLine, AppsAndCampaignsAreManaged) {
+TEST_P(CommandLineOnEachStore, AppsAndCampaignsAreManaged) {
     ASSERT_EQ(
         run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db).exitCode, 0);
     EXPECT_NE(run("apps list --db " + db).output.find("demo-key  Demo  enabled"), std::string::npos);
@@ -179,6 +186,8 @@ TEST_F(CommandLine, AppsAndCampaignsAreManaged) {
     EXPECT_NE(unknown.output.find("no campaign"), std::string::npos);
     EXPECT_EQ(run("apps list --db " + (dir / "missing.db").string()).exitCode, 1);
 }
+
+TOVREL_ON_BOTH_STORES(CommandLineOnEachStore);
 
 TEST_F(CommandLine, SettingsComeFromAConfigFileAndTheEnvironmentToo) {
     const std::string config = dir.write("server.ini", "[serve]\ndb=" + db + "\nthreads=0\n");

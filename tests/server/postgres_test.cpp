@@ -134,6 +134,19 @@ TEST_F(Postgres, ServersStartingTogetherMigrateInTurnAndANewerSchemaIsRefused) {
     }
 }
 
+TEST_F(Postgres, PlaceNamesKeepQuotesBackslashesCommasAndBraces) {
+    ServerFixture fx(onPostgres());
+    fx.server().importGeoJson(fx.dir().write("odd.geojson", R"({"type": "FeatureCollection",
+      "properties": {"campaigns": [{"name": "Open"}]},
+      "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+        "properties": {"placeId": 7, "name": "Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL", "radius": 50,
+          "offers": [{"eventId": 71, "campaign": "Open", "eventName": "E", "alertText": "A", "eventTypeId": 3}]}}]})"));
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
+              std::vector<std::string>{"Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL|48.1|11.5|50.0"});
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
+              std::vector<std::string>{"71"});
+}
+
 TEST_F(Postgres, PlacesCanBeAskedForBySpatialSql) {
     ServerFixture fx(onPostgres());
     EXPECT_EQ(queryRows(fx.dbPath(),

@@ -245,12 +245,16 @@ std::vector<std::string> queryPostgres(const std::string& address, const std::st
     if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) {
         throw std::runtime_error(std::string("bad query: ") + PQresultErrorMessage(r.get()));
     }
+    constexpr Oid kBool = 16;
     constexpr Oid kFloat8 = 701;
     std::vector<std::string> rows;
     for (int row = 0; row < PQntuples(r.get()); ++row) {
         std::string line;
         for (int col = 0; col < PQnfields(r.get()); ++col) {
             std::string cell = PQgetisnull(r.get(), row, col) ? "NULL" : PQgetvalue(r.get(), row, col);
+            if (PQftype(r.get(), col) == kBool && cell != "NULL") {
+                cell = cell == "t" ? "1" : "0";
+            }
             if (PQftype(r.get(), col) == kFloat8 && cell.find_first_of(".eEnN") == std::string::npos) {
                 cell += ".0";
             }
@@ -268,6 +272,13 @@ ServerFixture::Options StoreTest::fixtureOptions(ServerFixture::Options options)
                         ? GetParam()
                         : StoreKind::sqlite;
     return options;
+}
+
+std::string StoreTest::newDatabase(const TempDir& dir) const {
+    if (GetParam() == StoreKind::postgresql && TestPostgres::shared() != nullptr) {
+        return TestPostgres::shared()->newDatabase();
+    }
+    return (dir / "test.db").string();
 }
 
 void StoreTest::SetUp() {

@@ -131,7 +131,7 @@ class ServerFixture {
 };
 
 /// Rows of a query on an SQLite file or a postgresql:// database, each row's columns joined by '|'
-/// (numbers written as SQLite writes them, so that one expectation serves both stores).
+/// (numbers and booleans written as SQLite writes them, so that one expectation serves both stores).
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
 
 /// A test of the JSON endpoints run once per store: `fixtureOptions()` picks this run's store; the
@@ -140,6 +140,8 @@ class StoreTest : public ::testing::TestWithParam<StoreKind> {
   protected:
     /// `options` with this run's store (SQLite when PostgreSQL is missing: the test is then skipped).
     ServerFixture::Options fixtureOptions(ServerFixture::Options options = {}) const;
+    /// A new database of this run's store with no data: a file in `dir`, or a PostgreSQL database.
+    std::string newDatabase(const TempDir& dir) const;
     void SetUp() override;
 };
 
