@@ -67,7 +67,7 @@ int serve(ServeSettings settings) {
     auto serving = logger.line(LogLevel::info, "serving");
     serving.add("listen", hostPort(address.host, port))
         .add("tls", !options.tlsCertificateFile.empty())
-        .add("db", options.dbPath);
+        .add("db", displayLocation(options.dbPath));
     if (server.adminPort() != 0) {
         serving.add("admin", hostPort(options.adminAddress, server.adminPort()))
             .add("adminApi", !options.adminToken.empty());
@@ -81,8 +81,14 @@ int serve(ServeSettings settings) {
         int signal = 0;
         sigwait(&signals, &signal);
         if (signal == SIGHUP) {
-            server.reloadPlaces();
-            logger.write(LogLevel::info, logger.line(LogLevel::info, "places reloaded"));
+            try {
+                server.reloadPlaces();
+                logger.write(LogLevel::info, logger.line(LogLevel::info, "places reloaded"));
+            } catch (const std::exception& e) {
+                // The database is busy or away: the places in memory stay served; SIGHUP again later.
+                logger.write(LogLevel::warn,
+                             logger.line(LogLevel::warn, "places not reloaded").add("error", e.what()));
+            }
             continue;
         }
         logger.write(LogLevel::info,
