@@ -68,6 +68,11 @@ PgConnection::~PgConnection() {
     PQfinish(conn_);
 }
 
+bool PgConnection::stillOpen() {
+    // The first read takes the server's farewell message, the second finds the end of the stream.
+    return PQconsumeInput(conn_) == 1 && PQconsumeInput(conn_) == 1 && healthy();
+}
+
 PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgParam>& params) {
     const std::string text(sql);
     PGresult* raw = nullptr;
@@ -128,10 +133,15 @@ PgPool::Lease PgPool::acquire() {
             throw DatabaseBusy("every database connection is in use");
         }
     }
-    if (!idle_.empty()) {
+    // A server that restarted closed the idle connections: they are dropped here rather than failing
+    // a request.
+    while (!idle_.empty()) {
         std::unique_ptr<PgConnection> conn = std::move(idle_.back());
         idle_.pop_back();
-        return Lease(*this, std::move(conn));
+        if (conn->stillOpen()) {
+            return Lease(*this, std::move(conn));
+        }
+        --open_;
     }
     if (std::chrono::steady_clock::now() < retryAt_) {
         throw DatabaseBusy("the database cannot be reached; trying again shortly");

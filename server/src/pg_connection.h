@@ -88,6 +88,9 @@ class PgConnection {
     PgResult execParams(std::string_view sql, const std::vector<PgParam>& params);
     /// False once the connection was lost; it is then replaced.
     bool healthy() const { return PQstatus(conn_) == CONNECTION_OK; }
+    /// healthy(), after reading what the server sent meanwhile (the notice of a server that closed the
+    /// connection while it was idle). Does not wait.
+    bool stillOpen();
 
   private:
     PGconn* conn_ = nullptr;

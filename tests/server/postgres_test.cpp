@@ -79,13 +79,24 @@ TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
     const std::string key = fx.startSession("AWAY");
     ASSERT_EQ(fx.link(key, "11", "1").status, 200);
     const std::string name = databaseName(fx.dbPath());
+    const json tag = {{"sessionKey", key}, {"tag", "t"}, {"tagValue", "v"}};
+    // Connections closed by the server while idle (a restart) are replaced without a refusal.
+    administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
+    for (int i = 0; i < 100 && !queryRows("postgresql://postgres@127.0.0.1:" +
+                                              std::to_string(TestPostgres::shared()->port()) + "/postgres",
+                                          "SELECT 1 FROM pg_stat_activity WHERE datname = '" + name + "'")
+                                    .empty();
+         ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(fx.client().post("/v1/devicetag/update", tag).status, 200);
+
     administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS false");
     administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
 
     HttpClient probes(fx.adminPort());
     const HttpResult places = fx.places(key, kLat, kLon);
     ASSERT_EQ(places.status, 200) << places.body;
-    const json tag = {{"sessionKey", key}, {"tag", "t"}, {"tagValue", "v"}};
     for (int i = 0; i < 3; ++i) {
         const HttpResult write = fx.client().post("/v1/devicetag/update", tag);
         EXPECT_EQ(write.status, 503) << write.body;
