@@ -60,8 +60,13 @@ PgConnection::PgConnection(const std::string& location, int lockTimeoutMs) {
         conn_ = nullptr;
         throw DatabaseBusy("cannot connect to " + displayLocation(location) + ": " + message);
     }
-    exec("SET lock_timeout = " + std::to_string(std::max(1, lockTimeoutMs)) +
-         "; SET client_min_messages = warning; SET TIME ZONE 'UTC'");
+    try {
+        exec("SET lock_timeout = " + std::to_string(std::max(1, lockTimeoutMs)) +
+             "; SET client_min_messages = warning; SET TIME ZONE 'UTC'");
+    } catch (...) {
+        PQfinish(conn_);
+        throw;
+    }
 }
 
 PgConnection::~PgConnection() {
