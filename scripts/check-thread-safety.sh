@@ -13,5 +13,5 @@ command -v clang++ >/dev/null || { echo "check-thread-safety: clang++ is not ins
 
 find server/src -name '*.cpp' -print0 | sort -z |
     xargs -0 -n 1 -P "$(nproc)" clang++ -std=c++20 -fsyntax-only -Wthread-safety -Wthread-safety-beta -Werror \
-        -DBOOST_BEAST_USE_STD_STRING_VIEW -Iserver/src -Iserver/include -Iinclude
+        -DBOOST_BEAST_USE_STD_STRING_VIEW -Iserver/src -Iserver/include -Iinclude -I"$(pg_config --includedir)"
 echo "check-thread-safety: tovrel-server's locks are held where they must be"

@@ -28,6 +28,9 @@ packages=(
     prometheus-cpp-dev zlib1g-dev
     # tovrel-sim's allocator: a fleet's time is mostly small JSON allocations on every core
     libmimalloc-dev
+    # tovrel-server: metrics in the Prometheus format, gzip answers; PostgreSQL with PostGIS as the shared
+    # store of several replicas (its tests start a server of their own)
+    prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

@@ -5,8 +5,7 @@
 #include <sstream>
 
 #include "catalog_data.h"
-#include "database.h"
-#include "report.h"
+#include "store.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
@@ -25,22 +24,20 @@ ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& ge
     if (!check.problems.empty()) {
         throw ImportError(describeProblems(check.problems));
     }
-    Database db(dbPath);
-    return writeCatalog(db, *check.catalog, wallClock());
+    return openStore(dbPath)->writePlaceCatalog(*check.catalog, wallClock());
 }
 
 void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name) {
     if (key.empty()) {
         throw std::invalid_argument("the app key must not be empty");
     }
-    Database db(dbPath);
-    writeApp(db, AppDef{key, name}, wallClock());
+    openStore(dbPath)->writeApp(AppDef{key, name}, wallClock());
 }
 
 namespace {
 
 void requireDatabase(const std::string& dbPath) {
-    if (dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
+    if (!isPostgresLocation(dbPath) && dbPath != ":memory:" && !std::filesystem::exists(dbPath)) {
         throw std::runtime_error("there is no database " + dbPath);
     }
 }
@@ -49,14 +46,12 @@ void requireDatabase(const std::string& dbPath) {
 
 Report readReport(const std::string& dbPath) {
     requireDatabase(dbPath);
-    Database db(dbPath);
-    return readReport(db);
+    return openStore(dbPath)->report();
 }
 
 Funnel readFunnel(const std::string& dbPath, bool byDay) {
     requireDatabase(dbPath);
-    Database db(dbPath);
-    return readFunnel(db, byDay);
+    return openStore(dbPath)->funnel(byDay);
 }
 
 }  // namespace tovrel_server

@@ -216,13 +216,13 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                     404, "use POST " + std::string(path.substr(0, path.rfind('/'))) + "/disable or /enable");
             }
             const bool disabled = parts[2] == "disable";
-            if (!service_.change([&](Database& db) { return setDisabled(db, disabled); }, catalog)) {
+            if (!service_.change([&](Store& store) { return setDisabled(store, disabled); }, catalog)) {
                 throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
             }
             return jsonReply(200, {{"id", parts[1]}, {"disabled", disabled}});
         };
         const auto remove = [&](auto&& removeOne, bool catalog) -> HttpReply {
-            if (!service_.change([&](Database& db) { return removeOne(db); }, catalog)) {
+            if (!service_.change([&](Store& store) { return removeOne(store); }, catalog)) {
                 throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
             }
             return jsonReply(200, {{"removed", parts[1]}});
@@ -231,8 +231,7 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         if (kind == "apps") {
             if (parts.size() == 1 && get) {
                 return jsonReply(
-                    200, {{"apps",
-                           service_.change([](Database& db) { return admin_store::listApps(db); }, false)}});
+                    200, {{"apps", service_.change([](Store& store) { return store.listApps(); }, false)}});
             }
             if (parts.size() == 1 && post) {
                 const json req = parseObjectBody(body);
@@ -240,64 +239,59 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 const std::string key = optionalString(req, "key", "");
                 bool added = false;
                 const std::string stored = service_.change(
-                    [&](Database& db) { return admin_store::addApp(db, key, name, now, &added); }, false);
+                    [&](Store& store) { return store.addApp(key, name, now, &added); }, false);
                 return jsonReply(added ? 201 : 200, {{"key", stored}, {"name", name}});
             }
             if (parts.size() == 2 && del) {
-                return remove([&](Database& db) { return admin_store::removeApp(db, parts[1]); }, false);
+                return remove([&](Store& store) { return store.removeApp(parts[1]); }, false);
             }
             if (parts.size() == 3 && post && parts[2] == "rotate") {
-                const auto fresh = service_.change(
-                    [&](Database& db) { return admin_store::rotateApp(db, parts[1]); }, false);
+                const auto fresh =
+                    service_.change([&](Store& store) { return store.rotateApp(parts[1]); }, false);
                 if (!fresh) {
                     throw ApiError(404, "there is no app " + parts[1]);
                 }
                 return jsonReply(200, {{"key", *fresh}, {"previous", parts[1]}});
             }
             if (parts.size() == 3) {
-                return toggle(
-                    [&](Database& db, bool d) { return admin_store::setAppDisabled(db, parts[1], d); },
-                    false);
+                return toggle([&](Store& store, bool d) { return store.setAppDisabled(parts[1], d); }, false);
             }
         } else if (kind == "campaigns") {
             if (parts.size() == 1 && get) {
                 return jsonReply(
-                    200,
-                    {{"campaigns",
-                      service_.change([](Database& db) { return admin_store::listCampaigns(db); }, false)}});
+                    200, {{"campaigns",
+                           service_.change([](Store& store) { return store.listCampaigns(); }, false)}});
             }
             if (parts.size() == 1 && post) {
                 const CatalogData data = parseGeoJson(
                     placeFile(json::array(), json::array({parseObjectBody(body)})).dump(), "the campaign");
                 const ImportSummary summary =
-                    service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+                    service_.change([&](Store& store) { return store.writeCatalog(data, now); }, true);
                 return jsonReply(200, {{"campaigns", summary.campaigns}});
             }
             if (parts.size() >= 2) {
-                const auto id = service_.change(
-                    [&](Database& db) { return admin_store::findCampaign(db, parts[1]); }, false);
+                const auto id =
+                    service_.change([&](Store& store) { return store.findCampaign(parts[1]); }, false);
                 if (!id) {
                     throw ApiError(404, "there is no campaign " + parts[1]);
                 }
                 if (parts.size() == 2 && del) {
-                    return remove([&](Database& db) { return admin_store::removeCampaign(db, *id); }, true);
+                    return remove([&](Store& store) { return store.removeCampaign(*id); }, true);
                 }
-                return toggle(
-                    [&](Database& db, bool d) { return admin_store::setCampaignDisabled(db, *id, d); }, true);
+                return toggle([&](Store& store, bool d) { return store.setCampaignDisabled(*id, d); }, true);
             }
         } else if (kind == "offers") {
             if (parts.size() == 1 && get) {
                 return jsonReply(
-                    200, {{"offers", service_.change([](Database& db) { return admin_store::listOffers(db); },
-                                                     false)}});
+                    200,
+                    {{"offers", service_.change([](Store& store) { return store.listOffers(); }, false)}});
             }
             if (parts.size() >= 2) {
                 const int64_t id = idOf(parts[1], "an offer's eventId");
                 if (parts.size() == 2 && del) {
-                    return remove([&](Database& db) { return admin_store::removeOffer(db, id); }, true);
+                    return remove([&](Store& store) { return store.removeOffer(id); }, true);
                 }
-                return toggle([&](Database& db, bool d) { return admin_store::setOfferDisabled(db, id, d); },
-                              true);
+                return toggle([&](Store& store, bool d) { return store.setOfferDisabled(id, d); }, true);
             }
         } else if (kind == "places") {
             if (parts.size() == 1 && get) {
@@ -306,8 +300,8 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 const int64_t from = after.empty() ? 0 : idOf(after, "a placeId");
                 const int64_t limit = limitText.empty() ? kDefaultPageSize : idOf(limitText, "a page size");
                 const int pageSize = static_cast<int>(std::clamp<int64_t>(limit, 1, kMaxPageSize));
-                json page = service_.change(
-                    [&](Database& db) { return admin_store::listPlaces(db, from, pageSize); }, false);
+                json page =
+                    service_.change([&](Store& store) { return store.listPlaces(from, pageSize); }, false);
                 json next = page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"]
                                                                               : json(nullptr);
                 return jsonReply(200, {{"places", std::move(page)}, {"next", std::move(next)}});
@@ -315,20 +309,19 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
             if (parts.size() == 1 && post) {
                 const json feature = parseObjectBody(body, 64);
                 const json campaigns =
-                    service_.change([](Database& db) { return admin_store::campaignDefinitions(db); }, false);
+                    service_.change([](Store& store) { return store.campaignDefinitions(); }, false);
                 const CatalogData data =
                     parseGeoJson(placeFile(json::array({feature}), campaigns).dump(), "the place");
                 const ImportSummary summary =
-                    service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+                    service_.change([&](Store& store) { return store.writeCatalog(data, now); }, true);
                 return jsonReply(200, {{"places", summary.places}, {"offers", summary.offers}});
             }
             if (parts.size() >= 2) {
                 const int64_t id = idOf(parts[1], "a placeId");
                 if (parts.size() == 2 && del) {
-                    return remove([&](Database& db) { return admin_store::removePlace(db, id); }, true);
+                    return remove([&](Store& store) { return store.removePlace(id); }, true);
                 }
-                return toggle([&](Database& db, bool d) { return admin_store::setPlaceDisabled(db, id, d); },
-                              true);
+                return toggle([&](Store& store, bool d) { return store.setPlaceDisabled(id, d); }, true);
             }
         } else if (kind == "import" && parts.size() == 1 && post) {
             const bool dryRun = queryValue(target, "dry_run") == "1";
@@ -354,7 +347,7 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                                        {"apps", data.apps.size()}});
             }
             const ImportSummary summary =
-                service_.change([&](Database& db) { return writeCatalog(db, data, now); }, true);
+                service_.change([&](Store& store) { return store.writePlaceCatalog(data, now); }, true);
             return jsonReply(200, {{"places", summary.places},
                                    {"offers", summary.offers},
                                    {"campaigns", summary.campaigns},
@@ -362,7 +355,7 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         } else if (kind == "funnel" && parts.size() == 1 && get) {
             const bool byDay = queryValue(target, "by") == "day";
             return jsonReply(
-                200, funnelJson(service_.change([&](Database& db) { return readFunnel(db, byDay); }, false)));
+                200, funnelJson(service_.change([&](Store& store) { return store.funnel(byDay); }, false)));
         }
         throw ApiError(404, "there is no admin endpoint " + method + " " + std::string(path));
     } catch (const ApiError& e) {

@@ -8,14 +8,9 @@
 #include <string>
 #include <string_view>
 
-namespace tovrel_server {
+#include "store.h"
 
-/// The database stayed locked by another connection for longer than the busy timeout. Callers answer
-/// 503 with Retry-After: nothing was written.
-class DatabaseBusy : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+namespace tovrel_server {
 
 /// A prepared SQLite statement. Not thread-safe; owned by the connection's user.
 class Statement {
@@ -41,6 +36,8 @@ class Statement {
     void run();
     void reset();
 
+    /// Columns of the current row.
+    int columns() const { return sqlite3_column_count(stmt_); }
     int64_t integer(int col) const;
     double real(int col) const;
     std::string text(int col) const;

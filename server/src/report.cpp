@@ -25,47 +25,60 @@ void addStatus(FunnelCounts& counts, const std::string& status, int64_t n) {
 }
 
 // Counts by `key` (a column of device_events e), and by UTC day too when byDay, into rows[{day, id}].
-void countEvents(Database& db, const std::string& key, bool byDay,
+void countEvents(const FunnelSource& source, const std::string& key, bool byDay,
                  std::map<std::pair<std::string, int64_t>, FunnelCounts>& rows) {
-    const std::string linkDay = byDay ? "date(e.created_at, 'unixepoch')" : "''";
-    const std::string statusDay = byDay ? "date(s.at, 'unixepoch')" : "''";
-    Statement links =
-        db.prepare("SELECT " + linkDay + ", " + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2");
-    while (links.step()) {
-        rows[{links.text(0), links.integer(1)}].links = links.integer(2);
+    const std::string linkDay = byDay ? source.utcDay("e.created_at") : "''";
+    const std::string statusDay = byDay ? source.utcDay("s.at") : "''";
+    for (const auto& row :
+         source.rows("SELECT " + linkDay + ", " + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2")) {
+        rows[{row[0], std::stoll(row[1])}].links = std::stoll(row[2]);
     }
-    Statement statuses = db.prepare("SELECT " + statusDay + ", " + key +
-                                    ", s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
-                                    "JOIN device_events e ON e.id = s.device_event GROUP BY 1, 2, 3");
-    while (statuses.step()) {
-        addStatus(rows[{statuses.text(0), statuses.integer(1)}], statuses.text(2), statuses.integer(3));
+    for (const auto& row :
+         source.rows("SELECT " + statusDay + ", " + key +
+                     ", s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
+                     "JOIN device_events e ON e.id = s.device_event GROUP BY 1, 2, 3")) {
+        addStatus(rows[{row[0], std::stoll(row[1])}], row[2], std::stoll(row[3]));
     }
 }
 
 }  // namespace
 
 Funnel readFunnel(Database& db, bool byDay) {
+    const FunnelSource sqlite{
+        [&db](const std::string& sql) {
+            std::vector<std::vector<std::string>> rows;
+            Statement st = db.prepare(sql);
+            while (st.step()) {
+                auto& row = rows.emplace_back();
+                for (int i = 0; i < st.columns(); ++i) {
+                    row.push_back(st.text(i));
+                }
+            }
+            return rows;
+        },
+        [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; }};
+    return readFunnel(sqlite, byDay);
+}
+
+Funnel readFunnel(const FunnelSource& source, bool byDay) {
     Funnel funnel;
     std::map<int64_t, std::size_t> campaignIndex;
-    Statement campaigns = db.prepare("SELECT id, name FROM campaigns ORDER BY id");
-    while (campaigns.step()) {
-        campaignIndex[campaigns.integer(0)] = funnel.campaigns.size();
-        funnel.campaigns.push_back(FunnelRow{"", campaigns.integer(0), campaigns.text(1), 0, "", {}});
+    for (const auto& row : source.rows("SELECT id, name FROM campaigns ORDER BY id")) {
+        campaignIndex[std::stoll(row[0])] = funnel.campaigns.size();
+        funnel.campaigns.push_back(FunnelRow{"", std::stoll(row[0]), row[1], 0, "", {}});
     }
     std::map<int64_t, std::size_t> offerIndex;
-    Statement offers = db.prepare(
-        "SELECT o.id, o.event_name, c.id, c.name FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER "
-        "BY o.id");
-    while (offers.step()) {
-        offerIndex[offers.integer(0)] = funnel.offers.size();
-        funnel.offers.push_back(
-            FunnelRow{"", offers.integer(2), offers.text(3), offers.integer(0), offers.text(1), {}});
+    for (const auto& row :
+         source.rows("SELECT o.id, o.event_name, c.id, c.name FROM offers o JOIN campaigns c "
+                     "ON c.id = o.campaign ORDER BY o.id")) {
+        offerIndex[std::stoll(row[0])] = funnel.offers.size();
+        funnel.offers.push_back(FunnelRow{"", std::stoll(row[2]), row[3], std::stoll(row[0]), row[1], {}});
     }
 
     std::map<std::pair<std::string, int64_t>, FunnelCounts> byCampaign;
     std::map<std::pair<std::string, int64_t>, FunnelCounts> byOffer;
-    countEvents(db, "e.campaign", false, byCampaign);
-    countEvents(db, "e.offer", false, byOffer);
+    countEvents(source, "e.campaign", false, byCampaign);
+    countEvents(source, "e.offer", false, byOffer);
     for (const auto& [key, counts] : byCampaign) {
         if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
             funnel.campaigns[it->second].counts = counts;
@@ -81,8 +94,8 @@ Funnel readFunnel(Database& db, bool byDay) {
     }
     byCampaign.clear();
     byOffer.clear();
-    countEvents(db, "e.campaign", true, byCampaign);
-    countEvents(db, "e.offer", true, byOffer);
+    countEvents(source, "e.campaign", true, byCampaign);
+    countEvents(source, "e.offer", true, byOffer);
     for (const auto& [key, counts] : byCampaign) {
         FunnelRow row{key.first, key.second, "", 0, "", counts};
         if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {

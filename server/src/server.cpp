@@ -40,6 +40,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.maxCachedSessions = o.maxCachedSessions;
     s.sessionRateLimit = o.sessionRateLimit;
     s.logRateLimit = o.logRateLimit;
+    s.logRetentionDays = o.logRetentionDays;
     return s;
 }
 

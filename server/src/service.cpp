@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "buffer_pool.h"
-#include "report.h"
 #include "request_fields.h"
 #include "session_keys.h"
 
@@ -52,12 +51,11 @@ double steadyNow() {
 
 }  // namespace
 
-Service::Service(const std::string& dbPath, Clock clock, ServiceOptions options, Metrics* metrics)
+Service::Service(const std::string& location, Clock clock, ServiceOptions options, Metrics* metrics)
     : clock_(std::move(clock)),
       options_(options),
       metrics_(metrics),
-      dbPath_(dbPath),
-      db_(dbPath, options.busyTimeoutMs),
+      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
     reloadPlaces();
@@ -197,14 +195,11 @@ std::shared_ptr<const Catalog> Service::catalog() {
 void Service::reloadPlaces() {
     Lock rebuild(rebuildMutex_);
     CatalogData data;
-    if (dbPath_.empty() || dbPath_ == ":memory:") {
-        // A private in-memory database has no second connection to read from.
-        Lock db(dbMutex_);
-        data = readCatalog(db_);
+    if (concurrentStore().concurrentCatalogReads()) {
+        data = concurrentStore().readCatalog();
     } else {
-        Database reader(dbPath_, options_.busyTimeoutMs);
-        Transaction snapshot(reader, Transaction::Kind::read);
-        data = readCatalog(reader);
+        Lock db(dbMutex_);
+        data = store_->readCatalog();
     }
     auto fresh = std::make_shared<const Catalog>(data);
     data = CatalogData();
@@ -231,15 +226,11 @@ std::size_t Service::sessionsCached() {
 }
 
 bool Service::databaseReachable() {
-    try {
-        if (dbPath_.empty() || dbPath_ == ":memory:") {
-            return true;
-        }
-        Database reader(dbPath_, options_.busyTimeoutMs);
-        return reader.prepare("SELECT count(*) FROM sqlite_master").step();
-    } catch (const std::exception&) {
-        return false;
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().reachable();
     }
+    Lock db(dbMutex_);
+    return store_->reachable();
 }
 
 void Service::loadDeviceLocked(int64_t device) {
@@ -250,13 +241,9 @@ void Service::loadDeviceLocked(int64_t device) {
         }
     }
     DeviceLinks links;
-    Statement st = db_.prepare(
-        "SELECT id, offer, place, campaign, suppressed FROM device_events WHERE device = ? AND cleared_at IS "
-        "NULL");
-    st.with(device);
-    while (st.step()) {
-        links.byPair[pairKey(st.integer(1), st.integer(2))] = LinkInfo{st.integer(0), st.integer(4) != 0};
-        ++links.perCampaign[st.integer(3)];
+    for (const LinkRow& row : store_->liveLinks(device)) {
+        links.byPair[pairKey(row.offer, row.place)] = LinkInfo{row.id, row.suppressed};
+        ++links.perCampaign[row.campaign];
     }
     Lock lock(stateMutex_);
     devices_.emplace(device, std::move(links));
@@ -304,13 +291,12 @@ int64_t Service::authenticate(const json& req) {
         }
     }
     Lock db(dbMutex_);
-    Statement st = db_.prepare("SELECT device, created_at FROM sessions WHERE key_hash = ?");
-    if (!st.with(keyHash).step()) {
+    const std::optional<SessionRow> stored = store_->findSession(keyHash);
+    if (!stored) {
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
     }
-    const int64_t device = st.integer(0);
-    const double createdAt = st.real(1);
-    st.reset();
+    const int64_t device = stored->device;
+    const double createdAt = stored->createdAt;
     if (options_.sessionTtl > 0 && now - createdAt > options_.sessionTtl) {
         throw ApiError(401, "the sessionKey has expired; start a new session at /v1/session");
     }
@@ -332,7 +318,7 @@ std::string Service::session(const json& req) {
     const double now = clock_();
 
     Lock db(dbMutex_);
-    if (!db_.prepare("SELECT 1 FROM apps WHERE key = ? AND disabled = 0").with(sdkKey).step()) {
+    if (!store_->appEnabled(sdkKey)) {
         // A device with a wrong key retries at once, for ever: the next tries are refused from memory.
         Lock lock(refusedMutex_);
         if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
@@ -341,19 +327,8 @@ std::string Service::session(const json& req) {
         refusedSdkKeys_[sdkKey] = steadyNow() + kRefusedSdkKeySeconds;
         throw ApiError(401, "the sdkkey is not a registered app key");
     }
-    Transaction tx(db_);
-    Statement device = db_.prepare(
-        "INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, last_seen) "
-        "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(device_id) DO UPDATE SET device_type = excluded.device_type, "
-        "device_model = excluded.device_model, app_key = excluded.app_key, last_seen = excluded.last_seen "
-        "RETURNING id");
-    device.with(deviceId, deviceType, deviceModel, sdkKey, now, now).step();
-    const int64_t deviceRow = device.integer(0);
-    device.run();
-    db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
-        .with(keyHash, deviceRow, sdkKey, now)
-        .run();
-    tx.commit();
+    const int64_t deviceRow =
+        store_->startSession(DeviceInfo{deviceId, deviceType, deviceModel, sdkKey}, keyHash, now);
     loadDeviceLocked(deviceRow);
     cacheSessionLocked(keyHash, deviceRow, now);
     return json{{"sessionKey", key}}.dump();
@@ -447,13 +422,10 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
         if (existing) {
             info = *existing;
         } else {
-            info.suppressed = campaign.perDeviceCap && before >= *campaign.perDeviceCap;
-            db_.prepare(
-                   "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
-                   "VALUES(?, ?, ?, ?, ?, ?)")
-                .with(device, eventId, placeId, campaign.id, info.suppressed ? 1 : 0, clock_())
-                .run();
-            info.id = db_.lastInsertId();
+            const bool suppressed = campaign.perDeviceCap && before >= *campaign.perDeviceCap;
+            const LinkRow stored =
+                store_->addLink(device, LinkRow{0, eventId, placeId, campaign.id, suppressed}, clock_());
+            info = LinkInfo{stored.id, stored.suppressed};
             // The writers' lock held throughout: nothing evicted the device since it was loaded.
             Lock lock(stateMutex_);
             DeviceLinks& links = devices_.at(device);
@@ -478,23 +450,17 @@ std::string Service::update(const json& req) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
     Lock db(dbMutex_);
-    Statement owner = db_.prepare("SELECT device FROM device_events WHERE id = ? AND cleared_at IS NULL");
-    if (!owner.with(id).step() || owner.integer(0) != device) {
+    if (store_->liveLinkOwner(id) != device) {
         throw ApiError(404, "this device has no device event " + std::to_string(id));
     }
-    owner.reset();
-    db_.prepare("INSERT INTO device_event_status(device_event, status, at) VALUES(?, ?, ?)")
-        .with(id, code, clock_())
-        .run();
+    store_->addLinkStatus(id, code, clock_());
     return kStatusOk;
 }
 
 std::string Service::clear(const json& req) {
     const int64_t device = authenticate(req);
     Lock db(dbMutex_);
-    db_.prepare("UPDATE device_events SET cleared_at = ? WHERE device = ? AND cleared_at IS NULL")
-        .with(clock_(), device)
-        .run();
+    store_->clearLinks(device, clock_());
     Lock lock(stateMutex_);
     DeviceLinks& links = devices_[device];
     links.byPair.clear();
@@ -508,12 +474,7 @@ std::string Service::tagUpdate(const json& req) {
     const std::string& value = requireString(req, "tagValue");
     const std::string group = optionalString(req, "groupTag", "");
     Lock db(dbMutex_);
-    db_.prepare(
-           "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES(?, ?, ?, ?, ?) "
-           "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
-           "excluded.updated_at")
-        .with(device, group, tag, value, clock_())
-        .run();
+    store_->setTag(device, group, tag, value, clock_());
     return kStatusOk;
 }
 
@@ -522,9 +483,7 @@ std::string Service::tagDelete(const json& req) {
     const std::string& tag = requireString(req, "tag");
     const std::string group = optionalString(req, "groupTag", "");
     Lock db(dbMutex_);
-    db_.prepare("DELETE FROM device_tags WHERE device = ? AND group_tag = ? AND tag = ?")
-        .with(device, group, tag)
-        .run();
+    store_->deleteTag(device, group, tag);
     return kStatusOk;
 }
 
@@ -544,9 +503,7 @@ std::string Service::log(const json& req) {
     }
     const std::string text = message->dump();
     Lock db(dbMutex_);
-    db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
-        .with(deviceId, event, text, clock_())
-        .run();
+    store_->addLog(deviceId, event, text, clock_());
     return kStatusOk;
 }
 
@@ -555,17 +512,17 @@ ImportSummary Service::importGeoJson(const std::string& path) {
     if (!check.catalog) {
         throw ImportError(describeProblems(check.problems));
     }
-    return change([&](Database& db) { return writeCatalog(db, *check.catalog, clock_()); }, true);
+    return change([&](Store& store) { return store.writePlaceCatalog(*check.catalog, clock_()); }, true);
 }
 
 void Service::addApp(const std::string& key, const std::string& name) {
     Lock db(dbMutex_);
-    writeApp(db_, AppDef{key, name}, clock_());
+    store_->writeApp(AppDef{key, name}, clock_());
 }
 
 Report Service::report() {
     Lock db(dbMutex_);
-    return readReport(db_);
+    return store_->report();
 }
 
 }  // namespace tovrel_server

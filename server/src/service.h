@@ -13,9 +13,9 @@
 #include <variant>
 
 #include "catalog.h"
-#include "database.h"
 #include "metrics.h"
 #include "rate_limiter.h"
+#include "store.h"
 #include "thread_annotations.h"
 #include "tovrel_server/server.h"
 
@@ -43,16 +43,19 @@ struct ServiceOptions {
     double sessionRateLimit = 0;
     /// /v1/log messages a second one device may send (bursts of 60 times that); 0: no limit.
     double logRateLimit = 0;
+    /// Days of log messages kept (see StoreOptions); 0: every message.
+    int logRetentionDays = 0;
 };
 
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and
 /// database threads handle() at once.
 ///
-/// SQLite holds everything durably through one connection used under dbMutex_ (writes are
-/// serialised). Hot reads never touch SQLite: the catalogue snapshot, the session keys and each
+/// The Store (SQLite or PostgreSQL) holds everything durably and is used under dbMutex_ (writes are
+/// serialised). Hot reads never touch the store: the catalogue snapshot, the session keys and each
 /// device's live links are mirrored in memory under stateMutex_, which writers update while they
 /// still hold dbMutex_ so that memory and database never disagree. The catalogue is rebuilt from a
-/// connection of its own and swapped in, so neither requests nor writers wait for a rebuild.
+/// snapshot read by a connection of its own and swapped in, so neither requests nor writers wait for a
+/// rebuild.
 class Service {
   public:
     /// The widest search /v2/place accepts, in metres (the component asks for 8047).
@@ -62,8 +65,10 @@ class Service {
     /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
     static constexpr std::size_t kMaxLogBody = 256 * 1024;
 
-    /// Opens the database and builds the catalogue; throws std::runtime_error. `metrics` may be null.
-    Service(const std::string& dbPath, Clock clock, ServiceOptions options = {}, Metrics* metrics = nullptr);
+    /// Opens the store at `location` (an SQLite file or a postgresql:// address) and builds the
+    /// catalogue; throws std::runtime_error. `metrics` may be null.
+    Service(const std::string& location, Clock clock, ServiceOptions options = {},
+            Metrics* metrics = nullptr);
 
     /// True when path names a JSON endpoint (answered by handle(), POST only).
     static bool isEndpoint(std::string_view path);
@@ -81,16 +86,16 @@ class Service {
     /// handle() for a body already parsed. Any thread; blocks while the database is locked.
     ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase);
 
-    /// Runs `work` on the database under the writers' lock and, when `catalogChanged`, rebuilds the
+    /// Runs `work` on the store under the writers' lock and, when `catalogChanged`, rebuilds the
     /// catalogue afterwards (outside that lock) so that the change is served when this returns. Any
     /// thread.
     template <typename Work>
     auto change(Work&& work, bool catalogChanged) {
-        using Result = decltype(work(db_));
+        using Result = decltype(work(*store_));
         if constexpr (std::is_void_v<Result>) {
             {
                 Lock db(dbMutex_);
-                work(db_);
+                work(*store_);
             }
             if (catalogChanged) {
                 reloadPlaces();
@@ -98,7 +103,7 @@ class Service {
         } else {
             Result result = [&] {
                 Lock db(dbMutex_);
-                return work(db_);
+                return work(*store_);
             }();
             if (catalogChanged) {
                 reloadPlaces();
@@ -161,16 +166,18 @@ class Service {
     /// Holds a session key in memory, forgetting the oldest beyond the limit.
     void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt)
         TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
+    /// The store, for the operations it allows on any thread at once without the writers' lock: a
+    /// catalogue snapshot and the reachability check, when concurrentCatalogReads().
+    Store& concurrentStore() const TOVREL_NO_THREAD_SAFETY_ANALYSIS { return *store_; }
     std::shared_ptr<const Catalog> catalog();
     std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
 
     Clock clock_;
     ServiceOptions options_;
     Metrics* metrics_;
-    std::string dbPath_;
-    /// The writers' lock: one database connection, and the order of every change to the mirror below.
+    /// The writers' lock: the store's writes, and the order of every change to the mirror below.
     Mutex dbMutex_;
-    Database db_ TOVREL_GUARDED_BY(dbMutex_);
+    std::unique_ptr<Store> store_ TOVREL_PT_GUARDED_BY(dbMutex_);
     Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
     /// The mirror that requests read without the database; changed only with dbMutex_ held too.

@@ -26,6 +26,7 @@
 #define TOVREL_RELEASE_SHARED(...) TOVREL_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define TOVREL_RELEASE_GENERIC(...) TOVREL_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define TOVREL_EXCLUDES(...) TOVREL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define TOVREL_NO_THREAD_SAFETY_ANALYSIS TOVREL_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace tovrel_server {
 

@@ -13,12 +13,11 @@
 #include <vector>
 
 #include "admin_handler.h"
-#include "admin_store.h"
 #include "catalog_data.h"
-#include "database.h"
 #include "listen_address.h"
 #include "log.h"
 #include "report.h"
+#include "store.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
@@ -69,7 +68,7 @@ int serve(ServeSettings settings) {
     auto serving = logger.line(LogLevel::info, "serving");
     serving.add("listen", hostPort(address.host, port))
         .add("tls", !options.tlsCertificateFile.empty())
-        .add("db", options.dbPath);
+        .add("db", displayLocation(options.dbPath));
     if (server.adminPort() != 0) {
         serving.add("admin", hostPort(options.adminAddress, server.adminPort()))
             .add("adminApi", !options.adminToken.empty());
@@ -83,8 +82,14 @@ int serve(ServeSettings settings) {
         int signal = 0;
         sigwait(&signals, &signal);
         if (signal == SIGHUP) {
-            server.reloadPlaces();
-            logger.write(LogLevel::info, logger.line(LogLevel::info, "places reloaded"));
+            try {
+                server.reloadPlaces();
+                logger.write(LogLevel::info, logger.line(LogLevel::info, "places reloaded"));
+            } catch (const std::exception& e) {
+                // The database is busy or away: the places in memory stay served; SIGHUP again later.
+                logger.write(LogLevel::warn,
+                             logger.line(LogLevel::warn, "places not reloaded").add("error", e.what()));
+            }
             continue;
         }
         logger.write(LogLevel::info,
@@ -110,16 +115,16 @@ int report(const std::string& db, bool asJson, bool byDay) {
 }
 
 // Changes by these verbs reach a running server at its next SIGHUP (campaigns) or session start (apps).
-Database openExisting(const std::string& db) {
-    if (!std::filesystem::exists(db)) {
+std::unique_ptr<Store> openExisting(const std::string& db) {
+    if (!isPostgresLocation(db) && !std::filesystem::exists(db)) {
         throw std::runtime_error("there is no database " + db);
     }
-    return Database(db);
+    return openStore(db);
 }
 
 int listTable(const std::string& dbPath, bool apps) {
-    Database db = openExisting(dbPath);
-    const nlohmann::json rows = apps ? admin_store::listApps(db) : admin_store::listCampaigns(db);
+    const auto store = openExisting(dbPath);
+    const nlohmann::json rows = apps ? store->listApps() : store->listCampaigns();
     std::vector<std::vector<std::string>> table;
     if (apps) {
         table.push_back({"key", "name", "state"});
@@ -140,17 +145,17 @@ int listTable(const std::string& dbPath, bool apps) {
 }
 
 int changeApp(const std::string& dbPath, const std::string& verb, const std::string& key) {
-    Database db = openExisting(dbPath);
+    const auto store = openExisting(dbPath);
     if (verb == "rotate") {
-        const auto fresh = admin_store::rotateApp(db, key);
+        const auto fresh = store->rotateApp(key);
         if (!fresh) {
             throw std::runtime_error("there is no app key \"" + key + "\"");
         }
         std::printf("%s\n", fresh->c_str());
         return 0;
     }
-    const bool done = verb == "remove" ? admin_store::removeApp(db, key)
-                                       : admin_store::setAppDisabled(db, key, verb == "disable");
+    const bool done =
+        verb == "remove" ? store->removeApp(key) : store->setAppDisabled(key, verb == "disable");
     if (!done) {
         throw std::runtime_error("there is no app key \"" + key + "\"");
     }
@@ -159,9 +164,9 @@ int changeApp(const std::string& dbPath, const std::string& verb, const std::str
 }
 
 int changeCampaign(const std::string& dbPath, const std::string& campaign, bool disable) {
-    Database db = openExisting(dbPath);
-    const auto id = admin_store::findCampaign(db, campaign);
-    if (!id || !admin_store::setCampaignDisabled(db, *id, disable)) {
+    const auto store = openExisting(dbPath);
+    const auto id = store->findCampaign(campaign);
+    if (!id || !store->setCampaignDisabled(*id, disable)) {
         throw std::runtime_error("there is no campaign \"" + campaign + "\"");
     }
     std::printf("campaign \"%s\": %s (a running server serves the change after SIGHUP)\n", campaign.c_str(),
@@ -205,7 +210,10 @@ int main(int argc, char** argv) {
 
     std::string db;
     auto addDb = [&db](CLI::App* command) {
-        command->add_option("--db", db, "SQLite database file (created when missing)")
+        command
+            ->add_option("--db", db,
+                         "SQLite database file (created when missing), or a postgresql:// address of a "
+                         "PostgreSQL database shared by several servers")
             ->required()
             ->envname("TOVREL_DB");
     };
@@ -274,6 +282,12 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->envname("TOVREL_LOG_RATE_LIMIT")
         ->check(CLI::Range(0.0, 1e9));
+    serveCmd
+        ->add_option("--log-retention-days", serveOptions.logRetentionDays,
+                     "Days of /v1/log messages kept (today in UTC and the days before); 0: all")
+        ->capture_default_str()
+        ->envname("TOVREL_LOG_RETENTION_DAYS")
+        ->check(CLI::Range(0, 100000));
     serveCmd
         ->add_option("--session-ttl", serveOptions.sessionTtl,
                      "Seconds a session key stays valid (401 after); 0: for ever")

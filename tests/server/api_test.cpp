@@ -31,12 +31,12 @@ const json& record(const json& answer, const std::string& eventId, const std::st
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-class SessionEndpoint : public ::testing::Test {
+class SessionEndpoint : public StoreTest {
   protected:
-    ServerFixture fx;
+    ServerFixture fx{fixtureOptions()};
 };
 
-TEST_F(SessionEndpoint, EachStartGivesANewKeyAndOldKeysStayValid) {
+TEST_P(SessionEndpoint, EachStartGivesANewKeyAndOldKeysStayValid) {
     const std::string first = fx.startSession("DEVICE-A");
     const std::string second = fx.startSession("DEVICE-A");
     ASSERT_FALSE(first.empty());
@@ -46,18 +46,7 @@ TEST_F(SessionEndpoint, EachStartGivesANewKeyAndOldKeysStayValid) {
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT COUNT(*) FROM devices"), std::vector<std::string>{"1"});
 }
 
-TEST_F(SessionEndpoint, TheDatabaseHoldingTheKeysIsTheOwnersAlone) {
-    fx.startSession("DEVICE-A");
-    namespace fs = std::filesystem;
-    const auto others = fs::perms::group_all | fs::perms::others_all;
-    for (const std::string suffix : {"", "-wal", "-shm"}) {
-        const fs::path file = fx.dbPath() + suffix;
-        ASSERT_TRUE(fs::exists(file)) << file;
-        EXPECT_EQ(fs::status(file).permissions() & others, fs::perms::none) << file;
-    }
-}
-
-TEST_F(SessionEndpoint, UnknownSdkKeyIsRefused) {
+TEST_P(SessionEndpoint, UnknownSdkKeyIsRefused) {
     const HttpResult r = fx.client().post(
         "/v1/session",
         json{{"deviceId", "D"}, {"deviceType", "iOS"}, {"deviceModel", "iPhone"}, {"sdkkey", "nope"}});
@@ -65,14 +54,14 @@ TEST_F(SessionEndpoint, UnknownSdkKeyIsRefused) {
     EXPECT_TRUE(r.parsed().at("error").is_string());
 }
 
-TEST_F(SessionEndpoint, DeviceIsRememberedAcrossSessions) {
+TEST_P(SessionEndpoint, DeviceIsRememberedAcrossSessions) {
     const std::string first = fx.startSession("DEVICE-A");
     ASSERT_EQ(fx.link(first, "11", "1").status, 200);
     const std::string second = fx.startSession("DEVICE-A");
     EXPECT_EQ(record(fx.places(second, 48.137, 11.575).parsed(), "11", "1").at("isLinked"), 1);
 }
 
-TEST_F(SessionEndpoint, KeysSurviveARestartOfTheServer) {
+TEST_P(SessionEndpoint, KeysSurviveARestartOfTheServer) {
     const std::string key = fx.startSession("DEVICE-A");
     ASSERT_EQ(fx.link(key, "11", "1").status, 200);
     fx.server().stop();
@@ -99,27 +88,39 @@ TEST_F(SessionEndpoint, KeysSurviveARestartOfTheServer) {
               401);
 }
 
-class PlaceEndpoint : public ::testing::Test {
-  protected:
+TEST(SqliteFile, TheDatabaseHoldingTheKeysIsTheOwnersAlone) {
     ServerFixture fx;
+    fx.startSession("DEVICE-A");
+    namespace fs = std::filesystem;
+    const auto others = fs::perms::group_all | fs::perms::others_all;
+    for (const std::string suffix : {"", "-wal", "-shm"}) {
+        const fs::path file = fx.dbPath() + suffix;
+        ASSERT_TRUE(fs::exists(file)) << file;
+        EXPECT_EQ(fs::status(file).permissions() & others, fs::perms::none) << file;
+    }
+}
+
+class PlaceEndpoint : public StoreTest {
+  protected:
+    ServerFixture fx{fixtureOptions()};
     std::string key = fx.startSession("DEVICE-A");
 };
 
-TEST_F(PlaceEndpoint, ActiveOffersWithinTheThresholdNearestFirst) {
+TEST_P(PlaceEndpoint, ActiveOffersWithinTheThresholdNearestFirst) {
     const HttpResult r = fx.places(key, 48.137, 11.575);
     ASSERT_EQ(r.status, 200) << r.body;
     EXPECT_EQ(r.contentType, "application/json");
     EXPECT_EQ(pairs(r.parsed()), (Pairs{{"11", "1"}, {"12", "1"}, {"11", "2"}, {"21", "2"}, {"32", "3"}}));
 }
 
-TEST_F(PlaceEndpoint, ThresholdIsInclusiveAndInMetres) {
+TEST_P(PlaceEndpoint, ThresholdIsInclusiveAndInMetres) {
     // Place 2 lies 500 m north of the query point (to within a few millimetres).
     EXPECT_EQ(pairs(fx.places(key, 48.137, 11.575, "499.9").parsed()), (Pairs{{"11", "1"}, {"12", "1"}}));
     EXPECT_EQ(pairs(fx.places(key, 48.137, 11.575, "500.1").parsed()).size(), 4u);
     EXPECT_TRUE(fx.places(key, 10.0, 10.0).parsed().at("places").empty());
 }
 
-TEST_F(PlaceEndpoint, NumbersAndNumericStringsAreTheSame) {
+TEST_P(PlaceEndpoint, NumbersAndNumericStringsAreTheSame) {
     const json asNumbers =
         fx.client()
             .post("/v2/place", json{{"sessionKey", key},
@@ -130,7 +131,7 @@ TEST_F(PlaceEndpoint, NumbersAndNumericStringsAreTheSame) {
     EXPECT_EQ(asNumbers, asStrings);
 }
 
-TEST_F(PlaceEndpoint, OnlyTheFirstCoordinateCounts) {
+TEST_P(PlaceEndpoint, OnlyTheFirstCoordinateCounts) {
     const HttpResult r = fx.client().post(
         "/v2/place", json{{"sessionKey", key},
                           {"coordinatesList",
@@ -139,7 +140,7 @@ TEST_F(PlaceEndpoint, OnlyTheFirstCoordinateCounts) {
     EXPECT_EQ(pairs(r.parsed()), (Pairs{{"41", "4"}}));
 }
 
-TEST_F(PlaceEndpoint, RecordCarriesEveryMemberWithItsType) {
+TEST_P(PlaceEndpoint, RecordCarriesEveryMemberWithItsType) {
     const json r = record(fx.places(key, 48.137, 11.575).parsed(), "11", "1");
     ASSERT_TRUE(r.is_object());
     EXPECT_DOUBLE_EQ(r.at("centroidLat").get<double>(), 48.137);
@@ -168,7 +169,7 @@ TEST_F(PlaceEndpoint, RecordCarriesEveryMemberWithItsType) {
     EXPECT_EQ(capped.at("eventTypeId"), 2);
 }
 
-TEST_F(PlaceEndpoint, RelativeMediaTakesTheRequestsHost) {
+TEST_P(PlaceEndpoint, RelativeMediaTakesTheRequestsHost) {
     const HttpResult r = fx.client().request("POST", "/v2/place",
                                              json{{"sessionKey", key},
                                                   {"coordinatesList", {{{"lat", 48.137}, {"lon", 11.575}}}},
@@ -197,7 +198,7 @@ TEST(PlaceEndpointOptions, MediaBaseOptionWinsOverTheHost) {
     EXPECT_EQ(r.at("mediaURL"), "https://cdn.example.test/media/offer-1001.html");
 }
 
-TEST_F(PlaceEndpoint, CampaignsCountOnlyBetweenTheirDates) {
+TEST_P(PlaceEndpoint, CampaignsCountOnlyBetweenTheirDates) {
     fx.setTime(utc(2019, 6, 1));
     std::set<std::string> events;
     for (const auto& [e, p] : pairs(fx.places(key, 48.137, 11.575, "6000").parsed())) {
@@ -219,7 +220,7 @@ TEST_F(PlaceEndpoint, CampaignsCountOnlyBetweenTheirDates) {
     EXPECT_TRUE(record(fx.places(key, 48.137, 11.575).parsed(), "12", "1").is_null());
 }
 
-TEST_F(PlaceEndpoint, BadCoordinatesAreRefused) {
+TEST_P(PlaceEndpoint, BadCoordinatesAreRefused) {
     auto send = [&](const json& coords, const json& threshold) {
         return fx.client()
             .post("/v2/place",
@@ -241,7 +242,7 @@ TEST_F(PlaceEndpoint, BadCoordinatesAreRefused) {
     EXPECT_EQ(send(json::array({{{"lat", "48"}, {"lon", "11"}}}), "1e8"), 400);
 }
 
-TEST_F(PlaceEndpoint, AnAnswerCarriesAtMostTheNearestThousandRecords) {
+TEST_P(PlaceEndpoint, AnAnswerCarriesAtMostTheNearestThousandRecords) {
     // 1,200 places on a line going east from the query point, 5 m apart, each with one open offer.
     json features = json::array();
     for (int i = 0; i < 1200; ++i) {
@@ -274,13 +275,13 @@ TEST_F(PlaceEndpoint, AnAnswerCarriesAtMostTheNearestThousandRecords) {
     EXPECT_FALSE(ids.contains("11199"));
 }
 
-class LinkEndpoint : public ::testing::Test {
+class LinkEndpoint : public StoreTest {
   protected:
-    ServerFixture fx;
+    ServerFixture fx{fixtureOptions()};
     std::string key = fx.startSession("DEVICE-A");
 };
 
-TEST_F(LinkEndpoint, FirstLinkCreatesAnEventAndRepeatsReturnIt) {
+TEST_P(LinkEndpoint, FirstLinkCreatesAnEventAndRepeatsReturnIt) {
     const HttpResult first = fx.link(key, "11", "1");
     ASSERT_EQ(first.status, 200) << first.body;
     const json r = first.parsed().at("places").at(0);
@@ -303,7 +304,7 @@ TEST_F(LinkEndpoint, FirstLinkCreatesAnEventAndRepeatsReturnIt) {
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT COUNT(*) FROM device_events"), std::vector<std::string>{"1"});
 }
 
-TEST_F(LinkEndpoint, LinkedPlacesReadAsLinkedForThatDeviceOnly) {
+TEST_P(LinkEndpoint, LinkedPlacesReadAsLinkedForThatDeviceOnly) {
     ASSERT_EQ(fx.link(key, "11", "1").status, 200);
     const json mine = fx.places(key, 48.137, 11.575).parsed();
     EXPECT_EQ(record(mine, "11", "1").at("isLinked"), 1);
@@ -315,13 +316,13 @@ TEST_F(LinkEndpoint, LinkedPlacesReadAsLinkedForThatDeviceOnly) {
     EXPECT_EQ(record(fx.places(other, 48.137, 11.575).parsed(), "11", "1").at("isLinked"), 0);
 }
 
-TEST_F(LinkEndpoint, SameOfferAtTwoPlacesGivesTwoEvents) {
+TEST_P(LinkEndpoint, SameOfferAtTwoPlacesGivesTwoEvents) {
     const json a = fx.link(key, "11", "1").parsed().at("places").at(0);
     const json b = fx.link(key, "11", "2").parsed().at("places").at(0);
     EXPECT_NE(a.at("deviceEventId"), b.at("deviceEventId"));
 }
 
-TEST_F(LinkEndpoint, CampaignCapSuppressesLaterVisits) {
+TEST_P(LinkEndpoint, CampaignCapSuppressesLaterVisits) {
     // "Capped" allows one delivery per device: offer 12 at place 1 and offer 21 at place 2.
     const json first = fx.link(key, "12", "1").parsed().at("places").at(0);
     EXPECT_EQ(first.at("suppressMessage"), 0);
@@ -336,7 +337,7 @@ TEST_F(LinkEndpoint, CampaignCapSuppressesLaterVisits) {
     EXPECT_EQ(fx.link(other, "21", "2").parsed().at("places").at(0).at("suppressMessage"), 0);
 }
 
-TEST_F(LinkEndpoint, UnknownOffersAndPlacesAreNotFound) {
+TEST_P(LinkEndpoint, UnknownOffersAndPlacesAreNotFound) {
     EXPECT_EQ(fx.link(key, "99", "1").status, 404);
     EXPECT_EQ(fx.link(key, "11", "99").status, 404);
     // Offer 41 exists, but not at place 1.
@@ -353,9 +354,9 @@ TEST_F(LinkEndpoint, UnknownOffersAndPlacesAreNotFound) {
               400);
 }
 
-class UpdateEndpoint : public ::testing::Test {
+class UpdateEndpoint : public StoreTest {
   protected:
-    ServerFixture fx;
+    ServerFixture fx{fixtureOptions()};
     std::string key = fx.startSession("DEVICE-A");
     int64_t eventId = fx.link(key, "11", "1").parsed().at("places").at(0).at("deviceEventId").get<int64_t>();
 
@@ -367,7 +368,7 @@ class UpdateEndpoint : public ::testing::Test {
     }
 };
 
-TEST_F(UpdateEndpoint, EveryStatusChangeIsKeptWithItsTime) {
+TEST_P(UpdateEndpoint, EveryStatusChangeIsKeptWithItsTime) {
     fx.setTime(1000);
     EXPECT_EQ(update(std::to_string(eventId), "ack").parsed(), json::parse(R"({"status":1})"));
     fx.setTime(2000);
@@ -391,7 +392,7 @@ TEST_F(UpdateEndpoint, EveryStatusChangeIsKeptWithItsTime) {
     EXPECT_EQ(row->declined, 1);
 }
 
-TEST_F(UpdateEndpoint, OnlyTheFourStatusCodesAreAccepted) {
+TEST_P(UpdateEndpoint, OnlyTheFourStatusCodesAreAccepted) {
     for (const char* code : {"ACK", "", "opened", "seen "}) {
         EXPECT_EQ(update(eventId, code).status, 400) << code;
     }
@@ -402,7 +403,7 @@ TEST_F(UpdateEndpoint, OnlyTheFourStatusCodesAreAccepted) {
               400);
 }
 
-TEST_F(UpdateEndpoint, AnotherDevicesOrAnUnknownEventIsNotFound) {
+TEST_P(UpdateEndpoint, AnotherDevicesOrAnUnknownEventIsNotFound) {
     const std::string other = fx.startSession("DEVICE-B");
     EXPECT_EQ(update(eventId, "seen", other).status, 404);
     EXPECT_EQ(update(eventId + 1000, "seen").status, 404);
@@ -410,7 +411,7 @@ TEST_F(UpdateEndpoint, AnotherDevicesOrAnUnknownEventIsNotFound) {
     EXPECT_TRUE(queryRows(fx.dbPath(), "SELECT * FROM device_event_status").empty());
 }
 
-TEST_F(UpdateEndpoint, ClearRemovesTheDevicesEventsOnly) {
+TEST_P(UpdateEndpoint, ClearRemovesTheDevicesEventsOnly) {
     const std::string other = fx.startSession("DEVICE-B");
     const auto otherEvent = fx.link(other, "11", "1").parsed().at("places").at(0).at("deviceEventId");
     ASSERT_EQ(fx.link(key, "12", "1").status, 200);
@@ -430,13 +431,13 @@ TEST_F(UpdateEndpoint, ClearRemovesTheDevicesEventsOnly) {
     EXPECT_EQ(fx.link(key, "21", "2").parsed().at("places").at(0).at("suppressMessage"), 0);
 }
 
-class TagEndpoints : public ::testing::Test {
+class TagEndpoints : public StoreTest {
   protected:
-    ServerFixture fx;
+    ServerFixture fx{fixtureOptions()};
     std::string key = fx.startSession("DEVICE-A");
 };
 
-TEST_F(TagEndpoints, TagsAreSetReplacedAndDeleted) {
+TEST_P(TagEndpoints, TagsAreSetReplacedAndDeleted) {
     auto set = [&](const std::string& tag, const std::string& value, const std::string& group) {
         return fx.client().post(
             "/v1/devicetag/update",
@@ -459,7 +460,7 @@ TEST_F(TagEndpoints, TagsAreSetReplacedAndDeleted) {
         200);
 }
 
-TEST_F(TagEndpoints, MissingOrMistypedMembersAreRefused) {
+TEST_P(TagEndpoints, MissingOrMistypedMembersAreRefused) {
     EXPECT_EQ(fx.client().post("/v1/devicetag/update", json{{"sessionKey", key}, {"tagValue", "x"}}).status,
               400);
     EXPECT_EQ(fx.client()
@@ -471,13 +472,13 @@ TEST_F(TagEndpoints, MissingOrMistypedMembersAreRefused) {
         400);
 }
 
-class LogEndpoint : public ::testing::Test {
+class LogEndpoint : public StoreTest {
   protected:
-    ServerFixture fx;
+    ServerFixture fx{fixtureOptions()};
     HttpResult log(const json& body) { return fx.client().post("/v1/log", body); }
 };
 
-TEST_F(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
+TEST_P(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
     const json started = {
         {"session_started", {{"timestamp", "1700000000"}, {"environment", "PRD"}, {"version", "1.2.4"}}}};
     EXPECT_EQ(log({{"deviceid", "DEVICE-A"}, {"message", started}}).parsed(), json::parse(R"({"status":1})"));
@@ -495,7 +496,30 @@ TEST_F(LogEndpoint, MessagesAreStoredAsReceivedAndCountedByEventName) {
     EXPECT_EQ(stored[2].substr(0, stored[2].find('|')), "DEVICE-B");
 }
 
-TEST_F(LogEndpoint, MessagesOver256KiBAreTooLarge) {
+TEST_P(LogEndpoint, DaysBeyondTheRetentionAreDropped) {
+    ServerFixture::Options options = fixtureOptions();
+    options.configure = [](ServerOptions& o) { o.logRetentionDays = 2; };
+    ServerFixture kept(options);
+    const json message = {{"deviceid", "D"}, {"message", {{"day", 1}}}};
+    const auto counted = [&] { return kept.server().report().logCounts["day"]; };
+    // One message on 1 June, two on the 2nd, three on the 3rd: the 3rd keeps the 2nd and itself.
+    for (unsigned day = 1; day <= 3; ++day) {
+        kept.setTime(utc(2025, 6, day) + 3600);
+        for (unsigned i = 0; i < day; ++i) {
+            ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+        }
+    }
+    EXPECT_EQ(counted(), 5);
+    kept.setTime(utc(2025, 6, 4) - 1);
+    ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+    EXPECT_EQ(counted(), 6);
+    // The first second of the 4th drops the 2nd.
+    kept.setTime(utc(2025, 6, 4));
+    ASSERT_EQ(kept.client().post("/v1/log", message).status, 200);
+    EXPECT_EQ(counted(), 5);
+}
+
+TEST_P(LogEndpoint, MessagesOver256KiBAreTooLarge) {
     const auto body = [](std::size_t size) {
         std::string text = json{{"deviceid", "D"}, {"message", {{"big", ""}}}}.dump();
         text.insert(text.size() - 3, std::string(size - text.size(), 'x'));
@@ -508,7 +532,7 @@ TEST_F(LogEndpoint, MessagesOver256KiBAreTooLarge) {
     EXPECT_EQ(fx.server().report().logCounts, (std::map<std::string, int64_t>{{"big", 1}}));
 }
 
-TEST_F(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {
+TEST_P(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {
     EXPECT_EQ(log({{"deviceid", "D"}, {"message", "session_started"}}).status, 400);
     EXPECT_EQ(log({{"deviceid", "D"}, {"message", json::object()}}).status, 400);
     EXPECT_EQ(log({{"deviceid", "D"}, {"message", {{"a", 1}, {"b", 2}}}}).status, 400);
@@ -516,6 +540,13 @@ TEST_F(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {
     EXPECT_EQ(log({{"deviceid", 5}, {"message", {{"a", 1}}}}).status, 400);
     EXPECT_TRUE(fx.server().report().logCounts.empty());
 }
+
+TOVREL_ON_BOTH_STORES(SessionEndpoint);
+TOVREL_ON_BOTH_STORES(PlaceEndpoint);
+TOVREL_ON_BOTH_STORES(LinkEndpoint);
+TOVREL_ON_BOTH_STORES(UpdateEndpoint);
+TOVREL_ON_BOTH_STORES(TagEndpoints);
+TOVREL_ON_BOTH_STORES(LogEndpoint);
 
 }  // namespace
 }  // namespace tovrel_server::test

@@ -67,7 +67,14 @@ TEST_F(CommandLine, UsageErrorsExitWithTwo) {
     EXPECT_NE(run("report").output.find("--db"), std::string::npos);
 }
 
-TEST_F(CommandLine, ImportAppsAndReport) {
+// The commands that read and change the database, on each store.
+class CommandLineOnEachStore : public StoreTest {
+  protected:
+    TempDir dir;
+    std::string db = newDatabase(dir);
+};
+
+TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     const CommandResult imported =
         run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db);
     ASSERT_EQ(imported.exitCode, 0) << imported.output;
@@ -88,7 +95,11 @@ TEST_F(CommandLine, ImportAppsAndReport) {
     EXPECT_EQ(parsed.at("campaigns").size(), 6u);
     EXPECT_EQ(parsed.at("offers").at(0).at("links"), 0);
     EXPECT_FALSE(parsed.contains("days"));
-    // A link and its answer, stored as the server stores them, show in the funnel on their UTC day.
+    // A link and its answer, stored as the server stores them, show in the funnel on their UTC day
+    // (written here with SQLite's own client; the admin API's funnel test covers PostgreSQL's days).
+    if (GetParam() != StoreKind::sqlite) {
+        return;
+    }
     ASSERT_EQ(queryRows(db, "SELECT COUNT(*) FROM device_events"), std::vector<std::string>{"0"});
     {
         sqlite3* handle = nullptr;
@@ -208,7 +219,7 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
     EXPECT_EQ(queryRows(db, "SELECT COUNT(*) FROM sessions"), std::vector<std::string>{"1"});
 }
 
-TEST_F(CommandLine, AppsAndCampaignsAreManaged) {
+TEST_P(CommandLineOnEachStore, AppsAndCampaignsAreManaged) {
     ASSERT_EQ(
         run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db).exitCode, 0);
     EXPECT_NE(run("apps list --db " + db).output.find("demo-key  Demo  enabled"), std::string::npos);
@@ -233,6 +244,8 @@ TEST_F(CommandLine, AppsAndCampaignsAreManaged) {
     EXPECT_NE(unknown.output.find("no campaign"), std::string::npos);
     EXPECT_EQ(run("apps list --db " + (dir / "missing.db").string()).exitCode, 1);
 }
+
+TOVREL_ON_BOTH_STORES(CommandLineOnEachStore);
 
 TEST_F(CommandLine, SettingsComeFromAConfigFileAndTheEnvironmentToo) {
     const std::string config = dir.write("server.ini", "[serve]\ndb=" + db + "\nthreads=0\n");

@@ -2,11 +2,14 @@
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 
 #include <chrono>
 #include <stdexcept>
+
+#include "test_postgres.h"
 
 namespace tovrel_server::test {
 
@@ -170,7 +173,15 @@ ServerFixture::ServerFixture() : ServerFixture(Options{}) {}
 
 ServerFixture::ServerFixture(const Options& options)
     : now_(std::make_shared<std::atomic<double>>(utc(2025, 6, 1))) {
-    dbPath_ = options.fileDatabase ? (dir_ / "server.db").string() : ":memory:";
+    if (options.store == StoreKind::postgresql) {
+        TestPostgres* postgres = TestPostgres::shared();
+        if (postgres == nullptr) {
+            throw std::runtime_error("PostgreSQL is not available: " + TestPostgres::unavailableReason());
+        }
+        dbPath_ = postgres->newDatabase();
+    } else {
+        dbPath_ = options.fileDatabase ? (dir_ / "server.db").string() : ":memory:";
+    }
     ServerOptions so;
     so.dbPath = dbPath_;
     so.port = 0;
@@ -223,7 +234,71 @@ HttpResult ServerFixture::link(const std::string& key, const std::string& eventI
                          json{{"sessionKey", key}, {"eventId", eventId}, {"placeId", placeId}});
 }
 
+namespace {
+
+std::vector<std::string> queryPostgres(const std::string& address, const std::string& sql) {
+    std::unique_ptr<PGconn, void (*)(PGconn*)> conn(PQconnectdb(address.c_str()), PQfinish);
+    if (PQstatus(conn.get()) != CONNECTION_OK) {
+        throw std::runtime_error("cannot open " + address + ": " + PQerrorMessage(conn.get()));
+    }
+    std::unique_ptr<PGresult, void (*)(PGresult*)> r(PQexec(conn.get(), sql.c_str()), PQclear);
+    if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) {
+        throw std::runtime_error(std::string("bad query: ") + PQresultErrorMessage(r.get()));
+    }
+    constexpr Oid kBool = 16;
+    constexpr Oid kFloat8 = 701;
+    std::vector<std::string> rows;
+    for (int row = 0; row < PQntuples(r.get()); ++row) {
+        std::string line;
+        for (int col = 0; col < PQnfields(r.get()); ++col) {
+            std::string cell = PQgetisnull(r.get(), row, col) ? "NULL" : PQgetvalue(r.get(), row, col);
+            if (PQftype(r.get(), col) == kBool && cell != "NULL") {
+                cell = cell == "t" ? "1" : "0";
+            }
+            if (PQftype(r.get(), col) == kFloat8 && cell.find_first_of(".eEnN") == std::string::npos) {
+                cell += ".0";
+            }
+            line += (col ? "|" : "") + cell;
+        }
+        rows.push_back(line);
+    }
+    return rows;
+}
+
+}  // namespace
+
+ServerFixture::Options StoreTest::fixtureOptions(ServerFixture::Options options) const {
+    options.store = GetParam() == StoreKind::postgresql && TestPostgres::shared() != nullptr
+                        ? GetParam()
+                        : StoreKind::sqlite;
+    return options;
+}
+
+std::string StoreTest::newDatabase(const TempDir& dir) const {
+    if (GetParam() == StoreKind::postgresql && TestPostgres::shared() != nullptr) {
+        return TestPostgres::shared()->newDatabase();
+    }
+    return (dir / "test.db").string();
+}
+
+void StoreTest::SetUp() {
+    if (GetParam() == StoreKind::postgresql && TestPostgres::shared() == nullptr) {
+        GTEST_SKIP() << "PostgreSQL cases are skipped: " << TestPostgres::unavailableReason();
+    }
+}
+
+std::string storeName(const ::testing::TestParamInfo<StoreKind>& info) {
+    return info.param == StoreKind::postgresql ? "PostgreSQL" : "SQLite";
+}
+
+void PrintTo(StoreKind kind, std::ostream* out) {
+    *out << (kind == StoreKind::postgresql ? "PostgreSQL" : "SQLite");
+}
+
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql) {
+    if (dbPath.rfind("postgresql://", 0) == 0) {
+        return queryPostgres(dbPath, sql);
+    }
     sqlite3* db = nullptr;
     std::vector<std::string> rows;
     if (sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {

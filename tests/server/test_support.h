@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -80,13 +82,18 @@ double utc(int year, unsigned month, unsigned day);
 /// A place file with a few places and campaigns chosen for the tests (see test_support.cpp).
 std::string testPlacesGeoJson();
 
+/// The store a server test runs against.
+enum class StoreKind { sqlite, postgresql };
+
 /// An in-process server on an ephemeral port with the test places, app key "test-key", the
 /// example content folder and a clock the test sets (starts at 2025-06-01).
 class ServerFixture {
   public:
     struct Options {
-        bool fileDatabase = true;
-        std::string contentDir;  ///< default: the example content
+        /// PostgreSQL: a new database on the test program's own server (see TestPostgres).
+        StoreKind store = StoreKind::sqlite;
+        bool fileDatabase = true;  ///< SQLite: a file, or else ":memory:"
+        std::string contentDir;    ///< default: the example content
         std::string mediaBaseUrl;
         int requestTimeoutSeconds = 30;
         int maxConnections = 1000;
@@ -103,6 +110,7 @@ class ServerFixture {
     uint16_t port() const { return port_; }
     uint16_t adminPort() const { return server_->adminPort(); }
     HttpClient& client() { return *client_; }
+    /// The SQLite file, or the postgresql:// address of the test's database.
     const std::string& dbPath() const { return dbPath_; }
     const TempDir& dir() const { return dir_; }
     void setTime(double seconds) { now_->store(seconds); }
@@ -122,8 +130,32 @@ class ServerFixture {
     std::unique_ptr<HttpClient> client_;
 };
 
-/// Rows of a query on an SQLite file, each row's columns joined by '|'.
+/// Rows of a query on an SQLite file or a postgresql:// database, each row's columns joined by '|'
+/// (numbers and booleans written as SQLite writes them, so that one expectation serves both stores).
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
+
+/// A test of the JSON endpoints run once per store: `fixtureOptions()` picks this run's store; the
+/// PostgreSQL runs are skipped, saying why, where PostgreSQL is not installed.
+class StoreTest : public ::testing::TestWithParam<StoreKind> {
+  protected:
+    /// `options` with this run's store (SQLite when PostgreSQL is missing: the test is then skipped).
+    ServerFixture::Options fixtureOptions(ServerFixture::Options options = {}) const;
+    /// A new database of this run's store with no data: a file in `dir`, or a PostgreSQL database.
+    std::string newDatabase(const TempDir& dir) const;
+    void SetUp() override;
+};
+
+/// "SQLite" or "PostgreSQL", for test names.
+std::string storeName(const ::testing::TestParamInfo<StoreKind>& info);
+/// Prints the store's name in GoogleTest's messages.
+void PrintTo(StoreKind kind, std::ostream* out);
+
+/// Runs the StoreTest suite `suite` against both stores.
+#define TOVREL_ON_BOTH_STORES(suite)                                                          \
+    INSTANTIATE_TEST_SUITE_P(Stores, suite,                                                   \
+                             ::testing::Values(::tovrel_server::test::StoreKind::sqlite,      \
+                                               ::tovrel_server::test::StoreKind::postgresql), \
+                             ::tovrel_server::test::storeName)
 
 /// The repository's examples folder.
 std::filesystem::path examplesDir();

@@ -18,7 +18,8 @@ double wallClock();
 
 /// What an embedded or stand-alone server needs to run.
 struct ServerOptions {
-    /// SQLite database file; ":memory:" keeps everything in this process only.
+    /// SQLite database file; ":memory:" keeps everything in this process only; a postgresql://
+    /// address uses that PostgreSQL database (with PostGIS), which several servers may share.
     std::string dbPath = ":memory:";
     /// Address to bind (IPv4 or IPv6 literal).
     std::string listenAddress = "127.0.0.1";
@@ -51,6 +52,9 @@ struct ServerOptions {
     /// /v1/log messages a second one device may send on average (bursts of 60 times that); 0 (the
     /// default of an embedded server, whose clients may run in virtual time): no limit.
     double logRateLimit = 0;
+    /// Days of /v1/log messages kept: today (in UTC) and the days before it; older days are dropped
+    /// when the first message of a new day arrives. 0 (the default) keeps every message.
+    int logRetentionDays = 0;
     /// Seconds a session key stays valid after its session started; 0 (the default) keeps keys valid
     /// for ever. With a lifetime, requests with an older key are answered 401.
     double sessionTtl = 0;

@@ -1,0 +1,210 @@
+#include "sqlite_store.h"
+
+#include "admin_store.h"
+#include "report.h"
+
+namespace tovrel_server {
+
+SqliteStore::SqliteStore(const std::string& path, const StoreOptions& options)
+    : path_(path), options_(options), db_(path, options.busyTimeoutMs) {}
+
+std::optional<SessionRow> SqliteStore::findSession(const std::string& keyHash) {
+    Statement st = db_.prepare("SELECT device, created_at FROM sessions WHERE key_hash = ?");
+    if (!st.with(keyHash).step()) {
+        return std::nullopt;
+    }
+    return SessionRow{st.integer(0), st.real(1)};
+}
+
+bool SqliteStore::appEnabled(const std::string& appKey) {
+    return db_.prepare("SELECT 1 FROM apps WHERE key = ? AND disabled = 0").with(appKey).step();
+}
+
+int64_t SqliteStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
+    Transaction tx(db_);
+    Statement upsert = db_.prepare(
+        "INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, last_seen) "
+        "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(device_id) DO UPDATE SET device_type = excluded.device_type, "
+        "device_model = excluded.device_model, app_key = excluded.app_key, last_seen = excluded.last_seen "
+        "RETURNING id");
+    upsert.with(device.deviceId, device.deviceType, device.deviceModel, device.appKey, now, now).step();
+    const int64_t deviceRow = upsert.integer(0);
+    upsert.run();
+    db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
+        .with(keyHash, deviceRow, device.appKey, now)
+        .run();
+    tx.commit();
+    return deviceRow;
+}
+
+std::vector<LinkRow> SqliteStore::liveLinks(int64_t device) {
+    std::vector<LinkRow> links;
+    Statement st = db_.prepare(
+        "SELECT id, offer, place, campaign, suppressed FROM device_events WHERE device = ? AND cleared_at IS "
+        "NULL");
+    st.with(device);
+    while (st.step()) {
+        links.push_back(
+            LinkRow{st.integer(0), st.integer(1), st.integer(2), st.integer(3), st.integer(4) != 0});
+    }
+    return links;
+}
+
+LinkRow SqliteStore::addLink(int64_t device, const LinkRow& link, double now) {
+    // One connection writes at a time, so a live link of the pair cannot appear between the caller's
+    // look-up and this insert; the unique index refuses one if it did.
+    db_.prepare(
+           "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
+           "VALUES(?, ?, ?, ?, ?, ?)")
+        .with(device, link.offer, link.place, link.campaign, link.suppressed ? 1 : 0, now)
+        .run();
+    LinkRow stored = link;
+    stored.id = db_.lastInsertId();
+    return stored;
+}
+
+std::optional<int64_t> SqliteStore::liveLinkOwner(int64_t deviceEvent) {
+    Statement st = db_.prepare("SELECT device FROM device_events WHERE id = ? AND cleared_at IS NULL");
+    if (!st.with(deviceEvent).step()) {
+        return std::nullopt;
+    }
+    return st.integer(0);
+}
+
+void SqliteStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
+    db_.prepare("INSERT INTO device_event_status(device_event, status, at) VALUES(?, ?, ?)")
+        .with(deviceEvent, status, now)
+        .run();
+}
+
+void SqliteStore::clearLinks(int64_t device, double now) {
+    db_.prepare("UPDATE device_events SET cleared_at = ? WHERE device = ? AND cleared_at IS NULL")
+        .with(now, device)
+        .run();
+}
+
+void SqliteStore::setTag(int64_t device, const std::string& group, const std::string& tag,
+                         const std::string& value, double now) {
+    db_.prepare(
+           "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES(?, ?, ?, ?, ?) "
+           "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
+           "excluded.updated_at")
+        .with(device, group, tag, value, now)
+        .run();
+}
+
+void SqliteStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
+    db_.prepare("DELETE FROM device_tags WHERE device = ? AND group_tag = ? AND tag = ?")
+        .with(device, group, tag)
+        .run();
+}
+
+void SqliteStore::addLog(const std::string& deviceId, const std::string& eventName,
+                         const std::string& message, double now) {
+    const int64_t day = utcDayNumber(now);
+    if (options_.logRetentionDays > 0 && day != logDay_) {
+        const double oldestKept = static_cast<double>(day - options_.logRetentionDays + 1) * 86400;
+        db_.prepare("DELETE FROM log_messages WHERE received_at < ?").with(oldestKept).run();
+    }
+    db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
+        .with(deviceId, eventName, message, now)
+        .run();
+    logDay_ = day;
+}
+
+ImportSummary SqliteStore::writeCatalog(const CatalogData& data, double now) {
+    return tovrel_server::writeCatalog(db_, data, now);
+}
+
+ImportSummary SqliteStore::writePlaceCatalog(const PlaceCatalog& data, double now) {
+    return tovrel_server::writeCatalog(db_, data, now);
+}
+
+void SqliteStore::writeApp(const AppDef& app, double now) {
+    tovrel_server::writeApp(db_, app, now);
+}
+
+bool SqliteStore::concurrentCatalogReads() const {
+    // A private in-memory database has no second connection to read from.
+    return !inMemory();
+}
+
+CatalogData SqliteStore::readCatalog() {
+    if (inMemory()) {
+        return tovrel_server::readCatalog(db_);
+    }
+    Database reader(path_, options_.busyTimeoutMs);
+    Transaction snapshot(reader, Transaction::Kind::read);
+    return tovrel_server::readCatalog(reader);
+}
+
+Report SqliteStore::report() {
+    return readReport(db_);
+}
+
+Funnel SqliteStore::funnel(bool byDay) {
+    return readFunnel(db_, byDay);
+}
+
+bool SqliteStore::reachable() {
+    try {
+        if (inMemory()) {
+            return true;
+        }
+        Database reader(path_, options_.busyTimeoutMs);
+        return reader.prepare("SELECT count(*) FROM sqlite_master").step();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+nlohmann::json SqliteStore::listApps() {
+    return admin_store::listApps(db_);
+}
+std::string SqliteStore::addApp(std::string key, const std::string& name, double now, bool* added) {
+    return admin_store::addApp(db_, std::move(key), name, now, added);
+}
+std::optional<std::string> SqliteStore::rotateApp(const std::string& key) {
+    return admin_store::rotateApp(db_, key);
+}
+bool SqliteStore::removeApp(const std::string& key) {
+    return admin_store::removeApp(db_, key);
+}
+bool SqliteStore::setAppDisabled(const std::string& key, bool disabled) {
+    return admin_store::setAppDisabled(db_, key, disabled);
+}
+nlohmann::json SqliteStore::listCampaigns() {
+    return admin_store::listCampaigns(db_);
+}
+std::optional<int64_t> SqliteStore::findCampaign(const std::string& nameOrId) {
+    return admin_store::findCampaign(db_, nameOrId);
+}
+bool SqliteStore::setCampaignDisabled(int64_t id, bool disabled) {
+    return admin_store::setCampaignDisabled(db_, id, disabled);
+}
+bool SqliteStore::removeCampaign(int64_t id) {
+    return admin_store::removeCampaign(db_, id);
+}
+nlohmann::json SqliteStore::listOffers() {
+    return admin_store::listOffers(db_);
+}
+bool SqliteStore::setOfferDisabled(int64_t id, bool disabled) {
+    return admin_store::setOfferDisabled(db_, id, disabled);
+}
+bool SqliteStore::removeOffer(int64_t id) {
+    return admin_store::removeOffer(db_, id);
+}
+nlohmann::json SqliteStore::listPlaces(int64_t after, int limit) {
+    return admin_store::listPlaces(db_, after, limit);
+}
+bool SqliteStore::setPlaceDisabled(int64_t id, bool disabled) {
+    return admin_store::setPlaceDisabled(db_, id, disabled);
+}
+bool SqliteStore::removePlace(int64_t id) {
+    return admin_store::removePlace(db_, id);
+}
+nlohmann::json SqliteStore::campaignDefinitions() {
+    return admin_store::campaignDefinitions(db_);
+}
+
+}  // namespace tovrel_server

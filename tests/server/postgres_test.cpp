@@ -1,0 +1,170 @@
+// What only the shared PostgreSQL store does: servers linking the same pair at the same instant, the
+// database going away and coming back, migrations taken in turn and a schema newer than the program.
+#include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "pg_store.h"
+#include "test_postgres.h"
+#include "test_support.h"
+
+namespace tovrel_server::test {
+namespace {
+
+constexpr double kLat = 48.137;
+constexpr double kLon = 11.575;
+
+class Postgres : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (TestPostgres::shared() == nullptr) {
+            GTEST_SKIP() << "PostgreSQL cases are skipped: " << TestPostgres::unavailableReason();
+        }
+    }
+};
+
+// Runs statements on the test server's maintenance database.
+void administer(const std::string& sql) {
+    const std::string address =
+        "postgresql://postgres@127.0.0.1:" + std::to_string(TestPostgres::shared()->port()) + "/postgres";
+    std::unique_ptr<PGconn, void (*)(PGconn*)> conn(PQconnectdb(address.c_str()), PQfinish);
+    ASSERT_EQ(PQstatus(conn.get()), CONNECTION_OK) << PQerrorMessage(conn.get());
+    std::unique_ptr<PGresult, void (*)(PGresult*)> r(PQexec(conn.get(), sql.c_str()), PQclear);
+    ASSERT_TRUE(PQresultStatus(r.get()) == PGRES_COMMAND_OK || PQresultStatus(r.get()) == PGRES_TUPLES_OK)
+        << PQresultErrorMessage(r.get());
+}
+
+ServerFixture::Options onPostgres(std::function<void(ServerOptions&)> configure = {}) {
+    ServerFixture::Options options;
+    options.store = StoreKind::postgresql;
+    options.configure = std::move(configure);
+    return options;
+}
+
+std::string databaseName(const std::string& address) {
+    return address.substr(address.rfind('/') + 1);
+}
+
+TEST_F(Postgres, TwoServersLinkingThePairAtOnceReturnOneDeviceEvent) {
+    ServerFixture first(onPostgres());
+    ServerOptions options;
+    options.dbPath = first.dbPath();
+    Server second(options);
+    HttpClient secondClient(second.start());
+    const std::string key = first.startSession("TWIN");
+    for (const auto& [offer, place] :
+         {std::pair{"11", "1"}, {"12", "1"}, {"11", "2"}, {"21", "2"}, {"32", "3"}}) {
+        auto fromSecond = std::async(std::launch::async, [&, offer = offer, place = place] {
+            return secondClient.post("/v1/deviceevent/link",
+                                     json{{"sessionKey", key}, {"eventId", offer}, {"placeId", place}});
+        });
+        const HttpResult a = first.link(key, offer, place);
+        const HttpResult b = fromSecond.get();
+        ASSERT_EQ(a.status, 200) << a.body;
+        ASSERT_EQ(b.status, 200) << b.body;
+        EXPECT_EQ(a.parsed()["places"][0]["deviceEventId"], b.parsed()["places"][0]["deviceEventId"]);
+    }
+    EXPECT_EQ(queryRows(first.dbPath(),
+                        "SELECT count(*), count(DISTINCT (device, offer, place)) FROM "
+                        "device_events WHERE cleared_at IS NULL"),
+              std::vector<std::string>{"5|5"});
+    second.stop();
+}
+
+TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
+    ServerFixture fx(onPostgres([](ServerOptions& o) { o.adminAddress = "127.0.0.1"; }));
+    const std::string key = fx.startSession("AWAY");
+    ASSERT_EQ(fx.link(key, "11", "1").status, 200);
+    const std::string name = databaseName(fx.dbPath());
+    const json tag = {{"sessionKey", key}, {"tag", "t"}, {"tagValue", "v"}};
+    // Connections closed by the server while idle (a restart) are replaced without a refusal.
+    administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
+    for (int i = 0; i < 100 && !queryRows("postgresql://postgres@127.0.0.1:" +
+                                              std::to_string(TestPostgres::shared()->port()) + "/postgres",
+                                          "SELECT 1 FROM pg_stat_activity WHERE datname = '" + name + "'")
+                                    .empty();
+         ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(fx.client().post("/v1/devicetag/update", tag).status, 200);
+
+    administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS false");
+    administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
+
+    HttpClient probes(fx.adminPort());
+    const HttpResult places = fx.places(key, kLat, kLon);
+    ASSERT_EQ(places.status, 200) << places.body;
+    for (int i = 0; i < 3; ++i) {
+        const HttpResult write = fx.client().post("/v1/devicetag/update", tag);
+        EXPECT_EQ(write.status, 503) << write.body;
+        EXPECT_EQ(write.header("retry-after"), "1");
+    }
+    EXPECT_EQ(fx.link(key, "12", "1").status, 503);
+    EXPECT_EQ(fx.client().post("/v1/session", json{{"deviceId", "NEW"}, {"sdkkey", "test-key"}}).status, 503);
+    EXPECT_EQ(probes.get("/readyz").status, 503);
+    EXPECT_EQ(fx.places(key, kLat, kLon).body, places.body);
+
+    administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS true");
+    // Connections come back after the back-off (at most a few seconds).
+    long status = 0;
+    for (int i = 0; i < 100 && status != 200; ++i) {
+        status = fx.client().post("/v1/devicetag/update", tag).status;
+        if (status != 200) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(fx.link(key, "12", "1").status, 200);
+    EXPECT_EQ(probes.get("/readyz").status, 200);
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT count(*) FROM device_tags"), std::vector<std::string>{"1"});
+}
+
+TEST_F(Postgres, ServersStartingTogetherMigrateInTurnAndANewerSchemaIsRefused) {
+    const std::string address = TestPostgres::shared()->newDatabase();
+    administer("CREATE DATABASE fresh_schema");
+    const std::string fresh = address.substr(0, address.rfind('/') + 1) + "fresh_schema";
+    std::vector<std::future<void>> starts;
+    for (int i = 0; i < 3; ++i) {
+        starts.push_back(std::async(std::launch::async, [&] { openStore(fresh); }));
+    }
+    for (auto& s : starts) {
+        EXPECT_NO_THROW(s.get());
+    }
+    EXPECT_EQ(queryRows(fresh, "SELECT version FROM tovrel_schema"),
+              std::vector<std::string>{std::to_string(currentPgSchemaVersion())});
+
+    queryRows(address, "UPDATE tovrel_schema SET version = version + 1 RETURNING version");
+    try {
+        openStore(address);
+        ADD_FAILURE() << "a newer schema was accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("newer than this program"), std::string::npos) << e.what();
+    }
+}
+
+TEST_F(Postgres, PlaceNamesKeepQuotesBackslashesCommasAndBraces) {
+    ServerFixture fx(onPostgres());
+    fx.server().importGeoJson(fx.dir().write("odd.geojson", R"({"type": "FeatureCollection",
+      "properties": {"campaigns": [{"name": "Open"}]},
+      "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+        "properties": {"placeId": 7, "name": "Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL", "radius": 50,
+          "offers": [{"eventId": 71, "campaign": "Open", "eventName": "E", "alertText": "A", "eventTypeId": 3}]}}]})"));
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
+              std::vector<std::string>{"Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL|48.1|11.5|50.0"});
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
+              std::vector<std::string>{"71"});
+}
+
+TEST_F(Postgres, PlacesCanBeAskedForBySpatialSql) {
+    ServerFixture fx(onPostgres());
+    EXPECT_EQ(queryRows(fx.dbPath(),
+                        "SELECT id FROM places WHERE ST_DWithin(location, "
+                        "ST_MakePoint(11.575, 48.137)::geography, 2000) ORDER BY id"),
+              (std::vector<std::string>{"1", "2"}));
+}
+
+}  // namespace
+}  // namespace tovrel_server::test
