@@ -65,7 +65,12 @@ std::string ApiHandler::mediaBase(std::string_view host, bool tls) const {
     if (!mediaBase_.empty()) {
         return mediaBase_;
     }
-    return validHost(host) ? (tls ? "https://" : "http://") + std::string(host) : fallbackBase_;
+    if (!validHost(host)) {
+        return fallbackBase_;
+    }
+    std::string base = tls ? "https://" : "http://";
+    base.append(host.data(), host.size());
+    return base;
 }
 
 void ApiHandler::handle(const HttpRequest& request, Respond respond) {

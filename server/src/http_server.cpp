@@ -4,6 +4,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -271,22 +272,69 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         if (!reply.file.empty()) {
             return sendFile(std::move(reply), keepAlive);
         }
-        auto res = std::make_shared<http::response<http::string_body>>(
-            static_cast<http::status>(reply.status), request_.version);
-        setCommon(*res, reply, keepAlive);
-        std::string body = std::move(reply.body);
-        if (request_.gzip && body.size() >= HttpServer::kMinGzipBody) {
+        body_ = std::move(reply.body);
+        const char* encoding = nullptr;
+        if (request_.gzip && body_.size() >= HttpServer::kMinGzipBody) {
             std::string packed = buffer_pool::take();
-            if (gzipCompress(body, packed)) {
-                res->set(http::field::content_encoding, "gzip");
-                std::swap(body, packed);
+            if (gzipCompress(body_, packed)) {
+                encoding = "gzip";
+                std::swap(body_, packed);
             }
             buffer_pool::give(std::move(packed));
         }
-        res->set(http::field::vary, "Accept-Encoding");
-        res->body() = std::move(body);
-        res->prepare_payload();
-        send(std::move(res));
+        writeHead(reply, keepAlive, encoding);
+        sendHeadAndBody(keepAlive);
+    }
+
+    // The header of an answer held in memory, written by hand: this is every API answer, and Beast's
+    // general serializer costs more than the whole rest of the request.
+    void writeHead(const HttpReply& reply, bool keepAlive, const char* encoding) {
+        head_.clear();
+        head_ += request_.version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ";
+        head_ += std::to_string(reply.status);
+        head_ += ' ';
+        const auto reason = http::obsolete_reason(static_cast<http::status>(reply.status));
+        head_.append(reason.data(), reason.size());
+        head_ += "\r\nServer: tovrel-server\r\nContent-Type: ";
+        head_ += reply.contentType;
+        head_ += "\r\nVary: Accept-Encoding\r\n";
+        const auto field = [this](const char* name, const char* value) {
+            if (value != nullptr) {
+                head_ += name;
+                head_ += ": ";
+                head_ += value;
+                head_ += "\r\n";
+            }
+        };
+        field("Content-Encoding", encoding);
+        field("Allow", reply.allow);
+        field("Retry-After", reply.retryAfter);
+        field("WWW-Authenticate", reply.authenticate);
+        if (request_.version == 10 && keepAlive) {
+            head_ += "Connection: keep-alive\r\n";
+        } else if (request_.version != 10 && !keepAlive) {
+            head_ += "Connection: close\r\n";
+        }
+        head_ += "Content-Length: ";
+        head_ += std::to_string(body_.size());
+        head_ += "\r\n\r\n";
+    }
+
+    void sendHeadAndBody(bool keepAlive) {
+        lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
+        const std::array<net::const_buffer, 2> buffers{net::buffer(head_), net::buffer(body_)};
+        net::async_write(
+            stream_, buffers,
+            [self = this->shared_from_this(), keepAlive](beast::error_code ec, std::size_t bytes) {
+                self->busy_ = false;
+                self->finishLog(bytes);
+                buffer_pool::give(std::move(self->body_));
+                self->body_.clear();
+                if (ec || !keepAlive) {
+                    return self->closeNow();
+                }
+                self->readHeader();
+            });
     }
 
     void sendFile(HttpReply&& reply, bool keepAlive) {
@@ -426,6 +474,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     Pending request_;
+    std::string head_;  ///< the header of the answer being written, its capacity kept
+    std::string body_;  ///< the body of that answer, from the thread's buffer pool
     std::optional<LogLine> pendingLog_;
     std::vector<char> scratch_;
     std::size_t drained_ = 0;
