@@ -1,28 +1,15 @@
 #include "admin_store.h"
 
-#include <random>
 #include <stdexcept>
 
 #include "database.h"
+#include "session_keys.h"
 
 namespace tovrel_server::admin_store {
 
 using nlohmann::json;
 
 namespace {
-
-std::string randomKey() {
-    std::random_device random;
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string key;
-    for (int i = 0; i < 8; ++i) {
-        uint32_t bits = random();
-        for (int j = 0; j < 4; ++j, bits >>= 4) {
-            key += kHex[bits & 15];
-        }
-    }
-    return key;
-}
 
 json nullable(const Statement& st, int col) {
     return st.isNull(col) ? json(nullptr) : json(st.integer(col));

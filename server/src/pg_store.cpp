@@ -3,29 +3,16 @@
 #include <cmath>
 #include <ctime>
 #include <map>
-#include <random>
 
 #include "admin_store.h"
 #include "report.h"
+#include "session_keys.h"
 
 namespace tovrel_server {
 
 using nlohmann::json;
 
 namespace {
-
-std::string randomKey() {
-    std::random_device random;
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string key;
-    for (int i = 0; i < 8; ++i) {
-        uint32_t bits = random();
-        for (int j = 0; j < 4; ++j, bits >>= 4) {
-            key += kHex[bits & 15];
-        }
-    }
-    return key;
-}
 
 // "YYYY-MM-DD" of a time in seconds since 1970, in UTC.
 std::string utcDay(double seconds) {

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <random>
 #include <utility>
 
 #include "buffer_pool.h"
@@ -22,19 +21,6 @@ const std::string kStatusOk = R"({"status":1})";
 
 uint64_t pairKey(int64_t offer, int64_t place) {
     return (static_cast<uint64_t>(offer) << 32) | static_cast<uint32_t>(place);
-}
-
-std::string newSessionKey() {
-    std::random_device random;
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string key;
-    for (int i = 0; i < 4; ++i) {
-        uint32_t bits = random();
-        for (int j = 0; j < 8; ++j, bits >>= 4) {
-            key += kHex[bits & 15];
-        }
-    }
-    return key;
 }
 
 }  // namespace
@@ -313,7 +299,7 @@ std::string Service::session(const json& req) {
     if (deviceId.empty()) {
         throw ApiError(400, "the member \"deviceId\" must not be empty");
     }
-    const std::string key = newSessionKey();
+    const std::string key = randomKey();
     const std::string keyHash = sessionKeyHash(key);
     const double now = clock_();
 

@@ -1,11 +1,36 @@
 #include "session_keys.h"
 
 #include <openssl/evp.h>
+#include <openssl/rand.h>
 #include <openssl/sha.h>
 
 #include <array>
+#include <stdexcept>
 
 namespace tovrel_server {
+
+namespace {
+
+std::string hex(const unsigned char* bytes, std::size_t size) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(size * 2);
+    for (std::size_t i = 0; i < size; ++i) {
+        out += kHex[bytes[i] >> 4];
+        out += kHex[bytes[i] & 15];
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string randomKey() {
+    std::array<unsigned char, 16> bytes{};
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+        throw std::runtime_error("the random generator failed");
+    }
+    return hex(bytes.data(), bytes.size());
+}
 
 std::string sessionKeyHash(std::string_view key) {
     // Fetched once: a fetch per digest costs more than the digest of a key.
@@ -15,14 +40,7 @@ std::string sessionKeyHash(std::string_view key) {
         EVP_Digest(key.data(), key.size(), digest.data(), nullptr, sha256, nullptr) != 1) {
         SHA256(reinterpret_cast<const unsigned char*>(key.data()), key.size(), digest.data());
     }
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(digest.size() * 2);
-    for (const unsigned char byte : digest) {
-        hex += kHex[byte >> 4];
-        hex += kHex[byte & 15];
-    }
-    return hex;
+    return hex(digest.data(), digest.size());
 }
 
 }  // namespace tovrel_server

@@ -10,4 +10,8 @@ namespace tovrel_server {
 /// thread.
 std::string sessionKeyHash(std::string_view key);
 
+/// A new secret: 32 lowercase hex digits (128 bits) from OpenSSL's random generator, for session keys
+/// and generated app keys. Throws std::runtime_error when the generator fails. Any thread.
+std::string randomKey();
+
 }  // namespace tovrel_server
