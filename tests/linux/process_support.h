@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/loopback_port.h"
+
 namespace tovrel::linuxbackend::test {
 
 /// A child process started with posix_spawn; killed (SIGKILL) and reaped when dropped.
@@ -51,8 +53,7 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-/// A TCP port on 127.0.0.1 that was free a moment ago.
-int freeLoopbackPort();
+using tovrel::test::freeLoopbackPort;
 
 /// Polls `done` every few milliseconds until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);

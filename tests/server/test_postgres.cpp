@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "store.h"
+#include "support/loopback_port.h"
 
 namespace tovrel_server::test {
 
@@ -41,21 +42,6 @@ std::string binaries() {
     }
     globfree(&found);
     return folder;
-}
-
-uint16_t freePort() {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof a;
-    if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &length) != 0) {
-        ::close(s);
-        throw std::runtime_error("no free port on 127.0.0.1");
-    }
-    ::close(s);
-    return ntohs(a.sin_port);
 }
 
 // Runs argv as `user` (nullptr: as ourselves) with output to logFile; returns the child's pid.
@@ -182,7 +168,7 @@ void TestPostgres::start() {
         throw std::runtime_error("initdb failed: " + readFile(log));
     }
     for (int attempt = 0; attempt < 5 && pid_ < 0; ++attempt) {
-        port_ = freePort();
+        port_ = tovrel::test::freeLoopbackPort();
         const int pid = spawn({bin + "/postgres", "-D", data, "-k", folder_, "-p", std::to_string(port_),
                                "-c", "listen_addresses=127.0.0.1", "-c", "fsync=off", "-c",
                                "synchronous_commit=off", "-c", "full_page_writes=off"},
