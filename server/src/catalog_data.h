@@ -61,6 +61,8 @@ struct CatalogData {
     std::vector<CampaignDef> campaigns;
     std::vector<OfferDef> offers;
     std::vector<PlaceDef> places;
+    /// The store's catalogue version this snapshot was read at; 0 where the store keeps none.
+    std::uint64_t version = 0;
 };
 
 /// What a place file defines, held compactly while a large file is read: the offers' and places'

@@ -78,6 +78,15 @@ bool PgConnection::stillOpen() {
     return PQconsumeInput(conn_) == 1 && PQconsumeInput(conn_) == 1 && healthy();
 }
 
+std::vector<std::pair<std::string, std::string>> PgConnection::takeNotifications() {
+    std::vector<std::pair<std::string, std::string>> out;
+    while (PGnotify* n = PQnotifies(conn_)) {
+        out.emplace_back(n->relname, n->extra);
+        PQfreemem(n);
+    }
+    return out;
+}
+
 PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgParam>& params) {
     const std::string text(sql);
     PGresult* raw = nullptr;

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "store.h"
@@ -89,6 +90,13 @@ class PgConnection {
     PgResult execParams(std::string_view sql, const std::vector<PgParam>& params);
     /// False once the connection was lost; it is then replaced.
     bool healthy() const { return PQstatus(conn_) == CONNECTION_OK; }
+    /// The connection's socket, for waiting on notifications.
+    int socket() const { return PQsocket(conn_); }
+    /// Reads what the server sent (notifications among it) without waiting; false when the
+    /// connection is lost.
+    bool consumeInput() { return PQconsumeInput(conn_) == 1 && healthy(); }
+    /// The notifications read so far, as (channel, payload), oldest first.
+    std::vector<std::pair<std::string, std::string>> takeNotifications();
     /// healthy(), after reading what the server sent meanwhile (the notice of a server that closed the
     /// connection while it was idle). Does not wait.
     bool stillOpen();

@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 1> kPgMigrations = {
+constexpr std::array<const char*, 2> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -103,6 +103,27 @@ CREATE TABLE log_messages(
     day date NOT NULL,
     PRIMARY KEY(id, day)) PARTITION BY RANGE(day);
 CREATE INDEX log_messages_event ON log_messages(event_name);
+)sql",
+    // Replicas keep the catalogue in memory: every change to it, by a replica or by an operator's SQL,
+    // bumps the version and notifies them (at commit, once per transaction).
+    R"sql(
+CREATE TABLE tovrel_catalog_state(version bigint NOT NULL);
+INSERT INTO tovrel_catalog_state(version) VALUES(1);
+CREATE FUNCTION tovrel_catalog_changed() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    UPDATE tovrel_catalog_state SET version = version + 1;
+    PERFORM pg_notify('tovrel_catalog', '');
+    RETURN NULL;
+END
+$$;
+CREATE TRIGGER campaigns_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON campaigns
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER offers_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER places_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON places
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER place_offers_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON place_offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
 )sql",
 };
 

@@ -62,7 +62,10 @@ json nullableInteger(const PgResult& r, int row, int col) {
 }  // namespace
 
 PgStore::PgStore(const std::string& location, const StoreOptions& options)
-    : options_(options), pool_(location, options.busyTimeoutMs, kPoolSize) {
+    : location_(location),
+      options_(options),
+      pool_(location, options.busyTimeoutMs, kPoolSize),
+      origin_(randomKey()) {
     try {
         PgConnection conn(location, options.busyTimeoutMs);
         migratePg(conn);
@@ -117,33 +120,34 @@ std::vector<LinkRow> PgStore::liveLinks(int64_t device) {
     return links;
 }
 
-LinkRow PgStore::addLink(int64_t device, const LinkRow& link, double now) {
+LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
     auto conn = pool_.acquire();
-    // Another replica may link the same pair at the same instant: the unique index lets one insert
-    // win, and the other reads the winner's row (the insert waited for it to commit).
-    const PgResult inserted = conn->exec(
-        "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
-        "VALUES($1, $2, $3, $4, $5, $6) ON CONFLICT(device, offer, place) WHERE cleared_at IS NULL DO "
-        "NOTHING "
-        "RETURNING id, suppressed",
-        device, link.offer, link.place, link.campaign, link.suppressed, now);
-    LinkRow stored = link;
-    if (inserted.rows() > 0) {
-        stored.id = inserted.integer(0, 0);
-        stored.suppressed = inserted.boolean(0, 1);
-        return stored;
-    }
-    const PgResult existing = conn->exec(
+    PgTransaction tx(*conn);
+    // Replicas link one device in turn: the cap is counted from committed rows, not from a replica's
+    // memory, and the unique index stays a second line of defence.
+    conn->exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", device);
+    const PgResult live = conn->exec(
         "SELECT id, suppressed FROM device_events WHERE device = $1 AND offer = $2 AND place = $3 AND "
         "cleared_at IS NULL",
         device, link.offer, link.place);
-    if (existing.rows() == 0) {
-        // The winner was cleared in between: nothing is linked, and the client may simply try again.
-        throw DatabaseBusy("the link changed while it was written");
+    if (live.rows() > 0) {
+        tx.commit();
+        return LinkRow{live.integer(0, 0), link.offer, link.place, link.campaign, live.boolean(0, 1)};
     }
-    stored.id = existing.integer(0, 0);
-    stored.suppressed = existing.boolean(0, 1);
-    return stored;
+    bool suppressed = false;
+    if (link.perDeviceCap) {
+        const PgResult count = conn->exec(
+            "SELECT count(*) FROM device_events WHERE device = $1 AND campaign = $2 AND cleared_at IS NULL",
+            device, link.campaign);
+        suppressed = count.integer(0, 0) >= *link.perDeviceCap;
+    }
+    const PgResult inserted = conn->exec(
+        "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
+        "VALUES($1, $2, $3, $4, $5, $6) RETURNING id",
+        device, link.offer, link.place, link.campaign, suppressed, now);
+    notifyDeviceChanged(*conn, device);
+    tx.commit();
+    return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed};
 }
 
 std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
@@ -164,8 +168,18 @@ void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, doub
 
 void PgStore::clearLinks(int64_t device, double now) {
     auto conn = pool_.acquire();
-    conn->exec("UPDATE device_events SET cleared_at = $1 WHERE device = $2 AND cleared_at IS NULL", now,
-               device);
+    PgTransaction tx(*conn);
+    if (conn->exec("UPDATE device_events SET cleared_at = $1 WHERE device = $2 AND cleared_at IS NULL", now,
+                   device)
+            .changes() > 0) {
+        notifyDeviceChanged(*conn, device);
+    }
+    tx.commit();
+}
+
+void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
+    conn.exec("SELECT pg_notify('" + std::string(kDeviceChannel) + "', $1)",
+              std::to_string(device) + ' ' + origin_);
 }
 
 void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
@@ -313,6 +327,8 @@ CatalogData PgStore::readCatalog() {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
     CatalogData data;
+    data.version =
+        static_cast<std::uint64_t>(conn->exec("SELECT version FROM tovrel_catalog_state").integer(0, 0));
     const PgResult campaigns = conn->exec(
         "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
         "NOT "
@@ -437,6 +453,10 @@ Report PgStore::report() {
     }
     snapshot.commit();
     return report;
+}
+
+std::unique_ptr<ChangeFeed> PgStore::watchChanges(ChangeListener& listener) {
+    return std::make_unique<PgChangeFeed>(location_, options_, origin_, listener);
 }
 
 bool PgStore::reachable() {

@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "pg_change_feed.h"
 #include "pg_connection.h"
 #include "store.h"
 
@@ -25,7 +26,7 @@ class PgStore final : public Store {
     bool appEnabled(const std::string& appKey) override;
     int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) override;
     std::vector<LinkRow> liveLinks(int64_t device) override;
-    LinkRow addLink(int64_t device, const LinkRow& link, double now) override;
+    LinkRow addLink(int64_t device, const NewLink& link, double now) override;
     std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) override;
     void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) override;
     void clearLinks(int64_t device, double now) override;
@@ -42,6 +43,7 @@ class PgStore final : public Store {
     Report report() override;
     Funnel funnel(bool byDay) override;
     bool reachable() override;
+    std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) override;
 
     nlohmann::json listApps() override;
     std::string addApp(std::string key, const std::string& name, double now, bool* added) override;
@@ -61,12 +63,16 @@ class PgStore final : public Store {
     nlohmann::json campaignDefinitions() override;
 
   private:
+    /// Tells the other replicas, when the transaction commits, that the device's links changed.
+    void notifyDeviceChanged(PgConnection& conn, int64_t device);
     /// Creates the day's partition of the log messages unless this store already made sure of it, and
     /// then drops the days beyond the retention.
     void ensureLogPartition(PgConnection& conn, double now);
 
+    std::string location_;
     StoreOptions options_;
     PgPool pool_;
+    std::string origin_;  ///< names this replica in its notifications, so that it skips its own
     std::mutex partitionsMutex_;
     std::set<int64_t> partitions_;  ///< days whose log partition exists
 };

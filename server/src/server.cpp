@@ -41,6 +41,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.sessionRateLimit = o.sessionRateLimit;
     s.logRateLimit = o.logRateLimit;
     s.logRetentionDays = o.logRetentionDays;
+    s.changeCheckSeconds = o.changeCheckSeconds;
     return s;
 }
 

@@ -41,10 +41,48 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
     : clock_(std::move(clock)),
       options_(options),
       metrics_(metrics),
-      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays})),
+      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays,
+                                              options.changeCheckSeconds})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
     reloadPlaces();
+    changeFeed_ = concurrentStore().watchChanges(*this);
+}
+
+Service::~Service() {
+    changeFeed_.reset();
+}
+
+void Service::catalogVersion(std::uint64_t version) {
+    if (version == storeCatalogVersion_.load()) {
+        return;
+    }
+    try {
+        reloadPlaces();
+    } catch (const std::exception&) {
+        // The catalogue in memory keeps answering; the next check of the version tries again.
+        if (metrics_ != nullptr) {
+            metrics_->databaseError();
+        }
+    }
+}
+
+void Service::devicesChanged(const std::vector<int64_t>& devices) {
+    Lock lock(stateMutex_);
+    ++linkEpoch_;
+    for (const int64_t device : devices) {
+        if (const auto it = devices_.find(device); it != devices_.end()) {
+            it->second.stale = true;
+        }
+    }
+}
+
+void Service::resynchronise() {
+    Lock lock(stateMutex_);
+    ++linkEpoch_;
+    for (auto& [device, links] : devices_) {
+        links.stale = true;
+    }
 }
 
 bool Service::isEndpoint(std::string_view path) {
@@ -89,6 +127,12 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             {
                 ReaderLock lock(stateMutex_);
                 device = cachedDeviceLocked(keyHash, clock_());
+                if (device) {
+                    const auto links = devices_.find(*device);
+                    if (links == devices_.end() || links->second.stale) {
+                        return std::nullopt;
+                    }
+                }
             }
             if (!device) {
                 return std::nullopt;
@@ -187,6 +231,7 @@ void Service::reloadPlaces() {
         Lock db(dbMutex_);
         data = store_->readCatalog();
     }
+    const std::uint64_t version = data.version;
     auto fresh = std::make_shared<const Catalog>(data);
     data = CatalogData();
     std::shared_ptr<const Catalog> old;
@@ -194,6 +239,7 @@ void Service::reloadPlaces() {
         Lock lock(stateMutex_);
         old = std::exchange(catalog_, std::move(fresh));
     }
+    storeCatalogVersion_ = version;
     ++catalogVersion_;
     // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
     if (old.use_count() == 1) {
@@ -220,19 +266,23 @@ bool Service::databaseReachable() {
 }
 
 void Service::loadDeviceLocked(int64_t device) {
+    std::uint64_t epoch = 0;
     {
         ReaderLock lock(stateMutex_);
-        if (devices_.contains(device)) {
+        if (const auto it = devices_.find(device); it != devices_.end() && !it->second.stale) {
             return;
         }
+        epoch = linkEpoch_;
     }
-    DeviceLinks links;
+    std::unordered_map<uint64_t, LinkInfo> byPair;
     for (const LinkRow& row : store_->liveLinks(device)) {
-        links.byPair[pairKey(row.offer, row.place)] = LinkInfo{row.id, row.suppressed};
-        ++links.perCampaign[row.campaign];
+        byPair[pairKey(row.offer, row.place)] = LinkInfo{row.id, row.suppressed};
     }
     Lock lock(stateMutex_);
-    devices_.emplace(device, std::move(links));
+    DeviceLinks& links = devices_[device];
+    links.byPair = std::move(byPair);
+    // A change notified while the rows were read may not be in them.
+    links.stale = linkEpoch_ != epoch;
 }
 
 std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, double now) const {
@@ -321,7 +371,14 @@ std::string Service::session(const json& req) {
 }
 
 std::string Service::places(const json& req, std::string_view mediaBase) {
-    return placesAnswer(req, authenticate(req), mediaBase);
+    const int64_t device = authenticate(req);
+    try {
+        Lock db(dbMutex_);
+        loadDeviceLocked(device);
+    } catch (const DatabaseBusy&) {
+        // Places are answered while the database is away; only the linked flags may be behind.
+    }
+    return placesAnswer(req, device, mediaBase);
 }
 
 std::string Service::placesAnswer(const json& req, int64_t device, std::string_view mediaBase) {
@@ -394,30 +451,12 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
     {
         Lock db(dbMutex_);
         loadDeviceLocked(device);
-        std::optional<LinkInfo> existing;
-        int64_t before = 0;
-        {
-            ReaderLock lock(stateMutex_);
-            const DeviceLinks& links = devices_.at(device);
-            if (const auto it = links.byPair.find(pairKey(eventId, placeId)); it != links.byPair.end()) {
-                existing = it->second;
-            } else if (const auto c = links.perCampaign.find(campaign.id); c != links.perCampaign.end()) {
-                before = c->second;
-            }
-        }
-        if (existing) {
-            info = *existing;
-        } else {
-            const bool suppressed = campaign.perDeviceCap && before >= *campaign.perDeviceCap;
-            const LinkRow stored =
-                store_->addLink(device, LinkRow{0, eventId, placeId, campaign.id, suppressed}, clock_());
-            info = LinkInfo{stored.id, stored.suppressed};
-            // The writers' lock held throughout: nothing evicted the device since it was loaded.
-            Lock lock(stateMutex_);
-            DeviceLinks& links = devices_.at(device);
-            links.byPair[pairKey(eventId, placeId)] = info;
-            ++links.perCampaign[campaign.id];
-        }
+        const LinkRow stored =
+            store_->addLink(device, NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap}, clock_());
+        info = LinkInfo{stored.id, stored.suppressed};
+        // The writers' lock held throughout: nothing evicted the device since it was loaded.
+        Lock lock(stateMutex_);
+        devices_.at(device).byPair[pairKey(eventId, placeId)] = info;
     }
     std::string out = "{\"places\":[";
     cat->appendRecord(out, *place, *offer, mediaBase, true);
@@ -448,9 +487,7 @@ std::string Service::clear(const json& req) {
     Lock db(dbMutex_);
     store_->clearLinks(device, clock_());
     Lock lock(stateMutex_);
-    DeviceLinks& links = devices_[device];
-    links.byPair.clear();
-    links.perCampaign.clear();
+    devices_[device].byPair.clear();
     return kStatusOk;
 }
 

@@ -45,6 +45,8 @@ struct ServiceOptions {
     double logRateLimit = 0;
     /// Days of log messages kept (see StoreOptions); 0: every message.
     int logRetentionDays = 0;
+    /// Seconds between checks of a shared store's catalogue version (see StoreOptions).
+    double changeCheckSeconds = 5;
 };
 
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and
@@ -56,7 +58,12 @@ struct ServiceOptions {
 /// still hold dbMutex_ so that memory and database never disagree. The catalogue is rebuilt from a
 /// snapshot read by a connection of its own and swapped in, so neither requests nor writers wait for a
 /// rebuild.
-class Service {
+///
+/// With a store that several replicas share, what the others change reaches the mirror through the
+/// store's change feed: a newer catalogue version rebuilds the catalogue, a device linked or cleared
+/// elsewhere has its links read again on its next request. Decisions that must agree across replicas
+/// (link ids, per-device caps) are always taken by the store.
+class Service : private ChangeListener {
   public:
     /// The widest search /v2/place accepts, in metres (the component asks for 8047).
     static constexpr double kMaxDistanceThreshold = 50'000;
@@ -69,6 +76,10 @@ class Service {
     /// catalogue; throws std::runtime_error. `metrics` may be null.
     Service(const std::string& location, Clock clock, ServiceOptions options = {},
             Metrics* metrics = nullptr);
+    /// Stops following other replicas first: their notifications are handled by this object.
+    ~Service() override;
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
 
     /// True when path names a JSON endpoint (answered by handle(), POST only).
     static bool isEndpoint(std::string_view path);
@@ -132,9 +143,9 @@ class Service {
         bool suppressed = false;
     };
     struct DeviceLinks {
-        std::unordered_map<uint64_t, LinkInfo> byPair;     ///< key: offer id << 32 | place id
-        std::unordered_map<int64_t, int64_t> perCampaign;  ///< live links per campaign id
-        int sessions = 0;                                  ///< cached session keys of the device
+        std::unordered_map<uint64_t, LinkInfo> byPair;  ///< key: offer id << 32 | place id
+        int sessions = 0;                               ///< cached session keys of the device
+        bool stale = false;                             ///< changed elsewhere: read again before use
     };
     struct CachedSession {
         int64_t device = 0;
@@ -161,7 +172,11 @@ class Service {
     /// has expired. stateMutex_ held (shared is enough).
     std::optional<int64_t> cachedDeviceLocked(const std::string& keyHash, double now) const
         TOVREL_REQUIRES_SHARED(stateMutex_);
-    /// Mirrors the device's live links in memory unless they are.
+    void catalogVersion(std::uint64_t version) override;
+    void devicesChanged(const std::vector<int64_t>& devices) override;
+    void resynchronise() override;
+
+    /// Mirrors the device's live links in memory unless they are, and up to date.
     void loadDeviceLocked(int64_t device) TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
     /// Holds a session key in memory, forgetting the oldest beyond the limit.
     void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt)
@@ -187,11 +202,17 @@ class Service {
         TOVREL_GUARDED_BY(stateMutex_);
     std::deque<std::string> sessionOrder_ TOVREL_GUARDED_BY(stateMutex_);  ///< cached keys, oldest first
     std::unordered_map<int64_t, DeviceLinks> devices_ TOVREL_GUARDED_BY(stateMutex_);
+    /// Counts the changes made elsewhere, so that links read while one arrived are read again.
+    std::uint64_t linkEpoch_ TOVREL_GUARDED_BY(stateMutex_) = 0;
+    /// The store's version of the catalogue in memory (0: the store keeps none).
+    std::atomic<std::uint64_t> storeCatalogVersion_{0};
     RateLimiter sessionLimiter_;
     RateLimiter logLimiter_;
     Mutex refusedMutex_;
     /// SDK key → until when it is refused.
     std::unordered_map<std::string, double> refusedSdkKeys_ TOVREL_GUARDED_BY(refusedMutex_);
+    /// Last, so that it stops before anything it calls is destroyed.
+    std::unique_ptr<ChangeFeed> changeFeed_;
 };
 
 }  // namespace tovrel_server

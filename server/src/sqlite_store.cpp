@@ -50,17 +50,28 @@ std::vector<LinkRow> SqliteStore::liveLinks(int64_t device) {
     return links;
 }
 
-LinkRow SqliteStore::addLink(int64_t device, const LinkRow& link, double now) {
-    // One connection writes at a time, so a live link of the pair cannot appear between the caller's
-    // look-up and this insert; the unique index refuses one if it did.
+LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
+    // One connection writes at a time: nothing can link between these reads and the insert.
+    Statement live = db_.prepare(
+        "SELECT id, suppressed FROM device_events WHERE device = ? AND offer = ? AND place = ? AND "
+        "cleared_at "
+        "IS NULL");
+    if (live.with(device, link.offer, link.place).step()) {
+        return LinkRow{live.integer(0), link.offer, link.place, link.campaign, live.integer(1) != 0};
+    }
+    bool suppressed = false;
+    if (link.perDeviceCap) {
+        Statement count = db_.prepare(
+            "SELECT count(*) FROM device_events WHERE device = ? AND campaign = ? AND cleared_at IS NULL");
+        count.with(device, link.campaign).step();
+        suppressed = count.integer(0) >= *link.perDeviceCap;
+    }
     db_.prepare(
            "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
            "VALUES(?, ?, ?, ?, ?, ?)")
-        .with(device, link.offer, link.place, link.campaign, link.suppressed ? 1 : 0, now)
+        .with(device, link.offer, link.place, link.campaign, suppressed ? 1 : 0, now)
         .run();
-    LinkRow stored = link;
-    stored.id = db_.lastInsertId();
-    return stored;
+    return LinkRow{db_.lastInsertId(), link.offer, link.place, link.campaign, suppressed};
 }
 
 std::optional<int64_t> SqliteStore::liveLinkOwner(int64_t deviceEvent) {

@@ -19,7 +19,7 @@ class SqliteStore final : public Store {
     bool appEnabled(const std::string& appKey) override;
     int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) override;
     std::vector<LinkRow> liveLinks(int64_t device) override;
-    LinkRow addLink(int64_t device, const LinkRow& link, double now) override;
+    LinkRow addLink(int64_t device, const NewLink& link, double now) override;
     std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) override;
     void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) override;
     void clearLinks(int64_t device, double now) override;

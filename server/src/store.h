@@ -43,6 +43,36 @@ struct LinkRow {
     bool suppressed = false;
 };
 
+/// A device event a link asks for. The store decides `suppressed` itself: true when the device already
+/// has `perDeviceCap` live device events of the campaign.
+struct NewLink {
+    int64_t offer = 0;
+    int64_t place = 0;
+    int64_t campaign = 0;
+    std::optional<int64_t> perDeviceCap;
+};
+
+/// Told what other writers of a shared store changed, so that what a replica holds in memory follows.
+/// Called on the change feed's own thread, one call at a time.
+class ChangeListener {
+  public:
+    virtual ~ChangeListener() = default;
+    /// The catalogue's version in the store now: after a notification, on the periodic check, and
+    /// after reconnecting.
+    virtual void catalogVersion(std::uint64_t version) = 0;
+    /// Another writer linked or cleared device events of these devices.
+    virtual void devicesChanged(const std::vector<int64_t>& devices) = 0;
+    /// Notifications may have been missed (the feed's connection was lost): nothing mirrored of the
+    /// devices can be trusted. catalogVersion() follows.
+    virtual void resynchronise() = 0;
+};
+
+/// A running feed of changes; stops (and joins its thread) when destroyed.
+class ChangeFeed {
+  public:
+    virtual ~ChangeFeed() = default;
+};
+
 /// Where a tovrel-server keeps everything durably: SQLite (one file) or PostgreSQL (shared by replicas).
 /// Not thread-safe unless said: the Service calls it under its writers' lock. Every operation throws
 /// DatabaseBusy when the database cannot take it now (nothing was written), std::runtime_error on
@@ -64,8 +94,9 @@ class Store {
     /// The device's device events that have not been cleared.
     virtual std::vector<LinkRow> liveLinks(int64_t device) = 0;
     /// Records a device event for (device, offer, place) unless a live one exists: the stored event
-    /// either way (so that two servers linking at the same instant return the same id).
-    virtual LinkRow addLink(int64_t device, const LinkRow& link, double now) = 0;
+    /// either way, so that two replicas linking at the same instant return the same id, and the cap
+    /// counted from what the database holds, whichever replica linked before.
+    virtual LinkRow addLink(int64_t device, const NewLink& link, double now) = 0;
     /// The device of a live device event; nullopt when there is none or it was cleared.
     virtual std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) = 0;
     /// Appends a status to a device event's history.
@@ -98,6 +129,12 @@ class Store {
     virtual Funnel funnel(bool byDay) = 0;
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     virtual bool reachable() = 0;
+    /// Starts telling `listener` what other writers change, on a thread of the feed's own; nullptr
+    /// when nobody else writes (an embedded store). `listener` outlives the feed. Any thread.
+    virtual std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) {
+        (void)listener;
+        return nullptr;
+    }
 
     /// The admin API's lists and changes (see admin_store.h for the members of each list).
     virtual nlohmann::json listApps() = 0;
@@ -126,6 +163,9 @@ struct StoreOptions {
     /// Days of log messages kept (today and the days before it, in UTC); older days are dropped when
     /// the first message of a new day arrives. 0 keeps every message.
     int logRetentionDays = 0;
+    /// Seconds between checks of the catalogue's version by a change feed, in case a notification
+    /// was missed.
+    double changeCheckSeconds = 5;
 };
 
 /// True when `location` names a PostgreSQL database (a postgresql:// or postgres:// address).

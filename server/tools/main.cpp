@@ -289,6 +289,13 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_LOG_RETENTION_DAYS")
         ->check(CLI::Range(0, 100000));
     serveCmd
+        ->add_option("--change-check-interval", serveOptions.changeCheckSeconds,
+                     "With PostgreSQL: seconds between checks of the catalogue's version, in case a "
+                     "change notification from another replica was missed")
+        ->capture_default_str()
+        ->envname("TOVREL_CHANGE_CHECK_INTERVAL")
+        ->check(CLI::Range(0.05, 3600.0));
+    serveCmd
         ->add_option("--session-ttl", serveOptions.sessionTtl,
                      "Seconds a session key stays valid (401 after); 0: for ever")
         ->capture_default_str()

@@ -1,5 +1,6 @@
-// What only the shared PostgreSQL store does: servers linking the same pair at the same instant, the
-// database going away and coming back, migrations taken in turn and a schema newer than the program.
+// What only the shared PostgreSQL store does: servers linking the same pair at the same instant,
+// replicas following each other's changes (and operators' SQL), the database going away and coming
+// back, migrations taken in turn and a schema newer than the program.
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
@@ -48,6 +49,41 @@ std::string databaseName(const std::string& address) {
     return address.substr(address.rfind('/') + 1);
 }
 
+// Polls `done` every 20 ms for at most five seconds.
+template <typename Done>
+bool eventually(Done done) {
+    for (int i = 0; i < 250; ++i) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+// The record of (offer, place) in a /v2/place answer; null when it has none.
+json recordOf(const HttpResult& answer, const std::string& offer, const std::string& place) {
+    const json parsed = answer.parsed();
+    for (const json& r : parsed["places"]) {
+        if (r["eventId"] == offer && r["placeId"] == place) {
+            return r;
+        }
+    }
+    return nullptr;
+}
+
+constexpr const char* kToken = "replica-admin-token-0123456789";
+
+// Another server on the same database, with its admin listener.
+ServerOptions replicaOf(const ServerFixture& fx, double changeCheckSeconds = 5) {
+    ServerOptions options;
+    options.dbPath = fx.dbPath();
+    options.adminAddress = "127.0.0.1";
+    options.adminToken = kToken;
+    options.changeCheckSeconds = changeCheckSeconds;
+    return options;
+}
+
 TEST_F(Postgres, TwoServersLinkingThePairAtOnceReturnOneDeviceEvent) {
     ServerFixture first(onPostgres());
     ServerOptions options;
@@ -71,6 +107,89 @@ TEST_F(Postgres, TwoServersLinkingThePairAtOnceReturnOneDeviceEvent) {
                         "SELECT count(*), count(DISTINCT (device, offer, place)) FROM "
                         "device_events WHERE cleared_at IS NULL"),
               std::vector<std::string>{"5|5"});
+    second.stop();
+}
+
+TEST_F(Postgres, ReplicasServeWhatAnotherOrAnOperatorsSqlChangedWithoutWaitingForTheCheck) {
+    // An hour between version checks: only notifications can bring the changes in time.
+    ServerFixture first(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 3600; }));
+    Server second(replicaOf(first, 3600));
+    second.start();
+    HttpClient admin(second.adminPort());
+    const std::string key = first.startSession("FOLLOWER");
+    ASSERT_TRUE(recordOf(first.places(key, kLat, kLon), "771", "77").is_null());
+
+    const json feature = {{"type", "Feature"},
+                          {"geometry", {{"type", "Point"}, {"coordinates", {kLon, kLat}}}},
+                          {"properties",
+                           {{"placeId", 77},
+                            {"name", "Pop-up"},
+                            {"radius", 50},
+                            {"offers",
+                             {{{"eventId", 771},
+                               {"campaign", "Open"},
+                               {"eventName", "New"},
+                               {"alertText", "Hi"},
+                               {"eventTypeId", 3}}}}}}};
+    const HttpResult added = admin.request("POST", "/admin/v1/places", feature.dump(),
+                                           {std::string("Authorization: Bearer ") + kToken});
+    ASSERT_EQ(added.status, 200) << added.body;
+    EXPECT_TRUE(eventually([&] { return !recordOf(first.places(key, kLat, kLon), "771", "77").is_null(); }));
+
+    queryRows(first.dbPath(), "UPDATE places SET disabled = true WHERE id = 77");
+    EXPECT_TRUE(eventually([&] { return recordOf(first.places(key, kLat, kLon), "771", "77").is_null(); }));
+    queryRows(first.dbPath(), "UPDATE offers SET alert_text = 'Changed by hand' WHERE id = 11");
+    EXPECT_TRUE(eventually([&] {
+        return recordOf(first.places(key, kLat, kLon), "11", "1").value("alertText", "") == "Changed by hand";
+    }));
+    second.stop();
+}
+
+TEST_F(Postgres, AChangeWhoseNotificationWasLostIsServedAfterTheVersionCheckOrAReconnection) {
+    ServerFixture checked(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 0.2; }));
+    const std::string key = checked.startSession("CHECKED");
+    // Without the trigger nothing is notified: only the periodic check sees the new version.
+    queryRows(checked.dbPath(), "ALTER TABLE places DISABLE TRIGGER places_changed");
+    queryRows(checked.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
+    queryRows(checked.dbPath(), "UPDATE tovrel_catalog_state SET version = version + 1");
+    EXPECT_TRUE(eventually([&] { return recordOf(checked.places(key, kLat, kLon), "11", "1").is_null(); }));
+
+    // A change made while the feed's connection was away is read when it reconnects.
+    ServerFixture away(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 3600; }));
+    const std::string awayKey = away.startSession("AWAY");
+    const std::string name = databaseName(away.dbPath());
+    administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS false");
+    administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
+    administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS true");
+    queryRows(away.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
+    EXPECT_TRUE(eventually([&] { return recordOf(away.places(awayKey, kLat, kLon), "11", "1").is_null(); }));
+}
+
+TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {
+    ServerFixture first(onPostgres());
+    Server second(replicaOf(first));
+    HttpClient secondClient(second.start());
+    const std::string key = first.startSession("ROAMING");
+    const auto linkThroughSecond = [&](const std::string& offer, const std::string& place) {
+        return secondClient
+            .post("/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", offer}, {"placeId", place}})
+            .parsed()["places"][0];
+    };
+
+    // The campaign "Capped" allows one live offer a device: the second link, made through the other
+    // replica, is suppressed.
+    const json capped = first.link(key, "12", "1").parsed()["places"][0];
+    EXPECT_EQ(capped["suppressMessage"], 0);
+    EXPECT_EQ(linkThroughSecond("21", "2")["suppressMessage"], 1);
+    EXPECT_EQ(linkThroughSecond("12", "1")["deviceEventId"], capped["deviceEventId"]);
+    EXPECT_EQ(recordOf(first.places(key, kLat, kLon), "12", "1")["isLinked"], 1);
+
+    ASSERT_EQ(secondClient.post("/v1/deviceevent/clear", json{{"sessionKey", key}}).status, 200);
+    EXPECT_TRUE(
+        eventually([&] { return recordOf(first.places(key, kLat, kLon), "12", "1")["isLinked"] == 0; }));
+    const json again = first.link(key, "12", "1").parsed()["places"][0];
+    EXPECT_NE(again["deviceEventId"], capped["deviceEventId"]);
+    EXPECT_EQ(again["suppressMessage"], 0);
     second.stop();
 }
 

@@ -242,7 +242,7 @@ std::vector<std::string> queryPostgres(const std::string& address, const std::st
         throw std::runtime_error("cannot open " + address + ": " + PQerrorMessage(conn.get()));
     }
     std::unique_ptr<PGresult, void (*)(PGresult*)> r(PQexec(conn.get(), sql.c_str()), PQclear);
-    if (PQresultStatus(r.get()) != PGRES_TUPLES_OK) {
+    if (PQresultStatus(r.get()) != PGRES_TUPLES_OK && PQresultStatus(r.get()) != PGRES_COMMAND_OK) {
         throw std::runtime_error(std::string("bad query: ") + PQresultErrorMessage(r.get()));
     }
     constexpr Oid kBool = 16;

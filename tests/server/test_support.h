@@ -130,8 +130,9 @@ class ServerFixture {
     std::unique_ptr<HttpClient> client_;
 };
 
-/// Rows of a query on an SQLite file or a postgresql:// database, each row's columns joined by '|'
-/// (numbers and booleans written as SQLite writes them, so that one expectation serves both stores).
+/// Rows of a query on an SQLite file or a postgresql:// database (PostgreSQL: any statement), each row's
+/// columns joined by '|' (numbers and booleans written as SQLite writes them, so that one expectation serves
+/// both stores).
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
 
 /// A test of the JSON endpoints run once per store: `fixtureOptions()` picks this run's store; the

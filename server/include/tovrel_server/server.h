@@ -55,6 +55,9 @@ struct ServerOptions {
     /// Days of /v1/log messages kept: today (in UTC) and the days before it; older days are dropped
     /// when the first message of a new day arrives. 0 (the default) keeps every message.
     int logRetentionDays = 0;
+    /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
+    /// change notification was missed (notifications themselves arrive at once).
+    double changeCheckSeconds = 5;
     /// Seconds a session key stays valid after its session started; 0 (the default) keeps keys valid
     /// for ever. With a lifetime, requests with an older key are answered 401.
     double sessionTtl = 0;
