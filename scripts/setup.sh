@@ -12,7 +12,7 @@ Installs the Debian packages needed to build Tovrel and run its tests
 CLI11, Boost.Beast, clang's libFuzzer runtime), the linux backend's parts (asio, libgps and
 gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon), Qt 6 with
 WebEngine for the screens, and Leaflet and Chromium for tovrel-sim's HTML report and
-its browser test. Safe to run again.
+its browser test, PostgreSQL with PostGIS and HAProxy for the server's cluster test. Safe to run again.
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
@@ -24,13 +24,12 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
-    # tovrel-server: metrics in the Prometheus format, gzip answers
-    prometheus-cpp-dev zlib1g-dev
     # tovrel-sim's allocator: a fleet's time is mostly small JSON allocations on every core
     libmimalloc-dev
     # tovrel-server: metrics in the Prometheus format, gzip answers; PostgreSQL with PostGIS as the shared
-    # store of several replicas (its tests start a server of their own)
-    prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3
+    # store of several replicas (its tests start a server of their own), HAProxy in front of the replicas
+    # in the cluster test
+    prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3 haproxy
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

@@ -109,10 +109,15 @@ CREATE INDEX log_messages_event ON log_messages(event_name);
     R"sql(
 CREATE TABLE tovrel_catalog_state(version bigint NOT NULL);
 INSERT INTO tovrel_catalog_state(version) VALUES(1);
+-- Once per transaction: a row updated again in the same transaction leaves a longer chain of versions
+-- to walk each time, and an import writes thousands of statements.
 CREATE FUNCTION tovrel_catalog_changed() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
-    UPDATE tovrel_catalog_state SET version = version + 1;
-    PERFORM pg_notify('tovrel_catalog', '');
+    IF current_setting('tovrel.catalog_changed_in', true) IS DISTINCT FROM txid_current()::text THEN
+        UPDATE tovrel_catalog_state SET version = version + 1;
+        PERFORM pg_notify('tovrel_catalog', '');
+        PERFORM set_config('tovrel.catalog_changed_in', txid_current()::text, true);
+    END IF;
     RETURN NULL;
 END
 $$;

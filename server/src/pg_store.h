@@ -15,8 +15,11 @@ namespace tovrel_server {
 /// of their own at the same time as writes.
 class PgStore final : public Store {
   public:
-    /// Connections held at most.
-    static constexpr std::size_t kPoolSize = 4;
+    /// Connections held at most: the database threads' and one for catalogue snapshots and checks.
+    static constexpr std::size_t kPoolSize = 8;
+    /// Database threads that write at once: a commit waits for the disk, and several commits share one
+    /// flush.
+    static constexpr int kWriters = 6;
 
     /// Connects and brings the schema up to date (one replica at a time). Throws std::runtime_error.
     PgStore(const std::string& location, const StoreOptions& options);
@@ -39,6 +42,7 @@ class PgStore final : public Store {
     ImportSummary writeCatalog(const CatalogData& data, double now) override;
     void writeApp(const AppDef& app, double now) override;
     bool concurrentCatalogReads() const override { return true; }
+    int concurrency() const override { return kWriters; }
     CatalogData readCatalog() override;
     Report report() override;
     Funnel funnel(bool byDay) override;

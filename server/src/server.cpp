@@ -81,7 +81,7 @@ struct Server::Impl {
           service(options.dbPath, options.clock ? options.clock : Clock(wallClock), serviceOptions(options),
                   &metrics),
           files(options.contentDir),
-          database(1, options.databaseQueue),
+          database(service.databaseThreads(), options.databaseQueue),
           adminWork(1, 256),
           api(service, files, database, options.mediaBaseUrl),
           admin(service, metrics, adminWork, options.adminToken,

@@ -474,11 +474,12 @@ std::string Service::update(const json& req) {
     if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
-    Lock db(dbMutex_);
-    if (store_->liveLinkOwner(id) != device) {
-        throw ApiError(404, "this device has no device event " + std::to_string(id));
-    }
-    store_->addLinkStatus(id, code, clock_());
+    writeOnly([&](Store& store) {
+        if (store.liveLinkOwner(id) != device) {
+            throw ApiError(404, "this device has no device event " + std::to_string(id));
+        }
+        store.addLinkStatus(id, code, clock_());
+    });
     return kStatusOk;
 }
 
@@ -496,8 +497,7 @@ std::string Service::tagUpdate(const json& req) {
     const std::string& tag = requireString(req, "tag");
     const std::string& value = requireString(req, "tagValue");
     const std::string group = optionalString(req, "groupTag", "");
-    Lock db(dbMutex_);
-    store_->setTag(device, group, tag, value, clock_());
+    writeOnly([&](Store& store) { store.setTag(device, group, tag, value, clock_()); });
     return kStatusOk;
 }
 
@@ -505,8 +505,7 @@ std::string Service::tagDelete(const json& req) {
     const int64_t device = authenticate(req);
     const std::string& tag = requireString(req, "tag");
     const std::string group = optionalString(req, "groupTag", "");
-    Lock db(dbMutex_);
-    store_->deleteTag(device, group, tag);
+    writeOnly([&](Store& store) { store.deleteTag(device, group, tag); });
     return kStatusOk;
 }
 
@@ -525,8 +524,7 @@ std::string Service::log(const json& req) {
         throw ApiError(400, "the event name (the message's only member) must not be empty");
     }
     const std::string text = message->dump();
-    Lock db(dbMutex_);
-    store_->addLog(deviceId, event, text, clock_());
+    writeOnly([&](Store& store) { store.addLog(deviceId, event, text, clock_()); });
     return kStatusOk;
 }
 

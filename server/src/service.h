@@ -136,6 +136,8 @@ class Service : private ChangeListener {
     std::uint64_t catalogVersion() const { return catalogVersion_.load(); }
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     bool databaseReachable();
+    /// Database threads worth running: more than one where the store takes writes at once. Any thread.
+    int databaseThreads() const { return concurrentStore().concurrency(); }
 
   private:
     struct LinkInfo {
@@ -182,10 +184,22 @@ class Service : private ChangeListener {
     void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt)
         TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
     /// The store, for the operations it allows on any thread at once without the writers' lock: a
-    /// catalogue snapshot and the reachability check, when concurrentCatalogReads().
+    /// catalogue snapshot and the reachability check, when concurrentCatalogReads(); any operation
+    /// that touches nothing in memory, when concurrency() > 1.
     Store& concurrentStore() const TOVREL_NO_THREAD_SAFETY_ANALYSIS { return *store_; }
     std::shared_ptr<const Catalog> catalog();
     std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
+    /// Runs a write that changes nothing held in memory: at once where the store takes several,
+    /// under the writers' lock elsewhere.
+    template <typename Write>
+    void writeOnly(Write&& write) {
+        if (concurrentStore().concurrency() > 1) {
+            write(concurrentStore());
+            return;
+        }
+        Lock db(dbMutex_);
+        write(*store_);
+    }
 
     Clock clock_;
     ServiceOptions options_;

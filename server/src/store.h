@@ -121,6 +121,9 @@ class Store {
     /// True when readCatalog() may run on any thread at the same time as the other operations (it then
     /// reads one consistent snapshot without waiting for writers).
     virtual bool concurrentCatalogReads() const = 0;
+    /// Threads that may run the store's operations at once (its connections): 1 unless the store is
+    /// thread-safe. Writes that touch nothing held in memory then run without the writers' lock.
+    virtual int concurrency() const { return 1; }
     /// Every enabled campaign, offer and place (apps are not read), from one consistent snapshot.
     virtual CatalogData readCatalog() = 0;
     /// Links and answers per offer, log messages per event name.
