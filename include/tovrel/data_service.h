@@ -54,7 +54,7 @@ class TOVREL_EXPORT DataService {
     static Json buildLocationDictionaryWithLatitude(double latitude, double longitude);
 
   private:
-    void post(const char* path, const Json& body, std::function<void(const platform::JsonResult&)> onAnswer);
+    void post(const char* path, const Json& body, platform::JsonCompletion onAnswer);
     void sendStatusRequest(const char* path, Json body, StatusCompletion completion);
 
     Environment& environment_;

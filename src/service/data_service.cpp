@@ -27,8 +27,7 @@ Json DataService::buildLocationDictionaryWithLatitude(double latitude, double lo
     return Json{{"lat", formatF(latitude)}, {"lon", formatF(longitude)}};
 }
 
-void DataService::post(const char* path, const Json& body,
-                       std::function<void(const platform::JsonResult&)> onAnswer) {
+void DataService::post(const char* path, const Json& body, platform::JsonCompletion onAnswer) {
     const std::string url = environment_.configuration().serviceBaseURL + path;
     environment_.platform().http->postJson(url, body, std::move(onAnswer));
 }
@@ -45,7 +44,7 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
         {"distanceThreshold", kDistanceThreshold},
     };
     auto& log = *environment_.platform().log;
-    post("/v2/place", body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+    post("/v2/place", body, [&log, completion = std::move(completion)](platform::JsonResult result) {
         if (!result.ok()) {
             TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
             if (completion) {
@@ -58,7 +57,8 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
             const auto it = result.value.find("places");
             if (it != result.value.end()) {
                 if (it->is_array()) {
-                    places.insert(places.end(), it->begin(), it->end());
+                    // The answer is ours: its records move rather than being copied.
+                    places = std::move(*it);
                 } else {
                     TOVREL_LOG(log, "\"places\" is %s, not an array", it->type_name());
                 }

@@ -235,16 +235,16 @@ void LocationManager::locationManagerDidUpdateLocations(const std::vector<platfo
     auto& prefs = *environment_.platform().preferences;
     const platform::Coordinate stored =
         targeting::storedLocation(prefs).value_or(platform::Location{}).coordinate;
-
     // A move along an exact meridian or parallel does not count as a move.
     const bool moved =
         newest.coordinate.latitude != stored.latitude && newest.coordinate.longitude != stored.longitude;
     if (static_cast<double>(moved) > 0.00001) {
         checkForLocationTarget(newest);
     }
-    prefs.setObject(prefs::kCurrentLocation, archiveLocation(newest));
+    nlohmann::json archived = archiveLocation(newest);
+    prefs.setObject(prefs::kCurrentLocation, archived);
     environment_.notificationCenter().post(kTovrelLocationNotification,
-                                           nlohmann::json{{"Location", archiveLocation(newest)}});
+                                           nlohmann::json{{"Location", std::move(archived)}});
 }
 
 void LocationManager::locationManagerDidFailWithError(const platform::LocationError& error) {

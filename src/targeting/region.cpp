@@ -15,15 +15,12 @@ std::shared_ptr<hRegion> hRegion::fromPlaceRecord(const nlohmann::json& record) 
     target->placeId = raw("placeId");
     target->alertText = raw("alertText");
     target->centroidLat = raw("centroidLat");
-    target->centroidLon = raw("centroidLon");
     target->eventName = raw("eventName");
     target->mediaType = raw("mediaType");
     target->mediaURL = raw("mediaURL");
-    // Every later field lands in centroidLon, one after the other; the targets have always been built
-    // this way and nothing reads those five properties of a target.
-    for (const char* key : {"placeId", "campaignName", "tags", "startDate", "endDate"}) {
-        target->centroidLon = raw(key);
-    }
+    // centroidLon, then the five later fields (placeId, campaignName, tags, startDate, endDate), have
+    // always been written into centroidLon in turn: only the last stays, so only it is copied.
+    target->centroidLon = raw("endDate");
 
     target->linked = intValueFor(record, "isLinked");
     target->dwelltime = intValueFor(record, "dwellTime");

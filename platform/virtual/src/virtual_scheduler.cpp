@@ -1,5 +1,6 @@
 #include "tovrel/virtual/virtual_scheduler.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -19,7 +20,8 @@ VirtualScheduler::~VirtualScheduler() = default;
 
 void VirtualScheduler::push(double due, platform::Task task, std::shared_ptr<TimerState> timer,
                             double interval, bool background) {
-    queue_.push(Entry{due, nextSequence_++, std::move(task), std::move(timer), interval, background});
+    queue_.push_back(Entry{due, nextSequence_++, std::move(task), std::move(timer), interval, background});
+    std::push_heap(queue_.begin(), queue_.end(), Later{});
     changed_.notify_all();
 }
 
@@ -64,19 +66,25 @@ void VirtualScheduler::dispatchBackground(platform::Task task) {
     push(now_, std::move(task), nullptr, 0, true);
 }
 
+VirtualScheduler::Entry VirtualScheduler::popEarliest() const {
+    std::pop_heap(queue_.begin(), queue_.end(), Later{});
+    Entry entry = std::move(queue_.back());
+    queue_.pop_back();
+    return entry;
+}
+
 void VirtualScheduler::dropDeadEntries() const {
-    while (!queue_.empty() && queue_.top().timer && !queue_.top().timer->valid) {
-        queue_.pop();
+    while (!queue_.empty() && queue_.front().timer && !queue_.front().timer->valid) {
+        popEarliest();
     }
 }
 
 bool VirtualScheduler::runOneDue(std::unique_lock<std::mutex>& lock) {
     dropDeadEntries();
-    if (queue_.empty() || queue_.top().due > now_) {
+    if (queue_.empty() || queue_.front().due > now_) {
         return false;
     }
-    Entry entry = queue_.top();
-    queue_.pop();
+    Entry entry = popEarliest();
     if (entry.timer) {
         if (entry.interval > 0) {
             double next = entry.due + entry.interval;
@@ -131,11 +139,11 @@ void VirtualScheduler::fastForwardTo(double time) {
         runUntilIdle();
         std::unique_lock lock(mutex_);
         dropDeadEntries();
-        if (queue_.empty() || queue_.top().due > time) {
+        if (queue_.empty() || queue_.front().due > time) {
             now_ = std::max(now_, time);
             break;
         }
-        now_ = std::max(now_, queue_.top().due);
+        now_ = std::max(now_, queue_.front().due);
     }
     runUntilIdle();
 }
@@ -150,20 +158,13 @@ std::optional<double> VirtualScheduler::nextEventTime() const {
     if (queue_.empty()) {
         return std::nullopt;
     }
-    return queue_.top().due;
+    return queue_.front().due;
 }
 
 std::size_t VirtualScheduler::pendingCount() const {
     std::lock_guard lock(mutex_);
-    auto copy = queue_;
-    std::size_t live = 0;
-    while (!copy.empty()) {
-        if (!copy.top().timer || copy.top().timer->valid) {
-            ++live;
-        }
-        copy.pop();
-    }
-    return live;
+    return static_cast<std::size_t>(std::count_if(
+        queue_.begin(), queue_.end(), [](const Entry& entry) { return !entry.timer || entry.timer->valid; }));
 }
 
 void VirtualScheduler::beginExternalWork() {

@@ -5,7 +5,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <queue>
 #include <thread>
 #include <vector>
 
@@ -82,12 +81,15 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
               bool background);
     bool runOneDue(std::unique_lock<std::mutex>& lock);
     void dropDeadEntries() const;
+    /// Takes the earliest entry off the heap by moving it: a posted completion may hold a whole answer.
+    Entry popEarliest() const;
     void waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds);
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    /// Mutable so that a reader may drop invalidated timers from its top, which no one can observe.
-    mutable std::priority_queue<Entry, std::vector<Entry>, Later> queue_;
+    /// A heap ordered by Later (the earliest entry at the front). Mutable so that a reader may drop
+    /// invalidated timers from its top, which no one can observe.
+    mutable std::vector<Entry> queue_;
     double now_;
     std::uint64_t nextSequence_ = 0;
     int externalWork_ = 0;
