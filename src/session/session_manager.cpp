@@ -8,6 +8,7 @@
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/platform/thread_check.h"
 #include "tovrel/preferences_keys.h"
 #include "tovrel/version.h"
 
@@ -60,6 +61,7 @@ std::optional<std::string> SessionManager::startSessionUsingLocation(const std::
 }
 
 std::optional<std::string> SessionManager::sessionKey() const {
+    TOVREL_ASSERT_MAIN_THREAD(*environment_.platform().mainLoop);
     return storedSessionKey(*environment_.platform().preferences);
 }
 

@@ -32,6 +32,10 @@ LocationManager::LocationManager(Environment& environment)
 // gone, so nothing here reaches back into it.
 LocationManager::~LocationManager() = default;
 
+const platform::MainLoop& LocationManager::mainLoop() const {
+    return *environment_.platform().mainLoop;
+}
+
 std::shared_ptr<platform::LocationProvider> LocationManager::locationManager() const {
     std::lock_guard lock(mutex_);
     return locationManager_;
@@ -43,6 +47,7 @@ void LocationManager::setProvider(std::shared_ptr<platform::LocationProvider> pr
 }
 
 std::shared_ptr<platform::MotionActivityManager> LocationManager::motionActivityManager() const {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     return motionActivityManager_;
 }
 
@@ -83,6 +88,7 @@ nlohmann::json LocationManager::logTargetsArray() const {
 }
 
 void LocationManager::openOfferView(const nlohmann::json& offerElement) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     OfferViewRequest request{
         memberOrNull(offerElement, "eventId"),
         memberOrNull(offerElement, "deviceEventId"),
@@ -101,10 +107,12 @@ void LocationManager::openOfferView(const nlohmann::json& offerElement) {
 }
 
 void LocationManager::setOfferViewOpener(OfferViewOpener opener) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     offerViewOpener_ = std::move(opener);
 }
 
 std::vector<OfferViewRequest> LocationManager::offerViewRequests() const {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     return {offerViewRequests_.begin(), offerViewRequests_.end()};
 }
 
