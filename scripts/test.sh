@@ -9,8 +9,8 @@ usage() {
 Usage: scripts/test.sh [--quick] [--help]
 
 Installs what is missing (scripts/setup.sh), checks the format (scripts/check-format.sh) and the
-locks of tovrel-server with clang's thread-safety analysis (scripts/check-thread-safety.sh), then
-builds and tests:
+locks of tovrel-server and the backends with clang's thread-safety analysis
+(scripts/check-thread-safety.sh), then builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
