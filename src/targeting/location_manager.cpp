@@ -1,10 +1,10 @@
 #include "tovrel/location_manager.h"
 
 #include "foundation/value.h"
+#include "targeting/offer_view_port.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/environment.h"
-#include "tovrel/offer_full_view_controller.h"
 
 namespace tovrel {
 
@@ -14,9 +14,7 @@ std::shared_ptr<LocationManager> LocationManager::create(Environment& environmen
         manager->setOfferViewOpener(
             [&environment, weak = std::weak_ptr<LocationManager>(manager)](const OfferViewRequest& request) {
                 if (auto self = weak.lock()) {
-                    self->offerFullViewController = presentOfferFullView(
-                        environment, OfferViewContent{request.eventId, request.deviceEventId,
-                                                      request.mediaType, request.mediaURL});
+                    self->offerFullViewController = targeting::presentOfferView(environment, request);
                 }
             });
     }
