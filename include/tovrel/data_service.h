@@ -17,8 +17,9 @@ using Json = nlohmann::json;
 using ServiceError = std::optional<platform::HttpError>;
 using SessionKey = std::optional<std::string>;
 
-/// Client of the service's place, device-event and device-tag endpoints. Every call is one JSON POST
-/// carrying the session key; a missing key makes a call do nothing at all (no request, no
+/// Client of the service's place, device-event and device-tag endpoints, and of the session endpoint
+/// for the session manager. Every call is one JSON POST carrying the session key (but the session
+/// request, which asks for one); a missing key makes a call do nothing at all (no request, no
 /// completion). Completions run on the main loop, may be empty, and receive null for "nothing".
 /// Nothing is thrown out of a call: a response that cannot be read is logged and read as far as it goes.
 class TOVREL_EXPORT DataService {
@@ -31,6 +32,8 @@ class TOVREL_EXPORT DataService {
         std::function<void(const Json& places, const Json& deviceEventId, const ServiceError& error)>;
     /// (status, error): the answer's "status" as it stands (null when absent).
     using StatusCompletion = std::function<void(const Json& status, const ServiceError& error)>;
+    /// (answer, error): the whole answer as it stands on success, null and the error on failure.
+    using AnswerCompletion = std::function<void(const Json& answer, const ServiceError& error)>;
 
     explicit DataService(Environment& environment);
 
@@ -49,6 +52,10 @@ class TOVREL_EXPORT DataService {
                                     StatusCompletion completion);
     void deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
                                        const std::string& groupTag, StatusCompletion completion);
+
+    /// Main thread. Posts `body` (device identifier, type and model, SDK key) to the session endpoint.
+    /// Logs nothing: the session manager reports a failure and decides whether to ask again.
+    void requestSessionWithBody(const Json& body, AnswerCompletion completion);
 
     /// {"lat": "%f", "lon": "%f"}: six-decimal texts.
     static Json buildLocationDictionaryWithLatitude(double latitude, double longitude);

@@ -18,6 +18,7 @@
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/motion.h"
 #include "tovrel/platform/notifications.h"
+#include "tovrel/platform/thread_check.h"
 
 namespace tovrel {
 
@@ -164,16 +165,30 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     /// Any thread. The nearby-target records waiting for upload, as they will be sent.
     [[nodiscard]] nlohmann::json logTargetsArray() const;
     /// Main thread.
-    [[nodiscard]] bool accuracyError() const { return accuracyError_; }
-    void setAccuracyError(bool value) { accuracyError_ = value; }
-    [[nodiscard]] bool deviceHasExited() const { return deviceHasExited_; }
-    void setDeviceHasExited(bool value) { deviceHasExited_ = value; }
+    [[nodiscard]] bool accuracyError() const {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+        return accuracyError_;
+    }
+    void setAccuracyError(bool value) {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+        accuracyError_ = value;
+    }
+    [[nodiscard]] bool deviceHasExited() const {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+        return deviceHasExited_;
+    }
+    void setDeviceHasExited(bool value) {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+        deviceHasExited_ = value;
+    }
     /// Main thread. The repeating timer of the latest message held until exit (null after release).
     [[nodiscard]] const std::shared_ptr<platform::Timer>& queueMessageTimer() const {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
         return queueMessageTimer_;
     }
     /// Main thread. The last local notification presented.
     [[nodiscard]] const std::optional<platform::LocalNotification>& localNotification() const {
+        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
         return localNotification_;
     }
 
@@ -188,6 +203,9 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
         const char* prettyFunction;
         int line;
     };
+
+    /// The environment's main loop, which the "Main thread." members check against.
+    [[nodiscard]] const platform::MainLoop& mainLoop() const;
 
     // lifecycle.cpp
     void observe(const char* name, void (LocationManager::*handler)(const Notification&));

@@ -21,9 +21,14 @@
 #include "log.h"
 #include "rate_limiter.h"
 #include "request_fields.h"
-#include "thread_annotations.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel_server {
+
+using tovrel::platform::Lock;
+using tovrel::platform::Mutex;
+using tovrel::platform::ReaderLock;
+using tovrel::platform::SharedMutex;
 
 namespace beast = boost::beast;
 namespace http = beast::http;

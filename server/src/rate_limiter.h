@@ -5,9 +5,14 @@
 #include <string>
 #include <unordered_map>
 
-#include "thread_annotations.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel_server {
+
+using tovrel::platform::Lock;
+using tovrel::platform::Mutex;
+using tovrel::platform::ReaderLock;
+using tovrel::platform::SharedMutex;
 
 /// Token buckets per client address: each address may make `rate` requests a second on average and
 /// `burst` at once. Memory is bounded: beyond `maxClients` addresses, idle ones are forgotten, and when

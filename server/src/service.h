@@ -16,10 +16,15 @@
 #include "metrics.h"
 #include "rate_limiter.h"
 #include "store.h"
-#include "thread_annotations.h"
+#include "tovrel/platform/thread_annotations.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server {
+
+using tovrel::platform::Lock;
+using tovrel::platform::Mutex;
+using tovrel::platform::ReaderLock;
+using tovrel::platform::SharedMutex;
 
 /// An endpoint's answer: HTTP status and JSON body; `retry` asks the client to come back (the
 /// Retry-After of a 429 or 503).

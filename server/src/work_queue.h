@@ -7,9 +7,14 @@
 #include <thread>
 #include <vector>
 
-#include "thread_annotations.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel_server {
+
+using tovrel::platform::Lock;
+using tovrel::platform::Mutex;
+using tovrel::platform::ReaderLock;
+using tovrel::platform::SharedMutex;
 
 /// Runs jobs in the order they were posted on threads of its own, so that the threads serving
 /// connections never wait for the database. Bounded: post() refuses a job while `capacity` jobs are

@@ -15,6 +15,7 @@ enum EventAlertButton : int { kNever = 0, kView = 1, kLater = 2 };
 }  // namespace
 
 void LocationManager::showEventAlert(const std::string& message, int deviceEventId) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     platform::AlertSpec alert;
     alert.message = message;
     if (presentOfferView) {
@@ -34,6 +35,7 @@ void LocationManager::showEventAlert(const std::string& message, int deviceEvent
 }
 
 void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int buttonIndex) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     // Every report names the alert's tag, not the record's own identifier.
     const Json reported = formatLd(alertTag);
     switch (buttonIndex) {
@@ -81,6 +83,7 @@ void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int butt
 }
 
 void LocationManager::showAlert(const std::string& message) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     environment_.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
 }
 
@@ -90,6 +93,7 @@ void LocationManager::showToastMessage(const std::string& message) {
 
 void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
     const auto& platform = environment.platform();
+    TOVREL_ASSERT_MAIN_THREAD(*platform.mainLoop);
     const platform::AlertId id =
         platform.alerts->show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
     platform.mainLoop->scheduleTimer(kToastSeconds, false,

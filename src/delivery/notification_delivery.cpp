@@ -11,6 +11,7 @@
 namespace tovrel {
 
 void LocationManager::sendNotification(const std::string& body, int deviceEventId) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     if (platform.application->applicationState() != platform::ApplicationState::kActive) {
         localNotification_ = delivery::offerNotification(body, deviceEventId);
@@ -21,6 +22,7 @@ void LocationManager::sendNotification(const std::string& body, int deviceEventI
 }
 
 void LocationManager::tovrelNotificationQueued(const Notification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     if (!deviceHasExited_) {
         return;
     }
@@ -40,6 +42,7 @@ void LocationManager::tovrelNotificationQueued(const Notification& notification)
 }
 
 void LocationManager::didReceiveLocalNotification(const Notification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     environment_.notificationCenter().post(kTovrelInBounds);
     if (!presentOfferView) {
         return;
@@ -71,6 +74,7 @@ void LocationManager::didReceiveLocalNotification(const Notification& notificati
 }
 
 void LocationManager::applicationDidFinishLaunching(const Notification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     auto& log = *platform.log;
     TOVREL_LOG(log, "app finished launching");
@@ -93,6 +97,7 @@ void LocationManager::applicationDidFinishLaunching(const Notification& notifica
 }
 
 void LocationManager::renumberBadgesOfPendingNotifications() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     platform.application->setApplicationIconBadgeNumber(0);
     auto scheduled = platform.notifications->scheduledLocalNotifications();

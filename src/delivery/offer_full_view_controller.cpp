@@ -2,6 +2,7 @@
 
 #include "foundation/value.h"
 #include "tovrel/environment.h"
+#include "tovrel/platform/thread_check.h"
 
 namespace tovrel {
 namespace {
@@ -237,6 +238,7 @@ OfferViewContent OfferViewContent::fromOfferRecord(const nlohmann::json& element
 
 std::shared_ptr<OfferFullViewController> presentOfferFullView(Environment& environment,
                                                               const OfferViewContent& content) {
+    TOVREL_ASSERT_MAIN_THREAD(*environment.platform().mainLoop);
     const auto& views = environment.platform().views;
     if (!views) {
         return nullptr;

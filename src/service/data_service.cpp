@@ -185,4 +185,12 @@ void DataService::deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, co
                       std::move(completion));
 }
 
+void DataService::requestSessionWithBody(const Json& body, AnswerCompletion completion) {
+    post("/v1/session", body, [completion = std::move(completion)](const platform::JsonResult& result) {
+        if (completion) {
+            completion(result.ok() ? result.value : Json(), result.error);
+        }
+    });
+}
+
 }  // namespace tovrel

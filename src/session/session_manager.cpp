@@ -5,9 +5,11 @@
 #include "foundation/stored_values.h"
 #include "foundation/value.h"
 #include "tovrel/analytics_manager.h"
+#include "tovrel/data_service.h"
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/platform/thread_check.h"
 #include "tovrel/preferences_keys.h"
 #include "tovrel/version.h"
 
@@ -60,6 +62,7 @@ std::optional<std::string> SessionManager::startSessionUsingLocation(const std::
 }
 
 std::optional<std::string> SessionManager::sessionKey() const {
+    TOVREL_ASSERT_MAIN_THREAD(*environment_.platform().mainLoop);
     return storedSessionKey(*environment_.platform().preferences);
 }
 
@@ -72,18 +75,17 @@ std::optional<std::string> SessionManager::requestSession(const std::string& sdk
         {"deviceModel", platform.device->model()},
         {"sdkkey", sdkKey},
     };
-    platform.http->postJson(environment_.configuration().serviceBaseURL + "/v1/session", body,
-                            [this, sdkKey, usingLocation](const platform::JsonResult& result) {
-                                if (result.ok()) {
-                                    sessionStarted(result.value, usingLocation);
-                                    return;
-                                }
-                                TOVREL_LOG(*environment_.platform().log, "Error: %s",
-                                           result.error->localizedDescription.c_str());
-                                if (usingLocation) {
-                                    startSessionUsingLocation(sdkKey);
-                                }
-                            });
+    environment_.dataService().requestSessionWithBody(
+        body, [this, sdkKey, usingLocation](const nlohmann::json& answer, const ServiceError& error) {
+            if (!error) {
+                sessionStarted(answer, usingLocation);
+                return;
+            }
+            TOVREL_LOG(*environment_.platform().log, "Error: %s", error->localizedDescription.c_str());
+            if (usingLocation) {
+                startSessionUsingLocation(sdkKey);
+            }
+        });
     return storedSessionKey(prefs);
 }
 

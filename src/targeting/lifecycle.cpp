@@ -46,6 +46,7 @@ void LocationManager::observe(const char* name, void (LocationManager::*handler)
 }
 
 void LocationManager::initLocation() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     if (platform.notifications && targeting::systemVersionAtLeast8(*platform.device)) {
         platform.notifications->registerUserNotificationSettings(kAllNotificationTypes);
@@ -94,6 +95,7 @@ void LocationManager::initLocation() {
 }
 
 void LocationManager::startMonitoringLocation() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     TOVREL_LOG(*platform.log, "startMonitoringLocation");
     if (!platform.preferences->objectForKey(prefs::kSessionId)) {
@@ -163,6 +165,7 @@ void LocationManager::startUpdates(const std::shared_ptr<platform::LocationProvi
 }
 
 void LocationManager::stopMonitoringLocation() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "stopMonitoringLocation");
     if (const auto provider = providerOnMain()) {
         provider->stopUpdatingLocation();
@@ -172,6 +175,7 @@ void LocationManager::stopMonitoringLocation() {
 }
 
 void LocationManager::resumePausedLocationManager() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     if (const auto provider = providerOnMain()) {
         startUpdates(provider);
     }
@@ -179,6 +183,7 @@ void LocationManager::resumePausedLocationManager() {
 }
 
 void LocationManager::startCoreMotion() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& motion = environment_.platform().motion;
     if (!motion) {
         return;
@@ -218,16 +223,19 @@ void LocationManager::applyMotionActivity(const platform::MotionActivity& activi
 }
 
 void LocationManager::locationManagerDidPauseLocationUpdates() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "Location Manager Paused - Starting 30 minute timer");
     environment_.platform().mainLoop->scheduleTimer(
         kPausedResumeDelay, false, [self = shared_from_this()] { self->resumePausedLocationManager(); });
 }
 
 void LocationManager::locationManagerDidResumeLocationUpdates() {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "Location Manager Resumed");
 }
 
 void LocationManager::locationManagerDidUpdateLocations(const std::vector<platform::Location>& locations) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     if (locations.empty()) {
         return;
     }
@@ -248,6 +256,7 @@ void LocationManager::locationManagerDidUpdateLocations(const std::vector<platfo
 }
 
 void LocationManager::locationManagerDidFailWithError(const platform::LocationError& error) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     if (error.code == 0) {
         accuracyError_ = true;
     }
@@ -258,10 +267,12 @@ void LocationManager::locationManagerDidFailWithError(const platform::LocationEr
 }
 
 void LocationManager::applicationDidBecomeActive(const Notification& /*notification*/) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "app became active mode");
 }
 
 void LocationManager::applicationEnterForeground(const Notification& /*notification*/) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     TOVREL_LOG(*platform.log, "app entered foreground mode");
     platform.application->setApplicationIconBadgeNumber(0);
@@ -269,14 +280,17 @@ void LocationManager::applicationEnterForeground(const Notification& /*notificat
 }
 
 void LocationManager::applicationWillResignActive(const Notification& /*notification*/) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "applicationWillResignActive");
 }
 
 void LocationManager::applicationEnterBackground(const Notification& /*notification*/) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     TOVREL_LOG(*environment_.platform().log, "app entered background mode");
 }
 
 void LocationManager::applicationWillTeminate(const Notification& /*notification*/) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     const nlohmann::json message{{"session_stopped", {{"timestamp", format0f(platform.clock->now())}}}};
     environment_.analyticsManager().logMessage(message, storedText(*platform.preferences, prefs::kAdid),

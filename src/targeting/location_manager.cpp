@@ -1,10 +1,10 @@
 #include "tovrel/location_manager.h"
 
 #include "foundation/value.h"
+#include "targeting/offer_view_port.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/environment.h"
-#include "tovrel/offer_full_view_controller.h"
 
 namespace tovrel {
 
@@ -14,9 +14,7 @@ std::shared_ptr<LocationManager> LocationManager::create(Environment& environmen
         manager->setOfferViewOpener(
             [&environment, weak = std::weak_ptr<LocationManager>(manager)](const OfferViewRequest& request) {
                 if (auto self = weak.lock()) {
-                    self->offerFullViewController = presentOfferFullView(
-                        environment, OfferViewContent{request.eventId, request.deviceEventId,
-                                                      request.mediaType, request.mediaURL});
+                    self->offerFullViewController = targeting::presentOfferView(environment, request);
                 }
             });
     }
@@ -32,6 +30,10 @@ LocationManager::LocationManager(Environment& environment)
 // gone, so nothing here reaches back into it.
 LocationManager::~LocationManager() = default;
 
+const platform::MainLoop& LocationManager::mainLoop() const {
+    return *environment_.platform().mainLoop;
+}
+
 std::shared_ptr<platform::LocationProvider> LocationManager::locationManager() const {
     std::lock_guard lock(mutex_);
     return locationManager_;
@@ -43,6 +45,7 @@ void LocationManager::setProvider(std::shared_ptr<platform::LocationProvider> pr
 }
 
 std::shared_ptr<platform::MotionActivityManager> LocationManager::motionActivityManager() const {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     return motionActivityManager_;
 }
 
@@ -83,6 +86,7 @@ nlohmann::json LocationManager::logTargetsArray() const {
 }
 
 void LocationManager::openOfferView(const nlohmann::json& offerElement) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     OfferViewRequest request{
         memberOrNull(offerElement, "eventId"),
         memberOrNull(offerElement, "deviceEventId"),
@@ -101,10 +105,12 @@ void LocationManager::openOfferView(const nlohmann::json& offerElement) {
 }
 
 void LocationManager::setOfferViewOpener(OfferViewOpener opener) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     offerViewOpener_ = std::move(opener);
 }
 
 std::vector<OfferViewRequest> LocationManager::offerViewRequests() const {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     return {offerViewRequests_.begin(), offerViewRequests_.end()};
 }
 

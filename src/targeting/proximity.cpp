@@ -34,6 +34,7 @@ double LocationManager::calculateDistanceInMetersBetweenCoord(const platform::Co
 }
 
 double LocationManager::getClosestBB(const platform::Location& location) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     targeting::NearestSet nearest;
     std::lock_guard lock(mutex_);
     targets_->nearest(location.coordinate, nearest);
@@ -41,6 +42,7 @@ double LocationManager::getClosestBB(const platform::Location& location) {
 }
 
 void LocationManager::checkForLocationTarget(const platform::Location& location) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     auto& log = *platform.log;
     // Taken out for the duration of the check, so a check started from inside this one stays correct.

@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "tovrel/platform/thread_check.h"
+
 namespace tovrel::linuxbackend {
 namespace {
 
@@ -319,6 +321,7 @@ bool AsioMainLoop::isMainThread() const {
 }
 
 std::unique_ptr<FdWatch> AsioMainLoop::watchReadable(int fd, std::function<void()> onReadable) {
+    TOVREL_ASSERT_MAIN_THREAD(*this);
     return std::make_unique<AsioFdWatch>(impl_->io_, fd, std::move(onReadable));
 }
 

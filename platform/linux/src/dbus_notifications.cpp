@@ -12,6 +12,8 @@
 #include <map>
 #include <mutex>
 
+#include "tovrel/platform/thread_check.h"
+
 namespace tovrel::linuxbackend {
 namespace {
 
@@ -61,6 +63,8 @@ class DbusNotifications::Impl : public std::enable_shared_from_this<DbusNotifica
           clock_(std::move(clock)),
           log_(std::move(log)),
           options_(std::move(options)) {}
+
+    [[nodiscard]] const platform::MainLoop& loop() const { return *loop_; }
 
     void connect() {
         if (!options_.busAddress.empty() && !unixBusListening(options_.busAddress)) {
@@ -318,27 +322,33 @@ DbusNotifications::DbusNotifications(std::shared_ptr<platform::MainLoop> loop,
 }
 
 DbusNotifications::~DbusNotifications() {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     impl_->cancelAll();
     impl_->disconnect();
 }
 
 void DbusNotifications::presentLocalNotificationNow(const platform::LocalNotification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     impl_->present(notification);
 }
 
 void DbusNotifications::scheduleLocalNotification(const platform::LocalNotification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     impl_->schedule(notification);
 }
 
 std::vector<platform::LocalNotification> DbusNotifications::scheduledLocalNotifications() const {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     return impl_->scheduled();
 }
 
 void DbusNotifications::cancelAllLocalNotifications() {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     impl_->cancelAll();
 }
 
 void DbusNotifications::registerUserNotificationSettings(int typeMask) {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     impl_->registered = typeMask;
 }
 
@@ -360,6 +370,7 @@ bool DbusNotifications::connected() const {
 }
 
 std::optional<int> DbusNotifications::registeredTypes() const {
+    TOVREL_ASSERT_MAIN_THREAD(impl_->loop());
     return impl_->registered;
 }
 

@@ -1,13 +1,15 @@
 #include "tovrel/linux/linux_location_services.h"
 
 #include <map>
-#include <mutex>
 #include <vector>
 
 #include "tovrel/linux/fix_filter.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel::linuxbackend {
 
+/// One platform location manager's settings and filter. Every field is read and written under the
+/// services' lock (Shared::mutex).
 struct ProviderState {
     explicit ProviderState(double grace) : filter(grace) {}
 
@@ -27,18 +29,18 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
     std::unique_ptr<FixSource> source;
     LocationServicesOptions options;
 
-    mutable std::mutex mutex;
-    std::vector<std::weak_ptr<ProviderState>> providers;
-    std::map<std::uint64_t, std::function<void(const TrackPoint&)>> observers;
-    std::uint64_t nextObserver = 0;
-    std::optional<platform::Location> latest;
-    bool sourceStarted = false;
-    std::size_t published = 0;
-    std::size_t delivered = 0;
+    mutable platform::Mutex mutex;
+    std::vector<std::weak_ptr<ProviderState>> providers TOVREL_GUARDED_BY(mutex);
+    std::map<std::uint64_t, std::function<void(const TrackPoint&)>> observers TOVREL_GUARDED_BY(mutex);
+    std::uint64_t nextObserver TOVREL_GUARDED_BY(mutex) = 0;
+    std::optional<platform::Location> latest TOVREL_GUARDED_BY(mutex);
+    bool sourceStarted TOVREL_GUARDED_BY(mutex) = false;
+    std::size_t published TOVREL_GUARDED_BY(mutex) = 0;
+    std::size_t delivered TOVREL_GUARDED_BY(mutex) = 0;
 
     void startSource() {
         {
-            std::lock_guard lock(mutex);
+            platform::Lock lock(mutex);
             if (sourceStarted || !source) {
                 return;
             }
@@ -47,12 +49,13 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
         source->start(weak_from_this());
     }
 
-    /// Caller holds the lock. Posts `fix` to the delegate of `state` (which has accepted it).
-    void queueFix(const std::shared_ptr<ProviderState>& state, const platform::Location& fix) {
+    /// Posts `fix` to the delegate of `state` (which has accepted it).
+    void queueFix(const std::shared_ptr<ProviderState>& state, const platform::Location& fix)
+        TOVREL_REQUIRES(mutex) {
         loop->post([self = shared_from_this(), state, fix] {
             std::shared_ptr<platform::LocationManagerDelegate> delegate;
             {
-                std::lock_guard lock(self->mutex);
+                platform::Lock lock(self->mutex);
                 if (!state->running()) {
                     return;
                 }
@@ -69,7 +72,7 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
     void publishFix(const TrackPoint& point) override {
         std::vector<std::function<void(const TrackPoint&)>> watchers;
         {
-            std::lock_guard lock(mutex);
+            platform::Lock lock(mutex);
             ++published;
             latest = point.fix;
             std::erase_if(providers, [](const std::weak_ptr<ProviderState>& weak) { return weak.expired(); });
@@ -89,7 +92,7 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
     }
 
     void publishError(const platform::LocationError& error) override {
-        std::lock_guard lock(mutex);
+        platform::Lock lock(mutex);
         for (const auto& weak : providers) {
             const auto state = weak.lock();
             if (!state || !state->running()) {
@@ -98,7 +101,7 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
             loop->post([self = shared_from_this(), state, error] {
                 std::shared_ptr<platform::LocationManagerDelegate> delegate;
                 {
-                    std::lock_guard inner(self->mutex);
+                    platform::Lock inner(self->mutex);
                     if (!state->running()) {
                         return;
                     }
@@ -111,8 +114,8 @@ struct LinuxLocationServices::Shared : FixSink, std::enable_shared_from_this<Lin
         }
     }
 
-    /// Caller holds the lock. A manager that has just started hears the latest fix when it is fresh.
-    void offerLatest(const std::shared_ptr<ProviderState>& state) {
+    /// A manager that has just started hears the latest fix when it is fresh.
+    void offerLatest(const std::shared_ptr<ProviderState>& state) TOVREL_REQUIRES(mutex) {
         if (!latest || !state->running()) {
             return;
         }
@@ -134,32 +137,32 @@ class LinuxLocationProvider final : public platform::LocationProvider {
     LinuxLocationProvider(std::shared_ptr<Shared> shared, std::shared_ptr<ProviderState> state)
         : shared_(std::move(shared)), state_(std::move(state)) {}
     ~LinuxLocationProvider() override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         state_->released = true;
     }
     LinuxLocationProvider(const LinuxLocationProvider&) = delete;
     LinuxLocationProvider& operator=(const LinuxLocationProvider&) = delete;
 
     void setDesiredAccuracy(double metres) override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         state_->settings.desiredAccuracy = metres;
     }
     [[nodiscard]] double desiredAccuracy() const override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         return state_->settings.desiredAccuracy;
     }
     void setDistanceFilter(double metres) override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         state_->settings.distanceFilter = metres;
     }
     [[nodiscard]] double distanceFilter() const override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         return state_->settings.distanceFilter;
     }
     void setActivityType(platform::ActivityType /*type*/) override {}
     void setPausesLocationUpdatesAutomatically(bool /*pauses*/) override {}
     void setDelegate(std::weak_ptr<platform::LocationManagerDelegate> delegate) override {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         state_->delegate = std::move(delegate);
     }
     void startUpdatingLocation() override { start(&FixFilterSettings::standardUpdates); }
@@ -175,7 +178,7 @@ class LinuxLocationProvider final : public platform::LocationProvider {
     void start(bool FixFilterSettings::*mode) {
         bool wasRunning = false;
         {
-            std::lock_guard lock(shared_->mutex);
+            platform::Lock lock(shared_->mutex);
             wasRunning = state_->running();
             state_->settings.*mode = true;
             if (!wasRunning) {
@@ -190,7 +193,7 @@ class LinuxLocationProvider final : public platform::LocationProvider {
     }
 
     void stop(bool FixFilterSettings::*mode) {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         state_->settings.*mode = false;
     }
 
@@ -232,7 +235,7 @@ platform::AuthorizationStatus LinuxLocationServices::authorizationStatus() const
 std::shared_ptr<platform::LocationProvider> LinuxLocationServices::createLocationManager() {
     auto state = std::make_shared<ProviderState>(shared_->options.poorFixGraceSeconds);
     {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         shared_->providers.push_back(state);
     }
     return std::make_shared<LinuxLocationProvider>(shared_, std::move(state));
@@ -242,13 +245,13 @@ std::shared_ptr<void> LinuxLocationServices::observeRawFixes(
     std::function<void(const TrackPoint&)> observer) {
     std::uint64_t id = 0;
     {
-        std::lock_guard lock(shared_->mutex);
+        platform::Lock lock(shared_->mutex);
         id = shared_->nextObserver++;
         shared_->observers.emplace(id, std::move(observer));
     }
     return std::shared_ptr<void>(nullptr, [weak = std::weak_ptr<Shared>(shared_), id](void*) {
         if (const auto shared = weak.lock()) {
-            std::lock_guard lock(shared->mutex);
+            platform::Lock lock(shared->mutex);
             shared->observers.erase(id);
         }
     });
@@ -259,12 +262,12 @@ void LinuxLocationServices::startSource() {
 }
 
 std::size_t LinuxLocationServices::publishedCount() const {
-    std::lock_guard lock(shared_->mutex);
+    platform::Lock lock(shared_->mutex);
     return shared_->published;
 }
 
 std::size_t LinuxLocationServices::deliveredCount() const {
-    std::lock_guard lock(shared_->mutex);
+    platform::Lock lock(shared_->mutex);
     return shared_->delivered;
 }
 

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <ctime>
 
+#include "tovrel/platform/thread_check.h"
+
 namespace tovrel::linuxbackend {
 
 std::string formatLogTimestamp(double secondsSince1970) {
@@ -59,6 +61,7 @@ LogAlertPresenter::LogAlertPresenter(std::shared_ptr<platform::MainLoop> loop,
     : loop_(std::move(loop)), log_(std::move(log)) {}
 
 platform::AlertId LogAlertPresenter::show(platform::AlertSpec alert) {
+    TOVREL_ASSERT_MAIN_THREAD(*loop_);
     Shown shown;
     shown.title = alert.title;
     shown.message = alert.message;
@@ -91,6 +94,7 @@ platform::AlertId LogAlertPresenter::show(platform::AlertSpec alert) {
 }
 
 void LogAlertPresenter::dismiss(platform::AlertId id, int buttonIndex, bool /*animated*/) {
+    TOVREL_ASSERT_MAIN_THREAD(*loop_);
     std::function<void(int)> onDismiss;
     {
         std::lock_guard lock(mutex_);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tovrel/linux/netlink_routes.h"
+#include "tovrel/platform/thread_check.h"
 
 namespace tovrel::linuxbackend {
 namespace {
@@ -87,6 +88,7 @@ struct NetlinkReachability::Shared : std::enable_shared_from_this<NetlinkReachab
 
     /// Main thread. Reads every scheduled watch again and calls back those whose flags changed.
     void recheck() {
+        TOVREL_ASSERT_MAIN_THREAD(*loop);
         std::vector<std::shared_ptr<Watch>> live;
         {
             std::lock_guard lock(mutex);
@@ -140,6 +142,7 @@ struct NetlinkReachability::Shared : std::enable_shared_from_this<NetlinkReachab
 
     /// Main thread. Network changed: names are resolved again, and every watch is read again.
     void networkChanged() {
+        TOVREL_ASSERT_MAIN_THREAD(*loop);
         if (!changes.drain()) {
             return;
         }
@@ -160,6 +163,7 @@ struct NetlinkReachability::Shared : std::enable_shared_from_this<NetlinkReachab
 
     /// Main thread. Watches the change socket while any handle is scheduled.
     void updateChangeWatch() {
+        TOVREL_ASSERT_MAIN_THREAD(*loop);
         bool any = false;
         {
             std::lock_guard lock(mutex);
@@ -247,6 +251,7 @@ NetlinkReachability::NetlinkReachability(const std::shared_ptr<AsioMainLoop>& lo
     : NetlinkReachability(loop, loop, std::move(background)) {}
 
 NetlinkReachability::~NetlinkReachability() {
+    TOVREL_ASSERT_MAIN_THREAD(*shared_->loop);
     if (shared_->changeWatch) {
         shared_->changeWatch->cancel();
         shared_->changeWatch.reset();
@@ -254,6 +259,7 @@ NetlinkReachability::~NetlinkReachability() {
 }
 
 std::unique_ptr<platform::ReachabilityHandle> NetlinkReachability::createWithName(const std::string& name) {
+    TOVREL_ASSERT_MAIN_THREAD(*shared_->loop);
     auto watch = std::make_shared<Shared::Watch>();
     watch->byName = true;
     watch->host = hostFromName(name);
@@ -268,6 +274,7 @@ std::unique_ptr<platform::ReachabilityHandle> NetlinkReachability::createWithNam
 
 std::unique_ptr<platform::ReachabilityHandle> NetlinkReachability::createWithAddress(
     const platform::Ipv4SocketAddress& address) {
+    TOVREL_ASSERT_MAIN_THREAD(*shared_->loop);
     auto watch = std::make_shared<Shared::Watch>();
     watch->address = address.address;
     {

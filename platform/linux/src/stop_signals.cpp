@@ -11,6 +11,7 @@
 namespace tovrel::linuxbackend {
 
 StopSignals::StopSignals() {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(thread_);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -25,10 +26,12 @@ StopSignals::StopSignals() {
 }
 
 StopSignals::~StopSignals() {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(thread_);
     close(fd_);
 }
 
 std::unique_ptr<FdWatch> StopSignals::watch(DescriptorWatcher& loop, std::function<void()> onStop) const {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(thread_);
     return loop.watchReadable(fd_, [fd = fd_, onStop = std::move(onStop)] {
         signalfd_siginfo info{};
         bool stopped = false;

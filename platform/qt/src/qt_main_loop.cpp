@@ -9,6 +9,8 @@
 #include <map>
 #include <mutex>
 
+#include "tovrel/platform/thread_check.h"
+
 namespace tovrel::qtbackend {
 
 class QtMainLoop::Impl : public std::enable_shared_from_this<QtMainLoop::Impl> {
@@ -129,6 +131,7 @@ class NotifierWatch final : public linuxbackend::FdWatch {
 QtMainLoop::QtMainLoop() : impl_(std::make_shared<Impl>()) {}
 
 QtMainLoop::~QtMainLoop() {
+    TOVREL_ASSERT_MAIN_THREAD(*this);
     for (auto& [id, timer] : impl_->timers) {
         timer->stop();
     }
@@ -163,10 +166,12 @@ bool QtMainLoop::isMainThread() const {
 }
 
 std::unique_ptr<linuxbackend::FdWatch> QtMainLoop::watchReadable(int fd, std::function<void()> onReadable) {
+    TOVREL_ASSERT_MAIN_THREAD(*this);
     return std::make_unique<NotifierWatch>(fd, std::move(onReadable));
 }
 
 std::size_t QtMainLoop::timerCount() const {
+    TOVREL_ASSERT_MAIN_THREAD(*this);
     return impl_->timers.size();
 }
 

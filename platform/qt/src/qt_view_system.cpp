@@ -41,6 +41,7 @@ void QtViewContext::windowChanged() const {
 
 QtViewSystem::QtViewSystem(const std::shared_ptr<platform::MainLoop>& loop, Options options)
     : context_(std::make_shared<QtViewContext>()), options_(std::move(options)) {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(guiThread_);
     context_->loop = loop;
     context_->resourceRoot = resourceRootFor(options_.resourceRoot);
     context_->tileURLTemplate = options_.tileURLTemplate;
@@ -219,6 +220,7 @@ void QtViewSystem::restackWindow() {
 }
 
 void QtViewSystem::addOverlay(QWidget* overlay) {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(guiThread_);
     overlay->setParent(window());
     overlay->setProperty("tovrelOverlay", true);
     overlay->setGeometry(window()->rect());
@@ -226,6 +228,7 @@ void QtViewSystem::addOverlay(QWidget* overlay) {
 }
 
 void QtViewSystem::deliverUserLocation(const platform::Location& location) {
+    TOVREL_ASSERT_CALLED_ON_VALID_THREAD(guiThread_);
     const auto maps = context_->maps;
     for (const auto& weak : maps) {
         if (const auto map = std::dynamic_pointer_cast<QtMapView>(weak.lock())) {

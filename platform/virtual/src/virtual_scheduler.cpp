@@ -26,7 +26,7 @@ void VirtualScheduler::push(double due, platform::Task task, std::shared_ptr<Tim
 }
 
 void VirtualScheduler::post(platform::Task task) {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     push(now_, std::move(task), nullptr, 0, false);
 }
 
@@ -35,34 +35,34 @@ std::shared_ptr<platform::Timer> VirtualScheduler::scheduleTimer(double seconds,
     auto state = std::make_shared<TimerState>();
     // A non-positive repeating interval would fire forever at one instant; the platform clamps it too.
     const double interval = repeats ? std::max(seconds, 0.0001) : 0;
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     push(now_ + std::max(seconds, 0.0), std::move(action), state, interval, false);
     return state;
 }
 
 bool VirtualScheduler::isMainThread() const {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     return std::this_thread::get_id() == loopThread_ && !inBackgroundTask_;
 }
 
 double VirtualScheduler::now() const {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     return now_;
 }
 
 void VirtualScheduler::sleepFor(double seconds) {
-    std::unique_lock lock(mutex_);
+    platform::Lock lock(mutex_);
     now_ += std::max(seconds, 0.0);
-    waitForExternalWork(lock, seconds);
+    waitForExternalWork(seconds);
 }
 
 void VirtualScheduler::detachNewThread(platform::Task task) {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     push(now_, std::move(task), nullptr, 0, true);
 }
 
 void VirtualScheduler::dispatchBackground(platform::Task task) {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     push(now_, std::move(task), nullptr, 0, true);
 }
 
@@ -79,7 +79,7 @@ void VirtualScheduler::dropDeadEntries() const {
     }
 }
 
-bool VirtualScheduler::runOneDue(std::unique_lock<std::mutex>& lock) {
+bool VirtualScheduler::runOneDue() {
     dropDeadEntries();
     if (queue_.empty() || queue_.front().due > now_) {
         return false;
@@ -101,34 +101,57 @@ bool VirtualScheduler::runOneDue(std::unique_lock<std::mutex>& lock) {
     }
     loopThread_ = std::this_thread::get_id();
     inBackgroundTask_ = entry.background;
-    lock.unlock();
-    entry.task();
-    entry.task = nullptr;
-    lock.lock();
+    mutex_.unlock();
+    try {
+        entry.task();
+        entry.task = nullptr;
+    } catch (...) {
+        // The caller's scoped lock releases the mutex again on the way out.
+        mutex_.lock();
+        throw;
+    }
+    mutex_.lock();
     inBackgroundTask_ = false;
     return true;
 }
 
-void VirtualScheduler::waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds) {
+bool VirtualScheduler::waitForChange(WallDeadline deadline) {
+    // The condition variable needs the std::mutex itself; the lock stays held as far as the analysis
+    // (and the caller) can tell.
+    std::unique_lock native(mutex_.native(), std::adopt_lock);
+    const bool changed = changed_.wait_until(native, deadline) == std::cv_status::no_timeout;
+    native.release();
+    return changed;
+}
+
+void VirtualScheduler::waitForExternalWork(double wallSeconds) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wallSeconds);
-    changed_.wait_until(lock, deadline, [this] { return externalWork_ == 0; });
+    while (externalWork_ != 0) {
+        if (!waitForChange(deadline)) {
+            return;
+        }
+    }
 }
 
 void VirtualScheduler::runUntilIdle() {
-    std::unique_lock lock(mutex_);
+    platform::Lock lock(mutex_);
     loopThread_ = std::this_thread::get_id();
     for (;;) {
-        while (runOneDue(lock)) {
+        while (runOneDue()) {
         }
         if (externalWork_ == 0) {
             return;
         }
         // Results of external work arrive as posted tasks; wait for one (or for the work to end).
         const std::uint64_t before = nextSequence_;
-        const bool progressed =
-            changed_.wait_for(lock, std::chrono::duration<double>(externalTimeout_),
-                              [this, before] { return externalWork_ == 0 || nextSequence_ != before; });
-        if (!progressed) {
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::duration<double>(externalTimeout_);
+        while (externalWork_ != 0 && nextSequence_ == before) {
+            if (!waitForChange(deadline)) {
+                break;
+            }
+        }
+        if (externalWork_ != 0 && nextSequence_ == before) {
             return;
         }
     }
@@ -137,7 +160,7 @@ void VirtualScheduler::runUntilIdle() {
 void VirtualScheduler::fastForwardTo(double time) {
     for (;;) {
         runUntilIdle();
-        std::unique_lock lock(mutex_);
+        platform::Lock lock(mutex_);
         dropDeadEntries();
         if (queue_.empty() || queue_.front().due > time) {
             now_ = std::max(now_, time);
@@ -153,7 +176,7 @@ void VirtualScheduler::fastForwardBy(double seconds) {
 }
 
 std::optional<double> VirtualScheduler::nextEventTime() const {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     dropDeadEntries();
     if (queue_.empty()) {
         return std::nullopt;
@@ -162,18 +185,18 @@ std::optional<double> VirtualScheduler::nextEventTime() const {
 }
 
 std::size_t VirtualScheduler::pendingCount() const {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     return static_cast<std::size_t>(std::count_if(
         queue_.begin(), queue_.end(), [](const Entry& entry) { return !entry.timer || entry.timer->valid; }));
 }
 
 void VirtualScheduler::beginExternalWork() {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     ++externalWork_;
 }
 
 void VirtualScheduler::endExternalWork() {
-    std::lock_guard lock(mutex_);
+    platform::Lock lock(mutex_);
     --externalWork_;
     changed_.notify_all();
 }

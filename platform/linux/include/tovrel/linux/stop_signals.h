@@ -5,6 +5,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/linux/asio_main_loop.h"
+#include "tovrel/platform/thread_check.h"
 
 namespace tovrel::linuxbackend {
 
@@ -27,6 +28,7 @@ class TOVREL_EXPORT StopSignals {
 
   private:
     int fd_ = -1;
+    platform::ThreadChecker thread_;
 };
 
 }  // namespace tovrel::linuxbackend

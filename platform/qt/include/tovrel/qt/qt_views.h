@@ -14,6 +14,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/thread_check.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
 #include "tovrel/viewtree/view_node.h"
@@ -513,6 +514,8 @@ class TOVREL_EXPORT QtViewSystem final : public platform::ViewSystem {
     bool statusBarHidden_ = false;
     std::vector<std::function<void()>> observers_;
     platform::PresentationContext rootContext_;
+    /// The Qt GUI thread: the one that made the system (after the QApplication).
+    platform::ThreadChecker guiThread_;
 };
 
 /// `view` as the Qt kind T, or null.

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -12,6 +12,7 @@
 #include "tovrel/platform/background.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel::virtualbackend {
 
@@ -78,24 +79,29 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
     };
 
     void push(double due, platform::Task task, std::shared_ptr<TimerState> timer, double interval,
-              bool background);
-    bool runOneDue(std::unique_lock<std::mutex>& lock);
-    void dropDeadEntries() const;
+              bool background) TOVREL_REQUIRES(mutex_);
+    /// Runs the task due first, if any, with the lock released while it runs.
+    bool runOneDue() TOVREL_REQUIRES(mutex_);
+    void dropDeadEntries() const TOVREL_REQUIRES(mutex_);
     /// Takes the earliest entry off the heap by moving it: a posted completion may hold a whole answer.
-    Entry popEarliest() const;
-    void waitForExternalWork(std::unique_lock<std::mutex>& lock, double wallSeconds);
+    Entry popEarliest() const TOVREL_REQUIRES(mutex_);
+    void waitForExternalWork(double wallSeconds) TOVREL_REQUIRES(mutex_);
+    using WallDeadline =
+        std::chrono::time_point<std::chrono::steady_clock, std::chrono::duration<double, std::nano>>;
+    /// Waits for a change, the lock released meanwhile; false once `deadline` has passed.
+    bool waitForChange(WallDeadline deadline) TOVREL_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
+    mutable platform::Mutex mutex_;
     std::condition_variable changed_;
     /// A heap ordered by Later (the earliest entry at the front). Mutable so that a reader may drop
     /// invalidated timers from its top, which no one can observe.
-    mutable std::vector<Entry> queue_;
-    double now_;
-    std::uint64_t nextSequence_ = 0;
-    int externalWork_ = 0;
+    mutable std::vector<Entry> queue_ TOVREL_GUARDED_BY(mutex_);
+    double now_ TOVREL_GUARDED_BY(mutex_);
+    std::uint64_t nextSequence_ TOVREL_GUARDED_BY(mutex_) = 0;
+    int externalWork_ TOVREL_GUARDED_BY(mutex_) = 0;
     double externalTimeout_ = 60;
-    std::thread::id loopThread_;
-    bool inBackgroundTask_ = false;
+    std::thread::id loopThread_ TOVREL_GUARDED_BY(mutex_);
+    bool inBackgroundTask_ TOVREL_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tovrel::virtualbackend

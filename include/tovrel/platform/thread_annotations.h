@@ -2,7 +2,8 @@
 
 // Locks the compiler checks: clang's -Wthread-safety proves that every member marked GUARDED_BY is
 // touched only with its mutex held and that a function marked REQUIRES is called so. Other compilers
-// see plain mutexes. std::mutex carries no annotations in libstdc++, hence the thin wrappers.
+// see plain mutexes. std::mutex carries no annotations in libstdc++, hence the thin wrappers. Shared by
+// the backends and tovrel-server (scripts/check-thread-safety.sh runs the analysis).
 
 #include <condition_variable>
 #include <mutex>
@@ -28,9 +29,10 @@
 #define TOVREL_EXCLUDES(...) TOVREL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define TOVREL_NO_THREAD_SAFETY_ANALYSIS TOVREL_THREAD_ANNOTATION(no_thread_safety_analysis)
 
-namespace tovrel_server {
+namespace tovrel::platform {
 
 /// A std::mutex the thread-safety analysis knows.
+/// Any thread.
 class TOVREL_CAPABILITY("mutex") Mutex {
   public:
     void lock() TOVREL_ACQUIRE() { mutex_.lock(); }
@@ -83,4 +85,4 @@ class TOVREL_SCOPED_CAPABILITY ReaderLock {
     SharedMutex& mutex_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::platform

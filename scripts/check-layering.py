@@ -1,0 +1,183 @@
+#!/usr/bin/env python3
+"""Fails when an #include points the wrong way.
+
+Inside the component (src/ and its public headers in include/tovrel/) the folders form layers, each
+of which may include only the layers below it:
+
+    ports (include/tovrel/platform) < foundation < context < service < targeting < session, delivery < screens
+
+A public header belongs to the folder of the source file that implements it (include/tovrel/x.h goes
+with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Session and delivery are siblings: neither
+includes the other. Backends (platform/) include no component header, only the ports and their own
+headers; tovrel-server shares only the lock annotations and the programs' command-line helper. Service
+endpoints ("/v1/...", "/v2/...") are named only in src/service/.
+
+Arrows that still point the wrong way are listed in ALLOWED with the reason; the check fails when one
+of them disappears too, so the list shrinks as the debt is paid.
+
+Usage: scripts/check-layering.py [--list]   (--list prints every arrow between folders)
+"""
+
+import re
+import subprocess
+import sys
+from collections import Counter
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+
+LAYERS = {
+    "ports": 0,
+    "foundation": 1,
+    "context": 2,
+    "service": 3,
+    "targeting": 4,
+    "session": 5,
+    "delivery": 5,
+    "screens": 6,
+}
+
+# Public headers with no source file of the same name.
+HEADER_LAYERS = {
+    "export.h": "ports",
+    "version.h": "ports",
+    "notification_names.h": "foundation",
+    "preferences_keys.h": "foundation",
+}
+
+# Headers outside the component that it may include (generated build configuration).
+EXTERNAL_OK = {"tovrel_build_config.h"}
+
+# (including file, included layer): the arrows that still point up, each with its reason.
+ALLOWED = {
+    ("src/context/environment.cpp", "service"):
+        "the environment makes the shared instances (DataService, AnalyticsManager) on first use",
+    ("src/context/environment.cpp", "session"):
+        "the environment makes the shared SessionManager on first use",
+}
+
+SERVER_SHARED = ("tovrel/platform/thread_annotations.h", "tovrel/tools/")
+BACKEND_OWN = ("tovrel/platform/", "tovrel/export.h", "tovrel/version.h")
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
+ENDPOINT = re.compile(r'"/v\d+/[a-z/]*"')
+
+
+def tracked(*patterns):
+    out = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "--", *patterns],
+                         cwd=ROOT, check=True, capture_output=True, text=True).stdout
+    return sorted({line for line in out.splitlines() if line and (ROOT / line).is_file()})
+
+
+def public_header_layers(sources):
+    layers = {}
+    for path in sources:
+        parts = Path(path).parts
+        if len(parts) == 3 and parts[0] == "src" and parts[2].endswith(".cpp"):
+            layers[Path(parts[2]).stem + ".h"] = parts[1]
+    layers.update(HEADER_LAYERS)
+    return layers
+
+
+def layer_of_include(name, public_layers):
+    """The layer an #include names, None when outside the component, or '?' when unknown."""
+    if name in EXTERNAL_OK:
+        return None
+    if name.startswith("tovrel/platform/"):
+        return "ports"
+    if name.startswith("tovrel/"):
+        rest = name[len("tovrel/"):]
+        if "/" in rest:
+            return None  # a backend's or a tool's header
+        return public_layers.get(rest, "?")
+    folder = name.split("/", 1)[0]
+    return folder if folder in LAYERS else "?"
+
+
+def layer_of_file(path, public_layers):
+    parts = Path(path).parts
+    if parts[0] == "src":
+        return parts[1] if len(parts) > 2 else None
+    if parts[:2] == ("include", "tovrel"):
+        if len(parts) > 3:
+            return "ports" if parts[2] == "platform" else None
+        return public_layers.get(parts[2])
+    return None
+
+
+def main():
+    list_arrows = "--list" in sys.argv[1:]
+    if any(a in ("-h", "--help") for a in sys.argv[1:]):
+        print(__doc__.strip())
+        return 0
+    unknown_args = [a for a in sys.argv[1:] if a not in ("--list",)]
+    if unknown_args:
+        print(f"check-layering: unknown option '{unknown_args[0]}'", file=sys.stderr)
+        return 2
+
+    sources = tracked("src/*.cpp", "src/*.h")
+    public = [p for p in tracked("include/tovrel/*.h") if p.count("/") == 2 or p.startswith("include/tovrel/platform/")]
+    public_layers = public_header_layers(sources)
+    problems = []
+    arrows = Counter()
+    used_allowances = set()
+
+    for path in sources + public:
+        here = layer_of_file(path, public_layers)
+        if here is None:
+            if path.startswith("include/tovrel/") and path.count("/") == 2 and path != "include/tovrel/tovrel.h":
+                problems.append(f"{path}: no layer (add it to HEADER_LAYERS)")
+            continue
+        text = (ROOT / path).read_text(encoding="utf-8", errors="replace")
+        for name in INCLUDE.findall(text):
+            there = layer_of_include(name, public_layers)
+            if there is None or there == here:
+                continue
+            if there == "?":
+                problems.append(f'{path}: #include "{name}" names no known layer')
+                continue
+            arrows[(here, there)] += 1
+            if LAYERS[there] < LAYERS[here]:
+                continue
+            if (path, there) in ALLOWED:
+                used_allowances.add((path, there))
+                continue
+            problems.append(f'{path} ({here}): #include "{name}" points up to {there}')
+        if here != "service" and ENDPOINT.search(text):
+            problems.append(f"{path} ({here}): names a service endpoint; only src/service/ talks to the service")
+
+    for path in tracked("platform/*.cpp", "platform/*.h"):
+        for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
+            if name.split("/", 1)[0] in LAYERS or "src/" in name:
+                problems.append(f'{path}: a backend includes the component\'s sources ("{name}")')
+                continue
+            if not name.startswith("tovrel/"):
+                continue
+            rest = name[len("tovrel/"):]
+            if "/" in rest and not name.startswith("tovrel/platform/"):
+                continue  # a backend's own header
+            if not name.startswith(BACKEND_OWN):
+                problems.append(f'{path}: a backend includes the component ("{name}")')
+
+    for path in tracked("server/*.cpp", "server/*.h"):
+        for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
+            if name.startswith("tovrel/") and not name.startswith(SERVER_SHARED):
+                problems.append(f'{path}: tovrel-server includes "{name}" from the SDK')
+
+    for key in sorted(set(ALLOWED) - used_allowances):
+        problems.append(f"{key[0]} no longer includes {key[1]}: drop it from ALLOWED")
+
+    if list_arrows:
+        for (here, there), count in sorted(arrows.items()):
+            print(f"{here} -> {there}: {count}")
+    if problems:
+        print(f"check-layering: {len(problems)} problem(s):", file=sys.stderr)
+        for problem in problems:
+            print(f"  {problem}", file=sys.stderr)
+        return 1
+    print(f"check-layering: every #include points down ({len(ALLOWED)} known exceptions in ALLOWED)")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
