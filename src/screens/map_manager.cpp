@@ -212,6 +212,8 @@ std::shared_ptr<hAnnotation> MapManager::annotationFromPlaceRecord(
     return annotation;
 }
 
+// Not platform::haversineMetres: the map's form squares with pow and applies the radius as 6371.0,
+// which rounds differently.
 double MapManager::calculateAreaInMetersBetweenCoord(const platform::Coordinate& first,
                                                      const platform::Coordinate& second) {
     const double lat1 = first.latitude * kDegreesToRadians;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "tovrel/platform/distance.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel {
@@ -15,23 +16,11 @@ struct hRegion;
 
 namespace tovrel::targeting {
 
-/// Degrees to radians, as the distance has always been computed.
-inline constexpr double kDegreesToRadians = 0.017453292519943295;
-/// The earth's radius in kilometres, held as an integer.
-inline constexpr int kEarthRadiusKm = 6371;
+using platform::kDegreesToRadians;
 
-/// The haversine distance in metres from `first` to `second`, evaluated in exactly this order so
-/// that every caller gets the same bits for the same coordinates.
+/// The haversine distance in metres from `first` to `second` (platform::haversineMetres).
 inline double haversineMeters(const platform::Coordinate& first, const platform::Coordinate& second) {
-    const double dLat = (second.latitude - first.latitude) * kDegreesToRadians;
-    const double dLon = (second.longitude - first.longitude) * kDegreesToRadians;
-    const double sinHalfLat = std::sin(dLat / 2);
-    const double sinHalfLon = std::sin(dLon / 2);
-    const double a = sinHalfLat * sinHalfLat + std::cos(first.latitude * kDegreesToRadians) *
-                                                   std::cos(second.latitude * kDegreesToRadians) *
-                                                   sinHalfLon * sinHalfLon;
-    const double angle = 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
-    return kEarthRadiusKm * angle * 1000;
+    return platform::haversineMetres(first, second);
 }
 
 /// Desired accuracy and distance filter for the location source.

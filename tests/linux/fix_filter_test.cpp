@@ -76,11 +76,6 @@ TEST_F(FixFilterTest, ResetMakesTheNextFixPassAgain) {
     EXPECT_TRUE(filter.accept(fixAt(1, 2), standard));
 }
 
-TEST(MetresBetweenTest, MatchesTheHaversineOnTheMeanEarthSphere) {
-    EXPECT_NEAR(metresBetween({48, 11}, {49, 11}), 111194.93, 0.5);
-    EXPECT_DOUBLE_EQ(metresBetween({10, 10}, {10, 10}), 0);
-}
-
 class SpeedActivityClassifierTest : public ::testing::Test {
   protected:
     SpeedMotionOptions options;

@@ -162,12 +162,5 @@ TEST(SpatialIndex, EdgeRadiiAndEmptyIndexes) {
     EXPECT_EQ(SpatialIndex().size(), 0u);
 }
 
-TEST(Haversine, KnownDistances) {
-    EXPECT_NEAR(haversineMetres(0, 0, 0, 1), 111194.93, 0.01);
-    EXPECT_NEAR(haversineMetres(48.137, 11.575, 48.137, 11.575), 0, 1e-9);
-    EXPECT_NEAR(haversineMetres(90, 0, -90, 0), std::numbers::pi * kEarthRadiusMetres, 1e-6);
-    EXPECT_NEAR(haversineMetres(0, 179.5, 0, -179.5), 111194.93, 0.01);
-}
-
 }  // namespace
 }  // namespace tovrel_server

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <limits>
-#include <numbers>
 #include <random>
 
 #include "delivery/delivery_policy.h"
@@ -22,36 +21,6 @@ TEST(Distance, OneDegreeOfLongitudeOnTheEquator) {
     const double d = LocationManager::calculateDistanceInMetersBetweenCoord({0, 0}, {0, 1});
     EXPECT_EQ(strprintf("%.2f", d), "111194.93");
     EXPECT_EQ(d, haversineMeters({0, 0}, {0, 1}));
-}
-
-TEST(Distance, IsSymmetricZeroAtOnePointAndHalfTheGlobeAcross) {
-    EXPECT_EQ(haversineMeters({48.137154, 11.5754}, {52.52, 13.405}),
-              haversineMeters({52.52, 13.405}, {48.137154, 11.5754}));
-    EXPECT_EQ(haversineMeters({48.1, 11.5}, {48.1, 11.5}), 0.0);
-    EXPECT_NEAR(haversineMeters({0, 0}, {0, 180}), 6371000 * std::numbers::pi, 1e-6);
-    // Latitude and longitude offsets of the same size on the equator are the same distance.
-    EXPECT_EQ(haversineMeters({0, 0}, {0.25, 0}), haversineMeters({0, 0}, {0, 0.25}));
-}
-
-TEST(Distance, RadiusIsHeldAsAnIntegerAndAppliedLast) {
-    // (6371 · angle) · 1000 rounds differently from 6371000 · angle for some angles; the result must be
-    // the former for every angle.
-    std::mt19937_64 random(7);
-    std::uniform_real_distribution<double> lat(-89, 89);
-    std::uniform_real_distribution<double> lon(-179, 179);
-    for (int i = 0; i < 2000; ++i) {
-        const platform::Coordinate a{lat(random), lon(random)};
-        const platform::Coordinate b{lat(random), lon(random)};
-        const double k = 0.017453292519943295;
-        const double dLat = (b.latitude - a.latitude) * k;
-        const double dLon = (b.longitude - a.longitude) * k;
-        const double h =
-            std::sin(dLat / 2) * std::sin(dLat / 2) +
-            std::cos(a.latitude * k) * std::cos(b.latitude * k) * std::sin(dLon / 2) * std::sin(dLon / 2);
-        const double angle = 2 * std::atan2(std::sqrt(h), std::sqrt(1 - h));
-        const int radius = 6371;
-        ASSERT_EQ(haversineMeters(a, b), radius * angle * 1000);
-    }
 }
 
 TEST(AccuracyLadder, RowsAndTheirExactBoundaries) {

@@ -13,6 +13,7 @@
 #include "report_escape.h"
 #include "report_map.h"
 #include "report_plot.h"
+#include "tovrel/platform/distance.h"
 
 namespace tovrel::sim {
 namespace {
@@ -448,12 +449,7 @@ details summary{cursor:pointer;color:#667;font-size:11px}pre{white-space:pre-wra
 }  // namespace
 
 double distanceMetres(double lat1, double lon1, double lat2, double lon2) {
-    constexpr double k = 0.017453292519943295;
-    const double dLat = (lat2 - lat1) * k;
-    const double dLon = (lon2 - lon1) * k;
-    const double a = std::sin(dLat / 2) * std::sin(dLat / 2) +
-                     std::cos(lat1 * k) * std::cos(lat2 * k) * std::sin(dLon / 2) * std::sin(dLon / 2);
-    return 6371000.0 * 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
+    return tovrel::platform::haversineMetres(lat1, lon1, lat2, lon2);
 }
 
 void writeHtmlReport(const ReportInput& input, std::ostream& out) {

@@ -2,16 +2,12 @@
 
 #include <cmath>
 
+#include "tovrel/platform/distance.h"
+
 namespace tovrel::linuxbackend {
 
 double metresBetween(const platform::Coordinate& a, const platform::Coordinate& b) {
-    constexpr double kRadians = 0.017453292519943295;
-    const double dLat = (b.latitude - a.latitude) * kRadians;
-    const double dLon = (b.longitude - a.longitude) * kRadians;
-    const double s = std::sin(dLat / 2) * std::sin(dLat / 2) + std::cos(a.latitude * kRadians) *
-                                                                   std::cos(b.latitude * kRadians) *
-                                                                   std::sin(dLon / 2) * std::sin(dLon / 2);
-    return 6371000.0 * 2 * std::atan2(std::sqrt(s), std::sqrt(1 - s));
+    return platform::haversineMetres(a, b);
 }
 
 bool FixFilter::accept(const platform::Location& fix, const FixFilterSettings& settings) {

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cmath>
+
+namespace tovrel::platform {
+
+/// Degrees to radians, as every distance has always been computed.
+inline constexpr double kDegreesToRadians = 0.017453292519943295;
+/// The earth's radius in kilometres, held as an integer and applied last.
+inline constexpr int kEarthRadiusKm = 6371;
+
+/// Any thread. The haversine distance in metres between two points given in degrees, on a sphere of
+/// radius 6371 km, evaluated in exactly this order so that the component, the backends, the simulator
+/// and the server get the same bits for the same coordinates. Within about 285 m of the antipode
+/// 1 - a may round below zero and the result is NaN (no caller ever looks that far).
+inline double haversineMetres(double lat1, double lon1, double lat2, double lon2) {
+    const double dLat = (lat2 - lat1) * kDegreesToRadians;
+    const double dLon = (lon2 - lon1) * kDegreesToRadians;
+    const double sinHalfLat = std::sin(dLat / 2);
+    const double sinHalfLon = std::sin(dLon / 2);
+    const double a = sinHalfLat * sinHalfLat + std::cos(lat1 * kDegreesToRadians) *
+                                                   std::cos(lat2 * kDegreesToRadians) * sinHalfLon *
+                                                   sinHalfLon;
+    const double angle = 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
+    return kEarthRadiusKm * angle * 1000;
+}
+
+/// Any thread. The same for two values with `latitude` and `longitude` in degrees (a Coordinate).
+template <class Point>
+double haversineMetres(const Point& first, const Point& second) {
+    return haversineMetres(first.latitude, first.longitude, second.latitude, second.longitude);
+}
+
+}  // namespace tovrel::platform
