@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 
 namespace tovrel::platform {
@@ -11,8 +12,8 @@ inline constexpr int kEarthRadiusKm = 6371;
 
 /// Any thread. The haversine distance in metres between two points given in degrees, on a sphere of
 /// radius 6371 km, evaluated in exactly this order so that the component, the backends, the simulator
-/// and the server get the same bits for the same coordinates. Within about 285 m of the antipode
-/// 1 - a may round below zero and the result is NaN (no caller ever looks that far).
+/// and the server get the same bits for the same coordinates. Near the antipode a may round above 1:
+/// 1 - a is then held at 0, so the result is half the circumference, never NaN.
 inline double haversineMetres(double lat1, double lon1, double lat2, double lon2) {
     const double dLat = (lat2 - lat1) * kDegreesToRadians;
     const double dLon = (lon2 - lon1) * kDegreesToRadians;
@@ -21,7 +22,7 @@ inline double haversineMetres(double lat1, double lon1, double lat2, double lon2
     const double a = sinHalfLat * sinHalfLat + std::cos(lat1 * kDegreesToRadians) *
                                                    std::cos(lat2 * kDegreesToRadians) * sinHalfLon *
                                                    sinHalfLon;
-    const double angle = 2 * std::atan2(std::sqrt(a), std::sqrt(1 - a));
+    const double angle = 2 * std::atan2(std::sqrt(a), std::sqrt(std::max(0.0, 1 - a)));
     return kEarthRadiusKm * angle * 1000;
 }
 
