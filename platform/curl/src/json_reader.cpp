@@ -263,13 +263,15 @@ class Reader {
         // beyond 64 bits becomes a double.
         if (integral && negative) {
             std::int64_t whole = 0;
-            if (const auto read = std::from_chars(start, p_, whole); read.ec == std::errc() && read.ptr == p_) {
+            if (const auto read = std::from_chars(start, p_, whole);
+                read.ec == std::errc() && read.ptr == p_) {
                 out = whole;
                 return true;
             }
         } else if (integral) {
             std::uint64_t whole = 0;
-            if (const auto read = std::from_chars(start, p_, whole); read.ec == std::errc() && read.ptr == p_) {
+            if (const auto read = std::from_chars(start, p_, whole);
+                read.ec == std::errc() && read.ptr == p_) {
                 out = whole;
                 return true;
             }
