@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tovrel/platform/json_text.h"
+#include "tovrel/curl/json_reader.h"
 
 namespace tovrel::curl {
 namespace {
@@ -55,7 +55,7 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
     platform::JsonResult result;
     result.status = status;
     if (status < 200 || status > 299) {
-        auto parsed = platform::parseJsonText(body);
+        auto parsed = readJsonText(body);
         result.value = parsed.ok() ? std::move(parsed.value) : nullptr;
         result.error = platform::HttpError{platform::HttpErrorKind::kStatus, status,
                                            statusSentence(status, result.value)};
@@ -67,7 +67,7 @@ platform::JsonResult classifyJsonResponse(int status, std::string_view body, std
                                            where + " sent an empty answer where JSON was expected."};
         return result;
     }
-    auto parsed = platform::parseJsonText(body);
+    auto parsed = readJsonText(body);
     if (!parsed.ok()) {
         result.value = nullptr;
         result.error = platform::HttpError{
