@@ -1,8 +1,12 @@
 #include "foundation/format.h"
 
 #include <array>
+#include <charconv>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <optional>
+#include <system_error>
 
 namespace tovrel {
 
@@ -26,11 +30,32 @@ std::string strprintf(const char* format, ...) {
     return out;
 }
 
+namespace {
+
+/// Fixed-point with `decimals` digits after the point, as printf's "%.*f" writes it (to_chars rounds
+/// the exact binary value the same way, ties to even); nothing for what it leaves to printf.
+std::optional<std::string> fixed(double value, int decimals) {
+    std::array<char, 64> buffer;
+    if (!std::isfinite(value)) {
+        return std::nullopt;
+    }
+    const auto written = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                       std::chars_format::fixed, decimals);
+    if (written.ec != std::errc()) {
+        return std::nullopt;
+    }
+    return std::string(buffer.data(), written.ptr);
+}
+
+}  // namespace
+
 std::string formatF(double value) {
-    return strprintf("%f", value);
+    auto text = fixed(value, 6);
+    return text ? std::move(*text) : strprintf("%f", value);
 }
 std::string format0f(double value) {
-    return strprintf("%0.f", value);
+    auto text = fixed(value, 0);
+    return text ? std::move(*text) : strprintf("%0.f", value);
 }
 std::string formatD(int value) {
     return strprintf("%d", value);

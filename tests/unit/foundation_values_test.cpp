@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdio>
 #include <limits>
+#include <string>
 
 #include "foundation/format.h"
 #include "foundation/log.h"
@@ -84,6 +87,33 @@ TEST(Formats, MatchThePrintfForms) {
     EXPECT_EQ(format0f(2.5), "2");  // round half to even, as printf does
     EXPECT_EQ(formatD(-42), "-42");
     EXPECT_EQ(formatLd(1234567890123L), "1234567890123");
+}
+
+TEST(Formats, FixedPointAgreesWithPrintfAtItsEdges) {
+    std::array<char, 512> text{};
+    const auto printfF = [&text](double value) {
+        std::snprintf(text.data(), text.size(), "%f", value);
+        return std::string(text.data());
+    };
+    const auto printf0f = [&text](double value) {
+        std::snprintf(text.data(), text.size(), "%0.f", value);
+        return std::string(text.data());
+    };
+    // Exact ties (2.5 to a whole number, 1/128 to six places; 0.0000005 is none), negative zero, values too
+    // long for a short buffer, the smallest and largest doubles, and what is not a number.
+    const auto expectPrintfs = [&](double value) {
+        EXPECT_EQ(formatF(value), printfF(value)) << value;
+        EXPECT_EQ(format0f(value), printf0f(value)) << value;
+    };
+    for (const double value : {0.0, -0.0, 0.5, 1.5, 2.5, -2.5, 0.0078125, 0.0234375, 0.0000005, 0.0000015,
+                               -0.0000004, 48.1371535, 1e15 + 0.5, 1e22, -1e300}) {
+        expectPrintfs(value);
+    }
+    using limits = std::numeric_limits<double>;
+    for (const double value : {limits::denorm_min(), limits::max(), limits::infinity(), -limits::infinity(),
+                               limits::quiet_NaN(), -limits::quiet_NaN()}) {
+        expectPrintfs(value);
+    }
 }
 
 TEST(Describe, PrintsObjectsAsTheyStand) {
