@@ -2,10 +2,12 @@
 // crash, throw or trip a sanitizer.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 #include "foundation/value.h"
 #include "tovrel/analytics_manager.h"
+#include "tovrel/curl/json_reader.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
 #include "tovrel/platform/json_text.h"
@@ -39,6 +41,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
 
     const auto text = tovrel::platform::parseJsonText(body);
+    // The HTTP port's own reader must agree with the full parser on every input, to the number kinds.
+    const auto read = tovrel::curl::readJsonText(body);
+    const auto dump = [](const Json& value) {
+        return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    };
+    if (read.ok() != text.ok() || read.problem != text.problem || read.error != text.error ||
+        read.value.type() != text.value.type() || dump(read.value) != dump(text.value)) {
+        std::abort();
+    }
     if (text.ok()) {
         const Json& parsed = text.value;
         convert(parsed);

@@ -14,12 +14,18 @@ Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
     check(sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr));
 }
 
+Statement::Statement(Database& owner, sqlite3_stmt* stmt) : db_(owner.db_), stmt_(stmt), owner_(&owner) {}
+
 Statement::~Statement() {
-    sqlite3_finalize(stmt_);
+    if (owner_ != nullptr && stmt_ != nullptr) {
+        owner_->keep(stmt_);
+    } else {
+        sqlite3_finalize(stmt_);
+    }
 }
 
 Statement::Statement(Statement&& other) noexcept
-    : db_(other.db_), stmt_(std::exchange(other.stmt_, nullptr)) {}
+    : db_(other.db_), stmt_(std::exchange(other.stmt_, nullptr)), owner_(other.owner_) {}
 
 namespace {
 
@@ -124,14 +130,52 @@ Database::Database(const std::string& path, int busyTimeoutMs) {
         exec("PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON");
         migrate(*this);
     } catch (const std::exception& e) {
-        sqlite3_close(db_);
-        db_ = nullptr;
+        close();
         throw std::runtime_error("cannot use database " + path + ": " + e.what());
     }
 }
 
 Database::~Database() {
+    close();
+}
+
+void Database::close() noexcept {
+    // A connection with statements left open does not close.
+    for (const auto& [sql, stmt] : kept_) {
+        sqlite3_finalize(stmt);
+    }
+    kept_.clear();
     sqlite3_close(db_);
+    db_ = nullptr;
+}
+
+Statement Database::prepare(std::string_view sql) {
+    // Preparing compiles the SQL, a good part of a request's time; a kept statement only needs binding.
+    if (const auto found = kept_.find(sql); found != kept_.end()) {
+        sqlite3_stmt* stmt = found->second;
+        kept_.erase(found);
+        return Statement(*this, stmt);
+    }
+    Statement fresh(db_, sql);
+    fresh.owner_ = this;
+    return fresh;
+}
+
+void Database::keep(sqlite3_stmt* stmt) noexcept {
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    const char* sql = sqlite3_sql(stmt);
+    if (sql == nullptr || kept_.size() >= kKeptStatements) {
+        sqlite3_finalize(stmt);
+        return;
+    }
+    try {
+        if (!kept_.try_emplace(sql, stmt).second) {
+            sqlite3_finalize(stmt);  // the same SQL was prepared twice at once
+        }
+    } catch (...) {
+        sqlite3_finalize(stmt);
+    }
 }
 
 void Database::exec(const std::string& sql) {

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -12,7 +13,10 @@
 
 namespace tovrel_server {
 
-/// A prepared SQLite statement. Not thread-safe; owned by the connection's user.
+class Database;
+
+/// A prepared SQLite statement. Not thread-safe; owned by the connection's user. One made by
+/// Database::prepare goes back to the connection when it ends, to be bound afresh next time.
 class Statement {
   public:
     Statement(sqlite3* db, std::string_view sql);
@@ -61,8 +65,12 @@ class Statement {
     }
     void check(int rc) const;
 
+    friend class Database;
+    Statement(Database& owner, sqlite3_stmt* stmt);
+
     sqlite3* db_;
     sqlite3_stmt* stmt_ = nullptr;
+    Database* owner_ = nullptr;
 };
 
 /// One SQLite connection with the server's settings (WAL for files, foreign keys, busy timeout).
@@ -78,14 +86,26 @@ class Database {
     Database& operator=(const Database&) = delete;
 
     void exec(const std::string& sql);
-    Statement prepare(std::string_view sql) { return Statement(db_, sql); }
+    /// The statement for `sql`: one this connection prepared before and got back, or a new one.
+    Statement prepare(std::string_view sql);
     int64_t lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
     /// Rows the last INSERT, UPDATE or DELETE changed.
     int64_t changes() const { return sqlite3_changes64(db_); }
     int userVersion();
 
   private:
+    friend class Statement;
+    /// At most this many finished statements wait for their SQL to come again (the requests' few
+    /// dozen); others are finalized.
+    static constexpr std::size_t kKeptStatements = 64;
+
+    /// Takes back a statement made by prepare(): reset, unbound, and kept unless one is already kept.
+    void keep(sqlite3_stmt* stmt) noexcept;
+    /// Finalizes the kept statements and closes the connection.
+    void close() noexcept;
+
     sqlite3* db_ = nullptr;
+    std::map<std::string, sqlite3_stmt*, std::less<>> kept_;  ///< by SQL text
 };
 
 /// BEGIN IMMEDIATE ... COMMIT (a write), or BEGIN ... (a read of one consistent snapshot); rolls back

@@ -118,8 +118,8 @@ class Reader {
             }
             ++p_;
             skipSpace();
-            // Answers list their members in key order, so the hint usually holds. A repeated key keeps
-            // its last value, as with the full parser.
+            // Members in key order (as a dump writes them) go in at the end without a search. A repeated
+            // key keeps its last value, as with the full parser.
             const auto member = members.try_emplace(members.end(), std::move(key));
             if (!value(member->second)) {
                 return false;
