@@ -82,3 +82,5 @@ echo "== optimised build"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j "$jobs"
 ctest --preset dev -j "$jobs"
+# What the cluster test counted (acknowledged writes, losses, propagation), for the log.
+grep -h '^cluster:' build/dev/Testing/Temporary/LastTest.log || true
