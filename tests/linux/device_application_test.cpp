@@ -37,7 +37,7 @@ bool shaped(const std::string& text, const std::string& pattern) {
 
 class LinuxDeviceTest : public ::testing::Test {
   protected:
-    test::TemporaryDirectory directory;
+    test::TempDir directory;
 
     LinuxDeviceOptions options(const std::string& appId) {
         LinuxDeviceOptions o;
@@ -142,7 +142,7 @@ TEST_F(LinuxApplicationTest, BadgeIsKeptAndObserved) {
 }
 
 TEST_F(LinuxApplicationTest, OpenUrlStartsTheOpenerWithoutWaitingAndFailsWhenItIsMissing) {
-    test::TemporaryDirectory directory;
+    test::TempDir directory;
     const auto opener = directory.path() / "opener";
     const auto marker = directory.path() / "opened";
     std::ofstream(opener) << "#!/bin/sh\nsleep 1\nprintf '%s' \"$1\" > " << marker.string() << "\n";

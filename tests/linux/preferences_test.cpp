@@ -19,11 +19,11 @@
 namespace tovrel::linuxbackend {
 namespace {
 
-using test::TemporaryDirectory;
+using test::TempDir;
 
 class SqlitePreferencesTest : public ::testing::Test {
   protected:
-    TemporaryDirectory directory;
+    TempDir directory;
     std::filesystem::path file() const { return directory.path() / "app" / "preferences.sqlite"; }
 };
 

@@ -10,27 +10,16 @@
 
 #include "support/child_process.h"
 #include "support/loopback_port.h"
+#include "support/temp_dir.h"
 
 namespace tovrel::linuxbackend::test {
 
 /// Runs a command to completion with /bin/sh; returns its exit code.
 int runCommand(const std::string& command);
 
-/// A fresh temporary directory, removed when dropped.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
-
 using tovrel::test::ChildProcess;
 using tovrel::test::freeLoopbackPort;
+using tovrel::test::TempDir;
 
 /// Polls `done` every few milliseconds until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);

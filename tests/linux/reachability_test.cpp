@@ -45,7 +45,7 @@ TEST(ReachabilityFlagsTest, HostIsTakenOutOfAUrl) {
 }
 
 TEST(ReachabilityFlagsTest, WwanInterfacesByNameOrSysfs) {
-    test::TemporaryDirectory sys;
+    test::TempDir sys;
     std::filesystem::create_directories(sys.path() / "usb0");
     std::ofstream(sys.path() / "usb0" / "uevent") << "DEVTYPE=wwan\nINTERFACE=usb0\n";
     std::filesystem::create_directories(sys.path() / "mhi0" / "device" / "wwan");

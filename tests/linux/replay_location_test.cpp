@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 class ReplayLocationTest : public ::testing::Test {
   protected:
-    test::TemporaryDirectory directory;
+    test::TempDir directory;
     std::shared_ptr<AsioMainLoop> loop = std::make_shared<AsioMainLoop>();
     std::shared_ptr<SystemClock> clock = std::make_shared<SystemClock>();
     std::shared_ptr<test::RecordingDelegate> delegate = std::make_shared<test::RecordingDelegate>(*loop);

@@ -142,7 +142,7 @@ class LinuxSessionTest : public ::testing::Test {
         return lastAnswer_;
     }
 
-    test::TemporaryDirectory directory;
+    test::TempDir directory;
     std::chrono::steady_clock::time_point lastReport_{};
     std::string lastQuestion_;
     bool lastAnswer_ = false;

@@ -77,7 +77,7 @@ TEST(NmeaTest, SkipsBadChecksumsVoidFixesAndNoise) {
 }
 
 TEST(TrackFileTest, LoadTrackTellsGpxFromNmeaByContent) {
-    test::TemporaryDirectory directory;
+    test::TempDir directory;
     const auto gpx = directory.path() / "route.txt";
     std::ofstream(gpx) << "\xef\xbb\xbf  " << test::gpxTrack(3, 10, 1);
     EXPECT_EQ(loadTrack(gpx).size(), 3u);

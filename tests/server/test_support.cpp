@@ -15,31 +15,6 @@ namespace tovrel_server::test {
 
 namespace fs = std::filesystem;
 
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "tovrel-server-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-}
-
-std::string TempDir::write(const std::string& name, const std::string& text) const {
-    const fs::path file = path_ / name;
-    fs::create_directories(file.parent_path());
-    FILE* f = std::fopen(file.c_str(), "wb");
-    if (!f) {
-        throw std::runtime_error("cannot write " + file.string());
-    }
-    std::fwrite(text.data(), 1, text.size(), f);
-    std::fclose(f);
-    return file.string();
-}
-
 namespace {
 
 std::size_t collect(char* data, std::size_t size, std::size_t count, void* out) {

@@ -12,27 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "support/temp_dir.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel_server::test {
 
 using nlohmann::json;
 
-/// A fresh folder under the system's temporary directory, removed with everything in it.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-    /// Writes text to a file in the folder and returns its path.
-    std::string write(const std::string& name, const std::string& text) const;
-
-  private:
-    std::filesystem::path path_;
-};
+using tovrel::test::TempDir;
 
 struct HttpResult {
     long status = 0;
