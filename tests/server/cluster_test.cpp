@@ -195,21 +195,6 @@ void step(LoadDevice& device, HttpClient& client, Acknowledged& acked) {
     }
 }
 
-json poppedUpPlace(int64_t id, double lat, double lon) {
-    return {{"type", "Feature"},
-            {"geometry", {{"type", "Point"}, {"coordinates", {lon, lat}}}},
-            {"properties",
-             {{"placeId", id},
-              {"name", "Pop-up " + std::to_string(id)},
-              {"radius", 40},
-              {"offers",
-               {{{"eventId", id},
-                 {"campaign", "City Walk Welcome"},
-                 {"eventName", "Pop-up"},
-                 {"alertText", "Just opened"},
-                 {"eventTypeId", 3}}}}}}};
-}
-
 bool answers(HttpClient& client, const std::string& key, int64_t placeId, double lat, double lon) {
     const HttpResult r =
         client.post("/v2/place", json{{"sessionKey", key},
@@ -317,9 +302,9 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
     const double popLon = 11.5802;
     HttpClient admin(replicas[0]->adminPort());
     const auto added = Clock::now();
-    const HttpResult add =
-        admin.request("POST", "/admin/v1/places", poppedUpPlace(kPopUp, popLat, popLon).dump(),
-                      {std::string("Authorization: Bearer ") + kToken});
+    const HttpResult add = admin.request(
+        "POST", "/admin/v1/places", placeFeature(kPopUp, kPopUp, popLat, popLon, "City Walk Welcome").dump(),
+        {std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(add.status, 200) << add.body;
     for (int i = 1; i < kReplicas; ++i) {
         ASSERT_TRUE(waitFor(

@@ -161,18 +161,7 @@ TEST_P(Admin, TheApiWantsTheTokenAndOnlyOnTheAdminListener) {
 TEST_P(Admin, PlaceChangesAreServedWithoutAReload) {
     const std::string key = fixture.startSession("LIVE");
     ASSERT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
-    const json feature = {{"type", "Feature"},
-                          {"geometry", {{"type", "Point"}, {"coordinates", {kOldTownLon, kOldTownLat}}}},
-                          {"properties",
-                           {{"placeId", 77},
-                            {"name", "Pop-up"},
-                            {"radius", 50},
-                            {"offers",
-                             {{{"eventId", 771},
-                               {"campaign", "Open"},
-                               {"eventName", "New"},
-                               {"alertText", "Hi"},
-                               {"eventTypeId", 3}}}}}}};
+    const json feature = placeFeature(77, 771, kOldTownLat, kOldTownLon, "Open");
     const HttpResult added = call("POST", "/admin/v1/places", feature.dump());
     ASSERT_EQ(added.status, 200) << added.body;
     EXPECT_TRUE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));

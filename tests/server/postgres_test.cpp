@@ -119,18 +119,7 @@ TEST_F(Postgres, ReplicasServeWhatAnotherOrAnOperatorsSqlChangedWithoutWaitingFo
     const std::string key = first.startSession("FOLLOWER");
     ASSERT_TRUE(recordOf(first.places(key, kLat, kLon), "771", "77").is_null());
 
-    const json feature = {{"type", "Feature"},
-                          {"geometry", {{"type", "Point"}, {"coordinates", {kLon, kLat}}}},
-                          {"properties",
-                           {{"placeId", 77},
-                            {"name", "Pop-up"},
-                            {"radius", 50},
-                            {"offers",
-                             {{{"eventId", 771},
-                               {"campaign", "Open"},
-                               {"eventName", "New"},
-                               {"alertText", "Hi"},
-                               {"eventTypeId", 3}}}}}}};
+    const json feature = placeFeature(77, 771, kLat, kLon, "Open");
     const HttpResult added = admin.request("POST", "/admin/v1/places", feature.dump(),
                                            {std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(added.status, 200) << added.body;

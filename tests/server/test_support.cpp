@@ -102,6 +102,21 @@ double utc(int year, unsigned month, unsigned day) {
     return static_cast<double>(sys_seconds{d}.time_since_epoch().count());
 }
 
+json placeFeature(int64_t placeId, int64_t offerId, double lat, double lon, const std::string& campaign) {
+    return {{"type", "Feature"},
+            {"geometry", {{"type", "Point"}, {"coordinates", {lon, lat}}}},
+            {"properties",
+             {{"placeId", placeId},
+              {"name", "Pop-up " + std::to_string(placeId)},
+              {"radius", 50},
+              {"offers",
+               {{{"eventId", offerId},
+                 {"campaign", campaign},
+                 {"eventName", "New"},
+                 {"alertText", "Just opened"},
+                 {"eventTypeId", 3}}}}}}};
+}
+
 std::string testPlacesGeoJson() {
     // Place 1 at the query point, place 2 500 m north, place 3 5 km east, place 4 30 km north.
     return R"({

@@ -66,6 +66,10 @@ class HttpClient {
 /// Seconds since 1970 for a UTC date, for the fixtures' clocks.
 double utc(int year, unsigned month, unsigned day);
 
+/// A GeoJSON Feature of one place with one offer, as the admin API adds it: place `placeId` at (lat,
+/// lon), radius 50 m, offer `offerId` of `campaign`.
+json placeFeature(int64_t placeId, int64_t offerId, double lat, double lon, const std::string& campaign);
+
 /// A place file with a few places and campaigns chosen for the tests (see test_support.cpp).
 std::string testPlacesGeoJson();
 
