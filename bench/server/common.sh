@@ -25,6 +25,14 @@ build_targets() {
     cmake --build "$dir" -j 2 --target "$@" >/dev/null
 }
 
+# stop_on_exit DIR: when the script ends, stops every process whose PID was added to `pids` and removes
+# DIR (the script's temporary folder).
+pids=()
+stop_on_exit() {
+    stop_dir=$1
+    trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done; rm -rf "$stop_dir"' EXIT
+}
+
 # free_port: prints a TCP port on 127.0.0.1 that nothing listens on.
 free_port() {
     python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'

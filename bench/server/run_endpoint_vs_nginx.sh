@@ -33,15 +33,7 @@ install_packages nginx wrk
 build_targets "$BUILD_DIR" tovrel-server
 
 tmp=$(mktemp -d)
-pids=()
-cleanup() {
-    for p in "${pids[@]}"; do
-        kill "$p" 2>/dev/null || true
-        wait "$p" 2>/dev/null || true
-    done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+stop_on_exit "$tmp"
 
 server="$BUILD_DIR/server/tovrel-server"
 "$server" import examples/places/munich.geojson --db "$tmp/bench.db" >/dev/null

@@ -39,15 +39,7 @@ server="$BUILD_DIR/server/tovrel-server"
 pg_bin=$(dirname "$(ls /usr/lib/postgresql/*/bin/postgres | tail -1)")
 
 tmp=$(mktemp -d "${WORK_DIR:-${TMPDIR:-/tmp}}/tovrel-stores.XXXXXX")
-pids=()
-cleanup() {
-    for p in "${pids[@]}"; do
-        kill "$p" 2>/dev/null || true
-        wait "$p" 2>/dev/null || true
-    done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+stop_on_exit "$tmp"
 
 as_db_user() {
     if [[ $(id -u) -eq 0 ]]; then

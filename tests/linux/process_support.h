@@ -11,6 +11,7 @@
 #include "support/child_process.h"
 #include "support/loopback_port.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
 namespace tovrel::linuxbackend::test {
 
@@ -20,8 +21,6 @@ int runCommand(const std::string& command);
 using tovrel::test::ChildProcess;
 using tovrel::test::freeLoopbackPort;
 using tovrel::test::TempDir;
-
-/// Polls `done` every few milliseconds until it holds or `timeout` passes.
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
+using tovrel::test::waitUntil;
 
 }  // namespace tovrel::linuxbackend::test

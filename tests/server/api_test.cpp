@@ -19,16 +19,6 @@ std::vector<std::pair<std::string, std::string>> pairs(const json& answer) {
     return out;
 }
 
-const json& record(const json& answer, const std::string& eventId, const std::string& placeId) {
-    for (const json& r : answer.at("places")) {
-        if (r.at("eventId") == eventId && r.at("placeId") == placeId) {
-            return r;
-        }
-    }
-    static const json none;
-    return none;
-}
-
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 class SessionEndpoint : public StoreTest {

@@ -21,6 +21,7 @@
 #include "session_keys.h"
 #include "support/child_process.h"
 #include "support/loopback_port.h"
+#include "support/wait_until.h"
 #include "test_postgres.h"
 #include "test_support.h"
 
@@ -30,6 +31,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using tovrel::test::ChildProcess;
 using tovrel::test::freeLoopbackPort;
+using tovrel::test::waitUntil;
 
 constexpr const char* kToken = "cluster-admin-token-0123456789";
 constexpr int kReplicas = 3;
@@ -48,17 +50,6 @@ std::string haproxyBinary() {
 double clusterSeconds() {
     const char* text = std::getenv("TOVREL_CLUSTER_SECONDS");
     return text != nullptr ? std::max(6.0, std::atof(text)) : 30.0;
-}
-
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (!done()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
 }
 
 /// One tovrel-server process on the shared database, on fixed ports so that it comes back where the
@@ -80,7 +71,7 @@ class Replica {
             "--threads", "2"});
         HttpClient probe(adminPort_);
         return process_->started() &&
-               waitFor([&] { return probe.get("/readyz").status == 200; }, std::chrono::seconds(20));
+               waitUntil([&] { return probe.get("/readyz").status == 200; }, std::chrono::seconds(20));
     }
     void kill(int signal) {
         if (process_) {
@@ -257,7 +248,7 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
     ChildProcess balancer({haproxy, "-f", dir.write("haproxy.cfg", config), "-db"});
     ASSERT_TRUE(balancer.started());
     HttpClient probe(front);
-    ASSERT_TRUE(waitFor([&] { return probe.get("/healthz").status != 0; }, std::chrono::seconds(10)));
+    ASSERT_TRUE(waitUntil([&] { return probe.get("/healthz").status != 0; }, std::chrono::seconds(10)));
 
     const double seconds = clusterSeconds();
     const auto begin = Clock::now();
@@ -307,7 +298,7 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
         {std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(add.status, 200) << add.body;
     for (int i = 1; i < kReplicas; ++i) {
-        ASSERT_TRUE(waitFor(
+        ASSERT_TRUE(waitUntil(
             [&] {
                 return answers(*direct[static_cast<std::size_t>(i)], keys[static_cast<std::size_t>(i)],
                                kPopUp, popLat, popLon);

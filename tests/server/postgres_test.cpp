@@ -9,11 +9,14 @@
 #include <thread>
 
 #include "pg_store.h"
+#include "support/wait_until.h"
 #include "test_postgres.h"
 #include "test_support.h"
 
 namespace tovrel_server::test {
 namespace {
+
+using tovrel::test::waitUntil;
 
 constexpr double kLat = 48.137;
 constexpr double kLon = 11.575;
@@ -49,28 +52,8 @@ std::string databaseName(const std::string& address) {
     return address.substr(address.rfind('/') + 1);
 }
 
-// Polls `done` every 20 ms for at most five seconds.
-template <typename Done>
-bool eventually(Done done) {
-    for (int i = 0; i < 250; ++i) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
-
-// The record of (offer, place) in a /v2/place answer; null when it has none.
-json recordOf(const HttpResult& answer, const std::string& offer, const std::string& place) {
-    const json parsed = answer.parsed();
-    for (const json& r : parsed["places"]) {
-        if (r["eventId"] == offer && r["placeId"] == place) {
-            return r;
-        }
-    }
-    return nullptr;
-}
+// How long a change may take to reach another server before a test gives up.
+constexpr std::chrono::milliseconds kWait{5000};
 
 constexpr const char* kToken = "replica-admin-token-0123456789";
 
@@ -117,20 +100,25 @@ TEST_F(Postgres, ReplicasServeWhatAnotherOrAnOperatorsSqlChangedWithoutWaitingFo
     second.start();
     HttpClient admin(second.adminPort());
     const std::string key = first.startSession("FOLLOWER");
-    ASSERT_TRUE(recordOf(first.places(key, kLat, kLon), "771", "77").is_null());
+    ASSERT_TRUE(record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null());
 
     const json feature = placeFeature(77, 771, kLat, kLon, "Open");
     const HttpResult added = admin.request("POST", "/admin/v1/places", feature.dump(),
                                            {std::string("Authorization: Bearer ") + kToken});
     ASSERT_EQ(added.status, 200) << added.body;
-    EXPECT_TRUE(eventually([&] { return !recordOf(first.places(key, kLat, kLon), "771", "77").is_null(); }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return !record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null(); }, kWait));
 
     queryRows(first.dbPath(), "UPDATE places SET disabled = true WHERE id = 77");
-    EXPECT_TRUE(eventually([&] { return recordOf(first.places(key, kLat, kLon), "771", "77").is_null(); }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null(); }, kWait));
     queryRows(first.dbPath(), "UPDATE offers SET alert_text = 'Changed by hand' WHERE id = 11");
-    EXPECT_TRUE(eventually([&] {
-        return recordOf(first.places(key, kLat, kLon), "11", "1").value("alertText", "") == "Changed by hand";
-    }));
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return record(first.places(key, kLat, kLon).parsed(), "11", "1").at("alertText") ==
+                   "Changed by hand";
+        },
+        kWait));
     second.stop();
 }
 
@@ -141,7 +129,8 @@ TEST_F(Postgres, AChangeWhoseNotificationWasLostIsServedAfterTheVersionCheckOrAR
     queryRows(checked.dbPath(), "ALTER TABLE places DISABLE TRIGGER places_changed");
     queryRows(checked.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
     queryRows(checked.dbPath(), "UPDATE tovrel_catalog_state SET version = version + 1");
-    EXPECT_TRUE(eventually([&] { return recordOf(checked.places(key, kLat, kLon), "11", "1").is_null(); }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(checked.places(key, kLat, kLon).parsed(), "11", "1").is_null(); }, kWait));
 
     // A change made while the feed's connection was away is read when it reconnects.
     ServerFixture away(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 3600; }));
@@ -151,7 +140,8 @@ TEST_F(Postgres, AChangeWhoseNotificationWasLostIsServedAfterTheVersionCheckOrAR
     administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");
     administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS true");
     queryRows(away.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
-    EXPECT_TRUE(eventually([&] { return recordOf(away.places(awayKey, kLat, kLon), "11", "1").is_null(); }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(away.places(awayKey, kLat, kLon).parsed(), "11", "1").is_null(); }, kWait));
 }
 
 TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {
@@ -171,11 +161,12 @@ TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {
     EXPECT_EQ(capped["suppressMessage"], 0);
     EXPECT_EQ(linkThroughSecond("21", "2")["suppressMessage"], 1);
     EXPECT_EQ(linkThroughSecond("12", "1")["deviceEventId"], capped["deviceEventId"]);
-    EXPECT_EQ(recordOf(first.places(key, kLat, kLon), "12", "1")["isLinked"], 1);
+    EXPECT_EQ(record(first.places(key, kLat, kLon).parsed(), "12", "1").at("isLinked"), 1);
 
     ASSERT_EQ(secondClient.post("/v1/deviceevent/clear", json{{"sessionKey", key}}).status, 200);
-    EXPECT_TRUE(
-        eventually([&] { return recordOf(first.places(key, kLat, kLon), "12", "1")["isLinked"] == 0; }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(first.places(key, kLat, kLon).parsed(), "12", "1").at("isLinked") == 0; },
+        kWait));
     const json again = first.link(key, "12", "1").parsed()["places"][0];
     EXPECT_NE(again["deviceEventId"], capped["deviceEventId"]);
     EXPECT_EQ(again["suppressMessage"], 0);

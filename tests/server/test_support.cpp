@@ -102,6 +102,16 @@ double utc(int year, unsigned month, unsigned day) {
     return static_cast<double>(sys_seconds{d}.time_since_epoch().count());
 }
 
+const json& record(const json& answer, const std::string& eventId, const std::string& placeId) {
+    for (const json& r : answer.at("places")) {
+        if (r.at("eventId") == eventId && r.at("placeId") == placeId) {
+            return r;
+        }
+    }
+    static const json none;
+    return none;
+}
+
 json placeFeature(int64_t placeId, int64_t offerId, double lat, double lon, const std::string& campaign) {
     return {{"type", "Feature"},
             {"geometry", {{"type", "Point"}, {"coordinates", {lon, lat}}}},

@@ -66,6 +66,9 @@ class HttpClient {
 /// Seconds since 1970 for a UTC date, for the fixtures' clocks.
 double utc(int year, unsigned month, unsigned day);
 
+/// The record of (eventId, placeId) in a /v2/place answer; a null value when it has none.
+const json& record(const json& answer, const std::string& eventId, const std::string& placeId);
+
 /// A GeoJSON Feature of one place with one offer, as the admin API adds it: place `placeId` at (lat,
 /// lon), radius 50 m, offer `offerId` of `campaign`.
 json placeFeature(int64_t placeId, int64_t offerId, double lat, double lon, const std::string& campaign);
