@@ -12,13 +12,6 @@
 
 namespace tovrel_server {
 
-namespace {
-
-constexpr std::chrono::milliseconds kFirstBackoff{100};
-constexpr std::chrono::milliseconds kMaxBackoff{5000};
-
-}  // namespace
-
 PgChangeFeed::PgChangeFeed(std::string location, const StoreOptions& options, std::string origin,
                            ChangeListener& listener)
     : location_(std::move(location)), options_(options), origin_(std::move(origin)), listener_(listener) {
@@ -72,7 +65,7 @@ void PgChangeFeed::run() {
     const auto checkEvery = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::max(0.05, options_.changeCheckSeconds)));
     std::unique_ptr<PgConnection> conn;
-    auto backoff = kFirstBackoff;
+    auto backoff = kPgFirstBackoff;
     auto nextCheck = Clock::now();
     while (!stopping_) {
         if (!conn) {
@@ -84,10 +77,10 @@ void PgChangeFeed::run() {
                 if (!wait(-1, Clock::now() + backoff)) {
                     break;
                 }
-                backoff = std::min(backoff * 2, kMaxBackoff);
+                backoff = std::min(backoff * 2, kPgMaxBackoff);
                 continue;
             }
-            backoff = kFirstBackoff;
+            backoff = kPgFirstBackoff;
             // Whatever was notified while nobody listened is lost: start again from the database.
             listener_.resynchronise();
             nextCheck = Clock::now();

@@ -9,9 +9,6 @@ namespace tovrel_server {
 
 namespace {
 
-constexpr std::chrono::milliseconds kFirstBackoff{100};
-constexpr std::chrono::milliseconds kMaxBackoff{5000};
-
 // SQLSTATE classes that mean "not now": the connection, the server shutting down, locks, timeouts,
 // conflicts between transactions. Nothing was written; the client may try again.
 bool meansUnavailable(const std::string& state) {
@@ -172,7 +169,7 @@ PgPool::Lease PgPool::acquire() {
             lock.lock();
         }
         --open_;
-        backoff_ = std::clamp(backoff_ * 2, kFirstBackoff, kMaxBackoff);
+        backoff_ = std::clamp(backoff_ * 2, kPgFirstBackoff, kPgMaxBackoff);
         retryAt_ = std::chrono::steady_clock::now() + backoff_;
         freed_.notify_one();
         throw;

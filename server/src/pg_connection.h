@@ -18,6 +18,11 @@
 
 namespace tovrel_server {
 
+/// How long a lost connection waits before it is opened again: the first time, and at most after
+/// each failed attempt doubled it.
+inline constexpr std::chrono::milliseconds kPgFirstBackoff{100};
+inline constexpr std::chrono::milliseconds kPgMaxBackoff{5000};
+
 /// A statement PostgreSQL refused for a reason other than unavailability; `sqlState` is its code.
 class PgError : public std::runtime_error {
   public:
