@@ -3,6 +3,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "tovrel/platform/json_text.h"
+
 namespace tovrel_server {
 
 std::string errorJson(const std::string& message) {
@@ -11,32 +13,8 @@ std::string errorJson(const std::string& message) {
 
 using nlohmann::json;
 
-bool nestingWithin(std::string_view text, int maxDepth) {
-    int depth = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (inString) {
-            if (c == '\\') {
-                ++i;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth > maxDepth) {
-                return false;
-            }
-        } else if (c == ']' || c == '}') {
-            --depth;
-        }
-    }
-    return true;
-}
-
 json parseObjectBody(std::string_view body, int maxDepth) {
-    if (!nestingWithin(body, maxDepth)) {
+    if (!tovrel::platform::jsonNestingWithin(body, static_cast<std::size_t>(maxDepth))) {
         throw ApiError(400, "the request body nests arrays or objects more than " + std::to_string(maxDepth) +
                                 " levels deep");
     }

@@ -26,9 +26,6 @@ std::string errorJson(const std::string& message);
 /// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
 nlohmann::json parseObjectBody(std::string_view body, int maxDepth = 32);
 
-/// True when no array or object in text nests deeper than maxDepth (strings are skipped).
-bool nestingWithin(std::string_view text, int maxDepth);
-
 /// A required string member; ApiError 400 when missing or of another type.
 const std::string& requireString(const nlohmann::json& object, const char* name);
 

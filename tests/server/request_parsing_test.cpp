@@ -67,8 +67,6 @@ TEST(RequestFields, BodiesMustBeShallowJsonObjects) {
     EXPECT_EQ(statusOf([] { parseObjectBody(""); }), 400u);
     EXPECT_EQ(statusOf([] { parseObjectBody(R"({"a": 1} trailing)"); }), 400u);
     EXPECT_EQ(statusOf([] { parseObjectBody("{\"a\": \"\xc3\x28\"}"); }), 400u);
-    EXPECT_TRUE(nestingWithin(R"({"a": "[[[[[[[[[[", "b": "\"[[[[[["})", 2));
-    EXPECT_FALSE(nestingWithin("[[[]]]", 2));
     EXPECT_EQ(
         statusOf([] { parseObjectBody("{\"a\":" + std::string(40, '[') + std::string(40, ']') + "}"); }),
         400u);
