@@ -403,11 +403,12 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     std::size_t records = 0;
     for (const SpatialIndex::Hit& hit : hits) {
         const Catalog::Place& place = cat.placeAt(hit.id);
-        for (uint32_t o : place.offers) {
-            const Catalog::Offer& offer = cat.offerAt(o);
-            if (!cat.campaignOf(offer).activeAt(now)) {
+        for (const int64_t o : place.offers) {
+            const Catalog::Offer* found = cat.findOffer(o);
+            if (found == nullptr || !cat.campaignOf(*found).activeAt(now)) {
                 continue;
             }
+            const Catalog::Offer& offer = *found;
             if (records++ == kMaxPlaceRecords) {
                 break;
             }
