@@ -58,7 +58,7 @@ void Service::catalogVersion(std::uint64_t version) {
         return;
     }
     try {
-        reloadPlaces();
+        refreshCatalog();
     } catch (const std::exception&) {
         // The catalogue in memory keeps answering; the next check of the version tries again.
         if (metrics_ != nullptr) {
@@ -224,6 +224,37 @@ std::shared_ptr<const Catalog> Service::catalog() {
 
 void Service::reloadPlaces() {
     Lock rebuild(rebuildMutex_);
+    rebuildCatalogLocked();
+}
+
+void Service::refreshCatalog() {
+    Lock rebuild(rebuildMutex_);
+    const std::uint64_t since = storeCatalogVersion_.load();
+    std::optional<CatalogChanges> changes;
+    if (since != 0) {
+        if (concurrentStore().concurrentCatalogReads()) {
+            changes = concurrentStore().readCatalogChanges(since, options_.catalogChangesInPlace);
+        } else {
+            Lock db(dbMutex_);
+            changes = store_->readCatalogChanges(since, options_.catalogChangesInPlace);
+        }
+    }
+    if (!changes) {
+        rebuildCatalogLocked();
+        return;
+    }
+    if (changes->version == since) {
+        return;
+    }
+    auto fresh = std::make_shared<const Catalog>(*catalog(), *changes);
+    if (fresh->overlaySize() > kCatalogOverlayChanges * options_.catalogChangesInPlace) {
+        rebuildCatalogLocked();
+        return;
+    }
+    swapCatalogLocked(std::move(fresh), changes->version);
+}
+
+void Service::rebuildCatalogLocked() {
     CatalogData data;
     if (concurrentStore().concurrentCatalogReads()) {
         data = concurrentStore().readCatalog();
@@ -234,6 +265,17 @@ void Service::reloadPlaces() {
     const std::uint64_t version = data.version;
     auto fresh = std::make_shared<const Catalog>(data);
     data = CatalogData();
+    std::shared_ptr<const Catalog> old = swapCatalogLocked(std::move(fresh), version);
+    ++catalogReads_;
+    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
+    if (old.use_count() == 1) {
+        old.reset();
+        malloc_trim(0);
+    }
+}
+
+std::shared_ptr<const Catalog> Service::swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
+                                                          std::uint64_t version) {
     std::shared_ptr<const Catalog> old;
     {
         Lock lock(stateMutex_);
@@ -241,11 +283,7 @@ void Service::reloadPlaces() {
     }
     storeCatalogVersion_ = version;
     ++catalogVersion_;
-    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
-    if (old.use_count() == 1) {
-        old.reset();
-        malloc_trim(0);
-    }
+    return old;
 }
 
 std::size_t Service::placesIndexed() {
