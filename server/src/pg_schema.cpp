@@ -195,6 +195,20 @@ BEGIN
     RETURN NULL;
 END
 $$;
+-- The row triggers below bump the version too: the statement triggers are left for TRUNCATE only, so
+-- that an import's statements call one trigger each, not two.
+DROP TRIGGER campaigns_changed ON campaigns;
+DROP TRIGGER offers_changed ON offers;
+DROP TRIGGER places_changed ON places;
+DROP TRIGGER place_offers_changed ON place_offers;
+CREATE TRIGGER campaigns_changed AFTER TRUNCATE ON campaigns
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER offers_changed AFTER TRUNCATE ON offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER places_changed AFTER TRUNCATE ON places
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER place_offers_changed AFTER TRUNCATE ON place_offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
 CREATE TRIGGER campaigns_inserted AFTER INSERT ON campaigns REFERENCING NEW TABLE AS changed
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('campaign', 'id');
 CREATE TRIGGER campaigns_updated AFTER UPDATE ON campaigns REFERENCING OLD TABLE AS previous NEW TABLE AS changed
