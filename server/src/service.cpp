@@ -51,6 +51,10 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
 
 Service::~Service() {
     changeFeed_.reset();
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
 }
 
 void Service::catalogVersion(std::uint64_t version) {
@@ -247,11 +251,69 @@ void Service::refreshCatalog() {
         return;
     }
     auto fresh = std::make_shared<const Catalog>(*catalog(), *changes);
-    if (fresh->overlaySize() > kCatalogOverlayChanges * options_.catalogChangesInPlace) {
-        rebuildCatalogLocked();
+    const bool large = fresh->overlaySize() > kCatalogOverlayChanges * options_.catalogChangesInPlace;
+    swapCatalogLocked(std::move(fresh), changes->version);
+    if (large) {
+        startCompaction();
+    }
+}
+
+void Service::startCompaction() {
+    if (compacting_.exchange(true)) {
         return;
     }
-    swapCatalogLocked(std::move(fresh), changes->version);
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
+    compactor_ = std::thread([this] {
+        try {
+            compactCatalog();
+        } catch (const std::exception&) {
+            // The catalogue in memory keeps answering; the next change that finds it large tries again.
+            if (metrics_ != nullptr) {
+                metrics_->databaseError();
+            }
+        }
+        compacting_ = false;
+    });
+}
+
+void Service::compactCatalog() {
+    CatalogData data;
+    if (concurrentStore().concurrentCatalogReads()) {
+        data = concurrentStore().readCatalog();
+    } else {
+        Lock db(dbMutex_);
+        data = store_->readCatalog();
+    }
+    std::uint64_t version = data.version;
+    auto whole = std::make_shared<const Catalog>(data);
+    data = CatalogData();
+    std::shared_ptr<const Catalog> old;
+    {
+        Lock rebuild(rebuildMutex_);
+        if (version < storeCatalogVersion_.load()) {
+            std::optional<CatalogChanges> changes;
+            if (concurrentStore().concurrentCatalogReads()) {
+                changes = concurrentStore().readCatalogChanges(version, options_.catalogChangesInPlace);
+            } else {
+                Lock db(dbMutex_);
+                changes = store_->readCatalogChanges(version, options_.catalogChangesInPlace);
+            }
+            if (!changes) {
+                return;
+            }
+            whole = std::make_shared<const Catalog>(*whole, *changes);
+            version = changes->version;
+        }
+        old = swapCatalogLocked(std::move(whole), version);
+        ++catalogReads_;
+    }
+    if (old.use_count() == 1) {
+        old.reset();
+        malloc_trim(0);
+    }
 }
 
 void Service::rebuildCatalogLocked() {

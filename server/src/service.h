@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <variant>
@@ -86,7 +87,8 @@ class Service : private ChangeListener {
     /// catalogue; throws std::runtime_error. `metrics` may be null.
     Service(const std::string& location, Clock clock, ServiceOptions options = {},
             Metrics* metrics = nullptr);
-    /// Stops following other replicas first: their notifications are handled by this object.
+    /// Stops following other replicas first: their notifications are handled by this object; then waits
+    /// for a catalogue read in progress.
     ~Service() override;
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -139,9 +141,9 @@ class Service : private ChangeListener {
     /// own reads a snapshot), then swaps it in; requests never wait for it. Any thread.
     void reloadPlaces();
     /// Applies what changed in the store since the catalogue in memory was read, sharing the rest of
-    /// it; reads the whole catalogue again when the store cannot tell what changed, when too much did,
-    /// or when the changes held beside the shared part grew past kCatalogOverlayChanges times that.
-    /// Any thread.
+    /// it; reads the whole catalogue again when the store cannot tell what changed or too much did.
+    /// When the changes held beside the shared part grow past kCatalogOverlayChanges times that, a
+    /// thread of its own reads the whole catalogue while changes go on being applied. Any thread.
     void refreshCatalog();
     Report report();
 
@@ -207,6 +209,11 @@ class Service : private ChangeListener {
     std::shared_ptr<const Catalog> catalog();
     /// Reads the whole catalogue and swaps it in.
     void rebuildCatalogLocked() TOVREL_REQUIRES(rebuildMutex_);
+    /// Starts compactCatalog() on a thread of its own unless it runs.
+    void startCompaction() TOVREL_EXCLUDES(compactorMutex_);
+    /// Reads the whole catalogue without holding rebuildMutex_, applies what changed meanwhile and
+    /// swaps it in, so that the changes held beside the shared part start again from none.
+    void compactCatalog() TOVREL_EXCLUDES(rebuildMutex_);
     /// Swaps `fresh` in as the catalogue of the store's `version`; returns the one it replaced.
     std::shared_ptr<const Catalog> swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
                                                      std::uint64_t version) TOVREL_REQUIRES(rebuildMutex_);
@@ -248,6 +255,9 @@ class Service : private ChangeListener {
     Mutex refusedMutex_;
     /// SDK key → until when it is refused.
     std::unordered_map<std::string, double> refusedSdkKeys_ TOVREL_GUARDED_BY(refusedMutex_);
+    std::atomic<bool> compacting_{false};
+    Mutex compactorMutex_;
+    std::thread compactor_ TOVREL_GUARDED_BY(compactorMutex_);
     /// Last, so that it stops before anything it calls is destroyed.
     std::unique_ptr<ChangeFeed> changeFeed_;
 };
