@@ -234,15 +234,8 @@ void Service::reloadPlaces() {
 void Service::refreshCatalog() {
     Lock rebuild(rebuildMutex_);
     const std::uint64_t since = storeCatalogVersion_.load();
-    std::optional<CatalogChanges> changes;
-    if (since != 0) {
-        if (concurrentStore().concurrentCatalogReads()) {
-            changes = concurrentStore().readCatalogChanges(since, options_.catalogChangesInPlace);
-        } else {
-            Lock db(dbMutex_);
-            changes = store_->readCatalogChanges(since, options_.catalogChangesInPlace);
-        }
-    }
+    const std::optional<CatalogChanges> changes =
+        since != 0 ? readCatalogChanges(since) : std::optional<CatalogChanges>();
     if (!changes) {
         rebuildCatalogLocked();
         return;
@@ -280,13 +273,7 @@ void Service::startCompaction() {
 }
 
 void Service::compactCatalog() {
-    CatalogData data;
-    if (concurrentStore().concurrentCatalogReads()) {
-        data = concurrentStore().readCatalog();
-    } else {
-        Lock db(dbMutex_);
-        data = store_->readCatalog();
-    }
+    CatalogData data = readWholeCatalog();
     std::uint64_t version = data.version;
     auto whole = std::make_shared<const Catalog>(data);
     data = CatalogData();
@@ -294,13 +281,7 @@ void Service::compactCatalog() {
     {
         Lock rebuild(rebuildMutex_);
         if (version < storeCatalogVersion_.load()) {
-            std::optional<CatalogChanges> changes;
-            if (concurrentStore().concurrentCatalogReads()) {
-                changes = concurrentStore().readCatalogChanges(version, options_.catalogChangesInPlace);
-            } else {
-                Lock db(dbMutex_);
-                changes = store_->readCatalogChanges(version, options_.catalogChangesInPlace);
-            }
+            const std::optional<CatalogChanges> changes = readCatalogChanges(version);
             if (!changes) {
                 return;
             }
@@ -310,25 +291,36 @@ void Service::compactCatalog() {
         old = swapCatalogLocked(std::move(whole), version);
         ++catalogReads_;
     }
-    if (old.use_count() == 1) {
-        old.reset();
-        malloc_trim(0);
-    }
+    release(std::move(old));
 }
 
 void Service::rebuildCatalogLocked() {
-    CatalogData data;
-    if (concurrentStore().concurrentCatalogReads()) {
-        data = concurrentStore().readCatalog();
-    } else {
-        Lock db(dbMutex_);
-        data = store_->readCatalog();
-    }
+    CatalogData data = readWholeCatalog();
     const std::uint64_t version = data.version;
     auto fresh = std::make_shared<const Catalog>(data);
     data = CatalogData();
     std::shared_ptr<const Catalog> old = swapCatalogLocked(std::move(fresh), version);
     ++catalogReads_;
+    release(std::move(old));
+}
+
+CatalogData Service::readWholeCatalog() {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalog();
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalog();
+}
+
+std::optional<CatalogChanges> Service::readCatalogChanges(std::uint64_t since) {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalogChanges(since, options_.catalogChangesInPlace);
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalogChanges(since, options_.catalogChangesInPlace);
+}
+
+void Service::release(std::shared_ptr<const Catalog> old) {
     // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
     if (old.use_count() == 1) {
         old.reset();

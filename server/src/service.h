@@ -209,6 +209,13 @@ class Service : private ChangeListener {
     std::shared_ptr<const Catalog> catalog();
     /// Reads the whole catalogue and swaps it in.
     void rebuildCatalogLocked() TOVREL_REQUIRES(rebuildMutex_);
+    /// The whole catalogue, or what changed after `since` (Store::readCatalogChanges), read without the
+    /// writers' lock where the store allows.
+    CatalogData readWholeCatalog() TOVREL_EXCLUDES(dbMutex_);
+    std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since) TOVREL_EXCLUDES(dbMutex_);
+    /// Frees a catalogue swapped out of a whole read, and the heap's pages with it, unless requests
+    /// still hold it.
+    static void release(std::shared_ptr<const Catalog> old);
     /// Starts compactCatalog() on a thread of its own unless it runs.
     void startCompaction() TOVREL_EXCLUDES(compactorMutex_);
     /// Reads the whole catalogue without holding rebuildMutex_, applies what changed meanwhile and
