@@ -55,8 +55,8 @@ std::string numberArray(const std::vector<Number>& values) {
     return out + "}";
 }
 
-// Places written by one statement: a round trip costs more than the rows it carries.
-constexpr std::size_t kPlaceBatch = 5000;
+// Places or offers written by one statement: a round trip costs more than the rows it carries.
+constexpr std::size_t kRowBatch = 5000;
 
 json nullableInteger(const PgResult& r, int row, int col) {
     return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
@@ -282,20 +282,38 @@ ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
                           ? r.integer(0, 0)
                           : conn->exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
     }
-    for (const OfferDef& o : data.offers) {
+    for (std::size_t from = 0; from < data.offers.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.offers.size(), from + kRowBatch);
+        std::vector<int64_t> offerIds, campaigns;
+        std::vector<std::string> eventNames, alertTexts, mediaTypes, mediaUrls, tags;
+        std::vector<int> dwellTimes, eventTypes;
+        for (std::size_t i = from; i < to; ++i) {
+            const OfferDef& o = data.offers[i];
+            offerIds.push_back(o.id);
+            campaigns.push_back(ids.at(o.campaign));
+            eventNames.push_back(o.eventName);
+            alertTexts.push_back(o.alertText);
+            mediaTypes.push_back(o.mediaType);
+            mediaUrls.push_back(o.mediaUrl);
+            tags.push_back(o.tags);
+            dwellTimes.push_back(o.dwellTime);
+            eventTypes.push_back(o.eventType);
+        }
         conn->exec(
             "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, "
             "dwell_time, "
-            "event_type) VALUES($1, $2, $3, $4, $5, $6, $7, $8, $9) ON CONFLICT(id) DO UPDATE SET campaign = "
+            "event_type) SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::text[], $4::text[], "
+            "$5::text[], "
+            "$6::text[], $7::text[], $8::int[], $9::int[]) ON CONFLICT(id) DO UPDATE SET campaign = "
             "excluded.campaign, event_name = excluded.event_name, alert_text = excluded.alert_text, "
-            "media_type "
-            "= excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, dwell_time = "
-            "excluded.dwell_time, event_type = excluded.event_type",
-            o.id, ids.at(o.campaign), o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags, o.dwellTime,
-            o.eventType);
+            "media_type = excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, "
+            "dwell_time = excluded.dwell_time, event_type = excluded.event_type",
+            numberArray(offerIds), numberArray(campaigns), textArray(eventNames), textArray(alertTexts),
+            textArray(mediaTypes), textArray(mediaUrls), textArray(tags), numberArray(dwellTimes),
+            numberArray(eventTypes));
     }
-    for (std::size_t from = 0; from < data.places.size(); from += kPlaceBatch) {
-        const std::size_t to = std::min(data.places.size(), from + kPlaceBatch);
+    for (std::size_t from = 0; from < data.places.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.places.size(), from + kRowBatch);
         std::vector<int64_t> placeIds, linkPlaces, linkOffers;
         std::vector<std::string> names;
         std::vector<double> lats, lons, radii;
