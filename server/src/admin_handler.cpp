@@ -150,6 +150,7 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
             snapshot.placesIndexed = static_cast<int64_t>(service_.placesIndexed());
             snapshot.sessionsCached = static_cast<int64_t>(service_.sessionsCached());
             snapshot.catalogVersion = service_.catalogVersion();
+            snapshot.catalogReads = service_.catalogReads();
             reply.body = metrics_.scrape(snapshot);
             return respond(std::move(reply));
         }

@@ -65,6 +65,18 @@ struct CatalogData {
     std::uint64_t version = 0;
 };
 
+/// What changed in the catalogue after a version: the ids of the changed rows and those rows as they
+/// are now (a changed id without a row was removed or disabled).
+struct CatalogChanges {
+    std::uint64_t version = 0;  ///< the store's catalogue version these changes bring a catalogue to
+    /// Every enabled campaign, when any campaign changed (their offers are then among offerIds).
+    std::optional<std::vector<CampaignDef>> campaigns;
+    std::vector<int64_t> offerIds;  ///< ascending, unique
+    std::vector<OfferDef> offers;   ///< the enabled ones of offerIds
+    std::vector<int64_t> placeIds;  ///< ascending, unique
+    std::vector<PlaceDef> places;   ///< the enabled ones of placeIds, with all their links
+};
+
 /// What a place file defines, held compactly while a large file is read: the offers' and places'
 /// strings in one arena, fixed-size rows beside it (1M places with an offer each take ~200 MB where
 /// CatalogData takes ~700). Apps and campaigns, always few, are plain. Built on one thread; const
@@ -161,6 +173,10 @@ void writeApp(Database& db, const AppDef& app, double now);
 
 /// Reads every campaign, offer and place (apps are not read).
 CatalogData readCatalog(Database& db);
+/// Fills in the rows of `changes`' offer and place ids as they are now, with every campaign and all
+/// the offers of campaignIds when that is not empty; false when that makes more than `limit` ids.
+bool readChangedRows(Database& db, CatalogChanges& changes, const std::vector<int64_t>& campaignIds,
+                     std::size_t limit);
 
 /// Parses "YYYY-MM-DD" or "YYYY-MM-DDTHH:MM[:SS](Z|±HH:MM)" into seconds since 1970. A bare date
 /// means its first second, or with endOfDay its last one.

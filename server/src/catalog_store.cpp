@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 
 #include "catalog_data.h"
@@ -88,8 +89,10 @@ ImportSummary writeCatalog(Database& db, const PlaceCatalog& data, double now) {
         data.placeCount(), [&](std::size_t i) { return data.place(i); }, now);
 }
 
-CatalogData readCatalog(Database& db) {
-    CatalogData data;
+namespace {
+
+std::vector<CampaignDef> readCampaigns(Database& db) {
+    std::vector<CampaignDef> out;
     Statement campaigns = db.prepare(
         "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
         "disabled = 0 ORDER BY id");
@@ -108,39 +111,57 @@ CatalogData readCatalog(Database& db) {
         if (!campaigns.isNull(6)) {
             c.perDeviceCap = campaigns.integer(6);
         }
-        data.campaigns.push_back(std::move(c));
+        out.push_back(std::move(c));
     }
-    Statement offers = db.prepare(
-        "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
-        "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign WHERE o.disabled = 0 AND "
-        "c.disabled = 0 "
-        "ORDER BY o.id");
+    return out;
+}
+
+constexpr const char* kEnabledOffers =
+    "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
+    "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign WHERE o.disabled = 0 AND c.disabled = "
+    "0";
+
+OfferDef offerRow(Statement& offers) {
+    OfferDef o;
+    o.id = offers.integer(0);
+    o.campaign = offers.text(1);
+    o.eventName = offers.text(2);
+    o.alertText = offers.text(3);
+    o.mediaType = offers.text(4);
+    o.mediaUrl = offers.text(5);
+    o.tags = offers.text(6);
+    o.dwellTime = static_cast<int>(offers.integer(7));
+    o.eventType = static_cast<int>(offers.integer(8));
+    return o;
+}
+
+constexpr const char* kEnabledPlaces = "SELECT id, name, lat, lon, radius FROM places WHERE disabled = 0";
+
+PlaceDef placeRow(Statement& places) {
+    PlaceDef p;
+    p.id = places.integer(0);
+    p.name = places.text(1);
+    p.lat = places.real(2);
+    p.lon = places.real(3);
+    p.radius = places.real(4);
+    return p;
+}
+
+}  // namespace
+
+CatalogData readCatalog(Database& db) {
+    CatalogData data;
+    data.campaigns = readCampaigns(db);
+    Statement offers = db.prepare(std::string(kEnabledOffers) + " ORDER BY o.id");
     while (offers.step()) {
-        OfferDef o;
-        o.id = offers.integer(0);
-        o.campaign = offers.text(1);
-        o.eventName = offers.text(2);
-        o.alertText = offers.text(3);
-        o.mediaType = offers.text(4);
-        o.mediaUrl = offers.text(5);
-        o.tags = offers.text(6);
-        o.dwellTime = static_cast<int>(offers.integer(7));
-        o.eventType = static_cast<int>(offers.integer(8));
-        data.offers.push_back(std::move(o));
+        data.offers.push_back(offerRow(offers));
     }
-    Statement places =
-        db.prepare("SELECT id, name, lat, lon, radius FROM places WHERE disabled = 0 ORDER BY id");
+    Statement places = db.prepare(std::string(kEnabledPlaces) + " ORDER BY id");
     Statement placeOffers = db.prepare("SELECT place, offer FROM place_offers ORDER BY place, offer");
     std::map<int64_t, std::size_t> index;
     while (places.step()) {
-        PlaceDef p;
-        p.id = places.integer(0);
-        p.name = places.text(1);
-        p.lat = places.real(2);
-        p.lon = places.real(3);
-        p.radius = places.real(4);
-        index[p.id] = data.places.size();
-        data.places.push_back(std::move(p));
+        index[places.integer(0)] = data.places.size();
+        data.places.push_back(placeRow(places));
     }
     while (placeOffers.step()) {
         if (const auto it = index.find(placeOffers.integer(0)); it != index.end()) {
@@ -148,6 +169,46 @@ CatalogData readCatalog(Database& db) {
         }
     }
     return data;
+}
+
+bool readChangedRows(Database& db, CatalogChanges& changes, const std::vector<int64_t>& campaignIds,
+                     std::size_t limit) {
+    if (!campaignIds.empty()) {
+        changes.campaigns = readCampaigns(db);
+        Statement theirs = db.prepare("SELECT id FROM offers WHERE campaign = ?");
+        for (const int64_t id : campaignIds) {
+            theirs.with(id);
+            while (theirs.step()) {
+                changes.offerIds.push_back(theirs.integer(0));
+            }
+        }
+        std::sort(changes.offerIds.begin(), changes.offerIds.end());
+        changes.offerIds.erase(std::unique(changes.offerIds.begin(), changes.offerIds.end()),
+                               changes.offerIds.end());
+        if (changes.offerIds.size() + changes.placeIds.size() > limit) {
+            return false;
+        }
+    }
+    Statement offer = db.prepare(std::string(kEnabledOffers) + " AND o.id = ?");
+    for (const int64_t id : changes.offerIds) {
+        if (offer.with(id).step()) {
+            changes.offers.push_back(offerRow(offer));
+        }
+    }
+    Statement place = db.prepare(std::string(kEnabledPlaces) + " AND id = ?");
+    Statement links = db.prepare("SELECT offer FROM place_offers WHERE place = ? ORDER BY offer");
+    for (const int64_t id : changes.placeIds) {
+        if (!place.with(id).step()) {
+            continue;
+        }
+        PlaceDef p = placeRow(place);
+        links.with(id);
+        while (links.step()) {
+            p.offers.push_back(links.integer(0));
+        }
+        changes.places.push_back(std::move(p));
+    }
+    return true;
 }
 
 }  // namespace tovrel_server

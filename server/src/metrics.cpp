@@ -75,7 +75,10 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     places_ = gauge("tovrel_places_indexed", "Places in the in-memory index");
     sessions_ = gauge("tovrel_sessions_cached", "Session keys held in memory");
     queued_ = gauge("tovrel_database_queue_jobs", "Requests waiting for the database");
-    catalogVersion_ = gauge("tovrel_catalog_version", "Rebuilds of the in-memory catalogue since start");
+    catalogVersion_ = gauge("tovrel_catalog_version", "Updates of the in-memory catalogue since start");
+    catalogReads_ =
+        gauge("tovrel_catalog_full_reads",
+              "Updates of the in-memory catalogue that read all of it (the others applied changes)");
 }
 
 Metrics::~Metrics() = default;
@@ -127,6 +130,7 @@ std::string Metrics::scrape(const MetricsSnapshot& snapshot) {
     sessions_->Set(static_cast<double>(snapshot.sessionsCached));
     queued_->Set(static_cast<double>(snapshot.queuedJobs));
     catalogVersion_->Set(static_cast<double>(snapshot.catalogVersion));
+    catalogReads_->Set(static_cast<double>(snapshot.catalogReads));
     return prometheus::TextSerializer().Serialize(registry_->Collect());
 }
 

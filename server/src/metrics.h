@@ -47,6 +47,7 @@ struct MetricsSnapshot {
     std::int64_t sessionsCached = 0;
     std::int64_t queuedJobs = 0;
     std::uint64_t catalogVersion = 0;
+    std::uint64_t catalogReads = 0;
 };
 
 /// The server's Prometheus metrics: requests by route and status, a latency histogram per route,
@@ -96,6 +97,7 @@ class Metrics {
     prometheus::Gauge* sessions_;
     prometheus::Gauge* queued_;
     prometheus::Gauge* catalogVersion_;
+    prometheus::Gauge* catalogReads_;
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> limited_{0};
 };

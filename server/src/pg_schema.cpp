@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 2> kPgMigrations = {
+constexpr std::array<const char*, 3> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -129,6 +129,111 @@ CREATE TRIGGER places_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON pl
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
 CREATE TRIGGER place_offers_changed AFTER INSERT OR UPDATE OR DELETE OR TRUNCATE ON place_offers
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+)sql",
+    // What changed, per version, so that a replica applies a change in place instead of reading the
+    // whole catalogue again. Each version starts with a 'version' row; a transaction recording more than
+    // 10,000 ids records 'all' instead, and the last 1,000 versions are kept. A replica that finds a
+    // version without rows (pruned, or bumped by hand after changes made with the triggers disabled) or
+    // a kind it does not know reads the whole catalogue.
+    R"sql(
+CREATE TABLE tovrel_catalog_changes(version bigint NOT NULL, kind text NOT NULL, id bigint NOT NULL);
+CREATE INDEX tovrel_catalog_changes_version ON tovrel_catalog_changes(version);
+CREATE FUNCTION tovrel_catalog_version() RETURNS bigint LANGUAGE plpgsql AS $$
+DECLARE
+    v bigint;
+BEGIN
+    IF current_setting('tovrel.catalog_changed_in', true) IS DISTINCT FROM txid_current()::text THEN
+        UPDATE tovrel_catalog_state SET version = version + 1 RETURNING version INTO v;
+        DELETE FROM tovrel_catalog_changes WHERE version <= v - 1000;
+        INSERT INTO tovrel_catalog_changes(version, kind, id) VALUES(v, 'version', 0);
+        PERFORM pg_notify('tovrel_catalog', '');
+        PERFORM set_config('tovrel.catalog_changed_in', txid_current()::text, true);
+        PERFORM set_config('tovrel.catalog_version', v::text, true);
+        PERFORM set_config('tovrel.catalog_recorded', '0', true);
+        RETURN v;
+    END IF;
+    RETURN current_setting('tovrel.catalog_version')::bigint;
+END
+$$;
+CREATE OR REPLACE FUNCTION tovrel_catalog_changed() RETURNS trigger LANGUAGE plpgsql AS $$
+DECLARE
+    v bigint := tovrel_catalog_version();
+BEGIN
+    IF TG_OP = 'TRUNCATE' THEN
+        INSERT INTO tovrel_catalog_changes(version, kind, id) VALUES(v, 'all', 0);
+        PERFORM set_config('tovrel.catalog_recorded', '-1', true);
+    END IF;
+    RETURN NULL;
+END
+$$;
+-- TG_ARGV: the kind recorded and the column holding its id, read from the statement's rows.
+CREATE FUNCTION tovrel_catalog_rows_changed() RETURNS trigger LANGUAGE plpgsql AS $$
+DECLARE
+    v bigint := tovrel_catalog_version();
+    recorded bigint := current_setting('tovrel.catalog_recorded')::bigint;
+    ids bigint[];
+BEGIN
+    IF recorded < 0 THEN
+        RETURN NULL;
+    END IF;
+    IF TG_OP = 'UPDATE' THEN
+        EXECUTE format('SELECT array_agg(DISTINCT %1$I) FROM (SELECT %1$I FROM changed UNION ALL SELECT %1$I '
+                       'FROM previous) r', TG_ARGV[1]) INTO ids;
+    ELSE
+        EXECUTE format('SELECT array_agg(DISTINCT %I) FROM changed', TG_ARGV[1]) INTO ids;
+    END IF;
+    IF ids IS NULL THEN
+        RETURN NULL;
+    END IF;
+    IF recorded + cardinality(ids) > 10000 THEN
+        INSERT INTO tovrel_catalog_changes(version, kind, id) VALUES(v, 'all', 0);
+        PERFORM set_config('tovrel.catalog_recorded', '-1', true);
+    ELSE
+        INSERT INTO tovrel_catalog_changes(version, kind, id) SELECT v, TG_ARGV[0], unnest(ids);
+        PERFORM set_config('tovrel.catalog_recorded', (recorded + cardinality(ids))::text, true);
+    END IF;
+    RETURN NULL;
+END
+$$;
+-- The row triggers below bump the version too: the statement triggers are left for TRUNCATE only, so
+-- that an import's statements call one trigger each, not two.
+DROP TRIGGER campaigns_changed ON campaigns;
+DROP TRIGGER offers_changed ON offers;
+DROP TRIGGER places_changed ON places;
+DROP TRIGGER place_offers_changed ON place_offers;
+CREATE TRIGGER campaigns_changed AFTER TRUNCATE ON campaigns
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER offers_changed AFTER TRUNCATE ON offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER places_changed AFTER TRUNCATE ON places
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER place_offers_changed AFTER TRUNCATE ON place_offers
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_changed();
+CREATE TRIGGER campaigns_inserted AFTER INSERT ON campaigns REFERENCING NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('campaign', 'id');
+CREATE TRIGGER campaigns_updated AFTER UPDATE ON campaigns REFERENCING OLD TABLE AS previous NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('campaign', 'id');
+CREATE TRIGGER campaigns_deleted AFTER DELETE ON campaigns REFERENCING OLD TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('campaign', 'id');
+CREATE TRIGGER offers_inserted AFTER INSERT ON offers REFERENCING NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('offer', 'id');
+CREATE TRIGGER offers_updated AFTER UPDATE ON offers REFERENCING OLD TABLE AS previous NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('offer', 'id');
+CREATE TRIGGER offers_deleted AFTER DELETE ON offers REFERENCING OLD TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('offer', 'id');
+CREATE TRIGGER places_inserted AFTER INSERT ON places REFERENCING NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'id');
+CREATE TRIGGER places_updated AFTER UPDATE ON places REFERENCING OLD TABLE AS previous NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'id');
+CREATE TRIGGER places_deleted AFTER DELETE ON places REFERENCING OLD TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'id');
+CREATE TRIGGER place_offers_inserted AFTER INSERT ON place_offers REFERENCING NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
+CREATE TRIGGER place_offers_updated AFTER UPDATE ON place_offers
+    REFERENCING OLD TABLE AS previous NEW TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
+CREATE TRIGGER place_offers_deleted AFTER DELETE ON place_offers REFERENCING OLD TABLE AS changed
+    FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
 )sql",
 };
 

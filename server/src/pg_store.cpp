@@ -1,8 +1,11 @@
 #include "pg_store.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <map>
+#include <optional>
+#include <unordered_map>
 
 #include "admin_store.h"
 #include "report.h"
@@ -52,8 +55,8 @@ std::string numberArray(const std::vector<Number>& values) {
     return out + "}";
 }
 
-// Places written by one statement: a round trip costs more than the rows it carries.
-constexpr std::size_t kPlaceBatch = 5000;
+// Places or offers written by one statement: a round trip costs more than the rows it carries.
+constexpr std::size_t kRowBatch = 5000;
 
 json nullableInteger(const PgResult& r, int row, int col) {
     return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
@@ -269,24 +272,48 @@ ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
             "VALUES($1, $2, $3, $4, $5, $6) ON CONFLICT(name) DO UPDATE SET start_date = "
             "excluded.start_date, "
             "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
-            "per_device_cap = excluded.per_device_cap RETURNING id",
+            "per_device_cap = excluded.per_device_cap WHERE (campaigns.start_date, campaigns.end_date, "
+            "campaigns.start_time, campaigns.end_time, campaigns.per_device_cap) IS DISTINCT FROM "
+            "(excluded.start_date, excluded.end_date, excluded.start_time, excluded.end_time, "
+            "excluded.per_device_cap) RETURNING id",
             c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap);
-        ids[c.name] = r.integer(0, 0);
+        // A campaign written as it was is left alone: replicas would otherwise read all its offers again.
+        ids[c.name] = r.rows() > 0
+                          ? r.integer(0, 0)
+                          : conn->exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
     }
-    for (const OfferDef& o : data.offers) {
+    for (std::size_t from = 0; from < data.offers.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.offers.size(), from + kRowBatch);
+        std::vector<int64_t> offerIds, campaigns;
+        std::vector<std::string> eventNames, alertTexts, mediaTypes, mediaUrls, tags;
+        std::vector<int> dwellTimes, eventTypes;
+        for (std::size_t i = from; i < to; ++i) {
+            const OfferDef& o = data.offers[i];
+            offerIds.push_back(o.id);
+            campaigns.push_back(ids.at(o.campaign));
+            eventNames.push_back(o.eventName);
+            alertTexts.push_back(o.alertText);
+            mediaTypes.push_back(o.mediaType);
+            mediaUrls.push_back(o.mediaUrl);
+            tags.push_back(o.tags);
+            dwellTimes.push_back(o.dwellTime);
+            eventTypes.push_back(o.eventType);
+        }
         conn->exec(
             "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, "
             "dwell_time, "
-            "event_type) VALUES($1, $2, $3, $4, $5, $6, $7, $8, $9) ON CONFLICT(id) DO UPDATE SET campaign = "
+            "event_type) SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::text[], $4::text[], "
+            "$5::text[], "
+            "$6::text[], $7::text[], $8::int[], $9::int[]) ON CONFLICT(id) DO UPDATE SET campaign = "
             "excluded.campaign, event_name = excluded.event_name, alert_text = excluded.alert_text, "
-            "media_type "
-            "= excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, dwell_time = "
-            "excluded.dwell_time, event_type = excluded.event_type",
-            o.id, ids.at(o.campaign), o.eventName, o.alertText, o.mediaType, o.mediaUrl, o.tags, o.dwellTime,
-            o.eventType);
+            "media_type = excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, "
+            "dwell_time = excluded.dwell_time, event_type = excluded.event_type",
+            numberArray(offerIds), numberArray(campaigns), textArray(eventNames), textArray(alertTexts),
+            textArray(mediaTypes), textArray(mediaUrls), textArray(tags), numberArray(dwellTimes),
+            numberArray(eventTypes));
     }
-    for (std::size_t from = 0; from < data.places.size(); from += kPlaceBatch) {
-        const std::size_t to = std::min(data.places.size(), from + kPlaceBatch);
+    for (std::size_t from = 0; from < data.places.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.places.size(), from + kRowBatch);
         std::vector<int64_t> placeIds, linkPlaces, linkOffers;
         std::vector<std::string> names;
         std::vector<double> lats, lons, radii;
@@ -323,16 +350,13 @@ void PgStore::writeApp(const AppDef& app, double now) {
     upsertApp(*conn, app, now);
 }
 
-CatalogData PgStore::readCatalog() {
-    auto conn = pool_.acquire();
-    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-    CatalogData data;
-    data.version =
-        static_cast<std::uint64_t>(conn->exec("SELECT version FROM tovrel_catalog_state").integer(0, 0));
-    const PgResult campaigns = conn->exec(
+namespace {
+
+std::vector<CampaignDef> readCampaigns(PgConnection& conn) {
+    std::vector<CampaignDef> out;
+    const PgResult campaigns = conn.exec(
         "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
-        "NOT "
-        "disabled ORDER BY id");
+        "NOT disabled ORDER BY id");
     for (int i = 0; i < campaigns.rows(); ++i) {
         CampaignDef c;
         c.id = campaigns.integer(i, 0);
@@ -348,12 +372,21 @@ CatalogData PgStore::readCatalog() {
         if (!campaigns.isNull(i, 6)) {
             c.perDeviceCap = campaigns.integer(i, 6);
         }
-        data.campaigns.push_back(std::move(c));
+        out.push_back(std::move(c));
     }
-    const PgResult offers = conn->exec(
+    return out;
+}
+
+// The enabled offers (of enabled campaigns), all of them or those of `ids` (an array literal).
+std::vector<OfferDef> readOffers(PgConnection& conn, const std::optional<std::string>& ids) {
+    const std::string sql =
         "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
         "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign WHERE NOT o.disabled AND NOT "
-        "c.disabled ORDER BY o.id");
+        "c.disabled" +
+        std::string(ids ? " AND o.id = ANY($1::bigint[])" : "") + " ORDER BY o.id";
+    const PgResult offers = ids ? conn.exec(sql, *ids) : conn.exec(sql);
+    std::vector<OfferDef> out;
+    out.reserve(static_cast<std::size_t>(offers.rows()));
     for (int i = 0; i < offers.rows(); ++i) {
         OfferDef o;
         o.id = offers.integer(i, 0);
@@ -365,11 +398,20 @@ CatalogData PgStore::readCatalog() {
         o.tags = offers.text(i, 6);
         o.dwellTime = static_cast<int>(offers.integer(i, 7));
         o.eventType = static_cast<int>(offers.integer(i, 8));
-        data.offers.push_back(std::move(o));
+        out.push_back(std::move(o));
     }
-    const PgResult places =
-        conn->exec("SELECT id, name, lat, lon, radius FROM places WHERE NOT disabled ORDER BY id");
-    std::map<int64_t, std::size_t> index;
+    return out;
+}
+
+// The enabled places with their links, all of them or those of `ids` (an array literal).
+std::vector<PlaceDef> readPlaces(PgConnection& conn, const std::optional<std::string>& ids) {
+    const std::string filter = ids ? " AND id = ANY($1::bigint[])" : "";
+    const std::string sql =
+        "SELECT id, name, lat, lon, radius FROM places WHERE NOT disabled" + filter + " ORDER BY id";
+    const PgResult places = ids ? conn.exec(sql, *ids) : conn.exec(sql);
+    std::vector<PlaceDef> out;
+    out.reserve(static_cast<std::size_t>(places.rows()));
+    std::unordered_map<int64_t, std::size_t> index;
     for (int i = 0; i < places.rows(); ++i) {
         PlaceDef p;
         p.id = places.integer(i, 0);
@@ -377,17 +419,98 @@ CatalogData PgStore::readCatalog() {
         p.lat = places.real(i, 2);
         p.lon = places.real(i, 3);
         p.radius = places.real(i, 4);
-        index[p.id] = data.places.size();
-        data.places.push_back(std::move(p));
+        index[p.id] = out.size();
+        out.push_back(std::move(p));
     }
-    const PgResult placeOffers = conn->exec("SELECT place, offer FROM place_offers ORDER BY place, offer");
+    const std::string links = std::string("SELECT place, offer FROM place_offers") +
+                              (ids ? " WHERE place = ANY($1::bigint[])" : "") + " ORDER BY place, offer";
+    const PgResult placeOffers = ids ? conn.exec(links, *ids) : conn.exec(links);
     for (int i = 0; i < placeOffers.rows(); ++i) {
         if (const auto it = index.find(placeOffers.integer(i, 0)); it != index.end()) {
-            data.places[it->second].offers.push_back(placeOffers.integer(i, 1));
+            out[it->second].offers.push_back(placeOffers.integer(i, 1));
         }
     }
+    return out;
+}
+
+std::uint64_t catalogVersion(PgConnection& conn) {
+    return static_cast<std::uint64_t>(conn.exec("SELECT version FROM tovrel_catalog_state").integer(0, 0));
+}
+
+std::vector<int64_t> ids(const PgResult& result) {
+    std::vector<int64_t> out;
+    out.reserve(static_cast<std::size_t>(result.rows()));
+    for (int i = 0; i < result.rows(); ++i) {
+        out.push_back(result.integer(i, 0));
+    }
+    return out;
+}
+
+}  // namespace
+
+CatalogData PgStore::readCatalog() {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    CatalogData data;
+    data.version = catalogVersion(*conn);
+    data.campaigns = readCampaigns(*conn);
+    data.offers = readOffers(*conn, std::nullopt);
+    data.places = readPlaces(*conn, std::nullopt);
     snapshot.commit();
     return data;
+}
+
+std::optional<CatalogChanges> PgStore::readCatalogChanges(std::uint64_t since, std::size_t limit) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    CatalogChanges changes;
+    changes.version = catalogVersion(*conn);
+    if (changes.version == since) {
+        return changes;
+    }
+    if (changes.version < since) {
+        return std::nullopt;
+    }
+    // Every version the triggers made starts with its 'version' row; one missing was pruned, or bumped
+    // by hand after changes the triggers did not see.
+    const PgResult summary = conn->exec(
+        "SELECT count(*) FILTER (WHERE kind = 'version'), count(*) FILTER (WHERE kind NOT IN ('version', "
+        "'place', 'offer', 'campaign')), count(DISTINCT (kind, id)) FROM tovrel_catalog_changes WHERE "
+        "version > $1 AND version <= $2",
+        static_cast<int64_t>(since), static_cast<int64_t>(changes.version));
+    if (static_cast<std::uint64_t>(summary.integer(0, 0)) != changes.version - since ||
+        summary.integer(0, 1) != 0 || static_cast<std::size_t>(summary.integer(0, 2)) > limit) {
+        return std::nullopt;
+    }
+    const auto changed = [&](const char* kind) {
+        return ids(conn->exec(
+            "SELECT DISTINCT id FROM tovrel_catalog_changes WHERE version > $1 AND version <= $2 AND kind = "
+            "$3 ORDER BY id",
+            static_cast<int64_t>(since), static_cast<int64_t>(changes.version), std::string(kind)));
+    };
+    const std::vector<int64_t> campaigns = changed("campaign");
+    changes.offerIds = changed("offer");
+    changes.placeIds = changed("place");
+    if (!campaigns.empty()) {
+        changes.campaigns = readCampaigns(*conn);
+        const std::vector<int64_t> theirs = ids(
+            conn->exec("SELECT id FROM offers WHERE campaign = ANY($1::bigint[])", numberArray(campaigns)));
+        if (changes.offerIds.size() + theirs.size() > limit) {
+            return std::nullopt;
+        }
+        changes.offerIds.insert(changes.offerIds.end(), theirs.begin(), theirs.end());
+        std::sort(changes.offerIds.begin(), changes.offerIds.end());
+        changes.offerIds.erase(std::unique(changes.offerIds.begin(), changes.offerIds.end()),
+                               changes.offerIds.end());
+    }
+    if (!changes.offerIds.empty()) {
+        changes.offers = readOffers(*conn, numberArray(changes.offerIds));
+    }
+    if (!changes.placeIds.empty()) {
+        changes.places = readPlaces(*conn, numberArray(changes.placeIds));
+    }
+    snapshot.commit();
+    return changes;
 }
 
 Funnel PgStore::funnel(bool byDay) {

@@ -44,6 +44,7 @@ class PgStore final : public Store {
     bool concurrentCatalogReads() const override { return true; }
     int concurrency() const override { return kWriters; }
     CatalogData readCatalog() override;
+    std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
     bool reachable() override;

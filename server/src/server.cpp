@@ -42,6 +42,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.logRateLimit = o.logRateLimit;
     s.logRetentionDays = o.logRetentionDays;
     s.changeCheckSeconds = o.changeCheckSeconds;
+    s.catalogChangesInPlace = o.catalogChangesInPlace;
     return s;
 }
 

@@ -51,6 +51,10 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
 
 Service::~Service() {
     changeFeed_.reset();
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
 }
 
 void Service::catalogVersion(std::uint64_t version) {
@@ -58,7 +62,7 @@ void Service::catalogVersion(std::uint64_t version) {
         return;
     }
     try {
-        reloadPlaces();
+        refreshCatalog();
     } catch (const std::exception&) {
         // The catalogue in memory keeps answering; the next check of the version tries again.
         if (metrics_ != nullptr) {
@@ -224,16 +228,108 @@ std::shared_ptr<const Catalog> Service::catalog() {
 
 void Service::reloadPlaces() {
     Lock rebuild(rebuildMutex_);
-    CatalogData data;
-    if (concurrentStore().concurrentCatalogReads()) {
-        data = concurrentStore().readCatalog();
-    } else {
-        Lock db(dbMutex_);
-        data = store_->readCatalog();
+    rebuildCatalogLocked();
+}
+
+void Service::refreshCatalog() {
+    Lock rebuild(rebuildMutex_);
+    const std::uint64_t since = storeCatalogVersion_.load();
+    const std::optional<CatalogChanges> changes =
+        since != 0 ? readCatalogChanges(since) : std::optional<CatalogChanges>();
+    if (!changes) {
+        rebuildCatalogLocked();
+        return;
     }
+    if (changes->version == since) {
+        return;
+    }
+    auto fresh = std::make_shared<const Catalog>(*catalog(), *changes);
+    const bool large = fresh->overlaySize() > kCatalogOverlayChanges * options_.catalogChangesInPlace;
+    swapCatalogLocked(std::move(fresh), changes->version);
+    if (large) {
+        startCompaction();
+    }
+}
+
+void Service::startCompaction() {
+    if (compacting_.exchange(true)) {
+        return;
+    }
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
+    compactor_ = std::thread([this] {
+        try {
+            compactCatalog();
+        } catch (const std::exception&) {
+            // The catalogue in memory keeps answering; the next change that finds it large tries again.
+            if (metrics_ != nullptr) {
+                metrics_->databaseError();
+            }
+        }
+        compacting_ = false;
+    });
+}
+
+void Service::compactCatalog() {
+    CatalogData data = readWholeCatalog();
+    std::uint64_t version = data.version;
+    auto whole = std::make_shared<const Catalog>(data);
+    data = CatalogData();
+    std::shared_ptr<const Catalog> old;
+    {
+        Lock rebuild(rebuildMutex_);
+        if (version < storeCatalogVersion_.load()) {
+            const std::optional<CatalogChanges> changes = readCatalogChanges(version);
+            if (!changes) {
+                return;
+            }
+            whole = std::make_shared<const Catalog>(*whole, *changes);
+            version = changes->version;
+        }
+        old = swapCatalogLocked(std::move(whole), version);
+        ++catalogReads_;
+    }
+    release(std::move(old));
+}
+
+void Service::rebuildCatalogLocked() {
+    CatalogData data = readWholeCatalog();
     const std::uint64_t version = data.version;
     auto fresh = std::make_shared<const Catalog>(data);
     data = CatalogData();
+    std::shared_ptr<const Catalog> old = swapCatalogLocked(std::move(fresh), version);
+    ++catalogReads_;
+    release(std::move(old));
+}
+
+CatalogData Service::readWholeCatalog() {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalog();
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalog();
+}
+
+std::optional<CatalogChanges> Service::readCatalogChanges(std::uint64_t since) {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalogChanges(since, options_.catalogChangesInPlace);
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalogChanges(since, options_.catalogChangesInPlace);
+}
+
+void Service::release(std::shared_ptr<const Catalog> old) {
+    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
+    if (old.use_count() == 1) {
+        old.reset();
+        malloc_trim(0);
+    }
+}
+
+std::shared_ptr<const Catalog> Service::swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
+                                                          std::uint64_t version) {
     std::shared_ptr<const Catalog> old;
     {
         Lock lock(stateMutex_);
@@ -241,11 +337,7 @@ void Service::reloadPlaces() {
     }
     storeCatalogVersion_ = version;
     ++catalogVersion_;
-    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
-    if (old.use_count() == 1) {
-        old.reset();
-        malloc_trim(0);
-    }
+    return old;
 }
 
 std::size_t Service::placesIndexed() {
@@ -403,11 +495,12 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     std::size_t records = 0;
     for (const SpatialIndex::Hit& hit : hits) {
         const Catalog::Place& place = cat.placeAt(hit.id);
-        for (uint32_t o : place.offers) {
-            const Catalog::Offer& offer = cat.offerAt(o);
-            if (!cat.campaignOf(offer).activeAt(now)) {
+        for (const int64_t o : place.offers) {
+            const Catalog::Offer* found = cat.findOffer(o);
+            if (found == nullptr || !cat.campaignOf(*found).activeAt(now)) {
                 continue;
             }
+            const Catalog::Offer& offer = *found;
             if (records++ == kMaxPlaceRecords) {
                 break;
             }

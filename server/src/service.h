@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <variant>
@@ -52,6 +53,8 @@ struct ServiceOptions {
     int logRetentionDays = 0;
     /// Seconds between checks of a shared store's catalogue version (see StoreOptions).
     double changeCheckSeconds = 5;
+    /// The most changed rows applied to the catalogue in place (see ServerOptions).
+    std::size_t catalogChangesInPlace = 10'000;
 };
 
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and
@@ -76,12 +79,16 @@ class Service : private ChangeListener {
     static constexpr std::size_t kMaxPlaceRecords = 1'000;
     /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
     static constexpr std::size_t kMaxLogBody = 256 * 1024;
+    /// The places and offers a catalogue holds beside the part it shares, in changes in place, before it
+    /// is read whole.
+    static constexpr std::size_t kCatalogOverlayChanges = 5;
 
     /// Opens the store at `location` (an SQLite file or a postgresql:// address) and builds the
     /// catalogue; throws std::runtime_error. `metrics` may be null.
     Service(const std::string& location, Clock clock, ServiceOptions options = {},
             Metrics* metrics = nullptr);
-    /// Stops following other replicas first: their notifications are handled by this object.
+    /// Stops following other replicas first: their notifications are handled by this object; then waits
+    /// for a catalogue read in progress.
     ~Service() override;
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -102,9 +109,9 @@ class Service : private ChangeListener {
     /// handle() for a body already parsed. Any thread; blocks while the database is locked.
     ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase);
 
-    /// Runs `work` on the store under the writers' lock and, when `catalogChanged`, rebuilds the
-    /// catalogue afterwards (outside that lock) so that the change is served when this returns. Any
-    /// thread.
+    /// Runs `work` on the store under the writers' lock and, when `catalogChanged`, brings the
+    /// catalogue up to date afterwards (outside that lock) so that the change is served when this
+    /// returns. Any thread.
     template <typename Work>
     auto change(Work&& work, bool catalogChanged) {
         using Result = decltype(work(*store_));
@@ -114,7 +121,7 @@ class Service : private ChangeListener {
                 work(*store_);
             }
             if (catalogChanged) {
-                reloadPlaces();
+                refreshCatalog();
             }
         } else {
             Result result = [&] {
@@ -122,7 +129,7 @@ class Service : private ChangeListener {
                 return work(*store_);
             }();
             if (catalogChanged) {
-                reloadPlaces();
+                refreshCatalog();
             }
             return result;
         }
@@ -133,12 +140,19 @@ class Service : private ChangeListener {
     /// Rebuilds the catalogue from the database without holding the writers' lock (a connection of its
     /// own reads a snapshot), then swaps it in; requests never wait for it. Any thread.
     void reloadPlaces();
+    /// Applies what changed in the store since the catalogue in memory was read, sharing the rest of
+    /// it; reads the whole catalogue again when the store cannot tell what changed or too much did.
+    /// When the changes held beside the shared part grow past kCatalogOverlayChanges times that, a
+    /// thread of its own reads the whole catalogue while changes go on being applied. Any thread.
+    void refreshCatalog();
     Report report();
 
     /// What the readiness check and the metrics report. Any thread.
     std::size_t placesIndexed();
     std::size_t sessionsCached();
     std::uint64_t catalogVersion() const { return catalogVersion_.load(); }
+    /// How many of those updates read the whole catalogue. Any thread.
+    std::uint64_t catalogReads() const { return catalogReads_.load(); }
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     bool databaseReachable();
     /// Database threads worth running: more than one where the store takes writes at once. Any thread.
@@ -193,6 +207,23 @@ class Service : private ChangeListener {
     /// that touches nothing in memory, when concurrency() > 1.
     Store& concurrentStore() const TOVREL_NO_THREAD_SAFETY_ANALYSIS { return *store_; }
     std::shared_ptr<const Catalog> catalog();
+    /// Reads the whole catalogue and swaps it in.
+    void rebuildCatalogLocked() TOVREL_REQUIRES(rebuildMutex_);
+    /// The whole catalogue, or what changed after `since` (Store::readCatalogChanges), read without the
+    /// writers' lock where the store allows.
+    CatalogData readWholeCatalog() TOVREL_EXCLUDES(dbMutex_);
+    std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since) TOVREL_EXCLUDES(dbMutex_);
+    /// Frees a catalogue swapped out of a whole read, and the heap's pages with it, unless requests
+    /// still hold it.
+    static void release(std::shared_ptr<const Catalog> old);
+    /// Starts compactCatalog() on a thread of its own unless it runs.
+    void startCompaction() TOVREL_EXCLUDES(compactorMutex_);
+    /// Reads the whole catalogue without holding rebuildMutex_, applies what changed meanwhile and
+    /// swaps it in, so that the changes held beside the shared part start again from none.
+    void compactCatalog() TOVREL_EXCLUDES(rebuildMutex_);
+    /// Swaps `fresh` in as the catalogue of the store's `version`; returns the one it replaced.
+    std::shared_ptr<const Catalog> swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
+                                                     std::uint64_t version) TOVREL_REQUIRES(rebuildMutex_);
     std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
     /// Runs a write that changes nothing held in memory: at once where the store takes several,
     /// under the writers' lock elsewhere.
@@ -214,6 +245,7 @@ class Service : private ChangeListener {
     std::unique_ptr<Store> store_ TOVREL_PT_GUARDED_BY(dbMutex_);
     Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
+    std::atomic<std::uint64_t> catalogReads_{0};
     /// The mirror that requests read without the database; changed only with dbMutex_ held too.
     SharedMutex stateMutex_;
     std::shared_ptr<const Catalog> catalog_ TOVREL_GUARDED_BY(stateMutex_);
@@ -230,6 +262,9 @@ class Service : private ChangeListener {
     Mutex refusedMutex_;
     /// SDK key → until when it is refused.
     std::unordered_map<std::string, double> refusedSdkKeys_ TOVREL_GUARDED_BY(refusedMutex_);
+    std::atomic<bool> compacting_{false};
+    Mutex compactorMutex_;
+    std::thread compactor_ TOVREL_GUARDED_BY(compactorMutex_);
     /// Last, so that it stops before anything it calls is destroyed.
     std::unique_ptr<ChangeFeed> changeFeed_;
 };

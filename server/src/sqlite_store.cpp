@@ -1,9 +1,14 @@
 #include "sqlite_store.h"
 
+#include <algorithm>
+#include <set>
+
 #include "admin_store.h"
 #include "report.h"
 
 namespace tovrel_server {
+
+using tovrel::platform::Lock;
 
 SqliteStore::SqliteStore(const std::string& path, const StoreOptions& options)
     : path_(path), options_(options), db_(path, options.busyTimeoutMs) {}
@@ -123,12 +128,84 @@ void SqliteStore::addLog(const std::string& deviceId, const std::string& eventNa
     logDay_ = day;
 }
 
+void SqliteStore::recordChanges(std::vector<std::pair<Kind, int64_t>> changes) {
+    if (changes.size() > kMaxRecorded) {
+        changes = {{Kind::all, 0}};
+    }
+    Lock lock(changesMutex_);
+    const std::uint64_t version = ++version_;
+    for (const auto& [kind, id] : changes) {
+        changes_.push_back(Change{version, kind, id});
+    }
+    while (!changes_.empty() && changes_.front().version + kVersionsKept <= version) {
+        forgotten_ = changes_.front().version;
+        changes_.pop_front();
+    }
+}
+
+template <typename Write>
+ImportSummary SqliteStore::writeRecorded(const std::vector<CampaignDef>& campaigns, std::size_t offerCount,
+                                         std::size_t placeCount, Write write) {
+    if (campaigns.size() + offerCount + placeCount > kMaxRecorded) {
+        const ImportSummary summary = write(nullptr);
+        recordChanges({{Kind::all, 0}});
+        return summary;
+    }
+    // Campaigns written as they are stored change nothing; the others' offers are all read again.
+    std::vector<std::string> changed;
+    Statement stored = db_.prepare(
+        "SELECT start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE name = ?");
+    for (const CampaignDef& c : campaigns) {
+        CampaignDef was = c;
+        bool same = false;
+        if (stored.with(c.name).step()) {
+            was.startDate = stored.text(0);
+            was.endDate = stored.text(1);
+            was.startTime = stored.isNull(2) ? std::nullopt : std::optional<double>(stored.real(2));
+            was.endTime = stored.isNull(3) ? std::nullopt : std::optional<double>(stored.real(3));
+            was.perDeviceCap = stored.isNull(4) ? std::nullopt : std::optional<int64_t>(stored.integer(4));
+            same = was == c;
+        }
+        if (!same) {
+            changed.push_back(c.name);
+        }
+    }
+    std::vector<std::pair<Kind, int64_t>> changes;
+    const ImportSummary summary = write(&changes);
+    Statement id = db_.prepare("SELECT id FROM campaigns WHERE name = ?");
+    for (const std::string& name : changed) {
+        if (id.with(name).step()) {
+            changes.emplace_back(Kind::campaign, id.integer(0));
+        }
+    }
+    recordChanges(std::move(changes));
+    return summary;
+}
+
 ImportSummary SqliteStore::writeCatalog(const CatalogData& data, double now) {
-    return tovrel_server::writeCatalog(db_, data, now);
+    return writeRecorded(data.campaigns, data.offers.size(), data.places.size(),
+                         [&](std::vector<std::pair<Kind, int64_t>>* changes) {
+                             for (std::size_t i = 0; changes != nullptr && i < data.offers.size(); ++i) {
+                                 changes->emplace_back(Kind::offer, data.offers[i].id);
+                             }
+                             for (std::size_t i = 0; changes != nullptr && i < data.places.size(); ++i) {
+                                 changes->emplace_back(Kind::place, data.places[i].id);
+                             }
+                             return tovrel_server::writeCatalog(db_, data, now);
+                         });
 }
 
 ImportSummary SqliteStore::writePlaceCatalog(const PlaceCatalog& data, double now) {
-    return tovrel_server::writeCatalog(db_, data, now);
+    return writeRecorded(data.campaigns, data.offerCount(), data.placeCount(),
+                         [&](std::vector<std::pair<Kind, int64_t>>* changes) {
+                             for (std::size_t i = 0; changes != nullptr && i < data.offerCount(); ++i) {
+                                 changes->emplace_back(Kind::offer, data.offer(i).id);
+                             }
+                             for (std::size_t i = 0; changes != nullptr && i < data.placeCount(); ++i) {
+                                 changes->emplace_back(Kind::place, data.place(i).id);
+                             }
+                             return tovrel_server::writeCatalog(db_, data, now);
+                         });
 }
 
 void SqliteStore::writeApp(const AppDef& app, double now) {
@@ -141,12 +218,70 @@ bool SqliteStore::concurrentCatalogReads() const {
 }
 
 CatalogData SqliteStore::readCatalog() {
+    // The version first: a write committed after it is read again with the changes of its own version.
+    std::uint64_t version = 0;
+    {
+        Lock lock(changesMutex_);
+        version = version_;
+    }
+    CatalogData data;
     if (inMemory()) {
-        return tovrel_server::readCatalog(db_);
+        data = tovrel_server::readCatalog(db_);
+    } else {
+        Database reader(path_, options_.busyTimeoutMs);
+        Transaction snapshot(reader, Transaction::Kind::read);
+        data = tovrel_server::readCatalog(reader);
+    }
+    data.version = version;
+    return data;
+}
+
+std::optional<CatalogChanges> SqliteStore::readCatalogChanges(std::uint64_t since, std::size_t limit) {
+    CatalogChanges changes;
+    std::vector<int64_t> campaigns;
+    {
+        Lock lock(changesMutex_);
+        changes.version = version_;
+        if (since == version_) {
+            return changes;
+        }
+        if (since < forgotten_ || since > version_) {
+            return std::nullopt;
+        }
+        std::set<int64_t> campaignIds, offerIds, placeIds;
+        for (const Change& change : changes_) {
+            if (change.version <= since) {
+                continue;
+            }
+            switch (change.kind) {
+                case Kind::campaign:
+                    campaignIds.insert(change.id);
+                    break;
+                case Kind::offer:
+                    offerIds.insert(change.id);
+                    break;
+                case Kind::place:
+                    placeIds.insert(change.id);
+                    break;
+                case Kind::all:
+                    return std::nullopt;
+            }
+        }
+        if (campaignIds.size() + offerIds.size() + placeIds.size() > limit) {
+            return std::nullopt;
+        }
+        campaigns.assign(campaignIds.begin(), campaignIds.end());
+        changes.offerIds.assign(offerIds.begin(), offerIds.end());
+        changes.placeIds.assign(placeIds.begin(), placeIds.end());
+    }
+    if (inMemory()) {
+        return readChangedRows(db_, changes, campaigns, limit) ? std::optional(std::move(changes))
+                                                               : std::nullopt;
     }
     Database reader(path_, options_.busyTimeoutMs);
     Transaction snapshot(reader, Transaction::Kind::read);
-    return tovrel_server::readCatalog(reader);
+    return readChangedRows(reader, changes, campaigns, limit) ? std::optional(std::move(changes))
+                                                              : std::nullopt;
 }
 
 Report SqliteStore::report() {
@@ -191,28 +326,47 @@ std::optional<int64_t> SqliteStore::findCampaign(const std::string& nameOrId) {
     return admin_store::findCampaign(db_, nameOrId);
 }
 bool SqliteStore::setCampaignDisabled(int64_t id, bool disabled) {
-    return admin_store::setCampaignDisabled(db_, id, disabled);
+    const bool changed = admin_store::setCampaignDisabled(db_, id, disabled);
+    recordChanges({{Kind::campaign, id}});
+    return changed;
 }
 bool SqliteStore::removeCampaign(int64_t id) {
-    return admin_store::removeCampaign(db_, id);
+    const bool removed = admin_store::removeCampaign(db_, id);
+    recordChanges({{Kind::campaign, id}});
+    return removed;
 }
 nlohmann::json SqliteStore::listOffers() {
     return admin_store::listOffers(db_);
 }
 bool SqliteStore::setOfferDisabled(int64_t id, bool disabled) {
-    return admin_store::setOfferDisabled(db_, id, disabled);
+    const bool changed = admin_store::setOfferDisabled(db_, id, disabled);
+    recordChanges({{Kind::offer, id}});
+    return changed;
 }
 bool SqliteStore::removeOffer(int64_t id) {
-    return admin_store::removeOffer(db_, id);
+    // The places that link it lose the link.
+    std::vector<std::pair<Kind, int64_t>> changes{{Kind::offer, id}};
+    Statement linked = db_.prepare("SELECT place FROM place_offers WHERE offer = ?");
+    linked.with(id);
+    while (linked.step()) {
+        changes.emplace_back(Kind::place, linked.integer(0));
+    }
+    const bool removed = admin_store::removeOffer(db_, id);
+    recordChanges(std::move(changes));
+    return removed;
 }
 nlohmann::json SqliteStore::listPlaces(int64_t after, int limit) {
     return admin_store::listPlaces(db_, after, limit);
 }
 bool SqliteStore::setPlaceDisabled(int64_t id, bool disabled) {
-    return admin_store::setPlaceDisabled(db_, id, disabled);
+    const bool changed = admin_store::setPlaceDisabled(db_, id, disabled);
+    recordChanges({{Kind::place, id}});
+    return changed;
 }
 bool SqliteStore::removePlace(int64_t id) {
-    return admin_store::removePlace(db_, id);
+    const bool removed = admin_store::removePlace(db_, id);
+    recordChanges({{Kind::place, id}});
+    return removed;
 }
 nlohmann::json SqliteStore::campaignDefinitions() {
     return admin_store::campaignDefinitions(db_);

@@ -1,14 +1,22 @@
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "database.h"
 #include "store.h"
+#include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel_server {
 
 /// The embedded store: one SQLite file (WAL), or a private in-memory database. Catalogue rebuilds read
 /// a snapshot through a connection of their own, so they never wait for writers.
+///
+/// Its one writer is this process, so the catalogue's version and what changed in each one are kept in
+/// memory: written by the catalogue's writes once committed, read by readCatalogChanges() on any
+/// thread.
 class SqliteStore final : public Store {
   public:
     /// Opens or creates the file and brings its schema up to date. Throws std::runtime_error.
@@ -34,6 +42,7 @@ class SqliteStore final : public Store {
     void writeApp(const AppDef& app, double now) override;
     bool concurrentCatalogReads() const override;
     CatalogData readCatalog() override;
+    std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
     bool reachable() override;
@@ -58,10 +67,31 @@ class SqliteStore final : public Store {
   private:
     bool inMemory() const { return path_.empty() || path_ == ":memory:"; }
 
+    enum class Kind : std::uint8_t { campaign, offer, place, all };
+    struct Change {
+        std::uint64_t version;
+        Kind kind;
+        int64_t id;
+    };
+    /// Starts the next version with these changes; more than kMaxRecorded ids record Kind::all.
+    void recordChanges(std::vector<std::pair<Kind, int64_t>> changes);
+    /// The catalogue write's changes: every place, offer and campaign it names (campaigns only when
+    /// they differ from what is stored, read before the write).
+    template <typename Write>
+    ImportSummary writeRecorded(const std::vector<CampaignDef>& campaigns, std::size_t offerCount,
+                                std::size_t placeCount, Write write);
+
+    static constexpr std::size_t kMaxRecorded = 10'000;
+    static constexpr std::uint64_t kVersionsKept = 1'000;
+
     std::string path_;
     StoreOptions options_;
     int64_t logDay_ = -1;  ///< the day of the last log message, for the retention
     Database db_;
+    tovrel::platform::Mutex changesMutex_;
+    std::uint64_t version_ TOVREL_GUARDED_BY(changesMutex_) = 1;
+    std::deque<Change> changes_ TOVREL_GUARDED_BY(changesMutex_);  ///< of the versions after forgotten_
+    std::uint64_t forgotten_ TOVREL_GUARDED_BY(changesMutex_) = 1;
 };
 
 }  // namespace tovrel_server

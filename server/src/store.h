@@ -126,6 +126,15 @@ class Store {
     virtual int concurrency() const { return 1; }
     /// Every enabled campaign, offer and place (apps are not read), from one consistent snapshot.
     virtual CatalogData readCatalog() = 0;
+    /// What changed in the catalogue after version `since` (of a readCatalog() or of an earlier call),
+    /// with the changed rows as they are now; nullopt when the store cannot tell, or more than `limit`
+    /// rows changed: read the whole catalogue instead. May run on any thread when
+    /// concurrentCatalogReads().
+    virtual std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) {
+        (void)since;
+        (void)limit;
+        return std::nullopt;
+    }
     /// Links and answers per offer, log messages per event name.
     virtual Report report() = 0;
     /// The funnel per campaign and per offer, and by UTC day when byDay.

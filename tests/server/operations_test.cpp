@@ -6,10 +6,13 @@
 #include <future>
 #include <thread>
 
+#include "support/wait_until.h"
 #include "test_support.h"
 
 namespace tovrel_server::test {
 namespace {
+
+using tovrel::test::waitUntil;
 
 constexpr const char* kToken = "0123456789abcdef-admin";
 constexpr double kOldTownLat = 48.137154;
@@ -57,6 +60,15 @@ class WriteLock {
     sqlite3* db_ = nullptr;
     bool held_ = false;
 };
+
+// Updates of the catalogue in memory that read all of it: the start, and what could not be applied in
+// place.
+int fullReads(HttpClient& admin) {
+    const std::string body = admin.get("/metrics").body;
+    const std::string name = "\ntovrel_catalog_full_reads ";
+    const std::size_t at = body.find(name);
+    return at == std::string::npos ? -1 : std::stoi(body.substr(at + name.size()));
+}
 
 class Admin : public StoreTest {
   protected:
@@ -170,6 +182,20 @@ TEST_P(Admin, PlaceChangesAreServedWithoutAReload) {
     EXPECT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
     EXPECT_EQ(call("POST", "/admin/v1/places/77/enable").status, 200);
     EXPECT_TRUE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
+    // Moved away and back, with another offer.
+    ASSERT_EQ(
+        call("POST", "/admin/v1/places", placeFeature(77, 771, kOldTownLat + 1, kOldTownLon, "Open").dump())
+            .status,
+        200);
+    EXPECT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
+    ASSERT_EQ(call("POST", "/admin/v1/places", placeFeature(77, 772, kOldTownLat, kOldTownLon, "Open").dump())
+                  .status,
+              200);
+    EXPECT_TRUE(record(fixture.places(key, kOldTownLat, kOldTownLon).parsed(), "771", "77").is_null());
+    ASSERT_FALSE(record(fixture.places(key, kOldTownLat, kOldTownLon).parsed(), "772", "77").is_null());
+    ASSERT_EQ(call("POST", "/admin/v1/places", placeFeature(77, 771, kOldTownLat, kOldTownLon, "Open").dump())
+                  .status,
+              200);
 
     EXPECT_EQ(call("POST", "/admin/v1/offers/771/disable").status, 200);
     EXPECT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
@@ -189,6 +215,51 @@ TEST_P(Admin, PlaceChangesAreServedWithoutAReload) {
     EXPECT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));
     EXPECT_EQ(call("DELETE", "/admin/v1/places/77").status, 404);
     EXPECT_EQ(call("POST", "/admin/v1/places/x/disable").status, 400);
+    EXPECT_EQ(call("DELETE", "/admin/v1/offers/772").status, 200);
+    EXPECT_EQ(admin.get("/readyz").parsed()["places"], 4);
+    // Each change was applied to the catalogue in place: only the start read all of it.
+    EXPECT_EQ(fullReads(admin), 1);
+}
+
+TEST_P(Admin, ChangesTooLargeToApplyInPlaceReadTheWholeCatalogue) {
+    ServerFixture fx(fixtureOptions(withAdmin([](ServerOptions& o) { o.catalogChangesInPlace = 3; })));
+    HttpClient client(fx.adminPort());
+    const auto post = [&](const std::string& path, const json& body) {
+        return client.request("POST", path, body.dump(), {std::string("Authorization: Bearer ") + kToken});
+    };
+    const std::string key = fx.startSession("LARGE");
+    const int before = fullReads(client);
+    json features = json::array();
+    for (int i = 0; i < 2; ++i) {
+        features.push_back(placeFeature(1000 + i, 1000 + i, kOldTownLat, kOldTownLon + 0.001 * i, "Open"));
+    }
+    // Two places and two offers: more rows than a change applied in place may carry here.
+    const HttpResult imported =
+        post("/admin/v1/import", json{{"type", "FeatureCollection"},
+                                      {"properties", {{"campaigns", {{{"name", "Open"}}}}}},
+                                      {"features", features}});
+    ASSERT_EQ(imported.status, 200) << imported.body;
+    EXPECT_EQ(fullReads(client), before + 1);
+    EXPECT_FALSE(record(fx.places(key, kOldTownLat, kOldTownLon).parsed(), "1001", "1001").is_null());
+
+    ASSERT_EQ(post("/admin/v1/places/1001/disable", json::object()).status, 200);
+    EXPECT_TRUE(record(fx.places(key, kOldTownLat, kOldTownLon).parsed(), "1001", "1001").is_null());
+    EXPECT_EQ(fullReads(client), before + 1);
+    // Each place added in place holds a place and an offer beside the shared part; past five times
+    // the limit (15) the whole catalogue is read again beside the changes, and nothing is lost on the
+    // way.
+    for (int i = 2; i < 10; ++i) {
+        ASSERT_EQ(post("/admin/v1/places", placeFeature(1000 + i, 1000 + i, kOldTownLat, kOldTownLon, "Open"))
+                      .status,
+                  200);
+    }
+    EXPECT_TRUE(waitUntil([&] { return fullReads(client) == before + 2; }, std::chrono::seconds(5)));
+    EXPECT_EQ(client.get("/readyz").parsed()["places"], 4 + 9);
+    for (int i = 2; i < 10; ++i) {
+        EXPECT_FALSE(record(fx.places(key, kOldTownLat, kOldTownLon).parsed(), std::to_string(1000 + i),
+                            std::to_string(1000 + i))
+                         .is_null());
+    }
 }
 
 TEST_P(Admin, AppKeysAreAddedDisabledRotatedAndRemoved) {

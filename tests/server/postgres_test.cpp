@@ -67,6 +67,20 @@ ServerOptions replicaOf(const ServerFixture& fx, double changeCheckSeconds = 5) 
     return options;
 }
 
+// Updates of a server's catalogue that read all of it (the others applied what changed in place).
+int fullReads(uint16_t adminPort) {
+    HttpClient admin(adminPort);
+    const std::string body = admin.get("/metrics").body;
+    const std::string name = "\ntovrel_catalog_full_reads ";
+    const std::size_t at = body.find(name);
+    return at == std::string::npos ? -1 : std::stoi(body.substr(at + name.size()));
+}
+
+void withAdmin(ServerOptions& o) {
+    o.adminAddress = "127.0.0.1";
+    o.adminToken = kToken;
+}
+
 TEST_F(Postgres, TwoServersLinkingThePairAtOnceReturnOneDeviceEvent) {
     ServerFixture first(onPostgres());
     ServerOptions options;
@@ -95,11 +109,15 @@ TEST_F(Postgres, TwoServersLinkingThePairAtOnceReturnOneDeviceEvent) {
 
 TEST_F(Postgres, ReplicasServeWhatAnotherOrAnOperatorsSqlChangedWithoutWaitingForTheCheck) {
     // An hour between version checks: only notifications can bring the changes in time.
-    ServerFixture first(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 3600; }));
+    ServerFixture first(onPostgres([](ServerOptions& o) {
+        o.changeCheckSeconds = 3600;
+        withAdmin(o);
+    }));
     Server second(replicaOf(first, 3600));
     second.start();
     HttpClient admin(second.adminPort());
     const std::string key = first.startSession("FOLLOWER");
+    const int reads = fullReads(first.adminPort());
     ASSERT_TRUE(record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null());
 
     const json feature = placeFeature(77, 771, kLat, kLon, "Open");
@@ -119,18 +137,56 @@ TEST_F(Postgres, ReplicasServeWhatAnotherOrAnOperatorsSqlChangedWithoutWaitingFo
                    "Changed by hand";
         },
         kWait));
+
+    // A campaign disabled takes its offers everywhere; a place moved by hand, one removed by a replica.
+    ASSERT_FALSE(record(first.places(key, kLat, kLon).parsed(), "12", "1").is_null());
+    queryRows(first.dbPath(), "UPDATE campaigns SET disabled = true WHERE name = 'Capped'");
+    EXPECT_TRUE(waitUntil([&] { return record(first.places(key, kLat, kLon).parsed(), "12", "1").is_null(); },
+                          kWait));
+    EXPECT_FALSE(record(first.places(key, kLat, kLon).parsed(), "11", "1").is_null());
+    queryRows(first.dbPath(), "UPDATE places SET lat = lat + 1 WHERE id = 1");
+    EXPECT_TRUE(waitUntil([&] { return record(first.places(key, kLat, kLon).parsed(), "11", "1").is_null(); },
+                          kWait));
+    EXPECT_FALSE(record(first.places(key, kLat + 1, kLon).parsed(), "11", "1").is_null());
+    queryRows(first.dbPath(), "UPDATE places SET disabled = false WHERE id = 77");
+    EXPECT_TRUE(waitUntil(
+        [&] { return !record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null(); }, kWait));
+    EXPECT_EQ(
+        admin.request("DELETE", "/admin/v1/places/77", {}, {std::string("Authorization: Bearer ") + kToken})
+            .status,
+        200);
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(first.places(key, kLat, kLon).parsed(), "771", "77").is_null(); }, kWait));
+    // None of it read the whole catalogue again.
+    EXPECT_EQ(fullReads(first.adminPort()), reads);
     second.stop();
 }
 
 TEST_F(Postgres, AChangeWhoseNotificationWasLostIsServedAfterTheVersionCheckOrAReconnection) {
-    ServerFixture checked(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 0.2; }));
+    ServerFixture checked(onPostgres([](ServerOptions& o) {
+        o.changeCheckSeconds = 0.2;
+        withAdmin(o);
+    }));
     const std::string key = checked.startSession("CHECKED");
-    // Without the trigger nothing is notified: only the periodic check sees the new version.
-    queryRows(checked.dbPath(), "ALTER TABLE places DISABLE TRIGGER places_changed");
+    const int reads = fullReads(checked.adminPort());
+    // Without the triggers nothing is notified or recorded: only the periodic check sees the new
+    // version, and with nothing recorded for it the whole catalogue is read.
+    queryRows(checked.dbPath(), "ALTER TABLE places DISABLE TRIGGER ALL");
     queryRows(checked.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
     queryRows(checked.dbPath(), "UPDATE tovrel_catalog_state SET version = version + 1");
     EXPECT_TRUE(waitUntil(
         [&] { return record(checked.places(key, kLat, kLon).parsed(), "11", "1").is_null(); }, kWait));
+    EXPECT_EQ(fullReads(checked.adminPort()), reads + 1);
+    // A version recorded but never notified is applied in place on the next check.
+    queryRows(checked.dbPath(), "UPDATE places SET disabled = true WHERE id = 2");
+    queryRows(checked.dbPath(),
+              "INSERT INTO tovrel_catalog_changes(version, kind, id) SELECT version + 1, 'version', 0 FROM "
+              "tovrel_catalog_state UNION ALL SELECT version + 1, 'place', 2 FROM tovrel_catalog_state");
+    queryRows(checked.dbPath(), "UPDATE tovrel_catalog_state SET version = version + 1");
+    EXPECT_TRUE(waitUntil(
+        [&] { return record(checked.places(key, kLat, kLon).parsed(), "21", "2").is_null(); }, kWait));
+    EXPECT_EQ(fullReads(checked.adminPort()), reads + 1);
+    queryRows(checked.dbPath(), "ALTER TABLE places ENABLE TRIGGER ALL");
 
     // A change made while the feed's connection was away is read when it reconnects.
     ServerFixture away(onPostgres([](ServerOptions& o) { o.changeCheckSeconds = 3600; }));
@@ -142,6 +198,32 @@ TEST_F(Postgres, AChangeWhoseNotificationWasLostIsServedAfterTheVersionCheckOrAR
     queryRows(away.dbPath(), "UPDATE places SET disabled = true WHERE id = 1");
     EXPECT_TRUE(waitUntil(
         [&] { return record(away.places(awayKey, kLat, kLon).parsed(), "11", "1").is_null(); }, kWait));
+}
+
+TEST_F(Postgres, ATransactionChangingMoreThanTenThousandRowsIsReadWhole) {
+    ServerFixture fx(onPostgres(withAdmin));
+    const std::string key = fx.startSession("BULK");
+    const int reads = fullReads(fx.adminPort());
+    // Recorded as 'all' rather than row by row: replicas read the whole catalogue.
+    queryRows(
+        fx.dbPath(),
+        "INSERT INTO places(id, name, lat, lon, radius) SELECT 1000 + i, 'Bulk', 10, 10 + i * 1e-4, 5 FROM "
+        "generate_series(0, 10000) i");
+    EXPECT_EQ(queryRows(fx.dbPath(),
+                        "SELECT kind FROM tovrel_catalog_changes WHERE version = (SELECT version "
+                        "FROM tovrel_catalog_state) ORDER BY kind"),
+              (std::vector<std::string>{"all", "version"}));
+    HttpClient admin(fx.adminPort());
+    EXPECT_TRUE(waitUntil([&] { return admin.get("/readyz").parsed()["places"] == 4 + 10'001; }, kWait));
+    EXPECT_EQ(fullReads(fx.adminPort()), reads + 1);
+    // Fewer rows are recorded one by one.
+    queryRows(fx.dbPath(), "UPDATE places SET disabled = true WHERE id BETWEEN 1000 AND 1002");
+    EXPECT_EQ(queryRows(fx.dbPath(),
+                        "SELECT kind || id FROM tovrel_catalog_changes WHERE version = (SELECT "
+                        "version FROM tovrel_catalog_state) ORDER BY kind, id"),
+              (std::vector<std::string>{"place1000", "place1001", "place1002", "version0"}));
+    EXPECT_TRUE(waitUntil([&] { return admin.get("/readyz").parsed()["places"] == 4 + 10'001 - 3; }, kWait));
+    EXPECT_EQ(fullReads(fx.adminPort()), reads + 1);
 }
 
 TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -58,6 +59,10 @@ struct ServerOptions {
     /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
     /// change notification was missed (notifications themselves arrive at once).
     double changeCheckSeconds = 5;
+    /// The most places, offers and campaigns a catalogue change may touch to be applied in memory in
+    /// place; a larger one (an import) reads the whole catalogue again. Once five times this many are
+    /// held beside the shared part, the whole catalogue is read again in the background.
+    std::size_t catalogChangesInPlace = 10'000;
     /// Seconds a session key stays valid after its session started; 0 (the default) keeps keys valid
     /// for ever. With a lifetime, requests with an older key are answered 401.
     double sessionTtl = 0;
