@@ -43,8 +43,7 @@ void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int butt
         if (integerValueFor(targeting::offerElement(offer), "deviceEventId") != alertTag) {
             continue;
         }
-        const Json copy = offer;
-        const Json& element = targeting::offerElement(copy);
+        const Json& element = targeting::offerElement(offer);
         if (!targeting::hasOfferMediaKeys(element)) {
             return;
         }
