@@ -9,7 +9,7 @@ Usage: scripts/setup.sh [--help]
 
 Installs the Debian packages needed to build Tovrel and run its tests
 (compilers, CMake, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
-CLI11, Boost.Beast, clang's libFuzzer runtime), the linux backend's parts (asio, libgps and
+CLI11, Boost.Beast, clang's libFuzzer runtime, clang-tidy), the linux backend's parts (asio, libgps and
 gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon), Qt 6 with
 WebEngine for the screens, and Leaflet and Chromium for tovrel-sim's HTML report and
 its browser test, PostgreSQL with PostGIS and HAProxy for the server's cluster test. Safe to run again.
@@ -18,7 +18,7 @@ USAGE
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
 
 packages=(
-    build-essential cmake g++ clang clang-format libclang-rt-14-dev ninja-build pkg-config
+    build-essential cmake g++ clang clang-format clang-tidy libclang-rt-14-dev ninja-build pkg-config
     # packaging: man pages from --help, Debian packages
     help2man dpkg-dev file python3-pytest
     googletest libgtest-dev libgmock-dev libbenchmark-dev

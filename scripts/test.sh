@@ -9,8 +9,9 @@ usage() {
 Usage: scripts/test.sh [--quick] [--help]
 
 Installs what is missing (scripts/setup.sh), checks the format (scripts/check-format.sh), the
-direction of every #include (scripts/check-layering.py) and the locks of tovrel-server and the
-backends with clang's thread-safety analysis (scripts/check-thread-safety.sh), then builds and tests:
+direction of every #include (scripts/check-layering.py), the component with clang-tidy
+(scripts/check-tidy.sh) and the locks of tovrel-server and the backends with clang's thread-safety
+analysis (scripts/check-thread-safety.sh), then builds and tests:
   1. libFuzzer targets (clang, address+undefined), each run for FUZZ_SECONDS (default 20)
   2. the address+undefined sanitizer build and its CTest suite
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
@@ -40,6 +41,11 @@ scripts/check-format.sh
 
 echo "== layering"
 scripts/check-layering.py
+
+echo "== clang-tidy (the component)"
+# Configuring is enough: clang-tidy reads build/dev/compile_commands.json, not the objects.
+cmake --preset dev >/dev/null
+scripts/check-tidy.sh
 
 echo "== thread-safety analysis (clang)"
 scripts/check-thread-safety.sh

@@ -6,6 +6,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/view_controller.h"
 
 namespace tovrel {
 
@@ -14,7 +15,8 @@ class Environment;
 /// A full-screen web page under a navigation bar whose back button closes it. The presenter sets
 /// navTitle and urlString and presents view() modally; every appearance builds the bar again and
 /// reloads the page from the network. Main thread only.
-class TOVREL_EXPORT ContentController final : public platform::WebViewDelegate,
+class TOVREL_EXPORT ContentController final : public ViewController,
+                                              public platform::WebViewDelegate,
                                               public std::enable_shared_from_this<ContentController> {
     struct Token {
         explicit Token() = default;
@@ -32,12 +34,11 @@ class TOVREL_EXPORT ContentController final : public platform::WebViewDelegate,
     ContentController(const ContentController&) = delete;
     ContentController& operator=(const ContentController&) = delete;
 
-    /// The root view, made (and viewDidLoad run) on first use.
-    const std::shared_ptr<platform::View>& view();
     /// The status bar stays hidden while the page shows.
     [[nodiscard]] static bool prefersStatusBarHidden() { return true; }
 
-    void viewDidLoad() {}
+    /// Main thread. Nothing to do once the view is made (on first use of view()).
+    void viewDidLoad() override {}
     void viewDidAppear(bool animated);
     /// Dismisses the controller, animated.
     void closeMe();
@@ -53,13 +54,12 @@ class TOVREL_EXPORT ContentController final : public platform::WebViewDelegate,
     [[nodiscard]] const std::optional<std::string>& nibBundlePath() const { return bundlePath_; }
 
   private:
-    void loadView();
+    void loadView() override;
     [[nodiscard]] platform::ViewSystem& views() const;
 
     Environment& environment_;
     std::string nibName_;
     std::optional<std::string> bundlePath_;
-    std::shared_ptr<platform::View> view_;
     std::shared_ptr<platform::NavigationBar> navbar_;
     std::shared_ptr<platform::WebView> webView_;
 };

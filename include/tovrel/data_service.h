@@ -62,7 +62,7 @@ class TOVREL_EXPORT DataService {
 
   private:
     void post(const char* path, const Json& body, platform::JsonCompletion onAnswer);
-    void sendStatusRequest(const char* path, Json body, StatusCompletion completion);
+    void sendStatusRequest(const char* path, const Json& body, StatusCompletion completion);
 
     Environment& environment_;
 };

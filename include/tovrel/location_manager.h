@@ -226,7 +226,7 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     void acknowledged(const std::shared_ptr<hRegion>& target);
     void removeFirstTarget();
 
-    // notification_delivery.cpp / event_alert.cpp
+    // notifications.cpp
     void reportStatus(const nlohmann::json& deviceEventId, const char* statusCode);
 
     Environment& environment_;

@@ -10,6 +10,7 @@
 #include "tovrel/export.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/view_controller.h"
 
 namespace tovrel {
 
@@ -43,7 +44,8 @@ class TOVREL_EXPORT hAnnotation : public platform::PointAnnotation {
 /// The place map: one circle and one pin per place near the last stored position, with the
 /// distance in miles in each pin's callout and a ">" button that opens the place's offer. The host
 /// presents view(). Main thread only, except plotLocations().
-class TOVREL_EXPORT MapManager final : public platform::MapViewDelegate,
+class TOVREL_EXPORT MapManager final : public ViewController,
+                                       public platform::MapViewDelegate,
                                        public std::enable_shared_from_this<MapManager> {
     struct Token {
         explicit Token() = default;
@@ -59,12 +61,10 @@ class TOVREL_EXPORT MapManager final : public platform::MapViewDelegate,
     MapManager(const MapManager&) = delete;
     MapManager& operator=(const MapManager&) = delete;
 
-    /// The root view (the map and its two buttons), made and loaded on first use.
-    const std::shared_ptr<platform::View>& view();
-
     /// Observes "tovrelInBounds" and "tovrelRefreshUserLocation" for good, plots the places now and
-    /// every 30 minutes (on a background thread), and stops following the user.
-    void viewDidLoad();
+    /// every 30 minutes (on a background thread), and stops following the user; runs once the root
+    /// view (the map and its two buttons) is made on first use of view(). Main thread.
+    void viewDidLoad() override;
     /// Fetches the places near the stored position and, on success, replaces every pin and circle.
     /// Nothing is fetched without a stored position. Any thread: only the reply touches the map.
     void plotLocations();
@@ -121,13 +121,12 @@ class TOVREL_EXPORT MapManager final : public platform::MapViewDelegate,
     [[nodiscard]] std::optional<platform::Location> lastLocation() const;
 
   private:
-    void loadView();
+    void loadView() override;
     void showPlaces(const nlohmann::json& places, bool failed);
     void zoomToFitAnnotations();
     [[nodiscard]] std::optional<std::string> sessionKey() const;
 
     Environment& environment_;
-    std::shared_ptr<platform::View> view_;
     std::shared_ptr<platform::MapView> mapView_;
     std::shared_ptr<platform::Button> currentLocationButton_;
     std::shared_ptr<platform::Button> refreshMapButton_;

@@ -9,6 +9,7 @@
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/preferences.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/view_controller.h"
 
 namespace tovrel {
 
@@ -19,7 +20,8 @@ class Environment;
 /// presentOfferFullView(); its view stays on screen until a close button removes it, and the
 /// controller lives as long as the presenter keeps it. Main thread only.
 class TOVREL_EXPORT OfferFullViewController final
-    : public platform::WebViewDelegate,
+    : public ViewController,
+      public platform::WebViewDelegate,
       public std::enable_shared_from_this<OfferFullViewController> {
     struct Token {
         explicit Token() = default;
@@ -40,11 +42,9 @@ class TOVREL_EXPORT OfferFullViewController final
     OfferFullViewController(const OfferFullViewController&) = delete;
     OfferFullViewController& operator=(const OfferFullViewController&) = delete;
 
-    /// The root view, made (and viewDidLoad run) on first use.
-    const std::shared_ptr<platform::View>& view();
-    [[nodiscard]] bool isViewLoaded() const { return view_ != nullptr; }
-
-    void viewDidLoad();
+    /// Main thread. Lays the view out for the orientation and the status bar, once the view is made
+    /// (on first use of view()).
+    void viewDidLoad() override;
     void viewWillAppear(bool animated);
     void viewDidAppear(bool animated);
     void orientationChanged();
@@ -85,14 +85,13 @@ class TOVREL_EXPORT OfferFullViewController final
     [[nodiscard]] const std::optional<std::string>& nibBundlePath() const { return bundlePath_; }
 
   private:
-    void loadView();
+    void loadView() override;
     [[nodiscard]] platform::ViewSystem& views() const;
     void setFrameByStatusBar();
 
     Environment& environment_;
     std::string nibName_;
     std::optional<std::string> bundlePath_;
-    std::shared_ptr<platform::View> view_;
     std::shared_ptr<platform::WebView> adWebView_;
     std::shared_ptr<platform::Button> closeButton_;
     std::shared_ptr<platform::ActivityIndicatorView> activityIndicator_;

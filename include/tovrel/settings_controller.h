@@ -8,6 +8,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/views.h"
+#include "tovrel/view_controller.h"
 
 namespace tovrel {
 
@@ -17,7 +18,8 @@ class Environment;
 /// The notification-frequency screen: two heading rows and five choices, the choice kept under
 /// "checkedPath" as {"section": 0, "row": N}. Nothing else reads the choice. The host presents
 /// view(); the back button dismisses it. Main thread only.
-class TOVREL_EXPORT SubViewController final : public platform::TableViewDataSource,
+class TOVREL_EXPORT SubViewController final : public ViewController,
+                                              public platform::TableViewDataSource,
                                               public platform::TableViewDelegate,
                                               public std::enable_shared_from_this<SubViewController> {
     struct Token {
@@ -35,9 +37,9 @@ class TOVREL_EXPORT SubViewController final : public platform::TableViewDataSour
     SubViewController(const SubViewController&) = delete;
     SubViewController& operator=(const SubViewController&) = delete;
 
-    /// The root view (table and back button), made and loaded on first use.
-    const std::shared_ptr<platform::View>& view();
-    void viewDidLoad();
+    /// Main thread. Colours the screen and fills the table (the root view, table and back button, is
+    /// made on first use of view()).
+    void viewDidLoad() override;
     /// Dismisses the screen, animated.
     void closeMe();
 
@@ -68,20 +70,20 @@ class TOVREL_EXPORT SubViewController final : public platform::TableViewDataSour
     [[nodiscard]] const std::string& nibName() const { return nibName_; }
 
   private:
-    void loadView();
+    void loadView() override;
     void storeChoice(const platform::IndexPath& indexPath);
 
     Environment& environment_;
     std::string nibName_;
     std::optional<std::string> bundlePath_;
-    std::shared_ptr<platform::View> view_;
     std::shared_ptr<platform::TableView> tableView_;
     std::shared_ptr<platform::Button> backButon_;
 };
 
 /// The settings menu: the host application's page of the system settings, four content pages and
 /// the component's version. The host presents view(). Main thread only.
-class TOVREL_EXPORT SettingsController final : public platform::TableViewDataSource,
+class TOVREL_EXPORT SettingsController final : public ViewController,
+                                               public platform::TableViewDataSource,
                                                public platform::TableViewDelegate,
                                                public std::enable_shared_from_this<SettingsController> {
     struct Token {
@@ -100,10 +102,9 @@ class TOVREL_EXPORT SettingsController final : public platform::TableViewDataSou
     SettingsController(const SettingsController&) = delete;
     SettingsController& operator=(const SettingsController&) = delete;
 
-    /// The root view (the table), made and loaded on first use.
-    const std::shared_ptr<platform::View>& view();
-    /// Makes the content and frequency controllers and fills the table.
-    void viewDidLoad();
+    /// Main thread. Makes the content and frequency controllers and fills the table (the root view,
+    /// the table, is made on first use of view()).
+    void viewDidLoad() override;
     /// Dismisses the menu, animated.
     void close();
     [[nodiscard]] static bool prefersStatusBarHidden() { return false; }
@@ -130,11 +131,10 @@ class TOVREL_EXPORT SettingsController final : public platform::TableViewDataSou
     }
 
   private:
-    void loadView();
+    void loadView() override;
     void showContentPage(const ContentPage& page, const platform::IndexPath& indexPath);
 
     Environment& environment_;
-    std::shared_ptr<platform::View> view_;
     std::shared_ptr<platform::TableView> tableView_;
     std::shared_ptr<ContentController> contentController_;
     std::shared_ptr<SubViewController> subViewController_;

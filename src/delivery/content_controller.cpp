@@ -23,14 +23,6 @@ platform::ViewSystem& ContentController::views() const {
     return *environment_.platform().views;
 }
 
-const std::shared_ptr<platform::View>& ContentController::view() {
-    if (!view_) {
-        loadView();
-        viewDidLoad();
-    }
-    return view_;
-}
-
 void ContentController::loadView() {
     auto& views = this->views();
     const platform::Rect screen = views.mainScreenBounds();

@@ -43,14 +43,6 @@ platform::ViewSystem& OfferFullViewController::views() const {
     return *environment_.platform().views;
 }
 
-const std::shared_ptr<platform::View>& OfferFullViewController::view() {
-    if (!view_) {
-        loadView();
-        viewDidLoad();
-    }
-    return view_;
-}
-
 void OfferFullViewController::loadView() {
     auto& views = this->views();
     const platform::Rect screen = views.mainScreenBounds();

@@ -56,14 +56,6 @@ void MapManager::resetZoomOnceForTesting() {
     gZoomedToFit = false;
 }
 
-const std::shared_ptr<platform::View>& MapManager::view() {
-    if (!view_) {
-        loadView();
-        viewDidLoad();
-    }
-    return view_;
-}
-
 void MapManager::loadView() {
     auto& views = *environment_.platform().views;
     const platform::Rect screen = views.mainScreenBounds();

@@ -36,14 +36,6 @@ std::shared_ptr<SettingsController> SettingsController::create(Environment& envi
 
 SettingsController::SettingsController(Token, Environment& environment) : environment_(environment) {}
 
-const std::shared_ptr<platform::View>& SettingsController::view() {
-    if (!view_) {
-        loadView();
-        viewDidLoad();
-    }
-    return view_;
-}
-
 void SettingsController::loadView() {
     auto& views = *environment_.platform().views;
     const platform::Rect screen = views.mainScreenBounds();

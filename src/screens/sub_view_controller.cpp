@@ -30,14 +30,6 @@ SubViewController::SubViewController(Token, Environment& environment, std::strin
                                      std::optional<std::string> bundlePath)
     : environment_(environment), nibName_(std::move(nibName)), bundlePath_(std::move(bundlePath)) {}
 
-const std::shared_ptr<platform::View>& SubViewController::view() {
-    if (!view_) {
-        loadView();
-        viewDidLoad();
-    }
-    return view_;
-}
-
 void SubViewController::loadView() {
     auto& views = *environment_.platform().views;
     const platform::Rect screen = views.mainScreenBounds();

@@ -119,7 +119,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
          });
 }
 
-void DataService::sendStatusRequest(const char* path, Json body, StatusCompletion completion) {
+void DataService::sendStatusRequest(const char* path, const Json& body, StatusCompletion completion) {
     auto& log = *environment_.platform().log;
     post(path, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
         if (!result.ok()) {

@@ -88,7 +88,7 @@ void TargetList::append(const std::shared_ptr<hRegion>& target) {
     }
 }
 
-void TargetList::assign(std::vector<std::shared_ptr<hRegion>> targets) {
+void TargetList::assign(const std::vector<std::shared_ptr<hRegion>>& targets) {
     clear();
     items_.reserve(targets.size());
     centres_.reserve(targets.size());

@@ -37,7 +37,7 @@ void nearestByScan(std::span<const platform::Coordinate> centres, const platform
 /// it enters the list.
 class TargetList {
   public:
-    void assign(std::vector<std::shared_ptr<hRegion>> targets);
+    void assign(const std::vector<std::shared_ptr<hRegion>>& targets);
     void clear();
     /// Removes the first target (the list must not be empty).
     void eraseFront();

@@ -36,7 +36,7 @@ void LocationManager::replaceTargets(const Json& places) {
     }
     // The ranking data is worked out before the lock is taken.
     targeting::TargetList list;
-    list.assign(std::move(fresh));
+    list.assign(fresh);
     std::lock_guard lock(mutex_);
     *targets_ = std::move(list);
     ++targetsVersion_;

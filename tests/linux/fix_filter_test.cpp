@@ -38,27 +38,11 @@ TEST_F(FixFilterTest, DistanceFilterIsMeasuredFromTheLastDeliveredFix) {
     EXPECT_FALSE(filter.accept(fixAt(15, 5), standard));
 }
 
-TEST_F(FixFilterTest, NoDistanceFilterLetsEveryValidFixThrough) {
-    standard.distanceFilter = -1;
-    EXPECT_TRUE(filter.accept(fixAt(0, 1), standard));
-    EXPECT_TRUE(filter.accept(fixAt(0, 2), standard));
-}
-
 TEST_F(FixFilterTest, InvalidFixesNeverPass) {
     EXPECT_FALSE(filter.accept(fixAt(0, 1, -1), standard));
     auto nan = fixAt(0, 1);
     nan.coordinate.latitude = std::nan("");
     EXPECT_FALSE(filter.accept(nan, standard));
-}
-
-TEST_F(FixFilterTest, SignificantChangeAloneNeedsAboutFiveHundredMetres) {
-    const FixFilterSettings significant{platform::accuracy::kBest, 10, false, true};
-    EXPECT_TRUE(filter.accept(fixAt(0, 1), significant));
-    EXPECT_FALSE(filter.accept(fixAt(499, 2), significant));
-    EXPECT_TRUE(filter.accept(fixAt(500.5, 3), significant));
-    auto both = significant;
-    both.standardUpdates = true;
-    EXPECT_TRUE(filter.accept(fixAt(511, 4), both)) << "standard updates use the distance filter";
 }
 
 TEST_F(FixFilterTest, PoorFixesWaitWhileAccurateOnesKeepComingThenPassAfterTheGrace) {

@@ -87,11 +87,7 @@ class ScenarioDevice {
     static constexpr const char* kSessionKey = "sk-1";
     static constexpr const char* kAdid = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
 
-    ScenarioDevice()
-        : location(std::make_shared<virtualbackend::VirtualLocationServices>(vp.scheduler, vp.scheduler)),
-          motion(std::make_shared<virtualbackend::VirtualMotionServices>(vp.scheduler)) {
-        vp.location = location;
-        vp.motion = motion;
+    ScenarioDevice() : location(vp.location), motion(vp.motion) {
         environment.emplace(vp.platform(), Configuration{"http://service.test", "http://content.test"});
         scope.emplace(*environment);
         vp.preferences->setObject("sessionid", kSessionKey);

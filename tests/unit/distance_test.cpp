@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <random>
 
+#include "tovrel/platform/distance_filter.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel::platform {
@@ -66,6 +68,46 @@ TEST(Distance, RadiusIsHeldAsAnIntegerAndAppliedLast) {
         const int radius = 6371;
         ASSERT_EQ(haversineMetres(a, b), radius * angle * 1000);
     }
+}
+
+/// A point `northMetres` north of 48.0 N, 11.0 E (one degree of latitude is about 111.2 km).
+Coordinate north(double northMetres) {
+    return {48.0 + northMetres / 111194.93, 11.0};
+}
+
+TEST(DistanceFilter, StandardUpdatesPassAtTheFilterAndNotBelowIt) {
+    const Coordinate last = north(0);
+    const Coordinate next = north(25);
+    const double moved = haversineMetres(last, next);
+    EXPECT_TRUE(passesDistanceFilter(&last, next, true, false, moved)) << "exactly the filter passes";
+    EXPECT_FALSE(passesDistanceFilter(&last, next, true, false,
+                                      std::nextafter(moved, std::numeric_limits<double>::infinity())));
+    EXPECT_FALSE(passesDistanceFilter(&last, north(9.9), true, false, 10));
+    EXPECT_TRUE(passesDistanceFilter(&last, north(10.01), true, false, 10));
+    EXPECT_TRUE(passesDistanceFilter(&last, last, true, false, 0)) << "no filter lets every fix through";
+    EXPECT_TRUE(passesDistanceFilter(&last, last, true, false, -1));
+    EXPECT_TRUE(passesDistanceFilter(&last, north(511), true, true, 10)) << "standard updates use the filter";
+    EXPECT_FALSE(passesDistanceFilter(&last, north(9), true, true, 10))
+        << "significant changes do not widen the standard filter";
+}
+
+TEST(DistanceFilter, SignificantChangesAloneNeedFiveHundredMetres) {
+    const Coordinate last = north(0);
+    EXPECT_FALSE(passesDistanceFilter(&last, north(499), false, true, 10));
+    EXPECT_FALSE(passesDistanceFilter(&last, north(499.99), false, true, 0)) << "the filter is not used";
+    EXPECT_TRUE(passesDistanceFilter(&last, north(500.5), false, true, 10));
+    EXPECT_TRUE(passesDistanceFilter(&last, north(-600), false, true, 10)) << "any direction";
+}
+
+TEST(DistanceFilter, FirstFixPassesAndNothingPassesWithoutUpdates) {
+    const Coordinate last = north(0);
+    EXPECT_TRUE(passesDistanceFilter(nullptr, north(0), true, false, 1000));
+    EXPECT_TRUE(passesDistanceFilter(nullptr, north(0), false, true, 1000));
+    EXPECT_FALSE(passesDistanceFilter(nullptr, north(0), false, false, -1));
+    EXPECT_FALSE(passesDistanceFilter(&last, north(5000), false, false, -1));
+    EXPECT_FALSE(passesDistanceFilter(&last, {std::nan(""), 11.0}, true, false, 10))
+        << "a position that measures as NaN never clears a filter";
+    EXPECT_FALSE(passesDistanceFilter(&last, {std::nan(""), 11.0}, false, true, 10));
 }
 
 }  // namespace

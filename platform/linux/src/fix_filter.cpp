@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "tovrel/platform/distance.h"
+#include "tovrel/platform/distance_filter.h"
 
 namespace tovrel::linuxbackend {
 
@@ -25,14 +26,10 @@ bool FixFilter::accept(const platform::Location& fix, const FixFilterSettings& s
     } else if (fix.timestamp - lastAccurateSeen_ < grace_) {
         return false;
     }
-    if (lastDelivered_) {
-        const double moved = metresBetween(lastDelivered_->coordinate, fix.coordinate);
-        const bool passes = settings.standardUpdates
-                                ? (settings.distanceFilter <= 0 || moved >= settings.distanceFilter)
-                                : moved >= kSignificantChangeMeters;
-        if (!passes) {
-            return false;
-        }
+    if (!platform::passesDistanceFilter(lastDelivered_ ? &lastDelivered_->coordinate : nullptr,
+                                        fix.coordinate, settings.standardUpdates, settings.significantChanges,
+                                        settings.distanceFilter)) {
+        return false;
     }
     lastDelivered_ = fix;
     return true;

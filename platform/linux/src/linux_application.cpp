@@ -132,36 +132,4 @@ void LinuxApplication::deliverEvent(ApplicationEvent event, const nlohmann::json
     });
 }
 
-void LinuxApplication::finishLaunching(const nlohmann::json& launchOptions) {
-    deliverEvent(ApplicationEvent::kDidFinishLaunching, launchOptions);
-}
-
-void LinuxApplication::becomeActive() {
-    setState(ApplicationState::kActive);
-    deliverEvent(ApplicationEvent::kDidBecomeActive);
-}
-
-void LinuxApplication::resignActive() {
-    setState(ApplicationState::kInactive);
-    deliverEvent(ApplicationEvent::kWillResignActive);
-}
-
-void LinuxApplication::enterBackground() {
-    if (applicationState() == ApplicationState::kActive) {
-        resignActive();
-    }
-    setState(ApplicationState::kBackground);
-    deliverEvent(ApplicationEvent::kDidEnterBackground);
-}
-
-void LinuxApplication::enterForeground() {
-    setState(ApplicationState::kInactive);
-    deliverEvent(ApplicationEvent::kWillEnterForeground);
-    becomeActive();
-}
-
-void LinuxApplication::terminate() {
-    deliverEvent(ApplicationEvent::kWillTerminate);
-}
-
 }  // namespace tovrel::linuxbackend

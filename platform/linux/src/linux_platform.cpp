@@ -107,6 +107,20 @@ void LinuxPlatform::build(LinuxPlatformOptions options, const std::shared_ptr<De
     location = std::make_shared<LinuxLocationServices>(mainLoop, clock, makeSource(options, clock),
                                                        options.locationServices);
     motion = std::make_shared<SpeedMotionServices>(location, options.motion);
+    ports_ = {.mainLoop = mainLoop,
+              .background = background,
+              .clock = clock,
+              .http = http,
+              .preferences = preferences,
+              .device = device,
+              .application = application,
+              .notifications = notifications,
+              .reachability = reachability,
+              .alerts = alerts,
+              .log = log,
+              .location = location,
+              .motion = motion,
+              .views = nullptr};
 }
 
 LinuxPlatform::~LinuxPlatform() {
@@ -115,27 +129,10 @@ LinuxPlatform::~LinuxPlatform() {
         loop->discardTimers();
     }
     // Sources and threads stop before the loop they post to goes away.
+    ports_ = {};
     motion.reset();
     location.reset();
     background->shutdown();
-}
-
-platform::Platform LinuxPlatform::platform() const {
-    platform::Platform p;
-    p.mainLoop = mainLoop;
-    p.background = background;
-    p.clock = clock;
-    p.http = http;
-    p.preferences = preferences;
-    p.device = device;
-    p.application = application;
-    p.notifications = notifications;
-    p.reachability = reachability;
-    p.alerts = alerts;
-    p.log = log;
-    p.location = location;
-    p.motion = motion;
-    return p;
 }
 
 }  // namespace tovrel::linuxbackend

@@ -4,17 +4,9 @@
 #include <functional>
 #include <mutex>
 
-#include "tovrel/platform/distance.h"
+#include "tovrel/platform/distance_filter.h"
 
 namespace tovrel::virtualbackend {
-namespace {
-
-/// Great-circle distance in metres; the source's own yardstick for distance filters.
-double metresBetween(const platform::Coordinate& a, const platform::Coordinate& b) {
-    return platform::haversineMetres(a, b);
-}
-
-}  // namespace
 
 struct LocationProviderState {
     LocationProviderRecord record;
@@ -29,15 +21,9 @@ struct LocationProviderState {
         if (!started()) {
             return false;
         }
-        if (!lastDelivered) {
-            return true;
-        }
-        const double moved = metresBetween(lastDelivered->coordinate, fix.coordinate);
-        if (record.updatingLocation && !record.paused) {
-            return record.distanceFilter <= 0 || moved >= record.distanceFilter;
-        }
-        return record.monitoringSignificantChanges &&
-               moved >= VirtualLocationServices::kSignificantChangeMeters;
+        return platform::passesDistanceFilter(lastDelivered ? &lastDelivered->coordinate : nullptr,
+                                              fix.coordinate, record.updatingLocation && !record.paused,
+                                              record.monitoringSignificantChanges, record.distanceFilter);
     }
 };
 

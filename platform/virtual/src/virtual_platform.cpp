@@ -18,25 +18,20 @@ VirtualPlatform::VirtualPlatform(double startTime)
       log(std::make_shared<RecordingLog>()),
       location(std::make_shared<VirtualLocationServices>(scheduler, scheduler)),
       motion(std::make_shared<VirtualMotionServices>(scheduler)),
-      views(std::make_shared<VirtualViewSystem>(scheduler, http)) {}
-
-platform::Platform VirtualPlatform::platform() const {
-    platform::Platform p;
-    p.mainLoop = scheduler;
-    p.background = scheduler;
-    p.clock = scheduler;
-    p.http = http;
-    p.preferences = preferences;
-    p.device = device;
-    p.application = application;
-    p.notifications = notifications;
-    p.reachability = reachability;
-    p.alerts = alerts;
-    p.log = log;
-    p.location = location;
-    p.motion = motion;
-    p.views = views;
-    return p;
-}
+      views(std::make_shared<VirtualViewSystem>(scheduler, http)),
+      ports_{.mainLoop = scheduler,
+             .background = scheduler,
+             .clock = scheduler,
+             .http = http,
+             .preferences = preferences,
+             .device = device,
+             .application = application,
+             .notifications = notifications,
+             .reachability = reachability,
+             .alerts = alerts,
+             .log = log,
+             .location = location,
+             .motion = motion,
+             .views = views} {}
 
 }  // namespace tovrel::virtualbackend

@@ -130,7 +130,7 @@ std::vector<long> VirtualApplication::badgeHistory() const {
     return badgeHistory_;
 }
 
-void VirtualApplication::emit(ApplicationEvent event, const nlohmann::json& launchOptions) {
+void VirtualApplication::deliverLifecycleEvent(ApplicationEvent event, const nlohmann::json& launchOptions) {
     platform::ApplicationEventHandler handler;
     {
         std::lock_guard lock(mutex_);
@@ -139,28 +139,6 @@ void VirtualApplication::emit(ApplicationEvent event, const nlohmann::json& laun
     if (handler) {
         handler(event, launchOptions);
     }
-}
-
-void VirtualApplication::finishLaunching(const nlohmann::json& launchOptions) {
-    emit(ApplicationEvent::kDidFinishLaunching, launchOptions);
-}
-void VirtualApplication::becomeActive() {
-    setState(ApplicationState::kActive);
-    emit(ApplicationEvent::kDidBecomeActive);
-}
-void VirtualApplication::enterBackground() {
-    setState(ApplicationState::kInactive);
-    emit(ApplicationEvent::kWillResignActive);
-    setState(ApplicationState::kBackground);
-    emit(ApplicationEvent::kDidEnterBackground);
-}
-void VirtualApplication::enterForeground() {
-    setState(ApplicationState::kInactive);
-    emit(ApplicationEvent::kWillEnterForeground);
-    becomeActive();
-}
-void VirtualApplication::terminate() {
-    emit(ApplicationEvent::kWillTerminate);
 }
 
 // --- notifications -------------------------------------------------------------------------------

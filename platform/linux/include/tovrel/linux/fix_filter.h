@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "tovrel/export.h"
+#include "tovrel/platform/distance_filter.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel::linuxbackend {
@@ -22,15 +23,15 @@ struct TOVREL_EXPORT FixFilterSettings {
 /// The software stand-in for what a phone's location manager does with its settings, one per manager:
 /// - nothing is delivered unless standard updates or significant-change monitoring run, and a fix
 ///   without a valid horizontal accuracy is never delivered;
-/// - with standard updates a fix is delivered only when it lies at least the distance filter from the
-///   last delivered fix; with significant-change monitoring alone, at least 500 m;
+/// - the distance from the last delivered fix is platform::passesDistanceFilter's: at least the
+///   distance filter with standard updates, at least 500 m with significant-change monitoring alone;
 /// - a fix less accurate than the desired accuracy is held back while fixes that meet it keep coming
 ///   (one was seen within the grace period); when none has come for that long, the best the source
 ///   has is delivered, as a phone does when it cannot reach the accuracy asked for.
 /// The first fix after a reset passes the distance test. Not thread-safe (the caller locks).
 class TOVREL_EXPORT FixFilter {
   public:
-    static constexpr double kSignificantChangeMeters = 500;
+    static constexpr double kSignificantChangeMeters = platform::kSignificantChangeMeters;
 
     explicit FixFilter(double poorFixGraceSeconds = 10) : grace_(poorFixGraceSeconds) {}
 

@@ -7,6 +7,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/application.h"
+#include "tovrel/platform/application_lifecycle.h"
 #include "tovrel/platform/main_loop.h"
 
 namespace tovrel::linuxbackend {
@@ -19,9 +20,11 @@ struct TOVREL_EXPORT LinuxApplicationOptions {
 };
 
 /// The host application on Linux. There is no system application life cycle: the host reports its
-/// state changes through the calls below, and each one reaches the event handler on the main loop
-/// (at once when called there, else posted). The badge is a number the host may show.
+/// state changes through the ApplicationLifecycle calls (finishLaunching(), becomeActive(), ...), and
+/// each event reaches the event handler on the main loop (at once when called there, else posted). The badge
+/// is a number the host may show.
 class TOVREL_EXPORT LinuxApplication final : public platform::Application,
+                                             public platform::ApplicationLifecycle,
                                              public std::enable_shared_from_this<LinuxApplication> {
   public:
     LinuxApplication(std::shared_ptr<platform::MainLoop> loop, LinuxApplicationOptions options = {});
@@ -45,20 +48,13 @@ class TOVREL_EXPORT LinuxApplication final : public platform::Application,
     /// Any thread. Called with every new badge number (for a host that draws it).
     void setBadgeObserver(std::function<void(long)> observer);
 
-    /// Any thread. The launch event, with `launchOptions` (null for a plain launch).
-    void finishLaunching(const nlohmann::json& launchOptions = nullptr);
-    /// Any thread. State active; did-become-active.
-    void becomeActive();
-    /// Any thread. State inactive; will-resign-active.
-    void resignActive();
-    /// Any thread. Will-resign-active (when active), then state background and did-enter-background.
-    void enterBackground();
-    /// Any thread. State inactive and will-enter-foreground, then becomeActive().
-    void enterForeground();
-    /// Any thread. Will-terminate.
-    void terminate();
-
   private:
+    [[nodiscard]] platform::ApplicationState lifecycleState() const override { return applicationState(); }
+    void setLifecycleState(platform::ApplicationState state) override { setState(state); }
+    void deliverLifecycleEvent(platform::ApplicationEvent event,
+                               const nlohmann::json& launchOptions) override {
+        deliverEvent(event, launchOptions);
+    }
     void deliverEvent(platform::ApplicationEvent event, const nlohmann::json& launchOptions = nullptr);
     void setState(platform::ApplicationState state);
 

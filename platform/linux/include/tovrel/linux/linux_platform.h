@@ -61,7 +61,8 @@ struct TOVREL_EXPORT LinuxPlatform {
     LinuxPlatform(const LinuxPlatform&) = delete;
     LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
-    [[nodiscard]] platform::Platform platform() const;
+    /// Any thread. The ports, filled once by the constructor.
+    [[nodiscard]] const platform::Platform& platform() const { return ports_; }
 
     std::shared_ptr<AsioMainLoop> loop;            ///< null on a host's loop
     std::shared_ptr<platform::MainLoop> mainLoop;  ///< the loop every part runs on
@@ -80,6 +81,8 @@ struct TOVREL_EXPORT LinuxPlatform {
 
   private:
     void build(LinuxPlatformOptions options, const std::shared_ptr<DescriptorWatcher>& watcher);
+
+    platform::Platform ports_;
 };
 
 /// The libcurl client bound to a loop it keeps alive (the client is destroyed first).

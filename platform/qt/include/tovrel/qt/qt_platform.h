@@ -28,13 +28,16 @@ struct TOVREL_EXPORT QtPlatform {
     QtPlatform(const QtPlatform&) = delete;
     QtPlatform& operator=(const QtPlatform&) = delete;
 
-    /// The Linux platform's ports with the Qt loop, views and alerts.
-    [[nodiscard]] platform::Platform platform() const;
+    /// Any thread. The Linux platform's ports with the Qt loop, views and alerts, filled once.
+    [[nodiscard]] const platform::Platform& platform() const { return ports_; }
 
     std::shared_ptr<QtMainLoop> loop;
     std::unique_ptr<linuxbackend::LinuxPlatform> linuxParts;
     std::shared_ptr<QtViewSystem> views;
     std::shared_ptr<QtAlertPresenter> alerts;
+
+  private:
+    platform::Platform ports_;
 };
 
 }  // namespace tovrel::qtbackend

@@ -9,6 +9,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/clock.h"
+#include "tovrel/platform/distance_filter.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/main_loop.h"
 
@@ -51,7 +52,7 @@ struct TOVREL_EXPORT LocationProviderRecord {
 class TOVREL_EXPORT VirtualLocationServices final : public platform::LocationServices {
   public:
     /// Distance a significant-change-only manager needs before it reports a move.
-    static constexpr double kSignificantChangeMeters = 500;
+    static constexpr double kSignificantChangeMeters = platform::kSignificantChangeMeters;
 
     /// `clock` stamps fixes that carry no timestamp; both are held weakly (the loop usually owns the
     /// component, which owns the managers made here).

@@ -18,7 +18,8 @@ namespace tovrel::virtualbackend {
 struct TOVREL_EXPORT VirtualPlatform {
     explicit VirtualPlatform(double startTime = 1'750'000'000.0);
 
-    [[nodiscard]] platform::Platform platform() const;
+    /// Any thread. The ports, filled once by the constructor.
+    [[nodiscard]] const platform::Platform& platform() const { return ports_; }
 
     std::shared_ptr<VirtualScheduler> scheduler;
     std::shared_ptr<RecordingHttpClient> http;
@@ -32,6 +33,9 @@ struct TOVREL_EXPORT VirtualPlatform {
     std::shared_ptr<VirtualLocationServices> location;
     std::shared_ptr<VirtualMotionServices> motion;
     std::shared_ptr<VirtualViewSystem> views;
+
+  private:
+    platform::Platform ports_;
 };
 
 }  // namespace tovrel::virtualbackend

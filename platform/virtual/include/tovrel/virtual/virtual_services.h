@@ -10,6 +10,7 @@
 #include "tovrel/export.h"
 #include "tovrel/platform/alerts.h"
 #include "tovrel/platform/application.h"
+#include "tovrel/platform/application_lifecycle.h"
 #include "tovrel/platform/device.h"
 #include "tovrel/platform/log_sink.h"
 #include "tovrel/platform/main_loop.h"
@@ -53,8 +54,10 @@ class TOVREL_EXPORT VirtualDevice final : public platform::Device {
     std::string advertisingIdentifier_ = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
 };
 
-/// The host application: its state, badge and opened URLs; the test drives its life cycle.
-class TOVREL_EXPORT VirtualApplication final : public platform::Application {
+/// The host application: its state, badge and opened URLs; the test drives its life cycle (the
+/// ApplicationLifecycle steps), whose events reach the handler at once on the calling thread.
+class TOVREL_EXPORT VirtualApplication final : public platform::Application,
+                                               public platform::ApplicationLifecycle {
   public:
     [[nodiscard]] platform::ApplicationState applicationState() const override;
     [[nodiscard]] long applicationIconBadgeNumber() const override;
@@ -67,21 +70,16 @@ class TOVREL_EXPORT VirtualApplication final : public platform::Application {
     void setBundleIdentifier(std::string identifier);
     /// Sets the state without any event.
     void setState(platform::ApplicationState state);
-    /// Delivers the launch event with `launchOptions` (null for a plain launch).
-    void finishLaunching(const nlohmann::json& launchOptions = nullptr);
-    /// Becomes active: did-become-active.
-    void becomeActive();
-    /// Goes to the background: will-resign-active, then did-enter-background.
-    void enterBackground();
-    /// Comes back: will-enter-foreground, then did-become-active.
-    void enterForeground();
-    void terminate();
     [[nodiscard]] std::vector<std::string> openedURLs() const;
     /// Every badge number set, in order.
     [[nodiscard]] std::vector<long> badgeHistory() const;
 
   private:
-    void emit(platform::ApplicationEvent event, const nlohmann::json& launchOptions = nullptr);
+    [[nodiscard]] platform::ApplicationState lifecycleState() const override { return applicationState(); }
+    void setLifecycleState(platform::ApplicationState state) override { setState(state); }
+    /// Hands `event` to the handler at once, on the calling thread.
+    void deliverLifecycleEvent(platform::ApplicationEvent event,
+                               const nlohmann::json& launchOptions) override;
 
     mutable std::mutex mutex_;
     platform::ApplicationState state_ = platform::ApplicationState::kBackground;

@@ -1,6 +1,6 @@
-#include "delivery/delivery_policy.h"
 #include "foundation/log.h"
 #include "foundation/value.h"
+#include "targeting/delivery_port.h"
 #include "targeting/monitor_support.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
@@ -14,7 +14,7 @@ void LocationManager::sendNotification(const std::string& body, int deviceEventI
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     const auto& platform = environment_.platform();
     if (platform.application->applicationState() != platform::ApplicationState::kActive) {
-        localNotification_ = delivery::offerNotification(body, deviceEventId);
+        localNotification_ = targeting::offerNotification(body, deviceEventId);
         platform.notifications->presentLocalNotificationNow(*localNotification_);
         return;
     }
@@ -48,9 +48,9 @@ void LocationManager::didReceiveLocalNotification(const Notification& notificati
         return;
     }
     const long long wanted =
-        integerValue(memberOrNull(delivery::userInfoOf(notification.object), "deviceeventId"));
+        integerValue(memberOrNull(targeting::notificationUserInfo(notification.object), "deviceeventId"));
     const auto matches = [wanted](const Json& offer) {
-        return integerValueFor(delivery::offerElement(offer), "deviceEventId") == wanted;
+        return integerValueFor(targeting::offerElement(offer), "deviceEventId") == wanted;
     };
 
     // Every matching offer opens its own view and sends its own report.
@@ -58,8 +58,8 @@ void LocationManager::didReceiveLocalNotification(const Notification& notificati
         if (!matches(offer)) {
             continue;
         }
-        const Json& element = delivery::offerElement(offer);
-        if (!delivery::hasOfferMediaKeys(element)) {
+        const Json& element = targeting::offerElement(offer);
+        if (!targeting::hasOfferMediaKeys(element)) {
             return;
         }
         openOfferView(element);
@@ -98,18 +98,7 @@ void LocationManager::applicationDidFinishLaunching(const Notification& notifica
 
 void LocationManager::renumberBadgesOfPendingNotifications() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
-    platform.application->setApplicationIconBadgeNumber(0);
-    auto scheduled = platform.notifications->scheduledLocalNotifications();
-    if (scheduled.empty()) {
-        return;
-    }
-    platform.notifications->cancelAllLocalNotifications();
-    long badge = 1;
-    for (auto& notification : scheduled) {
-        notification.applicationIconBadgeNumber = badge++;
-        platform.notifications->scheduleLocalNotification(notification);
-    }
+    targeting::renumberScheduledNotificationBadges(environment_);
 }
 
 void LocationManager::reportStatus(const Json& deviceEventId, const char* statusCode) {

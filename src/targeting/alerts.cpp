@@ -1,30 +1,15 @@
-#include "delivery/delivery_policy.h"
 #include "foundation/format.h"
 #include "foundation/value.h"
+#include "targeting/delivery_port.h"
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
 
 namespace tovrel {
-namespace {
-
-constexpr double kToastSeconds = 2.0;
-
-enum EventAlertButton : int { kNever = 0, kView = 1, kLater = 2 };
-
-}  // namespace
 
 void LocationManager::showEventAlert(const std::string& message, int deviceEventId) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    platform::AlertSpec alert;
-    alert.message = message;
-    if (presentOfferView) {
-        alert.cancelButtonTitle = "Never";
-        alert.otherButtonTitles = {"View", "Later"};
-    } else {
-        alert.cancelButtonTitle = "OK";
-    }
-    alert.tag = deviceEventId;
+    platform::AlertSpec alert = targeting::eventAlert(message, presentOfferView, deviceEventId);
     // The alert's delegate is not owned by the alert.
     alert.onDismiss = [weak = weak_from_this(), tag = alert.tag](int buttonIndex) {
         if (const auto self = weak.lock()) {
@@ -38,29 +23,28 @@ void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int butt
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     // Every report names the alert's tag, not the record's own identifier.
     const Json reported = formatLd(alertTag);
-    switch (buttonIndex) {
-        case kNever:
+    switch (targeting::eventAlertAnswer(buttonIndex)) {
+        case targeting::EventAlertAnswer::kNever:
             // Also the one-button alert's "OK": dismissing it refuses the offer.
             reportStatus(reported, "declined");
             return;
-        case kLater:
+        case targeting::EventAlertAnswer::kLater:
             reportStatus(reported, "saved");
             return;
-        case kView:
+        case targeting::EventAlertAnswer::kView:
             break;
-        default:
+        case targeting::EventAlertAnswer::kNone:
             return;
     }
 
     const std::vector<Json> snapshot = offers();
     for (std::size_t i = snapshot.size(); i-- > 0;) {
         const Json& offer = snapshot[i];
-        if (integerValueFor(delivery::offerElement(offer), "deviceEventId") != alertTag) {
+        if (integerValueFor(targeting::offerElement(offer), "deviceEventId") != alertTag) {
             continue;
         }
-        const Json copy = offer;
-        const Json& element = delivery::offerElement(copy);
-        if (!delivery::hasOfferMediaKeys(element)) {
+        const Json& element = targeting::offerElement(offer);
+        if (!targeting::hasOfferMediaKeys(element)) {
             return;
         }
         openOfferView(element);
@@ -84,7 +68,7 @@ void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int butt
 
 void LocationManager::showAlert(const std::string& message) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    environment_.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
+    targeting::showMessageAlert(environment_, message);
 }
 
 void LocationManager::showToastMessage(const std::string& message) {
@@ -92,12 +76,7 @@ void LocationManager::showToastMessage(const std::string& message) {
 }
 
 void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
-    const auto& platform = environment.platform();
-    TOVREL_ASSERT_MAIN_THREAD(*platform.mainLoop);
-    const platform::AlertId id =
-        platform.alerts->show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
-    platform.mainLoop->scheduleTimer(kToastSeconds, false,
-                                     [alerts = platform.alerts, id] { alerts->dismiss(id, 0, true); });
+    targeting::showToast(environment, message);
 }
 
 }  // namespace tovrel
