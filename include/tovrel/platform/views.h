@@ -3,6 +3,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -121,64 +122,79 @@ enum class InterfaceOrientation {
 enum class Appearance { kWillAppear, kDidAppear, kWillDisappear, kDidDisappear };
 using AppearanceHandler = std::function<void(Appearance)>;
 
-/// A node of the retained view tree. A parent holds its subviews; a subview knows its parent weakly.
-/// Every operation of every view kind runs on the main thread.
+class ViewRenderer;
+enum class ViewProperty;
+
+/// A node of the retained view tree, with the state every view kind shares. A parent holds its
+/// subviews; a subview knows its parent weakly. The state lives here, the same in every backend;
+/// the backend's renderer hears each change and shows it. A view is on screen while it hangs under
+/// the key window or under a presented view: one that comes on (or goes off) the screen tells itself
+/// and everything under it at once (the will-event) and again on the next turn of the loop (the
+/// did-event), which a view that has gone back meanwhile does not hear. Every operation of every view
+/// kind runs on the main thread.
 class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
   public:
-    virtual ~View() = default;
+    /// Main thread. A view shown by `renderer` (which the view keeps), at `frame`.
+    View(std::shared_ptr<ViewRenderer> renderer, const Rect& frame);
+    virtual ~View();
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
 
     /// Main thread. An integer the owner uses to find the view again; 0 by default.
-    [[nodiscard]] virtual long tag() const = 0;
+    [[nodiscard]] long tag() const { return tag_; }
     /// Main thread.
-    virtual void setTag(long tag) = 0;
+    void setTag(long tag) { tag_ = tag; }
     /// Main thread. The layer's z-position: larger values draw over smaller ones among siblings.
-    [[nodiscard]] virtual float zPosition() const = 0;
+    [[nodiscard]] float zPosition() const { return zPosition_; }
     /// Main thread.
-    virtual void setZPosition(float zPosition) = 0;
+    void setZPosition(float zPosition);
     /// Main thread.
-    [[nodiscard]] virtual bool isHidden() const = 0;
+    [[nodiscard]] bool isHidden() const { return hidden_; }
     /// Main thread.
-    virtual void setHidden(bool hidden) = 0;
+    void setHidden(bool hidden);
     /// Main thread. Opacity from 0 to 1.
-    [[nodiscard]] virtual double alpha() const = 0;
+    [[nodiscard]] double alpha() const { return alpha_; }
     /// Main thread.
-    virtual void setAlpha(double alpha) = 0;
+    void setAlpha(double alpha);
     /// Main thread. Position and size in the superview's coordinates.
-    [[nodiscard]] virtual Rect frame() const = 0;
+    [[nodiscard]] Rect frame() const { return frame_; }
     /// Main thread.
-    virtual void setFrame(const Rect& frame) = 0;
+    void setFrame(const Rect& frame);
     /// Main thread.
-    [[nodiscard]] virtual Transform transform() const = 0;
+    [[nodiscard]] Transform transform() const { return transform_; }
     /// Main thread.
-    virtual void setTransform(const Transform& transform) = 0;
+    void setTransform(const Transform& transform);
     /// Main thread. nullopt: no background (transparent).
-    [[nodiscard]] virtual std::optional<Color> backgroundColor() const = 0;
+    [[nodiscard]] std::optional<Color> backgroundColor() const { return backgroundColor_; }
     /// Main thread.
-    virtual void setBackgroundColor(const std::optional<Color>& color) = 0;
+    void setBackgroundColor(const std::optional<Color>& color);
 
     /// Main thread. The subviews, back to front.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<View>> subviews() const = 0;
+    [[nodiscard]] std::vector<std::shared_ptr<View>> subviews() const { return subviews_; }
     /// Main thread. The parent, or null.
-    [[nodiscard]] virtual std::shared_ptr<View> superview() const = 0;
+    [[nodiscard]] std::shared_ptr<View> superview() const { return superview_.lock(); }
     /// Main thread. Adds `view` in front of the other subviews, taking it from its previous parent
-    /// (a view that is already a subview here moves to the front).
-    virtual void addSubview(const std::shared_ptr<View>& view) = 0;
+    /// (a view that is already a subview here moves to the front). The view itself and the key
+    /// window are ignored.
+    void addSubview(const std::shared_ptr<View>& view);
     /// Main thread. Detaches the view from its parent; nothing happens without one.
-    virtual void removeFromSuperview() = 0;
+    void removeFromSuperview();
     /// Main thread. Lays out the subviews now.
-    virtual void layoutSubviews() = 0;
+    void layoutSubviews() { ++layoutCount_; }
     /// Main thread. Recomputes the view's layout constraints.
-    virtual void updateConstraints() = 0;
+    void updateConstraints() { ++updateConstraintsCount_; }
 
     /// Main thread. Adds a layer animation under `key`, replacing one under the same key.
-    virtual void addAnimation(const std::string& key, const BasicAnimation& animation) = 0;
+    void addAnimation(const std::string& key, const BasicAnimation& animation);
     /// Main thread. The layer animation under `key`, if it is still attached.
-    [[nodiscard]] virtual std::optional<BasicAnimation> animationForKey(const std::string& key) const = 0;
+    [[nodiscard]] std::optional<BasicAnimation> animationForKey(const std::string& key) const;
+    /// Main thread. The layer animations attached, by key.
+    [[nodiscard]] const std::map<std::string, BasicAnimation>& animations() const { return animations_; }
 
     /// Main thread. `handler` hears this view enter and leave the screen; it runs on the main thread
     /// (will-events during the change, did-events on a later turn of the loop). Replaces any
     /// previous handler.
-    virtual void setAppearanceHandler(AppearanceHandler handler) = 0;
+    void setAppearanceHandler(AppearanceHandler handler) { appearanceHandler_ = std::move(handler); }
 
     /// Main thread. The frame's size at the origin.
     [[nodiscard]] Rect bounds() const {
@@ -192,6 +208,46 @@ class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
         f.y = center.y - f.height / 2;
         setFrame(f);
     }
+
+    /// Main thread. True while the view hangs under the key window or under a presented view.
+    [[nodiscard]] bool isOnScreen() const;
+    /// Main thread. Tells this view and everything under it `will` (kWillAppear or kWillDisappear)
+    /// now and the matching did-event on the next turn; view systems call it when they present or
+    /// dismiss a view.
+    void announce(Appearance will);
+    /// Main thread. Every appearance event delivered to this view, in order.
+    [[nodiscard]] const std::vector<Appearance>& appearanceLog() const { return appearanceLog_; }
+    /// Main thread. How many times layoutSubviews ran.
+    [[nodiscard]] int layoutCount() const { return layoutCount_; }
+    /// Main thread. How many times updateConstraints ran.
+    [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
+    /// Main thread. The renderer that shows the view.
+    [[nodiscard]] ViewRenderer& renderer() const { return *renderer_; }
+
+  protected:
+    /// Main thread. Sets the first visibility of a kind that starts hidden, before anyone sees it.
+    void startHidden(bool hidden) { hidden_ = hidden; }
+
+  private:
+    void changed(ViewProperty property);
+    void deliver(Appearance appearance);
+    void collect(std::vector<std::shared_ptr<View>>& into);
+
+    std::shared_ptr<ViewRenderer> renderer_;
+    long tag_ = 0;
+    float zPosition_ = 0;
+    bool hidden_ = false;
+    double alpha_ = 1;
+    Rect frame_;
+    Transform transform_;
+    std::optional<Color> backgroundColor_;
+    std::map<std::string, BasicAnimation> animations_;
+    std::vector<std::shared_ptr<View>> subviews_;
+    std::weak_ptr<View> superview_;
+    AppearanceHandler appearanceHandler_;
+    std::vector<Appearance> appearanceLog_;
+    int layoutCount_ = 0;
+    int updateConstraintsCount_ = 0;
 };
 
 // Web view.
@@ -268,6 +324,7 @@ class TOVREL_EXPORT ScrollView {
 /// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).
 class TOVREL_EXPORT WebView : public View {
   public:
+    using View::View;
     /// Main thread. Starts loading `request`, replacing any load under way.
     virtual void loadRequest(const URLRequest& request) = 0;
     /// Main thread. True while any frame of the page is loading.
@@ -295,6 +352,7 @@ enum class ActivityIndicatorStyle { kWhiteLarge = 0, kWhite = 1, kGray = 2 };
 /// A spinner.
 class TOVREL_EXPORT ActivityIndicatorView : public View {
   public:
+    using View::View;
     /// Main thread.
     [[nodiscard]] virtual ActivityIndicatorStyle style() const = 0;
     /// Main thread.
@@ -314,6 +372,7 @@ enum class ButtonType { kCustom = 0, kSystem = 1 };
 /// A push button. Its action runs when it is tapped (touch up inside).
 class TOVREL_EXPORT Button : public View {
   public:
+    using View::View;
     /// Main thread.
     [[nodiscard]] virtual ButtonType buttonType() const = 0;
     /// Main thread. The title of the normal state.
@@ -348,6 +407,7 @@ struct TOVREL_EXPORT Font {
 /// Static text.
 class TOVREL_EXPORT Label : public View {
   public:
+    using View::View;
     /// Main thread.
     [[nodiscard]] virtual std::string text() const = 0;
     /// Main thread.
@@ -387,6 +447,7 @@ struct TOVREL_EXPORT NavigationItem {
 /// A bar with a title and bar buttons.
 class TOVREL_EXPORT NavigationBar : public View {
   public:
+    using View::View;
     /// Main thread. The stack of items, bottom first.
     [[nodiscard]] virtual std::vector<std::shared_ptr<NavigationItem>> items() const = 0;
     /// Main thread. Replaces the stack.
@@ -417,6 +478,7 @@ enum class TableViewCellAccessory {
 /// One row of a table: text, an image, an accessory, an indentation. Its background is the view's.
 class TOVREL_EXPORT TableViewCell : public View {
   public:
+    using View::View;
     /// Main thread.
     [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
     /// Main thread.
@@ -482,6 +544,7 @@ class TOVREL_EXPORT TableViewDelegate {
 /// A one-column list of rows in sections (the component uses one section).
 class TOVREL_EXPORT TableView : public View {
   public:
+    using View::View;
     /// Main thread. Not owned.
     virtual void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) = 0;
     /// Main thread. Not owned.
@@ -608,6 +671,7 @@ struct TOVREL_EXPORT OverlayView {
 /// The view that draws one annotation, with its callout.
 class TOVREL_EXPORT AnnotationView : public View {
   public:
+    using View::View;
     /// Main thread. The annotation it draws (never null).
     [[nodiscard]] virtual std::shared_ptr<Annotation> annotation() const = 0;
     /// Main thread.
@@ -661,6 +725,7 @@ class TOVREL_EXPORT MapViewDelegate {
 /// A map with annotations, overlays and the user's position.
 class TOVREL_EXPORT MapView : public View {
   public:
+    using View::View;
     /// Main thread. Not owned.
     virtual void setDelegate(std::weak_ptr<MapViewDelegate> delegate) = 0;
     /// Main thread. The annotations on the map, the user location included while it is shown and

@@ -34,11 +34,12 @@ Qt::Alignment alignmentOf(platform::TextAlignment alignment) {
 
 QtActivityIndicator::QtActivityIndicator(std::shared_ptr<QtViewContext> context,
                                          platform::ActivityIndicatorStyle style)
-    : QtViewOf(std::move(context), new ViewWidget,
-               style == platform::ActivityIndicatorStyle::kWhiteLarge ? platform::Rect{0, 0, 37, 37}
-                                                                      : platform::Rect{0, 0, 20, 20}),
+    : ActivityIndicatorView(context, style == platform::ActivityIndicatorStyle::kWhiteLarge
+                                         ? platform::Rect{0, 0, 37, 37}
+                                         : platform::Rect{0, 0, 20, 20}),
+      QtViewCore(std::move(context), new ViewWidget, *this),
       style_(style) {
-    coreSetHidden(true);
+    startHidden(true);
     auto* view = widgetOf(widget());
     auto* turn = new QTimer(view);
     turn->setInterval(80);
@@ -95,7 +96,7 @@ void QtActivityIndicator::stopAnimating() {
 
 QtButton::QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type,
                    const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame), type_(type) {
+    : Button(context, frame), QtViewCore(std::move(context), new ViewWidget, *this), type_(type) {
     auto* view = widgetOf(widget());
     view->setCursor(Qt::PointingHandCursor);
     view->tap = [this] { tap(); };
@@ -171,7 +172,7 @@ bool QtButton::tap() {
 // ---- Label ----
 
 QtLabel::QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame) {
+    : Label(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->paint = [this, view](QPainter& painter) {
         QFont font(QString::fromStdString(font_.name));
@@ -216,7 +217,7 @@ void QtLabel::setTextAlignment(platform::TextAlignment alignment) {
 // ---- Navigation bar ----
 
 QtNavigationBar::QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame) {
+    : NavigationBar(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->paint = [this, view](QPainter& painter) {
         painter.fillRect(view->rect(), QColor(247, 247, 247));
@@ -268,7 +269,8 @@ void QtNavigationBar::layoutBar() {
 
 QtTableViewCell::QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                                  std::string reuseIdentifier)
-    : QtViewOf(std::move(context), new ViewWidget, {0, 0, 320, 44}),
+    : TableViewCell(context, {0, 0, 320, 44}),
+      QtViewCore(std::move(context), new ViewWidget, *this),
       style_(style),
       reuseIdentifier_(std::move(reuseIdentifier)) {
     auto* view = widgetOf(widget());

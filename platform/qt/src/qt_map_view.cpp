@@ -108,7 +108,8 @@ class QtMapView::Widget final : public BackedWidget {
 QtAnnotationView::QtAnnotationView(std::shared_ptr<QtViewContext> context,
                                    std::shared_ptr<platform::Annotation> annotation,
                                    std::string reuseIdentifier)
-    : QtViewOf(std::move(context), new ViewWidget, {0, 0, 32, 39}),
+    : AnnotationView(context, {0, 0, 32, 39}),
+      QtViewCore(std::move(context), new ViewWidget, *this),
       annotation_(std::move(annotation)),
       reuseIdentifier_(std::move(reuseIdentifier)) {
     auto* view = static_cast<ViewWidget*>(widget());
@@ -138,7 +139,8 @@ QImage QtAnnotationView::shownImage() const {
 // ---- Map ----
 
 QtMapView::QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new Widget, frame),
+    : MapView(context, frame),
+      QtViewCore(std::move(context), new Widget, *this),
       userLocation_(std::make_shared<platform::UserLocation>()) {
     static_cast<Widget*>(widget())->setOwner(this);
     userLocation_->coordinate = {-180, -180};
@@ -156,7 +158,7 @@ QtMapView::~QtMapView() {
 }
 
 void QtMapView::frameChanged() {
-    camera_.setViewSize({frame_.width, frame_.height});
+    camera_.setViewSize({frame().width, frame().height});
     cameraChanged();
 }
 

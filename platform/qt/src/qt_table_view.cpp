@@ -13,7 +13,7 @@ constexpr double kRowHeight = 44;
 }  // namespace
 
 QtTableView::QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame) {
+    : TableView(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = static_cast<ViewWidget*>(widget());
     content_ = new QWidget(view);
     content_->setAttribute(Qt::WA_NoSystemBackground);
@@ -53,7 +53,7 @@ void QtTableView::reloadData() {
         if (auto delegate = delegate_.lock()) {
             cell->setIndentationLevel(delegate->tableViewIndentationLevelForRowAtIndexPath(*this, path));
         }
-        cell->setFrame({0, kRowHeight * static_cast<double>(row), frame_.width, kRowHeight});
+        cell->setFrame({0, kRowHeight * static_cast<double>(row), frame().width, kRowHeight});
         if (auto* qtCell = dynamic_cast<QtTableViewCell*>(cell.get())) {
             qtCell->setSelectedLook(false);
             static_cast<ViewWidget*>(qtCell->widget())->tap = [weak = weak_from_this(), row] {
@@ -82,22 +82,23 @@ void QtTableView::layoutRows() {
     }
     double y = kRowHeight * static_cast<double>(visible_.size());
     if (sectionFooter_) {
-        sectionFooter_->setFrame({0, y, frame_.width, sectionFooterHeight_});
+        sectionFooter_->setFrame({0, y, frame().width, sectionFooterHeight_});
     }
     y += sectionFooterHeight_;
     if (footer_) {
         const auto footerFrame = footer_->frame();
-        footer_->setFrame({0, y, frame_.width, footerFrame.height});
+        footer_->setFrame({0, y, frame().width, footerFrame.height});
         y += footerFrame.height;
     }
-    const double height = std::max(y, frame_.height);
-    offset_ = std::clamp(offset_, 0.0, std::max(0.0, y - frame_.height));
+    const double height = std::max(y, frame().height);
+    offset_ = std::clamp(offset_, 0.0, std::max(0.0, y - frame().height));
     content_->setGeometry(0, static_cast<int>(-std::lround(offset_)),
-                          static_cast<int>(std::lround(frame_.width)), static_cast<int>(std::lround(height)));
+                          static_cast<int>(std::lround(frame().width)),
+                          static_cast<int>(std::lround(height)));
     for (const auto& cell : visible_) {
         const auto cellFrame = cell->frame();
-        if (cellFrame.width != frame_.width) {
-            cell->setFrame({cellFrame.x, cellFrame.y, frame_.width, cellFrame.height});
+        if (cellFrame.width != frame().width) {
+            cell->setFrame({cellFrame.x, cellFrame.y, frame().width, cellFrame.height});
         }
     }
 }

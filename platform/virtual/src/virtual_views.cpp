@@ -2,15 +2,17 @@
 
 #include <algorithm>
 
+#include "tovrel/platform/view_renderer.h"
 #include "tovrel/virtual/virtual_platform.h"
 
 namespace tovrel::virtualbackend {
 
 using platform::Appearance;
 
-/// What a ViewSystem shares with its views. Only weak references point back out, so a view held by
-/// a posted task or a timer never keeps the loop, the client or the system alive.
-struct ViewContext final : viewtree::ScreenRoots {
+/// What a ViewSystem shares with its views, and the renderer that shows them: it records the
+/// properties set inside animation blocks. Only weak references point back out, so a view held by a
+/// posted task or a timer never keeps the loop, the client or the system alive.
+struct ViewContext final : platform::ViewRenderer {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
     std::weak_ptr<platform::View> keyWindow;
@@ -20,45 +22,48 @@ struct ViewContext final : viewtree::ScreenRoots {
     std::map<std::string, platform::Size> contentSizes;
     std::map<std::string, int> subframes;
 
+    [[nodiscard]] bool isKeyWindow(const platform::View& view) const override {
+        return &view == keyWindow.lock().get();
+    }
+    [[nodiscard]] bool isPresented(const platform::View& view) const override {
+        return std::any_of(presented.begin(), presented.end(),
+                           [&view](const auto& weak) { return weak.lock().get() == &view; });
+    }
     void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
             mainLoop->post(std::move(task));
         }
     }
-    [[nodiscard]] bool isScreenRoot(const platform::View* view) const override {
-        if (view == keyWindow.lock().get()) {
-            return true;
+    void viewChanged(platform::View& view, platform::ViewProperty property) override {
+        using platform::ViewProperty;
+        if (openBlocks.empty()) {
+            return;
         }
-        return std::any_of(presented.begin(), presented.end(),
-                           [view](const auto& weak) { return weak.lock().get() == view; });
+        auto& changes = blocks[openBlocks.back()].changes;
+        switch (property) {
+            case ViewProperty::kHidden:
+                changes.push_back({view.weak_from_this(), "hidden", view.isHidden()});
+                break;
+            case ViewProperty::kAlpha:
+                changes.push_back({view.weak_from_this(), "alpha", view.alpha()});
+                break;
+            case ViewProperty::kFrame:
+                changes.push_back({view.weak_from_this(), "frame", view.frame()});
+                break;
+            case ViewProperty::kTransform:
+                changes.push_back({view.weak_from_this(), "transform", view.transform()});
+                break;
+            default:
+                break;
+        }
     }
+    void subviewAdded(platform::View& /*parent*/, platform::View& /*child*/, bool /*moved*/) override {}
+    void viewDetached(platform::View& /*view*/) override {}
+    void animationAdded(platform::View& /*view*/, const platform::BasicAnimation& /*animation*/) override {}
 };
 
-namespace {
-
-VirtualViewCore* coreOf(const platform::View* view) {
-    return dynamic_cast<VirtualViewCore*>(const_cast<platform::View*>(view));
-}
-
-}  // namespace
-
-// ---- VirtualViewCore ----
-
-VirtualViewCore::VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-    : context_(std::move(context)), frame_(frame) {}
-
-const viewtree::ScreenRoots& VirtualViewCore::screenRoots() const {
-    return *context_;
-}
-
-void VirtualViewCore::record(const char* property,
-                             std::variant<double, bool, platform::Rect, platform::Transform> value) {
-    if (context_->openBlocks.empty()) {
-        return;
-    }
-    context_->blocks[context_->openBlocks.back()].changes.push_back(
-        AnimatedChange{self().weak_from_this(), property, std::move(value)});
-}
+VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : View(context, frame) {}
 
 // ---- Scroll and web views ----
 
@@ -71,6 +76,9 @@ void VirtualScrollView::setZoomScale(float scale) {
     }
     zoom_ = scale;
 }
+
+VirtualWebView::VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : WebView(context, frame), context_(context) {}
 
 void VirtualWebView::loadRequest(const platform::URLRequest& request) {
     requests_.push_back(request);
@@ -93,7 +101,7 @@ void VirtualWebView::stopLoading() {
 
 platform::Size VirtualWebView::sizeThatFits(const platform::Size& /*size*/) {
     ++sizeThatFitsCount_;
-    return {frame_.width, frame_.height};
+    return {frame().width, frame().height};
 }
 
 void VirtualWebView::navigate(const platform::URLRequest& request, platform::WebNavigationType type) {
@@ -151,7 +159,7 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     body_ = response.body;
     const auto size = context_->contentSizes.find(request.url);
     scrollView_.setContentSize(
-        size != context_->contentSizes.end() ? size->second : platform::Size{frame_.width, frame_.height});
+        size != context_->contentSizes.end() ? size->second : platform::Size{frame().width, frame().height});
     const auto frames = context_->subframes.find(request.url);
     const int subframes = frames == context_->subframes.end() ? 0 : frames->second;
     for (int i = 0; i < subframes && generation == generation_; ++i) {
@@ -173,13 +181,13 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
 
 // ---- Controls ----
 
-VirtualActivityIndicator::VirtualActivityIndicator(std::shared_ptr<ViewContext> context,
+VirtualActivityIndicator::VirtualActivityIndicator(const std::shared_ptr<ViewContext>& context,
                                                    platform::ActivityIndicatorStyle style)
-    : VirtualViewOf(std::move(context), style == platform::ActivityIndicatorStyle::kWhiteLarge
-                                            ? platform::Rect{0, 0, 37, 37}
-                                            : platform::Rect{0, 0, 20, 20}),
+    : ActivityIndicatorView(context, style == platform::ActivityIndicatorStyle::kWhiteLarge
+                                         ? platform::Rect{0, 0, 37, 37}
+                                         : platform::Rect{0, 0, 20, 20}),
       style_(style) {
-    hidden_ = true;
+    startHidden(true);
 }
 
 void VirtualActivityIndicator::setHidesWhenStopped(bool hides) {
@@ -201,6 +209,17 @@ void VirtualActivityIndicator::stopAnimating() {
     }
 }
 
+VirtualButton::VirtualButton(const std::shared_ptr<ViewContext>& context, platform::ButtonType type,
+                             const platform::Rect& frame)
+    : Button(context, frame), type_(type) {}
+
+VirtualLabel::VirtualLabel(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : Label(context, frame) {}
+
+VirtualNavigationBar::VirtualNavigationBar(const std::shared_ptr<ViewContext>& context,
+                                           const platform::Rect& frame)
+    : NavigationBar(context, frame) {}
+
 bool VirtualButton::tap() {
     const auto action = action_;
     if (!action) {
@@ -212,11 +231,12 @@ bool VirtualButton::tap() {
 
 // ---- Tables ----
 
-VirtualTableViewCell::VirtualTableViewCell(std::shared_ptr<ViewContext> context,
+VirtualTableViewCell::VirtualTableViewCell(const std::shared_ptr<ViewContext>& context,
                                            platform::TableViewCellStyle style, std::string reuseIdentifier)
-    : VirtualViewOf(std::move(context), {0, 0, 320, 44}),
-      style_(style),
-      reuseIdentifier_(std::move(reuseIdentifier)) {}
+    : TableViewCell(context, {0, 0, 320, 44}), style_(style), reuseIdentifier_(std::move(reuseIdentifier)) {}
+
+VirtualTableView::VirtualTableView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : TableView(context, frame) {}
 
 void VirtualTableView::reloadData() {
     ++reloadCount_;
@@ -241,7 +261,7 @@ void VirtualTableView::reloadData() {
         if (auto delegate = delegate_.lock()) {
             cell->setIndentationLevel(delegate->tableViewIndentationLevelForRowAtIndexPath(*this, path));
         }
-        cell->setFrame({0, 44.0 * static_cast<double>(row), frame_.width, 44});
+        cell->setFrame({0, 44.0 * static_cast<double>(row), frame().width, 44});
         visible_.push_back(cell);
         addSubview(cell);
     }
@@ -281,15 +301,15 @@ void VirtualTableView::tapRow(long row) {
 
 // ---- Map ----
 
-VirtualAnnotationView::VirtualAnnotationView(std::shared_ptr<ViewContext> context,
+VirtualAnnotationView::VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
                                              std::shared_ptr<platform::Annotation> annotation,
                                              std::string reuseIdentifier)
-    : VirtualViewOf(std::move(context), {0, 0, 32, 39}),
+    : AnnotationView(context, {0, 0, 32, 39}),
       annotation_(std::move(annotation)),
       reuseIdentifier_(std::move(reuseIdentifier)) {}
 
-VirtualMapView::VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-    : VirtualViewOf(std::move(context), frame), userLocation_(std::make_shared<platform::UserLocation>()) {
+VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : MapView(context, frame), userLocation_(std::make_shared<platform::UserLocation>()) {
     userLocation_->coordinate = {-180, -180};
 }
 
@@ -529,15 +549,14 @@ const std::vector<AnimationBlock>& VirtualViewSystem::animationBlocks() const {
 
 void VirtualViewSystem::presentModalView(std::shared_ptr<platform::View> view,
                                          const platform::ModalPresentation& presentation) {
-    auto* core = view ? coreOf(view.get()) : nullptr;
-    if (core == nullptr || context_->isScreenRoot(view.get())) {
+    if (!view || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
         return;
     }
-    const bool wasOnScreen = core->isOnScreen();
+    const bool wasOnScreen = view->isOnScreen();
     presentations_.push_back({view, presentation, rootContext_, false, false});
     context_->presented.push_back(view);
     if (!wasOnScreen) {
-        core->announce(Appearance::kWillAppear);
+        view->announce(Appearance::kWillAppear);
     }
 }
 
@@ -556,9 +575,8 @@ void VirtualViewSystem::dismissModalView(const std::shared_ptr<platform::View>& 
             break;
         }
     }
-    auto* core = coreOf(view.get());
-    if (!core->isOnScreen()) {
-        core->announce(Appearance::kWillDisappear);
+    if (!view->isOnScreen()) {
+        view->announce(Appearance::kWillDisappear);
     }
 }
 

@@ -67,7 +67,7 @@ class QtMapView;
 
 /// The view of one pin: its image (a resource name, or the default red pin) with the tip at the
 /// annotation's coordinate, and the callout's accessory views.
-class TOVREL_EXPORT QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
+class TOVREL_EXPORT QtAnnotationView final : public platform::AnnotationView, public QtViewCore {
   public:
     QtAnnotationView(std::shared_ptr<QtViewContext> context, std::shared_ptr<platform::Annotation> annotation,
                      std::string reuseIdentifier);
@@ -111,7 +111,7 @@ class TOVREL_EXPORT QtAnnotationView final : public QtViewOf<platform::Annotatio
 /// dot. Dragging pans, the wheel zooms. The delegate is asked for an annotation's view when the
 /// annotation is added and for an overlay's view when the overlay is added; removed annotations'
 /// views are set aside for reuse.
-class TOVREL_EXPORT QtMapView final : public QtViewOf<platform::MapView> {
+class TOVREL_EXPORT QtMapView final : public platform::MapView, public QtViewCore {
   public:
     /// How much decoded tile data a map keeps (48 MiB: about 190 tiles of 256 × 256).
     static constexpr int kTileCacheKiB = 48 * 1024;

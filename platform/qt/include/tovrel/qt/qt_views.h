@@ -15,9 +15,9 @@
 #include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/thread_check.h"
+#include "tovrel/platform/view_renderer.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
-#include "tovrel/viewtree/view_node.h"
 
 class QVariantAnimation;
 
@@ -45,68 +45,54 @@ class TOVREL_EXPORT BackedWidget : public QWidget {
     std::optional<QColor> background_;
 };
 
-/// State shared by every Qt view kind, over the common view tree: the model (frame, tag,
-/// z-position, hidden, alpha, transform, background) is kept here and shown through the view's widget, whose
-/// parent widget is the superview's content widget and whose stacking follows the z-positions (ties by order
-/// of adding). Main thread only.
-class TOVREL_EXPORT QtViewCore : public viewtree::ViewNode {
+/// What every Qt view kind keeps beside the model: the widget that shows the view, whose parent
+/// widget is the superview's content widget and whose stacking follows the z-positions (ties by order
+/// of adding). The renderer (the view system's context) tells it each change of the model. Main
+/// thread only.
+class TOVREL_EXPORT QtViewCore {
   public:
-    ~QtViewCore() override;
+    virtual ~QtViewCore();
+    QtViewCore(const QtViewCore&) = delete;
+    QtViewCore& operator=(const QtViewCore&) = delete;
 
     /// The widget that shows this view.
     [[nodiscard]] QWidget* widget() const { return widget_; }
     /// The widget that holds the subviews' widgets.
     [[nodiscard]] virtual QWidget* contentWidget() const { return widget_; }
-    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
-        return animations_;
-    }
     /// Lets another widget (a navigation bar, a map callout) show this view's widget; null gives it back.
     void lendWidgetTo(QWidget* host, const QRect& geometry);
     [[nodiscard]] bool isLent() const { return lentTo_ != nullptr; }
 
   protected:
-    QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame);
+    /// `view` is the model this core shows: the object that derives from both.
+    QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, platform::View& view);
 
-    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
-    void didAddSubview(viewtree::ViewNode& child, bool moved) override;
-    void didLeaveSuperview() override;
-
-    void coreSetFrame(const platform::Rect& frame);
-    void coreSetHidden(bool hidden);
-    void coreSetAlpha(double alpha);
-    void coreSetTransform(const platform::Transform& transform);
-    void coreSetZPosition(float z);
-    void coreSetBackground(const std::optional<platform::Color>& color);
-    /// A window never hangs under another view.
-    void coreAddSubview(const std::shared_ptr<platform::View>& view);
-    void coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation);
     /// The frame changed: lay out what the widget holds.
     virtual void frameChanged() {}
 
+    std::shared_ptr<QtViewContext> context_;
+    QPointer<QWidget> widget_;
+
+  private:
+    friend class QtViewSystem;
+    friend struct QtViewContext;
+
+    void modelChanged(platform::ViewProperty property);
+    void didAddSubview(QtViewCore& child, bool moved);
+    void didLeaveSuperview();
+    void showAnimation(const platform::BasicAnimation& animation);
     /// Puts the widget where the model says: geometry, visibility, opacity.
     void applyGeometry();
     void applyVisibility();
     void applyOpacity(double opacity);
+    void fadeTo(double alpha);
     /// Stacks the subviews' widgets by z-position.
     void restack();
 
-    std::shared_ptr<QtViewContext> context_;
-    QPointer<QWidget> widget_;
-    long tag_ = 0;
-    float zPosition_ = 0;
-    bool hidden_ = false;
-    double alpha_ = 1;
-    platform::Rect frame_;
-    platform::Transform transform_;
-    std::optional<platform::Color> backgroundColor_;
-    std::map<std::string, platform::BasicAnimation> animations_;
+    platform::View& view_;
     bool isWindow_ = false;
     bool presented_ = false;
-    int layoutCount_ = 0;
-    int updateConstraintsCount_ = 0;
-
-  private:
-    friend class QtViewSystem;
+    double shownAlpha_ = 1;
     QPointer<QWidget> lentTo_;
     double bounceOffset_ = 0;
     double bounceRest_ = 0;
@@ -117,58 +103,13 @@ class TOVREL_EXPORT QtViewCore : public viewtree::ViewNode {
 /// The core of `view`, or null for a view of another kind.
 TOVREL_EXPORT QtViewCore* qtCore(const platform::View* view);
 
-/// The View operations of every Qt kind, over QtViewCore.
-template <class Interface>
-class QtViewOf : public Interface, public QtViewCore {
-  public:
-    [[nodiscard]] long tag() const override { return tag_; }
-    void setTag(long tag) override { tag_ = tag; }
-    [[nodiscard]] float zPosition() const override { return zPosition_; }
-    void setZPosition(float zPosition) override { coreSetZPosition(zPosition); }
-    [[nodiscard]] bool isHidden() const override { return hidden_; }
-    void setHidden(bool hidden) override { coreSetHidden(hidden); }
-    [[nodiscard]] double alpha() const override { return alpha_; }
-    void setAlpha(double alpha) override { coreSetAlpha(alpha); }
-    [[nodiscard]] platform::Rect frame() const override { return frame_; }
-    void setFrame(const platform::Rect& frame) override { coreSetFrame(frame); }
-    [[nodiscard]] platform::Transform transform() const override { return transform_; }
-    void setTransform(const platform::Transform& transform) override { coreSetTransform(transform); }
-    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
-    void setBackgroundColor(const std::optional<platform::Color>& color) override {
-        coreSetBackground(color);
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
-    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
-    void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
-    void removeFromSuperview() override { unlinkFromSuperview(); }
-    void layoutSubviews() override { ++layoutCount_; }
-    void updateConstraints() override { ++updateConstraintsCount_; }
-    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
-        coreAddAnimation(key, animation);
-    }
-    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
-        const std::string& key) const override {
-        const auto it = animations_.find(key);
-        return it == animations_.end() ? std::nullopt : std::optional(it->second);
-    }
-    void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        storeAppearanceHandler(std::move(handler));
-    }
-
-    QtViewOf(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)
-        : QtViewCore(std::move(context), widget, frame) {}
-
-  protected:
-    platform::View& self() override { return *this; }
-};
-
 /// A plain view (and the key window).
-class TOVREL_EXPORT QtView final : public QtViewOf<platform::View> {
+class TOVREL_EXPORT QtView final : public platform::View, public QtViewCore {
   public:
     QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
 };
 
-class TOVREL_EXPORT QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorView> {
+class TOVREL_EXPORT QtActivityIndicator final : public platform::ActivityIndicatorView, public QtViewCore {
   public:
     QtActivityIndicator(std::shared_ptr<QtViewContext> context, platform::ActivityIndicatorStyle style);
     [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
@@ -184,7 +125,7 @@ class TOVREL_EXPORT QtActivityIndicator final : public QtViewOf<platform::Activi
     bool animating_ = false;
 };
 
-class TOVREL_EXPORT QtButton final : public QtViewOf<platform::Button> {
+class TOVREL_EXPORT QtButton final : public platform::Button, public QtViewCore {
   public:
     QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type, const platform::Rect& frame);
     [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
@@ -216,7 +157,7 @@ class TOVREL_EXPORT QtButton final : public QtViewOf<platform::Button> {
     std::function<void()> controlHook_;
 };
 
-class TOVREL_EXPORT QtLabel final : public QtViewOf<platform::Label> {
+class TOVREL_EXPORT QtLabel final : public platform::Label, public QtViewCore {
   public:
     QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] std::string text() const override { return text_; }
@@ -241,7 +182,7 @@ class TOVREL_EXPORT QtLabel final : public QtViewOf<platform::Label> {
 };
 
 /// A bar with the top item's title in the middle and its left bar button's view on the left.
-class TOVREL_EXPORT QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
+class TOVREL_EXPORT QtNavigationBar final : public platform::NavigationBar, public QtViewCore {
   public:
     QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
@@ -261,7 +202,7 @@ class TOVREL_EXPORT QtNavigationBar final : public QtViewOf<platform::Navigation
     std::shared_ptr<platform::View> shownLeftView_;
 };
 
-class TOVREL_EXPORT QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
+class TOVREL_EXPORT QtTableViewCell final : public platform::TableViewCell, public QtViewCore {
   public:
     QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                     std::string reuseIdentifier);
@@ -295,7 +236,7 @@ class TOVREL_EXPORT QtTableViewCell final : public QtViewOf<platform::TableViewC
 /// A one-section table: every row's cell stacked 44 points high in a scrolling content widget, the
 /// section footer below them, then the table footer. reloadData sets the shown cells aside for reuse
 /// in row order, so each row gets its own cell back.
-class TOVREL_EXPORT QtTableView final : public QtViewOf<platform::TableView> {
+class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtViewCore {
   public:
     QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] QWidget* contentWidget() const override;
@@ -372,7 +313,7 @@ class TOVREL_EXPORT QtScrollView final : public platform::ScrollView {
 /// a load reports its start on the next turn of the loop and its end once the page's size is known.
 /// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
 /// ignore caches, and its timeout stops a load that takes longer (reported as a failure).
-class TOVREL_EXPORT QtWebView final : public QtViewOf<platform::WebView> {
+class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCore {
   public:
     QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     ~QtWebView() override;

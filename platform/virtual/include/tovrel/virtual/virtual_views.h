@@ -13,7 +13,6 @@
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
-#include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::virtualbackend {
 
@@ -42,97 +41,10 @@ struct TOVREL_EXPORT PresentationRecord {
     bool dismissedAnimated = false;
 };
 
-/// State shared by every virtual view kind, over the common view tree. Single-threaded: the main
-/// thread only.
-class TOVREL_EXPORT VirtualViewCore : public viewtree::ViewNode {
-  public:
-    [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
-    [[nodiscard]] int layoutCount() const { return layoutCount_; }
-    /// The layer animations attached, by key.
-    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
-        return animations_;
-    }
-
-  protected:
-    VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
-
-    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
-    void record(const char* property, std::variant<double, bool, platform::Rect, platform::Transform> value);
-
-    std::shared_ptr<ViewContext> context_;
-    long tag_ = 0;
-    float zPosition_ = 0;
-    bool hidden_ = false;
-    double alpha_ = 1;
-    platform::Rect frame_;
-    platform::Transform transform_;
-    std::optional<platform::Color> backgroundColor_;
-    std::map<std::string, platform::BasicAnimation> animations_;
-    int updateConstraintsCount_ = 0;
-    int layoutCount_ = 0;
-};
-
-/// The View operations of every virtual kind, over VirtualViewCore.
-template <class Interface>
-class VirtualViewOf : public Interface, public VirtualViewCore {
-  public:
-    [[nodiscard]] long tag() const override { return tag_; }
-    void setTag(long tag) override { tag_ = tag; }
-    [[nodiscard]] float zPosition() const override { return zPosition_; }
-    void setZPosition(float zPosition) override { zPosition_ = zPosition; }
-    [[nodiscard]] bool isHidden() const override { return hidden_; }
-    void setHidden(bool hidden) override {
-        hidden_ = hidden;
-        record("hidden", hidden);
-    }
-    [[nodiscard]] double alpha() const override { return alpha_; }
-    void setAlpha(double alpha) override {
-        alpha_ = alpha;
-        record("alpha", alpha);
-    }
-    [[nodiscard]] platform::Rect frame() const override { return frame_; }
-    void setFrame(const platform::Rect& frame) override {
-        frame_ = frame;
-        record("frame", frame);
-    }
-    [[nodiscard]] platform::Transform transform() const override { return transform_; }
-    void setTransform(const platform::Transform& transform) override {
-        transform_ = transform;
-        record("transform", transform);
-    }
-    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
-    void setBackgroundColor(const std::optional<platform::Color>& color) override {
-        backgroundColor_ = color;
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
-    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
-    void addSubview(const std::shared_ptr<platform::View>& view) override { linkSubview(view); }
-    void removeFromSuperview() override { unlinkFromSuperview(); }
-    void layoutSubviews() override { ++layoutCount_; }
-    void updateConstraints() override { ++updateConstraintsCount_; }
-    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
-        animations_[key] = animation;
-    }
-    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
-        const std::string& key) const override {
-        const auto it = animations_.find(key);
-        return it == animations_.end() ? std::nullopt : std::optional(it->second);
-    }
-    void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        storeAppearanceHandler(std::move(handler));
-    }
-
-    VirtualViewOf(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-        : VirtualViewCore(std::move(context), frame) {}
-
-  protected:
-    platform::View& self() override { return *this; }
-};
-
 /// A plain view (and the key window).
-class TOVREL_EXPORT VirtualView final : public VirtualViewOf<platform::View> {
+class TOVREL_EXPORT VirtualView final : public platform::View {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 };
 
 class TOVREL_EXPORT VirtualScrollView final : public platform::ScrollView {
@@ -158,9 +70,9 @@ class TOVREL_EXPORT VirtualScrollView final : public platform::ScrollView {
 /// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
 /// a browser shows an error page), a transport failure fails it. The page's content size is the
 /// one set for its address on the ViewSystem, else the view's size.
-class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebView> {
+class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 
     void loadRequest(const platform::URLRequest& request) override;
     [[nodiscard]] bool isLoading() const override { return loading_; }
@@ -190,6 +102,7 @@ class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebVie
     void finish(std::uint64_t generation, const platform::URLRequest& request,
                 const platform::HttpResponse& response);
 
+    std::shared_ptr<ViewContext> context_;
     std::weak_ptr<platform::WebViewDelegate> delegate_;
     VirtualScrollView scrollView_;
     bool loading_ = false;
@@ -202,9 +115,10 @@ class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebVie
     int stopLoadingCount_ = 0;
 };
 
-class TOVREL_EXPORT VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIndicatorView> {
+class TOVREL_EXPORT VirtualActivityIndicator final : public platform::ActivityIndicatorView {
   public:
-    VirtualActivityIndicator(std::shared_ptr<ViewContext> context, platform::ActivityIndicatorStyle style);
+    VirtualActivityIndicator(const std::shared_ptr<ViewContext>& context,
+                             platform::ActivityIndicatorStyle style);
     [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
     [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
     void setHidesWhenStopped(bool hides) override;
@@ -218,11 +132,10 @@ class TOVREL_EXPORT VirtualActivityIndicator final : public VirtualViewOf<platfo
     bool animating_ = false;
 };
 
-class TOVREL_EXPORT VirtualButton final : public VirtualViewOf<platform::Button> {
+class TOVREL_EXPORT VirtualButton final : public platform::Button {
   public:
-    VirtualButton(std::shared_ptr<ViewContext> context, platform::ButtonType type,
-                  const platform::Rect& frame)
-        : VirtualViewOf(std::move(context), frame), type_(type) {}
+    VirtualButton(const std::shared_ptr<ViewContext>& context, platform::ButtonType type,
+                  const platform::Rect& frame);
     [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
     [[nodiscard]] std::string title() const override { return title_; }
     void setTitle(const std::string& title) override { title_ = title; }
@@ -247,9 +160,9 @@ class TOVREL_EXPORT VirtualButton final : public VirtualViewOf<platform::Button>
     std::function<void()> action_;
 };
 
-class TOVREL_EXPORT VirtualLabel final : public VirtualViewOf<platform::Label> {
+class TOVREL_EXPORT VirtualLabel final : public platform::Label {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualLabel(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
     [[nodiscard]] std::string text() const override { return text_; }
     void setText(const std::string& text) override { text_ = text; }
     [[nodiscard]] int numberOfLines() const override { return lines_; }
@@ -269,9 +182,9 @@ class TOVREL_EXPORT VirtualLabel final : public VirtualViewOf<platform::Label> {
     platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
 };
 
-class TOVREL_EXPORT VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar> {
+class TOVREL_EXPORT VirtualNavigationBar final : public platform::NavigationBar {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualNavigationBar(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
     [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
         return items_;
     }
@@ -283,9 +196,9 @@ class TOVREL_EXPORT VirtualNavigationBar final : public VirtualViewOf<platform::
     std::vector<std::shared_ptr<platform::NavigationItem>> items_;
 };
 
-class TOVREL_EXPORT VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell> {
+class TOVREL_EXPORT VirtualTableViewCell final : public platform::TableViewCell {
   public:
-    VirtualTableViewCell(std::shared_ptr<ViewContext> context, platform::TableViewCellStyle style,
+    VirtualTableViewCell(const std::shared_ptr<ViewContext>& context, platform::TableViewCellStyle style,
                          std::string reuseIdentifier);
     [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
     [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
@@ -312,9 +225,9 @@ class TOVREL_EXPORT VirtualTableViewCell final : public VirtualViewOf<platform::
 
 /// A table whose rows (of section 0) are all on screen. reloadData sets the shown cells aside for
 /// reuse in row order, so each row gets its own cell back.
-class TOVREL_EXPORT VirtualTableView final : public VirtualViewOf<platform::TableView> {
+class TOVREL_EXPORT VirtualTableView final : public platform::TableView {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualTableView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
     void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
         dataSource_ = std::move(dataSource);
     }
@@ -360,9 +273,9 @@ class TOVREL_EXPORT VirtualTableView final : public VirtualViewOf<platform::Tabl
     int reloadCount_ = 0;
 };
 
-class TOVREL_EXPORT VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationView> {
+class TOVREL_EXPORT VirtualAnnotationView final : public platform::AnnotationView {
   public:
-    VirtualAnnotationView(std::shared_ptr<ViewContext> context,
+    VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
                           std::shared_ptr<platform::Annotation> annotation, std::string reuseIdentifier);
     [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
     [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
@@ -395,9 +308,9 @@ class TOVREL_EXPORT VirtualAnnotationView final : public VirtualViewOf<platform:
 
 /// A map that asks its delegate for an annotation's view when the annotation is added, and for an
 /// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
-class TOVREL_EXPORT VirtualMapView final : public VirtualViewOf<platform::MapView> {
+class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
   public:
-    VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
+    VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 
     void setDelegate(std::weak_ptr<platform::MapViewDelegate> delegate) override {
         delegate_ = std::move(delegate);
