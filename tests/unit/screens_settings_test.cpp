@@ -8,7 +8,6 @@ namespace {
 using nlohmann::json;
 using platform::IndexPath;
 using platform::TableViewCellAccessory;
-using virtualbackend::VirtualButton;
 using virtualbackend::VirtualTableView;
 using virtualbackend::VirtualWebView;
 
@@ -252,7 +251,7 @@ TEST_F(FrequencyTest, AnUnreadableChoiceCountsAsNone) {
 TEST_F(FrequencyTest, TheBackButtonDismissesTheScreen) {
     const auto screen = open();
     views.presentModalView(screen->view(), {});
-    ASSERT_TRUE(as<VirtualButton>(screen->backButon()).tap());
+    ASSERT_TRUE(as<platform::Button>(screen->backButon()).tap());
     ASSERT_EQ(views.presentations().size(), 1u);
     EXPECT_TRUE(views.presentations()[0].dismissed);
     EXPECT_TRUE(views.presentations()[0].dismissedAnimated);

@@ -6,8 +6,9 @@
 
 namespace tovrel::platform {
 
-/// A property of the state every view shares.
-enum class ViewProperty { kZPosition, kHidden, kAlpha, kFrame, kTransform, kBackgroundColor };
+/// What changed in a view: a property every view shares, or the kind's own content (a label's text,
+/// a button's title, a spinner's turning, a bar's items, a table's rows and selection...).
+enum class ViewProperty { kZPosition, kHidden, kAlpha, kFrame, kTransform, kBackgroundColor, kContent };
 
 /// What a backend implements to show the views of the model: it hears every change of a view after
 /// the model holds it, and says which views are the roots of the screen. The model calls it on the

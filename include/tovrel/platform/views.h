@@ -228,8 +228,10 @@ class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
     /// Main thread. Sets the first visibility of a kind that starts hidden, before anyone sees it.
     void startHidden(bool hidden) { hidden_ = hidden; }
 
-  private:
+    /// Main thread. Tells the renderer that `property` changed.
     void changed(ViewProperty property);
+
+  private:
     void deliver(Appearance appearance);
     void collect(std::vector<std::shared_ptr<View>>& into);
 
@@ -349,22 +351,28 @@ class TOVREL_EXPORT WebView : public View {
 
 enum class ActivityIndicatorStyle { kWhiteLarge = 0, kWhite = 1, kGray = 2 };
 
-/// A spinner.
+/// A spinner. It starts stopped, hidden, at its style's own size at the origin.
 class TOVREL_EXPORT ActivityIndicatorView : public View {
   public:
-    using View::View;
     /// Main thread.
-    [[nodiscard]] virtual ActivityIndicatorStyle style() const = 0;
+    ActivityIndicatorView(std::shared_ptr<ViewRenderer> renderer, ActivityIndicatorStyle style);
     /// Main thread.
-    [[nodiscard]] virtual bool hidesWhenStopped() const = 0;
+    [[nodiscard]] ActivityIndicatorStyle style() const { return style_; }
+    /// Main thread.
+    [[nodiscard]] bool hidesWhenStopped() const { return hidesWhenStopped_; }
     /// Main thread. When true, the spinner is hidden while it is not turning.
-    virtual void setHidesWhenStopped(bool hides) = 0;
+    void setHidesWhenStopped(bool hides);
     /// Main thread.
-    virtual void startAnimating() = 0;
+    void startAnimating();
     /// Main thread.
-    virtual void stopAnimating() = 0;
+    void stopAnimating();
     /// Main thread.
-    [[nodiscard]] virtual bool isAnimating() const = 0;
+    [[nodiscard]] bool isAnimating() const { return animating_; }
+
+  private:
+    ActivityIndicatorStyle style_;
+    bool hidesWhenStopped_ = true;
+    bool animating_ = false;
 };
 
 enum class ButtonType { kCustom = 0, kSystem = 1 };
@@ -372,28 +380,46 @@ enum class ButtonType { kCustom = 0, kSystem = 1 };
 /// A push button. Its action runs when it is tapped (touch up inside).
 class TOVREL_EXPORT Button : public View {
   public:
-    using View::View;
     /// Main thread.
-    [[nodiscard]] virtual ButtonType buttonType() const = 0;
+    Button(std::shared_ptr<ViewRenderer> renderer, ButtonType type, const Rect& frame);
+    /// Main thread.
+    [[nodiscard]] ButtonType buttonType() const { return type_; }
     /// Main thread. The title of the normal state.
-    [[nodiscard]] virtual std::string title() const = 0;
+    [[nodiscard]] std::string title() const { return title_; }
     /// Main thread.
-    virtual void setTitle(const std::string& title) = 0;
+    void setTitle(const std::string& title);
     /// Main thread.
-    [[nodiscard]] virtual std::optional<Color> titleColor() const = 0;
+    [[nodiscard]] std::optional<Color> titleColor() const { return titleColor_; }
     /// Main thread.
-    virtual void setTitleColor(const Color& color) = 0;
+    void setTitleColor(const Color& color);
     /// Main thread. The image of the normal state: a resource name such as
     /// "TovrelSDKResources.bundle/icons_back.tiff"; empty for none.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread. Glows when touched.
-    [[nodiscard]] virtual bool showsTouchWhenHighlighted() const = 0;
+    [[nodiscard]] bool showsTouchWhenHighlighted() const { return showsTouch_; }
     /// Main thread.
-    virtual void setShowsTouchWhenHighlighted(bool shows) = 0;
+    void setShowsTouchWhenHighlighted(bool shows);
     /// Main thread. `action` runs on the main thread at each tap; replaces any previous action.
-    virtual void setAction(std::function<void()> action) = 0;
+    void setAction(std::function<void()> action) { action_ = std::move(action); }
+
+    /// Main thread. The user taps the button: its action runs, then the control hook (a map
+    /// callout's) if any. False when neither exists.
+    bool tap();
+    /// Main thread. Whether an action is set.
+    [[nodiscard]] bool hasAction() const { return static_cast<bool>(action_); }
+    /// Main thread. Runs after the action at each tap (a map uses it for callout controls).
+    void setControlHook(std::function<void()> hook) { controlHook_ = std::move(hook); }
+
+  private:
+    ButtonType type_;
+    std::string title_;
+    std::optional<Color> titleColor_;
+    std::string imageName_;
+    bool showsTouch_ = false;
+    std::function<void()> action_;
+    std::function<void()> controlHook_;
 };
 
 enum class TextAlignment { kLeft = 0, kCenter = 1, kRight = 2 };
@@ -404,30 +430,37 @@ struct TOVREL_EXPORT Font {
     friend bool operator==(const Font&, const Font&) = default;
 };
 
-/// Static text.
+/// Static text: one line of 17-point Helvetica, black, left-aligned, until told otherwise.
 class TOVREL_EXPORT Label : public View {
   public:
     using View::View;
     /// Main thread.
-    [[nodiscard]] virtual std::string text() const = 0;
+    [[nodiscard]] std::string text() const { return text_; }
     /// Main thread.
-    virtual void setText(const std::string& text) = 0;
+    void setText(const std::string& text);
     /// Main thread. 0: as many as the text needs.
-    [[nodiscard]] virtual int numberOfLines() const = 0;
+    [[nodiscard]] int numberOfLines() const { return lines_; }
     /// Main thread.
-    virtual void setNumberOfLines(int lines) = 0;
+    void setNumberOfLines(int lines);
     /// Main thread.
-    [[nodiscard]] virtual Font font() const = 0;
+    [[nodiscard]] Font font() const { return font_; }
     /// Main thread.
-    virtual void setFont(const Font& font) = 0;
+    void setFont(const Font& font);
     /// Main thread.
-    [[nodiscard]] virtual Color textColor() const = 0;
+    [[nodiscard]] Color textColor() const { return textColor_; }
     /// Main thread.
-    virtual void setTextColor(const Color& color) = 0;
+    void setTextColor(const Color& color);
     /// Main thread.
-    [[nodiscard]] virtual TextAlignment textAlignment() const = 0;
+    [[nodiscard]] TextAlignment textAlignment() const { return alignment_; }
     /// Main thread.
-    virtual void setTextAlignment(TextAlignment alignment) = 0;
+    void setTextAlignment(TextAlignment alignment);
+
+  private:
+    std::string text_;
+    int lines_ = 1;
+    Font font_{"Helvetica", 17};
+    Color textColor_{0, 0, 0, 1};
+    TextAlignment alignment_ = TextAlignment::kLeft;
 };
 
 // Navigation bar.
@@ -449,14 +482,14 @@ class TOVREL_EXPORT NavigationBar : public View {
   public:
     using View::View;
     /// Main thread. The stack of items, bottom first.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<NavigationItem>> items() const = 0;
+    [[nodiscard]] std::vector<std::shared_ptr<NavigationItem>> items() const { return items_; }
     /// Main thread. Replaces the stack.
-    virtual void setItems(std::vector<std::shared_ptr<NavigationItem>> items, bool animated) = 0;
+    void setItems(std::vector<std::shared_ptr<NavigationItem>> items, bool animated);
     /// Main thread. The last item of the stack, or null.
-    [[nodiscard]] std::shared_ptr<NavigationItem> topItem() const {
-        auto all = items();
-        return all.empty() ? nullptr : all.back();
-    }
+    [[nodiscard]] std::shared_ptr<NavigationItem> topItem() const;
+
+  private:
+    std::vector<std::shared_ptr<NavigationItem>> items_;
 };
 
 // Table view.
@@ -476,33 +509,45 @@ enum class TableViewCellAccessory {
 };
 
 /// One row of a table: text, an image, an accessory, an indentation. Its background is the view's.
+/// A cell starts 320 × 44 points at the origin.
 class TOVREL_EXPORT TableViewCell : public View {
   public:
-    using View::View;
     /// Main thread.
-    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    TableViewCell(std::shared_ptr<ViewRenderer> renderer, TableViewCellStyle style,
+                  std::string reuseIdentifier);
     /// Main thread.
-    [[nodiscard]] virtual TableViewCellStyle cellStyle() const = 0;
+    [[nodiscard]] std::string reuseIdentifier() const { return reuseIdentifier_; }
+    /// Main thread.
+    [[nodiscard]] TableViewCellStyle cellStyle() const { return style_; }
     /// Main thread. The text of the cell's label.
-    [[nodiscard]] virtual std::string text() const = 0;
+    [[nodiscard]] std::string text() const { return text_; }
     /// Main thread.
-    virtual void setText(const std::string& text) = 0;
+    void setText(const std::string& text);
     /// Main thread.
-    [[nodiscard]] virtual std::optional<Color> textColor() const = 0;
+    [[nodiscard]] std::optional<Color> textColor() const { return textColor_; }
     /// Main thread.
-    virtual void setTextColor(const Color& color) = 0;
+    void setTextColor(const Color& color);
     /// Main thread. A resource name, or empty for no image.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread.
-    [[nodiscard]] virtual TableViewCellAccessory accessoryType() const = 0;
+    [[nodiscard]] TableViewCellAccessory accessoryType() const { return accessory_; }
     /// Main thread.
-    virtual void setAccessoryType(TableViewCellAccessory accessory) = 0;
+    void setAccessoryType(TableViewCellAccessory accessory);
     /// Main thread.
-    [[nodiscard]] virtual long indentationLevel() const = 0;
+    [[nodiscard]] long indentationLevel() const { return indentation_; }
     /// Main thread.
-    virtual void setIndentationLevel(long level) = 0;
+    void setIndentationLevel(long level);
+
+  private:
+    TableViewCellStyle style_;
+    std::string reuseIdentifier_;
+    std::string text_;
+    std::optional<Color> textColor_;
+    std::string imageName_;
+    TableViewCellAccessory accessory_ = TableViewCellAccessory::kNone;
+    long indentation_ = 0;
 };
 
 class TableView;

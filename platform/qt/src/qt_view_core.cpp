@@ -158,11 +158,20 @@ void QtViewCore::modelChanged(platform::ViewProperty property) {
                 context_->windowChanged();
             }
             break;
+        case ViewProperty::kContent:
+            contentChanged();
+            break;
         case ViewProperty::kBackgroundColor:
             if (auto* backed = qobject_cast<BackedWidget*>(widget_)) {
                 backed->setBackground(view_.backgroundColor());
             }
             break;
+    }
+}
+
+void QtViewCore::contentChanged() {
+    if (widget_) {
+        widget_->update();
     }
 }
 

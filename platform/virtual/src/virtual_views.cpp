@@ -179,61 +179,7 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     }
 }
 
-// ---- Controls ----
-
-VirtualActivityIndicator::VirtualActivityIndicator(const std::shared_ptr<ViewContext>& context,
-                                                   platform::ActivityIndicatorStyle style)
-    : ActivityIndicatorView(context, style == platform::ActivityIndicatorStyle::kWhiteLarge
-                                         ? platform::Rect{0, 0, 37, 37}
-                                         : platform::Rect{0, 0, 20, 20}),
-      style_(style) {
-    startHidden(true);
-}
-
-void VirtualActivityIndicator::setHidesWhenStopped(bool hides) {
-    hidesWhenStopped_ = hides;
-    if (!animating_) {
-        setHidden(hides);
-    }
-}
-
-void VirtualActivityIndicator::startAnimating() {
-    animating_ = true;
-    setHidden(false);
-}
-
-void VirtualActivityIndicator::stopAnimating() {
-    animating_ = false;
-    if (hidesWhenStopped_) {
-        setHidden(true);
-    }
-}
-
-VirtualButton::VirtualButton(const std::shared_ptr<ViewContext>& context, platform::ButtonType type,
-                             const platform::Rect& frame)
-    : Button(context, frame), type_(type) {}
-
-VirtualLabel::VirtualLabel(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
-    : Label(context, frame) {}
-
-VirtualNavigationBar::VirtualNavigationBar(const std::shared_ptr<ViewContext>& context,
-                                           const platform::Rect& frame)
-    : NavigationBar(context, frame) {}
-
-bool VirtualButton::tap() {
-    const auto action = action_;
-    if (!action) {
-        return false;
-    }
-    action();
-    return true;
-}
-
 // ---- Tables ----
-
-VirtualTableViewCell::VirtualTableViewCell(const std::shared_ptr<ViewContext>& context,
-                                           platform::TableViewCellStyle style, std::string reuseIdentifier)
-    : TableViewCell(context, {0, 0, 320, 44}), style_(style), reuseIdentifier_(std::move(reuseIdentifier)) {}
 
 VirtualTableView::VirtualTableView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
     : TableView(context, frame) {}
@@ -499,20 +445,20 @@ std::shared_ptr<platform::WebView> VirtualViewSystem::makeWebView(const platform
 
 std::shared_ptr<platform::ActivityIndicatorView> VirtualViewSystem::makeActivityIndicator(
     platform::ActivityIndicatorStyle style) {
-    return std::make_shared<VirtualActivityIndicator>(context_, style);
+    return std::make_shared<platform::ActivityIndicatorView>(context_, style);
 }
 
 std::shared_ptr<platform::Button> VirtualViewSystem::makeButton(platform::ButtonType type,
                                                                 const platform::Rect& frame) {
-    return std::make_shared<VirtualButton>(context_, type, frame);
+    return std::make_shared<platform::Button>(context_, type, frame);
 }
 
 std::shared_ptr<platform::Label> VirtualViewSystem::makeLabel(const platform::Rect& frame) {
-    return std::make_shared<VirtualLabel>(context_, frame);
+    return std::make_shared<platform::Label>(context_, frame);
 }
 
 std::shared_ptr<platform::NavigationBar> VirtualViewSystem::makeNavigationBar(const platform::Rect& frame) {
-    return std::make_shared<VirtualNavigationBar>(context_, frame);
+    return std::make_shared<platform::NavigationBar>(context_, frame);
 }
 
 std::shared_ptr<platform::TableView> VirtualViewSystem::makeTableView(const platform::Rect& frame) {
@@ -521,7 +467,7 @@ std::shared_ptr<platform::TableView> VirtualViewSystem::makeTableView(const plat
 
 std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(
     platform::TableViewCellStyle style, const std::string& reuseIdentifier) {
-    return std::make_shared<VirtualTableViewCell>(context_, style, reuseIdentifier);
+    return std::make_shared<platform::TableViewCell>(context_, style, reuseIdentifier);
 }
 
 std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform::Rect& frame) {

@@ -69,6 +69,8 @@ class TOVREL_EXPORT QtViewCore {
 
     /// The frame changed: lay out what the widget holds.
     virtual void frameChanged() {}
+    /// The kind's own state changed: draw it again.
+    virtual void contentChanged();
 
     std::shared_ptr<QtViewContext> context_;
     QPointer<QWidget> widget_;
@@ -109,96 +111,40 @@ class TOVREL_EXPORT QtView final : public platform::View, public QtViewCore {
     QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
 };
 
+/// A spinner drawn as twelve spokes that turn while it animates.
 class TOVREL_EXPORT QtActivityIndicator final : public platform::ActivityIndicatorView, public QtViewCore {
   public:
     QtActivityIndicator(std::shared_ptr<QtViewContext> context, platform::ActivityIndicatorStyle style);
-    [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
-    [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
-    void setHidesWhenStopped(bool hides) override;
-    void startAnimating() override;
-    void stopAnimating() override;
-    [[nodiscard]] bool isAnimating() const override { return animating_; }
 
-  private:
-    platform::ActivityIndicatorStyle style_;
-    bool hidesWhenStopped_ = true;
-    bool animating_ = false;
+  protected:
+    void contentChanged() override;
 };
 
+/// A button drawn as its image and title; a press dims the title.
 class TOVREL_EXPORT QtButton final : public platform::Button, public QtViewCore {
   public:
     QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type, const platform::Rect& frame);
-    [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
-    [[nodiscard]] std::string title() const override { return title_; }
-    void setTitle(const std::string& title) override;
-    [[nodiscard]] std::optional<platform::Color> titleColor() const override { return titleColor_; }
-    void setTitleColor(const platform::Color& color) override;
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] bool showsTouchWhenHighlighted() const override { return showsTouch_; }
-    void setShowsTouchWhenHighlighted(bool shows) override { showsTouch_ = shows; }
-    void setAction(std::function<void()> action) override { action_ = std::move(action); }
-
-    /// The user taps the button: its action runs, then the control hook (a map callout's) if any.
-    /// False when neither exists.
-    bool tap();
-    /// Main thread. Runs after the action at each tap (the map uses it for callout controls).
-    void setControlHook(std::function<void()> hook) { controlHook_ = std::move(hook); }
-
-  private:
-    void refresh();
-
-    platform::ButtonType type_;
-    std::string title_;
-    std::optional<platform::Color> titleColor_;
-    std::string imageName_;
-    bool showsTouch_ = false;
-    std::function<void()> action_;
-    std::function<void()> controlHook_;
 };
 
 class TOVREL_EXPORT QtLabel final : public platform::Label, public QtViewCore {
   public:
     QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override;
-    [[nodiscard]] int numberOfLines() const override { return lines_; }
-    void setNumberOfLines(int lines) override;
-    [[nodiscard]] platform::Font font() const override { return font_; }
-    void setFont(const platform::Font& font) override;
-    [[nodiscard]] platform::Color textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override;
-    [[nodiscard]] platform::TextAlignment textAlignment() const override { return alignment_; }
-    void setTextAlignment(platform::TextAlignment alignment) override;
-
-  private:
-    void refresh();
-
-    std::string text_;
-    int lines_ = 1;
-    platform::Font font_{"Helvetica", 17};
-    platform::Color textColor_{0, 0, 0, 1};
-    platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
 };
 
 /// A bar with the top item's title in the middle and its left bar button's view on the left.
 class TOVREL_EXPORT QtNavigationBar final : public platform::NavigationBar, public QtViewCore {
   public:
     QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
-    [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
-        return items_;
-    }
-    void setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items, bool animated) override;
     /// The title shown now.
     [[nodiscard]] std::string shownTitle() const;
 
   protected:
     void frameChanged() override { layoutBar(); }
+    void contentChanged() override { layoutBar(); }
 
   private:
     void layoutBar();
 
-    std::vector<std::shared_ptr<platform::NavigationItem>> items_;
     std::shared_ptr<platform::View> shownLeftView_;
 };
 
@@ -206,36 +152,10 @@ class TOVREL_EXPORT QtTableViewCell final : public platform::TableViewCell, publ
   public:
     QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                     std::string reuseIdentifier);
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override;
-    [[nodiscard]] std::optional<platform::Color> textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override;
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] platform::TableViewCellAccessory accessoryType() const override { return accessory_; }
-    void setAccessoryType(platform::TableViewCellAccessory accessory) override;
-    [[nodiscard]] long indentationLevel() const override { return indentation_; }
-    void setIndentationLevel(long level) override;
     /// Drawn highlighted while its row is selected.
     void setSelectedLook(bool selected);
-
-  private:
-    void refresh();
-
-    platform::TableViewCellStyle style_;
-    std::string reuseIdentifier_;
-    std::string text_;
-    std::optional<platform::Color> textColor_;
-    std::string imageName_;
-    platform::TableViewCellAccessory accessory_ = platform::TableViewCellAccessory::kNone;
-    long indentation_ = 0;
 };
 
-/// A one-section table: every row's cell stacked 44 points high in a scrolling content widget, the
-/// section footer below them, then the table footer. reloadData sets the shown cells aside for reuse
-/// in row order, so each row gets its own cell back.
 class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtViewCore {
   public:
     QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
