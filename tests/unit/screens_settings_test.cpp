@@ -8,7 +8,6 @@ namespace {
 using nlohmann::json;
 using platform::IndexPath;
 using platform::TableViewCellAccessory;
-using virtualbackend::VirtualTableView;
 using virtualbackend::VirtualWebView;
 
 constexpr platform::Color kDarkGrey = platform::Color::rgb255(50, 55, 58);
@@ -19,7 +18,7 @@ class SettingsTest : public testing::ScreensTest {
         settings = SettingsController::create(device.environment);
         settings->view();
     }
-    VirtualTableView& table() { return as<VirtualTableView>(settings->tableView()); }
+    platform::TableView& table() { return as<platform::TableView>(settings->tableView()); }
     std::shared_ptr<platform::TableViewCell> cell(long row) {
         return table().cellForRowAtIndexPath({0, row});
     }
@@ -156,8 +155,8 @@ class FrequencyTest : public testing::ScreensTest {
         screen->view();
         return screen;
     }
-    static VirtualTableView& table(const std::shared_ptr<SubViewController>& screen) {
-        return as<VirtualTableView>(screen->tableView());
+    static platform::TableView& table(const std::shared_ptr<SubViewController>& screen) {
+        return as<platform::TableView>(screen->tableView());
     }
     static std::vector<long> checkedRows(const std::shared_ptr<SubViewController>& screen) {
         std::vector<long> rows;

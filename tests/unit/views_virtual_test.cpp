@@ -6,7 +6,6 @@ namespace {
 using platform::Appearance;
 using virtualbackend::Reply;
 using virtualbackend::VirtualMapView;
-using virtualbackend::VirtualTableView;
 using virtualbackend::VirtualView;
 using virtualbackend::VirtualWebView;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cmath>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <map>
@@ -230,6 +231,8 @@ class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
 
     /// Main thread. Tells the renderer that `property` changed.
     void changed(ViewProperty property);
+    /// Main thread. The frame changed: a kind that lays out what it holds does so now.
+    virtual void didChangeFrame() {}
 
   private:
     void deliver(Appearance appearance);
@@ -586,31 +589,67 @@ class TOVREL_EXPORT TableViewDelegate {
     }
 };
 
-/// A one-column list of rows in sections (the component uses one section).
+/// A one-column list of rows in sections (the component uses one section). Every row of section 0
+/// is on screen, 44 points high, with the section footer below the rows and the table footer below
+/// that, all as wide as the table. reloadData sets the shown cells aside for reuse in row order, so
+/// each row gets its own cell back.
 class TOVREL_EXPORT TableView : public View {
   public:
     using View::View;
     /// Main thread. Not owned.
-    virtual void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) = 0;
+    void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) { dataSource_ = std::move(dataSource); }
     /// Main thread. Not owned.
-    virtual void setDelegate(std::weak_ptr<TableViewDelegate> delegate) = 0;
+    void setDelegate(std::weak_ptr<TableViewDelegate> delegate) { delegate_ = std::move(delegate); }
     /// Main thread. Asks the data source for every row again; the cells shown so far become
     /// available for reuse.
-    virtual void reloadData() = 0;
+    void reloadData();
     /// Main thread. A cell set aside for reuse under `identifier`, or null.
-    virtual std::shared_ptr<TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) = 0;
+    std::shared_ptr<TableViewCell> dequeueReusableCellWithIdentifier(const std::string& identifier);
     /// Main thread. The cell shown for `indexPath`, or null when the row is not on screen.
-    [[nodiscard]] virtual std::shared_ptr<TableViewCell> cellForRowAtIndexPath(
-        const IndexPath& indexPath) const = 0;
+    [[nodiscard]] std::shared_ptr<TableViewCell> cellForRowAtIndexPath(const IndexPath& indexPath) const;
     /// Main thread.
-    [[nodiscard]] virtual std::optional<IndexPath> indexPathForSelectedRow() const = 0;
+    [[nodiscard]] std::optional<IndexPath> indexPathForSelectedRow() const { return selected_; }
     /// Main thread.
-    virtual void deselectRowAtIndexPath(const IndexPath& indexPath, bool animated) = 0;
+    void deselectRowAtIndexPath(const IndexPath& indexPath, bool animated);
     /// Main thread. A view shown below the last row (an empty one stops the separators there).
-    virtual void setTableFooterView(std::shared_ptr<View> footer) = 0;
+    void setTableFooterView(std::shared_ptr<View> footer);
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> tableFooterView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> tableFooterView() const { return footer_; }
+
+    /// Main thread. The user taps a row: it is selected and the delegate hears it.
+    void tapRow(long row);
+    /// Main thread. The cells shown, by row.
+    [[nodiscard]] const std::vector<std::shared_ptr<TableViewCell>>& visibleCells() const { return visible_; }
+    /// Main thread. The height of the rows and both footers.
+    [[nodiscard]] double contentHeight() const { return contentHeight_; }
+    /// Main thread. How many times reloadData ran.
+    [[nodiscard]] int reloadCount() const { return reloadCount_; }
+    /// Main thread. What the delegate said at the last reload about section 0's footer.
+    [[nodiscard]] std::optional<double> sectionFooterHeight() const { return sectionFooterHeight_; }
+    /// Main thread.
+    [[nodiscard]] std::shared_ptr<View> sectionFooterView() const { return sectionFooter_; }
+    /// Main thread. Every deselection, with its animated flag.
+    [[nodiscard]] const std::vector<std::pair<IndexPath, bool>>& deselections() const {
+        return deselections_;
+    }
+
+  protected:
+    void didChangeFrame() override { layoutRows(); }
+
+  private:
+    void layoutRows();
+
+    std::weak_ptr<TableViewDataSource> dataSource_;
+    std::weak_ptr<TableViewDelegate> delegate_;
+    std::vector<std::shared_ptr<TableViewCell>> visible_;
+    std::map<std::string, std::deque<std::shared_ptr<TableViewCell>>> reusable_;
+    std::optional<IndexPath> selected_;
+    std::shared_ptr<View> footer_;
+    std::optional<double> sectionFooterHeight_;
+    std::shared_ptr<View> sectionFooter_;
+    std::vector<std::pair<IndexPath, bool>> deselections_;
+    double contentHeight_ = 0;
+    int reloadCount_ = 0;
 };
 
 // Map.

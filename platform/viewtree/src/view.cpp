@@ -40,6 +40,7 @@ void View::setAlpha(double alpha) {
 
 void View::setFrame(const Rect& frame) {
     frame_ = frame;
+    didChangeFrame();
     changed(ViewProperty::kFrame);
 }
 

@@ -179,72 +179,6 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     }
 }
 
-// ---- Tables ----
-
-VirtualTableView::VirtualTableView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
-    : TableView(context, frame) {}
-
-void VirtualTableView::reloadData() {
-    ++reloadCount_;
-    const auto shown = std::move(visible_);
-    visible_.clear();
-    for (const auto& cell : shown) {
-        reusable_.put(cell->reuseIdentifier(), cell);
-        cell->removeFromSuperview();
-    }
-    selected_.reset();
-    const auto dataSource = dataSource_.lock();
-    if (!dataSource) {
-        return;
-    }
-    const long rows = dataSource->tableViewNumberOfRowsInSection(*this, 0);
-    for (long row = 0; row < rows; ++row) {
-        const platform::IndexPath path{0, row};
-        auto cell = dataSource->tableViewCellForRowAtIndexPath(*this, path);
-        if (!cell) {
-            continue;
-        }
-        if (auto delegate = delegate_.lock()) {
-            cell->setIndentationLevel(delegate->tableViewIndentationLevelForRowAtIndexPath(*this, path));
-        }
-        cell->setFrame({0, 44.0 * static_cast<double>(row), frame().width, 44});
-        visible_.push_back(cell);
-        addSubview(cell);
-    }
-    if (auto delegate = delegate_.lock()) {
-        footerHeight_ = delegate->tableViewHeightForFooterInSection(*this, 0);
-        footerView_ = delegate->tableViewViewForFooterInSection(*this, 0);
-    }
-}
-
-std::shared_ptr<platform::TableViewCell> VirtualTableView::dequeueReusableCellWithIdentifier(
-    const std::string& identifier) {
-    return reusable_.take(identifier);
-}
-
-std::shared_ptr<platform::TableViewCell> VirtualTableView::cellForRowAtIndexPath(
-    const platform::IndexPath& indexPath) const {
-    if (indexPath.section != 0 || indexPath.row < 0 || indexPath.row >= static_cast<long>(visible_.size())) {
-        return nullptr;
-    }
-    return visible_[static_cast<std::size_t>(indexPath.row)];
-}
-
-void VirtualTableView::deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) {
-    deselections_.emplace_back(indexPath, animated);
-    if (selected_ == indexPath) {
-        selected_.reset();
-    }
-}
-
-void VirtualTableView::tapRow(long row) {
-    const platform::IndexPath path{0, row};
-    selected_ = path;
-    if (auto delegate = delegate_.lock()) {
-        delegate->tableViewDidSelectRowAtIndexPath(*this, path);
-    }
-}
-
 // ---- Map ----
 
 VirtualAnnotationView::VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
@@ -462,7 +396,7 @@ std::shared_ptr<platform::NavigationBar> VirtualViewSystem::makeNavigationBar(co
 }
 
 std::shared_ptr<platform::TableView> VirtualViewSystem::makeTableView(const platform::Rect& frame) {
-    return std::make_shared<VirtualTableView>(context_, frame);
+    return std::make_shared<platform::TableView>(context_, frame);
 }
 
 std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(

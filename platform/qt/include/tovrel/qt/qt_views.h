@@ -156,50 +156,22 @@ class TOVREL_EXPORT QtTableViewCell final : public platform::TableViewCell, publ
     void setSelectedLook(bool selected);
 };
 
+/// A table whose rows the model lays out, in a content widget that scrolls; the selected row's cell
+/// is drawn highlighted and a tap on a cell selects its row.
 class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtViewCore {
   public:
     QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] QWidget* contentWidget() const override;
-    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
-        dataSource_ = std::move(dataSource);
-    }
-    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void reloadData() override;
-    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) override;
-    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
-        const platform::IndexPath& indexPath) const override;
-    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
-        return selected_;
-    }
-    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
-    void setTableFooterView(std::shared_ptr<platform::View> footer) override;
-    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
-
-    /// The user taps a row: it is selected and the delegate hears it.
-    void tapRow(long row);
-    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
-        return visible_;
-    }
     /// Scrolls the rows by `dy` points (positive: content moves up), within the content's height.
     void scrollBy(double dy);
 
   protected:
-    void frameChanged() override { layoutRows(); }
+    void frameChanged() override { layoutContent(); }
+    void contentChanged() override;
 
   private:
-    void layoutRows();
+    void layoutContent();
 
-    std::weak_ptr<platform::TableViewDataSource> dataSource_;
-    std::weak_ptr<platform::TableViewDelegate> delegate_;
-    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    viewtree::ReusePool<platform::TableViewCell> reusable_;
-    std::optional<platform::IndexPath> selected_;
-    std::shared_ptr<platform::View> footer_;
-    std::shared_ptr<platform::View> sectionFooter_;
-    double sectionFooterHeight_ = 0;
     QPointer<QWidget> content_;
     double offset_ = 0;
 };

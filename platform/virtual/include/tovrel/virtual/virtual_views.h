@@ -115,56 +115,6 @@ class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
     int stopLoadingCount_ = 0;
 };
 
-/// A table whose rows (of section 0) are all on screen. reloadData sets the shown cells aside for
-/// reuse in row order, so each row gets its own cell back.
-class TOVREL_EXPORT VirtualTableView final : public platform::TableView {
-  public:
-    VirtualTableView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
-    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
-        dataSource_ = std::move(dataSource);
-    }
-    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void reloadData() override;
-    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) override;
-    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
-        const platform::IndexPath& indexPath) const override;
-    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
-        return selected_;
-    }
-    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
-    void setTableFooterView(std::shared_ptr<platform::View> footer) override { footer_ = std::move(footer); }
-    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
-
-    /// The user taps a row: it is selected and the delegate hears it.
-    void tapRow(long row);
-    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
-        return visible_;
-    }
-    [[nodiscard]] int reloadCount() const { return reloadCount_; }
-    /// What the delegate said at the last reload about section 0's footer.
-    [[nodiscard]] std::optional<double> sectionFooterHeight() const { return footerHeight_; }
-    [[nodiscard]] std::shared_ptr<platform::View> sectionFooterView() const { return footerView_; }
-    /// Every deselection, with its animated flag.
-    [[nodiscard]] const std::vector<std::pair<platform::IndexPath, bool>>& deselections() const {
-        return deselections_;
-    }
-
-  private:
-    std::weak_ptr<platform::TableViewDataSource> dataSource_;
-    std::weak_ptr<platform::TableViewDelegate> delegate_;
-    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    viewtree::ReusePool<platform::TableViewCell> reusable_;
-    std::optional<platform::IndexPath> selected_;
-    std::shared_ptr<platform::View> footer_;
-    std::optional<double> footerHeight_;
-    std::shared_ptr<platform::View> footerView_;
-    std::vector<std::pair<platform::IndexPath, bool>> deselections_;
-    int reloadCount_ = 0;
-};
-
 class TOVREL_EXPORT VirtualAnnotationView final : public platform::AnnotationView {
   public:
     VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
