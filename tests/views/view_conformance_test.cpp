@@ -170,7 +170,7 @@ TYPED_TEST(ViewConformanceTest, AButtonTapRunsItsActionThenItsControlHook) {
     EXPECT_TRUE(button->hasAction());
 }
 
-TYPED_TEST(ViewConformanceTest, LabelsAndCellsStartWithTheirDefaults) {
+TYPED_TEST(ViewConformanceTest, LabelsCellsBarsAndPinViewsStartWithTheirDefaults) {
     const auto label = this->views.makeLabel({0, 0, 100, 20});
     EXPECT_EQ(label->numberOfLines(), 1);
     EXPECT_EQ(label->font(), (platform::Font{"Helvetica", 17}));
@@ -182,6 +182,14 @@ TYPED_TEST(ViewConformanceTest, LabelsAndCellsStartWithTheirDefaults) {
     EXPECT_EQ(cell->cellStyle(), platform::TableViewCellStyle::kValue1);
     EXPECT_EQ(cell->accessoryType(), platform::TableViewCellAccessory::kNone);
     EXPECT_EQ(cell->textColor(), std::nullopt);
+    const auto pin = std::make_shared<platform::PointAnnotation>();
+    const auto pinView = this->views.makeAnnotationView(pin, "pin");
+    EXPECT_EQ(pinView->annotation(), pin);
+    EXPECT_EQ(pinView->reuseIdentifier(), "pin");
+    EXPECT_EQ(pinView->frame(), (platform::Rect{0, 0, 32, 39}));
+    EXPECT_TRUE(pinView->isEnabled());
+    EXPECT_FALSE(pinView->canShowCallout());
+    EXPECT_EQ(pinView->rightCalloutAccessoryView(), nullptr);
     const auto bar = this->views.makeNavigationBar({0, 0, 375, 44});
     EXPECT_EQ(bar->topItem(), nullptr);
     auto item = std::make_shared<platform::NavigationItem>();

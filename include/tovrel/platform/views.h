@@ -752,34 +752,46 @@ struct TOVREL_EXPORT OverlayView {
     double lineWidth = 0;
 };
 
-/// The view that draws one annotation, with its callout.
+/// The view that draws one annotation, with its callout. It starts enabled, without a callout,
+/// 32 × 39 points at the origin.
 class TOVREL_EXPORT AnnotationView : public View {
   public:
-    using View::View;
+    /// Main thread. `annotation` is never null.
+    AnnotationView(std::shared_ptr<ViewRenderer> renderer, std::shared_ptr<Annotation> annotation,
+                   std::string reuseIdentifier);
     /// Main thread. The annotation it draws (never null).
-    [[nodiscard]] virtual std::shared_ptr<Annotation> annotation() const = 0;
+    [[nodiscard]] std::shared_ptr<Annotation> annotation() const { return annotation_; }
     /// Main thread.
-    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    [[nodiscard]] std::string reuseIdentifier() const { return reuseIdentifier_; }
     /// Main thread. A resource name, or empty for the platform's pin.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread.
-    [[nodiscard]] virtual bool isEnabled() const = 0;
+    [[nodiscard]] bool isEnabled() const { return enabled_; }
     /// Main thread.
-    virtual void setEnabled(bool enabled) = 0;
+    void setEnabled(bool enabled) { enabled_ = enabled; }
     /// Main thread. Whether tapping the pin opens a callout with title, subtitle and accessories.
-    [[nodiscard]] virtual bool canShowCallout() const = 0;
+    [[nodiscard]] bool canShowCallout() const { return canShowCallout_; }
     /// Main thread.
-    virtual void setCanShowCallout(bool shows) = 0;
+    void setCanShowCallout(bool shows) { canShowCallout_ = shows; }
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> leftCalloutAccessoryView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> leftCalloutAccessoryView() const { return left_; }
     /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    virtual void setLeftCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+    void setLeftCalloutAccessoryView(std::shared_ptr<View> view) { left_ = std::move(view); }
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> rightCalloutAccessoryView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> rightCalloutAccessoryView() const { return right_; }
     /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    virtual void setRightCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+    void setRightCalloutAccessoryView(std::shared_ptr<View> view) { right_ = std::move(view); }
+
+  private:
+    std::shared_ptr<Annotation> annotation_;
+    std::string reuseIdentifier_;
+    std::string imageName_;
+    bool enabled_ = true;
+    bool canShowCallout_ = false;
+    std::shared_ptr<View> left_;
+    std::shared_ptr<View> right_;
 };
 
 class MapView;

@@ -108,23 +108,20 @@ class QtMapView::Widget final : public BackedWidget {
 QtAnnotationView::QtAnnotationView(std::shared_ptr<QtViewContext> context,
                                    std::shared_ptr<platform::Annotation> annotation,
                                    std::string reuseIdentifier)
-    : AnnotationView(context, {0, 0, 32, 39}),
-      QtViewCore(std::move(context), new ViewWidget, *this),
-      annotation_(std::move(annotation)),
-      reuseIdentifier_(std::move(reuseIdentifier)) {
+    : AnnotationView(context, std::move(annotation), std::move(reuseIdentifier)),
+      QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = static_cast<ViewWidget*>(widget());
     view->setCursor(Qt::PointingHandCursor);
     view->paint = [this, view](QPainter& painter) { painter.drawImage(QRectF(view->rect()), shownImage()); };
     view->tap = [this] {
         const auto handler = onTap;
-        if (handler && enabled_) {
+        if (handler && isEnabled()) {
             handler();
         }
     };
 }
 
-void QtAnnotationView::setImageName(const std::string& name) {
-    imageName_ = name;
+void QtAnnotationView::contentChanged() {
     const QImage image = shownImage();
     const auto f = frame();
     setFrame({f.x, f.y, static_cast<double>(image.width()), static_cast<double>(image.height())});
@@ -132,7 +129,7 @@ void QtAnnotationView::setImageName(const std::string& name) {
 }
 
 QImage QtAnnotationView::shownImage() const {
-    const QImage image = context_->image(imageName_);
+    const QImage image = context_->image(imageName());
     return image.isNull() ? defaultPin() : image;
 }
 

@@ -181,13 +181,6 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
 
 // ---- Map ----
 
-VirtualAnnotationView::VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
-                                             std::shared_ptr<platform::Annotation> annotation,
-                                             std::string reuseIdentifier)
-    : AnnotationView(context, {0, 0, 32, 39}),
-      annotation_(std::move(annotation)),
-      reuseIdentifier_(std::move(reuseIdentifier)) {}
-
 VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
     : MapView(context, frame), userLocation_(std::make_shared<platform::UserLocation>()) {
     userLocation_->coordinate = {-180, -180};
@@ -410,7 +403,7 @@ std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform
 
 std::shared_ptr<platform::AnnotationView> VirtualViewSystem::makeAnnotationView(
     std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) {
-    return std::make_shared<VirtualAnnotationView>(context_, std::move(annotation), reuseIdentifier);
+    return std::make_shared<platform::AnnotationView>(context_, std::move(annotation), reuseIdentifier);
 }
 
 void VirtualViewSystem::animate(const platform::ViewAnimation& animation,

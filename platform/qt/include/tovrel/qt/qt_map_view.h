@@ -71,38 +71,14 @@ class TOVREL_EXPORT QtAnnotationView final : public platform::AnnotationView, pu
   public:
     QtAnnotationView(std::shared_ptr<QtViewContext> context, std::shared_ptr<platform::Annotation> annotation,
                      std::string reuseIdentifier);
-    [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] bool isEnabled() const override { return enabled_; }
-    void setEnabled(bool enabled) override { enabled_ = enabled; }
-    [[nodiscard]] bool canShowCallout() const override { return canShowCallout_; }
-    void setCanShowCallout(bool shows) override { canShowCallout_ = shows; }
-    [[nodiscard]] std::shared_ptr<platform::View> leftCalloutAccessoryView() const override { return left_; }
-    void setLeftCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        left_ = std::move(view);
-    }
-    [[nodiscard]] std::shared_ptr<platform::View> rightCalloutAccessoryView() const override {
-        return right_;
-    }
-    void setRightCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        right_ = std::move(view);
-    }
-
     /// The image drawn (the resource's, else the default pin).
     [[nodiscard]] QImage shownImage() const;
     /// The map taps this view's pin through this.
     std::function<void()> onTap;
 
-  private:
-    std::shared_ptr<platform::Annotation> annotation_;
-    std::string reuseIdentifier_;
-    std::string imageName_;
-    bool enabled_ = true;
-    bool canShowCallout_ = false;
-    std::shared_ptr<platform::View> left_;
-    std::shared_ptr<platform::View> right_;
+  protected:
+    /// A new image: the view takes its size.
+    void contentChanged() override;
 };
 
 /// A map drawn by the project with QPainter on Web Mercator: raster tiles from a URL template when

@@ -115,39 +115,6 @@ class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
     int stopLoadingCount_ = 0;
 };
 
-class TOVREL_EXPORT VirtualAnnotationView final : public platform::AnnotationView {
-  public:
-    VirtualAnnotationView(const std::shared_ptr<ViewContext>& context,
-                          std::shared_ptr<platform::Annotation> annotation, std::string reuseIdentifier);
-    [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override { imageName_ = name; }
-    [[nodiscard]] bool isEnabled() const override { return enabled_; }
-    void setEnabled(bool enabled) override { enabled_ = enabled; }
-    [[nodiscard]] bool canShowCallout() const override { return canShowCallout_; }
-    void setCanShowCallout(bool shows) override { canShowCallout_ = shows; }
-    [[nodiscard]] std::shared_ptr<platform::View> leftCalloutAccessoryView() const override { return left_; }
-    void setLeftCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        left_ = std::move(view);
-    }
-    [[nodiscard]] std::shared_ptr<platform::View> rightCalloutAccessoryView() const override {
-        return right_;
-    }
-    void setRightCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        right_ = std::move(view);
-    }
-
-  private:
-    std::shared_ptr<platform::Annotation> annotation_;
-    std::string reuseIdentifier_;
-    std::string imageName_;
-    bool enabled_ = true;
-    bool canShowCallout_ = false;
-    std::shared_ptr<platform::View> left_;
-    std::shared_ptr<platform::View> right_;
-};
-
 /// A map that asks its delegate for an annotation's view when the annotation is added, and for an
 /// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
 class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
