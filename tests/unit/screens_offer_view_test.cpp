@@ -120,7 +120,7 @@ TEST_F(OfferViewTest, APageTwiceTheViewWidthIsFixedAtHalfZoom) {
     const double width = offer->view()->frame().width;
     views.setPageContentSize(kPage, {2 * width, 3000});
     load();
-    auto& scroll = web(offer).virtualScrollView();
+    auto& scroll = web(offer).scrollView();
     EXPECT_EQ(scroll.zoomScale(), 0.5F);
     EXPECT_EQ(scroll.minimumZoomScale(), 0.5F);
     EXPECT_EQ(scroll.maximumZoomScale(), 0.5F);

@@ -306,24 +306,39 @@ class TOVREL_EXPORT WebViewDelegate {
     virtual void webViewDidFailLoadWithError(WebView& /*webView*/, const WebError& /*error*/) {}
 };
 
-/// The scrolling and zooming of a web view's page.
+/// The scrolling and zooming of a web view's page: zoom 1 within limits of 1 until told otherwise.
 class TOVREL_EXPORT ScrollView {
   public:
-    virtual ~ScrollView() = default;
     /// Main thread. The page's size at zoom scale 1.
-    [[nodiscard]] virtual Size contentSize() const = 0;
+    [[nodiscard]] Size contentSize() const { return contentSize_; }
     /// Main thread.
-    [[nodiscard]] virtual float minimumZoomScale() const = 0;
+    [[nodiscard]] float minimumZoomScale() const { return minimum_; }
     /// Main thread.
-    virtual void setMinimumZoomScale(float scale) = 0;
+    void setMinimumZoomScale(float scale) { minimum_ = scale; }
     /// Main thread.
-    [[nodiscard]] virtual float maximumZoomScale() const = 0;
+    [[nodiscard]] float maximumZoomScale() const { return maximum_; }
     /// Main thread.
-    virtual void setMaximumZoomScale(float scale) = 0;
+    void setMaximumZoomScale(float scale) { maximum_ = scale; }
     /// Main thread.
-    [[nodiscard]] virtual float zoomScale() const = 0;
+    [[nodiscard]] float zoomScale() const { return zoom_; }
     /// Main thread. Kept within the minimum and maximum.
-    virtual void setZoomScale(float scale) = 0;
+    void setZoomScale(float scale);
+
+    /// Main thread. The web view that shows the page sets the page's size once it has loaded.
+    void setContentSize(const Size& size) { contentSize_ = size; }
+    /// Main thread. The user pinches: the page zooms as far as the limits allow.
+    void pinch(float scale) { setZoomScale(scale); }
+    /// Main thread. A new page: zoom 1 within limits of 1, until the page is fitted again.
+    void resetZoom();
+    /// Main thread. `observer` hears every zoom shown (the web view applies it to the page).
+    void setZoomObserver(std::function<void(float)> observer) { zoomObserver_ = std::move(observer); }
+
+  private:
+    Size contentSize_;
+    float minimum_ = 1;
+    float maximum_ = 1;
+    float zoom_ = 1;
+    std::function<void(float)> zoomObserver_;
 };
 
 /// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).

@@ -80,20 +80,9 @@ class QtWebView::Engine final : public QWebEngineView {
     QTimer timeout_;
 };
 
-void QtScrollView::setZoomScale(float scale) {
-    zoom_ = std::clamp(scale, minimum_, maximum_);
-    owner_.applyZoom(zoom_);
-}
-
-void QtScrollView::resetZoom() {
-    minimum_ = 1;
-    maximum_ = 1;
-    zoom_ = 1;
-    owner_.applyZoom(1);
-}
-
 QtWebView::QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : WebView(context, frame), QtViewCore(std::move(context), new ViewWidget, *this), scrollView_(*this) {
+    : WebView(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
+    scrollView_.setZoomObserver([this](float zoom) { applyZoom(zoom); });
     engine_ = new Engine(*this, widget());
     engine_->setGeometry(0, 0, widget()->width(), widget()->height());
     engine_->show();

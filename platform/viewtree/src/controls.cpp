@@ -11,6 +11,30 @@ Rect spinnerFrame(ActivityIndicatorStyle style) {
 
 }  // namespace
 
+// ---- Scroll view ----
+
+void ScrollView::setZoomScale(float scale) {
+    if (scale < minimum_) {
+        scale = minimum_;
+    }
+    if (scale > maximum_) {
+        scale = maximum_;
+    }
+    zoom_ = scale;
+    if (zoomObserver_) {
+        zoomObserver_(zoom_);
+    }
+}
+
+void ScrollView::resetZoom() {
+    minimum_ = 1;
+    maximum_ = 1;
+    zoom_ = 1;
+    if (zoomObserver_) {
+        zoomObserver_(zoom_);
+    }
+}
+
 // ---- Spinner ----
 
 ActivityIndicatorView::ActivityIndicatorView(std::shared_ptr<ViewRenderer> renderer,

@@ -67,16 +67,6 @@ VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const plat
 
 // ---- Scroll and web views ----
 
-void VirtualScrollView::setZoomScale(float scale) {
-    if (scale < minimum_) {
-        scale = minimum_;
-    }
-    if (scale > maximum_) {
-        scale = maximum_;
-    }
-    zoom_ = scale;
-}
-
 VirtualWebView::VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
     : WebView(context, frame), context_(context) {}
 

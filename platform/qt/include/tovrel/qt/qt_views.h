@@ -178,29 +178,6 @@ class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtVie
 
 class QtWebView;
 
-/// A web view's zoom, shown as the page's zoom factor.
-class TOVREL_EXPORT QtScrollView final : public platform::ScrollView {
-  public:
-    explicit QtScrollView(QtWebView& owner) : owner_(owner) {}
-    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
-    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
-    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
-    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
-    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
-    [[nodiscard]] float zoomScale() const override { return zoom_; }
-    void setZoomScale(float scale) override;
-    void setContentSize(const platform::Size& size) { contentSize_ = size; }
-    /// A new page: zoom 1 until the page is fitted again.
-    void resetZoom();
-
-  private:
-    QtWebView& owner_;
-    platform::Size contentSize_;
-    float minimum_ = 1;
-    float maximum_ = 1;
-    float zoom_ = 1;
-};
-
 /// A web view on Qt WebEngine. Every navigation (loads and link taps) is put to the delegate first;
 /// a load reports its start on the next turn of the loop and its end once the page's size is known.
 /// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
@@ -249,7 +226,7 @@ class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCor
     void fail(int code, const std::string& description);
 
     std::weak_ptr<platform::WebViewDelegate> delegate_;
-    QtScrollView scrollView_;
+    platform::ScrollView scrollView_;
     class Engine;
     Engine* engine_ = nullptr;
     bool loading_ = false;

@@ -47,26 +47,6 @@ class TOVREL_EXPORT VirtualView final : public platform::View {
     VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 };
 
-class TOVREL_EXPORT VirtualScrollView final : public platform::ScrollView {
-  public:
-    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
-    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
-    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
-    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
-    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
-    [[nodiscard]] float zoomScale() const override { return zoom_; }
-    void setZoomScale(float scale) override;
-    void setContentSize(const platform::Size& size) { contentSize_ = size; }
-    /// A pinch: zooms as far as the limits allow.
-    void pinch(float scale) { setZoomScale(scale); }
-
-  private:
-    platform::Size contentSize_;
-    float minimum_ = 1;
-    float maximum_ = 1;
-    float zoom_ = 1;
-};
-
 /// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
 /// a browser shows an error page), a transport failure fails it. The page's content size is the
 /// one set for its address on the ViewSystem, else the view's size.
@@ -95,7 +75,6 @@ class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
     /// The body of the page shown, empty before the first load.
     [[nodiscard]] const std::string& pageBody() const { return body_; }
     [[nodiscard]] std::shared_ptr<platform::WebViewDelegate> delegate() const { return delegate_.lock(); }
-    VirtualScrollView& virtualScrollView() { return scrollView_; }
 
   private:
     void navigate(const platform::URLRequest& request, platform::WebNavigationType type);
@@ -104,7 +83,7 @@ class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
 
     std::shared_ptr<ViewContext> context_;
     std::weak_ptr<platform::WebViewDelegate> delegate_;
-    VirtualScrollView scrollView_;
+    platform::ScrollView scrollView_;
     bool loading_ = false;
     bool scalesPageToFit_ = false;
     std::uint64_t generation_ = 0;
