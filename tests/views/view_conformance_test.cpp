@@ -292,5 +292,45 @@ TYPED_TEST(ViewConformanceTest, ATappedRowIsSelectedUntilTheDelegateDeselectsIt)
     EXPECT_EQ(table->deselections().back(), std::make_pair(platform::IndexPath{0, 2}, true));
 }
 
+class PinDelegate final : public platform::MapViewDelegate {
+  public:
+    platform::ViewSystem* views = nullptr;
+    std::shared_ptr<platform::Annotation> plain;
+    std::shared_ptr<platform::AnnotationView> mapViewViewForAnnotation(
+        platform::MapView& map, const std::shared_ptr<platform::Annotation>& annotation) override {
+        if (annotation == plain) {
+            return nullptr;
+        }
+        auto view = map.dequeueReusableAnnotationViewWithIdentifier("pin");
+        return view ? view : views->makeAnnotationView(annotation, "pin");
+    }
+};
+
+TYPED_TEST(ViewConformanceTest, APinWithoutADelegateViewGetsTheDefaultPinAndOnlyIdentifiedViewsAreReused) {
+    auto delegate = std::make_shared<PinDelegate>();
+    delegate->views = &this->views;
+    delegate->plain = std::make_shared<platform::PointAnnotation>();
+    const auto map = this->views.makeMapView({0, 0, 320, 480});
+    map->setDelegate(delegate);
+    const auto drawn = std::make_shared<platform::PointAnnotation>();
+    map->addAnnotation(delegate->plain);
+    map->addAnnotation(drawn);
+    map->addAnnotation(drawn);
+    EXPECT_EQ(map->annotations().size(), 2u);
+    const auto defaultPin = this->backend->pinViewOf(map, delegate->plain);
+    ASSERT_NE(defaultPin, nullptr);
+    EXPECT_EQ(defaultPin->reuseIdentifier(), "");
+    EXPECT_EQ(defaultPin->annotation(), delegate->plain);
+    const auto pinView = this->backend->pinViewOf(map, drawn);
+    ASSERT_NE(pinView, nullptr);
+
+    map->removeAnnotations(map->annotations());
+    EXPECT_TRUE(map->annotations().empty());
+    EXPECT_EQ(this->backend->pinViewOf(map, drawn), nullptr);
+    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier(""), nullptr);
+    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), pinView);
+    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), nullptr);
+}
+
 }  // namespace
 }  // namespace tovrel::viewtest

@@ -172,7 +172,7 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
 // ---- Map ----
 
 VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
-    : MapView(context, frame), userLocation_(std::make_shared<platform::UserLocation>()) {
+    : MapView(context, frame), context_(context), userLocation_(std::make_shared<platform::UserLocation>()) {
     userLocation_->coordinate = {-180, -180};
 }
 
@@ -197,6 +197,10 @@ void VirtualMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotat
     if (auto delegate = delegate_.lock()) {
         view = delegate->mapViewViewForAnnotation(*this, annotation);
     }
+    if (!view) {
+        // The platform's own pin, which nothing reuses.
+        view = std::make_shared<platform::AnnotationView>(context_, annotation, "");
+    }
     const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
     if (it != pinned_.end()) {
         it->view = std::move(view);
@@ -211,7 +215,7 @@ void VirtualMapView::removeAnnotations(
         if (it == pinned_.end()) {
             continue;
         }
-        if (it->view) {
+        if (it->view && !it->view->reuseIdentifier().empty()) {
             reusable_.put(it->view->reuseIdentifier(), it->view);
         }
         pinned_.erase(it);

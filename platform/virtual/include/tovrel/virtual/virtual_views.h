@@ -94,8 +94,9 @@ class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
     int stopLoadingCount_ = 0;
 };
 
-/// A map that asks its delegate for an annotation's view when the annotation is added, and for an
-/// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
+/// A map that asks its delegate for an annotation's view when the annotation is added (a default pin
+/// when it gives none), and for an overlay's view when the overlay is added. Removed annotations'
+/// views with a reuse identifier are set aside for reuse, as on the Qt map.
 class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
   public:
     VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
@@ -132,7 +133,7 @@ class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
     /// or that accessory is not a control.
     bool tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation, bool right = true);
 
-    /// The view the delegate gave for `annotation` (null: the platform's own).
+    /// The view of `annotation`: the delegate's, else the default pin; null when it is not on the map.
     [[nodiscard]] std::shared_ptr<platform::AnnotationView> viewForAnnotation(
         const std::shared_ptr<platform::Annotation>& annotation) const;
     /// The view the delegate gave for `overlay`.
@@ -174,6 +175,7 @@ class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
         platform::OverlayView view;
     };
 
+    std::shared_ptr<ViewContext> context_;
     std::weak_ptr<platform::MapViewDelegate> delegate_;
     std::vector<Pinned> pinned_;
     std::vector<Drawn> drawn_;
