@@ -4,7 +4,6 @@
 namespace tovrel {
 namespace {
 
-using virtualbackend::VirtualButton;
 using virtualbackend::VirtualWebView;
 
 constexpr const char* kBackImage = "TovrelSDKResources.bundle/icons_back.tiff";
@@ -21,10 +20,10 @@ class ContentViewerTest : public testing::ScreensTest {
                                {platform::ModalPresentationStyle::kOverCurrentContext, true, true});
         device.loop().runUntilIdle();
     }
-    std::vector<std::shared_ptr<VirtualButton>> backButtons() {
-        std::vector<std::shared_ptr<VirtualButton>> found;
+    std::vector<std::shared_ptr<platform::Button>> backButtons() {
+        std::vector<std::shared_ptr<platform::Button>> found;
         for (const auto& subview : content->view()->subviews()) {
-            if (auto button = std::dynamic_pointer_cast<VirtualButton>(subview);
+            if (auto button = std::dynamic_pointer_cast<platform::Button>(subview);
                 button && button->imageName() == kBackImage) {
                 found.push_back(button);
             }

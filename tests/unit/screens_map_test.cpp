@@ -14,8 +14,6 @@ namespace {
 using nlohmann::json;
 using platform::Coordinate;
 using virtualbackend::Reply;
-using virtualbackend::VirtualButton;
-using virtualbackend::VirtualLabel;
 using virtualbackend::VirtualMapView;
 
 constexpr double kDegreesPerMetre = 180.0 / (std::numbers::pi * 6371000.0);
@@ -78,7 +76,7 @@ class MapTest : public testing::ScreensTest {
         return all[0];
     }
     std::string calloutText(const std::shared_ptr<hAnnotation>& pin) {
-        return as<VirtualLabel>(mapView().viewForAnnotation(pin)->leftCalloutAccessoryView()).text();
+        return as<platform::Label>(mapView().viewForAnnotation(pin)->leftCalloutAccessoryView()).text();
     }
 
     std::shared_ptr<MapManager> map;
@@ -145,13 +143,14 @@ TEST_F(MapTest, CalloutsShowTheDistanceInMiles) {
     EXPECT_EQ(all[0]->miles, "1.0 mi");
     EXPECT_EQ(all[1]->miles, "0.1 mi");
     EXPECT_EQ(calloutText(all[0]), "1.0 mi \n Miles");
-    const auto& label = as<VirtualLabel>(mapView().viewForAnnotation(all[0])->leftCalloutAccessoryView());
+    const auto& label = as<platform::Label>(mapView().viewForAnnotation(all[0])->leftCalloutAccessoryView());
     EXPECT_EQ(label.frame(), (platform::Rect{0, 0, 45, 55}));
     EXPECT_EQ(label.numberOfLines(), 2);
     EXPECT_EQ(label.font(), (platform::Font{"Arial", 11}));
     EXPECT_EQ(label.textAlignment(), platform::TextAlignment::kCenter);
     EXPECT_EQ(label.backgroundColor(), platform::Color::rgb255(35, 177, 250));
-    const auto& button = as<VirtualButton>(mapView().viewForAnnotation(all[0])->rightCalloutAccessoryView());
+    const auto& button =
+        as<platform::Button>(mapView().viewForAnnotation(all[0])->rightCalloutAccessoryView());
     EXPECT_EQ(button.title(), ">");
     EXPECT_EQ(button.frame(), (platform::Rect{205, 0, 45, 55}));
     EXPECT_EQ(button.titleColor(), platform::Color::whiteColor());
@@ -216,7 +215,7 @@ TEST_F(MapTest, TrackingRecentresOnlyWhileOn) {
     mapView().deliverUserLocation(positionAt(48.1, 11.1));
     EXPECT_TRUE(mapView().regionChanges().empty());
 
-    ASSERT_TRUE(as<VirtualButton>(map->currentLocationButton()).tap());
+    ASSERT_TRUE(as<platform::Button>(map->currentLocationButton()).tap());
     EXPECT_TRUE(map->trackUser);
     ASSERT_EQ(mapView().regionChanges().size(), 1u);
     const auto centred = mapView().regionChanges()[0];
@@ -228,7 +227,7 @@ TEST_F(MapTest, TrackingRecentresOnlyWhileOn) {
     ASSERT_EQ(mapView().regionChanges().size(), 2u);
     EXPECT_EQ(mapView().regionChanges()[1].region.center.longitude, 11.2);
 
-    ASSERT_TRUE(as<VirtualButton>(map->refreshMapButton()).tap());
+    ASSERT_TRUE(as<platform::Button>(map->refreshMapButton()).tap());
     EXPECT_FALSE(map->trackUser);
     mapView().deliverUserLocation(positionAt(48.3, 11.3));
     EXPECT_EQ(mapView().regionChanges().size(), 2u);

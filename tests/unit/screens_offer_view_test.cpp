@@ -9,7 +9,6 @@ namespace {
 using platform::AnimationCurve;
 using platform::View;
 using virtualbackend::Reply;
-using virtualbackend::VirtualButton;
 using virtualbackend::VirtualWebView;
 
 constexpr const char* kPage = "http://media.test/offer.html";
@@ -121,7 +120,7 @@ TEST_F(OfferViewTest, APageTwiceTheViewWidthIsFixedAtHalfZoom) {
     const double width = offer->view()->frame().width;
     views.setPageContentSize(kPage, {2 * width, 3000});
     load();
-    auto& scroll = web(offer).virtualScrollView();
+    auto& scroll = web(offer).scrollView();
     EXPECT_EQ(scroll.zoomScale(), 0.5F);
     EXPECT_EQ(scroll.minimumZoomScale(), 0.5F);
     EXPECT_EQ(scroll.maximumZoomScale(), 0.5F);
@@ -232,7 +231,7 @@ TEST_F(OfferViewTest, OneCloseRemovesEveryPositivelyTaggedView) {
     views.keyWindow()->addSubview(hostBadge);
     views.keyWindow()->addSubview(hostPlain);
 
-    ASSERT_TRUE(as<VirtualButton>(second->closeButton()).tap());
+    ASSERT_TRUE(as<platform::Button>(second->closeButton()).tap());
     EXPECT_FALSE(onWindow(first->view()));
     EXPECT_FALSE(onWindow(second->view()));
     EXPECT_FALSE(onWindow(hostBadge));
@@ -247,7 +246,7 @@ TEST_F(OfferViewTest, TheCloseButtonOfAReplacedControllerStillCloses) {
     const std::shared_ptr<View> button = first->closeButton();
     device.loop().fastForwardBy(1.0);
     first = present("13");
-    ASSERT_TRUE(as<VirtualButton>(button).tap());
+    ASSERT_TRUE(as<platform::Button>(button).tap());
     EXPECT_FALSE(onWindow(firstView));
     EXPECT_FALSE(onWindow(first->view()));
 }

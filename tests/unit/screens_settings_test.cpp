@@ -8,8 +8,6 @@ namespace {
 using nlohmann::json;
 using platform::IndexPath;
 using platform::TableViewCellAccessory;
-using virtualbackend::VirtualButton;
-using virtualbackend::VirtualTableView;
 using virtualbackend::VirtualWebView;
 
 constexpr platform::Color kDarkGrey = platform::Color::rgb255(50, 55, 58);
@@ -20,7 +18,7 @@ class SettingsTest : public testing::ScreensTest {
         settings = SettingsController::create(device.environment);
         settings->view();
     }
-    VirtualTableView& table() { return as<VirtualTableView>(settings->tableView()); }
+    platform::TableView& table() { return as<platform::TableView>(settings->tableView()); }
     std::shared_ptr<platform::TableViewCell> cell(long row) {
         return table().cellForRowAtIndexPath({0, row});
     }
@@ -157,8 +155,8 @@ class FrequencyTest : public testing::ScreensTest {
         screen->view();
         return screen;
     }
-    static VirtualTableView& table(const std::shared_ptr<SubViewController>& screen) {
-        return as<VirtualTableView>(screen->tableView());
+    static platform::TableView& table(const std::shared_ptr<SubViewController>& screen) {
+        return as<platform::TableView>(screen->tableView());
     }
     static std::vector<long> checkedRows(const std::shared_ptr<SubViewController>& screen) {
         std::vector<long> rows;
@@ -252,7 +250,7 @@ TEST_F(FrequencyTest, AnUnreadableChoiceCountsAsNone) {
 TEST_F(FrequencyTest, TheBackButtonDismissesTheScreen) {
     const auto screen = open();
     views.presentModalView(screen->view(), {});
-    ASSERT_TRUE(as<VirtualButton>(screen->backButon()).tap());
+    ASSERT_TRUE(as<platform::Button>(screen->backButon()).tap());
     ASSERT_EQ(views.presentations().size(), 1u);
     EXPECT_TRUE(views.presentations()[0].dismissed);
     EXPECT_TRUE(views.presentations()[0].dismissedAnimated);

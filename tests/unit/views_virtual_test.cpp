@@ -3,73 +3,14 @@
 namespace tovrel {
 namespace {
 
-using platform::Appearance;
 using virtualbackend::Reply;
 using virtualbackend::VirtualMapView;
-using virtualbackend::VirtualTableView;
-using virtualbackend::VirtualView;
 using virtualbackend::VirtualWebView;
 
 class VirtualViewsTest : public testing::ScreensTest {
   protected:
     std::shared_ptr<platform::View> plain() { return views.makeView({0, 0, 10, 10}); }
-    static const std::vector<Appearance>& heardBy(const std::shared_ptr<platform::View>& view) {
-        return as<VirtualView>(view).appearanceLog();
-    }
 };
-
-TEST_F(VirtualViewsTest, EnteringTheWindowIsAnnouncedToTheWholeSubtree) {
-    const auto parent = plain();
-    const auto child = plain();
-    parent->addSubview(child);
-    EXPECT_TRUE(heardBy(child).empty());
-    std::vector<Appearance> heard;
-    parent->setAppearanceHandler([&heard](Appearance a) { heard.push_back(a); });
-
-    views.keyWindow()->addSubview(parent);
-    EXPECT_EQ(heard, std::vector<Appearance>{Appearance::kWillAppear});
-    device.loop().runUntilIdle();
-    EXPECT_EQ(heard, (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
-    EXPECT_EQ(heardBy(child), heard);
-    EXPECT_TRUE(as<VirtualView>(child).isOnScreen());
-
-    parent->removeFromSuperview();
-    device.loop().runUntilIdle();
-    EXPECT_EQ(heard.back(), Appearance::kDidDisappear);
-    EXPECT_FALSE(as<VirtualView>(child).isOnScreen());
-}
-
-TEST_F(VirtualViewsTest, ReaddingMovesToTheFrontWithoutAnnouncing) {
-    const auto a = plain();
-    const auto b = plain();
-    views.keyWindow()->addSubview(a);
-    views.keyWindow()->addSubview(b);
-    device.loop().runUntilIdle();
-    views.keyWindow()->addSubview(a);
-    EXPECT_EQ(views.keyWindow()->subviews(), (std::vector<std::shared_ptr<platform::View>>{b, a}));
-    EXPECT_EQ(heardBy(a).size(), 2u);
-}
-
-TEST_F(VirtualViewsTest, AddingElsewhereTakesTheViewFromItsParent) {
-    const auto first = plain();
-    const auto second = plain();
-    const auto child = plain();
-    first->addSubview(child);
-    second->addSubview(child);
-    EXPECT_TRUE(first->subviews().empty());
-    EXPECT_EQ(child->superview(), second);
-    child->addSubview(child);
-    EXPECT_TRUE(child->subviews().empty());
-}
-
-TEST_F(VirtualViewsTest, ADidAppearIsDroppedWhenTheViewLeftFirst) {
-    const auto view = plain();
-    views.keyWindow()->addSubview(view);
-    view->removeFromSuperview();
-    device.loop().runUntilIdle();
-    EXPECT_EQ(heardBy(view), (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kWillDisappear,
-                                                      Appearance::kDidDisappear}));
-}
 
 TEST_F(VirtualViewsTest, OnlyChangesInsideABlockAreRecorded) {
     const auto view = plain();
@@ -182,37 +123,6 @@ TEST_F(VirtualWebViewTest, SubframesFinishWhileThePageIsStillLoading) {
     EXPECT_EQ(web->scrollView().contentSize(), (platform::Size{900, 50}));
 }
 
-TEST_F(VirtualViewsTest, TablesHandEachRowItsOwnCellOnReload) {
-    struct Source : platform::TableViewDataSource {
-        platform::ViewSystem* system = nullptr;
-        int made = 0;
-        long tableViewNumberOfRowsInSection(platform::TableView& /*t*/, long /*section*/) override {
-            return 3;
-        }
-        std::shared_ptr<platform::TableViewCell> tableViewCellForRowAtIndexPath(
-            platform::TableView& table, const platform::IndexPath& path) override {
-            auto cell = table.dequeueReusableCellWithIdentifier("c");
-            if (!cell) {
-                ++made;
-                cell = system->makeTableViewCell(platform::TableViewCellStyle::kDefault, "c");
-                cell->setText(std::to_string(path.row));
-            }
-            return cell;
-        }
-    };
-    auto source = std::make_shared<Source>();
-    source->system = &views;
-    const auto table = views.makeTableView({0, 0, 320, 480});
-    table->setDataSource(source);
-    table->reloadData();
-    table->reloadData();
-    EXPECT_EQ(source->made, 3);
-    EXPECT_EQ(table->cellForRowAtIndexPath({0, 2})->text(), "2");
-    EXPECT_EQ(table->cellForRowAtIndexPath({0, 3}), nullptr);
-    EXPECT_EQ(table->cellForRowAtIndexPath({1, 0}), nullptr);
-    EXPECT_EQ(table->subviews().size(), 3u);
-}
-
 TEST_F(VirtualViewsTest, TheMapKeepsTheUserLocationAndRecyclesPinViews) {
     struct Delegate : platform::MapViewDelegate {
         platform::ViewSystem* system = nullptr;
@@ -253,45 +163,18 @@ TEST_F(VirtualViewsTest, TheMapKeepsTheUserLocationAndRecyclesPinViews) {
     EXPECT_FALSE(virtualMap.tapCalloutAccessory(pin));
 }
 
-TEST_F(VirtualViewsTest, RotatingSwapsTheScreenAndTellsObservers) {
-    int told = 0;
-    views.addDeviceOrientationObserver([&told] { ++told; });
-    views.rotate(platform::DeviceOrientation::kLandscapeLeft);
-    EXPECT_EQ(told, 1);
-    EXPECT_EQ(views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
-    EXPECT_EQ(views.mainScreenBounds(), (platform::Rect{0, 0, 667, 375}));
-    EXPECT_EQ(views.keyWindow()->frame(), views.mainScreenBounds());
-    views.rotate(platform::DeviceOrientation::kFaceDown);
-    EXPECT_EQ(views.deviceOrientation(), platform::DeviceOrientation::kFaceDown);
-    EXPECT_EQ(views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
-    EXPECT_EQ(told, 2);
-}
-
-TEST_F(VirtualViewsTest, PresentingTwiceIsIgnoredAndDismissAnnounces) {
+TEST_F(VirtualViewsTest, EachPresentationIsRecordedOnceWithItsDismissal) {
     const auto view = plain();
+    views.setRootPresentationContext({platform::ModalPresentationStyle::kCurrentContext, true, true});
     views.presentModalView(view, {});
     views.presentModalView(view, {});
-    device.loop().runUntilIdle();
-    EXPECT_EQ(views.presentations().size(), 1u);
-    EXPECT_EQ(heardBy(view), (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
     views.dismissModalView(view, false);
-    views.dismissModalView(view, false);
-    device.loop().runUntilIdle();
-    EXPECT_EQ(heardBy(view).back(), Appearance::kDidDisappear);
+    views.dismissModalView(view, true);
+    ASSERT_EQ(views.presentations().size(), 1u);
+    EXPECT_TRUE(views.presentations()[0].dismissed);
     EXPECT_FALSE(views.presentations()[0].dismissedAnimated);
-}
-
-TEST_F(VirtualViewsTest, SpinnersHideWhileStopped) {
-    const auto spinner = views.makeActivityIndicator(platform::ActivityIndicatorStyle::kWhiteLarge);
-    EXPECT_EQ(spinner->frame(), (platform::Rect{0, 0, 37, 37}));
-    EXPECT_TRUE(spinner->isHidden());
-    spinner->startAnimating();
-    EXPECT_FALSE(spinner->isHidden());
-    spinner->setHidesWhenStopped(false);
-    spinner->stopAnimating();
-    EXPECT_FALSE(spinner->isHidden());
-    spinner->setCenter({100, 100});
-    EXPECT_EQ(spinner->frame(), (platform::Rect{81.5, 81.5, 37, 37}));
+    EXPECT_EQ(views.presentations()[0].rootContext.modalPresentationStyle,
+              platform::ModalPresentationStyle::kCurrentContext);
 }
 
 TEST(MapProjection, CoordinatesMapOntoTheWorldSquare) {

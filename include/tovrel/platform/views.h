@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cmath>
+#include <deque>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -121,64 +123,79 @@ enum class InterfaceOrientation {
 enum class Appearance { kWillAppear, kDidAppear, kWillDisappear, kDidDisappear };
 using AppearanceHandler = std::function<void(Appearance)>;
 
-/// A node of the retained view tree. A parent holds its subviews; a subview knows its parent weakly.
-/// Every operation of every view kind runs on the main thread.
+class ViewRenderer;
+enum class ViewProperty;
+
+/// A node of the retained view tree, with the state every view kind shares. A parent holds its
+/// subviews; a subview knows its parent weakly. The state lives here, the same in every backend;
+/// the backend's renderer hears each change and shows it. A view is on screen while it hangs under
+/// the key window or under a presented view: one that comes on (or goes off) the screen tells itself
+/// and everything under it at once (the will-event) and again on the next turn of the loop (the
+/// did-event), which a view that has gone back meanwhile does not hear. Every operation of every view
+/// kind runs on the main thread.
 class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
   public:
-    virtual ~View() = default;
+    /// Main thread. A view shown by `renderer` (which the view keeps), at `frame`.
+    View(std::shared_ptr<ViewRenderer> renderer, const Rect& frame);
+    virtual ~View();
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
 
     /// Main thread. An integer the owner uses to find the view again; 0 by default.
-    [[nodiscard]] virtual long tag() const = 0;
+    [[nodiscard]] long tag() const { return tag_; }
     /// Main thread.
-    virtual void setTag(long tag) = 0;
+    void setTag(long tag) { tag_ = tag; }
     /// Main thread. The layer's z-position: larger values draw over smaller ones among siblings.
-    [[nodiscard]] virtual float zPosition() const = 0;
+    [[nodiscard]] float zPosition() const { return zPosition_; }
     /// Main thread.
-    virtual void setZPosition(float zPosition) = 0;
+    void setZPosition(float zPosition);
     /// Main thread.
-    [[nodiscard]] virtual bool isHidden() const = 0;
+    [[nodiscard]] bool isHidden() const { return hidden_; }
     /// Main thread.
-    virtual void setHidden(bool hidden) = 0;
+    void setHidden(bool hidden);
     /// Main thread. Opacity from 0 to 1.
-    [[nodiscard]] virtual double alpha() const = 0;
+    [[nodiscard]] double alpha() const { return alpha_; }
     /// Main thread.
-    virtual void setAlpha(double alpha) = 0;
+    void setAlpha(double alpha);
     /// Main thread. Position and size in the superview's coordinates.
-    [[nodiscard]] virtual Rect frame() const = 0;
+    [[nodiscard]] Rect frame() const { return frame_; }
     /// Main thread.
-    virtual void setFrame(const Rect& frame) = 0;
+    void setFrame(const Rect& frame);
     /// Main thread.
-    [[nodiscard]] virtual Transform transform() const = 0;
+    [[nodiscard]] Transform transform() const { return transform_; }
     /// Main thread.
-    virtual void setTransform(const Transform& transform) = 0;
+    void setTransform(const Transform& transform);
     /// Main thread. nullopt: no background (transparent).
-    [[nodiscard]] virtual std::optional<Color> backgroundColor() const = 0;
+    [[nodiscard]] std::optional<Color> backgroundColor() const { return backgroundColor_; }
     /// Main thread.
-    virtual void setBackgroundColor(const std::optional<Color>& color) = 0;
+    void setBackgroundColor(const std::optional<Color>& color);
 
     /// Main thread. The subviews, back to front.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<View>> subviews() const = 0;
+    [[nodiscard]] std::vector<std::shared_ptr<View>> subviews() const { return subviews_; }
     /// Main thread. The parent, or null.
-    [[nodiscard]] virtual std::shared_ptr<View> superview() const = 0;
+    [[nodiscard]] std::shared_ptr<View> superview() const { return superview_.lock(); }
     /// Main thread. Adds `view` in front of the other subviews, taking it from its previous parent
-    /// (a view that is already a subview here moves to the front).
-    virtual void addSubview(const std::shared_ptr<View>& view) = 0;
+    /// (a view that is already a subview here moves to the front). The view itself and the key
+    /// window are ignored.
+    void addSubview(const std::shared_ptr<View>& view);
     /// Main thread. Detaches the view from its parent; nothing happens without one.
-    virtual void removeFromSuperview() = 0;
+    void removeFromSuperview();
     /// Main thread. Lays out the subviews now.
-    virtual void layoutSubviews() = 0;
+    void layoutSubviews() { ++layoutCount_; }
     /// Main thread. Recomputes the view's layout constraints.
-    virtual void updateConstraints() = 0;
+    void updateConstraints() { ++updateConstraintsCount_; }
 
     /// Main thread. Adds a layer animation under `key`, replacing one under the same key.
-    virtual void addAnimation(const std::string& key, const BasicAnimation& animation) = 0;
+    void addAnimation(const std::string& key, const BasicAnimation& animation);
     /// Main thread. The layer animation under `key`, if it is still attached.
-    [[nodiscard]] virtual std::optional<BasicAnimation> animationForKey(const std::string& key) const = 0;
+    [[nodiscard]] std::optional<BasicAnimation> animationForKey(const std::string& key) const;
+    /// Main thread. The layer animations attached, by key.
+    [[nodiscard]] const std::map<std::string, BasicAnimation>& animations() const { return animations_; }
 
     /// Main thread. `handler` hears this view enter and leave the screen; it runs on the main thread
     /// (will-events during the change, did-events on a later turn of the loop). Replaces any
     /// previous handler.
-    virtual void setAppearanceHandler(AppearanceHandler handler) = 0;
+    void setAppearanceHandler(AppearanceHandler handler) { appearanceHandler_ = std::move(handler); }
 
     /// Main thread. The frame's size at the origin.
     [[nodiscard]] Rect bounds() const {
@@ -192,6 +209,50 @@ class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
         f.y = center.y - f.height / 2;
         setFrame(f);
     }
+
+    /// Main thread. True while the view hangs under the key window or under a presented view.
+    [[nodiscard]] bool isOnScreen() const;
+    /// Main thread. Tells this view and everything under it `will` (kWillAppear or kWillDisappear)
+    /// now and the matching did-event on the next turn; view systems call it when they present or
+    /// dismiss a view.
+    void announce(Appearance will);
+    /// Main thread. Every appearance event delivered to this view, in order.
+    [[nodiscard]] const std::vector<Appearance>& appearanceLog() const { return appearanceLog_; }
+    /// Main thread. How many times layoutSubviews ran.
+    [[nodiscard]] int layoutCount() const { return layoutCount_; }
+    /// Main thread. How many times updateConstraints ran.
+    [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
+    /// Main thread. The renderer that shows the view.
+    [[nodiscard]] ViewRenderer& renderer() const { return *renderer_; }
+
+  protected:
+    /// Main thread. Sets the first visibility of a kind that starts hidden, before anyone sees it.
+    void startHidden(bool hidden) { hidden_ = hidden; }
+
+    /// Main thread. Tells the renderer that `property` changed.
+    void changed(ViewProperty property);
+    /// Main thread. The frame changed: a kind that lays out what it holds does so now.
+    virtual void didChangeFrame() {}
+
+  private:
+    void deliver(Appearance appearance);
+    void collect(std::vector<std::shared_ptr<View>>& into);
+
+    std::shared_ptr<ViewRenderer> renderer_;
+    long tag_ = 0;
+    float zPosition_ = 0;
+    bool hidden_ = false;
+    double alpha_ = 1;
+    Rect frame_;
+    Transform transform_;
+    std::optional<Color> backgroundColor_;
+    std::map<std::string, BasicAnimation> animations_;
+    std::vector<std::shared_ptr<View>> subviews_;
+    std::weak_ptr<View> superview_;
+    AppearanceHandler appearanceHandler_;
+    std::vector<Appearance> appearanceLog_;
+    int layoutCount_ = 0;
+    int updateConstraintsCount_ = 0;
 };
 
 // Web view.
@@ -245,29 +306,45 @@ class TOVREL_EXPORT WebViewDelegate {
     virtual void webViewDidFailLoadWithError(WebView& /*webView*/, const WebError& /*error*/) {}
 };
 
-/// The scrolling and zooming of a web view's page.
+/// The scrolling and zooming of a web view's page: zoom 1 within limits of 1 until told otherwise.
 class TOVREL_EXPORT ScrollView {
   public:
-    virtual ~ScrollView() = default;
     /// Main thread. The page's size at zoom scale 1.
-    [[nodiscard]] virtual Size contentSize() const = 0;
+    [[nodiscard]] Size contentSize() const { return contentSize_; }
     /// Main thread.
-    [[nodiscard]] virtual float minimumZoomScale() const = 0;
+    [[nodiscard]] float minimumZoomScale() const { return minimum_; }
     /// Main thread.
-    virtual void setMinimumZoomScale(float scale) = 0;
+    void setMinimumZoomScale(float scale) { minimum_ = scale; }
     /// Main thread.
-    [[nodiscard]] virtual float maximumZoomScale() const = 0;
+    [[nodiscard]] float maximumZoomScale() const { return maximum_; }
     /// Main thread.
-    virtual void setMaximumZoomScale(float scale) = 0;
+    void setMaximumZoomScale(float scale) { maximum_ = scale; }
     /// Main thread.
-    [[nodiscard]] virtual float zoomScale() const = 0;
+    [[nodiscard]] float zoomScale() const { return zoom_; }
     /// Main thread. Kept within the minimum and maximum.
-    virtual void setZoomScale(float scale) = 0;
+    void setZoomScale(float scale);
+
+    /// Main thread. The web view that shows the page sets the page's size once it has loaded.
+    void setContentSize(const Size& size) { contentSize_ = size; }
+    /// Main thread. The user pinches: the page zooms as far as the limits allow.
+    void pinch(float scale) { setZoomScale(scale); }
+    /// Main thread. A new page: zoom 1 within limits of 1, until the page is fitted again.
+    void resetZoom();
+    /// Main thread. `observer` hears every zoom shown (the web view applies it to the page).
+    void setZoomObserver(std::function<void(float)> observer) { zoomObserver_ = std::move(observer); }
+
+  private:
+    Size contentSize_;
+    float minimum_ = 1;
+    float maximum_ = 1;
+    float zoom_ = 1;
+    std::function<void(float)> zoomObserver_;
 };
 
 /// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).
 class TOVREL_EXPORT WebView : public View {
   public:
+    using View::View;
     /// Main thread. Starts loading `request`, replacing any load under way.
     virtual void loadRequest(const URLRequest& request) = 0;
     /// Main thread. True while any frame of the page is loading.
@@ -292,21 +369,28 @@ class TOVREL_EXPORT WebView : public View {
 
 enum class ActivityIndicatorStyle { kWhiteLarge = 0, kWhite = 1, kGray = 2 };
 
-/// A spinner.
+/// A spinner. It starts stopped, hidden, at its style's own size at the origin.
 class TOVREL_EXPORT ActivityIndicatorView : public View {
   public:
     /// Main thread.
-    [[nodiscard]] virtual ActivityIndicatorStyle style() const = 0;
+    ActivityIndicatorView(std::shared_ptr<ViewRenderer> renderer, ActivityIndicatorStyle style);
     /// Main thread.
-    [[nodiscard]] virtual bool hidesWhenStopped() const = 0;
+    [[nodiscard]] ActivityIndicatorStyle style() const { return style_; }
+    /// Main thread.
+    [[nodiscard]] bool hidesWhenStopped() const { return hidesWhenStopped_; }
     /// Main thread. When true, the spinner is hidden while it is not turning.
-    virtual void setHidesWhenStopped(bool hides) = 0;
+    void setHidesWhenStopped(bool hides);
     /// Main thread.
-    virtual void startAnimating() = 0;
+    void startAnimating();
     /// Main thread.
-    virtual void stopAnimating() = 0;
+    void stopAnimating();
     /// Main thread.
-    [[nodiscard]] virtual bool isAnimating() const = 0;
+    [[nodiscard]] bool isAnimating() const { return animating_; }
+
+  private:
+    ActivityIndicatorStyle style_;
+    bool hidesWhenStopped_ = true;
+    bool animating_ = false;
 };
 
 enum class ButtonType { kCustom = 0, kSystem = 1 };
@@ -315,26 +399,45 @@ enum class ButtonType { kCustom = 0, kSystem = 1 };
 class TOVREL_EXPORT Button : public View {
   public:
     /// Main thread.
-    [[nodiscard]] virtual ButtonType buttonType() const = 0;
+    Button(std::shared_ptr<ViewRenderer> renderer, ButtonType type, const Rect& frame);
+    /// Main thread.
+    [[nodiscard]] ButtonType buttonType() const { return type_; }
     /// Main thread. The title of the normal state.
-    [[nodiscard]] virtual std::string title() const = 0;
+    [[nodiscard]] std::string title() const { return title_; }
     /// Main thread.
-    virtual void setTitle(const std::string& title) = 0;
+    void setTitle(const std::string& title);
     /// Main thread.
-    [[nodiscard]] virtual std::optional<Color> titleColor() const = 0;
+    [[nodiscard]] std::optional<Color> titleColor() const { return titleColor_; }
     /// Main thread.
-    virtual void setTitleColor(const Color& color) = 0;
+    void setTitleColor(const Color& color);
     /// Main thread. The image of the normal state: a resource name such as
     /// "TovrelSDKResources.bundle/icons_back.tiff"; empty for none.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread. Glows when touched.
-    [[nodiscard]] virtual bool showsTouchWhenHighlighted() const = 0;
+    [[nodiscard]] bool showsTouchWhenHighlighted() const { return showsTouch_; }
     /// Main thread.
-    virtual void setShowsTouchWhenHighlighted(bool shows) = 0;
+    void setShowsTouchWhenHighlighted(bool shows);
     /// Main thread. `action` runs on the main thread at each tap; replaces any previous action.
-    virtual void setAction(std::function<void()> action) = 0;
+    void setAction(std::function<void()> action) { action_ = std::move(action); }
+
+    /// Main thread. The user taps the button: its action runs, then the control hook (a map
+    /// callout's) if any. False when neither exists.
+    bool tap();
+    /// Main thread. Whether an action is set.
+    [[nodiscard]] bool hasAction() const { return static_cast<bool>(action_); }
+    /// Main thread. Runs after the action at each tap (a map uses it for callout controls).
+    void setControlHook(std::function<void()> hook) { controlHook_ = std::move(hook); }
+
+  private:
+    ButtonType type_;
+    std::string title_;
+    std::optional<Color> titleColor_;
+    std::string imageName_;
+    bool showsTouch_ = false;
+    std::function<void()> action_;
+    std::function<void()> controlHook_;
 };
 
 enum class TextAlignment { kLeft = 0, kCenter = 1, kRight = 2 };
@@ -345,29 +448,37 @@ struct TOVREL_EXPORT Font {
     friend bool operator==(const Font&, const Font&) = default;
 };
 
-/// Static text.
+/// Static text: one line of 17-point Helvetica, black, left-aligned, until told otherwise.
 class TOVREL_EXPORT Label : public View {
   public:
+    using View::View;
     /// Main thread.
-    [[nodiscard]] virtual std::string text() const = 0;
+    [[nodiscard]] std::string text() const { return text_; }
     /// Main thread.
-    virtual void setText(const std::string& text) = 0;
+    void setText(const std::string& text);
     /// Main thread. 0: as many as the text needs.
-    [[nodiscard]] virtual int numberOfLines() const = 0;
+    [[nodiscard]] int numberOfLines() const { return lines_; }
     /// Main thread.
-    virtual void setNumberOfLines(int lines) = 0;
+    void setNumberOfLines(int lines);
     /// Main thread.
-    [[nodiscard]] virtual Font font() const = 0;
+    [[nodiscard]] Font font() const { return font_; }
     /// Main thread.
-    virtual void setFont(const Font& font) = 0;
+    void setFont(const Font& font);
     /// Main thread.
-    [[nodiscard]] virtual Color textColor() const = 0;
+    [[nodiscard]] Color textColor() const { return textColor_; }
     /// Main thread.
-    virtual void setTextColor(const Color& color) = 0;
+    void setTextColor(const Color& color);
     /// Main thread.
-    [[nodiscard]] virtual TextAlignment textAlignment() const = 0;
+    [[nodiscard]] TextAlignment textAlignment() const { return alignment_; }
     /// Main thread.
-    virtual void setTextAlignment(TextAlignment alignment) = 0;
+    void setTextAlignment(TextAlignment alignment);
+
+  private:
+    std::string text_;
+    int lines_ = 1;
+    Font font_{"Helvetica", 17};
+    Color textColor_{0, 0, 0, 1};
+    TextAlignment alignment_ = TextAlignment::kLeft;
 };
 
 // Navigation bar.
@@ -387,15 +498,16 @@ struct TOVREL_EXPORT NavigationItem {
 /// A bar with a title and bar buttons.
 class TOVREL_EXPORT NavigationBar : public View {
   public:
+    using View::View;
     /// Main thread. The stack of items, bottom first.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<NavigationItem>> items() const = 0;
+    [[nodiscard]] std::vector<std::shared_ptr<NavigationItem>> items() const { return items_; }
     /// Main thread. Replaces the stack.
-    virtual void setItems(std::vector<std::shared_ptr<NavigationItem>> items, bool animated) = 0;
+    void setItems(std::vector<std::shared_ptr<NavigationItem>> items, bool animated);
     /// Main thread. The last item of the stack, or null.
-    [[nodiscard]] std::shared_ptr<NavigationItem> topItem() const {
-        auto all = items();
-        return all.empty() ? nullptr : all.back();
-    }
+    [[nodiscard]] std::shared_ptr<NavigationItem> topItem() const;
+
+  private:
+    std::vector<std::shared_ptr<NavigationItem>> items_;
 };
 
 // Table view.
@@ -415,32 +527,45 @@ enum class TableViewCellAccessory {
 };
 
 /// One row of a table: text, an image, an accessory, an indentation. Its background is the view's.
+/// A cell starts 320 × 44 points at the origin.
 class TOVREL_EXPORT TableViewCell : public View {
   public:
     /// Main thread.
-    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    TableViewCell(std::shared_ptr<ViewRenderer> renderer, TableViewCellStyle style,
+                  std::string reuseIdentifier);
     /// Main thread.
-    [[nodiscard]] virtual TableViewCellStyle cellStyle() const = 0;
+    [[nodiscard]] std::string reuseIdentifier() const { return reuseIdentifier_; }
+    /// Main thread.
+    [[nodiscard]] TableViewCellStyle cellStyle() const { return style_; }
     /// Main thread. The text of the cell's label.
-    [[nodiscard]] virtual std::string text() const = 0;
+    [[nodiscard]] std::string text() const { return text_; }
     /// Main thread.
-    virtual void setText(const std::string& text) = 0;
+    void setText(const std::string& text);
     /// Main thread.
-    [[nodiscard]] virtual std::optional<Color> textColor() const = 0;
+    [[nodiscard]] std::optional<Color> textColor() const { return textColor_; }
     /// Main thread.
-    virtual void setTextColor(const Color& color) = 0;
+    void setTextColor(const Color& color);
     /// Main thread. A resource name, or empty for no image.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread.
-    [[nodiscard]] virtual TableViewCellAccessory accessoryType() const = 0;
+    [[nodiscard]] TableViewCellAccessory accessoryType() const { return accessory_; }
     /// Main thread.
-    virtual void setAccessoryType(TableViewCellAccessory accessory) = 0;
+    void setAccessoryType(TableViewCellAccessory accessory);
     /// Main thread.
-    [[nodiscard]] virtual long indentationLevel() const = 0;
+    [[nodiscard]] long indentationLevel() const { return indentation_; }
     /// Main thread.
-    virtual void setIndentationLevel(long level) = 0;
+    void setIndentationLevel(long level);
+
+  private:
+    TableViewCellStyle style_;
+    std::string reuseIdentifier_;
+    std::string text_;
+    std::optional<Color> textColor_;
+    std::string imageName_;
+    TableViewCellAccessory accessory_ = TableViewCellAccessory::kNone;
+    long indentation_ = 0;
 };
 
 class TableView;
@@ -479,30 +604,67 @@ class TOVREL_EXPORT TableViewDelegate {
     }
 };
 
-/// A one-column list of rows in sections (the component uses one section).
+/// A one-column list of rows in sections (the component uses one section). Every row of section 0
+/// is on screen, 44 points high, with the section footer below the rows and the table footer below
+/// that, all as wide as the table. reloadData sets the shown cells aside for reuse in row order, so
+/// each row gets its own cell back.
 class TOVREL_EXPORT TableView : public View {
   public:
+    using View::View;
     /// Main thread. Not owned.
-    virtual void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) = 0;
+    void setDataSource(std::weak_ptr<TableViewDataSource> dataSource) { dataSource_ = std::move(dataSource); }
     /// Main thread. Not owned.
-    virtual void setDelegate(std::weak_ptr<TableViewDelegate> delegate) = 0;
+    void setDelegate(std::weak_ptr<TableViewDelegate> delegate) { delegate_ = std::move(delegate); }
     /// Main thread. Asks the data source for every row again; the cells shown so far become
     /// available for reuse.
-    virtual void reloadData() = 0;
+    void reloadData();
     /// Main thread. A cell set aside for reuse under `identifier`, or null.
-    virtual std::shared_ptr<TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) = 0;
+    std::shared_ptr<TableViewCell> dequeueReusableCellWithIdentifier(const std::string& identifier);
     /// Main thread. The cell shown for `indexPath`, or null when the row is not on screen.
-    [[nodiscard]] virtual std::shared_ptr<TableViewCell> cellForRowAtIndexPath(
-        const IndexPath& indexPath) const = 0;
+    [[nodiscard]] std::shared_ptr<TableViewCell> cellForRowAtIndexPath(const IndexPath& indexPath) const;
     /// Main thread.
-    [[nodiscard]] virtual std::optional<IndexPath> indexPathForSelectedRow() const = 0;
+    [[nodiscard]] std::optional<IndexPath> indexPathForSelectedRow() const { return selected_; }
     /// Main thread.
-    virtual void deselectRowAtIndexPath(const IndexPath& indexPath, bool animated) = 0;
+    void deselectRowAtIndexPath(const IndexPath& indexPath, bool animated);
     /// Main thread. A view shown below the last row (an empty one stops the separators there).
-    virtual void setTableFooterView(std::shared_ptr<View> footer) = 0;
+    void setTableFooterView(std::shared_ptr<View> footer);
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> tableFooterView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> tableFooterView() const { return footer_; }
+
+    /// Main thread. The user taps a row: it is selected and the delegate hears it.
+    void tapRow(long row);
+    /// Main thread. The cells shown, by row.
+    [[nodiscard]] const std::vector<std::shared_ptr<TableViewCell>>& visibleCells() const { return visible_; }
+    /// Main thread. The height of the rows and both footers.
+    [[nodiscard]] double contentHeight() const { return contentHeight_; }
+    /// Main thread. How many times reloadData ran.
+    [[nodiscard]] int reloadCount() const { return reloadCount_; }
+    /// Main thread. What the delegate said at the last reload about section 0's footer.
+    [[nodiscard]] std::optional<double> sectionFooterHeight() const { return sectionFooterHeight_; }
+    /// Main thread.
+    [[nodiscard]] std::shared_ptr<View> sectionFooterView() const { return sectionFooter_; }
+    /// Main thread. Every deselection, with its animated flag.
+    [[nodiscard]] const std::vector<std::pair<IndexPath, bool>>& deselections() const {
+        return deselections_;
+    }
+
+  protected:
+    void didChangeFrame() override { layoutRows(); }
+
+  private:
+    void layoutRows();
+
+    std::weak_ptr<TableViewDataSource> dataSource_;
+    std::weak_ptr<TableViewDelegate> delegate_;
+    std::vector<std::shared_ptr<TableViewCell>> visible_;
+    std::map<std::string, std::deque<std::shared_ptr<TableViewCell>>> reusable_;
+    std::optional<IndexPath> selected_;
+    std::shared_ptr<View> footer_;
+    std::optional<double> sectionFooterHeight_;
+    std::shared_ptr<View> sectionFooter_;
+    std::vector<std::pair<IndexPath, bool>> deselections_;
+    double contentHeight_ = 0;
+    int reloadCount_ = 0;
 };
 
 // Map.
@@ -605,33 +767,46 @@ struct TOVREL_EXPORT OverlayView {
     double lineWidth = 0;
 };
 
-/// The view that draws one annotation, with its callout.
+/// The view that draws one annotation, with its callout. It starts enabled, without a callout,
+/// 32 × 39 points at the origin.
 class TOVREL_EXPORT AnnotationView : public View {
   public:
+    /// Main thread. `annotation` is never null.
+    AnnotationView(std::shared_ptr<ViewRenderer> renderer, std::shared_ptr<Annotation> annotation,
+                   std::string reuseIdentifier);
     /// Main thread. The annotation it draws (never null).
-    [[nodiscard]] virtual std::shared_ptr<Annotation> annotation() const = 0;
+    [[nodiscard]] std::shared_ptr<Annotation> annotation() const { return annotation_; }
     /// Main thread.
-    [[nodiscard]] virtual std::string reuseIdentifier() const = 0;
+    [[nodiscard]] std::string reuseIdentifier() const { return reuseIdentifier_; }
     /// Main thread. A resource name, or empty for the platform's pin.
-    [[nodiscard]] virtual std::string imageName() const = 0;
+    [[nodiscard]] std::string imageName() const { return imageName_; }
     /// Main thread.
-    virtual void setImageName(const std::string& name) = 0;
+    void setImageName(const std::string& name);
     /// Main thread.
-    [[nodiscard]] virtual bool isEnabled() const = 0;
+    [[nodiscard]] bool isEnabled() const { return enabled_; }
     /// Main thread.
-    virtual void setEnabled(bool enabled) = 0;
+    void setEnabled(bool enabled) { enabled_ = enabled; }
     /// Main thread. Whether tapping the pin opens a callout with title, subtitle and accessories.
-    [[nodiscard]] virtual bool canShowCallout() const = 0;
+    [[nodiscard]] bool canShowCallout() const { return canShowCallout_; }
     /// Main thread.
-    virtual void setCanShowCallout(bool shows) = 0;
+    void setCanShowCallout(bool shows) { canShowCallout_ = shows; }
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> leftCalloutAccessoryView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> leftCalloutAccessoryView() const { return left_; }
     /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    virtual void setLeftCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+    void setLeftCalloutAccessoryView(std::shared_ptr<View> view) { left_ = std::move(view); }
     /// Main thread.
-    [[nodiscard]] virtual std::shared_ptr<View> rightCalloutAccessoryView() const = 0;
+    [[nodiscard]] std::shared_ptr<View> rightCalloutAccessoryView() const { return right_; }
     /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    virtual void setRightCalloutAccessoryView(std::shared_ptr<View> view) = 0;
+    void setRightCalloutAccessoryView(std::shared_ptr<View> view) { right_ = std::move(view); }
+
+  private:
+    std::shared_ptr<Annotation> annotation_;
+    std::string reuseIdentifier_;
+    std::string imageName_;
+    bool enabled_ = true;
+    bool canShowCallout_ = false;
+    std::shared_ptr<View> left_;
+    std::shared_ptr<View> right_;
 };
 
 class MapView;
@@ -661,6 +836,7 @@ class TOVREL_EXPORT MapViewDelegate {
 /// A map with annotations, overlays and the user's position.
 class TOVREL_EXPORT MapView : public View {
   public:
+    using View::View;
     /// Main thread. Not owned.
     virtual void setDelegate(std::weak_ptr<MapViewDelegate> delegate) = 0;
     /// Main thread. The annotations on the map, the user location included while it is shown and

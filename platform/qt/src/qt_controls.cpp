@@ -34,11 +34,7 @@ Qt::Alignment alignmentOf(platform::TextAlignment alignment) {
 
 QtActivityIndicator::QtActivityIndicator(std::shared_ptr<QtViewContext> context,
                                          platform::ActivityIndicatorStyle style)
-    : QtViewOf(std::move(context), new ViewWidget,
-               style == platform::ActivityIndicatorStyle::kWhiteLarge ? platform::Rect{0, 0, 37, 37}
-                                                                      : platform::Rect{0, 0, 20, 20}),
-      style_(style) {
-    coreSetHidden(true);
+    : ActivityIndicatorView(context, style), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     auto* turn = new QTimer(view);
     turn->setInterval(80);
@@ -51,7 +47,7 @@ QtActivityIndicator::QtActivityIndicator(std::shared_ptr<QtViewContext> context,
     view->setProperty("timer", QVariant::fromValue(static_cast<QObject*>(turn)));
     view->paint = [this, view](QPainter& painter) {
         const QColor base =
-            style_ == platform::ActivityIndicatorStyle::kGray ? QColor(90, 90, 90) : Qt::white;
+            this->style() == platform::ActivityIndicatorStyle::kGray ? QColor(90, 90, 90) : Qt::white;
         const int step = view->property("step").toInt();
         const QPointF centre = QRectF(view->rect()).center();
         const double outer = std::min(view->width(), view->height()) / 2.0;
@@ -66,28 +62,13 @@ QtActivityIndicator::QtActivityIndicator(std::shared_ptr<QtViewContext> context,
     };
 }
 
-void QtActivityIndicator::setHidesWhenStopped(bool hides) {
-    hidesWhenStopped_ = hides;
-    if (!animating_) {
-        setHidden(hides);
-    }
-}
-
-void QtActivityIndicator::startAnimating() {
-    animating_ = true;
+void QtActivityIndicator::contentChanged() {
     if (auto* timer = qobject_cast<QTimer*>(widget()->property("timer").value<QObject*>())) {
-        timer->start();
-    }
-    setHidden(false);
-}
-
-void QtActivityIndicator::stopAnimating() {
-    animating_ = false;
-    if (auto* timer = qobject_cast<QTimer*>(widget()->property("timer").value<QObject*>())) {
-        timer->stop();
-    }
-    if (hidesWhenStopped_) {
-        setHidden(true);
+        if (isAnimating()) {
+            timer->start();
+        } else {
+            timer->stop();
+        }
     }
 }
 
@@ -95,7 +76,7 @@ void QtActivityIndicator::stopAnimating() {
 
 QtButton::QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type,
                    const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame), type_(type) {
+    : Button(context, type, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->setCursor(Qt::PointingHandCursor);
     view->tap = [this] { tap(); };
@@ -106,26 +87,27 @@ QtButton::QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType 
     view->paint = [this, view](QPainter& painter) {
         const QRectF area = view->rect();
         const bool down = view->property("down").toBool();
-        const QImage image = context_->image(imageName_);
+        const QImage image = context_->image(imageName());
         if (!image.isNull()) {
             const QSizeF size = image.size().scaled(area.size().toSize(), Qt::KeepAspectRatio);
             const QRectF target(area.center().x() - size.width() / 2, area.center().y() - size.height() / 2,
                                 size.width(), size.height());
             painter.drawImage(target, image);
         }
-        if (!title_.empty()) {
-            QColor color = titleColor_ ? toQColor(*titleColor_) : kTint;
+        if (const std::string title = this->title(); !title.empty()) {
+            const auto titleColor = this->titleColor();
+            QColor color = titleColor ? toQColor(*titleColor) : kTint;
             if (down) {
                 color.setAlphaF(0.4F);
             }
             QFont font = painter.font();
-            font.setPixelSize(type_ == platform::ButtonType::kSystem ? 15 : 20);
-            font.setBold(type_ == platform::ButtonType::kCustom);
+            font.setPixelSize(buttonType() == platform::ButtonType::kSystem ? 15 : 20);
+            font.setBold(buttonType() == platform::ButtonType::kCustom);
             painter.setFont(font);
             painter.setPen(color);
-            painter.drawText(area, Qt::AlignCenter | Qt::TextWordWrap, QString::fromStdString(title_));
+            painter.drawText(area, Qt::AlignCenter | Qt::TextWordWrap, QString::fromStdString(title));
         }
-        if (down && showsTouch_) {
+        if (down && showsTouchWhenHighlighted()) {
             painter.setPen(Qt::NoPen);
             painter.setBrush(QColor(255, 255, 255, 110));
             painter.drawEllipse(area.center(), area.width() / 2, area.height() / 2);
@@ -133,90 +115,27 @@ QtButton::QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType 
     };
 }
 
-void QtButton::refresh() {
-    widget()->update();
-}
-
-void QtButton::setTitle(const std::string& title) {
-    title_ = title;
-    refresh();
-}
-
-void QtButton::setTitleColor(const platform::Color& color) {
-    titleColor_ = color;
-    refresh();
-}
-
-void QtButton::setImageName(const std::string& name) {
-    imageName_ = name;
-    refresh();
-}
-
-bool QtButton::tap() {
-    const auto action = action_;
-    const auto hook = controlHook_;
-    if (!action && !hook) {
-        return false;
-    }
-    const auto keepAlive = shared_from_this();
-    if (action) {
-        action();
-    }
-    if (hook) {
-        hook();
-    }
-    return true;
-}
-
 // ---- Label ----
 
 QtLabel::QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame) {
+    : Label(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->paint = [this, view](QPainter& painter) {
-        QFont font(QString::fromStdString(font_.name));
-        font.setPixelSize(std::max(1, static_cast<int>(std::lround(font_.size))));
+        const platform::Font shown = font();
+        QFont font(QString::fromStdString(shown.name));
+        font.setPixelSize(std::max(1, static_cast<int>(std::lround(shown.size))));
         painter.setFont(font);
-        painter.setPen(toQColor(textColor_));
-        const int flags = static_cast<int>(alignmentOf(alignment_)) | Qt::AlignVCenter |
-                          (lines_ == 1 ? Qt::TextSingleLine : Qt::TextWordWrap);
-        painter.drawText(view->rect(), flags, QString::fromStdString(text_));
+        painter.setPen(toQColor(textColor()));
+        const int flags = static_cast<int>(alignmentOf(textAlignment())) | Qt::AlignVCenter |
+                          (numberOfLines() == 1 ? Qt::TextSingleLine : Qt::TextWordWrap);
+        painter.drawText(view->rect(), flags, QString::fromStdString(text()));
     };
-}
-
-void QtLabel::refresh() {
-    widget()->update();
-}
-
-void QtLabel::setText(const std::string& text) {
-    text_ = text;
-    refresh();
-}
-
-void QtLabel::setNumberOfLines(int lines) {
-    lines_ = lines;
-    refresh();
-}
-
-void QtLabel::setFont(const platform::Font& font) {
-    font_ = font;
-    refresh();
-}
-
-void QtLabel::setTextColor(const platform::Color& color) {
-    textColor_ = color;
-    refresh();
-}
-
-void QtLabel::setTextAlignment(platform::TextAlignment alignment) {
-    alignment_ = alignment;
-    refresh();
 }
 
 // ---- Navigation bar ----
 
 QtNavigationBar::QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame) {
+    : NavigationBar(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->paint = [this, view](QPainter& painter) {
         painter.fillRect(view->rect(), QColor(247, 247, 247));
@@ -235,12 +154,6 @@ QtNavigationBar::QtNavigationBar(std::shared_ptr<QtViewContext> context, const p
 std::string QtNavigationBar::shownTitle() const {
     const auto top = topItem();
     return top ? top->title : std::string();
-}
-
-void QtNavigationBar::setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items,
-                               bool /*animated*/) {
-    items_ = std::move(items);
-    layoutBar();
 }
 
 void QtNavigationBar::layoutBar() {
@@ -268,25 +181,25 @@ void QtNavigationBar::layoutBar() {
 
 QtTableViewCell::QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                                  std::string reuseIdentifier)
-    : QtViewOf(std::move(context), new ViewWidget, {0, 0, 320, 44}),
-      style_(style),
-      reuseIdentifier_(std::move(reuseIdentifier)) {
+    : TableViewCell(context, style, std::move(reuseIdentifier)),
+      QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = widgetOf(widget());
     view->paint = [this, view](QPainter& painter) {
         const QRect area = view->rect();
         if (view->property("selected").toBool()) {
             painter.fillRect(area, QColor(255, 255, 255, 40));
         }
-        int x = 15 + static_cast<int>(indentation_) * 10;
-        const QImage image = context_->image(imageName_);
+        int x = 15 + static_cast<int>(indentationLevel()) * 10;
+        const QImage image = context_->image(imageName());
         if (!image.isNull()) {
             const QRect target(x, (area.height() - 29) / 2, 29, 29);
             painter.drawImage(target, image);
             x = target.right() + 16;
         }
         int right = area.width() - 15;
-        if (accessory_ == platform::TableViewCellAccessory::kDisclosureIndicator ||
-            accessory_ == platform::TableViewCellAccessory::kDetailDisclosureButton) {
+        const auto accessory = accessoryType();
+        if (accessory == platform::TableViewCellAccessory::kDisclosureIndicator ||
+            accessory == platform::TableViewCellAccessory::kDetailDisclosureButton) {
             QColor chevron(199, 199, 204);
             painter.setPen(QPen(chevron, 2.2, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
             const double cy = area.height() / 2.0;
@@ -296,7 +209,7 @@ QtTableViewCell::QtTableViewCell(std::shared_ptr<QtViewContext> context, platfor
             path.lineTo(right - 7, cy + 7);
             painter.drawPath(path);
             right -= 20;
-        } else if (accessory_ == platform::TableViewCellAccessory::kCheckmark) {
+        } else if (accessory == platform::TableViewCellAccessory::kCheckmark) {
             painter.setPen(QPen(kTint.lighter(130), 2.5, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
             const double cy = area.height() / 2.0;
             QPainterPath path;
@@ -309,46 +222,18 @@ QtTableViewCell::QtTableViewCell(std::shared_ptr<QtViewContext> context, platfor
         QFont font = painter.font();
         font.setPixelSize(17);
         painter.setFont(font);
-        painter.setPen(textColor_ ? toQColor(*textColor_) : Qt::black);
+        const auto textColor = this->textColor();
+        painter.setPen(textColor ? toQColor(*textColor) : Qt::black);
         painter.drawText(QRect(x, 0, std::max(0, right - x), area.height()), Qt::AlignVCenter | Qt::AlignLeft,
-                         QString::fromStdString(text_));
+                         QString::fromStdString(text()));
         painter.setPen(QColor(255, 255, 255, 38));
         painter.drawLine(x, area.height() - 1, area.width(), area.height() - 1);
     };
 }
 
-void QtTableViewCell::refresh() {
-    widget()->update();
-}
-
-void QtTableViewCell::setText(const std::string& text) {
-    text_ = text;
-    refresh();
-}
-
-void QtTableViewCell::setTextColor(const platform::Color& color) {
-    textColor_ = color;
-    refresh();
-}
-
-void QtTableViewCell::setImageName(const std::string& name) {
-    imageName_ = name;
-    refresh();
-}
-
-void QtTableViewCell::setAccessoryType(platform::TableViewCellAccessory accessory) {
-    accessory_ = accessory;
-    refresh();
-}
-
-void QtTableViewCell::setIndentationLevel(long level) {
-    indentation_ = level;
-    refresh();
-}
-
 void QtTableViewCell::setSelectedLook(bool selected) {
     widget()->setProperty("selected", selected);
-    refresh();
+    widget()->update();
 }
 
 }  // namespace tovrel::qtbackend

@@ -108,22 +108,20 @@ class QtMapView::Widget final : public BackedWidget {
 QtAnnotationView::QtAnnotationView(std::shared_ptr<QtViewContext> context,
                                    std::shared_ptr<platform::Annotation> annotation,
                                    std::string reuseIdentifier)
-    : QtViewOf(std::move(context), new ViewWidget, {0, 0, 32, 39}),
-      annotation_(std::move(annotation)),
-      reuseIdentifier_(std::move(reuseIdentifier)) {
+    : AnnotationView(context, std::move(annotation), std::move(reuseIdentifier)),
+      QtViewCore(std::move(context), new ViewWidget, *this) {
     auto* view = static_cast<ViewWidget*>(widget());
     view->setCursor(Qt::PointingHandCursor);
     view->paint = [this, view](QPainter& painter) { painter.drawImage(QRectF(view->rect()), shownImage()); };
     view->tap = [this] {
         const auto handler = onTap;
-        if (handler && enabled_) {
+        if (handler && isEnabled()) {
             handler();
         }
     };
 }
 
-void QtAnnotationView::setImageName(const std::string& name) {
-    imageName_ = name;
+void QtAnnotationView::contentChanged() {
     const QImage image = shownImage();
     const auto f = frame();
     setFrame({f.x, f.y, static_cast<double>(image.width()), static_cast<double>(image.height())});
@@ -131,14 +129,15 @@ void QtAnnotationView::setImageName(const std::string& name) {
 }
 
 QImage QtAnnotationView::shownImage() const {
-    const QImage image = context_->image(imageName_);
+    const QImage image = context_->image(imageName());
     return image.isNull() ? defaultPin() : image;
 }
 
 // ---- Map ----
 
 QtMapView::QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new Widget, frame),
+    : MapView(context, frame),
+      QtViewCore(std::move(context), new Widget, *this),
       userLocation_(std::make_shared<platform::UserLocation>()) {
     static_cast<Widget*>(widget())->setOwner(this);
     userLocation_->coordinate = {-180, -180};
@@ -156,7 +155,7 @@ QtMapView::~QtMapView() {
 }
 
 void QtMapView::frameChanged() {
-    camera_.setViewSize({frame_.width, frame_.height});
+    camera_.setViewSize({frame().width, frame().height});
     cameraChanged();
 }
 

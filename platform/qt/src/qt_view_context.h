@@ -8,16 +8,17 @@
 #include <vector>
 
 #include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/view_renderer.h"
 #include "tovrel/platform/views.h"
-#include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::qtbackend {
 
 class QtViewSystem;
 
-/// What a QtViewSystem shares with its views. Only weak references point back out, so a view held
-/// by a posted task or a timer never keeps the loop or the system alive.
-struct QtViewContext final : viewtree::ScreenRoots {
+/// What a QtViewSystem shares with its views, and the renderer that shows them as widgets. Only weak
+/// references point back out, so a view held by a posted task or a timer never keeps the loop or the
+/// system alive.
+struct QtViewContext final : platform::ViewRenderer {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::View> keyWindow;
     std::vector<std::weak_ptr<platform::View>> presented;
@@ -28,13 +29,13 @@ struct QtViewContext final : viewtree::ScreenRoots {
     mutable std::map<std::string, QImage> images;
     QtViewSystem* system = nullptr;
 
-    void postLater(platform::Task task) const override {
-        if (auto mainLoop = loop.lock()) {
-            mainLoop->post(std::move(task));
-        }
-    }
-    [[nodiscard]] bool isScreenRoot(const platform::View* view) const override;
-    [[nodiscard]] bool isPresented(const platform::View* view) const;
+    [[nodiscard]] bool isKeyWindow(const platform::View& view) const override;
+    [[nodiscard]] bool isPresented(const platform::View& view) const override;
+    void postLater(platform::Task task) const override;
+    void viewChanged(platform::View& view, platform::ViewProperty property) override;
+    void subviewAdded(platform::View& parent, platform::View& child, bool moved) override;
+    void viewDetached(platform::View& view) override;
+    void animationAdded(platform::View& view, const platform::BasicAnimation& animation) override;
     /// The image of a resource name ("TovrelSDKResources.bundle/pin1.png"), cached; null when missing.
     [[nodiscard]] QImage image(const std::string& name) const;
     /// The stacking of the key window changed.

@@ -24,16 +24,45 @@ QColor toQColor(const platform::Color& color) {
 
 // ---- QtViewContext ----
 
-bool QtViewContext::isScreenRoot(const platform::View* view) const {
-    if (view == keyWindow.lock().get()) {
-        return true;
-    }
-    return isPresented(view);
+bool QtViewContext::isKeyWindow(const platform::View& view) const {
+    return &view == keyWindow.lock().get();
 }
 
-bool QtViewContext::isPresented(const platform::View* view) const {
+bool QtViewContext::isPresented(const platform::View& view) const {
     return std::any_of(presented.begin(), presented.end(),
-                       [view](const auto& weak) { return weak.lock().get() == view; });
+                       [&view](const auto& weak) { return weak.lock().get() == &view; });
+}
+
+void QtViewContext::postLater(platform::Task task) const {
+    if (auto mainLoop = loop.lock()) {
+        mainLoop->post(std::move(task));
+    }
+}
+
+void QtViewContext::viewChanged(platform::View& view, platform::ViewProperty property) {
+    if (auto* core = qtCore(&view)) {
+        core->modelChanged(property);
+    }
+}
+
+void QtViewContext::subviewAdded(platform::View& parent, platform::View& child, bool moved) {
+    auto* parentCore = qtCore(&parent);
+    auto* childCore = qtCore(&child);
+    if (parentCore != nullptr && childCore != nullptr) {
+        parentCore->didAddSubview(*childCore, moved);
+    }
+}
+
+void QtViewContext::viewDetached(platform::View& view) {
+    if (auto* core = qtCore(&view)) {
+        core->didLeaveSuperview();
+    }
+}
+
+void QtViewContext::animationAdded(platform::View& view, const platform::BasicAnimation& animation) {
+    if (auto* core = qtCore(&view)) {
+        core->showAnimation(animation);
+    }
 }
 
 QImage QtViewContext::image(const std::string& name) const {
@@ -79,15 +108,15 @@ QtViewCore* qtCore(const platform::View* view) {
     return dynamic_cast<QtViewCore*>(const_cast<platform::View*>(view));
 }
 
-QtViewCore::QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)
-    : context_(std::move(context)), widget_(widget), frame_(frame) {
+QtViewCore::QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, platform::View& view)
+    : context_(std::move(context)), widget_(widget), view_(view), shownAlpha_(view.alpha()) {
     widget_->hide();
     applyGeometry();
 }
 
 QtViewCore::~QtViewCore() {
     // Subviews may outlive this view: their widgets leave this one before it goes.
-    for (const auto& subview : subviews_) {
+    for (const auto& subview : view_.subviews()) {
         if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_) {
             core->widget_->hide();
             core->widget_->setParent(nullptr);
@@ -104,20 +133,60 @@ QtViewCore::~QtViewCore() {
     delete widget_;
 }
 
-const viewtree::ScreenRoots& QtViewCore::screenRoots() const {
-    return *context_;
+void QtViewCore::modelChanged(platform::ViewProperty property) {
+    using platform::ViewProperty;
+    switch (property) {
+        case ViewProperty::kFrame:
+            applyGeometry();
+            frameChanged();
+            break;
+        case ViewProperty::kTransform:
+            applyGeometry();
+            break;
+        case ViewProperty::kHidden:
+            applyVisibility();
+            break;
+        case ViewProperty::kAlpha:
+            fadeTo(view_.alpha());
+            break;
+        case ViewProperty::kZPosition:
+            if (const auto parent = view_.superview()) {
+                if (auto* core = qtCore(parent.get())) {
+                    core->restack();
+                }
+            } else if (isWindow_ || presented_) {
+                context_->windowChanged();
+            }
+            break;
+        case ViewProperty::kContent:
+            contentChanged();
+            break;
+        case ViewProperty::kBackgroundColor:
+            if (auto* backed = qobject_cast<BackedWidget*>(widget_)) {
+                backed->setBackground(view_.backgroundColor());
+            }
+            break;
+    }
+}
+
+void QtViewCore::contentChanged() {
+    if (widget_) {
+        widget_->update();
+    }
 }
 
 void QtViewCore::applyGeometry() {
     if (!widget_ || lentTo_) {
         return;
     }
+    const platform::Rect frame = view_.frame();
     if (isWindow_) {
-        widget_->setFixedSize(px(frame_.width), px(frame_.height));
+        widget_->setFixedSize(px(frame.width), px(frame.height));
         return;
     }
-    widget_->setGeometry(px(frame_.x + transform_.tx), px(frame_.y + transform_.ty + bounceOffset_),
-                         std::max(0, px(frame_.width)), std::max(0, px(frame_.height)));
+    const platform::Transform transform = view_.transform();
+    widget_->setGeometry(px(frame.x + transform.tx), px(frame.y + transform.ty + bounceOffset_),
+                         std::max(0, px(frame.width)), std::max(0, px(frame.height)));
 }
 
 void QtViewCore::applyVisibility() {
@@ -125,7 +194,7 @@ void QtViewCore::applyVisibility() {
         return;
     }
     // A widget without a parent would become a window of its own: it stays hidden.
-    widget_->setVisible(!hidden_ && widget_->parentWidget() != nullptr);
+    widget_->setVisible(!view_.isHidden() && widget_->parentWidget() != nullptr);
 }
 
 void QtViewCore::applyOpacity(double opacity) {
@@ -144,20 +213,9 @@ void QtViewCore::applyOpacity(double opacity) {
     effect->setOpacity(std::clamp(opacity, 0.0, 1.0));
 }
 
-void QtViewCore::coreSetFrame(const platform::Rect& frame) {
-    frame_ = frame;
-    applyGeometry();
-    frameChanged();
-}
-
-void QtViewCore::coreSetHidden(bool hidden) {
-    hidden_ = hidden;
-    applyVisibility();
-}
-
-void QtViewCore::coreSetAlpha(double alpha) {
-    const double previous = alpha_;
-    alpha_ = alpha;
+void QtViewCore::fadeTo(double alpha) {
+    const double previous = shownAlpha_;
+    shownAlpha_ = alpha;
     if (context_->openAnimations.empty() || context_->openAnimations.back().duration <= 0) {
         if (fade_) {
             fade_->stop();
@@ -180,38 +238,15 @@ void QtViewCore::coreSetAlpha(double alpha) {
     fade_->start();
 }
 
-void QtViewCore::coreSetTransform(const platform::Transform& transform) {
-    transform_ = transform;
-    applyGeometry();
-}
-
-void QtViewCore::coreSetZPosition(float z) {
-    zPosition_ = z;
-    if (const auto parent = superview_.lock()) {
-        if (auto* core = qtCore(parent.get())) {
-            core->restack();
-        }
-    } else if (isWindow_ || presented_) {
-        context_->windowChanged();
-    }
-}
-
-void QtViewCore::coreSetBackground(const std::optional<platform::Color>& color) {
-    backgroundColor_ = color;
-    if (auto* backed = qobject_cast<BackedWidget*>(widget_)) {
-        backed->setBackground(color);
-    }
-}
-
 void QtViewCore::restack() {
     if (isWindow_) {
         context_->windowChanged();
         return;
     }
     std::vector<std::pair<float, QWidget*>> order;
-    for (const auto& subview : subviews_) {
+    for (const auto& subview : view_.subviews()) {
         if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_ && !core->lentTo_) {
-            order.emplace_back(core->zPosition_, core->widget_);
+            order.emplace_back(subview->zPosition(), core->widget_);
         }
     }
     std::stable_sort(order.begin(), order.end(),
@@ -229,12 +264,12 @@ void QtViewCore::lendWidgetTo(QWidget* host, const QRect& geometry) {
         lentTo_ = host;
         widget_->setParent(host);
         widget_->setGeometry(geometry);
-        widget_->setVisible(!hidden_);
+        widget_->setVisible(!view_.isHidden());
         widget_->raise();
         return;
     }
     lentTo_ = nullptr;
-    const auto parent = superview_.lock();
+    const auto parent = view_.superview();
     auto* parentCore = parent ? qtCore(parent.get()) : nullptr;
     widget_->setParent(parentCore != nullptr ? parentCore->contentWidget() : nullptr);
     applyGeometry();
@@ -244,15 +279,7 @@ void QtViewCore::lendWidgetTo(QWidget* host, const QRect& geometry) {
     }
 }
 
-void QtViewCore::coreAddSubview(const std::shared_ptr<platform::View>& view) {
-    const QtViewCore* child = view ? qtCore(view.get()) : nullptr;
-    if (child != nullptr && !child->isWindow_) {
-        linkSubview(view);
-    }
-}
-
-void QtViewCore::didAddSubview(viewtree::ViewNode& node, bool moved) {
-    auto& child = static_cast<QtViewCore&>(node);
+void QtViewCore::didAddSubview(QtViewCore& child, bool moved) {
     if (moved && child.widget_ && !child.lentTo_) {
         child.widget_->setParent(contentWidget());
         child.applyGeometry();
@@ -268,8 +295,7 @@ void QtViewCore::didLeaveSuperview() {
     }
 }
 
-void QtViewCore::coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation) {
-    animations_[key] = animation;
+void QtViewCore::showAnimation(const platform::BasicAnimation& animation) {
     if (animation.keyPath != "position.y" || animation.duration <= 0) {
         return;
     }
@@ -306,6 +332,6 @@ void QtViewCore::coreAddAnimation(const std::string& key, const platform::BasicA
 // ---- QtView ----
 
 QtView::QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new BackedWidget, frame) {}
+    : View(context, frame), QtViewCore(std::move(context), new BackedWidget, *this) {}
 
 }  // namespace tovrel::qtbackend

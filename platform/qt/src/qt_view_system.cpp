@@ -148,10 +148,10 @@ void QtViewSystem::animate(const platform::ViewAnimation& animation, const std::
 void QtViewSystem::presentModalView(std::shared_ptr<platform::View> view,
                                     const platform::ModalPresentation& /*presentation*/) {
     auto* core = view ? qtCore(view.get()) : nullptr;
-    if (core == nullptr || context_->isScreenRoot(view.get())) {
+    if (core == nullptr || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
         return;
     }
-    const bool wasOnScreen = core->isOnScreen();
+    const bool wasOnScreen = view->isOnScreen();
     context_->presented.push_back(view);
     core->presented_ = true;
     if (core->widget_ && !view->superview()) {
@@ -161,7 +161,7 @@ void QtViewSystem::presentModalView(std::shared_ptr<platform::View> view,
     }
     restackWindow();
     if (!wasOnScreen) {
-        core->announce(platform::Appearance::kWillAppear);
+        view->announce(platform::Appearance::kWillAppear);
     }
 }
 
@@ -179,8 +179,8 @@ void QtViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view,
         core->widget_->hide();
         core->widget_->setParent(nullptr);
     }
-    if (!core->isOnScreen()) {
-        core->announce(platform::Appearance::kWillDisappear);
+    if (!view->isOnScreen()) {
+        view->announce(platform::Appearance::kWillDisappear);
     }
 }
 
@@ -198,7 +198,7 @@ void QtViewSystem::restackWindow() {
     std::vector<std::pair<float, QWidget*>> order;
     for (const auto& subview : keyWindow_->subviews()) {
         if (auto* core = qtCore(subview.get()); core != nullptr && core->widget_ && !core->isLent()) {
-            order.emplace_back(core->zPosition_, core->widget_);
+            order.emplace_back(subview->zPosition(), core->widget_);
         }
     }
     for (const auto& view : presentedViews()) {

@@ -80,20 +80,9 @@ class QtWebView::Engine final : public QWebEngineView {
     QTimer timeout_;
 };
 
-void QtScrollView::setZoomScale(float scale) {
-    zoom_ = std::clamp(scale, minimum_, maximum_);
-    owner_.applyZoom(zoom_);
-}
-
-void QtScrollView::resetZoom() {
-    minimum_ = 1;
-    maximum_ = 1;
-    zoom_ = 1;
-    owner_.applyZoom(1);
-}
-
 QtWebView::QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : QtViewOf(std::move(context), new ViewWidget, frame), scrollView_(*this) {
+    : WebView(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
+    scrollView_.setZoomObserver([this](float zoom) { applyZoom(zoom); });
     engine_ = new Engine(*this, widget());
     engine_->setGeometry(0, 0, widget()->width(), widget()->height());
     engine_->show();
@@ -208,7 +197,7 @@ void QtWebView::finished(bool ok) {
             const double width = list.size() == 2 ? list[0].toDouble() : 0;
             const double height = list.size() == 2 ? list[1].toDouble() : 0;
             view->scrollView_.setContentSize(
-                {width > 0 ? width : view->frame_.width, height > 0 ? height : view->frame_.height});
+                {width > 0 ? width : view->frame().width, height > 0 ? height : view->frame().height});
             view->loading_ = false;
             ++view->finishedLoads_;
             if (auto delegate = view->delegate_.lock()) {
@@ -248,7 +237,7 @@ void QtWebView::evaluateJavaScript(const std::string& script) {
 }
 
 platform::Size QtWebView::sizeThatFits(const platform::Size& /*size*/) {
-    return {frame_.width, frame_.height};
+    return {frame().width, frame().height};
 }
 
 void QtWebView::applyZoom(double factor) {

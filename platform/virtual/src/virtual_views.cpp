@@ -2,15 +2,17 @@
 
 #include <algorithm>
 
+#include "tovrel/platform/view_renderer.h"
 #include "tovrel/virtual/virtual_platform.h"
 
 namespace tovrel::virtualbackend {
 
 using platform::Appearance;
 
-/// What a ViewSystem shares with its views. Only weak references point back out, so a view held by
-/// a posted task or a timer never keeps the loop, the client or the system alive.
-struct ViewContext final : viewtree::ScreenRoots {
+/// What a ViewSystem shares with its views, and the renderer that shows them: it records the
+/// properties set inside animation blocks. Only weak references point back out, so a view held by a
+/// posted task or a timer never keeps the loop, the client or the system alive.
+struct ViewContext final : platform::ViewRenderer {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
     std::weak_ptr<platform::View> keyWindow;
@@ -20,57 +22,53 @@ struct ViewContext final : viewtree::ScreenRoots {
     std::map<std::string, platform::Size> contentSizes;
     std::map<std::string, int> subframes;
 
+    [[nodiscard]] bool isKeyWindow(const platform::View& view) const override {
+        return &view == keyWindow.lock().get();
+    }
+    [[nodiscard]] bool isPresented(const platform::View& view) const override {
+        return std::any_of(presented.begin(), presented.end(),
+                           [&view](const auto& weak) { return weak.lock().get() == &view; });
+    }
     void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
             mainLoop->post(std::move(task));
         }
     }
-    [[nodiscard]] bool isScreenRoot(const platform::View* view) const override {
-        if (view == keyWindow.lock().get()) {
-            return true;
+    void viewChanged(platform::View& view, platform::ViewProperty property) override {
+        using platform::ViewProperty;
+        if (openBlocks.empty()) {
+            return;
         }
-        return std::any_of(presented.begin(), presented.end(),
-                           [view](const auto& weak) { return weak.lock().get() == view; });
+        auto& changes = blocks[openBlocks.back()].changes;
+        switch (property) {
+            case ViewProperty::kHidden:
+                changes.push_back({view.weak_from_this(), "hidden", view.isHidden()});
+                break;
+            case ViewProperty::kAlpha:
+                changes.push_back({view.weak_from_this(), "alpha", view.alpha()});
+                break;
+            case ViewProperty::kFrame:
+                changes.push_back({view.weak_from_this(), "frame", view.frame()});
+                break;
+            case ViewProperty::kTransform:
+                changes.push_back({view.weak_from_this(), "transform", view.transform()});
+                break;
+            default:
+                break;
+        }
     }
+    void subviewAdded(platform::View& /*parent*/, platform::View& /*child*/, bool /*moved*/) override {}
+    void viewDetached(platform::View& /*view*/) override {}
+    void animationAdded(platform::View& /*view*/, const platform::BasicAnimation& /*animation*/) override {}
 };
 
-namespace {
-
-VirtualViewCore* coreOf(const platform::View* view) {
-    return dynamic_cast<VirtualViewCore*>(const_cast<platform::View*>(view));
-}
-
-}  // namespace
-
-// ---- VirtualViewCore ----
-
-VirtualViewCore::VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-    : context_(std::move(context)), frame_(frame) {}
-
-const viewtree::ScreenRoots& VirtualViewCore::screenRoots() const {
-    return *context_;
-}
-
-void VirtualViewCore::record(const char* property,
-                             std::variant<double, bool, platform::Rect, platform::Transform> value) {
-    if (context_->openBlocks.empty()) {
-        return;
-    }
-    context_->blocks[context_->openBlocks.back()].changes.push_back(
-        AnimatedChange{self().weak_from_this(), property, std::move(value)});
-}
+VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : View(context, frame) {}
 
 // ---- Scroll and web views ----
 
-void VirtualScrollView::setZoomScale(float scale) {
-    if (scale < minimum_) {
-        scale = minimum_;
-    }
-    if (scale > maximum_) {
-        scale = maximum_;
-    }
-    zoom_ = scale;
-}
+VirtualWebView::VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : WebView(context, frame), context_(context) {}
 
 void VirtualWebView::loadRequest(const platform::URLRequest& request) {
     requests_.push_back(request);
@@ -93,7 +91,7 @@ void VirtualWebView::stopLoading() {
 
 platform::Size VirtualWebView::sizeThatFits(const platform::Size& /*size*/) {
     ++sizeThatFitsCount_;
-    return {frame_.width, frame_.height};
+    return {frame().width, frame().height};
 }
 
 void VirtualWebView::navigate(const platform::URLRequest& request, platform::WebNavigationType type) {
@@ -151,7 +149,7 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     body_ = response.body;
     const auto size = context_->contentSizes.find(request.url);
     scrollView_.setContentSize(
-        size != context_->contentSizes.end() ? size->second : platform::Size{frame_.width, frame_.height});
+        size != context_->contentSizes.end() ? size->second : platform::Size{frame().width, frame().height});
     const auto frames = context_->subframes.find(request.url);
     const int subframes = frames == context_->subframes.end() ? 0 : frames->second;
     for (int i = 0; i < subframes && generation == generation_; ++i) {
@@ -171,125 +169,10 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     }
 }
 
-// ---- Controls ----
-
-VirtualActivityIndicator::VirtualActivityIndicator(std::shared_ptr<ViewContext> context,
-                                                   platform::ActivityIndicatorStyle style)
-    : VirtualViewOf(std::move(context), style == platform::ActivityIndicatorStyle::kWhiteLarge
-                                            ? platform::Rect{0, 0, 37, 37}
-                                            : platform::Rect{0, 0, 20, 20}),
-      style_(style) {
-    hidden_ = true;
-}
-
-void VirtualActivityIndicator::setHidesWhenStopped(bool hides) {
-    hidesWhenStopped_ = hides;
-    if (!animating_) {
-        setHidden(hides);
-    }
-}
-
-void VirtualActivityIndicator::startAnimating() {
-    animating_ = true;
-    setHidden(false);
-}
-
-void VirtualActivityIndicator::stopAnimating() {
-    animating_ = false;
-    if (hidesWhenStopped_) {
-        setHidden(true);
-    }
-}
-
-bool VirtualButton::tap() {
-    const auto action = action_;
-    if (!action) {
-        return false;
-    }
-    action();
-    return true;
-}
-
-// ---- Tables ----
-
-VirtualTableViewCell::VirtualTableViewCell(std::shared_ptr<ViewContext> context,
-                                           platform::TableViewCellStyle style, std::string reuseIdentifier)
-    : VirtualViewOf(std::move(context), {0, 0, 320, 44}),
-      style_(style),
-      reuseIdentifier_(std::move(reuseIdentifier)) {}
-
-void VirtualTableView::reloadData() {
-    ++reloadCount_;
-    const auto shown = std::move(visible_);
-    visible_.clear();
-    for (const auto& cell : shown) {
-        reusable_.put(cell->reuseIdentifier(), cell);
-        cell->removeFromSuperview();
-    }
-    selected_.reset();
-    const auto dataSource = dataSource_.lock();
-    if (!dataSource) {
-        return;
-    }
-    const long rows = dataSource->tableViewNumberOfRowsInSection(*this, 0);
-    for (long row = 0; row < rows; ++row) {
-        const platform::IndexPath path{0, row};
-        auto cell = dataSource->tableViewCellForRowAtIndexPath(*this, path);
-        if (!cell) {
-            continue;
-        }
-        if (auto delegate = delegate_.lock()) {
-            cell->setIndentationLevel(delegate->tableViewIndentationLevelForRowAtIndexPath(*this, path));
-        }
-        cell->setFrame({0, 44.0 * static_cast<double>(row), frame_.width, 44});
-        visible_.push_back(cell);
-        addSubview(cell);
-    }
-    if (auto delegate = delegate_.lock()) {
-        footerHeight_ = delegate->tableViewHeightForFooterInSection(*this, 0);
-        footerView_ = delegate->tableViewViewForFooterInSection(*this, 0);
-    }
-}
-
-std::shared_ptr<platform::TableViewCell> VirtualTableView::dequeueReusableCellWithIdentifier(
-    const std::string& identifier) {
-    return reusable_.take(identifier);
-}
-
-std::shared_ptr<platform::TableViewCell> VirtualTableView::cellForRowAtIndexPath(
-    const platform::IndexPath& indexPath) const {
-    if (indexPath.section != 0 || indexPath.row < 0 || indexPath.row >= static_cast<long>(visible_.size())) {
-        return nullptr;
-    }
-    return visible_[static_cast<std::size_t>(indexPath.row)];
-}
-
-void VirtualTableView::deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) {
-    deselections_.emplace_back(indexPath, animated);
-    if (selected_ == indexPath) {
-        selected_.reset();
-    }
-}
-
-void VirtualTableView::tapRow(long row) {
-    const platform::IndexPath path{0, row};
-    selected_ = path;
-    if (auto delegate = delegate_.lock()) {
-        delegate->tableViewDidSelectRowAtIndexPath(*this, path);
-    }
-}
-
 // ---- Map ----
 
-VirtualAnnotationView::VirtualAnnotationView(std::shared_ptr<ViewContext> context,
-                                             std::shared_ptr<platform::Annotation> annotation,
-                                             std::string reuseIdentifier)
-    : VirtualViewOf(std::move(context), {0, 0, 32, 39}),
-      annotation_(std::move(annotation)),
-      reuseIdentifier_(std::move(reuseIdentifier)) {}
-
-VirtualMapView::VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-    : VirtualViewOf(std::move(context), frame), userLocation_(std::make_shared<platform::UserLocation>()) {
+VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
+    : MapView(context, frame), context_(context), userLocation_(std::make_shared<platform::UserLocation>()) {
     userLocation_->coordinate = {-180, -180};
 }
 
@@ -314,6 +197,10 @@ void VirtualMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotat
     if (auto delegate = delegate_.lock()) {
         view = delegate->mapViewViewForAnnotation(*this, annotation);
     }
+    if (!view) {
+        // The platform's own pin, which nothing reuses.
+        view = std::make_shared<platform::AnnotationView>(context_, annotation, "");
+    }
     const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
     if (it != pinned_.end()) {
         it->view = std::move(view);
@@ -328,7 +215,7 @@ void VirtualMapView::removeAnnotations(
         if (it == pinned_.end()) {
             continue;
         }
-        if (it->view) {
+        if (it->view && !it->view->reuseIdentifier().empty()) {
             reusable_.put(it->view->reuseIdentifier(), it->view);
         }
         pinned_.erase(it);
@@ -479,29 +366,29 @@ std::shared_ptr<platform::WebView> VirtualViewSystem::makeWebView(const platform
 
 std::shared_ptr<platform::ActivityIndicatorView> VirtualViewSystem::makeActivityIndicator(
     platform::ActivityIndicatorStyle style) {
-    return std::make_shared<VirtualActivityIndicator>(context_, style);
+    return std::make_shared<platform::ActivityIndicatorView>(context_, style);
 }
 
 std::shared_ptr<platform::Button> VirtualViewSystem::makeButton(platform::ButtonType type,
                                                                 const platform::Rect& frame) {
-    return std::make_shared<VirtualButton>(context_, type, frame);
+    return std::make_shared<platform::Button>(context_, type, frame);
 }
 
 std::shared_ptr<platform::Label> VirtualViewSystem::makeLabel(const platform::Rect& frame) {
-    return std::make_shared<VirtualLabel>(context_, frame);
+    return std::make_shared<platform::Label>(context_, frame);
 }
 
 std::shared_ptr<platform::NavigationBar> VirtualViewSystem::makeNavigationBar(const platform::Rect& frame) {
-    return std::make_shared<VirtualNavigationBar>(context_, frame);
+    return std::make_shared<platform::NavigationBar>(context_, frame);
 }
 
 std::shared_ptr<platform::TableView> VirtualViewSystem::makeTableView(const platform::Rect& frame) {
-    return std::make_shared<VirtualTableView>(context_, frame);
+    return std::make_shared<platform::TableView>(context_, frame);
 }
 
 std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(
     platform::TableViewCellStyle style, const std::string& reuseIdentifier) {
-    return std::make_shared<VirtualTableViewCell>(context_, style, reuseIdentifier);
+    return std::make_shared<platform::TableViewCell>(context_, style, reuseIdentifier);
 }
 
 std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform::Rect& frame) {
@@ -510,7 +397,7 @@ std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform
 
 std::shared_ptr<platform::AnnotationView> VirtualViewSystem::makeAnnotationView(
     std::shared_ptr<platform::Annotation> annotation, const std::string& reuseIdentifier) {
-    return std::make_shared<VirtualAnnotationView>(context_, std::move(annotation), reuseIdentifier);
+    return std::make_shared<platform::AnnotationView>(context_, std::move(annotation), reuseIdentifier);
 }
 
 void VirtualViewSystem::animate(const platform::ViewAnimation& animation,
@@ -529,15 +416,14 @@ const std::vector<AnimationBlock>& VirtualViewSystem::animationBlocks() const {
 
 void VirtualViewSystem::presentModalView(std::shared_ptr<platform::View> view,
                                          const platform::ModalPresentation& presentation) {
-    auto* core = view ? coreOf(view.get()) : nullptr;
-    if (core == nullptr || context_->isScreenRoot(view.get())) {
+    if (!view || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
         return;
     }
-    const bool wasOnScreen = core->isOnScreen();
+    const bool wasOnScreen = view->isOnScreen();
     presentations_.push_back({view, presentation, rootContext_, false, false});
     context_->presented.push_back(view);
     if (!wasOnScreen) {
-        core->announce(Appearance::kWillAppear);
+        view->announce(Appearance::kWillAppear);
     }
 }
 
@@ -556,9 +442,8 @@ void VirtualViewSystem::dismissModalView(const std::shared_ptr<platform::View>& 
             break;
         }
     }
-    auto* core = coreOf(view.get());
-    if (!core->isOnScreen()) {
-        core->announce(Appearance::kWillDisappear);
+    if (!view->isOnScreen()) {
+        view->announce(Appearance::kWillDisappear);
     }
 }
 

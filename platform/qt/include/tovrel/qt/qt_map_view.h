@@ -67,42 +67,18 @@ class QtMapView;
 
 /// The view of one pin: its image (a resource name, or the default red pin) with the tip at the
 /// annotation's coordinate, and the callout's accessory views.
-class TOVREL_EXPORT QtAnnotationView final : public QtViewOf<platform::AnnotationView> {
+class TOVREL_EXPORT QtAnnotationView final : public platform::AnnotationView, public QtViewCore {
   public:
     QtAnnotationView(std::shared_ptr<QtViewContext> context, std::shared_ptr<platform::Annotation> annotation,
                      std::string reuseIdentifier);
-    [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] bool isEnabled() const override { return enabled_; }
-    void setEnabled(bool enabled) override { enabled_ = enabled; }
-    [[nodiscard]] bool canShowCallout() const override { return canShowCallout_; }
-    void setCanShowCallout(bool shows) override { canShowCallout_ = shows; }
-    [[nodiscard]] std::shared_ptr<platform::View> leftCalloutAccessoryView() const override { return left_; }
-    void setLeftCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        left_ = std::move(view);
-    }
-    [[nodiscard]] std::shared_ptr<platform::View> rightCalloutAccessoryView() const override {
-        return right_;
-    }
-    void setRightCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        right_ = std::move(view);
-    }
-
     /// The image drawn (the resource's, else the default pin).
     [[nodiscard]] QImage shownImage() const;
     /// The map taps this view's pin through this.
     std::function<void()> onTap;
 
-  private:
-    std::shared_ptr<platform::Annotation> annotation_;
-    std::string reuseIdentifier_;
-    std::string imageName_;
-    bool enabled_ = true;
-    bool canShowCallout_ = false;
-    std::shared_ptr<platform::View> left_;
-    std::shared_ptr<platform::View> right_;
+  protected:
+    /// A new image: the view takes its size.
+    void contentChanged() override;
 };
 
 /// A map drawn by the project with QPainter on Web Mercator: raster tiles from a URL template when
@@ -111,7 +87,7 @@ class TOVREL_EXPORT QtAnnotationView final : public QtViewOf<platform::Annotatio
 /// dot. Dragging pans, the wheel zooms. The delegate is asked for an annotation's view when the
 /// annotation is added and for an overlay's view when the overlay is added; removed annotations'
 /// views are set aside for reuse.
-class TOVREL_EXPORT QtMapView final : public QtViewOf<platform::MapView> {
+class TOVREL_EXPORT QtMapView final : public platform::MapView, public QtViewCore {
   public:
     /// How much decoded tile data a map keeps (48 MiB: about 190 tiles of 256 × 256).
     static constexpr int kTileCacheKiB = 48 * 1024;

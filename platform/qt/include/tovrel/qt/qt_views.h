@@ -15,9 +15,9 @@
 #include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/thread_check.h"
+#include "tovrel/platform/view_renderer.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
-#include "tovrel/viewtree/view_node.h"
 
 class QVariantAnimation;
 
@@ -45,68 +45,56 @@ class TOVREL_EXPORT BackedWidget : public QWidget {
     std::optional<QColor> background_;
 };
 
-/// State shared by every Qt view kind, over the common view tree: the model (frame, tag,
-/// z-position, hidden, alpha, transform, background) is kept here and shown through the view's widget, whose
-/// parent widget is the superview's content widget and whose stacking follows the z-positions (ties by order
-/// of adding). Main thread only.
-class TOVREL_EXPORT QtViewCore : public viewtree::ViewNode {
+/// What every Qt view kind keeps beside the model: the widget that shows the view, whose parent
+/// widget is the superview's content widget and whose stacking follows the z-positions (ties by order
+/// of adding). The renderer (the view system's context) tells it each change of the model. Main
+/// thread only.
+class TOVREL_EXPORT QtViewCore {
   public:
-    ~QtViewCore() override;
+    virtual ~QtViewCore();
+    QtViewCore(const QtViewCore&) = delete;
+    QtViewCore& operator=(const QtViewCore&) = delete;
 
     /// The widget that shows this view.
     [[nodiscard]] QWidget* widget() const { return widget_; }
     /// The widget that holds the subviews' widgets.
     [[nodiscard]] virtual QWidget* contentWidget() const { return widget_; }
-    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
-        return animations_;
-    }
     /// Lets another widget (a navigation bar, a map callout) show this view's widget; null gives it back.
     void lendWidgetTo(QWidget* host, const QRect& geometry);
     [[nodiscard]] bool isLent() const { return lentTo_ != nullptr; }
 
   protected:
-    QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame);
+    /// `view` is the model this core shows: the object that derives from both.
+    QtViewCore(std::shared_ptr<QtViewContext> context, QWidget* widget, platform::View& view);
 
-    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
-    void didAddSubview(viewtree::ViewNode& child, bool moved) override;
-    void didLeaveSuperview() override;
-
-    void coreSetFrame(const platform::Rect& frame);
-    void coreSetHidden(bool hidden);
-    void coreSetAlpha(double alpha);
-    void coreSetTransform(const platform::Transform& transform);
-    void coreSetZPosition(float z);
-    void coreSetBackground(const std::optional<platform::Color>& color);
-    /// A window never hangs under another view.
-    void coreAddSubview(const std::shared_ptr<platform::View>& view);
-    void coreAddAnimation(const std::string& key, const platform::BasicAnimation& animation);
     /// The frame changed: lay out what the widget holds.
     virtual void frameChanged() {}
+    /// The kind's own state changed: draw it again.
+    virtual void contentChanged();
 
+    std::shared_ptr<QtViewContext> context_;
+    QPointer<QWidget> widget_;
+
+  private:
+    friend class QtViewSystem;
+    friend struct QtViewContext;
+
+    void modelChanged(platform::ViewProperty property);
+    void didAddSubview(QtViewCore& child, bool moved);
+    void didLeaveSuperview();
+    void showAnimation(const platform::BasicAnimation& animation);
     /// Puts the widget where the model says: geometry, visibility, opacity.
     void applyGeometry();
     void applyVisibility();
     void applyOpacity(double opacity);
+    void fadeTo(double alpha);
     /// Stacks the subviews' widgets by z-position.
     void restack();
 
-    std::shared_ptr<QtViewContext> context_;
-    QPointer<QWidget> widget_;
-    long tag_ = 0;
-    float zPosition_ = 0;
-    bool hidden_ = false;
-    double alpha_ = 1;
-    platform::Rect frame_;
-    platform::Transform transform_;
-    std::optional<platform::Color> backgroundColor_;
-    std::map<std::string, platform::BasicAnimation> animations_;
+    platform::View& view_;
     bool isWindow_ = false;
     bool presented_ = false;
-    int layoutCount_ = 0;
-    int updateConstraintsCount_ = 0;
-
-  private:
-    friend class QtViewSystem;
+    double shownAlpha_ = 1;
     QPointer<QWidget> lentTo_;
     double bounceOffset_ = 0;
     double bounceRest_ = 0;
@@ -117,262 +105,84 @@ class TOVREL_EXPORT QtViewCore : public viewtree::ViewNode {
 /// The core of `view`, or null for a view of another kind.
 TOVREL_EXPORT QtViewCore* qtCore(const platform::View* view);
 
-/// The View operations of every Qt kind, over QtViewCore.
-template <class Interface>
-class QtViewOf : public Interface, public QtViewCore {
-  public:
-    [[nodiscard]] long tag() const override { return tag_; }
-    void setTag(long tag) override { tag_ = tag; }
-    [[nodiscard]] float zPosition() const override { return zPosition_; }
-    void setZPosition(float zPosition) override { coreSetZPosition(zPosition); }
-    [[nodiscard]] bool isHidden() const override { return hidden_; }
-    void setHidden(bool hidden) override { coreSetHidden(hidden); }
-    [[nodiscard]] double alpha() const override { return alpha_; }
-    void setAlpha(double alpha) override { coreSetAlpha(alpha); }
-    [[nodiscard]] platform::Rect frame() const override { return frame_; }
-    void setFrame(const platform::Rect& frame) override { coreSetFrame(frame); }
-    [[nodiscard]] platform::Transform transform() const override { return transform_; }
-    void setTransform(const platform::Transform& transform) override { coreSetTransform(transform); }
-    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
-    void setBackgroundColor(const std::optional<platform::Color>& color) override {
-        coreSetBackground(color);
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
-    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
-    void addSubview(const std::shared_ptr<platform::View>& view) override { coreAddSubview(view); }
-    void removeFromSuperview() override { unlinkFromSuperview(); }
-    void layoutSubviews() override { ++layoutCount_; }
-    void updateConstraints() override { ++updateConstraintsCount_; }
-    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
-        coreAddAnimation(key, animation);
-    }
-    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
-        const std::string& key) const override {
-        const auto it = animations_.find(key);
-        return it == animations_.end() ? std::nullopt : std::optional(it->second);
-    }
-    void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        storeAppearanceHandler(std::move(handler));
-    }
-
-    QtViewOf(std::shared_ptr<QtViewContext> context, QWidget* widget, const platform::Rect& frame)
-        : QtViewCore(std::move(context), widget, frame) {}
-
-  protected:
-    platform::View& self() override { return *this; }
-};
-
 /// A plain view (and the key window).
-class TOVREL_EXPORT QtView final : public QtViewOf<platform::View> {
+class TOVREL_EXPORT QtView final : public platform::View, public QtViewCore {
   public:
     QtView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
 };
 
-class TOVREL_EXPORT QtActivityIndicator final : public QtViewOf<platform::ActivityIndicatorView> {
+/// A spinner drawn as twelve spokes that turn while it animates.
+class TOVREL_EXPORT QtActivityIndicator final : public platform::ActivityIndicatorView, public QtViewCore {
   public:
     QtActivityIndicator(std::shared_ptr<QtViewContext> context, platform::ActivityIndicatorStyle style);
-    [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
-    [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
-    void setHidesWhenStopped(bool hides) override;
-    void startAnimating() override;
-    void stopAnimating() override;
-    [[nodiscard]] bool isAnimating() const override { return animating_; }
 
-  private:
-    platform::ActivityIndicatorStyle style_;
-    bool hidesWhenStopped_ = true;
-    bool animating_ = false;
+  protected:
+    void contentChanged() override;
 };
 
-class TOVREL_EXPORT QtButton final : public QtViewOf<platform::Button> {
+/// A button drawn as its image and title; a press dims the title.
+class TOVREL_EXPORT QtButton final : public platform::Button, public QtViewCore {
   public:
     QtButton(std::shared_ptr<QtViewContext> context, platform::ButtonType type, const platform::Rect& frame);
-    [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
-    [[nodiscard]] std::string title() const override { return title_; }
-    void setTitle(const std::string& title) override;
-    [[nodiscard]] std::optional<platform::Color> titleColor() const override { return titleColor_; }
-    void setTitleColor(const platform::Color& color) override;
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] bool showsTouchWhenHighlighted() const override { return showsTouch_; }
-    void setShowsTouchWhenHighlighted(bool shows) override { showsTouch_ = shows; }
-    void setAction(std::function<void()> action) override { action_ = std::move(action); }
-
-    /// The user taps the button: its action runs, then the control hook (a map callout's) if any.
-    /// False when neither exists.
-    bool tap();
-    /// Main thread. Runs after the action at each tap (the map uses it for callout controls).
-    void setControlHook(std::function<void()> hook) { controlHook_ = std::move(hook); }
-
-  private:
-    void refresh();
-
-    platform::ButtonType type_;
-    std::string title_;
-    std::optional<platform::Color> titleColor_;
-    std::string imageName_;
-    bool showsTouch_ = false;
-    std::function<void()> action_;
-    std::function<void()> controlHook_;
 };
 
-class TOVREL_EXPORT QtLabel final : public QtViewOf<platform::Label> {
+class TOVREL_EXPORT QtLabel final : public platform::Label, public QtViewCore {
   public:
     QtLabel(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override;
-    [[nodiscard]] int numberOfLines() const override { return lines_; }
-    void setNumberOfLines(int lines) override;
-    [[nodiscard]] platform::Font font() const override { return font_; }
-    void setFont(const platform::Font& font) override;
-    [[nodiscard]] platform::Color textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override;
-    [[nodiscard]] platform::TextAlignment textAlignment() const override { return alignment_; }
-    void setTextAlignment(platform::TextAlignment alignment) override;
-
-  private:
-    void refresh();
-
-    std::string text_;
-    int lines_ = 1;
-    platform::Font font_{"Helvetica", 17};
-    platform::Color textColor_{0, 0, 0, 1};
-    platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
 };
 
 /// A bar with the top item's title in the middle and its left bar button's view on the left.
-class TOVREL_EXPORT QtNavigationBar final : public QtViewOf<platform::NavigationBar> {
+class TOVREL_EXPORT QtNavigationBar final : public platform::NavigationBar, public QtViewCore {
   public:
     QtNavigationBar(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
-    [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
-        return items_;
-    }
-    void setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items, bool animated) override;
     /// The title shown now.
     [[nodiscard]] std::string shownTitle() const;
 
   protected:
     void frameChanged() override { layoutBar(); }
+    void contentChanged() override { layoutBar(); }
 
   private:
     void layoutBar();
 
-    std::vector<std::shared_ptr<platform::NavigationItem>> items_;
     std::shared_ptr<platform::View> shownLeftView_;
 };
 
-class TOVREL_EXPORT QtTableViewCell final : public QtViewOf<platform::TableViewCell> {
+class TOVREL_EXPORT QtTableViewCell final : public platform::TableViewCell, public QtViewCore {
   public:
     QtTableViewCell(std::shared_ptr<QtViewContext> context, platform::TableViewCellStyle style,
                     std::string reuseIdentifier);
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override;
-    [[nodiscard]] std::optional<platform::Color> textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override;
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override;
-    [[nodiscard]] platform::TableViewCellAccessory accessoryType() const override { return accessory_; }
-    void setAccessoryType(platform::TableViewCellAccessory accessory) override;
-    [[nodiscard]] long indentationLevel() const override { return indentation_; }
-    void setIndentationLevel(long level) override;
     /// Drawn highlighted while its row is selected.
     void setSelectedLook(bool selected);
-
-  private:
-    void refresh();
-
-    platform::TableViewCellStyle style_;
-    std::string reuseIdentifier_;
-    std::string text_;
-    std::optional<platform::Color> textColor_;
-    std::string imageName_;
-    platform::TableViewCellAccessory accessory_ = platform::TableViewCellAccessory::kNone;
-    long indentation_ = 0;
 };
 
-/// A one-section table: every row's cell stacked 44 points high in a scrolling content widget, the
-/// section footer below them, then the table footer. reloadData sets the shown cells aside for reuse
-/// in row order, so each row gets its own cell back.
-class TOVREL_EXPORT QtTableView final : public QtViewOf<platform::TableView> {
+/// A table whose rows the model lays out, in a content widget that scrolls; the selected row's cell
+/// is drawn highlighted and a tap on a cell selects its row.
+class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtViewCore {
   public:
     QtTableView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     [[nodiscard]] QWidget* contentWidget() const override;
-    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
-        dataSource_ = std::move(dataSource);
-    }
-    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void reloadData() override;
-    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) override;
-    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
-        const platform::IndexPath& indexPath) const override;
-    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
-        return selected_;
-    }
-    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
-    void setTableFooterView(std::shared_ptr<platform::View> footer) override;
-    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
-
-    /// The user taps a row: it is selected and the delegate hears it.
-    void tapRow(long row);
-    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
-        return visible_;
-    }
     /// Scrolls the rows by `dy` points (positive: content moves up), within the content's height.
     void scrollBy(double dy);
 
   protected:
-    void frameChanged() override { layoutRows(); }
+    void frameChanged() override { layoutContent(); }
+    void contentChanged() override;
 
   private:
-    void layoutRows();
+    void layoutContent();
 
-    std::weak_ptr<platform::TableViewDataSource> dataSource_;
-    std::weak_ptr<platform::TableViewDelegate> delegate_;
-    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    viewtree::ReusePool<platform::TableViewCell> reusable_;
-    std::optional<platform::IndexPath> selected_;
-    std::shared_ptr<platform::View> footer_;
-    std::shared_ptr<platform::View> sectionFooter_;
-    double sectionFooterHeight_ = 0;
     QPointer<QWidget> content_;
     double offset_ = 0;
 };
 
 class QtWebView;
 
-/// A web view's zoom, shown as the page's zoom factor.
-class TOVREL_EXPORT QtScrollView final : public platform::ScrollView {
-  public:
-    explicit QtScrollView(QtWebView& owner) : owner_(owner) {}
-    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
-    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
-    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
-    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
-    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
-    [[nodiscard]] float zoomScale() const override { return zoom_; }
-    void setZoomScale(float scale) override;
-    void setContentSize(const platform::Size& size) { contentSize_ = size; }
-    /// A new page: zoom 1 until the page is fitted again.
-    void resetZoom();
-
-  private:
-    QtWebView& owner_;
-    platform::Size contentSize_;
-    float minimum_ = 1;
-    float maximum_ = 1;
-    float zoom_ = 1;
-};
-
 /// A web view on Qt WebEngine. Every navigation (loads and link taps) is put to the delegate first;
 /// a load reports its start on the next turn of the loop and its end once the page's size is known.
 /// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
 /// ignore caches, and its timeout stops a load that takes longer (reported as a failure).
-class TOVREL_EXPORT QtWebView final : public QtViewOf<platform::WebView> {
+class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCore {
   public:
     QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     ~QtWebView() override;
@@ -416,7 +226,7 @@ class TOVREL_EXPORT QtWebView final : public QtViewOf<platform::WebView> {
     void fail(int code, const std::string& description);
 
     std::weak_ptr<platform::WebViewDelegate> delegate_;
-    QtScrollView scrollView_;
+    platform::ScrollView scrollView_;
     class Engine;
     Engine* engine_ = nullptr;
     bool loading_ = false;

@@ -13,7 +13,6 @@
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/views.h"
 #include "tovrel/viewtree/reuse_pool.h"
-#include "tovrel/viewtree/view_node.h"
 
 namespace tovrel::virtualbackend {
 
@@ -42,125 +41,18 @@ struct TOVREL_EXPORT PresentationRecord {
     bool dismissedAnimated = false;
 };
 
-/// State shared by every virtual view kind, over the common view tree. Single-threaded: the main
-/// thread only.
-class TOVREL_EXPORT VirtualViewCore : public viewtree::ViewNode {
-  public:
-    [[nodiscard]] int updateConstraintsCount() const { return updateConstraintsCount_; }
-    [[nodiscard]] int layoutCount() const { return layoutCount_; }
-    /// The layer animations attached, by key.
-    [[nodiscard]] const std::map<std::string, platform::BasicAnimation>& animations() const {
-        return animations_;
-    }
-
-  protected:
-    VirtualViewCore(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
-
-    [[nodiscard]] const viewtree::ScreenRoots& screenRoots() const override;
-    void record(const char* property, std::variant<double, bool, platform::Rect, platform::Transform> value);
-
-    std::shared_ptr<ViewContext> context_;
-    long tag_ = 0;
-    float zPosition_ = 0;
-    bool hidden_ = false;
-    double alpha_ = 1;
-    platform::Rect frame_;
-    platform::Transform transform_;
-    std::optional<platform::Color> backgroundColor_;
-    std::map<std::string, platform::BasicAnimation> animations_;
-    int updateConstraintsCount_ = 0;
-    int layoutCount_ = 0;
-};
-
-/// The View operations of every virtual kind, over VirtualViewCore.
-template <class Interface>
-class VirtualViewOf : public Interface, public VirtualViewCore {
-  public:
-    [[nodiscard]] long tag() const override { return tag_; }
-    void setTag(long tag) override { tag_ = tag; }
-    [[nodiscard]] float zPosition() const override { return zPosition_; }
-    void setZPosition(float zPosition) override { zPosition_ = zPosition; }
-    [[nodiscard]] bool isHidden() const override { return hidden_; }
-    void setHidden(bool hidden) override {
-        hidden_ = hidden;
-        record("hidden", hidden);
-    }
-    [[nodiscard]] double alpha() const override { return alpha_; }
-    void setAlpha(double alpha) override {
-        alpha_ = alpha;
-        record("alpha", alpha);
-    }
-    [[nodiscard]] platform::Rect frame() const override { return frame_; }
-    void setFrame(const platform::Rect& frame) override {
-        frame_ = frame;
-        record("frame", frame);
-    }
-    [[nodiscard]] platform::Transform transform() const override { return transform_; }
-    void setTransform(const platform::Transform& transform) override {
-        transform_ = transform;
-        record("transform", transform);
-    }
-    [[nodiscard]] std::optional<platform::Color> backgroundColor() const override { return backgroundColor_; }
-    void setBackgroundColor(const std::optional<platform::Color>& color) override {
-        backgroundColor_ = color;
-    }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> subviews() const override { return subviews_; }
-    [[nodiscard]] std::shared_ptr<platform::View> superview() const override { return superview_.lock(); }
-    void addSubview(const std::shared_ptr<platform::View>& view) override { linkSubview(view); }
-    void removeFromSuperview() override { unlinkFromSuperview(); }
-    void layoutSubviews() override { ++layoutCount_; }
-    void updateConstraints() override { ++updateConstraintsCount_; }
-    void addAnimation(const std::string& key, const platform::BasicAnimation& animation) override {
-        animations_[key] = animation;
-    }
-    [[nodiscard]] std::optional<platform::BasicAnimation> animationForKey(
-        const std::string& key) const override {
-        const auto it = animations_.find(key);
-        return it == animations_.end() ? std::nullopt : std::optional(it->second);
-    }
-    void setAppearanceHandler(platform::AppearanceHandler handler) override {
-        storeAppearanceHandler(std::move(handler));
-    }
-
-    VirtualViewOf(std::shared_ptr<ViewContext> context, const platform::Rect& frame)
-        : VirtualViewCore(std::move(context), frame) {}
-
-  protected:
-    platform::View& self() override { return *this; }
-};
-
 /// A plain view (and the key window).
-class TOVREL_EXPORT VirtualView final : public VirtualViewOf<platform::View> {
+class TOVREL_EXPORT VirtualView final : public platform::View {
   public:
-    using VirtualViewOf::VirtualViewOf;
-};
-
-class TOVREL_EXPORT VirtualScrollView final : public platform::ScrollView {
-  public:
-    [[nodiscard]] platform::Size contentSize() const override { return contentSize_; }
-    [[nodiscard]] float minimumZoomScale() const override { return minimum_; }
-    void setMinimumZoomScale(float scale) override { minimum_ = scale; }
-    [[nodiscard]] float maximumZoomScale() const override { return maximum_; }
-    void setMaximumZoomScale(float scale) override { maximum_ = scale; }
-    [[nodiscard]] float zoomScale() const override { return zoom_; }
-    void setZoomScale(float scale) override;
-    void setContentSize(const platform::Size& size) { contentSize_ = size; }
-    /// A pinch: zooms as far as the limits allow.
-    void pinch(float scale) { setZoomScale(scale); }
-
-  private:
-    platform::Size contentSize_;
-    float minimum_ = 1;
-    float maximum_ = 1;
-    float zoom_ = 1;
+    VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 };
 
 /// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
 /// a browser shows an error page), a transport failure fails it. The page's content size is the
 /// one set for its address on the ViewSystem, else the view's size.
-class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebView> {
+class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
   public:
-    using VirtualViewOf::VirtualViewOf;
+    VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 
     void loadRequest(const platform::URLRequest& request) override;
     [[nodiscard]] bool isLoading() const override { return loading_; }
@@ -183,15 +75,15 @@ class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebVie
     /// The body of the page shown, empty before the first load.
     [[nodiscard]] const std::string& pageBody() const { return body_; }
     [[nodiscard]] std::shared_ptr<platform::WebViewDelegate> delegate() const { return delegate_.lock(); }
-    VirtualScrollView& virtualScrollView() { return scrollView_; }
 
   private:
     void navigate(const platform::URLRequest& request, platform::WebNavigationType type);
     void finish(std::uint64_t generation, const platform::URLRequest& request,
                 const platform::HttpResponse& response);
 
+    std::shared_ptr<ViewContext> context_;
     std::weak_ptr<platform::WebViewDelegate> delegate_;
-    VirtualScrollView scrollView_;
+    platform::ScrollView scrollView_;
     bool loading_ = false;
     bool scalesPageToFit_ = false;
     std::uint64_t generation_ = 0;
@@ -202,202 +94,12 @@ class TOVREL_EXPORT VirtualWebView final : public VirtualViewOf<platform::WebVie
     int stopLoadingCount_ = 0;
 };
 
-class TOVREL_EXPORT VirtualActivityIndicator final : public VirtualViewOf<platform::ActivityIndicatorView> {
+/// A map that asks its delegate for an annotation's view when the annotation is added (a default pin
+/// when it gives none), and for an overlay's view when the overlay is added. Removed annotations'
+/// views with a reuse identifier are set aside for reuse, as on the Qt map.
+class TOVREL_EXPORT VirtualMapView final : public platform::MapView {
   public:
-    VirtualActivityIndicator(std::shared_ptr<ViewContext> context, platform::ActivityIndicatorStyle style);
-    [[nodiscard]] platform::ActivityIndicatorStyle style() const override { return style_; }
-    [[nodiscard]] bool hidesWhenStopped() const override { return hidesWhenStopped_; }
-    void setHidesWhenStopped(bool hides) override;
-    void startAnimating() override;
-    void stopAnimating() override;
-    [[nodiscard]] bool isAnimating() const override { return animating_; }
-
-  private:
-    platform::ActivityIndicatorStyle style_;
-    bool hidesWhenStopped_ = true;
-    bool animating_ = false;
-};
-
-class TOVREL_EXPORT VirtualButton final : public VirtualViewOf<platform::Button> {
-  public:
-    VirtualButton(std::shared_ptr<ViewContext> context, platform::ButtonType type,
-                  const platform::Rect& frame)
-        : VirtualViewOf(std::move(context), frame), type_(type) {}
-    [[nodiscard]] platform::ButtonType buttonType() const override { return type_; }
-    [[nodiscard]] std::string title() const override { return title_; }
-    void setTitle(const std::string& title) override { title_ = title; }
-    [[nodiscard]] std::optional<platform::Color> titleColor() const override { return titleColor_; }
-    void setTitleColor(const platform::Color& color) override { titleColor_ = color; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override { imageName_ = name; }
-    [[nodiscard]] bool showsTouchWhenHighlighted() const override { return showsTouch_; }
-    void setShowsTouchWhenHighlighted(bool shows) override { showsTouch_ = shows; }
-    void setAction(std::function<void()> action) override { action_ = std::move(action); }
-
-    /// The user taps the button; false when it has no action.
-    bool tap();
-    [[nodiscard]] bool hasAction() const { return static_cast<bool>(action_); }
-
-  private:
-    platform::ButtonType type_;
-    std::string title_;
-    std::optional<platform::Color> titleColor_;
-    std::string imageName_;
-    bool showsTouch_ = false;
-    std::function<void()> action_;
-};
-
-class TOVREL_EXPORT VirtualLabel final : public VirtualViewOf<platform::Label> {
-  public:
-    using VirtualViewOf::VirtualViewOf;
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override { text_ = text; }
-    [[nodiscard]] int numberOfLines() const override { return lines_; }
-    void setNumberOfLines(int lines) override { lines_ = lines; }
-    [[nodiscard]] platform::Font font() const override { return font_; }
-    void setFont(const platform::Font& font) override { font_ = font; }
-    [[nodiscard]] platform::Color textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override { textColor_ = color; }
-    [[nodiscard]] platform::TextAlignment textAlignment() const override { return alignment_; }
-    void setTextAlignment(platform::TextAlignment alignment) override { alignment_ = alignment; }
-
-  private:
-    std::string text_;
-    int lines_ = 1;
-    platform::Font font_{"Helvetica", 17};
-    platform::Color textColor_{0, 0, 0, 1};
-    platform::TextAlignment alignment_ = platform::TextAlignment::kLeft;
-};
-
-class TOVREL_EXPORT VirtualNavigationBar final : public VirtualViewOf<platform::NavigationBar> {
-  public:
-    using VirtualViewOf::VirtualViewOf;
-    [[nodiscard]] std::vector<std::shared_ptr<platform::NavigationItem>> items() const override {
-        return items_;
-    }
-    void setItems(std::vector<std::shared_ptr<platform::NavigationItem>> items, bool /*animated*/) override {
-        items_ = std::move(items);
-    }
-
-  private:
-    std::vector<std::shared_ptr<platform::NavigationItem>> items_;
-};
-
-class TOVREL_EXPORT VirtualTableViewCell final : public VirtualViewOf<platform::TableViewCell> {
-  public:
-    VirtualTableViewCell(std::shared_ptr<ViewContext> context, platform::TableViewCellStyle style,
-                         std::string reuseIdentifier);
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] platform::TableViewCellStyle cellStyle() const override { return style_; }
-    [[nodiscard]] std::string text() const override { return text_; }
-    void setText(const std::string& text) override { text_ = text; }
-    [[nodiscard]] std::optional<platform::Color> textColor() const override { return textColor_; }
-    void setTextColor(const platform::Color& color) override { textColor_ = color; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override { imageName_ = name; }
-    [[nodiscard]] platform::TableViewCellAccessory accessoryType() const override { return accessory_; }
-    void setAccessoryType(platform::TableViewCellAccessory accessory) override { accessory_ = accessory; }
-    [[nodiscard]] long indentationLevel() const override { return indentation_; }
-    void setIndentationLevel(long level) override { indentation_ = level; }
-
-  private:
-    platform::TableViewCellStyle style_;
-    std::string reuseIdentifier_;
-    std::string text_;
-    std::optional<platform::Color> textColor_;
-    std::string imageName_;
-    platform::TableViewCellAccessory accessory_ = platform::TableViewCellAccessory::kNone;
-    long indentation_ = 0;
-};
-
-/// A table whose rows (of section 0) are all on screen. reloadData sets the shown cells aside for
-/// reuse in row order, so each row gets its own cell back.
-class TOVREL_EXPORT VirtualTableView final : public VirtualViewOf<platform::TableView> {
-  public:
-    using VirtualViewOf::VirtualViewOf;
-    void setDataSource(std::weak_ptr<platform::TableViewDataSource> dataSource) override {
-        dataSource_ = std::move(dataSource);
-    }
-    void setDelegate(std::weak_ptr<platform::TableViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void reloadData() override;
-    std::shared_ptr<platform::TableViewCell> dequeueReusableCellWithIdentifier(
-        const std::string& identifier) override;
-    [[nodiscard]] std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
-        const platform::IndexPath& indexPath) const override;
-    [[nodiscard]] std::optional<platform::IndexPath> indexPathForSelectedRow() const override {
-        return selected_;
-    }
-    void deselectRowAtIndexPath(const platform::IndexPath& indexPath, bool animated) override;
-    void setTableFooterView(std::shared_ptr<platform::View> footer) override { footer_ = std::move(footer); }
-    [[nodiscard]] std::shared_ptr<platform::View> tableFooterView() const override { return footer_; }
-
-    /// The user taps a row: it is selected and the delegate hears it.
-    void tapRow(long row);
-    [[nodiscard]] const std::vector<std::shared_ptr<platform::TableViewCell>>& visibleCells() const {
-        return visible_;
-    }
-    [[nodiscard]] int reloadCount() const { return reloadCount_; }
-    /// What the delegate said at the last reload about section 0's footer.
-    [[nodiscard]] std::optional<double> sectionFooterHeight() const { return footerHeight_; }
-    [[nodiscard]] std::shared_ptr<platform::View> sectionFooterView() const { return footerView_; }
-    /// Every deselection, with its animated flag.
-    [[nodiscard]] const std::vector<std::pair<platform::IndexPath, bool>>& deselections() const {
-        return deselections_;
-    }
-
-  private:
-    std::weak_ptr<platform::TableViewDataSource> dataSource_;
-    std::weak_ptr<platform::TableViewDelegate> delegate_;
-    std::vector<std::shared_ptr<platform::TableViewCell>> visible_;
-    viewtree::ReusePool<platform::TableViewCell> reusable_;
-    std::optional<platform::IndexPath> selected_;
-    std::shared_ptr<platform::View> footer_;
-    std::optional<double> footerHeight_;
-    std::shared_ptr<platform::View> footerView_;
-    std::vector<std::pair<platform::IndexPath, bool>> deselections_;
-    int reloadCount_ = 0;
-};
-
-class TOVREL_EXPORT VirtualAnnotationView final : public VirtualViewOf<platform::AnnotationView> {
-  public:
-    VirtualAnnotationView(std::shared_ptr<ViewContext> context,
-                          std::shared_ptr<platform::Annotation> annotation, std::string reuseIdentifier);
-    [[nodiscard]] std::shared_ptr<platform::Annotation> annotation() const override { return annotation_; }
-    [[nodiscard]] std::string reuseIdentifier() const override { return reuseIdentifier_; }
-    [[nodiscard]] std::string imageName() const override { return imageName_; }
-    void setImageName(const std::string& name) override { imageName_ = name; }
-    [[nodiscard]] bool isEnabled() const override { return enabled_; }
-    void setEnabled(bool enabled) override { enabled_ = enabled; }
-    [[nodiscard]] bool canShowCallout() const override { return canShowCallout_; }
-    void setCanShowCallout(bool shows) override { canShowCallout_ = shows; }
-    [[nodiscard]] std::shared_ptr<platform::View> leftCalloutAccessoryView() const override { return left_; }
-    void setLeftCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        left_ = std::move(view);
-    }
-    [[nodiscard]] std::shared_ptr<platform::View> rightCalloutAccessoryView() const override {
-        return right_;
-    }
-    void setRightCalloutAccessoryView(std::shared_ptr<platform::View> view) override {
-        right_ = std::move(view);
-    }
-
-  private:
-    std::shared_ptr<platform::Annotation> annotation_;
-    std::string reuseIdentifier_;
-    std::string imageName_;
-    bool enabled_ = true;
-    bool canShowCallout_ = false;
-    std::shared_ptr<platform::View> left_;
-    std::shared_ptr<platform::View> right_;
-};
-
-/// A map that asks its delegate for an annotation's view when the annotation is added, and for an
-/// overlay's view when the overlay is added. Removed annotations' views are set aside for reuse.
-class TOVREL_EXPORT VirtualMapView final : public VirtualViewOf<platform::MapView> {
-  public:
-    VirtualMapView(std::shared_ptr<ViewContext> context, const platform::Rect& frame);
+    VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 
     void setDelegate(std::weak_ptr<platform::MapViewDelegate> delegate) override {
         delegate_ = std::move(delegate);
@@ -431,7 +133,7 @@ class TOVREL_EXPORT VirtualMapView final : public VirtualViewOf<platform::MapVie
     /// or that accessory is not a control.
     bool tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation, bool right = true);
 
-    /// The view the delegate gave for `annotation` (null: the platform's own).
+    /// The view of `annotation`: the delegate's, else the default pin; null when it is not on the map.
     [[nodiscard]] std::shared_ptr<platform::AnnotationView> viewForAnnotation(
         const std::shared_ptr<platform::Annotation>& annotation) const;
     /// The view the delegate gave for `overlay`.
@@ -473,6 +175,7 @@ class TOVREL_EXPORT VirtualMapView final : public VirtualViewOf<platform::MapVie
         platform::OverlayView view;
     };
 
+    std::shared_ptr<ViewContext> context_;
     std::weak_ptr<platform::MapViewDelegate> delegate_;
     std::vector<Pinned> pinned_;
     std::vector<Drawn> drawn_;

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "tovrel/platform/views.h"
+
+namespace tovrel::viewtest {
+
+/// One backend under the view model, as the conformance suite drives it. Main thread only.
+class Backend {
+  public:
+    virtual ~Backend() = default;
+    /// The view system the component would get.
+    virtual platform::ViewSystem& views() = 0;
+    /// Lets the main loop turn until nothing is left to run now (the did-events arrive).
+    virtual void turn() = 0;
+    /// The device turns to `orientation`.
+    virtual void rotate(platform::DeviceOrientation orientation) = 0;
+    /// The views presented now, oldest first.
+    [[nodiscard]] virtual std::vector<std::shared_ptr<platform::View>> presentedViews() const = 0;
+    /// The view `map` shows for `annotation`, or null when it is not on the map.
+    [[nodiscard]] virtual std::shared_ptr<platform::AnnotationView> pinViewOf(
+        const std::shared_ptr<platform::MapView>& map,
+        const std::shared_ptr<platform::Annotation>& annotation) const = 0;
+};
+
+/// The virtual backend, on its own virtual-time loop.
+std::unique_ptr<Backend> makeVirtualBackend();
+#ifdef TOVREL_VIEWS_WITH_QT
+/// The Qt backend, on Qt's event loop (offscreen).
+std::unique_ptr<Backend> makeQtBackend();
+#endif
+
+struct VirtualKind {
+    static std::unique_ptr<Backend> make() { return makeVirtualBackend(); }
+};
+#ifdef TOVREL_VIEWS_WITH_QT
+struct QtKind {
+    static std::unique_ptr<Backend> make() { return makeQtBackend(); }
+};
+using BackendKinds = ::testing::Types<VirtualKind, QtKind>;
+#else
+using BackendKinds = ::testing::Types<VirtualKind>;
+#endif
+
+}  // namespace tovrel::viewtest
