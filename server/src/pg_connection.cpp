@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace tovrel_server {
 
@@ -57,6 +58,7 @@ PgConnection::PgConnection(const std::string& location, int lockTimeoutMs) {
         conn_ = nullptr;
         throw DatabaseBusy("cannot connect to " + displayLocation(location) + ": " + message);
     }
+    PQsetNoticeReceiver(conn_, &PgConnection::onNotice, this);
     try {
         exec("SET lock_timeout = " + std::to_string(std::max(1, lockTimeoutMs)) +
              "; SET client_min_messages = warning; SET TIME ZONE 'UTC'");
@@ -68,6 +70,17 @@ PgConnection::PgConnection(const std::string& location, int lockTimeoutMs) {
 
 PgConnection::~PgConnection() {
     PQfinish(conn_);
+}
+
+void PgConnection::onNotice(void* self, const PGresult* notice) {
+    // A server that ends a session while it is idle (a restart, pg_terminate_backend) says FATAL first:
+    // from then on the connection must not be handed out, even before its end of stream is read.
+    const char* severity = PQresultErrorField(notice, PG_DIAG_SEVERITY_NONLOCALIZED);
+    if (severity != nullptr && (std::strcmp(severity, "FATAL") == 0 || std::strcmp(severity, "PANIC") == 0)) {
+        static_cast<PgConnection*>(self)->closing_ = true;
+        return;
+    }
+    std::fputs(PQresultErrorMessage(notice), stderr);
 }
 
 bool PgConnection::stillOpen() {

@@ -93,8 +93,8 @@ class PgConnection {
         return execParams(sql, {pgParam(args)...});
     }
     PgResult execParams(std::string_view sql, const std::vector<PgParam>& params);
-    /// False once the connection was lost; it is then replaced.
-    bool healthy() const { return PQstatus(conn_) == CONNECTION_OK; }
+    /// False once the connection was lost, or the server said it is closing it; it is then replaced.
+    bool healthy() const { return PQstatus(conn_) == CONNECTION_OK && !closing_; }
     /// The connection's socket, for waiting on notifications.
     int socket() const { return PQsocket(conn_); }
     /// Reads what the server sent (notifications among it) without waiting; false when the
@@ -107,7 +107,10 @@ class PgConnection {
     bool stillOpen();
 
   private:
+    static void onNotice(void* self, const PGresult* notice);
+
     PGconn* conn_ = nullptr;
+    bool closing_ = false;  ///< the server sent FATAL: its end of the stream may not have arrived yet
 };
 
 /// BEGIN ... COMMIT on one connection; rolls back when left without commit().
