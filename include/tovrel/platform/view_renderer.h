@@ -34,6 +34,13 @@ class TOVREL_EXPORT ViewRenderer {
     virtual void viewDetached(View& view) = 0;
     /// Main thread. `animation` was attached to `view`'s layer (replacing one under the same key).
     virtual void animationAdded(View& view, const BasicAnimation& animation) = 0;
+    /// Main thread. `view` loads `request` as its load `view.loadGeneration()`, which the delegate
+    /// has allowed; the backend reports the start and the end (or the failure) through the view.
+    virtual void loadPage(WebView& view, const URLRequest& request) = 0;
+    /// Main thread. `view`'s load has been stopped (or replaced by no page at all): stop the work.
+    virtual void stopPage(WebView& view) = 0;
+    /// Main thread. Runs `script` in `view`'s page; the result is not returned.
+    virtual void runScript(WebView& view, const std::string& script) = 0;
 };
 
 }  // namespace tovrel::platform

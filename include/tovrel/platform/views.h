@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
@@ -341,28 +342,71 @@ class TOVREL_EXPORT ScrollView {
     std::function<void(float)> zoomObserver_;
 };
 
-/// Shows web pages. Pages load through the platform's HTTP client (or the toolkit's own engine).
+/// Shows web pages: the model keeps the delegate, the scroll view and the state of the load under
+/// way, and the backend's renderer loads the page (through the platform's HTTP client, or the
+/// toolkit's own engine) and reports back through the calls meant for the backend. Every navigation
+/// is put to the delegate first; a load reports its start on a later turn of the loop and its end
+/// once the page's size is known. Each load is one generation: reports of an older one (a load
+/// replaced or stopped) reach nobody.
 class TOVREL_EXPORT WebView : public View {
   public:
     using View::View;
     /// Main thread. Starts loading `request`, replacing any load under way.
-    virtual void loadRequest(const URLRequest& request) = 0;
+    void loadRequest(const URLRequest& request);
     /// Main thread. True while any frame of the page is loading.
-    [[nodiscard]] virtual bool isLoading() const = 0;
+    [[nodiscard]] bool isLoading() const { return loading_; }
     /// Main thread. Stops the load under way, if any.
-    virtual void stopLoading() = 0;
+    void stopLoading();
     /// Main thread. The delegate is not owned; an expired one hears nothing.
-    virtual void setDelegate(std::weak_ptr<WebViewDelegate> delegate) = 0;
+    void setDelegate(std::weak_ptr<WebViewDelegate> delegate) { delegate_ = std::move(delegate); }
+    /// Main thread. The delegate, or null (none, or expired).
+    [[nodiscard]] std::shared_ptr<WebViewDelegate> delegate() const { return delegate_.lock(); }
     /// Main thread. Runs `script` in the page; the result is not returned.
-    virtual void evaluateJavaScript(const std::string& script) = 0;
+    void evaluateJavaScript(const std::string& script);
     /// Main thread. The page's scroll and zoom state.
-    virtual ScrollView& scrollView() = 0;
+    ScrollView& scrollView() { return scrollView_; }
     /// Main thread.
-    [[nodiscard]] virtual bool scalesPageToFit() const = 0;
+    [[nodiscard]] bool scalesPageToFit() const { return scalesPageToFit_; }
     /// Main thread. Scales each page to fit the view when it loads.
-    virtual void setScalesPageToFit(bool scales) = 0;
-    /// Main thread. The size that best fits the page within `size`.
-    virtual Size sizeThatFits(const Size& size) = 0;
+    void setScalesPageToFit(bool scales) { scalesPageToFit_ = scales; }
+    /// Main thread. The size that best fits the page within `size`: the view's own.
+    Size sizeThatFits(const Size& size);
+    /// Main thread. How many times sizeThatFits ran.
+    [[nodiscard]] int sizeThatFitsCount() const { return sizeThatFitsCount_; }
+
+    /// Main thread. The generation of the load under way (or of the last one); the backend tags its
+    /// reports with it.
+    [[nodiscard]] std::uint64_t loadGeneration() const { return generation_; }
+    /// Main thread. Called by the backend when the page itself navigates (a link tap, a form, a
+    /// redirect): asks the delegate, and false cancels the navigation. An allowed one is a new load,
+    /// except a redirect, which goes on with the load under way.
+    bool navigationRequested(const URLRequest& request, WebNavigationType type, bool redirect = false);
+    /// Main thread. Called by the backend when the page's main frame starts loading: a load the page
+    /// began by itself (a script's navigation) counts like any other. The page zooms back to 1, and
+    /// the delegate hears of the start on a later turn of the loop if the load is still under way.
+    void pageStarted();
+    /// Main thread. Called by the backend when a subframe of load `generation` starts now.
+    void frameStarted(std::uint64_t generation);
+    /// Main thread. Called by the backend when a subframe of load `generation` finishes, while the
+    /// page itself is still loading.
+    void frameFinished(std::uint64_t generation);
+    /// Main thread. Called by the backend when load `generation` is over, with the page's size at
+    /// zoom 1 (a zero width or height is the view's own). False: the report was stale.
+    bool pageFinished(std::uint64_t generation, const Size& contentSize);
+    /// Main thread. Called by the backend when load `generation` failed. False: the report was stale.
+    bool pageFailed(std::uint64_t generation, const WebError& error);
+
+  private:
+    [[nodiscard]] bool isCurrent(std::uint64_t generation) const {
+        return generation == generation_ && loading_;
+    }
+
+    std::weak_ptr<WebViewDelegate> delegate_;
+    ScrollView scrollView_;
+    bool loading_ = false;
+    bool scalesPageToFit_ = false;
+    std::uint64_t generation_ = 0;
+    int sizeThatFitsCount_ = 0;
 };
 
 // Controls and labels.

@@ -36,6 +36,9 @@ struct QtViewContext final : platform::ViewRenderer {
     void subviewAdded(platform::View& parent, platform::View& child, bool moved) override;
     void viewDetached(platform::View& view) override;
     void animationAdded(platform::View& view, const platform::BasicAnimation& animation) override;
+    void loadPage(platform::WebView& view, const platform::URLRequest& request) override;
+    void stopPage(platform::WebView& view) override;
+    void runScript(platform::WebView& view, const std::string& script) override;
     /// The image of a resource name ("TovrelSDKResources.bundle/pin1.png"), cached; null when missing.
     [[nodiscard]] QImage image(const std::string& name) const;
     /// The stacking of the key window changed.

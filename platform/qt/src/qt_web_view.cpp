@@ -82,17 +82,16 @@ class QtWebView::Engine final : public QWebEngineView {
 
 QtWebView::QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
     : WebView(context, frame), QtViewCore(std::move(context), new ViewWidget, *this) {
-    scrollView_.setZoomObserver([this](float zoom) { applyZoom(zoom); });
+    scrollView().setZoomObserver([this](float zoom) { applyZoom(zoom); });
     engine_ = new Engine(*this, widget());
     engine_->setGeometry(0, 0, widget()->width(), widget()->height());
     engine_->show();
-    QObject::connect(engine_, &QWebEngineView::loadStarted, widget(), [this] { started(); });
+    QObject::connect(engine_, &QWebEngineView::loadStarted, widget(), [this] { pageStarted(); });
     QObject::connect(engine_, &QWebEngineView::loadFinished, widget(), [this](bool ok) { finished(ok); });
-    QObject::connect(&engine_->timeout_, &QTimer::timeout, widget(), [this] { timedOut(generation_); });
+    QObject::connect(&engine_->timeout_, &QTimer::timeout, widget(), [this] { timedOut(); });
 }
 
 QtWebView::~QtWebView() {
-    delegate_.reset();
     if (engine_ != nullptr) {
         engine_->timeout_.stop();
         QObject::disconnect(engine_, nullptr, widget(), nullptr);
@@ -111,39 +110,16 @@ bool QtWebView::allowNavigation(const std::string& url, platform::WebNavigationT
         return true;
     }
     if (directLoad_) {
-        // loadRequest has asked the delegate already.
+        // The model has asked the delegate for this load already.
         directLoad_ = false;
         return true;
     }
     platform::URLRequest request;
     request.url = url;
-    const auto keepAlive = shared_from_this();
-    if (auto delegate = delegate_.lock();
-        delegate && !delegate->webViewShouldStartLoadWithRequest(*this, request, type)) {
-        return false;
-    }
-    // A redirect continues the load under way.
-    if (!isRedirect) {
-        ++generation_;
-    }
-    loading_ = true;
-    return true;
+    return navigationRequested(request, type, isRedirect);
 }
 
-void QtWebView::loadRequest(const platform::URLRequest& request) {
-    const auto keepAlive = shared_from_this();
-    if (auto delegate = delegate_.lock();
-        delegate &&
-        !delegate->webViewShouldStartLoadWithRequest(*this, request, platform::WebNavigationType::kOther)) {
-        return;
-    }
-    ++generation_;
-    if (request.url.empty()) {
-        loading_ = false;
-        engine_->stop();
-        return;
-    }
-    loading_ = true;
+void QtWebView::load(const platform::URLRequest& request) {
     QWebEngineHttpRequest httpRequest{QUrl(QString::fromStdString(request.url))};
     if (request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalCacheData ||
         request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalAndRemoteCacheData) {
@@ -152,34 +128,27 @@ void QtWebView::loadRequest(const platform::URLRequest& request) {
     }
     if (request.timeoutInterval > 0) {
         engine_->timeout_.start(static_cast<int>(request.timeoutInterval * 1000));
+    } else {
+        engine_->timeout_.stop();
     }
     directLoad_ = true;
     engine_->load(httpRequest);
 }
 
-void QtWebView::started() {
-    if (!loading_) {
-        // A load the page began by itself (a script's navigation): it counts like any other.
-        ++generation_;
-        loading_ = true;
-    }
-    scrollView_.resetZoom();
-    context_->postLater([weak = weak_from_this(), generation = generation_] {
-        const auto view = std::static_pointer_cast<QtWebView>(weak.lock());
-        if (view && view->generation_ == generation && view->loading_) {
-            if (auto delegate = view->delegate_.lock()) {
-                delegate->webViewDidStartLoad(*view);
-            }
-        }
-    });
+void QtWebView::stop() {
+    engine_->timeout_.stop();
+    engine_->stop();
+}
+
+void QtWebView::runScript(const std::string& script) {
+    engine_->page()->runJavaScript(QString::fromStdString(script));
 }
 
 void QtWebView::finished(bool ok) {
     engine_->timeout_.stop();
-    if (!loading_) {
+    if (!isLoading()) {
         return;
     }
-    const std::uint64_t generation = generation_;
     if (!ok) {
         fail(kLoadFailedCode, "The page could not be loaded.");
         return;
@@ -188,26 +157,22 @@ void QtWebView::finished(bool ok) {
     engine_->page()->runJavaScript(
         "[Math.max(document.documentElement.scrollWidth, document.body ? document.body.scrollWidth : 0),"
         " Math.max(document.documentElement.scrollHeight, document.body ? document.body.scrollHeight : 0)]",
-        [weak = weak_from_this(), generation](const QVariant& result) {
+        [weak = weak_from_this(), generation = loadGeneration()](const QVariant& result) {
             const auto view = std::static_pointer_cast<QtWebView>(weak.lock());
-            if (!view || view->generation_ != generation || !view->loading_) {
+            if (!view) {
                 return;
             }
             const auto list = result.toList();
-            const double width = list.size() == 2 ? list[0].toDouble() : 0;
-            const double height = list.size() == 2 ? list[1].toDouble() : 0;
-            view->scrollView_.setContentSize(
-                {width > 0 ? width : view->frame().width, height > 0 ? height : view->frame().height});
-            view->loading_ = false;
-            ++view->finishedLoads_;
-            if (auto delegate = view->delegate_.lock()) {
-                delegate->webViewDidFinishLoad(*view);
+            const platform::Size size =
+                list.size() == 2 ? platform::Size{list[0].toDouble(), list[1].toDouble()} : platform::Size{};
+            if (view->pageFinished(generation, size)) {
+                ++view->finishedLoads_;
             }
         });
 }
 
-void QtWebView::timedOut(std::uint64_t generation) {
-    if (generation != generation_ || !loading_) {
+void QtWebView::timedOut() {
+    if (!isLoading()) {
         return;
     }
     engine_->stop();
@@ -215,33 +180,15 @@ void QtWebView::timedOut(std::uint64_t generation) {
 }
 
 void QtWebView::fail(int code, const std::string& description) {
-    loading_ = false;
-    ++failedLoads_;
+    // The delegate may let go of the view.
     const auto keepAlive = shared_from_this();
-    if (auto delegate = delegate_.lock()) {
-        delegate->webViewDidFailLoadWithError(*this, {code, description});
+    if (pageFailed(loadGeneration(), {code, description})) {
+        ++failedLoads_;
     }
-}
-
-void QtWebView::stopLoading() {
-    engine_->timeout_.stop();
-    if (loading_) {
-        ++generation_;
-        loading_ = false;
-        engine_->stop();
-    }
-}
-
-void QtWebView::evaluateJavaScript(const std::string& script) {
-    engine_->page()->runJavaScript(QString::fromStdString(script));
-}
-
-platform::Size QtWebView::sizeThatFits(const platform::Size& /*size*/) {
-    return {frame().width, frame().height};
 }
 
 void QtWebView::applyZoom(double factor) {
-    if (scalesPageToFit_ || factor == 1.0) {
+    if (scalesPageToFit() || factor == 1.0) {
         engine_->setZoomFactor(std::clamp(factor, kMinimumZoomFactor, kMaximumZoomFactor));
     }
 }
@@ -252,6 +199,26 @@ double QtWebView::shownZoomFactor() const {
 
 std::string QtWebView::currentURL() const {
     return engine_->url().toString().toStdString();
+}
+
+// ---- The renderer's part ----
+
+void QtViewContext::loadPage(platform::WebView& view, const platform::URLRequest& request) {
+    if (auto* web = dynamic_cast<QtWebView*>(&view)) {
+        web->load(request);
+    }
+}
+
+void QtViewContext::stopPage(platform::WebView& view) {
+    if (auto* web = dynamic_cast<QtWebView*>(&view)) {
+        web->stop();
+    }
+}
+
+void QtViewContext::runScript(platform::WebView& view, const std::string& script) {
+    if (auto* web = dynamic_cast<QtWebView*>(&view)) {
+        web->runScript(script);
+    }
 }
 
 }  // namespace tovrel::qtbackend

@@ -60,6 +60,18 @@ struct ViewContext final : platform::ViewRenderer {
     void subviewAdded(platform::View& /*parent*/, platform::View& /*child*/, bool /*moved*/) override {}
     void viewDetached(platform::View& /*view*/) override {}
     void animationAdded(platform::View& /*view*/, const platform::BasicAnimation& /*animation*/) override {}
+    void loadPage(platform::WebView& view, const platform::URLRequest& request) override {
+        if (auto* web = dynamic_cast<VirtualWebView*>(&view)) {
+            web->requests_.push_back(request);
+            web->send(request);
+        }
+    }
+    void stopPage(platform::WebView& /*view*/) override {}
+    void runScript(platform::WebView& view, const std::string& script) override {
+        if (auto* web = dynamic_cast<VirtualWebView*>(&view)) {
+            web->scripts_.push_back(script);
+        }
+    }
 };
 
 VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
@@ -70,50 +82,16 @@ VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const plat
 VirtualWebView::VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
     : WebView(context, frame), context_(context) {}
 
-void VirtualWebView::loadRequest(const platform::URLRequest& request) {
-    requests_.push_back(request);
-    navigate(request, platform::WebNavigationType::kOther);
-}
-
 void VirtualWebView::tapLink(const std::string& url) {
     platform::URLRequest request;
     request.url = url;
-    navigate(request, platform::WebNavigationType::kLinkClicked);
-}
-
-void VirtualWebView::stopLoading() {
-    ++stopLoadingCount_;
-    if (loading_) {
-        ++generation_;
-        loading_ = false;
+    if (navigationRequested(request, platform::WebNavigationType::kLinkClicked)) {
+        send(request);
     }
 }
 
-platform::Size VirtualWebView::sizeThatFits(const platform::Size& /*size*/) {
-    ++sizeThatFitsCount_;
-    return {frame().width, frame().height};
-}
-
-void VirtualWebView::navigate(const platform::URLRequest& request, platform::WebNavigationType type) {
-    if (auto delegate = delegate_.lock();
-        delegate && !delegate->webViewShouldStartLoadWithRequest(*this, request, type)) {
-        return;
-    }
-    const std::uint64_t generation = ++generation_;
-    if (request.url.empty()) {
-        loading_ = false;
-        return;
-    }
-    loading_ = true;
-    const std::weak_ptr<platform::View> weak = weak_from_this();
-    context_->postLater([weak, generation] {
-        const auto view = std::static_pointer_cast<VirtualWebView>(weak.lock());
-        if (view && view->generation_ == generation) {
-            if (auto delegate = view->delegate_.lock()) {
-                delegate->webViewDidStartLoad(*view);
-            }
-        }
-    });
+void VirtualWebView::send(const platform::URLRequest& request) {
+    pageStarted();
     const auto http = context_->http.lock();
     if (!http) {
         return;
@@ -125,48 +103,33 @@ void VirtualWebView::navigate(const platform::URLRequest& request, platform::Web
     httpRequest.ignoreCache =
         request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalCacheData ||
         request.cachePolicy == platform::URLRequestCachePolicy::kReloadIgnoringLocalAndRemoteCacheData;
-    http->send(std::move(httpRequest), [weak, generation, request](platform::HttpResponse response) {
+    http->send(std::move(httpRequest), [weak = weak_from_this(), generation = loadGeneration(),
+                                        request](platform::HttpResponse response) {
         if (const auto view = std::static_pointer_cast<VirtualWebView>(weak.lock())) {
-            view->finish(generation, request, response);
+            view->answer(generation, request, response);
         }
     });
 }
 
-void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest& request,
+void VirtualWebView::answer(std::uint64_t generation, const platform::URLRequest& request,
                             const platform::HttpResponse& response) {
-    if (generation != generation_) {
+    if (generation != loadGeneration() || !isLoading()) {
         return;
     }
-    const auto keepAlive = shared_from_this();
     if (response.error) {
-        loading_ = false;
-        if (auto delegate = delegate_.lock()) {
-            delegate->webViewDidFailLoadWithError(
-                *this, {response.error->code, response.error->localizedDescription});
-        }
+        pageFailed(generation, {response.error->code, response.error->localizedDescription});
         return;
     }
     body_ = response.body;
-    const auto size = context_->contentSizes.find(request.url);
-    scrollView_.setContentSize(
-        size != context_->contentSizes.end() ? size->second : platform::Size{frame().width, frame().height});
+    const auto keepAlive = shared_from_this();
     const auto frames = context_->subframes.find(request.url);
     const int subframes = frames == context_->subframes.end() ? 0 : frames->second;
-    for (int i = 0; i < subframes && generation == generation_; ++i) {
-        if (auto delegate = delegate_.lock()) {
-            delegate->webViewDidStartLoad(*this);
-        }
-        if (auto delegate = delegate_.lock(); delegate && generation == generation_) {
-            delegate->webViewDidFinishLoad(*this);
-        }
+    for (int i = 0; i < subframes; ++i) {
+        frameStarted(generation);
+        frameFinished(generation);
     }
-    if (generation != generation_) {
-        return;
-    }
-    loading_ = false;
-    if (auto delegate = delegate_.lock()) {
-        delegate->webViewDidFinishLoad(*this);
-    }
+    const auto size = context_->contentSizes.find(request.url);
+    pageFinished(generation, size != context_->contentSizes.end() ? size->second : platform::Size{});
 }
 
 // ---- Map ----

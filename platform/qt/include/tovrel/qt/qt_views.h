@@ -176,30 +176,16 @@ class TOVREL_EXPORT QtTableView final : public platform::TableView, public QtVie
     double offset_ = 0;
 };
 
-class QtWebView;
-
-/// A web view on Qt WebEngine. Every navigation (loads and link taps) is put to the delegate first;
-/// a load reports its start on the next turn of the loop and its end once the page's size is known.
-/// The request's cache policy asks the server for a fresh copy (no-cache headers) when it says to
-/// ignore caches, and its timeout stops a load that takes longer (reported as a failure).
+/// A web view on Qt WebEngine: the model's loads run in the engine, whose navigations (link taps
+/// included) go to the model's delegate. The request's cache policy asks the server for a fresh copy
+/// (no-cache headers) when it says to ignore caches, and its timeout stops a load that takes longer
+/// (reported as a failure). The page's zoom follows the scroll view while the page is scaled to fit.
 class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCore {
   public:
     QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame);
     ~QtWebView() override;
     QtWebView(const QtWebView&) = delete;
     QtWebView& operator=(const QtWebView&) = delete;
-
-    void loadRequest(const platform::URLRequest& request) override;
-    [[nodiscard]] bool isLoading() const override { return loading_; }
-    void stopLoading() override;
-    void setDelegate(std::weak_ptr<platform::WebViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void evaluateJavaScript(const std::string& script) override;
-    platform::ScrollView& scrollView() override { return scrollView_; }
-    [[nodiscard]] bool scalesPageToFit() const override { return scalesPageToFit_; }
-    void setScalesPageToFit(bool scales) override { scalesPageToFit_ = scales; }
-    platform::Size sizeThatFits(const platform::Size& size) override;
 
     /// The page's zoom factor as shown.
     void applyZoom(double factor);
@@ -212,7 +198,7 @@ class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCor
     [[nodiscard]] int failedLoads() const { return failedLoads_; }
 
     class Page;
-    /// Page: asks the delegate whether a navigation may start.
+    /// Page: whether a navigation may start.
     bool allowNavigation(const std::string& url, platform::WebNavigationType type, bool isMainFrame,
                          bool isRedirect);
 
@@ -220,19 +206,18 @@ class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCor
     void frameChanged() override;
 
   private:
-    void started();
+    friend struct QtViewContext;
+
+    void load(const platform::URLRequest& request);
+    void stop();
+    void runScript(const std::string& script);
     void finished(bool ok);
-    void timedOut(std::uint64_t generation);
+    void timedOut();
     void fail(int code, const std::string& description);
 
-    std::weak_ptr<platform::WebViewDelegate> delegate_;
-    platform::ScrollView scrollView_;
     class Engine;
     Engine* engine_ = nullptr;
-    bool loading_ = false;
-    bool scalesPageToFit_ = false;
     bool directLoad_ = false;
-    std::uint64_t generation_ = 0;
     int finishedLoads_ = 0;
     int failedLoads_ = 0;
 };

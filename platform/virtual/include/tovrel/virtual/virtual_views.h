@@ -49,49 +49,33 @@ class TOVREL_EXPORT VirtualView final : public platform::View {
 
 /// A web view that loads pages through the HTTP port: any 2xx or other answer finishes the load (as
 /// a browser shows an error page), a transport failure fails it. The page's content size is the
-/// one set for its address on the ViewSystem, else the view's size.
+/// one set for its address on the ViewSystem, else the view's size. It keeps what it was asked to
+/// load and run.
 class TOVREL_EXPORT VirtualWebView final : public platform::WebView {
   public:
     VirtualWebView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame);
 
-    void loadRequest(const platform::URLRequest& request) override;
-    [[nodiscard]] bool isLoading() const override { return loading_; }
-    void stopLoading() override;
-    void setDelegate(std::weak_ptr<platform::WebViewDelegate> delegate) override {
-        delegate_ = std::move(delegate);
-    }
-    void evaluateJavaScript(const std::string& script) override { scripts_.push_back(script); }
-    platform::ScrollView& scrollView() override { return scrollView_; }
-    [[nodiscard]] bool scalesPageToFit() const override { return scalesPageToFit_; }
-    void setScalesPageToFit(bool scales) override { scalesPageToFit_ = scales; }
-    platform::Size sizeThatFits(const platform::Size& size) override;
-
     /// The user taps a link to `url` inside the page.
     void tapLink(const std::string& url);
+    /// Every request the model loaded, oldest first.
     [[nodiscard]] const std::vector<platform::URLRequest>& loadedRequests() const { return requests_; }
+    /// Every script run in the page, oldest first.
     [[nodiscard]] const std::vector<std::string>& scripts() const { return scripts_; }
-    [[nodiscard]] int sizeThatFitsCount() const { return sizeThatFitsCount_; }
-    [[nodiscard]] int stopLoadingCount() const { return stopLoadingCount_; }
     /// The body of the page shown, empty before the first load.
     [[nodiscard]] const std::string& pageBody() const { return body_; }
-    [[nodiscard]] std::shared_ptr<platform::WebViewDelegate> delegate() const { return delegate_.lock(); }
 
   private:
-    void navigate(const platform::URLRequest& request, platform::WebNavigationType type);
-    void finish(std::uint64_t generation, const platform::URLRequest& request,
+    friend struct ViewContext;
+
+    /// Sends the request of the load under way through the HTTP port.
+    void send(const platform::URLRequest& request);
+    void answer(std::uint64_t generation, const platform::URLRequest& request,
                 const platform::HttpResponse& response);
 
     std::shared_ptr<ViewContext> context_;
-    std::weak_ptr<platform::WebViewDelegate> delegate_;
-    platform::ScrollView scrollView_;
-    bool loading_ = false;
-    bool scalesPageToFit_ = false;
-    std::uint64_t generation_ = 0;
     std::vector<platform::URLRequest> requests_;
     std::vector<std::string> scripts_;
     std::string body_;
-    int sizeThatFitsCount_ = 0;
-    int stopLoadingCount_ = 0;
 };
 
 /// A map that asks its delegate for an annotation's view when the annotation is added (a default pin
