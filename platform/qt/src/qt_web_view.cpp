@@ -86,7 +86,7 @@ QtWebView::QtWebView(std::shared_ptr<QtViewContext> context, const platform::Rec
     engine_ = new Engine(*this, widget());
     engine_->setGeometry(0, 0, widget()->width(), widget()->height());
     engine_->show();
-    QObject::connect(engine_, &QWebEngineView::loadStarted, widget(), [this] { pageStarted(); });
+    QObject::connect(engine_, &QWebEngineView::loadStarted, widget(), [this] { started(); });
     QObject::connect(engine_, &QWebEngineView::loadFinished, widget(), [this](bool ok) { finished(ok); });
     QObject::connect(&engine_->timeout_, &QTimer::timeout, widget(), [this] { timedOut(); });
 }
@@ -112,11 +112,20 @@ bool QtWebView::allowNavigation(const std::string& url, platform::WebNavigationT
     if (directLoad_) {
         // The model has asked the delegate for this load already.
         directLoad_ = false;
+        refused_ = false;
         return true;
     }
     platform::URLRequest request;
     request.url = url;
-    return navigationRequested(request, type, isRedirect);
+    // The engine still reports a refused navigation's start and failed end: neither is a load.
+    refused_ = !navigationRequested(request, type, isRedirect);
+    return !refused_;
+}
+
+void QtWebView::started() {
+    if (!refused_) {
+        pageStarted();
+    }
 }
 
 void QtWebView::load(const platform::URLRequest& request) {
@@ -145,6 +154,10 @@ void QtWebView::runScript(const std::string& script) {
 }
 
 void QtWebView::finished(bool ok) {
+    if (refused_) {
+        refused_ = false;
+        return;
+    }
     engine_->timeout_.stop();
     if (!isLoading()) {
         return;

@@ -211,6 +211,7 @@ class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCor
     void load(const platform::URLRequest& request);
     void stop();
     void runScript(const std::string& script);
+    void started();
     void finished(bool ok);
     void timedOut();
     void fail(int code, const std::string& description);
@@ -218,6 +219,7 @@ class TOVREL_EXPORT QtWebView final : public platform::WebView, public QtViewCor
     class Engine;
     Engine* engine_ = nullptr;
     bool directLoad_ = false;
+    bool refused_ = false;
     int finishedLoads_ = 0;
     int failedLoads_ = 0;
 };
