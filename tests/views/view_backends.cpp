@@ -1,5 +1,6 @@
 #include "view_backends.h"
 
+#include "tovrel/virtual/recording_http_client.h"
 #include "tovrel/virtual/virtual_scheduler.h"
 #include "tovrel/virtual/virtual_views.h"
 
@@ -28,12 +29,35 @@ class VirtualBackend final : public Backend {
         const std::shared_ptr<platform::Annotation>& annotation) const override {
         return std::dynamic_pointer_cast<virtualbackend::VirtualMapView>(map)->viewForAnnotation(annotation);
     }
+    [[nodiscard]] std::string pageAddress(const std::string& name) const override {
+        return "http://pages.test/" + name;
+    }
+    bool turnUntil(const std::function<bool()>& done) override {
+        loop_->runUntilIdle();
+        return done();
+    }
+    void tapLink(platform::WebView& web, const std::string& url) override {
+        dynamic_cast<virtualbackend::VirtualWebView&>(web).tapLink(url);
+    }
 
   private:
     std::shared_ptr<virtualbackend::VirtualScheduler> loop_ =
         std::make_shared<virtualbackend::VirtualScheduler>();
-    std::shared_ptr<virtualbackend::VirtualViewSystem> views_ =
-        std::make_shared<virtualbackend::VirtualViewSystem>(loop_, nullptr);
+    // Pages answer at once; nothing listens on port 1.
+    std::shared_ptr<virtualbackend::RecordingHttpClient> http_ = [this] {
+        auto client = std::make_shared<virtualbackend::RecordingHttpClient>(loop_);
+        client->setResponder([](const virtualbackend::RecordedRequest& request) {
+            return request.url.find(":1/") != std::string::npos
+                       ? virtualbackend::Reply::failure(platform::HttpErrorKind::kTransport, "refused")
+                       : virtualbackend::Reply::text(200, "<p>page</p>");
+        });
+        return client;
+    }();
+    std::shared_ptr<virtualbackend::VirtualViewSystem> views_ = [this] {
+        auto made = std::make_shared<virtualbackend::VirtualViewSystem>(loop_, http_);
+        made->setPageContentSize(pageAddress("wide.html"), {750, 400});
+        return made;
+    }();
 };
 
 #ifdef TOVREL_VIEWS_WITH_QT
@@ -49,6 +73,16 @@ class QtBackend final : public Backend {
         const std::shared_ptr<platform::MapView>& map,
         const std::shared_ptr<platform::Annotation>& annotation) const override {
         return std::dynamic_pointer_cast<qtbackend::QtMapView>(map)->viewForAnnotation(annotation);
+    }
+    [[nodiscard]] std::string pageAddress(const std::string& name) const override {
+        return "file://" TOVREL_QT_TEST_CONTENT_DIR "/media/" + name;
+    }
+    bool turnUntil(const std::function<bool()>& done) override {
+        return qttest::waitFor(done, std::chrono::seconds(30));
+    }
+    void tapLink(platform::WebView& web, const std::string& url) override {
+        web.evaluateJavaScript("(() => { const a = document.createElement('a'); a.href = '" + url +
+                               "'; document.body.appendChild(a); a.click(); })();");
     }
 
   private:

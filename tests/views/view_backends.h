@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tovrel/platform/views.h"
@@ -25,6 +27,12 @@ class Backend {
     [[nodiscard]] virtual std::shared_ptr<platform::AnnotationView> pinViewOf(
         const std::shared_ptr<platform::MapView>& map,
         const std::shared_ptr<platform::Annotation>& annotation) const = 0;
+    /// The address of test page `name`: "wide.html" is 750 points wide, "offer-qt.html" plain.
+    [[nodiscard]] virtual std::string pageAddress(const std::string& name) const = 0;
+    /// Turns the loop until `done` holds or the backend gives up (pages load for real on Qt).
+    virtual bool turnUntil(const std::function<bool()>& done) = 0;
+    /// The user taps a link to `url` in `web`'s page.
+    virtual void tapLink(platform::WebView& web, const std::string& url) = 0;
 };
 
 /// The virtual backend, on its own virtual-time loop.
