@@ -8,7 +8,6 @@
 
 #include "qt_test_support.h"
 #include "tovrel/qt/qt_main_loop.h"
-#include "tovrel/qt/qt_map_view.h"
 #include "tovrel/qt/qt_views.h"
 #endif
 
@@ -22,11 +21,6 @@ class VirtualBackend final : public Backend {
     void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
     [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
         return views_->presentedViews();
-    }
-    [[nodiscard]] std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const override {
-        return std::dynamic_pointer_cast<virtualbackend::VirtualMapView>(map)->viewForAnnotation(annotation);
     }
 
   private:
@@ -44,11 +38,6 @@ class QtBackend final : public Backend {
     void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
     [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
         return views_->presentedViews();
-    }
-    [[nodiscard]] std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const override {
-        return std::dynamic_pointer_cast<qtbackend::QtMapView>(map)->viewForAnnotation(annotation);
     }
 
   private:

@@ -21,10 +21,6 @@ class Backend {
     virtual void rotate(platform::DeviceOrientation orientation) = 0;
     /// The views presented now, oldest first.
     [[nodiscard]] virtual std::vector<std::shared_ptr<platform::View>> presentedViews() const = 0;
-    /// The view `map` shows for `annotation`, or null when it is not on the map.
-    [[nodiscard]] virtual std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const = 0;
 };
 
 /// The virtual backend, on its own virtual-time loop.

@@ -1,6 +1,7 @@
 #include "tovrel/virtual/virtual_views.h"
 
 #include <algorithm>
+#include <deque>
 
 #include "tovrel/platform/view_renderer.h"
 #include "tovrel/virtual/virtual_platform.h"
@@ -12,7 +13,7 @@ using platform::Appearance;
 /// What a ViewSystem shares with its views, and the renderer that shows them: it records the
 /// properties set inside animation blocks. Only weak references point back out, so a view held by a
 /// posted task or a timer never keeps the loop, the client or the system alive.
-struct ViewContext final : platform::ViewRenderer {
+struct ViewContext final : platform::ViewRenderer, std::enable_shared_from_this<ViewContext> {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
     std::weak_ptr<platform::View> keyWindow;
@@ -60,6 +61,19 @@ struct ViewContext final : platform::ViewRenderer {
     void subviewAdded(platform::View& /*parent*/, platform::View& /*child*/, bool /*moved*/) override {}
     void viewDetached(platform::View& /*view*/) override {}
     void animationAdded(platform::View& /*view*/, const platform::BasicAnimation& /*animation*/) override {}
+    void mapChanged(platform::MapView& map, const platform::MapChange& change) override {
+        if (mapChanges.size() == kKeptMapChanges) {
+            mapChanges.pop_front();
+        }
+        mapChanges.emplace_back(map.weak_from_this(), change);
+    }
+    std::shared_ptr<platform::AnnotationView> makePlatformPin(
+        std::shared_ptr<platform::Annotation> annotation) override {
+        return std::make_shared<platform::AnnotationView>(shared_from_this(), std::move(annotation), "");
+    }
+
+    static constexpr std::size_t kKeptMapChanges = 10000;
+    std::deque<std::pair<std::weak_ptr<platform::View>, platform::MapChange>> mapChanges;
 };
 
 VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
@@ -169,160 +183,6 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
     }
 }
 
-// ---- Map ----
-
-VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
-    : MapView(context, frame), context_(context), userLocation_(std::make_shared<platform::UserLocation>()) {
-    userLocation_->coordinate = {-180, -180};
-}
-
-std::vector<std::shared_ptr<platform::Annotation>> VirtualMapView::annotations() const {
-    std::vector<std::shared_ptr<platform::Annotation>> all;
-    if (showsUserLocation_ && userLocation_->location) {
-        all.push_back(userLocation_);
-    }
-    for (const auto& pinned : pinned_) {
-        all.push_back(pinned.annotation);
-    }
-    return all;
-}
-
-void VirtualMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotation) {
-    const auto same = [&annotation](const Pinned& p) { return p.annotation == annotation; };
-    if (!annotation || std::any_of(pinned_.begin(), pinned_.end(), same)) {
-        return;
-    }
-    pinned_.push_back({annotation, nullptr});
-    std::shared_ptr<platform::AnnotationView> view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForAnnotation(*this, annotation);
-    }
-    if (!view) {
-        // The platform's own pin, which nothing reuses.
-        view = std::make_shared<platform::AnnotationView>(context_, annotation, "");
-    }
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
-    if (it != pinned_.end()) {
-        it->view = std::move(view);
-    }
-}
-
-void VirtualMapView::removeAnnotations(
-    const std::vector<std::shared_ptr<platform::Annotation>>& annotations) {
-    for (const auto& annotation : annotations) {
-        const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                     [&annotation](const Pinned& p) { return p.annotation == annotation; });
-        if (it == pinned_.end()) {
-            continue;
-        }
-        if (it->view && !it->view->reuseIdentifier().empty()) {
-            reusable_.put(it->view->reuseIdentifier(), it->view);
-        }
-        pinned_.erase(it);
-        selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
-    }
-}
-
-std::vector<std::shared_ptr<platform::Overlay>> VirtualMapView::overlays() const {
-    std::vector<std::shared_ptr<platform::Overlay>> all;
-    for (const auto& drawn : drawn_) {
-        all.push_back(drawn.overlay);
-    }
-    return all;
-}
-
-void VirtualMapView::addOverlay(std::shared_ptr<platform::Overlay> overlay) {
-    if (!overlay) {
-        return;
-    }
-    platform::OverlayView view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForOverlay(*this, overlay);
-    }
-    drawn_.push_back({std::move(overlay), view});
-}
-
-void VirtualMapView::removeOverlays(const std::vector<std::shared_ptr<platform::Overlay>>& overlays) {
-    for (const auto& overlay : overlays) {
-        drawn_.erase(std::remove_if(drawn_.begin(), drawn_.end(),
-                                    [&overlay](const Drawn& d) { return d.overlay == overlay; }),
-                     drawn_.end());
-    }
-}
-
-std::shared_ptr<platform::AnnotationView> VirtualMapView::dequeueReusableAnnotationViewWithIdentifier(
-    const std::string& identifier) {
-    auto view = reusable_.take(identifier);
-    dequeued_.push_back(view);
-    return view;
-}
-
-void VirtualMapView::deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation,
-                                        bool animated) {
-    deselections_.push_back({annotation, animated});
-    selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
-}
-
-void VirtualMapView::setRegion(const platform::CoordinateRegion& region, bool animated) {
-    region_ = region;
-    regionChanges_.push_back({region, animated});
-}
-
-void VirtualMapView::setVisibleMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding,
-                                       bool animated) {
-    visibleRect_ = rect;
-    visibleRectChanges_.push_back({rect, padding, animated});
-}
-
-void VirtualMapView::deliverUserLocation(const platform::Location& location) {
-    userLocation_->location = location;
-    userLocation_->coordinate = location.coordinate;
-    userLocation_->updating = true;
-    if (!showsUserLocation_) {
-        return;
-    }
-    if (auto delegate = delegate_.lock()) {
-        delegate->mapViewDidUpdateUserLocation(*this, *userLocation_);
-    }
-}
-
-void VirtualMapView::selectAnnotation(const std::shared_ptr<platform::Annotation>& annotation) {
-    if (std::find(selected_.begin(), selected_.end(), annotation) == selected_.end()) {
-        selected_.push_back(annotation);
-    }
-}
-
-bool VirtualMapView::tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation,
-                                         bool right) {
-    const auto view = viewForAnnotation(annotation);
-    if (!view) {
-        return false;
-    }
-    const auto control = right ? view->rightCalloutAccessoryView() : view->leftCalloutAccessoryView();
-    if (!std::dynamic_pointer_cast<platform::Button>(control)) {
-        return false;
-    }
-    selectAnnotation(annotation);
-    if (auto delegate = delegate_.lock()) {
-        delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*this, *view, *control);
-    }
-    return true;
-}
-
-std::shared_ptr<platform::AnnotationView> VirtualMapView::viewForAnnotation(
-    const std::shared_ptr<platform::Annotation>& annotation) const {
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                 [&annotation](const Pinned& p) { return p.annotation == annotation; });
-    return it == pinned_.end() ? nullptr : it->view;
-}
-
-std::optional<platform::OverlayView> VirtualMapView::viewForOverlay(
-    const std::shared_ptr<platform::Overlay>& overlay) const {
-    const auto it = std::find_if(drawn_.begin(), drawn_.end(),
-                                 [&overlay](const Drawn& d) { return d.overlay == overlay; });
-    return it == drawn_.end() ? std::nullopt : std::optional(it->view);
-}
-
 // ---- The system ----
 
 VirtualViewSystem::VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
@@ -392,7 +252,7 @@ std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(
 }
 
 std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform::Rect& frame) {
-    return std::make_shared<VirtualMapView>(context_, frame);
+    return std::make_shared<platform::MapView>(context_, frame);
 }
 
 std::shared_ptr<platform::AnnotationView> VirtualViewSystem::makeAnnotationView(
@@ -499,6 +359,16 @@ void VirtualViewSystem::setPageSubframes(const std::string& url, int count) {
 
 VirtualViewSystem& virtualViews(const VirtualPlatform& platform) {
     return static_cast<VirtualViewSystem&>(*platform.views);
+}
+
+std::vector<platform::MapChange> VirtualViewSystem::mapChanges(const platform::MapView& map) const {
+    std::vector<platform::MapChange> changes;
+    for (const auto& [changed, change] : context_->mapChanges) {
+        if (changed.lock().get() == &map) {
+            changes.push_back(change);
+        }
+    }
+    return changes;
 }
 
 }  // namespace tovrel::virtualbackend
