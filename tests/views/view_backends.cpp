@@ -18,10 +18,6 @@ class VirtualBackend final : public Backend {
   public:
     platform::ViewSystem& views() override { return *views_; }
     void turn() override { loop_->runUntilIdle(); }
-    void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
-        return views_->presentedViews();
-    }
 
   private:
     std::shared_ptr<virtualbackend::VirtualScheduler> loop_ =
@@ -35,10 +31,6 @@ class QtBackend final : public Backend {
   public:
     platform::ViewSystem& views() override { return *views_; }
     void turn() override { qttest::pump(std::chrono::milliseconds(30)); }
-    void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
-        return views_->presentedViews();
-    }
 
   private:
     std::shared_ptr<qtbackend::QtMainLoop> loop_ = std::make_shared<qtbackend::QtMainLoop>();

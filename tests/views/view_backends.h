@@ -17,10 +17,6 @@ class Backend {
     virtual platform::ViewSystem& views() = 0;
     /// Lets the main loop turn until nothing is left to run now (the did-events arrive).
     virtual void turn() = 0;
-    /// The device turns to `orientation`.
-    virtual void rotate(platform::DeviceOrientation orientation) = 0;
-    /// The views presented now, oldest first.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<platform::View>> presentedViews() const = 0;
 };
 
 /// The virtual backend, on its own virtual-time loop.

@@ -115,13 +115,13 @@ TYPED_TEST(ViewConformanceTest, PresentingTwiceIsIgnoredAndDismissingAnnounces) 
     this->views.presentModalView(view, {});
     this->views.presentModalView(view, {});
     this->backend->turn();
-    EXPECT_EQ(this->backend->presentedViews(), (Views{view}));
+    EXPECT_EQ(this->views.presentedViews(), (Views{view}));
     EXPECT_EQ(view->appearanceLog(),
               (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
     this->views.dismissModalView(view, false);
     this->views.dismissModalView(view, false);
     this->backend->turn();
-    EXPECT_TRUE(this->backend->presentedViews().empty());
+    EXPECT_TRUE(this->views.presentedViews().empty());
     EXPECT_EQ(view->appearanceLog(),
               (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear,
                                        Appearance::kWillDisappear, Appearance::kDidDisappear}));
@@ -130,12 +130,12 @@ TYPED_TEST(ViewConformanceTest, PresentingTwiceIsIgnoredAndDismissingAnnounces) 
 TYPED_TEST(ViewConformanceTest, RotatingSwapsTheScreenAndTellsObservers) {
     int told = 0;
     this->views.addDeviceOrientationObserver([&told] { ++told; });
-    this->backend->rotate(platform::DeviceOrientation::kLandscapeLeft);
+    this->views.rotate(platform::DeviceOrientation::kLandscapeLeft);
     EXPECT_EQ(told, 1);
     EXPECT_EQ(this->views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
     EXPECT_EQ(this->views.mainScreenBounds(), (platform::Rect{0, 0, 667, 375}));
     EXPECT_EQ(this->views.keyWindow()->frame(), this->views.mainScreenBounds());
-    this->backend->rotate(platform::DeviceOrientation::kFaceDown);
+    this->views.rotate(platform::DeviceOrientation::kFaceDown);
     EXPECT_EQ(this->views.deviceOrientation(), platform::DeviceOrientation::kFaceDown);
     EXPECT_EQ(this->views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
     EXPECT_EQ(told, 2);

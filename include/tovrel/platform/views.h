@@ -699,26 +699,34 @@ struct TOVREL_EXPORT ModalPresentation {
 };
 
 /// The toolkit: the key window, the screen and device orientation, view factories, animation
-/// blocks, modal presentation and resource lookup. Views from one ViewSystem are only ever added
-/// to views of the same ViewSystem.
+/// blocks, modal presentation and resource lookup. The screen, the orientation and the stack of
+/// presented views live here, the same in every backend; a backend makes the views, runs animation
+/// blocks, finds resources and shows presentations. Views from one ViewSystem are only ever added to
+/// views of the same ViewSystem.
 class TOVREL_EXPORT ViewSystem {
   public:
-    virtual ~ViewSystem() = default;
+    virtual ~ViewSystem();
+    ViewSystem(const ViewSystem&) = delete;
+    ViewSystem& operator=(const ViewSystem&) = delete;
 
-    /// Main thread. The application's key window (a view whose subviews cover the screen), or null.
-    virtual std::shared_ptr<View> keyWindow() = 0;
+    /// Main thread. The application's key window (a view whose subviews cover the screen).
+    [[nodiscard]] std::shared_ptr<View> keyWindow() const { return keyWindow_; }
     /// Main thread. The main screen's bounds in the current orientation.
-    [[nodiscard]] virtual Rect mainScreenBounds() const = 0;
+    [[nodiscard]] Rect mainScreenBounds() const;
     /// Main thread. How the device is held.
-    [[nodiscard]] virtual DeviceOrientation deviceOrientation() const = 0;
+    [[nodiscard]] DeviceOrientation deviceOrientation() const { return deviceOrientation_; }
     /// Main thread. The orientation of the application's interface (its status bar).
-    [[nodiscard]] virtual InterfaceOrientation statusBarOrientation() const = 0;
+    [[nodiscard]] InterfaceOrientation statusBarOrientation() const { return interfaceOrientation_; }
     /// Main thread.
-    [[nodiscard]] virtual bool isStatusBarHidden() const = 0;
+    [[nodiscard]] bool isStatusBarHidden() const { return statusBarHidden_; }
     /// Main thread. `handler` runs on the main thread after each change of the device orientation,
     /// for the life of the ViewSystem; there is no removal, so it must guard against outliving
     /// whatever it touches.
-    virtual void addDeviceOrientationObserver(std::function<void()> handler) = 0;
+    void addDeviceOrientationObserver(std::function<void()> handler) {
+        observers_.push_back(std::move(handler));
+    }
+    /// Main thread. How many orientation observers were added.
+    [[nodiscard]] std::size_t orientationObserverCount() const { return observers_.size(); }
     /// Any thread. The path of resource `name` of `type` in the main bundle
     /// ("TovrelSDKResources", "bundle"), or nullopt when there is none.
     [[nodiscard]] virtual std::optional<std::string> pathForResource(const std::string& name,
@@ -752,13 +760,49 @@ class TOVREL_EXPORT ViewSystem {
     virtual void animate(const ViewAnimation& animation, const std::function<void()>& changes) = 0;
 
     /// Main thread. The presentation settings of the key window's root screen.
-    virtual void setRootPresentationContext(const PresentationContext& context) = 0;
+    void setRootPresentationContext(const PresentationContext& context) { rootContext_ = context; }
+    /// Main thread.
+    [[nodiscard]] const PresentationContext& rootPresentationContext() const { return rootContext_; }
     /// Main thread. Presents `view` over the key window's root screen; its appearance handler hears
-    /// it appear. Presenting a view that is already presented does nothing.
-    virtual void presentModalView(std::shared_ptr<View> view, const ModalPresentation& presentation) = 0;
+    /// it appear. Presenting the key window or a view that is already presented does nothing.
+    void presentModalView(std::shared_ptr<View> view, const ModalPresentation& presentation);
     /// Main thread. Dismisses a presented view; its appearance handler hears it disappear. Views
     /// that are not presented are ignored.
-    virtual void dismissModalView(const std::shared_ptr<View>& view, bool animated) = 0;
+    void dismissModalView(const std::shared_ptr<View>& view, bool animated);
+    /// Main thread. The views presented now, oldest first.
+    [[nodiscard]] std::vector<std::shared_ptr<View>> presentedViews() const;
+    /// Main thread. Whether `view` is the key window.
+    [[nodiscard]] bool isKeyWindow(const View& view) const { return &view == keyWindow_.get(); }
+    /// Main thread. Whether `view` is presented now.
+    [[nodiscard]] bool isPresented(const View& view) const;
+
+    /// Main thread. The device turns: the device orientation, the interface orientation (for the
+    /// four upright ones), the screen bounds and the key window follow, and the observers run.
+    void rotate(DeviceOrientation orientation);
+    /// Main thread. Hides or shows the status bar.
+    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
+    /// Main thread. The screen's size held upright; the key window follows.
+    void setScreenSize(const Size& portrait);
+
+  protected:
+    /// Main thread. A screen of `portrait` size held upright, without a key window yet.
+    explicit ViewSystem(const Size& portrait);
+    /// Main thread. The backend's key window, set once while it is made; it covers the screen.
+    void setKeyWindow(std::shared_ptr<View> window);
+    /// Main thread. `view` joined the presented views; it announces its appearance afterwards.
+    virtual void didPresent(View& /*view*/, const ModalPresentation& /*presentation*/) {}
+    /// Main thread. `view` left the presented views; it announces its disappearance afterwards.
+    virtual void didDismiss(View& /*view*/, bool /*animated*/) {}
+
+  private:
+    std::shared_ptr<View> keyWindow_;
+    Size portrait_;
+    DeviceOrientation deviceOrientation_ = DeviceOrientation::kPortrait;
+    InterfaceOrientation interfaceOrientation_ = InterfaceOrientation::kPortrait;
+    bool statusBarHidden_ = false;
+    std::vector<std::function<void()>> observers_;
+    PresentationContext rootContext_;
+    std::vector<std::weak_ptr<View>> presented_;
 };
 
 }  // namespace tovrel::platform

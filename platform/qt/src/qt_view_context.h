@@ -21,8 +21,6 @@ class QtViewSystem;
 /// system alive.
 struct QtViewContext final : platform::ViewRenderer, std::enable_shared_from_this<QtViewContext> {
     std::weak_ptr<platform::MainLoop> loop;
-    std::weak_ptr<platform::View> keyWindow;
-    std::vector<std::weak_ptr<platform::View>> presented;
     std::vector<std::weak_ptr<platform::View>> maps;
     std::vector<platform::ViewAnimation> openAnimations;
     std::filesystem::path resourceRoot;

@@ -26,12 +26,11 @@ QColor toQColor(const platform::Color& color) {
 // ---- QtViewContext ----
 
 bool QtViewContext::isKeyWindow(const platform::View& view) const {
-    return &view == keyWindow.lock().get();
+    return system != nullptr && system->isKeyWindow(view);
 }
 
 bool QtViewContext::isPresented(const platform::View& view) const {
-    return std::any_of(presented.begin(), presented.end(),
-                       [&view](const auto& weak) { return weak.lock().get() == &view; });
+    return system != nullptr && system->isPresented(view);
 }
 
 void QtViewContext::postLater(platform::Task task) const {

@@ -16,19 +16,17 @@ using platform::Appearance;
 struct ViewContext final : platform::ViewRenderer, std::enable_shared_from_this<ViewContext> {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
-    std::weak_ptr<platform::View> keyWindow;
-    std::vector<std::weak_ptr<platform::View>> presented;
+    const platform::ViewSystem* system = nullptr;
     std::vector<AnimationBlock> blocks;
     std::vector<std::size_t> openBlocks;
     std::map<std::string, platform::Size> contentSizes;
     std::map<std::string, int> subframes;
 
     [[nodiscard]] bool isKeyWindow(const platform::View& view) const override {
-        return &view == keyWindow.lock().get();
+        return system != nullptr && system->isKeyWindow(view);
     }
     [[nodiscard]] bool isPresented(const platform::View& view) const override {
-        return std::any_of(presented.begin(), presented.end(),
-                           [&view](const auto& weak) { return weak.lock().get() == &view; });
+        return system != nullptr && system->isPresented(view);
     }
     void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
@@ -187,25 +185,15 @@ void VirtualWebView::finish(std::uint64_t generation, const platform::URLRequest
 
 VirtualViewSystem::VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
                                      const std::shared_ptr<platform::HttpClient>& http)
-    : context_(std::make_shared<ViewContext>()) {
+    : ViewSystem({375, 667}), context_(std::make_shared<ViewContext>()) {
     context_->loop = loop;
     context_->http = http;
-    keyWindow_ =
-        std::make_shared<VirtualView>(context_, platform::Rect{0, 0, portrait_.width, portrait_.height});
-    context_->keyWindow = keyWindow_;
+    context_->system = this;
+    setKeyWindow(std::make_shared<VirtualView>(context_, mainScreenBounds()));
 }
 
-VirtualViewSystem::~VirtualViewSystem() = default;
-
-platform::Rect VirtualViewSystem::mainScreenBounds() const {
-    const bool landscape = interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeLeft ||
-                           interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeRight;
-    return landscape ? platform::Rect{0, 0, portrait_.height, portrait_.width}
-                     : platform::Rect{0, 0, portrait_.width, portrait_.height};
-}
-
-void VirtualViewSystem::addDeviceOrientationObserver(std::function<void()> handler) {
-    observers_.push_back(std::move(handler));
+VirtualViewSystem::~VirtualViewSystem() {
+    context_->system = nullptr;
 }
 
 std::optional<std::string> VirtualViewSystem::pathForResource(const std::string& name,
@@ -274,79 +262,19 @@ const std::vector<AnimationBlock>& VirtualViewSystem::animationBlocks() const {
     return context_->blocks;
 }
 
-void VirtualViewSystem::presentModalView(std::shared_ptr<platform::View> view,
-                                         const platform::ModalPresentation& presentation) {
-    if (!view || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
-        return;
-    }
-    const bool wasOnScreen = view->isOnScreen();
-    presentations_.push_back({view, presentation, rootContext_, false, false});
-    context_->presented.push_back(view);
-    if (!wasOnScreen) {
-        view->announce(Appearance::kWillAppear);
-    }
+void VirtualViewSystem::didPresent(platform::View& view, const platform::ModalPresentation& presentation) {
+    presentations_.push_back(
+        {view.shared_from_this(), presentation, rootPresentationContext(), false, false});
 }
 
-void VirtualViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) {
-    auto& presented = context_->presented;
-    const auto it = std::find_if(presented.begin(), presented.end(),
-                                 [&view](const auto& weak) { return weak.lock() == view; });
-    if (!view || it == presented.end()) {
-        return;
-    }
-    presented.erase(it);
+void VirtualViewSystem::didDismiss(platform::View& view, bool animated) {
     for (auto record = presentations_.rbegin(); record != presentations_.rend(); ++record) {
-        if (record->view == view && !record->dismissed) {
+        if (record->view.get() == &view && !record->dismissed) {
             record->dismissed = true;
             record->dismissedAnimated = animated;
             break;
         }
     }
-    if (!view->isOnScreen()) {
-        view->announce(Appearance::kWillDisappear);
-    }
-}
-
-std::vector<std::shared_ptr<platform::View>> VirtualViewSystem::presentedViews() const {
-    std::vector<std::shared_ptr<platform::View>> views;
-    for (const auto& weak : context_->presented) {
-        if (auto view = weak.lock()) {
-            views.push_back(std::move(view));
-        }
-    }
-    return views;
-}
-
-void VirtualViewSystem::rotate(platform::DeviceOrientation orientation) {
-    using platform::DeviceOrientation;
-    using platform::InterfaceOrientation;
-    deviceOrientation_ = orientation;
-    switch (orientation) {
-        case DeviceOrientation::kPortrait:
-            interfaceOrientation_ = InterfaceOrientation::kPortrait;
-            break;
-        case DeviceOrientation::kPortraitUpsideDown:
-            interfaceOrientation_ = InterfaceOrientation::kPortraitUpsideDown;
-            break;
-        case DeviceOrientation::kLandscapeLeft:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeRight;
-            break;
-        case DeviceOrientation::kLandscapeRight:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeLeft;
-            break;
-        default:
-            break;
-    }
-    keyWindow_->setFrame(mainScreenBounds());
-    const auto observers = observers_;
-    for (const auto& observer : observers) {
-        observer();
-    }
-}
-
-void VirtualViewSystem::setScreenSize(const platform::Size& portrait) {
-    portrait_ = portrait;
-    keyWindow_->setFrame(mainScreenBounds());
 }
 
 void VirtualViewSystem::setPageContentSize(const std::string& url, const platform::Size& size) {

@@ -102,17 +102,9 @@ class TOVREL_EXPORT VirtualViewSystem final : public platform::ViewSystem {
     VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
                       const std::shared_ptr<platform::HttpClient>& http);
     ~VirtualViewSystem() override;
+    VirtualViewSystem(const VirtualViewSystem&) = delete;
+    VirtualViewSystem& operator=(const VirtualViewSystem&) = delete;
 
-    std::shared_ptr<platform::View> keyWindow() override { return keyWindow_; }
-    [[nodiscard]] platform::Rect mainScreenBounds() const override;
-    [[nodiscard]] platform::DeviceOrientation deviceOrientation() const override {
-        return deviceOrientation_;
-    }
-    [[nodiscard]] platform::InterfaceOrientation statusBarOrientation() const override {
-        return interfaceOrientation_;
-    }
-    [[nodiscard]] bool isStatusBarHidden() const override { return statusBarHidden_; }
-    void addDeviceOrientationObserver(std::function<void()> handler) override;
     [[nodiscard]] std::optional<std::string> pathForResource(const std::string& name,
                                                              const std::string& type) const override;
 
@@ -133,19 +125,6 @@ class TOVREL_EXPORT VirtualViewSystem final : public platform::ViewSystem {
 
     void animate(const platform::ViewAnimation& animation, const std::function<void()>& changes) override;
 
-    void setRootPresentationContext(const platform::PresentationContext& context) override {
-        rootContext_ = context;
-    }
-    void presentModalView(std::shared_ptr<platform::View> view,
-                          const platform::ModalPresentation& presentation) override;
-    void dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) override;
-
-    /// The device turns: the device orientation, the interface orientation (for the four upright
-    /// ones), the screen bounds and the key window follow, and the orientation observers run.
-    void rotate(platform::DeviceOrientation orientation);
-    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
-    /// The portrait size of the screen (default 375 × 667).
-    void setScreenSize(const platform::Size& portrait);
     /// The content size of the page at `url` once it has loaded.
     void setPageContentSize(const std::string& url, const platform::Size& size);
     /// How many subframes the page at `url` loads: each reports a finish while the page is still
@@ -156,25 +135,16 @@ class TOVREL_EXPORT VirtualViewSystem final : public platform::ViewSystem {
 
     [[nodiscard]] const std::vector<AnimationBlock>& animationBlocks() const;
     [[nodiscard]] const std::vector<PresentationRecord>& presentations() const { return presentations_; }
-    /// The views presented now, oldest first.
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const;
-    [[nodiscard]] const platform::PresentationContext& rootPresentationContext() const {
-        return rootContext_;
-    }
-    [[nodiscard]] std::size_t orientationObserverCount() const { return observers_.size(); }
     /// What happened on `map`, oldest first (the last 10,000 changes of all maps are kept).
     [[nodiscard]] std::vector<platform::MapChange> mapChanges(const platform::MapView& map) const;
 
+  protected:
+    void didPresent(platform::View& view, const platform::ModalPresentation& presentation) override;
+    void didDismiss(platform::View& view, bool animated) override;
+
   private:
     std::shared_ptr<ViewContext> context_;
-    std::shared_ptr<platform::View> keyWindow_;
-    platform::Size portrait_{375, 667};
-    platform::DeviceOrientation deviceOrientation_ = platform::DeviceOrientation::kPortrait;
-    platform::InterfaceOrientation interfaceOrientation_ = platform::InterfaceOrientation::kPortrait;
-    bool statusBarHidden_ = false;
     bool bundlePresent_ = true;
-    std::vector<std::function<void()>> observers_;
-    platform::PresentationContext rootContext_;
     std::vector<PresentationRecord> presentations_;
 };
 
