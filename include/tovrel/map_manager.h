@@ -9,7 +9,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/location.h"
-#include "tovrel/platform/views.h"
+#include "tovrel/platform/map_view.h"
 #include "tovrel/view_controller.h"
 
 namespace tovrel {

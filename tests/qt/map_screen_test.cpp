@@ -16,6 +16,10 @@ const QColor kPin(232, 76, 61);
 const QColor kLinkedPin(39, 174, 96);
 const QColor kUserBlue(0, 122, 255);
 
+QPoint toQPoint(const platform::Point& point) {
+    return QPointF(point.x, point.y).toPoint();
+}
+
 class MapScreenTest : public ScreenFixture {
   protected:
     /// A session, a stored position and the place map on the window, with the places plotted.
@@ -57,7 +61,7 @@ TEST_F(MapScreenTest, ThePlaceMapShowsACircleAndAPinForEveryPlaceAndTheUsersDot)
         if (!pin) {
             continue;
         }
-        const QPoint at = map->pointForCoordinate(pin->coordinate).toPoint() + offset;
+        const QPoint at = toQPoint(map->camera().pointForCoordinate(pin->coordinate)) + offset;
         if (!grab.rect().adjusted(20, 45, -20, -10).contains(at)) {
             continue;
         }
@@ -71,7 +75,7 @@ TEST_F(MapScreenTest, ThePlaceMapShowsACircleAndAPinForEveryPlaceAndTheUsersDot)
         const auto circle = std::dynamic_pointer_cast<platform::CircleOverlay>(overlay);
         ASSERT_NE(circle, nullptr);
         EXPECT_EQ(circle->title, "Target");
-        const QPoint at = map->pointForCoordinate(circle->center).toPoint() + offset;
+        const QPoint at = toQPoint(map->camera().pointForCoordinate(circle->center)) + offset;
         const double radius = map->camera().pointsForMetres(circle->radius, circle->center.latitude);
         if (!grab.rect().contains(at) || radius < 8) {
             continue;
@@ -87,7 +91,7 @@ TEST_F(MapScreenTest, ThePlaceMapShowsACircleAndAPinForEveryPlaceAndTheUsersDot)
     EXPECT_EQ(pinsSeen, onScreen);
     EXPECT_GE(circlesSeen, 3);
 
-    const QPoint user = map->pointForCoordinate(kUser).toPoint() + offset;
+    const QPoint user = toQPoint(map->camera().pointForCoordinate(kUser)) + offset;
     EXPECT_GE(countNear(grab, QRect(user.x() - 5, user.y() + 2, 10, 5), kUserBlue, 40), 10) << "no user dot";
     // Far from every place the plain land with its grid shows.
     EXPECT_GT(countNear(grab, grab.rect(), kLand, 2), grab.width() * grab.height() / 4);

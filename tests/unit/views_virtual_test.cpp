@@ -3,8 +3,6 @@
 namespace tovrel {
 namespace {
 
-using virtualbackend::VirtualMapView;
-
 class VirtualViewsTest : public testing::ScreensTest {
   protected:
     std::shared_ptr<platform::View> plain() { return views.makeView({0, 0, 10, 10}); }
@@ -25,46 +23,6 @@ TEST_F(VirtualViewsTest, OnlyChangesInsideABlockAreRecorded) {
     EXPECT_EQ(view->alpha(), 1.0);
 }
 
-TEST_F(VirtualViewsTest, TheMapKeepsTheUserLocationAndRecyclesPinViews) {
-    struct Delegate : platform::MapViewDelegate {
-        platform::ViewSystem* system = nullptr;
-        int updates = 0;
-        void mapViewDidUpdateUserLocation(platform::MapView& /*m*/,
-                                          const platform::UserLocation& /*u*/) override {
-            ++updates;
-        }
-        std::shared_ptr<platform::AnnotationView> mapViewViewForAnnotation(
-            platform::MapView& /*m*/, const std::shared_ptr<platform::Annotation>& annotation) override {
-            return system->makeAnnotationView(annotation, "pin");
-        }
-    };
-    auto delegate = std::make_shared<Delegate>();
-    delegate->system = &views;
-    const std::shared_ptr<platform::MapView> map = views.makeMapView({0, 0, 320, 480});
-    auto& virtualMap = as<VirtualMapView>(map);
-    map->setDelegate(delegate);
-    auto pin = std::make_shared<platform::PointAnnotation>();
-    map->addAnnotation(pin);
-    map->addAnnotation(pin);
-    EXPECT_EQ(map->annotations().size(), 1u);
-
-    platform::Location here;
-    here.coordinate = {1, 2};
-    virtualMap.deliverUserLocation(here);
-    EXPECT_EQ(delegate->updates, 0);
-    map->setShowsUserLocation(true);
-    virtualMap.deliverUserLocation(here);
-    EXPECT_EQ(delegate->updates, 1);
-    EXPECT_EQ(map->annotations().size(), 2u);
-
-    const auto pinView = virtualMap.viewForAnnotation(pin);
-    map->removeAnnotations(map->annotations());
-    EXPECT_EQ(map->annotations(), std::vector<std::shared_ptr<platform::Annotation>>{map->userLocation()});
-    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), pinView);
-    EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), nullptr);
-    EXPECT_FALSE(virtualMap.tapCalloutAccessory(pin));
-}
-
 TEST_F(VirtualViewsTest, EachPresentationIsRecordedOnceWithItsDismissal) {
     const auto view = plain();
     views.setRootPresentationContext({platform::ModalPresentationStyle::kCurrentContext, true, true});
@@ -77,14 +35,6 @@ TEST_F(VirtualViewsTest, EachPresentationIsRecordedOnceWithItsDismissal) {
     EXPECT_FALSE(views.presentations()[0].dismissedAnimated);
     EXPECT_EQ(views.presentations()[0].rootContext.modalPresentationStyle,
               platform::ModalPresentationStyle::kCurrentContext);
-}
-
-TEST(MapProjection, CoordinatesMapOntoTheWorldSquare) {
-    EXPECT_EQ(platform::mapPointForCoordinate({0, 0}),
-              (platform::MapPoint{platform::kMapWorldSize / 2, platform::kMapWorldSize / 2}));
-    EXPECT_DOUBLE_EQ(platform::mapPointForCoordinate({0, 180}).x, platform::kMapWorldSize);
-    EXPECT_LT(platform::mapPointForCoordinate({60, 0}).y, platform::mapPointForCoordinate({10, 0}).y);
-    EXPECT_TRUE(platform::MapRect::null().isNull());
 }
 
 }  // namespace

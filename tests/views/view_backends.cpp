@@ -9,7 +9,6 @@
 
 #include "qt_test_support.h"
 #include "tovrel/qt/qt_main_loop.h"
-#include "tovrel/qt/qt_map_view.h"
 #include "tovrel/qt/qt_views.h"
 #endif
 
@@ -20,15 +19,6 @@ class VirtualBackend final : public Backend {
   public:
     platform::ViewSystem& views() override { return *views_; }
     void turn() override { loop_->runUntilIdle(); }
-    void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
-        return views_->presentedViews();
-    }
-    [[nodiscard]] std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const override {
-        return std::dynamic_pointer_cast<virtualbackend::VirtualMapView>(map)->viewForAnnotation(annotation);
-    }
     [[nodiscard]] std::string pageAddress(const std::string& name) const override {
         return "http://pages.test/" + name;
     }
@@ -65,15 +55,6 @@ class QtBackend final : public Backend {
   public:
     platform::ViewSystem& views() override { return *views_; }
     void turn() override { qttest::pump(std::chrono::milliseconds(30)); }
-    void rotate(platform::DeviceOrientation orientation) override { views_->rotate(orientation); }
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const override {
-        return views_->presentedViews();
-    }
-    [[nodiscard]] std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const override {
-        return std::dynamic_pointer_cast<qtbackend::QtMapView>(map)->viewForAnnotation(annotation);
-    }
     [[nodiscard]] std::string pageAddress(const std::string& name) const override {
         return "file://" TOVREL_QT_TEST_CONTENT_DIR "/media/" + name;
     }

@@ -19,14 +19,6 @@ class Backend {
     virtual platform::ViewSystem& views() = 0;
     /// Lets the main loop turn until nothing is left to run now (the did-events arrive).
     virtual void turn() = 0;
-    /// The device turns to `orientation`.
-    virtual void rotate(platform::DeviceOrientation orientation) = 0;
-    /// The views presented now, oldest first.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<platform::View>> presentedViews() const = 0;
-    /// The view `map` shows for `annotation`, or null when it is not on the map.
-    [[nodiscard]] virtual std::shared_ptr<platform::AnnotationView> pinViewOf(
-        const std::shared_ptr<platform::MapView>& map,
-        const std::shared_ptr<platform::Annotation>& annotation) const = 0;
     /// The address of test page `name`: "wide.html" is 750 points wide, "offer-qt.html" plain.
     [[nodiscard]] virtual std::string pageAddress(const std::string& name) const = 0;
     /// Turns the loop until `done` holds or the backend gives up (pages load for real on Qt).

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "tovrel/platform/map_view.h"
 #include "view_backends.h"
 
 namespace tovrel::viewtest {
@@ -114,13 +115,13 @@ TYPED_TEST(ViewConformanceTest, PresentingTwiceIsIgnoredAndDismissingAnnounces) 
     this->views.presentModalView(view, {});
     this->views.presentModalView(view, {});
     this->backend->turn();
-    EXPECT_EQ(this->backend->presentedViews(), (Views{view}));
+    EXPECT_EQ(this->views.presentedViews(), (Views{view}));
     EXPECT_EQ(view->appearanceLog(),
               (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear}));
     this->views.dismissModalView(view, false);
     this->views.dismissModalView(view, false);
     this->backend->turn();
-    EXPECT_TRUE(this->backend->presentedViews().empty());
+    EXPECT_TRUE(this->views.presentedViews().empty());
     EXPECT_EQ(view->appearanceLog(),
               (std::vector<Appearance>{Appearance::kWillAppear, Appearance::kDidAppear,
                                        Appearance::kWillDisappear, Appearance::kDidDisappear}));
@@ -129,12 +130,12 @@ TYPED_TEST(ViewConformanceTest, PresentingTwiceIsIgnoredAndDismissingAnnounces) 
 TYPED_TEST(ViewConformanceTest, RotatingSwapsTheScreenAndTellsObservers) {
     int told = 0;
     this->views.addDeviceOrientationObserver([&told] { ++told; });
-    this->backend->rotate(platform::DeviceOrientation::kLandscapeLeft);
+    this->views.rotate(platform::DeviceOrientation::kLandscapeLeft);
     EXPECT_EQ(told, 1);
     EXPECT_EQ(this->views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
     EXPECT_EQ(this->views.mainScreenBounds(), (platform::Rect{0, 0, 667, 375}));
     EXPECT_EQ(this->views.keyWindow()->frame(), this->views.mainScreenBounds());
-    this->backend->rotate(platform::DeviceOrientation::kFaceDown);
+    this->views.rotate(platform::DeviceOrientation::kFaceDown);
     EXPECT_EQ(this->views.deviceOrientation(), platform::DeviceOrientation::kFaceDown);
     EXPECT_EQ(this->views.statusBarOrientation(), platform::InterfaceOrientation::kLandscapeRight);
     EXPECT_EQ(told, 2);
@@ -296,40 +297,151 @@ class PinDelegate final : public platform::MapViewDelegate {
   public:
     platform::ViewSystem* views = nullptr;
     std::shared_ptr<platform::Annotation> plain;
+    int overlaysAsked = 0;
+    int userUpdates = 0;
+    std::vector<std::string> tapped;
     std::shared_ptr<platform::AnnotationView> mapViewViewForAnnotation(
         platform::MapView& map, const std::shared_ptr<platform::Annotation>& annotation) override {
         if (annotation == plain) {
             return nullptr;
         }
         auto view = map.dequeueReusableAnnotationViewWithIdentifier("pin");
-        return view ? view : views->makeAnnotationView(annotation, "pin");
+        if (view) {
+            return view;
+        }
+        view = views->makeAnnotationView(annotation, "pin");
+        view->setCanShowCallout(true);
+        view->setRightCalloutAccessoryView(views->makeButton(platform::ButtonType::kCustom, {0, 0, 45, 55}));
+        view->setLeftCalloutAccessoryView(views->makeLabel({0, 0, 45, 55}));
+        return view;
+    }
+    void mapViewAnnotationViewCalloutAccessoryControlTapped(platform::MapView& /*map*/,
+                                                            platform::AnnotationView& view,
+                                                            platform::View& /*control*/) override {
+        tapped.push_back(view.annotation()->title.value_or(""));
+    }
+    platform::OverlayView mapViewViewForOverlay(
+        platform::MapView& /*map*/, const std::shared_ptr<platform::Overlay>& /*overlay*/) override {
+        ++overlaysAsked;
+        return {platform::OverlayView::Kind::kCircle, platform::Color::redColor(),
+                platform::Color::redColor(), 2};
+    }
+    void mapViewDidUpdateUserLocation(platform::MapView& /*map*/,
+                                      const platform::UserLocation& /*user*/) override {
+        ++userUpdates;
     }
 };
 
-TYPED_TEST(ViewConformanceTest, APinWithoutADelegateViewGetsTheDefaultPinAndOnlyIdentifiedViewsAreReused) {
-    auto delegate = std::make_shared<PinDelegate>();
-    delegate->views = &this->views;
-    delegate->plain = std::make_shared<platform::PointAnnotation>();
-    const auto map = this->views.makeMapView({0, 0, 320, 480});
-    map->setDelegate(delegate);
+template <class Kind>
+class MapConformanceTest : public ViewConformanceTest<Kind> {
+  protected:
+    void SetUp() override {
+        delegate_->views = &this->views;
+        delegate_->plain = std::make_shared<platform::PointAnnotation>();
+        map_->setDelegate(delegate_);
+    }
+    std::shared_ptr<PinDelegate> delegate_ = std::make_shared<PinDelegate>();
+    std::shared_ptr<platform::MapView> map_ = this->views.makeMapView({0, 0, 320, 480});
+};
+TYPED_TEST_SUITE(MapConformanceTest, BackendKinds);
+
+TYPED_TEST(MapConformanceTest, APinWithoutADelegateViewGetsTheDefaultPinAndOnlyIdentifiedViewsAreReused) {
+    auto& map = this->map_;
+    auto& delegate = this->delegate_;
     const auto drawn = std::make_shared<platform::PointAnnotation>();
     map->addAnnotation(delegate->plain);
     map->addAnnotation(drawn);
     map->addAnnotation(drawn);
     EXPECT_EQ(map->annotations().size(), 2u);
-    const auto defaultPin = this->backend->pinViewOf(map, delegate->plain);
+    const auto defaultPin = map->viewForAnnotation(delegate->plain);
     ASSERT_NE(defaultPin, nullptr);
     EXPECT_EQ(defaultPin->reuseIdentifier(), "");
     EXPECT_EQ(defaultPin->annotation(), delegate->plain);
-    const auto pinView = this->backend->pinViewOf(map, drawn);
+    const auto pinView = map->viewForAnnotation(drawn);
     ASSERT_NE(pinView, nullptr);
 
     map->removeAnnotations(map->annotations());
     EXPECT_TRUE(map->annotations().empty());
-    EXPECT_EQ(this->backend->pinViewOf(map, drawn), nullptr);
+    EXPECT_EQ(map->viewForAnnotation(drawn), nullptr);
     EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier(""), nullptr);
     EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), pinView);
     EXPECT_EQ(map->dequeueReusableAnnotationViewWithIdentifier("pin"), nullptr);
+}
+
+TYPED_TEST(MapConformanceTest, OnlyAnOpenCalloutsControlReachesTheDelegate) {
+    auto& map = this->map_;
+    auto& delegate = this->delegate_;
+    const auto first = std::make_shared<platform::PointAnnotation>();
+    first->title = "first";
+    const auto second = std::make_shared<platform::PointAnnotation>();
+    second->title = "second";
+    map->addAnnotation(first);
+    map->addAnnotation(second);
+    map->addAnnotation(delegate->plain);
+    const auto button = std::dynamic_pointer_cast<platform::Button>(
+        map->viewForAnnotation(first)->rightCalloutAccessoryView());
+    ASSERT_NE(button, nullptr);
+    button->tap();
+    EXPECT_TRUE(delegate->tapped.empty());
+
+    map->selectAnnotation(first);
+    EXPECT_EQ(map->calloutAnnotation(), first);
+    button->tap();
+    EXPECT_EQ(delegate->tapped, std::vector<std::string>{"first"});
+    EXPECT_FALSE(map->tapCalloutAccessory(first, false));
+    EXPECT_FALSE(map->tapCalloutAccessory(delegate->plain));
+
+    EXPECT_TRUE(map->tapCalloutAccessory(second));
+    EXPECT_EQ(map->selectedAnnotations(), std::vector<std::shared_ptr<platform::Annotation>>{second});
+    EXPECT_EQ(map->calloutAnnotation(), second);
+    button->tap();
+    EXPECT_EQ(delegate->tapped, (std::vector<std::string>{"first", "second"}));
+
+    map->removeAnnotations({second});
+    EXPECT_EQ(map->calloutAnnotation(), nullptr);
+    EXPECT_TRUE(map->selectedAnnotations().empty());
+    map->selectAnnotation(first);
+    map->deselectAnnotation(first, true);
+    EXPECT_EQ(map->calloutAnnotation(), nullptr);
+    button->tap();
+    EXPECT_EQ(delegate->tapped.size(), 2u);
+}
+
+TYPED_TEST(MapConformanceTest, OverlaysAskTheDelegateOnceAndTheUserCountsOnlyWhileShownAndKnown) {
+    auto& map = this->map_;
+    auto circle = std::make_shared<platform::CircleOverlay>();
+    circle->radius = 80;
+    map->addOverlay(circle);
+    EXPECT_EQ(this->delegate_->overlaysAsked, 1);
+    EXPECT_EQ(map->viewForOverlay(circle)->kind, platform::OverlayView::Kind::kCircle);
+    map->removeOverlays({circle});
+    EXPECT_TRUE(map->overlays().empty());
+    EXPECT_EQ(map->viewForOverlay(circle), std::nullopt);
+
+    platform::Location fix;
+    fix.coordinate = {48.13737, 11.57546};
+    map->deliverUserLocation(fix);
+    EXPECT_EQ(this->delegate_->userUpdates, 0);
+    EXPECT_TRUE(map->annotations().empty());
+    map->setShowsUserLocation(true);
+    map->deliverUserLocation(fix);
+    EXPECT_EQ(this->delegate_->userUpdates, 1);
+    ASSERT_EQ(map->annotations().size(), 1U);
+    map->removeAnnotations(map->annotations());
+    EXPECT_EQ(map->annotations().size(), 1U);
+}
+
+TYPED_TEST(MapConformanceTest, TheCameraFollowsRegionsRectanglesAndTheFrame) {
+    auto& map = this->map_;
+    const platform::Coordinate centre{48.13737, 11.57546};
+    map->setRegion({centre, {0.01, 0.01}}, false);
+    EXPECT_NEAR(map->region().center.latitude, centre.latitude, 1e-9);
+    EXPECT_NEAR(map->region().span.longitudeDelta, 0.01, 1e-9);
+    const auto rect = map->visibleMapRect();
+    map->setFrame({0, 0, 640, 480});
+    EXPECT_NEAR(map->visibleMapRect().width, rect.width * 2, 1e-6);
+    map->setVisibleMapRect(rect, {}, true);
+    EXPECT_NEAR(map->visibleMapRect().height, rect.height, 1e-6);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 namespace tovrel::platform {
 
+struct MapChange;
+
 /// What changed in a view: a property every view shares, or the kind's own content (a label's text,
 /// a button's title, a spinner's turning, a bar's items, a table's rows and selection...).
 enum class ViewProperty { kZPosition, kHidden, kAlpha, kFrame, kTransform, kBackgroundColor, kContent };
@@ -34,6 +36,10 @@ class TOVREL_EXPORT ViewRenderer {
     virtual void viewDetached(View& view) = 0;
     /// Main thread. `animation` was attached to `view`'s layer (replacing one under the same key).
     virtual void animationAdded(View& view, const BasicAnimation& animation) = 0;
+    /// Main thread. `change` happened on `map`, which holds the new state.
+    virtual void mapChanged(MapView& map, const MapChange& change) = 0;
+    /// Main thread. The platform's own pin for `annotation`, for a map whose delegate gives none.
+    virtual std::shared_ptr<AnnotationView> makePlatformPin(std::shared_ptr<Annotation> annotation) = 0;
     /// Main thread. `view` loads `request` as its load `view.loadGeneration()`, which the delegate
     /// has allowed; the backend reports the start and the end (or the failure) through the view.
     virtual void loadPage(WebView& view, const URLRequest& request) = 0;

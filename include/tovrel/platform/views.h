@@ -711,211 +711,9 @@ class TOVREL_EXPORT TableView : public View {
     int reloadCount_ = 0;
 };
 
-// Map.
-
-/// A point of the flat world map (spherical Mercator, 2^28 points around the equator).
-struct TOVREL_EXPORT MapPoint {
-    double x = 0;
-    double y = 0;
-    friend bool operator==(const MapPoint&, const MapPoint&) = default;
-};
-
-/// A rectangle of map points. The null rectangle has infinite origin.
-struct TOVREL_EXPORT MapRect {
-    double x = 0;
-    double y = 0;
-    double width = 0;
-    double height = 0;
-    friend bool operator==(const MapRect&, const MapRect&) = default;
-
-    static constexpr MapRect null() {
-        return {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(), 0, 0};
-    }
-    [[nodiscard]] bool isNull() const { return std::isinf(x) || std::isinf(y); }
-};
-
-inline constexpr double kMapWorldSize = 268435456.0;
-
-/// The map point of a coordinate.
-inline MapPoint mapPointForCoordinate(const Coordinate& coordinate) {
-    constexpr double kPi = 3.14159265358979323846;
-    const double s = std::sin(coordinate.latitude * kPi / 180.0);
-    const double x = (coordinate.longitude + 180.0) / 360.0 * kMapWorldSize;
-    const double y = (0.5 - std::log((1 + s) / (1 - s)) / (4 * kPi)) * kMapWorldSize;
-    return {x, y};
-}
-
-struct TOVREL_EXPORT EdgeInsets {
-    double top = 0;
-    double left = 0;
-    double bottom = 0;
-    double right = 0;
-    friend bool operator==(const EdgeInsets&, const EdgeInsets&) = default;
-};
-
-/// Degrees of latitude and longitude shown.
-struct TOVREL_EXPORT CoordinateSpan {
-    double latitudeDelta = 0;
-    double longitudeDelta = 0;
-    friend bool operator==(const CoordinateSpan&, const CoordinateSpan&) = default;
-};
-
-struct TOVREL_EXPORT CoordinateRegion {
-    Coordinate center;
-    CoordinateSpan span;
-};
-
-/// Something pinned to the map. Subclass it to carry more.
-class TOVREL_EXPORT Annotation {
-  public:
-    virtual ~Annotation() = default;
-    Coordinate coordinate;
-    std::optional<std::string> title;
-    std::optional<std::string> subtitle;
-};
-
-/// A plain pin with a coordinate, title and subtitle.
-class PointAnnotation : public Annotation {};
-
-/// The device's own position on the map; the map owns it.
-class TOVREL_EXPORT UserLocation : public Annotation {
-  public:
-    std::optional<Location> location;  ///< nullopt until the first fix
-    bool updating = false;
-};
-
-/// A shape laid over the map.
-class TOVREL_EXPORT Overlay {
-  public:
-    virtual ~Overlay() = default;
-    std::optional<std::string> title;
-};
-
-class TOVREL_EXPORT CircleOverlay : public Overlay {
-  public:
-    Coordinate center;
-    double radius = 0;  ///< metres
-};
-
-class TOVREL_EXPORT PolylineOverlay : public Overlay {
-  public:
-    std::vector<Coordinate> points;
-};
-
-/// How an overlay is drawn; a plain view draws nothing.
-struct TOVREL_EXPORT OverlayView {
-    enum class Kind { kPlain, kCircle, kPolyline };
-    Kind kind = Kind::kPlain;
-    std::optional<Color> strokeColor;
-    std::optional<Color> fillColor;
-    double lineWidth = 0;
-};
-
-/// The view that draws one annotation, with its callout. It starts enabled, without a callout,
-/// 32 × 39 points at the origin.
-class TOVREL_EXPORT AnnotationView : public View {
-  public:
-    /// Main thread. `annotation` is never null.
-    AnnotationView(std::shared_ptr<ViewRenderer> renderer, std::shared_ptr<Annotation> annotation,
-                   std::string reuseIdentifier);
-    /// Main thread. The annotation it draws (never null).
-    [[nodiscard]] std::shared_ptr<Annotation> annotation() const { return annotation_; }
-    /// Main thread.
-    [[nodiscard]] std::string reuseIdentifier() const { return reuseIdentifier_; }
-    /// Main thread. A resource name, or empty for the platform's pin.
-    [[nodiscard]] std::string imageName() const { return imageName_; }
-    /// Main thread.
-    void setImageName(const std::string& name);
-    /// Main thread.
-    [[nodiscard]] bool isEnabled() const { return enabled_; }
-    /// Main thread.
-    void setEnabled(bool enabled) { enabled_ = enabled; }
-    /// Main thread. Whether tapping the pin opens a callout with title, subtitle and accessories.
-    [[nodiscard]] bool canShowCallout() const { return canShowCallout_; }
-    /// Main thread.
-    void setCanShowCallout(bool shows) { canShowCallout_ = shows; }
-    /// Main thread.
-    [[nodiscard]] std::shared_ptr<View> leftCalloutAccessoryView() const { return left_; }
-    /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    void setLeftCalloutAccessoryView(std::shared_ptr<View> view) { left_ = std::move(view); }
-    /// Main thread.
-    [[nodiscard]] std::shared_ptr<View> rightCalloutAccessoryView() const { return right_; }
-    /// Main thread. A Button here is a control: tapping it reaches the map delegate.
-    void setRightCalloutAccessoryView(std::shared_ptr<View> view) { right_ = std::move(view); }
-
-  private:
-    std::shared_ptr<Annotation> annotation_;
-    std::string reuseIdentifier_;
-    std::string imageName_;
-    bool enabled_ = true;
-    bool canShowCallout_ = false;
-    std::shared_ptr<View> left_;
-    std::shared_ptr<View> right_;
-};
-
+class Annotation;
+class AnnotationView;
 class MapView;
-
-/// Hears a map and supplies the views of its annotations and overlays. Called on the main thread.
-class TOVREL_EXPORT MapViewDelegate {
-  public:
-    virtual ~MapViewDelegate() = default;
-    /// Main thread. The user's position changed.
-    virtual void mapViewDidUpdateUserLocation(MapView& /*mapView*/, const UserLocation& /*userLocation*/) {}
-    /// Main thread. null: the platform draws its own view.
-    virtual std::shared_ptr<AnnotationView> mapViewViewForAnnotation(
-        MapView& /*mapView*/, const std::shared_ptr<Annotation>& /*annotation*/) {
-        return nullptr;
-    }
-    /// Main thread. A control (button) of an annotation view's callout was tapped.
-    virtual void mapViewAnnotationViewCalloutAccessoryControlTapped(MapView& /*mapView*/,
-                                                                    AnnotationView& /*view*/,
-                                                                    View& /*control*/) {}
-    /// Main thread. How to draw `overlay`.
-    virtual OverlayView mapViewViewForOverlay(MapView& /*mapView*/,
-                                              const std::shared_ptr<Overlay>& /*overlay*/) {
-        return {};
-    }
-};
-
-/// A map with annotations, overlays and the user's position.
-class TOVREL_EXPORT MapView : public View {
-  public:
-    using View::View;
-    /// Main thread. Not owned.
-    virtual void setDelegate(std::weak_ptr<MapViewDelegate> delegate) = 0;
-    /// Main thread. The annotations on the map, the user location included while it is shown and
-    /// known.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<Annotation>> annotations() const = 0;
-    /// Main thread.
-    virtual void addAnnotation(std::shared_ptr<Annotation> annotation) = 0;
-    /// Main thread. The user location is never removed.
-    virtual void removeAnnotations(const std::vector<std::shared_ptr<Annotation>>& annotations) = 0;
-    /// Main thread.
-    [[nodiscard]] virtual std::vector<std::shared_ptr<Overlay>> overlays() const = 0;
-    /// Main thread.
-    virtual void addOverlay(std::shared_ptr<Overlay> overlay) = 0;
-    /// Main thread.
-    virtual void removeOverlays(const std::vector<std::shared_ptr<Overlay>>& overlays) = 0;
-    /// Main thread. An annotation view set aside under `identifier`, or null.
-    virtual std::shared_ptr<AnnotationView> dequeueReusableAnnotationViewWithIdentifier(
-        const std::string& identifier) = 0;
-    /// Main thread. Closes the annotation's callout.
-    virtual void deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated) = 0;
-    /// Main thread. The user's position (its location stays empty until the first fix).
-    [[nodiscard]] virtual std::shared_ptr<UserLocation> userLocation() const = 0;
-    /// Main thread.
-    [[nodiscard]] virtual bool showsUserLocation() const = 0;
-    /// Main thread. Showing the user location starts the position updates that reach the delegate.
-    virtual void setShowsUserLocation(bool shows) = 0;
-    /// Main thread. The area shown.
-    [[nodiscard]] virtual CoordinateRegion region() const = 0;
-    /// Main thread.
-    virtual void setRegion(const CoordinateRegion& region, bool animated) = 0;
-    /// Main thread. The area shown, in map points.
-    [[nodiscard]] virtual MapRect visibleMapRect() const = 0;
-    /// Main thread. Shows `rect` with `padding` points around it.
-    virtual void setVisibleMapRect(const MapRect& rect, const EdgeInsets& padding, bool animated) = 0;
-};
 
 // Modal presentation.
 
@@ -945,26 +743,34 @@ struct TOVREL_EXPORT ModalPresentation {
 };
 
 /// The toolkit: the key window, the screen and device orientation, view factories, animation
-/// blocks, modal presentation and resource lookup. Views from one ViewSystem are only ever added
-/// to views of the same ViewSystem.
+/// blocks, modal presentation and resource lookup. The screen, the orientation and the stack of
+/// presented views live here, the same in every backend; a backend makes the views, runs animation
+/// blocks, finds resources and shows presentations. Views from one ViewSystem are only ever added to
+/// views of the same ViewSystem.
 class TOVREL_EXPORT ViewSystem {
   public:
-    virtual ~ViewSystem() = default;
+    virtual ~ViewSystem();
+    ViewSystem(const ViewSystem&) = delete;
+    ViewSystem& operator=(const ViewSystem&) = delete;
 
-    /// Main thread. The application's key window (a view whose subviews cover the screen), or null.
-    virtual std::shared_ptr<View> keyWindow() = 0;
+    /// Main thread. The application's key window (a view whose subviews cover the screen).
+    [[nodiscard]] std::shared_ptr<View> keyWindow() const { return keyWindow_; }
     /// Main thread. The main screen's bounds in the current orientation.
-    [[nodiscard]] virtual Rect mainScreenBounds() const = 0;
+    [[nodiscard]] Rect mainScreenBounds() const;
     /// Main thread. How the device is held.
-    [[nodiscard]] virtual DeviceOrientation deviceOrientation() const = 0;
+    [[nodiscard]] DeviceOrientation deviceOrientation() const { return deviceOrientation_; }
     /// Main thread. The orientation of the application's interface (its status bar).
-    [[nodiscard]] virtual InterfaceOrientation statusBarOrientation() const = 0;
+    [[nodiscard]] InterfaceOrientation statusBarOrientation() const { return interfaceOrientation_; }
     /// Main thread.
-    [[nodiscard]] virtual bool isStatusBarHidden() const = 0;
+    [[nodiscard]] bool isStatusBarHidden() const { return statusBarHidden_; }
     /// Main thread. `handler` runs on the main thread after each change of the device orientation,
     /// for the life of the ViewSystem; there is no removal, so it must guard against outliving
     /// whatever it touches.
-    virtual void addDeviceOrientationObserver(std::function<void()> handler) = 0;
+    void addDeviceOrientationObserver(std::function<void()> handler) {
+        observers_.push_back(std::move(handler));
+    }
+    /// Main thread. How many orientation observers were added.
+    [[nodiscard]] std::size_t orientationObserverCount() const { return observers_.size(); }
     /// Any thread. The path of resource `name` of `type` in the main bundle
     /// ("TovrelSDKResources", "bundle"), or nullopt when there is none.
     [[nodiscard]] virtual std::optional<std::string> pathForResource(const std::string& name,
@@ -998,13 +804,49 @@ class TOVREL_EXPORT ViewSystem {
     virtual void animate(const ViewAnimation& animation, const std::function<void()>& changes) = 0;
 
     /// Main thread. The presentation settings of the key window's root screen.
-    virtual void setRootPresentationContext(const PresentationContext& context) = 0;
+    void setRootPresentationContext(const PresentationContext& context) { rootContext_ = context; }
+    /// Main thread.
+    [[nodiscard]] const PresentationContext& rootPresentationContext() const { return rootContext_; }
     /// Main thread. Presents `view` over the key window's root screen; its appearance handler hears
-    /// it appear. Presenting a view that is already presented does nothing.
-    virtual void presentModalView(std::shared_ptr<View> view, const ModalPresentation& presentation) = 0;
+    /// it appear. Presenting the key window or a view that is already presented does nothing.
+    void presentModalView(std::shared_ptr<View> view, const ModalPresentation& presentation);
     /// Main thread. Dismisses a presented view; its appearance handler hears it disappear. Views
     /// that are not presented are ignored.
-    virtual void dismissModalView(const std::shared_ptr<View>& view, bool animated) = 0;
+    void dismissModalView(const std::shared_ptr<View>& view, bool animated);
+    /// Main thread. The views presented now, oldest first.
+    [[nodiscard]] std::vector<std::shared_ptr<View>> presentedViews() const;
+    /// Main thread. Whether `view` is the key window.
+    [[nodiscard]] bool isKeyWindow(const View& view) const { return &view == keyWindow_.get(); }
+    /// Main thread. Whether `view` is presented now.
+    [[nodiscard]] bool isPresented(const View& view) const;
+
+    /// Main thread. The device turns: the device orientation, the interface orientation (for the
+    /// four upright ones), the screen bounds and the key window follow, and the observers run.
+    void rotate(DeviceOrientation orientation);
+    /// Main thread. Hides or shows the status bar.
+    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
+    /// Main thread. The screen's size held upright; the key window follows.
+    void setScreenSize(const Size& portrait);
+
+  protected:
+    /// Main thread. A screen of `portrait` size held upright, without a key window yet.
+    explicit ViewSystem(const Size& portrait);
+    /// Main thread. The backend's key window, set once while it is made; it covers the screen.
+    void setKeyWindow(std::shared_ptr<View> window);
+    /// Main thread. `view` joined the presented views; it announces its appearance afterwards.
+    virtual void didPresent(View& /*view*/, const ModalPresentation& /*presentation*/) {}
+    /// Main thread. `view` left the presented views; it announces its disappearance afterwards.
+    virtual void didDismiss(View& /*view*/, bool /*animated*/) {}
+
+  private:
+    std::shared_ptr<View> keyWindow_;
+    Size portrait_;
+    DeviceOrientation deviceOrientation_ = DeviceOrientation::kPortrait;
+    InterfaceOrientation interfaceOrientation_ = InterfaceOrientation::kPortrait;
+    bool statusBarHidden_ = false;
+    std::vector<std::function<void()>> observers_;
+    PresentationContext rootContext_;
+    std::vector<std::weak_ptr<View>> presented_;
 };
 
 }  // namespace tovrel::platform

@@ -39,6 +39,10 @@ QImage defaultPin() {
     return pin;
 }
 
+QPointF toQPointF(const platform::Point& point) {
+    return {point.x, point.y};
+}
+
 }  // namespace
 
 /// The map's own widget: paints through the map and turns drags, wheel turns and taps into camera
@@ -65,16 +69,16 @@ class QtMapView::Widget final : public BackedWidget {
         last_ = event->position();
         if (std::abs(delta.x()) + std::abs(delta.y()) > 0) {
             moved_ = true;
-            auto centre = owner_->camera_.center();
-            centre.x -= delta.x() * owner_->camera_.scale();
-            centre.y -= delta.y() * owner_->camera_.scale();
-            owner_->camera_.setCenter(centre);
-            owner_->cameraChanged();
+            const auto& camera = owner_->camera();
+            auto centre = camera.center();
+            centre.x -= delta.x() * camera.scale();
+            centre.y -= delta.y() * camera.scale();
+            owner_->moveCamera(centre, camera.scale());
         }
     }
     void mouseReleaseEvent(QMouseEvent* /*event*/) override {
         if (owner_ != nullptr && !moved_) {
-            const auto selected = owner_->selected_;
+            const auto selected = owner_->selectedAnnotations();
             for (const auto& annotation : selected) {
                 owner_->deselectAnnotation(annotation, true);
             }
@@ -85,16 +89,16 @@ class QtMapView::Widget final : public BackedWidget {
             return;
         }
         const double steps = event->angleDelta().y() / 120.0;
-        const QPointF at = event->position();
-        const auto anchor = owner_->camera_.mapPointForPoint(at);
-        owner_->camera_.setScale(owner_->camera_.scale() * std::pow(0.8, steps));
+        const platform::Point at{event->position().x(), event->position().y()};
+        platform::MapCamera camera = owner_->camera();
+        const auto anchor = camera.mapPointForPoint(at);
+        camera.setScale(camera.scale() * std::pow(0.8, steps));
         // The point under the cursor stays put.
-        const auto moved = owner_->camera_.mapPointForPoint(at);
-        auto centre = owner_->camera_.center();
+        const auto moved = camera.mapPointForPoint(at);
+        auto centre = camera.center();
         centre.x += anchor.x - moved.x;
         centre.y += anchor.y - moved.y;
-        owner_->camera_.setCenter(centre);
-        owner_->cameraChanged();
+        owner_->moveCamera(centre, camera.scale());
     }
 
   private:
@@ -136,12 +140,8 @@ QImage QtAnnotationView::shownImage() const {
 // ---- Map ----
 
 QtMapView::QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rect& frame)
-    : MapView(context, frame),
-      QtViewCore(std::move(context), new Widget, *this),
-      userLocation_(std::make_shared<platform::UserLocation>()) {
+    : MapView(context, frame), QtViewCore(std::move(context), new Widget, *this) {
     static_cast<Widget*>(widget())->setOwner(this);
-    userLocation_->coordinate = {-180, -180};
-    camera_.setViewSize({frame.width, frame.height});
     if (!context_->tileURLTemplate.empty()) {
         network_ = new QNetworkAccessManager(widget());
     }
@@ -149,237 +149,98 @@ QtMapView::QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rec
 
 QtMapView::~QtMapView() {
     closeCallout();
+    for (const auto& weak : shownPins_) {
+        if (auto* pin = dynamic_cast<QtAnnotationView*>(weak.lock().get())) {
+            pin->onTap = nullptr;
+            pin->lendWidgetTo(nullptr, {});
+        }
+    }
     if (widget() != nullptr) {
         static_cast<Widget*>(widget())->setOwner(nullptr);
     }
 }
 
-void QtMapView::frameChanged() {
-    camera_.setViewSize({frame().width, frame().height});
-    cameraChanged();
-}
-
-void QtMapView::cameraChanged() {
-    layoutPins();
+void QtMapView::showChange(const platform::MapChange& change) {
+    using Kind = platform::MapChange::Kind;
+    switch (change.kind) {
+        case Kind::kPins:
+            syncPins();
+            break;
+        case Kind::kCallout:
+            closeCallout();
+            if (calloutAnnotation()) {
+                openCallout();
+            }
+            break;
+        case Kind::kCamera:
+            layoutPins();
+            break;
+        case Kind::kOverlays:
+        case Kind::kUserLocation:
+        case Kind::kDeselected:
+            break;
+    }
     widget()->update();
 }
 
-std::vector<std::shared_ptr<platform::Annotation>> QtMapView::annotations() const {
-    std::vector<std::shared_ptr<platform::Annotation>> all;
-    if (showsUserLocation_ && userLocation_->location) {
-        all.push_back(userLocation_);
-    }
-    for (const auto& pinned : pinned_) {
-        all.push_back(pinned.annotation);
-    }
-    return all;
-}
-
-void QtMapView::attachPinView(const std::shared_ptr<platform::AnnotationView>& view) {
-    auto* pin = dynamic_cast<QtAnnotationView*>(view.get());
-    if (pin == nullptr) {
-        return;
-    }
-    pin->lendWidgetTo(widget(), pin->widget()->geometry());
-    pin->onTap = [this, weak = std::weak_ptr<platform::Annotation>(pin->annotation())] {
-        if (const auto annotation = weak.lock()) {
-            selectAnnotation(annotation);
-        }
-    };
-}
-
-void QtMapView::detachPinView(const std::shared_ptr<platform::AnnotationView>& view) {
-    if (auto* pin = dynamic_cast<QtAnnotationView*>(view.get())) {
-        pin->onTap = nullptr;
-        pin->lendWidgetTo(nullptr, {});
-    }
-}
-
-void QtMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotation) {
-    const auto same = [&annotation](const Pinned& p) { return p.annotation == annotation; };
-    if (!annotation || std::any_of(pinned_.begin(), pinned_.end(), same)) {
-        return;
-    }
-    pinned_.push_back({annotation, nullptr});
-    std::shared_ptr<platform::AnnotationView> view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForAnnotation(*this, annotation);
-    }
-    if (!view) {
-        // The platform's own pin.
-        view = std::make_shared<QtAnnotationView>(context_, annotation, "");
-    }
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
-    if (it != pinned_.end()) {
-        it->view = view;
-        attachPinView(view);
-        layoutPins();
-    }
-}
-
-void QtMapView::removeAnnotations(const std::vector<std::shared_ptr<platform::Annotation>>& annotations) {
-    for (const auto& annotation : annotations) {
-        const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                     [&annotation](const Pinned& p) { return p.annotation == annotation; });
-        if (it == pinned_.end()) {
-            continue;
-        }
-        if (calloutAnnotation_ == annotation) {
-            closeCallout();
-        }
-        if (it->view) {
-            detachPinView(it->view);
-            if (!it->view->reuseIdentifier().empty()) {
-                reusable_.put(it->view->reuseIdentifier(), it->view);
+void QtMapView::syncPins() {
+    const auto views = annotationViews();
+    for (const auto& weak : shownPins_) {
+        const auto view = weak.lock();
+        if (view && std::find(views.begin(), views.end(), view) == views.end()) {
+            if (auto* pin = dynamic_cast<QtAnnotationView*>(view.get())) {
+                pin->onTap = nullptr;
+                pin->lendWidgetTo(nullptr, {});
             }
         }
-        pinned_.erase(it);
-        selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
     }
-    widget()->update();
-}
-
-std::vector<std::shared_ptr<platform::Overlay>> QtMapView::overlays() const {
-    std::vector<std::shared_ptr<platform::Overlay>> all;
-    for (const auto& drawn : drawn_) {
-        all.push_back(drawn.overlay);
-    }
-    return all;
-}
-
-void QtMapView::addOverlay(std::shared_ptr<platform::Overlay> overlay) {
-    if (!overlay) {
-        return;
-    }
-    platform::OverlayView view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForOverlay(*this, overlay);
-    }
-    drawn_.push_back({std::move(overlay), view});
-    widget()->update();
-}
-
-void QtMapView::removeOverlays(const std::vector<std::shared_ptr<platform::Overlay>>& overlays) {
-    for (const auto& overlay : overlays) {
-        drawn_.erase(std::remove_if(drawn_.begin(), drawn_.end(),
-                                    [&overlay](const Drawn& d) { return d.overlay == overlay; }),
-                     drawn_.end());
-    }
-    widget()->update();
-}
-
-std::shared_ptr<platform::AnnotationView> QtMapView::dequeueReusableAnnotationViewWithIdentifier(
-    const std::string& identifier) {
-    return reusable_.take(identifier);
-}
-
-void QtMapView::deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation,
-                                   bool /*animated*/) {
-    selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
-    if (calloutAnnotation_ == annotation) {
-        closeCallout();
-    }
-}
-
-void QtMapView::setShowsUserLocation(bool shows) {
-    showsUserLocation_ = shows;
-    widget()->update();
-}
-
-void QtMapView::setRegion(const platform::CoordinateRegion& region, bool /*animated*/) {
-    camera_.showRegion(region);
-    cameraChanged();
-}
-
-void QtMapView::setVisibleMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding,
-                                  bool /*animated*/) {
-    camera_.showMapRect(rect, padding);
-    cameraChanged();
-}
-
-void QtMapView::deliverUserLocation(const platform::Location& location) {
-    userLocation_->location = location;
-    userLocation_->coordinate = location.coordinate;
-    userLocation_->updating = true;
-    widget()->update();
-    if (!showsUserLocation_) {
-        return;
-    }
-    const auto keepAlive = shared_from_this();
-    if (auto delegate = delegate_.lock()) {
-        delegate->mapViewDidUpdateUserLocation(*this, *userLocation_);
-    }
-}
-
-void QtMapView::selectAnnotation(const std::shared_ptr<platform::Annotation>& annotation) {
-    for (const auto& other : std::vector(selected_)) {
-        if (other != annotation) {
-            deselectAnnotation(other, false);
+    shownPins_.clear();
+    for (const auto& view : views) {
+        shownPins_.push_back(view);
+        auto* pin = dynamic_cast<QtAnnotationView*>(view.get());
+        if (pin == nullptr || pin->isLent()) {
+            continue;
         }
+        pin->lendWidgetTo(widget(), pin->widget()->geometry());
+        pin->onTap = [this, weak = std::weak_ptr<platform::Annotation>(pin->annotation())] {
+            if (const auto annotation = weak.lock()) {
+                selectAnnotation(annotation);
+            }
+        };
     }
-    if (std::find(selected_.begin(), selected_.end(), annotation) == selected_.end()) {
-        selected_.push_back(annotation);
-    }
-    openCallout(annotation);
-}
-
-bool QtMapView::tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation, bool right) {
-    const auto view = viewForAnnotation(annotation);
-    if (!view) {
-        return false;
-    }
-    const auto control = std::dynamic_pointer_cast<QtButton>(right ? view->rightCalloutAccessoryView()
-                                                                   : view->leftCalloutAccessoryView());
-    if (!control) {
-        return false;
-    }
-    selectAnnotation(annotation);
-    return control->tap();
-}
-
-std::shared_ptr<platform::AnnotationView> QtMapView::viewForAnnotation(
-    const std::shared_ptr<platform::Annotation>& annotation) const {
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                 [&annotation](const Pinned& p) { return p.annotation == annotation; });
-    return it == pinned_.end() ? nullptr : it->view;
-}
-
-std::optional<platform::OverlayView> QtMapView::viewForOverlay(
-    const std::shared_ptr<platform::Overlay>& overlay) const {
-    const auto it = std::find_if(drawn_.begin(), drawn_.end(),
-                                 [&overlay](const Drawn& d) { return d.overlay == overlay; });
-    return it == drawn_.end() ? std::nullopt : std::optional(it->view);
+    layoutPins();
 }
 
 void QtMapView::layoutPins() {
-    for (const auto& pinned : pinned_) {
-        auto* pin = dynamic_cast<QtAnnotationView*>(pinned.view.get());
+    const auto& view = camera();
+    for (const auto& weak : shownPins_) {
+        const auto shown = weak.lock();
+        auto* pin = dynamic_cast<QtAnnotationView*>(shown.get());
         if (pin == nullptr || !pin->widget()) {
             continue;
         }
         // The image's bottom centre (the pin's tip) stands on the coordinate.
-        const QPointF at = camera_.pointForCoordinate(pinned.annotation->coordinate);
+        const auto at = view.pointForCoordinate(pin->annotation()->coordinate);
         const QImage image = pin->shownImage();
-        pin->widget()->setGeometry(static_cast<int>(std::lround(at.x() - image.width() / 2.0)),
-                                   static_cast<int>(std::lround(at.y() - image.height())), image.width(),
+        pin->widget()->setGeometry(static_cast<int>(std::lround(at.x - image.width() / 2.0)),
+                                   static_cast<int>(std::lround(at.y - image.height())), image.width(),
                                    image.height());
         pin->widget()->setVisible(!pin->isHidden());
     }
-    if (callout_ && calloutAnnotation_) {
-        const auto view = viewForAnnotation(calloutAnnotation_);
-        const double pinHeight =
-            view ? static_cast<QtAnnotationView*>(view.get())->shownImage().height() : 39;
-        const QPointF at = camera_.pointForCoordinate(calloutAnnotation_->coordinate);
-        callout_->move(static_cast<int>(std::lround(at.x() - kCalloutWidth / 2)),
-                       static_cast<int>(std::lround(at.y() - pinHeight - kCalloutHeight - kCalloutTail - 2)));
+    if (callout_ && calloutView_) {
+        auto* pin = dynamic_cast<QtAnnotationView*>(calloutView_.get());
+        const double pinHeight = pin != nullptr ? pin->shownImage().height() : 39;
+        const auto at = view.pointForCoordinate(calloutView_->annotation()->coordinate);
+        callout_->move(static_cast<int>(std::lround(at.x - kCalloutWidth / 2)),
+                       static_cast<int>(std::lround(at.y - pinHeight - kCalloutHeight - kCalloutTail - 2)));
         callout_->raise();
     }
 }
 
-void QtMapView::openCallout(const std::shared_ptr<platform::Annotation>& annotation) {
-    closeCallout();
+void QtMapView::openCallout() {
+    const auto annotation = calloutAnnotation();
     const auto view = viewForAnnotation(annotation);
-    if (!view || !view->canShowCallout()) {
+    if (!view) {
         return;
     }
     auto* bubble = new ViewWidget(widget());
@@ -421,7 +282,7 @@ void QtMapView::openCallout(const std::shared_ptr<platform::Annotation>& annotat
             painter.fontMetrics().elidedText(subtitle, Qt::ElideRight, static_cast<int>(textArea.width())));
     };
     callout_ = bubble;
-    calloutAnnotation_ = annotation;
+    calloutView_ = view;
     const auto lend = [bubble](const std::shared_ptr<platform::View>& accessory, bool right) {
         if (auto* core = accessory ? qtCore(accessory.get()) : nullptr) {
             const int x = right ? bubble->width() - 45 : 0;
@@ -430,40 +291,20 @@ void QtMapView::openCallout(const std::shared_ptr<platform::Annotation>& annotat
     };
     lend(view->leftCalloutAccessoryView(), false);
     lend(view->rightCalloutAccessoryView(), true);
-    for (const auto& accessory : {view->leftCalloutAccessoryView(), view->rightCalloutAccessoryView()}) {
-        if (auto button = std::dynamic_pointer_cast<QtButton>(accessory)) {
-            // A control in the callout reaches the map's delegate.
-            button->setControlHook([this, weakView = std::weak_ptr<platform::AnnotationView>(view),
-                                    weakControl = std::weak_ptr<QtButton>(button)] {
-                const auto pinView = weakView.lock();
-                const auto control = weakControl.lock();
-                const auto delegate = delegate_.lock();
-                if (pinView && control && delegate) {
-                    const auto keepAlive = shared_from_this();
-                    delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*this, *pinView, *control);
-                }
-            });
-        }
-    }
     bubble->show();
     layoutPins();
 }
 
 void QtMapView::closeCallout() {
-    if (calloutAnnotation_) {
-        if (const auto view = viewForAnnotation(calloutAnnotation_)) {
-            for (const auto& accessory :
-                 {view->leftCalloutAccessoryView(), view->rightCalloutAccessoryView()}) {
-                if (auto* core = accessory ? qtCore(accessory.get()) : nullptr) {
-                    core->lendWidgetTo(nullptr, {});
-                }
-                if (auto button = std::dynamic_pointer_cast<QtButton>(accessory)) {
-                    button->setControlHook(nullptr);
-                }
+    if (calloutView_) {
+        for (const auto& accessory :
+             {calloutView_->leftCalloutAccessoryView(), calloutView_->rightCalloutAccessoryView()}) {
+            if (auto* core = accessory ? qtCore(accessory.get()) : nullptr) {
+                core->lendWidgetTo(nullptr, {});
             }
         }
     }
-    calloutAnnotation_.reset();
+    calloutView_.reset();
     if (callout_) {
         callout_->hide();
         callout_->deleteLater();
@@ -475,26 +316,26 @@ void QtMapView::paintGrid(QPainter& painter) {
     painter.fillRect(widget()->rect(), kLand);
     // Grid lines every power-of-two of map points that lands 64 to 128 points apart on screen.
     double step = 1;
-    while (step / camera_.scale() < 64) {
+    while (step / camera().scale() < 64) {
         step *= 2;
     }
-    const auto rect = camera_.visibleMapRect();
+    const auto rect = camera().visibleMapRect();
     painter.setPen(QPen(kGridLine, 1));
     for (double x = std::floor(rect.x / step) * step; x <= rect.x + rect.width; x += step) {
-        const double sx = camera_.pointForMapPoint({x, 0}).x();
+        const double sx = camera().pointForMapPoint({x, 0}).x;
         painter.drawLine(QPointF(sx, 0), QPointF(sx, widget()->height()));
     }
     for (double y = std::floor(rect.y / step) * step; y <= rect.y + rect.height; y += step) {
-        const double sy = camera_.pointForMapPoint({0, y}).y();
+        const double sy = camera().pointForMapPoint({0, y}).y;
         painter.drawLine(QPointF(0, sy), QPointF(widget()->width(), sy));
     }
 }
 
 void QtMapView::paintTiles(QPainter& painter) {
     paintGrid(painter);
-    const int zoom = camera_.tileZoom();
+    const int zoom = camera().tileZoom();
     const double tileSize = platform::kMapWorldSize / std::pow(2.0, zoom);
-    const auto rect = camera_.visibleMapRect();
+    const auto rect = camera().visibleMapRect();
     const int count = 1 << zoom;
     const int x0 = std::max(0, static_cast<int>(std::floor(rect.x / tileSize)));
     const int y0 = std::max(0, static_cast<int>(std::floor(rect.y / tileSize)));
@@ -506,8 +347,9 @@ void QtMapView::paintTiles(QPainter& painter) {
             url.replace("{z}", QString::number(zoom))
                 .replace("{x}", QString::number(tx))
                 .replace("{y}", QString::number(ty));
-            const QPointF topLeft = camera_.pointForMapPoint({tx * tileSize, ty * tileSize});
-            const QPointF bottomRight = camera_.pointForMapPoint({(tx + 1) * tileSize, (ty + 1) * tileSize});
+            const QPointF topLeft = toQPointF(camera().pointForMapPoint({tx * tileSize, ty * tileSize}));
+            const QPointF bottomRight =
+                toQPointF(camera().pointForMapPoint({(tx + 1) * tileSize, (ty + 1) * tileSize}));
             if (const QImage* tile = tiles_.object(url)) {
                 painter.drawImage(QRectF(topLeft, bottomRight), *tile);
                 continue;
@@ -548,29 +390,29 @@ void QtMapView::paintMap(QPainter& painter) {
     } else {
         paintTiles(painter);
     }
-    for (const auto& drawn : drawn_) {
-        const auto& style = drawn.view;
+    for (const auto& overlay : overlays()) {
+        const auto style = viewForOverlay(overlay).value_or(platform::OverlayView{});
         if (style.kind == platform::OverlayView::Kind::kCircle) {
-            const auto* circle = dynamic_cast<const platform::CircleOverlay*>(drawn.overlay.get());
+            const auto* circle = dynamic_cast<const platform::CircleOverlay*>(overlay.get());
             if (circle == nullptr) {
                 continue;
             }
-            const QPointF centre = camera_.pointForCoordinate(circle->center);
-            const double radius = camera_.pointsForMetres(circle->radius, circle->center.latitude);
+            const QPointF centre = toQPointF(camera().pointForCoordinate(circle->center));
+            const double radius = camera().pointsForMetres(circle->radius, circle->center.latitude);
             painter.setBrush(style.fillColor ? QBrush(toQColor(*style.fillColor)) : Qt::NoBrush);
             painter.setPen(style.strokeColor && style.lineWidth > 0
                                ? QPen(toQColor(*style.strokeColor), style.lineWidth)
                                : Qt::NoPen);
             painter.drawEllipse(centre, radius, radius);
         } else if (style.kind == platform::OverlayView::Kind::kPolyline) {
-            const auto* line = dynamic_cast<const platform::PolylineOverlay*>(drawn.overlay.get());
+            const auto* line = dynamic_cast<const platform::PolylineOverlay*>(overlay.get());
             if (line == nullptr || line->points.size() < 2) {
                 continue;
             }
             QPainterPath path;
-            path.moveTo(camera_.pointForCoordinate(line->points.front()));
+            path.moveTo(toQPointF(camera().pointForCoordinate(line->points.front())));
             for (std::size_t i = 1; i < line->points.size(); ++i) {
-                path.lineTo(camera_.pointForCoordinate(line->points[i]));
+                path.lineTo(toQPointF(camera().pointForCoordinate(line->points[i])));
             }
             painter.setBrush(Qt::NoBrush);
             painter.setPen(QPen(style.strokeColor ? toQColor(*style.strokeColor) : Qt::black, style.lineWidth,
@@ -578,10 +420,11 @@ void QtMapView::paintMap(QPainter& painter) {
             painter.drawPath(path);
         }
     }
-    if (showsUserLocation_ && userLocation_->location) {
-        const QPointF at = camera_.pointForCoordinate(userLocation_->coordinate);
-        const double accuracy = camera_.pointsForMetres(
-            std::max(0.0, userLocation_->location->horizontalAccuracy), userLocation_->coordinate.latitude);
+    const auto user = userLocation();
+    if (showsUserLocation() && user->location) {
+        const QPointF at = toQPointF(camera().pointForCoordinate(user->coordinate));
+        const double accuracy = camera().pointsForMetres(std::max(0.0, user->location->horizontalAccuracy),
+                                                         user->coordinate.latitude);
         if (accuracy > 12) {
             QColor halo = kUserBlue;
             halo.setAlphaF(0.12F);

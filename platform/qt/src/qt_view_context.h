@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tovrel/platform/main_loop.h"
+#include "tovrel/platform/map_view.h"
 #include "tovrel/platform/view_renderer.h"
 #include "tovrel/platform/views.h"
 
@@ -18,10 +19,8 @@ class QtViewSystem;
 /// What a QtViewSystem shares with its views, and the renderer that shows them as widgets. Only weak
 /// references point back out, so a view held by a posted task or a timer never keeps the loop or the
 /// system alive.
-struct QtViewContext final : platform::ViewRenderer {
+struct QtViewContext final : platform::ViewRenderer, std::enable_shared_from_this<QtViewContext> {
     std::weak_ptr<platform::MainLoop> loop;
-    std::weak_ptr<platform::View> keyWindow;
-    std::vector<std::weak_ptr<platform::View>> presented;
     std::vector<std::weak_ptr<platform::View>> maps;
     std::vector<platform::ViewAnimation> openAnimations;
     std::filesystem::path resourceRoot;
@@ -36,6 +35,9 @@ struct QtViewContext final : platform::ViewRenderer {
     void subviewAdded(platform::View& parent, platform::View& child, bool moved) override;
     void viewDetached(platform::View& view) override;
     void animationAdded(platform::View& view, const platform::BasicAnimation& animation) override;
+    void mapChanged(platform::MapView& map, const platform::MapChange& change) override;
+    std::shared_ptr<platform::AnnotationView> makePlatformPin(
+        std::shared_ptr<platform::Annotation> annotation) override;
     void loadPage(platform::WebView& view, const platform::URLRequest& request) override;
     void stopPage(platform::WebView& view) override;
     void runScript(platform::WebView& view, const std::string& script) override;

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "qt_view_context.h"
+#include "tovrel/qt/qt_map_view.h"
 #include "tovrel/qt/qt_views.h"
 
 namespace tovrel::qtbackend {
@@ -25,12 +26,11 @@ QColor toQColor(const platform::Color& color) {
 // ---- QtViewContext ----
 
 bool QtViewContext::isKeyWindow(const platform::View& view) const {
-    return &view == keyWindow.lock().get();
+    return system != nullptr && system->isKeyWindow(view);
 }
 
 bool QtViewContext::isPresented(const platform::View& view) const {
-    return std::any_of(presented.begin(), presented.end(),
-                       [&view](const auto& weak) { return weak.lock().get() == &view; });
+    return system != nullptr && system->isPresented(view);
 }
 
 void QtViewContext::postLater(platform::Task task) const {
@@ -63,6 +63,17 @@ void QtViewContext::animationAdded(platform::View& view, const platform::BasicAn
     if (auto* core = qtCore(&view)) {
         core->showAnimation(animation);
     }
+}
+
+void QtViewContext::mapChanged(platform::MapView& map, const platform::MapChange& change) {
+    if (auto* shown = dynamic_cast<QtMapView*>(&map)) {
+        shown->showChange(change);
+    }
+}
+
+std::shared_ptr<platform::AnnotationView> QtViewContext::makePlatformPin(
+    std::shared_ptr<platform::Annotation> annotation) {
+    return std::make_shared<QtAnnotationView>(shared_from_this(), std::move(annotation), "");
 }
 
 QImage QtViewContext::image(const std::string& name) const {

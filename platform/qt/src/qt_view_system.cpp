@@ -40,7 +40,7 @@ void QtViewContext::windowChanged() const {
 }
 
 QtViewSystem::QtViewSystem(const std::shared_ptr<platform::MainLoop>& loop, Options options)
-    : context_(std::make_shared<QtViewContext>()), options_(std::move(options)) {
+    : ViewSystem(options.screen), context_(std::make_shared<QtViewContext>()), options_(std::move(options)) {
     TOVREL_ASSERT_CALLED_ON_VALID_THREAD(guiThread_);
     context_->loop = loop;
     context_->resourceRoot = resourceRootFor(options_.resourceRoot);
@@ -50,9 +50,9 @@ QtViewSystem::QtViewSystem(const std::shared_ptr<platform::MainLoop>& loop, Opti
         context_, platform::Rect{0, 0, options_.screen.width, options_.screen.height});
     keyWindow_->isWindow_ = true;
     keyWindow_->setBackgroundColor(platform::Color::whiteColor());
+    setKeyWindow(keyWindow_);
     keyWindow_->applyGeometry();
     keyWindow_->widget()->setWindowTitle(QString::fromStdString(options_.windowTitle));
-    context_->keyWindow = keyWindow_;
 }
 
 QtViewSystem::~QtViewSystem() {
@@ -61,18 +61,6 @@ QtViewSystem::~QtViewSystem() {
 
 QWidget* QtViewSystem::window() const {
     return keyWindow_->widget();
-}
-
-platform::Rect QtViewSystem::mainScreenBounds() const {
-    const bool landscape = interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeLeft ||
-                           interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeRight;
-    const auto& portrait = options_.screen;
-    return landscape ? platform::Rect{0, 0, portrait.height, portrait.width}
-                     : platform::Rect{0, 0, portrait.width, portrait.height};
-}
-
-void QtViewSystem::addDeviceOrientationObserver(std::function<void()> handler) {
-    observers_.push_back(std::move(handler));
 }
 
 std::optional<std::string> QtViewSystem::pathForResource(const std::string& name,
@@ -145,53 +133,30 @@ void QtViewSystem::animate(const platform::ViewAnimation& animation, const std::
     context_->openAnimations.pop_back();
 }
 
-void QtViewSystem::presentModalView(std::shared_ptr<platform::View> view,
-                                    const platform::ModalPresentation& /*presentation*/) {
-    auto* core = view ? qtCore(view.get()) : nullptr;
-    if (core == nullptr || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
+void QtViewSystem::didPresent(platform::View& view, const platform::ModalPresentation& /*presentation*/) {
+    auto* core = qtCore(&view);
+    if (core == nullptr) {
         return;
     }
-    const bool wasOnScreen = view->isOnScreen();
-    context_->presented.push_back(view);
     core->presented_ = true;
-    if (core->widget_ && !view->superview()) {
+    if (core->widget_ && !view.superview()) {
         core->widget_->setParent(window());
         core->applyGeometry();
         core->applyVisibility();
     }
     restackWindow();
-    if (!wasOnScreen) {
-        view->announce(platform::Appearance::kWillAppear);
-    }
 }
 
-void QtViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view, bool /*animated*/) {
-    auto& presented = context_->presented;
-    const auto it = std::find_if(presented.begin(), presented.end(),
-                                 [&view](const auto& weak) { return weak.lock() == view; });
-    if (!view || it == presented.end()) {
+void QtViewSystem::didDismiss(platform::View& view, bool /*animated*/) {
+    auto* core = qtCore(&view);
+    if (core == nullptr) {
         return;
     }
-    presented.erase(it);
-    auto* core = qtCore(view.get());
     core->presented_ = false;
-    if (core->widget_ && !view->superview()) {
+    if (core->widget_ && !view.superview()) {
         core->widget_->hide();
         core->widget_->setParent(nullptr);
     }
-    if (!view->isOnScreen()) {
-        view->announce(platform::Appearance::kWillDisappear);
-    }
-}
-
-std::vector<std::shared_ptr<platform::View>> QtViewSystem::presentedViews() const {
-    std::vector<std::shared_ptr<platform::View>> views;
-    for (const auto& weak : context_->presented) {
-        if (auto view = weak.lock()) {
-            views.push_back(std::move(view));
-        }
-    }
-    return views;
 }
 
 void QtViewSystem::restackWindow() {
@@ -234,33 +199,6 @@ void QtViewSystem::deliverUserLocation(const platform::Location& location) {
         if (const auto map = std::dynamic_pointer_cast<QtMapView>(weak.lock())) {
             map->deliverUserLocation(location);
         }
-    }
-}
-
-void QtViewSystem::rotate(platform::DeviceOrientation orientation) {
-    using platform::DeviceOrientation;
-    using platform::InterfaceOrientation;
-    deviceOrientation_ = orientation;
-    switch (orientation) {
-        case DeviceOrientation::kPortrait:
-            interfaceOrientation_ = InterfaceOrientation::kPortrait;
-            break;
-        case DeviceOrientation::kPortraitUpsideDown:
-            interfaceOrientation_ = InterfaceOrientation::kPortraitUpsideDown;
-            break;
-        case DeviceOrientation::kLandscapeLeft:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeRight;
-            break;
-        case DeviceOrientation::kLandscapeRight:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeLeft;
-            break;
-        default:
-            break;
-    }
-    keyWindow_->setFrame(mainScreenBounds());
-    const auto observers = observers_;
-    for (const auto& observer : observers) {
-        observer();
     }
 }
 

@@ -1,5 +1,5 @@
+#include "tovrel/platform/map_view.h"
 #include "tovrel/platform/view_renderer.h"
-#include "tovrel/platform/views.h"
 
 namespace tovrel::platform {
 

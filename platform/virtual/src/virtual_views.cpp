@@ -1,6 +1,7 @@
 #include "tovrel/virtual/virtual_views.h"
 
 #include <algorithm>
+#include <deque>
 
 #include "tovrel/platform/view_renderer.h"
 #include "tovrel/virtual/virtual_platform.h"
@@ -12,22 +13,20 @@ using platform::Appearance;
 /// What a ViewSystem shares with its views, and the renderer that shows them: it records the
 /// properties set inside animation blocks. Only weak references point back out, so a view held by a
 /// posted task or a timer never keeps the loop, the client or the system alive.
-struct ViewContext final : platform::ViewRenderer {
+struct ViewContext final : platform::ViewRenderer, std::enable_shared_from_this<ViewContext> {
     std::weak_ptr<platform::MainLoop> loop;
     std::weak_ptr<platform::HttpClient> http;
-    std::weak_ptr<platform::View> keyWindow;
-    std::vector<std::weak_ptr<platform::View>> presented;
+    const platform::ViewSystem* system = nullptr;
     std::vector<AnimationBlock> blocks;
     std::vector<std::size_t> openBlocks;
     std::map<std::string, platform::Size> contentSizes;
     std::map<std::string, int> subframes;
 
     [[nodiscard]] bool isKeyWindow(const platform::View& view) const override {
-        return &view == keyWindow.lock().get();
+        return system != nullptr && system->isKeyWindow(view);
     }
     [[nodiscard]] bool isPresented(const platform::View& view) const override {
-        return std::any_of(presented.begin(), presented.end(),
-                           [&view](const auto& weak) { return weak.lock().get() == &view; });
+        return system != nullptr && system->isPresented(view);
     }
     void postLater(platform::Task task) const override {
         if (auto mainLoop = loop.lock()) {
@@ -60,6 +59,16 @@ struct ViewContext final : platform::ViewRenderer {
     void subviewAdded(platform::View& /*parent*/, platform::View& /*child*/, bool /*moved*/) override {}
     void viewDetached(platform::View& /*view*/) override {}
     void animationAdded(platform::View& /*view*/, const platform::BasicAnimation& /*animation*/) override {}
+    void mapChanged(platform::MapView& map, const platform::MapChange& change) override {
+        if (mapChanges.size() == kKeptMapChanges) {
+            mapChanges.pop_front();
+        }
+        mapChanges.emplace_back(map.weak_from_this(), change);
+    }
+    std::shared_ptr<platform::AnnotationView> makePlatformPin(
+        std::shared_ptr<platform::Annotation> annotation) override {
+        return std::make_shared<platform::AnnotationView>(shared_from_this(), std::move(annotation), "");
+    }
     void loadPage(platform::WebView& view, const platform::URLRequest& request) override {
         if (auto* web = dynamic_cast<VirtualWebView*>(&view)) {
             web->requests_.push_back(request);
@@ -72,6 +81,9 @@ struct ViewContext final : platform::ViewRenderer {
             web->scripts_.push_back(script);
         }
     }
+
+    static constexpr std::size_t kKeptMapChanges = 10000;
+    std::deque<std::pair<std::weak_ptr<platform::View>, platform::MapChange>> mapChanges;
 };
 
 VirtualView::VirtualView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
@@ -132,183 +144,19 @@ void VirtualWebView::answer(std::uint64_t generation, const platform::URLRequest
     pageFinished(generation, size != context_->contentSizes.end() ? size->second : platform::Size{});
 }
 
-// ---- Map ----
-
-VirtualMapView::VirtualMapView(const std::shared_ptr<ViewContext>& context, const platform::Rect& frame)
-    : MapView(context, frame), context_(context), userLocation_(std::make_shared<platform::UserLocation>()) {
-    userLocation_->coordinate = {-180, -180};
-}
-
-std::vector<std::shared_ptr<platform::Annotation>> VirtualMapView::annotations() const {
-    std::vector<std::shared_ptr<platform::Annotation>> all;
-    if (showsUserLocation_ && userLocation_->location) {
-        all.push_back(userLocation_);
-    }
-    for (const auto& pinned : pinned_) {
-        all.push_back(pinned.annotation);
-    }
-    return all;
-}
-
-void VirtualMapView::addAnnotation(std::shared_ptr<platform::Annotation> annotation) {
-    const auto same = [&annotation](const Pinned& p) { return p.annotation == annotation; };
-    if (!annotation || std::any_of(pinned_.begin(), pinned_.end(), same)) {
-        return;
-    }
-    pinned_.push_back({annotation, nullptr});
-    std::shared_ptr<platform::AnnotationView> view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForAnnotation(*this, annotation);
-    }
-    if (!view) {
-        // The platform's own pin, which nothing reuses.
-        view = std::make_shared<platform::AnnotationView>(context_, annotation, "");
-    }
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(), same);
-    if (it != pinned_.end()) {
-        it->view = std::move(view);
-    }
-}
-
-void VirtualMapView::removeAnnotations(
-    const std::vector<std::shared_ptr<platform::Annotation>>& annotations) {
-    for (const auto& annotation : annotations) {
-        const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                     [&annotation](const Pinned& p) { return p.annotation == annotation; });
-        if (it == pinned_.end()) {
-            continue;
-        }
-        if (it->view && !it->view->reuseIdentifier().empty()) {
-            reusable_.put(it->view->reuseIdentifier(), it->view);
-        }
-        pinned_.erase(it);
-        selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
-    }
-}
-
-std::vector<std::shared_ptr<platform::Overlay>> VirtualMapView::overlays() const {
-    std::vector<std::shared_ptr<platform::Overlay>> all;
-    for (const auto& drawn : drawn_) {
-        all.push_back(drawn.overlay);
-    }
-    return all;
-}
-
-void VirtualMapView::addOverlay(std::shared_ptr<platform::Overlay> overlay) {
-    if (!overlay) {
-        return;
-    }
-    platform::OverlayView view;
-    if (auto delegate = delegate_.lock()) {
-        view = delegate->mapViewViewForOverlay(*this, overlay);
-    }
-    drawn_.push_back({std::move(overlay), view});
-}
-
-void VirtualMapView::removeOverlays(const std::vector<std::shared_ptr<platform::Overlay>>& overlays) {
-    for (const auto& overlay : overlays) {
-        drawn_.erase(std::remove_if(drawn_.begin(), drawn_.end(),
-                                    [&overlay](const Drawn& d) { return d.overlay == overlay; }),
-                     drawn_.end());
-    }
-}
-
-std::shared_ptr<platform::AnnotationView> VirtualMapView::dequeueReusableAnnotationViewWithIdentifier(
-    const std::string& identifier) {
-    auto view = reusable_.take(identifier);
-    dequeued_.push_back(view);
-    return view;
-}
-
-void VirtualMapView::deselectAnnotation(const std::shared_ptr<platform::Annotation>& annotation,
-                                        bool animated) {
-    deselections_.push_back({annotation, animated});
-    selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
-}
-
-void VirtualMapView::setRegion(const platform::CoordinateRegion& region, bool animated) {
-    region_ = region;
-    regionChanges_.push_back({region, animated});
-}
-
-void VirtualMapView::setVisibleMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding,
-                                       bool animated) {
-    visibleRect_ = rect;
-    visibleRectChanges_.push_back({rect, padding, animated});
-}
-
-void VirtualMapView::deliverUserLocation(const platform::Location& location) {
-    userLocation_->location = location;
-    userLocation_->coordinate = location.coordinate;
-    userLocation_->updating = true;
-    if (!showsUserLocation_) {
-        return;
-    }
-    if (auto delegate = delegate_.lock()) {
-        delegate->mapViewDidUpdateUserLocation(*this, *userLocation_);
-    }
-}
-
-void VirtualMapView::selectAnnotation(const std::shared_ptr<platform::Annotation>& annotation) {
-    if (std::find(selected_.begin(), selected_.end(), annotation) == selected_.end()) {
-        selected_.push_back(annotation);
-    }
-}
-
-bool VirtualMapView::tapCalloutAccessory(const std::shared_ptr<platform::Annotation>& annotation,
-                                         bool right) {
-    const auto view = viewForAnnotation(annotation);
-    if (!view) {
-        return false;
-    }
-    const auto control = right ? view->rightCalloutAccessoryView() : view->leftCalloutAccessoryView();
-    if (!std::dynamic_pointer_cast<platform::Button>(control)) {
-        return false;
-    }
-    selectAnnotation(annotation);
-    if (auto delegate = delegate_.lock()) {
-        delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*this, *view, *control);
-    }
-    return true;
-}
-
-std::shared_ptr<platform::AnnotationView> VirtualMapView::viewForAnnotation(
-    const std::shared_ptr<platform::Annotation>& annotation) const {
-    const auto it = std::find_if(pinned_.begin(), pinned_.end(),
-                                 [&annotation](const Pinned& p) { return p.annotation == annotation; });
-    return it == pinned_.end() ? nullptr : it->view;
-}
-
-std::optional<platform::OverlayView> VirtualMapView::viewForOverlay(
-    const std::shared_ptr<platform::Overlay>& overlay) const {
-    const auto it = std::find_if(drawn_.begin(), drawn_.end(),
-                                 [&overlay](const Drawn& d) { return d.overlay == overlay; });
-    return it == drawn_.end() ? std::nullopt : std::optional(it->view);
-}
-
 // ---- The system ----
 
 VirtualViewSystem::VirtualViewSystem(const std::shared_ptr<platform::MainLoop>& loop,
                                      const std::shared_ptr<platform::HttpClient>& http)
-    : context_(std::make_shared<ViewContext>()) {
+    : ViewSystem({375, 667}), context_(std::make_shared<ViewContext>()) {
     context_->loop = loop;
     context_->http = http;
-    keyWindow_ =
-        std::make_shared<VirtualView>(context_, platform::Rect{0, 0, portrait_.width, portrait_.height});
-    context_->keyWindow = keyWindow_;
+    context_->system = this;
+    setKeyWindow(std::make_shared<VirtualView>(context_, mainScreenBounds()));
 }
 
-VirtualViewSystem::~VirtualViewSystem() = default;
-
-platform::Rect VirtualViewSystem::mainScreenBounds() const {
-    const bool landscape = interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeLeft ||
-                           interfaceOrientation_ == platform::InterfaceOrientation::kLandscapeRight;
-    return landscape ? platform::Rect{0, 0, portrait_.height, portrait_.width}
-                     : platform::Rect{0, 0, portrait_.width, portrait_.height};
-}
-
-void VirtualViewSystem::addDeviceOrientationObserver(std::function<void()> handler) {
-    observers_.push_back(std::move(handler));
+VirtualViewSystem::~VirtualViewSystem() {
+    context_->system = nullptr;
 }
 
 std::optional<std::string> VirtualViewSystem::pathForResource(const std::string& name,
@@ -355,7 +203,7 @@ std::shared_ptr<platform::TableViewCell> VirtualViewSystem::makeTableViewCell(
 }
 
 std::shared_ptr<platform::MapView> VirtualViewSystem::makeMapView(const platform::Rect& frame) {
-    return std::make_shared<VirtualMapView>(context_, frame);
+    return std::make_shared<platform::MapView>(context_, frame);
 }
 
 std::shared_ptr<platform::AnnotationView> VirtualViewSystem::makeAnnotationView(
@@ -377,79 +225,19 @@ const std::vector<AnimationBlock>& VirtualViewSystem::animationBlocks() const {
     return context_->blocks;
 }
 
-void VirtualViewSystem::presentModalView(std::shared_ptr<platform::View> view,
-                                         const platform::ModalPresentation& presentation) {
-    if (!view || context_->isKeyWindow(*view) || context_->isPresented(*view)) {
-        return;
-    }
-    const bool wasOnScreen = view->isOnScreen();
-    presentations_.push_back({view, presentation, rootContext_, false, false});
-    context_->presented.push_back(view);
-    if (!wasOnScreen) {
-        view->announce(Appearance::kWillAppear);
-    }
+void VirtualViewSystem::didPresent(platform::View& view, const platform::ModalPresentation& presentation) {
+    presentations_.push_back(
+        {view.shared_from_this(), presentation, rootPresentationContext(), false, false});
 }
 
-void VirtualViewSystem::dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) {
-    auto& presented = context_->presented;
-    const auto it = std::find_if(presented.begin(), presented.end(),
-                                 [&view](const auto& weak) { return weak.lock() == view; });
-    if (!view || it == presented.end()) {
-        return;
-    }
-    presented.erase(it);
+void VirtualViewSystem::didDismiss(platform::View& view, bool animated) {
     for (auto record = presentations_.rbegin(); record != presentations_.rend(); ++record) {
-        if (record->view == view && !record->dismissed) {
+        if (record->view.get() == &view && !record->dismissed) {
             record->dismissed = true;
             record->dismissedAnimated = animated;
             break;
         }
     }
-    if (!view->isOnScreen()) {
-        view->announce(Appearance::kWillDisappear);
-    }
-}
-
-std::vector<std::shared_ptr<platform::View>> VirtualViewSystem::presentedViews() const {
-    std::vector<std::shared_ptr<platform::View>> views;
-    for (const auto& weak : context_->presented) {
-        if (auto view = weak.lock()) {
-            views.push_back(std::move(view));
-        }
-    }
-    return views;
-}
-
-void VirtualViewSystem::rotate(platform::DeviceOrientation orientation) {
-    using platform::DeviceOrientation;
-    using platform::InterfaceOrientation;
-    deviceOrientation_ = orientation;
-    switch (orientation) {
-        case DeviceOrientation::kPortrait:
-            interfaceOrientation_ = InterfaceOrientation::kPortrait;
-            break;
-        case DeviceOrientation::kPortraitUpsideDown:
-            interfaceOrientation_ = InterfaceOrientation::kPortraitUpsideDown;
-            break;
-        case DeviceOrientation::kLandscapeLeft:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeRight;
-            break;
-        case DeviceOrientation::kLandscapeRight:
-            interfaceOrientation_ = InterfaceOrientation::kLandscapeLeft;
-            break;
-        default:
-            break;
-    }
-    keyWindow_->setFrame(mainScreenBounds());
-    const auto observers = observers_;
-    for (const auto& observer : observers) {
-        observer();
-    }
-}
-
-void VirtualViewSystem::setScreenSize(const platform::Size& portrait) {
-    portrait_ = portrait;
-    keyWindow_->setFrame(mainScreenBounds());
 }
 
 void VirtualViewSystem::setPageContentSize(const std::string& url, const platform::Size& size) {
@@ -462,6 +250,16 @@ void VirtualViewSystem::setPageSubframes(const std::string& url, int count) {
 
 VirtualViewSystem& virtualViews(const VirtualPlatform& platform) {
     return static_cast<VirtualViewSystem&>(*platform.views);
+}
+
+std::vector<platform::MapChange> VirtualViewSystem::mapChanges(const platform::MapView& map) const {
+    std::vector<platform::MapChange> changes;
+    for (const auto& [changed, change] : context_->mapChanges) {
+        if (changed.lock().get() == &map) {
+            changes.push_back(change);
+        }
+    }
+    return changes;
 }
 
 }  // namespace tovrel::virtualbackend

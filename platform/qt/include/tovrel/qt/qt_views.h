@@ -246,16 +246,6 @@ class TOVREL_EXPORT QtViewSystem final : public platform::ViewSystem {
     QtViewSystem(const QtViewSystem&) = delete;
     QtViewSystem& operator=(const QtViewSystem&) = delete;
 
-    std::shared_ptr<platform::View> keyWindow() override { return keyWindow_; }
-    [[nodiscard]] platform::Rect mainScreenBounds() const override;
-    [[nodiscard]] platform::DeviceOrientation deviceOrientation() const override {
-        return deviceOrientation_;
-    }
-    [[nodiscard]] platform::InterfaceOrientation statusBarOrientation() const override {
-        return interfaceOrientation_;
-    }
-    [[nodiscard]] bool isStatusBarHidden() const override { return statusBarHidden_; }
-    void addDeviceOrientationObserver(std::function<void()> handler) override;
     [[nodiscard]] std::optional<std::string> pathForResource(const std::string& name,
                                                              const std::string& type) const override;
 
@@ -276,23 +266,10 @@ class TOVREL_EXPORT QtViewSystem final : public platform::ViewSystem {
 
     void animate(const platform::ViewAnimation& animation, const std::function<void()>& changes) override;
 
-    void setRootPresentationContext(const platform::PresentationContext& context) override {
-        rootContext_ = context;
-    }
-    void presentModalView(std::shared_ptr<platform::View> view,
-                          const platform::ModalPresentation& presentation) override;
-    void dismissModalView(const std::shared_ptr<platform::View>& view, bool animated) override;
-
     /// The key window's widget (show it to put the screens on the desktop).
     [[nodiscard]] QWidget* window() const;
-    /// The views presented now, oldest first.
-    [[nodiscard]] std::vector<std::shared_ptr<platform::View>> presentedViews() const;
     /// The image of a resource name such as "TovrelSDKResources.bundle/pin1.png"; null when missing.
     [[nodiscard]] QImage image(const std::string& name) const;
-    /// Hides or shows the status bar (the offer view's frame follows it).
-    void setStatusBarHidden(bool hidden) { statusBarHidden_ = hidden; }
-    /// Turns the device: orientation, screen bounds and key window follow; the observers run.
-    void rotate(platform::DeviceOrientation orientation);
     /// Stacks the key window's children: subviews by z-position, presented views above those
     /// below the topmost z-position, then overlays (alerts). Called after every change.
     void restackWindow();
@@ -302,15 +279,14 @@ class TOVREL_EXPORT QtViewSystem final : public platform::ViewSystem {
     void addOverlay(QWidget* overlay);
     [[nodiscard]] const Options& options() const { return options_; }
 
+  protected:
+    void didPresent(platform::View& view, const platform::ModalPresentation& presentation) override;
+    void didDismiss(platform::View& view, bool animated) override;
+
   private:
     std::shared_ptr<QtViewContext> context_;
     Options options_;
     std::shared_ptr<QtView> keyWindow_;
-    platform::DeviceOrientation deviceOrientation_ = platform::DeviceOrientation::kPortrait;
-    platform::InterfaceOrientation interfaceOrientation_ = platform::InterfaceOrientation::kPortrait;
-    bool statusBarHidden_ = false;
-    std::vector<std::function<void()>> observers_;
-    platform::PresentationContext rootContext_;
     /// The Qt GUI thread: the one that made the system (after the QApplication).
     platform::ThreadChecker guiThread_;
 };

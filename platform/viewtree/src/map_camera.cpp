@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tovrel/qt/qt_map_view.h"
+#include "tovrel/platform/map_view.h"
 
-namespace tovrel::qtbackend {
+namespace tovrel::platform {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
@@ -11,22 +11,22 @@ constexpr double kEquatorMetres = 40075016.68557849;
 
 }  // namespace
 
-platform::Coordinate coordinateForMapPoint(const platform::MapPoint& point) {
-    const double longitude = point.x / platform::kMapWorldSize * 360.0 - 180.0;
-    const double n = kPi * (1.0 - 2.0 * point.y / platform::kMapWorldSize);
+Coordinate coordinateForMapPoint(const MapPoint& point) {
+    const double longitude = point.x / kMapWorldSize * 360.0 - 180.0;
+    const double n = kPi * (1.0 - 2.0 * point.y / kMapWorldSize);
     const double latitude = std::atan(std::sinh(n)) * 180.0 / kPi;
     return {latitude, longitude};
 }
 
 double mapPointsPerMetreAtLatitude(double latitude) {
-    return platform::kMapWorldSize / (kEquatorMetres * std::cos(latitude * kPi / 180.0));
+    return kMapWorldSize / (kEquatorMetres * std::cos(latitude * kPi / 180.0));
 }
 
 void MapCamera::setScale(double scale) {
     scale_ = std::clamp(scale, kMinimumScale, kMaximumScale);
 }
 
-void MapCamera::showMapRect(const platform::MapRect& rect, const platform::EdgeInsets& padding) {
+void MapCamera::showMapRect(const MapRect& rect, const EdgeInsets& padding) {
     if (rect.isNull()) {
         return;
     }
@@ -40,27 +40,26 @@ void MapCamera::showMapRect(const platform::MapRect& rect, const platform::EdgeI
                rect.y + rect.height / 2 + (viewSize_.height / 2 - areaCentreY) * scale_};
 }
 
-void MapCamera::showRegion(const platform::CoordinateRegion& region) {
+void MapCamera::showRegion(const CoordinateRegion& region) {
     const auto& c = region.center;
     const auto& s = region.span;
-    const platform::MapPoint topLeft = platform::mapPointForCoordinate(
+    const MapPoint topLeft = mapPointForCoordinate(
         {std::min(85.0, c.latitude + s.latitudeDelta / 2), c.longitude - s.longitudeDelta / 2});
-    const platform::MapPoint bottomRight = platform::mapPointForCoordinate(
+    const MapPoint bottomRight = mapPointForCoordinate(
         {std::max(-85.0, c.latitude - s.latitudeDelta / 2), c.longitude + s.longitudeDelta / 2});
-    const platform::MapPoint centre = platform::mapPointForCoordinate(c);
     const double width = std::abs(bottomRight.x - topLeft.x);
     const double height = std::abs(bottomRight.y - topLeft.y);
     setScale(std::max(width / std::max(1.0, viewSize_.width), height / std::max(1.0, viewSize_.height)));
-    center_ = centre;
+    center_ = mapPointForCoordinate(c);
 }
 
-platform::MapRect MapCamera::visibleMapRect() const {
+MapRect MapCamera::visibleMapRect() const {
     const double width = viewSize_.width * scale_;
     const double height = viewSize_.height * scale_;
     return {center_.x - width / 2, center_.y - height / 2, width, height};
 }
 
-platform::CoordinateRegion MapCamera::region() const {
+CoordinateRegion MapCamera::region() const {
     const auto rect = visibleMapRect();
     const auto topLeft = coordinateForMapPoint({rect.x, rect.y});
     const auto bottomRight = coordinateForMapPoint({rect.x + rect.width, rect.y + rect.height});
@@ -68,18 +67,18 @@ platform::CoordinateRegion MapCamera::region() const {
             {topLeft.latitude - bottomRight.latitude, bottomRight.longitude - topLeft.longitude}};
 }
 
-QPointF MapCamera::pointForMapPoint(const platform::MapPoint& point) const {
+Point MapCamera::pointForMapPoint(const MapPoint& point) const {
     return {(point.x - center_.x) / scale_ + viewSize_.width / 2,
             (point.y - center_.y) / scale_ + viewSize_.height / 2};
 }
 
-platform::MapPoint MapCamera::mapPointForPoint(const QPointF& point) const {
-    return {center_.x + (point.x() - viewSize_.width / 2) * scale_,
-            center_.y + (point.y() - viewSize_.height / 2) * scale_};
+MapPoint MapCamera::mapPointForPoint(const Point& point) const {
+    return {center_.x + (point.x - viewSize_.width / 2) * scale_,
+            center_.y + (point.y - viewSize_.height / 2) * scale_};
 }
 
-QPointF MapCamera::pointForCoordinate(const platform::Coordinate& coordinate) const {
-    return pointForMapPoint(platform::mapPointForCoordinate(coordinate));
+Point MapCamera::pointForCoordinate(const Coordinate& coordinate) const {
+    return pointForMapPoint(mapPointForCoordinate(coordinate));
 }
 
 double MapCamera::pointsForMetres(double metres, double latitude) const {
@@ -87,8 +86,8 @@ double MapCamera::pointsForMetres(double metres, double latitude) const {
 }
 
 int MapCamera::tileZoom() const {
-    const double zoom = std::log2(platform::kMapWorldSize / (256.0 * scale_));
+    const double zoom = std::log2(kMapWorldSize / (256.0 * scale_));
     return std::clamp(static_cast<int>(std::lround(zoom)), 0, 19);
 }
 
-}  // namespace tovrel::qtbackend
+}  // namespace tovrel::platform
