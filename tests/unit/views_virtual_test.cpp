@@ -23,6 +23,18 @@ TEST_F(VirtualViewsTest, OnlyChangesInsideABlockAreRecorded) {
     EXPECT_EQ(view->alpha(), 1.0);
 }
 
+TEST_F(VirtualViewsTest, AViewShownAgainAndAgainKeepsOnlyItsLastAppearances) {
+    const auto view = plain();
+    for (int i = 0; i < 100; ++i) {
+        views.presentModalView(view, {});
+        views.dismissModalView(view, false);
+        device.loop().runUntilIdle();
+    }
+    const auto& log = view->appearanceLog();
+    ASSERT_EQ(log.size(), platform::View::kKeptAppearances);
+    EXPECT_EQ(log.back(), platform::Appearance::kDidDisappear);
+}
+
 TEST_F(VirtualViewsTest, EachPresentationIsRecordedOnceWithItsDismissal) {
     const auto view = plain();
     views.setRootPresentationContext({platform::ModalPresentationStyle::kCurrentContext, true, true});

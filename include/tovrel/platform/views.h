@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -217,8 +218,10 @@ class TOVREL_EXPORT View : public std::enable_shared_from_this<View> {
     /// now and the matching did-event on the next turn; view systems call it when they present or
     /// dismiss a view.
     void announce(Appearance will);
-    /// Main thread. Every appearance event delivered to this view, in order.
+    /// Main thread. The appearance events delivered to this view, in order (the last
+    /// kKeptAppearances of them).
     [[nodiscard]] const std::vector<Appearance>& appearanceLog() const { return appearanceLog_; }
+    static constexpr std::size_t kKeptAppearances = 64;
     /// Main thread. How many times layoutSubviews ran.
     [[nodiscard]] int layoutCount() const { return layoutCount_; }
     /// Main thread. How many times updateConstraints ran.
@@ -687,10 +690,12 @@ class TOVREL_EXPORT TableView : public View {
     [[nodiscard]] std::optional<double> sectionFooterHeight() const { return sectionFooterHeight_; }
     /// Main thread.
     [[nodiscard]] std::shared_ptr<View> sectionFooterView() const { return sectionFooter_; }
-    /// Main thread. Every deselection, with its animated flag.
+    /// Main thread. The deselections, with their animated flag, in order (the last
+    /// kKeptDeselections of them).
     [[nodiscard]] const std::vector<std::pair<IndexPath, bool>>& deselections() const {
         return deselections_;
     }
+    static constexpr std::size_t kKeptDeselections = 64;
 
   protected:
     void didChangeFrame() override { layoutRows(); }

@@ -92,6 +92,9 @@ std::shared_ptr<TableViewCell> TableView::cellForRowAtIndexPath(const IndexPath&
 }
 
 void TableView::deselectRowAtIndexPath(const IndexPath& indexPath, bool animated) {
+    if (deselections_.size() == kKeptDeselections) {
+        deselections_.erase(deselections_.begin());
+    }
     deselections_.emplace_back(indexPath, animated);
     if (selected_ == indexPath) {
         selected_.reset();

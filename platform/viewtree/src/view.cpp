@@ -144,6 +144,9 @@ void View::announce(Appearance will) {
 }
 
 void View::deliver(Appearance appearance) {
+    if (appearanceLog_.size() == kKeptAppearances) {
+        appearanceLog_.erase(appearanceLog_.begin());
+    }
     appearanceLog_.push_back(appearance);
     const auto handler = appearanceHandler_;
     if (handler) {
