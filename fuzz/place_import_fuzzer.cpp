@@ -11,11 +11,11 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const tovrel_server::PlaceFileCheck whole =
-        tovrel_server::checkPlaceFile(std::string_view(text), "fuzz.geojson");
+    const tovrel::server::PlaceFileCheck whole =
+        tovrel::server::checkPlaceFile(std::string_view(text), "fuzz.geojson");
     std::istringstream in(text);
-    const tovrel_server::PlaceFileCheck streamed =
-        tovrel_server::checkPlaceFile(in, "fuzz.geojson", 1 + size % 13);
+    const tovrel::server::PlaceFileCheck streamed =
+        tovrel::server::checkPlaceFile(in, "fuzz.geojson", 1 + size % 13);
     if (whole.problems.size() != streamed.problems.size() ||
         whole.catalog.has_value() != streamed.catalog.has_value() ||
         whole.catalog.has_value() == !whole.problems.empty()) {
@@ -28,15 +28,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     if (whole.catalog) {
-        const tovrel_server::CatalogData a = whole.catalog->expand();
-        const tovrel_server::CatalogData b = streamed.catalog->expand();
+        const tovrel::server::CatalogData a = whole.catalog->expand();
+        const tovrel::server::CatalogData b = streamed.catalog->expand();
         if (a.offers != b.offers || a.campaigns != b.campaigns || a.places.size() != b.places.size()) {
             std::abort();
         }
     }
     try {
-        (void)tovrel_server::parseGeoJson(text, "fuzz.geojson");
-    } catch (const tovrel_server::ImportError&) {
+        (void)tovrel::server::parseGeoJson(text, "fuzz.geojson");
+    } catch (const tovrel::server::ImportError&) {
     }
     return 0;
 }

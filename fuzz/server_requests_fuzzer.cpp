@@ -13,13 +13,13 @@
 
 namespace {
 
-const tovrel_server::StaticFiles& contentFolder() {
+const tovrel::server::StaticFiles& contentFolder() {
     static const std::filesystem::path root = [] {
         auto dir = std::filesystem::temp_directory_path() / "tovrel-fuzz-content";
         std::filesystem::create_directories(dir / "media");
         return dir;
     }();
-    static const tovrel_server::StaticFiles files(root.string());
+    static const tovrel::server::StaticFiles files(root.string());
     return files;
 }
 
@@ -28,31 +28,31 @@ const tovrel_server::StaticFiles& contentFolder() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     (void)contentFolder().resolve(text);
-    (void)tovrel_server::percentDecode(text);
-    if (tovrel_server::acceptsGzip(text)) {
+    (void)tovrel::server::percentDecode(text);
+    if (tovrel::server::acceptsGzip(text)) {
         std::string packed;
-        (void)tovrel_server::gzipCompress(text, packed);
+        (void)tovrel::server::gzipCompress(text, packed);
     }
     try {
-        const nlohmann::json body = tovrel_server::parseObjectBody(text);
+        const nlohmann::json body = tovrel::server::parseObjectBody(text);
         for (const char* name : {"sessionKey", "statusCode", "tag", "deviceid"}) {
             try {
-                (void)tovrel_server::requireString(body, name);
-            } catch (const tovrel_server::ApiError&) {
+                (void)tovrel::server::requireString(body, name);
+            } catch (const tovrel::server::ApiError&) {
             }
         }
         for (const char* name : {"eventId", "placeId", "deviceEventId"}) {
             try {
-                (void)tovrel_server::requireId(body, name);
-            } catch (const tovrel_server::ApiError&) {
+                (void)tovrel::server::requireId(body, name);
+            } catch (const tovrel::server::ApiError&) {
             }
         }
         try {
-            (void)tovrel_server::requireNumber(body, "distanceThreshold", 0, 50000);
-        } catch (const tovrel_server::ApiError&) {
+            (void)tovrel::server::requireNumber(body, "distanceThreshold", 0, 50000);
+        } catch (const tovrel::server::ApiError&) {
         }
-        (void)tovrel_server::optionalString(body, "groupTag", "");
-    } catch (const tovrel_server::ApiError&) {
+        (void)tovrel::server::optionalString(body, "groupTag", "");
+    } catch (const tovrel::server::ApiError&) {
     }
     return 0;
 }

@@ -24,7 +24,7 @@
 
 namespace {
 
-using tovrel_server::SpatialIndex;
+using tovrel::server::SpatialIndex;
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -232,8 +232,8 @@ int main(int argc, char** argv) {
         same += a.size() - std::min(a.size(), diff.size());
         differing += diff.size();
         for (uint32_t id : diff) {
-            const double d = tovrel_server::haversineMetres(queries[i].lat, queries[i].lon, places[id].lat,
-                                                            places[id].lon);
+            const double d = tovrel::server::haversineMetres(queries[i].lat, queries[i].lon, places[id].lat,
+                                                             places[id].lon);
             worst = std::max(worst, std::abs(d - o.radius));
         }
     }

@@ -70,9 +70,9 @@ int main(int argc, char** argv) {
               << single.events.size() << " events)\n";
 
     // The fleet shares one service, as devices in the field do.
-    tovrel_server::ServerOptions serverOptions;
+    tovrel::server::ServerOptions serverOptions;
     serverOptions.contentDir = options.contentDir.string();
-    tovrel_server::Server server(serverOptions);
+    tovrel::server::Server server(serverOptions);
     server.importGeoJson(options.placesFile.string());
     options.serviceURL = "http://127.0.0.1:" + std::to_string(server.start());
 

@@ -8,7 +8,7 @@
 #include "store.h"
 #include "tovrel_server/server.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 PlaceFileCheck checkPlaceFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -54,4 +54,4 @@ Funnel readFunnel(const std::string& dbPath, bool byDay) {
     return openStore(dbPath)->funnel(byDay);
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

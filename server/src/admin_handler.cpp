@@ -16,7 +16,7 @@
 #include "tovrel_server/admin.h"
 #include "work_queue.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using nlohmann::json;
 
@@ -375,4 +375,4 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
     }
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

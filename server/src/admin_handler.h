@@ -6,7 +6,7 @@
 
 #include "http_server.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Service;
 class WorkQueue;
@@ -41,4 +41,4 @@ class AdminHandler : public RequestHandler {
 /// when the file cannot be read or the token is shorter than 16 characters.
 std::string readAdminToken(const std::string& path);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -5,7 +5,7 @@
 #include "database.h"
 #include "session_keys.h"
 
-namespace tovrel_server::admin_store {
+namespace tovrel::server::admin_store {
 
 using nlohmann::json;
 
@@ -206,4 +206,4 @@ json campaignDefinitions(Database& db) {
     return campaigns;
 }
 
-}  // namespace tovrel_server::admin_store
+}  // namespace tovrel::server::admin_store

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Database;
 
@@ -58,4 +58,4 @@ bool removePlace(Database& db, int64_t id);
 nlohmann::json campaignDefinitions(Database& db);
 
 }  // namespace admin_store
-}  // namespace tovrel_server
+}  // namespace tovrel::server

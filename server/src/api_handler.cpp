@@ -7,7 +7,7 @@
 #include "static_files.h"
 #include "work_queue.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -121,4 +121,4 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
     respond(std::move(reply));
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

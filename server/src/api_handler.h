@@ -4,7 +4,7 @@
 
 #include "http_server.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Service;
 class StaticFiles;
@@ -35,4 +35,4 @@ class ApiHandler : public RequestHandler {
     std::string fallbackBase_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-namespace tovrel_server::buffer_pool {
+namespace tovrel::server::buffer_pool {
 
 namespace {
 
@@ -33,4 +33,4 @@ void give(std::string&& buffer) {
     tFree.push_back(std::move(buffer));
 }
 
-}  // namespace tovrel_server::buffer_pool
+}  // namespace tovrel::server::buffer_pool

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// Answer buffers kept per thread and reused, so that building an answer neither allocates nor
 /// page-faults once a thread has served a few: freeing a 30 kB buffer per request lets the allocator
@@ -18,4 +18,4 @@ std::string take();
 void give(std::string&& buffer);
 
 }  // namespace buffer_pool
-}  // namespace tovrel_server
+}  // namespace tovrel::server

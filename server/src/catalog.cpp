@@ -5,7 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 using nlohmann::json;
@@ -250,4 +250,4 @@ void Catalog::appendRecord(std::string& out, const Place& place, const Offer& of
     out += linked ? '1' : '0';
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

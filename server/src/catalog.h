@@ -12,7 +12,7 @@
 #include "catalog_data.h"
 #include "spatial_index.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// The places, offers and campaigns in memory, with a spatial index and each record's JSON
 /// prepared in advance. Immutable once built: shared between request threads without locks.
@@ -101,4 +101,4 @@ class Catalog {
     std::shared_ptr<const Ids> hiddenPlaces_;  ///< ids in base_ that changed or went
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -11,7 +11,7 @@
 
 #include "tovrel_server/admin.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Database;
 
@@ -182,4 +182,4 @@ bool readChangedRows(Database& db, CatalogChanges& changes, const std::vector<in
 /// means its first second, or with endOfDay its last one.
 std::optional<double> parseIsoTime(const std::string& text, bool endOfDay);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -4,7 +4,7 @@
 #include "catalog_data.h"
 #include "database.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 void writeApp(Database& db, const AppDef& app, double now) {
     db.prepare(
@@ -211,4 +211,4 @@ bool readChangedRows(Database& db, CatalogChanges& changes, const std::vector<in
     return true;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -5,7 +5,7 @@
 #include <cctype>
 #include <cstdlib>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -96,4 +96,4 @@ bool gzipCompress(std::string_view in, std::string& out) {
     return true;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// True when an Accept-Encoding header value accepts gzip ("gzip", "gzip;q=0.5", "*"), and false when
 /// it refuses it ("gzip;q=0") or does not name it. Pure.
@@ -14,4 +14,4 @@ bool acceptsGzip(std::string_view acceptEncoding);
 /// False (out unspecified) when zlib fails. Pure; any thread.
 bool gzipCompress(std::string_view in, std::string& out);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

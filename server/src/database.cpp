@@ -8,7 +8,7 @@
 
 #include "session_keys.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
     check(sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr));
@@ -211,4 +211,4 @@ void Transaction::commit() {
     done_ = true;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -11,7 +11,7 @@
 
 #include "store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Database;
 
@@ -130,4 +130,4 @@ int currentSchemaVersion();
 /// Applies the migrations that the database lacks. Throws when the database is newer than this program.
 void migrate(Database& db);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

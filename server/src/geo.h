@@ -1,6 +1,6 @@
 #pragma once
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// Radius of the sphere on which every distance is measured.
 inline constexpr double kEarthRadiusMetres = 6371000.0;
@@ -9,4 +9,4 @@ inline constexpr double kEarthRadiusMetres = 6371000.0;
 /// (tovrel/platform/distance.h), so the server ranks places as the devices measure them.
 double haversineMetres(double lat1, double lon1, double lat2, double lon2);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

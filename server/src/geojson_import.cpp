@@ -15,7 +15,7 @@
 
 #include "catalog_data.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 using nlohmann::json;
@@ -1023,4 +1023,4 @@ CatalogData parseGeoJson(const std::string& text, const std::string& label) {
     return check.catalog->expand();
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -23,7 +23,7 @@
 #include "request_fields.h"
 #include "tovrel/platform/thread_annotations.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using tovrel::platform::Lock;
 using tovrel::platform::Mutex;
@@ -753,4 +753,4 @@ int HttpServer::openConnections() const {
     return impl_->shared->open;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -9,7 +9,7 @@
 
 #include "metrics.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Logger;
 
@@ -102,4 +102,4 @@ class HttpServer {
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <stdexcept>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 ListenAddress parseListenAddress(const std::string& text) {
     const std::size_t colon = text.rfind(':');
@@ -34,4 +34,4 @@ ListenAddress parseListenAddress(const std::string& text) {
     return result;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

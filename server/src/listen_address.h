@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 struct ListenAddress {
     std::string host;
@@ -14,4 +14,4 @@ struct ListenAddress {
 /// host means 127.0.0.1). Throws std::invalid_argument with a sentence naming the fault.
 ListenAddress parseListenAddress(const std::string& text);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

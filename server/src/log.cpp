@@ -9,7 +9,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -125,4 +125,4 @@ Logger::Sink Logger::descriptorSink(int fd) {
     };
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// How much the server says, least to most severe; `off` says nothing.
 enum class LogLevel { debug, info, warn, error, off };
@@ -67,4 +67,4 @@ class Logger {
     bool accessLog_ = false;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

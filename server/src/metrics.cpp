@@ -6,7 +6,7 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -134,4 +134,4 @@ std::string Metrics::scrape(const MetricsSnapshot& snapshot) {
     return prometheus::TextSerializer().Serialize(registry_->Collect());
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -17,7 +17,7 @@ template <typename T>
 class Family;
 }  // namespace prometheus
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// What a request was, as the metrics and the access log name it.
 enum class Route : std::uint8_t {
@@ -102,4 +102,4 @@ class Metrics {
     std::atomic<std::uint64_t> limited_{0};
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

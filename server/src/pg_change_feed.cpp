@@ -10,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 PgChangeFeed::PgChangeFeed(std::string location, const StoreOptions& options, std::string origin,
                            ChangeListener& listener)
@@ -105,4 +105,4 @@ void PgChangeFeed::run() {
     }
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

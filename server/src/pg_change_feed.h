@@ -8,7 +8,7 @@
 #include "pg_connection.h"
 #include "store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// The channel the catalogue's triggers notify once per transaction; an operator's own
 /// `NOTIFY tovrel_catalog` after SQL works as well.
@@ -50,4 +50,4 @@ class PgChangeFeed final : public ChangeFeed {
     std::thread thread_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -205,4 +205,4 @@ PgPool::Lease::~Lease() {
     pool_.release(std::move(conn_));
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -16,7 +16,7 @@
 
 #include "store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// How long a lost connection waits before it is opened again: the first time, and at most after
 /// each failed attempt doubled it.
@@ -166,4 +166,4 @@ class PgPool {
     std::chrono::milliseconds backoff_{0};
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -3,7 +3,7 @@
 
 #include "pg_store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
@@ -287,4 +287,4 @@ void migratePg(PgConnection& conn) {
     conn.exec(std::string("SELECT pg_advisory_unlock(") + kMigrationLock + ")");
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -11,7 +11,7 @@
 #include "report.h"
 #include "session_keys.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using nlohmann::json;
 
@@ -798,4 +798,4 @@ json PgStore::campaignDefinitions() {
     return campaigns;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

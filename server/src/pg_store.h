@@ -8,7 +8,7 @@
 #include "pg_connection.h"
 #include "store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// The shared store of several replicas: a PostgreSQL database (with PostGIS for the places' points).
 /// Each operation takes a connection from a small pool; catalogue snapshots are read on a connection
@@ -90,4 +90,4 @@ int currentPgSchemaVersion();
 /// a migration fails (for example when PostGIS is not installed on the server).
 void migratePg(PgConnection& conn);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 RateLimiter::RateLimiter(double rate, double burst, std::size_t maxClients)
     : rate_(rate), burst_(std::max(burst, 1.0)), maxClients_(maxClients) {}
@@ -41,4 +41,4 @@ std::uint64_t RateLimiter::limited() const {
     return limited_;
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

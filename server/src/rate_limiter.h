@@ -7,7 +7,7 @@
 
 #include "tovrel/platform/thread_annotations.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using tovrel::platform::Lock;
 using tovrel::platform::Mutex;
@@ -41,4 +41,4 @@ class RateLimiter {
     std::uint64_t limited_ TOVREL_GUARDED_BY(mutex_) = 0;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

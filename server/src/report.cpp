@@ -8,7 +8,7 @@
 
 #include "database.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -279,4 +279,4 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::
     return table(rows, numericFrom);
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

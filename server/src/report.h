@@ -8,7 +8,7 @@
 
 #include "tovrel_server/admin.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 class Database;
 
@@ -36,4 +36,4 @@ Funnel readFunnel(const FunnelSource& source, bool byDay);
 /// {"campaigns": [...], "offers": [...]}; each row with its counts (links, ack, seen, saved, declined).
 nlohmann::json funnelJson(const Funnel& funnel);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

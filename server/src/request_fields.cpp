@@ -5,7 +5,7 @@
 
 #include "tovrel/platform/json_text.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 std::string errorJson(const std::string& message) {
     return nlohmann::json{{"error", message}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -105,4 +105,4 @@ int64_t requireId(const json& object, const char* name) {
                    std::string("the member \"") + name + "\" must be a whole number or a string of digits");
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// A request that is answered with an HTTP error status and {"error": message}.
 class ApiError : public std::runtime_error {
@@ -39,4 +39,4 @@ double requireNumber(const nlohmann::json& object, const char* name, double min,
 /// A non-negative whole identifier given as a JSON integer or a string of decimal digits ("17").
 int64_t requireId(const nlohmann::json& object, const char* name);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

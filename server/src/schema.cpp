@@ -4,7 +4,7 @@
 
 #include "database.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
@@ -125,4 +125,4 @@ void migrate(Database& db) {
     }
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -12,7 +12,7 @@
 #include "static_files.h"
 #include "work_queue.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 double wallClock() {
     using namespace std::chrono;
@@ -178,4 +178,4 @@ Report Server::report() {
     return impl_->service.report();
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

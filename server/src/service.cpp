@@ -11,7 +11,7 @@
 #include "request_fields.h"
 #include "session_keys.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using nlohmann::json;
 
@@ -639,4 +639,4 @@ Report Service::report() {
     return store_->report();
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -20,7 +20,7 @@
 #include "tovrel/platform/thread_annotations.h"
 #include "tovrel_server/server.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using tovrel::platform::Lock;
 using tovrel::platform::Mutex;
@@ -269,4 +269,4 @@ class Service : private ChangeListener {
     std::unique_ptr<ChangeFeed> changeFeed_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

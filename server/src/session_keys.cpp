@@ -7,7 +7,7 @@
 #include <array>
 #include <stdexcept>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace {
 
@@ -43,4 +43,4 @@ std::string sessionKeyHash(std::string_view key) {
     return hex(digest.data(), digest.size());
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

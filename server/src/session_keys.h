@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// What the database and the memory keep of a session key: its SHA-256 as 64 lowercase hex digits. A
 /// copy of the database (a backup, a stolen file) then holds no key a client could present. Pure; any
@@ -14,4 +14,4 @@ std::string sessionKeyHash(std::string_view key);
 /// and generated app keys. Throws std::runtime_error when the generator fails. Any thread.
 std::string randomKey();
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -7,7 +7,7 @@
 
 #include "geo.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 constexpr double kRad = std::numbers::pi / 180.0;
@@ -158,4 +158,4 @@ void SpatialIndex::within(double lat, double lon, double radius, std::vector<Hit
     });
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// An immutable grid of points for "everything within r metres of here" queries.
 ///
@@ -54,4 +54,4 @@ class SpatialIndex {
     std::vector<Point> points_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -6,7 +6,7 @@
 #include "admin_store.h"
 #include "report.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using tovrel::platform::Lock;
 
@@ -191,7 +191,7 @@ ImportSummary SqliteStore::writeCatalog(const CatalogData& data, double now) {
                              for (std::size_t i = 0; changes != nullptr && i < data.places.size(); ++i) {
                                  changes->emplace_back(Kind::place, data.places[i].id);
                              }
-                             return tovrel_server::writeCatalog(db_, data, now);
+                             return tovrel::server::writeCatalog(db_, data, now);
                          });
 }
 
@@ -204,12 +204,12 @@ ImportSummary SqliteStore::writePlaceCatalog(const PlaceCatalog& data, double no
                              for (std::size_t i = 0; changes != nullptr && i < data.placeCount(); ++i) {
                                  changes->emplace_back(Kind::place, data.place(i).id);
                              }
-                             return tovrel_server::writeCatalog(db_, data, now);
+                             return tovrel::server::writeCatalog(db_, data, now);
                          });
 }
 
 void SqliteStore::writeApp(const AppDef& app, double now) {
-    tovrel_server::writeApp(db_, app, now);
+    tovrel::server::writeApp(db_, app, now);
 }
 
 bool SqliteStore::concurrentCatalogReads() const {
@@ -226,11 +226,11 @@ CatalogData SqliteStore::readCatalog() {
     }
     CatalogData data;
     if (inMemory()) {
-        data = tovrel_server::readCatalog(db_);
+        data = tovrel::server::readCatalog(db_);
     } else {
         Database reader(path_, options_.busyTimeoutMs);
         Transaction snapshot(reader, Transaction::Kind::read);
-        data = tovrel_server::readCatalog(reader);
+        data = tovrel::server::readCatalog(reader);
     }
     data.version = version;
     return data;
@@ -372,4 +372,4 @@ nlohmann::json SqliteStore::campaignDefinitions() {
     return admin_store::campaignDefinitions(db_);
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

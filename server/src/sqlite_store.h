@@ -9,7 +9,7 @@
 #include "store.h"
 #include "tovrel/platform/thread_annotations.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// The embedded store: one SQLite file (WAL), or a private in-memory database. Catalogue rebuilds read
 /// a snapshot through a connection of their own, so they never wait for writers.
@@ -94,4 +94,4 @@ class SqliteStore final : public Store {
     std::uint64_t forgotten_ TOVREL_GUARDED_BY(changesMutex_) = 1;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

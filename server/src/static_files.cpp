@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 namespace fs = std::filesystem;
 
@@ -168,4 +168,4 @@ StaticTarget StaticFiles::resolve(std::string_view target) const {
     return StaticTarget{200, file, contentTypeFor(file), {}};
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

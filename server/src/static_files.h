@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// Where a GET for a path leads: a file to send, or an error status with its reason.
 struct StaticTarget {
@@ -34,4 +34,4 @@ std::optional<std::string> percentDecode(std::string_view text);
 /// The Content-Type for a file name's extension (UTF-8 for text kinds).
 std::string contentTypeFor(const std::filesystem::path& file);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -5,7 +5,7 @@
 #include "pg_store.h"
 #include "sqlite_store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 bool isPostgresLocation(const std::string& location) {
     return location.rfind("postgresql://", 0) == 0 || location.rfind("postgres://", 0) == 0;
@@ -37,4 +37,4 @@ std::unique_ptr<Store> openStore(const std::string& location, const StoreOptions
     return std::make_unique<SqliteStore>(location, options);
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -11,7 +11,7 @@
 #include "catalog_data.h"
 #include "tovrel_server/admin.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// The database cannot take the operation now (locked by another connection for longer than the busy
 /// timeout, or not reachable). Nothing was written: callers answer 503 with Retry-After.
@@ -193,4 +193,4 @@ std::unique_ptr<Store> openStore(const std::string& location, const StoreOptions
 /// `location` without a password, for messages and logs.
 std::string displayLocation(const std::string& location);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <exception>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 WorkQueue::WorkQueue(int threads, std::size_t capacity) : capacity_(capacity) {
     Lock lock(mutex_);
@@ -82,4 +82,4 @@ void WorkQueue::run() {
     }
 }
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -9,7 +9,7 @@
 
 #include "tovrel/platform/thread_annotations.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 using tovrel::platform::Lock;
 using tovrel::platform::Mutex;
@@ -50,4 +50,4 @@ class WorkQueue {
     std::vector<std::thread> threads_ TOVREL_GUARDED_BY(mutex_);
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

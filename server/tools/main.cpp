@@ -23,7 +23,7 @@
 
 namespace {
 
-using namespace tovrel_server;
+using namespace tovrel::server;
 
 struct ServeSettings {
     std::string listen = "127.0.0.1:8080";

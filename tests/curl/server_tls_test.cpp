@@ -14,10 +14,10 @@ using platform::HttpErrorKind;
 class ServerOverTls : public ClientFixture {
   protected:
     ServerOverTls() {
-        tovrel_server::ServerOptions options;
+        tovrel::server::ServerOptions options;
         options.tlsCertificateFile = certificate.certificateFile();
         options.tlsKeyFile = certificate.keyFile();
-        server = std::make_unique<tovrel_server::Server>(options);
+        server = std::make_unique<tovrel::server::Server>(options);
         server->addApp("tls-key", "TLS");
         base = "https://127.0.0.1:" + std::to_string(server->start());
     }
@@ -32,7 +32,7 @@ class ServerOverTls : public ClientFixture {
     static nlohmann::json logMessage() { return {{"deviceid", "PINNED"}, {"message", {{"tls_check", 1}}}}; }
 
     TestCertificate certificate;
-    std::unique_ptr<tovrel_server::Server> server;
+    std::unique_ptr<tovrel::server::Server> server;
     std::string base;
 };
 
@@ -66,10 +66,10 @@ TEST_F(ServerOverTls, PlainHttpIsNotServed) {
 TEST(ServerTlsFiles, AKeyThatIsNotTheCertificatesIsRefusedAtStart) {
     TestCertificate one;
     TestCertificate other;
-    tovrel_server::ServerOptions options;
+    tovrel::server::ServerOptions options;
     options.tlsCertificateFile = one.certificateFile();
     options.tlsKeyFile = other.keyFile();
-    tovrel_server::Server server(options);
+    tovrel::server::Server server(options);
     try {
         server.start();
         FAIL() << "started with a key that does not match the certificate";

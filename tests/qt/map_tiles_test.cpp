@@ -32,10 +32,10 @@ class MapTilesTest : public ::testing::Test {
         tile.fill(kTile);
         ASSERT_TRUE(tile.save(QString::fromStdString((directory_ / "media" / "tile.png").string())));
 
-        tovrel_server::ServerOptions options;
+        tovrel::server::ServerOptions options;
         options.contentDir = directory_.string();
         options.threads = 1;
-        server_ = std::make_unique<tovrel_server::Server>(options);
+        server_ = std::make_unique<tovrel::server::Server>(options);
         baseURL_ = "http://127.0.0.1:" + std::to_string(server_->start());
     }
     void TearDown() override {
@@ -61,7 +61,7 @@ class MapTilesTest : public ::testing::Test {
     QImage grab() const { return views_->window()->grab().toImage(); }
 
     std::filesystem::path directory_;
-    std::unique_ptr<tovrel_server::Server> server_;
+    std::unique_ptr<tovrel::server::Server> server_;
     std::string baseURL_;
     std::shared_ptr<qtbackend::QtMainLoop> loop_ = std::make_shared<qtbackend::QtMainLoop>();
     std::shared_ptr<qtbackend::QtViewSystem> views_;

@@ -15,11 +15,11 @@ void ScreenFixture::SetUp() {
     ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
     directory = pattern;
 
-    tovrel_server::ServerOptions serverOptions;
+    tovrel::server::ServerOptions serverOptions;
     serverOptions.dbPath = ":memory:";
     serverOptions.contentDir = TOVREL_QT_TEST_CONTENT_DIR;
     serverOptions.threads = 1;
-    server = std::make_unique<tovrel_server::Server>(serverOptions);
+    server = std::make_unique<tovrel::server::Server>(serverOptions);
     server->importGeoJson(std::string(TOVREL_EXAMPLES_DIR) + "/places/munich.geojson");
     server->addApp(kSdkKey, "Qt screen tests");
     baseURL = "http://127.0.0.1:" + std::to_string(server->start());

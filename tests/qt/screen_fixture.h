@@ -31,7 +31,7 @@ class ScreenFixture : public ::testing::Test {
     [[nodiscard]] qtbackend::QtViewSystem& views() const { return *backend->views; }
 
     std::filesystem::path directory;
-    std::unique_ptr<tovrel_server::Server> server;
+    std::unique_ptr<tovrel::server::Server> server;
     std::string baseURL;
     std::unique_ptr<qtbackend::QtPlatform> backend;
     std::unique_ptr<Environment> env;

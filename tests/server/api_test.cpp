@@ -7,7 +7,7 @@
 #include "session_keys.h"
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 // (eventId, placeId) of every record in a places answer, in order.
@@ -539,4 +539,4 @@ TOVREL_ON_BOTH_STORES(TagEndpoints);
 TOVREL_ON_BOTH_STORES(LogEndpoint);
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -8,7 +8,7 @@
 #include <random>
 #include <set>
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 // What the store holds, disabled rows included; enabled() is what reading it gives.
@@ -272,4 +272,4 @@ TEST(Catalog, AnEmptyChangeSetSharesEverythingAndAnEmptyCatalogueFindsNothing) {
 }
 
 }  // namespace
-}  // namespace tovrel_server
+}  // namespace tovrel::server

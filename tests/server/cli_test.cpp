@@ -14,7 +14,7 @@
 #include "test_support.h"
 #include "tovrel/version.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 struct CommandResult {
@@ -284,4 +284,4 @@ TEST_F(CommandLine, BadListenAddressesAreExplained) {
 }
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -25,7 +25,7 @@
 #include "test_postgres.h"
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -387,4 +387,4 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
 }
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -10,7 +10,7 @@
 
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 const std::vector<std::string> kSessionEndpoints = {"/v2/place",
@@ -337,4 +337,4 @@ TEST(RateLimits, AClientOverItsBudgetIsToldToSlowDownAndOthersAreNot) {
     EXPECT_EQ(other.readAll(2000).rfind("HTTP/1.1 200", 0), 0u);
 }
 
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -11,7 +11,7 @@
 #include "test_support.h"
 #include "tovrel_server/admin.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 using test::json;
@@ -585,4 +585,4 @@ TEST(ReportTable, ColumnsAlignByWhatATerminalShows) {
 }
 
 }  // namespace
-}  // namespace tovrel_server
+}  // namespace tovrel::server

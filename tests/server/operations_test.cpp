@@ -9,7 +9,7 @@
 #include "support/wait_until.h"
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 using tovrel::test::waitUntil;
@@ -434,4 +434,4 @@ TEST(Compression, AnswersAreGzippedForClientsThatAskAndReadTheSame) {
 }
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

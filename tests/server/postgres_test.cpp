@@ -13,7 +13,7 @@
 #include "test_postgres.h"
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 using tovrel::test::waitUntil;
@@ -348,4 +348,4 @@ TEST_F(Postgres, PlacesCanBeAskedForBySpatialSql) {
 }
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

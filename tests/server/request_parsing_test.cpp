@@ -6,7 +6,7 @@
 #include "request_fields.h"
 #include "static_files.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 using nlohmann::json;
@@ -137,4 +137,4 @@ TEST(RateLimiter, MemoryIsBoundedByForgettingIdleAddresses) {
 }
 
 }  // namespace
-}  // namespace tovrel_server
+}  // namespace tovrel::server

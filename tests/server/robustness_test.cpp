@@ -5,7 +5,7 @@
 
 #include "test_support.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 namespace {
 
 constexpr int kBodiesPerEndpoint = 150;
@@ -228,4 +228,4 @@ TEST(Robustness, RandomBodiesNeitherCrashNorLoseData) {
 }
 
 }  // namespace
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -10,7 +10,7 @@
 
 #include "geo.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 constexpr double kRad = std::numbers::pi / 180;
@@ -163,4 +163,4 @@ TEST(SpatialIndex, EdgeRadiiAndEmptyIndexes) {
 }
 
 }  // namespace
-}  // namespace tovrel_server
+}  // namespace tovrel::server

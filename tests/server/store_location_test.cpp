@@ -3,7 +3,7 @@
 
 #include "store.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 namespace {
 
 TEST(StoreLocation, PostgresAddressesAreToldFromFiles) {
@@ -26,4 +26,4 @@ TEST(StoreLocation, PasswordsAreNeverShown) {
 }
 
 }  // namespace
-}  // namespace tovrel_server
+}  // namespace tovrel::server

@@ -22,7 +22,7 @@
 #include "store.h"
 #include "support/loopback_port.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 
 namespace fs = std::filesystem;
 
@@ -248,4 +248,4 @@ TestPostgres::~TestPostgres() {
     stop();
 }
 
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 
 /// A PostgreSQL server of the test program's own: a cluster made by initdb in a temporary folder (as
 /// the unprivileged user "nobody" when the tests run as root), listening on a free port of 127.0.0.1,
@@ -36,4 +36,4 @@ class TestPostgres {
     int databases_ = 0;
 };
 
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

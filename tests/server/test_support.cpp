@@ -11,7 +11,7 @@
 
 #include "test_postgres.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 
 namespace fs = std::filesystem;
 
@@ -324,4 +324,4 @@ std::vector<std::string> queryRows(const std::string& dbPath, const std::string&
     return rows;
 }
 
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

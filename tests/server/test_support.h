@@ -15,7 +15,7 @@
 #include "support/temp_dir.h"
 #include "tovrel_server/server.h"
 
-namespace tovrel_server::test {
+namespace tovrel::server::test {
 
 using nlohmann::json;
 
@@ -146,13 +146,13 @@ std::string storeName(const ::testing::TestParamInfo<StoreKind>& info);
 void PrintTo(StoreKind kind, std::ostream* out);
 
 /// Runs the StoreTest suite `suite` against both stores.
-#define TOVREL_ON_BOTH_STORES(suite)                                                          \
-    INSTANTIATE_TEST_SUITE_P(Stores, suite,                                                   \
-                             ::testing::Values(::tovrel_server::test::StoreKind::sqlite,      \
-                                               ::tovrel_server::test::StoreKind::postgresql), \
-                             ::tovrel_server::test::storeName)
+#define TOVREL_ON_BOTH_STORES(suite)                                                           \
+    INSTANTIATE_TEST_SUITE_P(Stores, suite,                                                    \
+                             ::testing::Values(::tovrel::server::test::StoreKind::sqlite,      \
+                                               ::tovrel::server::test::StoreKind::postgresql), \
+                             ::tovrel::server::test::storeName)
 
 /// The repository's examples folder.
 std::filesystem::path examplesDir();
 
-}  // namespace tovrel_server::test
+}  // namespace tovrel::server::test

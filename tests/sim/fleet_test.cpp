@@ -73,10 +73,10 @@ TEST(Fleet, ASeedGivesTheSameTotalsOnAnyNumberOfThreads) {
 }
 
 TEST(Fleet, ARealServerOverLoopbackGivesWhatTheServiceInProcessGives) {
-    tovrel_server::ServerOptions serverOptions;
+    tovrel::server::ServerOptions serverOptions;
     serverOptions.contentDir = kContent;
     serverOptions.clock = [] { return 1780304400.0; };
-    tovrel_server::Server server(serverOptions);
+    tovrel::server::Server server(serverOptions);
     server.importGeoJson(kPlaces);
     const std::uint16_t port = server.start();
 

@@ -174,13 +174,13 @@ int main(int argc, char** argv) {
     int status = 0;
     try {
 #ifdef TOVREL_DEMO_EMBEDDED_SERVER
-        std::unique_ptr<tovrel_server::Server> server;
+        std::unique_ptr<tovrel::server::Server> server;
         if (serviceURL.empty()) {
-            tovrel_server::ServerOptions serverOptions;
+            tovrel::server::ServerOptions serverOptions;
             serverOptions.dbPath = ":memory:";
             serverOptions.contentDir = content;
             serverOptions.threads = 2;
-            server = std::make_unique<tovrel_server::Server>(serverOptions);
+            server = std::make_unique<tovrel::server::Server>(serverOptions);
             server->importGeoJson(places);
             server->addApp(sdkKey, "tovrel-demo");
             serviceURL = "http://127.0.0.1:" + std::to_string(server->start());

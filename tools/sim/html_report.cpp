@@ -59,7 +59,7 @@ std::map<std::string, std::string> placeNames(const std::filesystem::path& file)
     std::ostringstream content;
     content << in.rdbuf();
     try {
-        for (const auto& place : tovrel_server::parseGeoJson(content.str(), file.string()).places) {
+        for (const auto& place : tovrel::server::parseGeoJson(content.str(), file.string()).places) {
             names[std::to_string(place.id)] = place.name;
         }
     } catch (const std::exception&) {

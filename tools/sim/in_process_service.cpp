@@ -35,10 +35,10 @@ std::string contentTypeOf(const std::filesystem::path& file) {
 InProcessService::InProcessService(const std::filesystem::path& placesFile, std::filesystem::path contentDir,
                                    double startTime)
     : contentDir_(std::move(contentDir)) {
-    tovrel_server::ServerOptions options;
+    tovrel::server::ServerOptions options;
     options.dbPath = ":memory:";
     options.clock = [startTime] { return tDeviceClock != nullptr ? tDeviceClock->now() : startTime; };
-    server_ = std::make_unique<tovrel_server::Server>(options);
+    server_ = std::make_unique<tovrel::server::Server>(options);
     server_->importGeoJson(placesFile.string());
 }
 
@@ -48,7 +48,7 @@ virtualbackend::Reply InProcessService::answer(const virtualbackend::RecordedReq
     if (request.method != "POST") {
         return page(request.path);
     }
-    tovrel_server::Reply reply = server_->handle(request.path, request.rawBody, kBaseURL);
+    tovrel::server::Reply reply = server_->handle(request.path, request.rawBody, kBaseURL);
     return {static_cast<int>(reply.status), std::move(reply.body), "application/json", {}};
 }
 

@@ -6,7 +6,7 @@
 #include "tovrel/platform/clock.h"
 #include "tovrel/virtual/recording_http_client.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 class Server;
 }
 
@@ -48,7 +48,7 @@ class InProcessService {
   private:
     virtualbackend::Reply page(const std::string& path) const;
 
-    std::unique_ptr<tovrel_server::Server> server_;
+    std::unique_ptr<tovrel::server::Server> server_;
     std::filesystem::path contentDir_;
 };
 

@@ -297,7 +297,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     vp.device->setModel("iPhone");
     vp.application->setBundleIdentifier("com.example.tovrel.sim");
 
-    std::unique_ptr<tovrel_server::Server> server;
+    std::unique_ptr<tovrel::server::Server> server;
     std::optional<InProcessService::DeviceClock> deviceClock;
     std::string baseURL;
     if (options.inProcess != nullptr) {
@@ -312,13 +312,13 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
             baseURL.pop_back();
         }
     } else {
-        tovrel_server::ServerOptions serverOptions;
+        tovrel::server::ServerOptions serverOptions;
         serverOptions.dbPath = ":memory:";
         serverOptions.contentDir = options.contentDir.string();
         serverOptions.threads = 1;
         serverOptions.clock = [scheduler = vp.scheduler] { return scheduler->now(); };
         try {
-            server = std::make_unique<tovrel_server::Server>(serverOptions);
+            server = std::make_unique<tovrel::server::Server>(serverOptions);
             server->importGeoJson(options.placesFile.string());
         } catch (const std::exception& error) {
             throw SimInputError(error.what());

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// A place file that cannot be imported; what() names the file and the line or feature at fault,
 /// for example "places.geojson: feature 3: missing properties.offers".
@@ -95,4 +95,4 @@ Funnel readFunnel(const std::string& dbPath, bool byDay = false);
 /// Any thread.
 std::string formatReport(const Funnel& funnel, const std::map<std::string, int64_t>& logCounts);
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server

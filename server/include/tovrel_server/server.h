@@ -9,7 +9,7 @@
 
 #include "tovrel_server/admin.h"
 
-namespace tovrel_server {
+namespace tovrel::server {
 
 /// Seconds since 1970 (fractions allowed). The server reads the time only through this.
 using Clock = std::function<double()>;
@@ -142,4 +142,4 @@ class Server {
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace tovrel_server
+}  // namespace tovrel::server
