@@ -192,28 +192,37 @@ class TOVREL_EXPORT MapCamera {
     static constexpr double kMinimumScale = 0.5;
     static constexpr double kMaximumScale = kMapWorldSize / 256.0;
 
+    /// Any thread (as every member of this plain value). The size of the view that shows the map.
     void setViewSize(const Size& size) { viewSize_ = size; }
+    /// Any thread.
     [[nodiscard]] const Size& viewSize() const { return viewSize_; }
+    /// Any thread. The map point at the view's centre.
     [[nodiscard]] const MapPoint& center() const { return center_; }
+    /// Any thread. Map points per screen point.
     [[nodiscard]] double scale() const { return scale_; }
+    /// Any thread.
     void setCenter(const MapPoint& center) { center_ = center; }
-    /// Kept within the minimum and maximum scale.
+    /// Any thread. Kept within the minimum and maximum scale.
     void setScale(double scale);
 
-    /// Shows `rect` whole inside the view less `padding`, centred in that area.
+    /// Any thread. Shows `rect` whole inside the view less `padding`, centred in that area.
     void showMapRect(const MapRect& rect, const EdgeInsets& padding);
-    /// Shows at least `region`'s span around its centre.
+    /// Any thread. Shows at least `region`'s span around its centre.
     void showRegion(const CoordinateRegion& region);
+    /// Any thread. The area shown, in map points.
     [[nodiscard]] MapRect visibleMapRect() const;
+    /// Any thread. The area shown, in degrees.
     [[nodiscard]] CoordinateRegion region() const;
 
-    /// The view point (points from the view's top-left corner) of a map point, and back.
+    /// Any thread. The view point (points from the view's top-left corner) of a map point.
     [[nodiscard]] Point pointForMapPoint(const MapPoint& point) const;
+    /// Any thread. The map point under a view point.
     [[nodiscard]] MapPoint mapPointForPoint(const Point& point) const;
+    /// Any thread. The view point of a coordinate.
     [[nodiscard]] Point pointForCoordinate(const Coordinate& coordinate) const;
-    /// A distance on the ground at `latitude`, in view points.
+    /// Any thread. A distance on the ground at `latitude`, in view points.
     [[nodiscard]] double pointsForMetres(double metres, double latitude) const;
-    /// The raster tile zoom level whose 256-pixel tiles best match the scale.
+    /// Any thread. The raster tile zoom level whose 256-pixel tiles best match the scale.
     [[nodiscard]] int tileZoom() const;
 
   private:
