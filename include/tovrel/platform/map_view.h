@@ -1,9 +1,7 @@
 #pragma once
 
 #include <cmath>
-#include <deque>
 #include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -347,7 +345,7 @@ class TOVREL_EXPORT MapView : public View {
     std::weak_ptr<MapViewDelegate> delegate_;
     std::vector<Pinned> pinned_;
     std::vector<Drawn> drawn_;
-    std::map<std::string, std::deque<std::shared_ptr<AnnotationView>>> reusable_;
+    ReusePool<AnnotationView> reusable_;
     std::shared_ptr<UserLocation> userLocation_;
     bool showsUserLocation_ = false;
     std::vector<std::shared_ptr<Annotation>> selected_;

@@ -14,6 +14,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/location.h"
+#include "tovrel/platform/reuse_pool.h"
 
 namespace tovrel::platform {
 
@@ -706,7 +707,7 @@ class TOVREL_EXPORT TableView : public View {
     std::weak_ptr<TableViewDataSource> dataSource_;
     std::weak_ptr<TableViewDelegate> delegate_;
     std::vector<std::shared_ptr<TableViewCell>> visible_;
-    std::map<std::string, std::deque<std::shared_ptr<TableViewCell>>> reusable_;
+    ReusePool<TableViewCell> reusable_;
     std::optional<IndexPath> selected_;
     std::shared_ptr<View> footer_;
     std::optional<double> sectionFooterHeight_;

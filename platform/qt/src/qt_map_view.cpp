@@ -39,6 +39,14 @@ QImage defaultPin() {
     return pin;
 }
 
+/// Takes a pin view's widget back from the map and forgets the map's tap handler.
+void releasePin(platform::AnnotationView* view) {
+    if (auto* pin = dynamic_cast<QtAnnotationView*>(view)) {
+        pin->onTap = nullptr;
+        pin->lendWidgetTo(nullptr, {});
+    }
+}
+
 QPointF toQPointF(const platform::Point& point) {
     return {point.x, point.y};
 }
@@ -150,10 +158,7 @@ QtMapView::QtMapView(std::shared_ptr<QtViewContext> context, const platform::Rec
 QtMapView::~QtMapView() {
     closeCallout();
     for (const auto& weak : shownPins_) {
-        if (auto* pin = dynamic_cast<QtAnnotationView*>(weak.lock().get())) {
-            pin->onTap = nullptr;
-            pin->lendWidgetTo(nullptr, {});
-        }
+        releasePin(weak.lock().get());
     }
     if (widget() != nullptr) {
         static_cast<Widget*>(widget())->setOwner(nullptr);
@@ -188,10 +193,7 @@ void QtMapView::syncPins() {
     for (const auto& weak : shownPins_) {
         const auto view = weak.lock();
         if (view && std::find(views.begin(), views.end(), view) == views.end()) {
-            if (auto* pin = dynamic_cast<QtAnnotationView*>(view.get())) {
-                pin->onTap = nullptr;
-                pin->lendWidgetTo(nullptr, {});
-            }
+            releasePin(view.get());
         }
     }
     shownPins_.clear();

@@ -5,6 +5,20 @@
 #include "tovrel/platform/view_renderer.h"
 
 namespace tovrel::platform {
+namespace {
+
+/// The Buttons among `view`'s callout accessories: the controls whose taps reach the map's delegate.
+std::vector<std::shared_ptr<Button>> calloutControls(const AnnotationView& view) {
+    std::vector<std::shared_ptr<Button>> controls;
+    for (const auto& accessory : {view.leftCalloutAccessoryView(), view.rightCalloutAccessoryView()}) {
+        if (auto button = std::dynamic_pointer_cast<Button>(accessory)) {
+            controls.push_back(std::move(button));
+        }
+    }
+    return controls;
+}
+
+}  // namespace
 
 MapView::MapView(std::shared_ptr<ViewRenderer> renderer, const Rect& frame)
     : View(std::move(renderer), frame), userLocation_(std::make_shared<UserLocation>()) {
@@ -14,10 +28,8 @@ MapView::MapView(std::shared_ptr<ViewRenderer> renderer, const Rect& frame)
 
 MapView::~MapView() {
     if (const auto view = callout_ ? viewForAnnotation(callout_) : nullptr) {
-        for (const auto& accessory : {view->leftCalloutAccessoryView(), view->rightCalloutAccessoryView()}) {
-            if (const auto button = std::dynamic_pointer_cast<Button>(accessory)) {
-                button->setControlHook(nullptr);
-            }
+        for (const auto& button : calloutControls(*view)) {
+            button->setControlHook(nullptr);
         }
     }
 }
@@ -90,7 +102,7 @@ void MapView::removeAnnotations(const std::vector<std::shared_ptr<Annotation>>& 
             closeCallout();
         }
         if (it->view && !it->view->reuseIdentifier().empty()) {
-            reusable_[it->view->reuseIdentifier()].push_back(it->view);
+            reusable_.put(it->view->reuseIdentifier(), it->view);
         }
         pinned_.erase(it);
         selected_.erase(std::remove(selected_.begin(), selected_.end(), annotation), selected_.end());
@@ -134,13 +146,7 @@ void MapView::removeOverlays(const std::vector<std::shared_ptr<Overlay>>& overla
 
 std::shared_ptr<AnnotationView> MapView::dequeueReusableAnnotationViewWithIdentifier(
     const std::string& identifier) {
-    const auto it = reusable_.find(identifier);
-    if (it == reusable_.end() || it->second.empty()) {
-        return nullptr;
-    }
-    auto view = std::move(it->second.front());
-    it->second.pop_front();
-    return view;
+    return reusable_.take(identifier);
 }
 
 void MapView::deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated) {
@@ -175,20 +181,17 @@ void MapView::openCallout(const std::shared_ptr<Annotation>& annotation) {
         return;
     }
     callout_ = annotation;
-    for (const auto& accessory : {view->leftCalloutAccessoryView(), view->rightCalloutAccessoryView()}) {
-        if (const auto button = std::dynamic_pointer_cast<Button>(accessory)) {
-            button->setControlHook([weakMap = weak_from_this(),
-                                    weakView = std::weak_ptr<AnnotationView>(view),
-                                    weakControl = std::weak_ptr<Button>(button)] {
-                const auto map = std::static_pointer_cast<MapView>(weakMap.lock());
-                const auto pinView = weakView.lock();
-                const auto control = weakControl.lock();
-                const auto delegate = map ? map->delegate_.lock() : nullptr;
-                if (pinView && control && delegate) {
-                    delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*map, *pinView, *control);
-                }
-            });
-        }
+    for (const auto& button : calloutControls(*view)) {
+        button->setControlHook([weakMap = weak_from_this(), weakView = std::weak_ptr<AnnotationView>(view),
+                                weakControl = std::weak_ptr<Button>(button)] {
+            const auto map = std::static_pointer_cast<MapView>(weakMap.lock());
+            const auto pinView = weakView.lock();
+            const auto control = weakControl.lock();
+            const auto delegate = map ? map->delegate_.lock() : nullptr;
+            if (pinView && control && delegate) {
+                delegate->mapViewAnnotationViewCalloutAccessoryControlTapped(*map, *pinView, *control);
+            }
+        });
     }
     tell(MapChange::Kind::kCallout, false, annotation);
 }
@@ -198,10 +201,8 @@ void MapView::closeCallout() {
         return;
     }
     if (const auto view = viewForAnnotation(callout_)) {
-        for (const auto& accessory : {view->leftCalloutAccessoryView(), view->rightCalloutAccessoryView()}) {
-            if (const auto button = std::dynamic_pointer_cast<Button>(accessory)) {
-                button->setControlHook(nullptr);
-            }
+        for (const auto& button : calloutControls(*view)) {
+            button->setControlHook(nullptr);
         }
     }
     const auto closed = std::move(callout_);

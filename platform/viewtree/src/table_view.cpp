@@ -16,7 +16,7 @@ void TableView::reloadData() {
     const auto shown = std::move(visible_);
     visible_.clear();
     for (const auto& cell : shown) {
-        reusable_[cell->reuseIdentifier()].push_back(cell);
+        reusable_.put(cell->reuseIdentifier(), cell);
         cell->removeFromSuperview();
     }
     selected_.reset();
@@ -75,13 +75,7 @@ void TableView::layoutRows() {
 }
 
 std::shared_ptr<TableViewCell> TableView::dequeueReusableCellWithIdentifier(const std::string& identifier) {
-    const auto it = reusable_.find(identifier);
-    if (it == reusable_.end() || it->second.empty()) {
-        return nullptr;
-    }
-    auto cell = std::move(it->second.front());
-    it->second.pop_front();
-    return cell;
+    return reusable_.take(identifier);
 }
 
 std::shared_ptr<TableViewCell> TableView::cellForRowAtIndexPath(const IndexPath& indexPath) const {

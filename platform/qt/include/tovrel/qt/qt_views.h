@@ -17,7 +17,6 @@
 #include "tovrel/platform/thread_check.h"
 #include "tovrel/platform/view_renderer.h"
 #include "tovrel/platform/views.h"
-#include "tovrel/viewtree/reuse_pool.h"
 
 class QVariantAnimation;
 

@@ -5,13 +5,14 @@
 #include <memory>
 #include <string>
 
-namespace tovrel::viewtree {
+namespace tovrel::platform {
 
 /// Views set aside for reuse (table cells, map pins), by reuse identifier, handed out oldest first.
 /// Main thread only.
 template <class View>
 class ReusePool {
   public:
+    /// Main thread. Sets `view` aside under `identifier`.
     void put(const std::string& identifier, std::shared_ptr<View> view) {
         queues_[identifier].push_back(std::move(view));
     }
@@ -30,4 +31,4 @@ class ReusePool {
     std::map<std::string, std::deque<std::shared_ptr<View>>> queues_;
 };
 
-}  // namespace tovrel::viewtree
+}  // namespace tovrel::platform
