@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const nlohmann::json body = tovrel::server::parseObjectBody(text);
         for (const char* name : {"sessionKey", "statusCode", "tag", "deviceid"}) {
             try {
-                (void)tovrel::server::requireString(body, name);
+                (void)tovrel::server::requireString(body, name, 128);
             } catch (const tovrel::server::ApiError&) {
             }
         }
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             (void)tovrel::server::requireNumber(body, "distanceThreshold", 0, 50000);
         } catch (const tovrel::server::ApiError&) {
         }
-        (void)tovrel::server::optionalString(body, "groupTag", "");
+        (void)tovrel::server::optionalString(body, "groupTag", 128, "");
     } catch (const tovrel::server::ApiError&) {
     }
     return 0;

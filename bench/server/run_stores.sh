@@ -87,7 +87,7 @@ start_server() { # NAME DB: starts a server, waits until it is ready and sets st
     done
     started_in=$(seconds_since "$t0")
 }
-printf 'bench-admin-token-0123456789' >"$tmp/token"
+(umask 077 && printf 'bench-admin-token-0123456789' >"$tmp/token")
 
 declare -A import_s start_s
 for store in sqlite postgresql; do

@@ -1,14 +1,19 @@
 #include "admin_handler.h"
 
 #include <openssl/crypto.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <cstdio>
 #include <fstream>
 #include <stdexcept>
 #include <vector>
 
 #include "admin_store.h"
 #include "catalog_data.h"
+#include "field_limits.h"
 #include "report.h"
 #include "request_fields.h"
 #include "service.h"
@@ -93,12 +98,18 @@ int64_t idOf(const std::string& text, const char* what) {
 }
 
 bool tokenMatches(std::string_view authorization, const std::string& token) {
-    constexpr std::string_view kBearer = "Bearer ";
-    if (authorization.size() != kBearer.size() + token.size() ||
-        authorization.substr(0, kBearer.size()) != kBearer) {
+    // The scheme is case-insensitive; the credentials follow one or more spaces.
+    constexpr std::string_view kBearer = "bearer";
+    const auto lower = [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
+    if (authorization.size() <= kBearer.size() || authorization[kBearer.size()] != ' ' ||
+        !std::equal(kBearer.begin(), kBearer.end(), authorization.begin(),
+                    [&](char a, char b) { return a == lower(b); })) {
         return false;
     }
-    return CRYPTO_memcmp(authorization.data() + kBearer.size(), token.data(), token.size()) == 0;
+    authorization.remove_prefix(kBearer.size());
+    authorization.remove_prefix(std::min(authorization.find_first_not_of(' '), authorization.size()));
+    return authorization.size() == token.size() &&
+           CRYPTO_memcmp(authorization.data(), token.data(), token.size()) == 0;
 }
 
 // A place file made of the posted parts, so that what the admin API accepts is read by the same rules
@@ -111,7 +122,14 @@ json placeFile(json features, json campaigns) {
 
 }  // namespace
 
-std::string readAdminToken(const std::string& path) {
+std::string readAdminToken(const std::string& path, bool othersMayRead) {
+    struct stat info {};
+    if (!othersMayRead && ::stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        throw std::runtime_error("the admin token file " + path + " can be read by other users (mode " +
+                                 mode + "): chmod o-rw it, or start with --admin-token-insecure-permissions");
+    }
     std::ifstream in(path);
     std::string token;
     if (!in || !std::getline(in, token)) {
@@ -133,6 +151,40 @@ AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, 
       work_(work),
       token_(std::move(token)),
       snapshot_(std::move(snapshot)) {}
+
+std::optional<HttpReply> AdminHandler::refuseUnauthorised(const HttpRequest& request) const {
+    if (token_.empty()) {
+        return errorReply(403, "the admin API is off: start tovrel-server with --admin-token-file");
+    }
+    if (!tokenMatches(request.authorization, token_)) {
+        HttpReply reply = errorReply(401,
+                                     "the admin API needs \"Authorization: Bearer <token>\" with the token "
+                                     "of --admin-token-file");
+        reply.authenticate = "Bearer";
+        return reply;
+    }
+    return std::nullopt;
+}
+
+Admission AdminHandler::admit(const HttpRequest& header) {
+    Admission admission;
+    if (header.path.substr(0, kPrefix.size()) != kPrefix) {
+        admission.bodyLimit = kMaxProbeBody;
+        return admission;
+    }
+    if (auto refusal = refuseUnauthorised(header)) {
+        admission.refusal = std::move(refusal);
+        return admission;
+    }
+    if (inFlight_.fetch_add(1) >= kMaxAdminRequests) {
+        inFlight_.fetch_sub(1);
+        admission.refusal = errorReply(503, "too many admin requests at once; try again shortly");
+        admission.refusal->retryAfter = "1";
+        return admission;
+    }
+    admission.slot = std::shared_ptr<void>(nullptr, [this](void*) { inFlight_.fetch_sub(1); });
+    return admission;
+}
 
 void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
@@ -176,15 +228,8 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     if (path.substr(0, kPrefix.size()) != kPrefix) {
         return respond(errorReply(404, "there is no admin endpoint " + std::string(path)));
     }
-    if (token_.empty()) {
-        return respond(errorReply(403, "the admin API is off: start tovrel-server with --admin-token-file"));
-    }
-    if (!tokenMatches(request.authorization, token_)) {
-        HttpReply reply = errorReply(401,
-                                     "the admin API needs \"Authorization: Bearer <token>\" with the token "
-                                     "of --admin-token-file");
-        reply.authenticate = "Bearer";
-        return respond(std::move(reply));
+    if (auto refusal = refuseUnauthorised(request)) {
+        return respond(std::move(*refusal));
     }
     const bool posted =
         work_.post([this, respond, method = std::string(request.method), target = std::string(request.target),
@@ -236,8 +281,8 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
             }
             if (parts.size() == 1 && post) {
                 const json req = parseObjectBody(body);
-                const std::string name = requireString(req, "name");
-                const std::string key = optionalString(req, "key", "");
+                const std::string name = requireString(req, "name", limits::kAppName);
+                const std::string key = optionalString(req, "key", limits::kSdkKey, "");
                 bool added = false;
                 const std::string stored = service_.change(
                     [&](Store& store) { return store.addApp(key, name, now, &added); }, false);
@@ -369,9 +414,14 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         HttpReply reply = errorReply(503, "the database is busy; try again shortly");
         reply.retryAfter = "1";
         return reply;
+    } catch (const std::runtime_error& e) {
+        service_.reportFailure(target, e.what());
+        HttpReply reply = errorReply(503, "the database could not take this request; try again later");
+        reply.retryAfter = "1";
+        return reply;
     } catch (const std::exception& e) {
-        metrics_.databaseError();
-        return errorReply(500, std::string("the server failed: ") + e.what());
+        service_.reportFailure(target, e.what());
+        return errorReply(500, "the server failed; its log says why");
     }
 }
 

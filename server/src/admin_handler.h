@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <string>
@@ -24,10 +25,21 @@ class AdminHandler : public RequestHandler {
     AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
                  std::function<MetricsSnapshot()> snapshot);
 
+    /// Admin API requests without the token are refused here, before their body is read, and at most
+    /// kMaxAdminRequests are read or worked on at once; probes may carry kMaxProbeBody. Any connection
+    /// thread.
+    Admission admit(const HttpRequest& header) override;
     /// Any connection thread.
     void handle(const HttpRequest& request, Respond respond) override;
 
+    /// Admin API requests being read or worked on at once, at most.
+    static constexpr int kMaxAdminRequests = 8;
+    /// The largest body a probe or a metrics scrape may carry.
+    static constexpr std::size_t kMaxProbeBody = 4 * 1024;
+
   private:
+    /// The 403 of an admin API without a token, the 401 of a request without the right one.
+    std::optional<HttpReply> refuseUnauthorised(const HttpRequest& request) const;
     HttpReply administer(const std::string& method, const std::string& target, const std::string& body);
 
     Service& service_;
@@ -35,10 +47,12 @@ class AdminHandler : public RequestHandler {
     WorkQueue& work_;
     std::string token_;
     std::function<MetricsSnapshot()> snapshot_;
+    std::atomic<int> inFlight_{0};
 };
 
 /// Reads an admin token file: its first line without surrounding blanks. Throws std::runtime_error
-/// when the file cannot be read or the token is shorter than 16 characters.
-std::string readAdminToken(const std::string& path);
+/// when the file cannot be read, the token is shorter than 16 characters, or other users may read or
+/// write the file (unless `othersMayRead`).
+std::string readAdminToken(const std::string& path, bool othersMayRead = false);
 
 }  // namespace tovrel::server

@@ -73,6 +73,14 @@ std::string ApiHandler::mediaBase(std::string_view host, bool tls) const {
     return base;
 }
 
+Admission ApiHandler::admit(const HttpRequest& header) {
+    Admission admission;
+    if (header.path == "/v1/log") {
+        admission.bodyLimit = Service::kMaxLogBody;
+    }
+    return admission;
+}
+
 void ApiHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
     if (Service::isEndpoint(path)) {
@@ -92,8 +100,9 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
             return respond(replyOf(std::move(*reply), route));
         }
         auto job = [&service = service_, path = std::string(path), req = std::move(req),
-                    base = std::move(base), respond,
-                    route]() { respond(replyOf(service.handleParsed(path, req, base), route)); };
+                    base = std::move(base), respond, route, queuedAt = Service::steadySeconds()]() {
+            respond(replyOf(service.handleParsed(path, req, base, queuedAt), route));
+        };
         if (!database_.post(std::move(job))) {
             HttpReply reply = error(503, "the server is busy; try again shortly", route);
             reply.retryAfter = "1";

@@ -22,6 +22,9 @@ class ApiHandler : public RequestHandler {
     /// Sets the fallback base once the listener's port is known. Before serving.
     void setFallbackBase(std::string base) { fallbackBase_ = std::move(base); }
 
+    /// A /v1/log body may carry Service::kMaxLogBody, the other endpoints' kMaxRequestBody. Any
+    /// connection thread.
+    Admission admit(const HttpRequest& header) override;
     /// Any connection thread.
     void handle(const HttpRequest& request, Respond respond) override;
 

@@ -59,7 +59,43 @@ std::string_view view(beast::string_view text) {
     return {text.data(), text.size()};
 }
 
+std::string kibibytes(std::size_t bytes) {
+    return bytes % (1024 * 1024) == 0 ? std::to_string(bytes / (1024 * 1024)) + " MiB"
+                                      : std::to_string(bytes / 1024) + " KiB";
+}
+
+// The network an address belongs to, for per-network caps: its /24 (IPv4) or /64 (IPv6).
+std::string prefixOf(const std::string& address) {
+    beast::error_code ec;
+    const auto parsed = net::ip::make_address(address, ec);
+    if (ec) {
+        return address;
+    }
+    if (parsed.is_v4() || parsed.to_v6().is_v4_mapped()) {
+        auto bytes =
+            (parsed.is_v4() ? parsed.to_v4() : net::ip::make_address_v4(net::ip::v4_mapped, parsed.to_v6()))
+                .to_bytes();
+        bytes[3] = 0;
+        return net::ip::address_v4(bytes).to_string() + "/24";
+    }
+    auto bytes = parsed.to_v6().to_bytes();
+    std::fill(bytes.begin() + 8, bytes.end(), 0);
+    return net::ip::address_v6(bytes).to_string() + "/64";
+}
+
 }  // namespace
+
+Admission RequestHandler::admit(const HttpRequest&) {
+    return {};
+}
+
+// A live connection as the listener sees it.
+struct ConnectionEntry {
+    std::function<void()> closeIfIdle;
+    const std::atomic<bool>* busy = nullptr;
+    std::uint64_t order = 0;  ///< admission order: the oldest is evicted first
+    bool evicting = false;
+};
 
 // State shared by the listener and every connection.
 struct Shared {
@@ -73,32 +109,69 @@ struct Shared {
     std::optional<ssl::context> tls;
     std::atomic<bool> stopping{false};
     Mutex registryMutex;
-    /// Per live connection: close it if idle.
-    std::unordered_map<void*, std::function<void()>> closers TOVREL_GUARDED_BY(registryMutex);
-    int open TOVREL_GUARDED_BY(registryMutex) = 0;  ///< connections admitted and not yet gone
-    /// The same, by remote address.
+    /// Per live connection: how to close it if idle, and whether it is.
+    std::unordered_map<void*, ConnectionEntry> connections TOVREL_GUARDED_BY(registryMutex);
+    std::uint64_t admitted TOVREL_GUARDED_BY(registryMutex) = 0;
+    int open TOVREL_GUARDED_BY(registryMutex) = 0;      ///< connections admitted and not yet gone
+    int evicting TOVREL_GUARDED_BY(registryMutex) = 0;  ///< of those, told to close to make room
+    /// The same, by remote address and by network.
     std::unordered_map<std::string, int> openPerAddress TOVREL_GUARDED_BY(registryMutex);
+    std::unordered_map<std::string, int> openPerPrefix TOVREL_GUARDED_BY(registryMutex);
     RateLimiter limiter{options.rateLimit, options.rateLimit * 2};
 
     /// Counts a new connection from `address` in, or says it must be refused.
     bool admit(const std::string& address) TOVREL_REQUIRES(registryMutex) {
-        int& fromAddress = openPerAddress[address];
-        if (open >= options.maxConnections || fromAddress >= options.maxConnectionsPerAddress) {
-            if (fromAddress == 0) {
-                openPerAddress.erase(address);
-            }
+        if (count(openPerAddress, address) >= options.maxConnectionsPerAddress ||
+            (options.maxConnectionsPerPrefix > 0 &&
+             count(openPerPrefix, prefixOf(address)) >= options.maxConnectionsPerPrefix)) {
+            return false;
+        }
+        if (open - evicting >= options.maxConnections && !(options.evictIdleWhenFull && evictOldestIdle())) {
             return false;
         }
         ++open;
-        ++fromAddress;
+        ++openPerAddress[address];
+        if (options.maxConnectionsPerPrefix > 0) {
+            ++openPerPrefix[prefixOf(address)];
+        }
         return true;
     }
     /// Counts a connection from `address` out.
-    void release(const std::string& address) TOVREL_REQUIRES(registryMutex) {
+    void release(const std::string& address, bool wasEvicting) TOVREL_REQUIRES(registryMutex) {
         --open;
-        if (const auto it = openPerAddress.find(address); it != openPerAddress.end() && --it->second <= 0) {
-            openPerAddress.erase(it);
+        evicting -= wasEvicting ? 1 : 0;
+        forget(openPerAddress, address);
+        if (options.maxConnectionsPerPrefix > 0) {
+            forget(openPerPrefix, prefixOf(address));
         }
+    }
+
+  private:
+    static int count(const std::unordered_map<std::string, int>& counts, const std::string& key) {
+        const auto it = counts.find(key);
+        return it == counts.end() ? 0 : it->second;
+    }
+    static void forget(std::unordered_map<std::string, int>& counts, const std::string& key) {
+        if (const auto it = counts.find(key); it != counts.end() && --it->second <= 0) {
+            counts.erase(it);
+        }
+    }
+    // Tells the longest-open connection that waits for a request to close; false when none waits.
+    bool evictOldestIdle() TOVREL_REQUIRES(registryMutex) {
+        ConnectionEntry* oldest = nullptr;
+        for (auto& [connection, entry] : connections) {
+            if (!entry.evicting && !entry.busy->load() &&
+                (oldest == nullptr || entry.order < oldest->order)) {
+                oldest = &entry;
+            }
+        }
+        if (oldest == nullptr) {
+            return false;
+        }
+        oldest->evicting = true;
+        ++evicting;
+        oldest->closeIfIdle();
+        return true;
     }
 };
 
@@ -113,8 +186,12 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
 
     ~Connection() {
         Lock lock(shared_.registryMutex);
-        shared_.closers.erase(this);
-        shared_.release(address_);
+        const auto entry = shared_.connections.find(this);
+        const bool evicting = entry != shared_.connections.end() && entry->second.evicting;
+        if (entry != shared_.connections.end()) {
+            shared_.connections.erase(entry);
+        }
+        shared_.release(address_, evicting);
     }
 
     void run() {
@@ -122,13 +199,16 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             Lock lock(shared_.registryMutex);
             std::weak_ptr<Connection> weak = this->shared_from_this();
             auto executor = stream_.get_executor();
-            shared_.closers[this] = [weak, executor] {
+            ConnectionEntry& entry = shared_.connections[this];
+            entry.closeIfIdle = [weak, executor] {
                 net::post(executor, [weak] {
                     if (auto self = weak.lock()) {
                         self->closeIfIdle();
                     }
                 });
             };
+            entry.busy = &busy_;
+            entry.order = ++shared_.admitted;
         }
         if constexpr (kTls) {
             lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
@@ -167,7 +247,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             return closeNow();
         }
         parser_.emplace();
-        parser_->body_limit(HttpServer::kMaxBody);
+        bodyLimit_ = HttpServer::kMaxBody;
+        parser_->body_limit(bodyLimit_);
         parser_->header_limit(kMaxHeader);
         lowest().expires_after(std::chrono::seconds(shared_.options.requestTimeoutSeconds));
         http::async_read_header(
@@ -180,7 +261,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             return false;
         }
         if (ec == http::error::body_limit) {
-            refuse(http::status::payload_too_large, "the request body exceeds the limit of 1 MiB");
+            refuse(http::status::payload_too_large,
+                   "the request body exceeds the limit of " + kibibytes(bodyLimit_));
         } else if (ec == http::error::header_limit) {
             refuse(http::status::request_header_fields_too_large, "the request header exceeds 16 KiB");
         } else if (ec.category() == http::make_error_code(http::error::bad_method).category() &&
@@ -205,6 +287,25 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                           "1");
         }
         const auto& req = parser_->get();
+        const std::string_view target = view(req.target());
+        Admission admission = shared_.handler.admit(HttpRequest{view(req.method_string()),
+                                                                target,
+                                                                target.substr(0, target.find_first_of("?#")),
+                                                                {},
+                                                                view(req[http::field::host]),
+                                                                view(req[http::field::authorization]),
+                                                                address_,
+                                                                kTls});
+        if (admission.refusal) {
+            return refuse(std::move(*admission.refusal));
+        }
+        if (const auto length = parser_->content_length(); length && *length > admission.bodyLimit) {
+            return refuse(http::status::payload_too_large,
+                          "the request body exceeds the limit of " + kibibytes(admission.bodyLimit));
+        }
+        parser_->body_limit(admission.bodyLimit);
+        bodyLimit_ = admission.bodyLimit;
+        slot_ = std::move(admission.slot);
         if (beast::iequals(req[http::field::expect], "100-continue")) {
             auto cont =
                 std::make_shared<http::response<http::empty_body>>(http::status::continue_, req.version());
@@ -253,9 +354,12 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         try {
             shared_.handler.handle(request, std::move(respond));
         } catch (const std::exception& e) {
+            shared_.logger.write(LogLevel::error, shared_.logger.line(LogLevel::error, "request failed")
+                                                      .add("path", request_.path)
+                                                      .add("error", e.what()));
             HttpReply failed;
             failed.status = 500;
-            failed.body = errorJson(std::string("the server failed: ") + e.what());
+            failed.body = errorJson("the server failed; its log says why");
             answer(std::move(failed));
         }
     }
@@ -277,6 +381,10 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         if (!reply.file.empty()) {
             return sendFile(std::move(reply), keepAlive);
         }
+        sendMemory(std::move(reply), keepAlive);
+    }
+
+    void sendMemory(HttpReply&& reply, bool keepAlive) {
         body_ = std::move(reply.body);
         const char* encoding = nullptr;
         if (request_.gzip && body_.size() >= HttpServer::kMinGzipBody) {
@@ -288,6 +396,11 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             buffer_pool::give(std::move(packed));
         }
         writeHead(reply, keepAlive, encoding);
+        if (request_.method == "HEAD") {
+            // The header says how long the body would be; sending it would put the next answer out of step.
+            buffer_pool::give(std::move(body_));
+            body_.clear();
+        }
         sendHeadAndBody(keepAlive);
     }
 
@@ -332,6 +445,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             stream_, buffers,
             [self = this->shared_from_this(), keepAlive](beast::error_code ec, std::size_t bytes) {
                 self->busy_ = false;
+                self->slot_.reset();
                 self->finishLog(bytes);
                 buffer_pool::give(std::move(self->body_));
                 self->body_.clear();
@@ -351,13 +465,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             missing.status = 404;
             missing.route = reply.route;
             missing.body = errorJson("there is no page " + request_.path);
-            reply = std::move(missing);
-            auto res = std::make_shared<http::response<http::string_body>>(http::status::not_found,
-                                                                           request_.version);
-            setCommon(*res, reply, keepAlive);
-            res->body() = std::move(reply.body);
-            res->prepare_payload();
-            return send(std::move(res));
+            return sendMemory(std::move(missing), keepAlive);
         }
         const auto size = body.size();
         if (reply.headOnly) {
@@ -401,6 +509,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             stream_, *res,
             [self = this->shared_from_this(), res, linger](beast::error_code ec, std::size_t bytes) {
                 self->busy_ = false;
+                self->slot_.reset();
                 self->finishLog(bytes);
                 if constexpr (std::is_same_v<Body, http::string_body>) {
                     buffer_pool::give(std::move(res->body()));
@@ -428,15 +537,24 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
 
     // Answers a request that cannot be read to its end, then closes the connection.
     void refuse(http::status status, const std::string& message, const char* retryAfter = nullptr) {
-        busy_ = true;
         HttpReply reply;
         reply.status = static_cast<unsigned>(status);
         reply.retryAfter = retryAfter;
-        shared_.metrics.request(Route::other, reply.status, 0);
-        auto res = std::make_shared<http::response<http::string_body>>(status, 11);
+        reply.body = errorJson(message);
+        refuse(std::move(reply));
+    }
+
+    void refuse(HttpReply&& reply) {
+        busy_ = true;
+        shared_.metrics.request(reply.route, reply.status, 0);
+        auto res =
+            std::make_shared<http::response<http::string_body>>(static_cast<http::status>(reply.status), 11);
         setCommon(*res, reply, false);
-        res->body() = errorJson(message);
+        res->body() = std::move(reply.body);
         res->prepare_payload();
+        if (parser_ && parser_->is_header_done() && parser_->get().method() == http::verb::head) {
+            res->body().clear();
+        }
         send(std::move(res), true);
     }
 
@@ -484,8 +602,11 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     std::optional<LogLine> pendingLog_;
     std::vector<char> scratch_;
     std::size_t drained_ = 0;
+    std::size_t bodyLimit_ = HttpServer::kMaxBody;
+    std::shared_ptr<void> slot_;  ///< what the handler admitted this request with, until it is answered
     double started_ = 0;
-    bool busy_ = false;
+    /// Written on the connection's thread, read by the listener choosing an idle connection to close.
+    std::atomic<bool> busy_{false};
 };
 
 class Listener : public std::enable_shared_from_this<Listener> {
@@ -620,6 +741,10 @@ ssl::context makeTlsContext(const HttpOptions& options) {
     ssl::context context(ssl::context::tls_server);
     context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
                         ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+    if (SSL_CTX_set_cipher_list(context.native_handle(), options.tlsCiphers.c_str()) != 1) {
+        throw std::runtime_error("no TLS 1.2 cipher suite matches \"" + options.tlsCiphers + "\"");
+    }
+    SSL_CTX_set_options(context.native_handle(), SSL_OP_CIPHER_SERVER_PREFERENCE);
     beast::error_code ec;
     context.use_certificate_chain_file(options.tlsCertificateFile, ec);
     if (ec) {
@@ -715,8 +840,8 @@ void HttpServer::stop(const std::function<void()>& drain) {
     m.guards.clear();
     {
         Lock registry(m.shared->registryMutex);
-        for (auto& [conn, closeIfIdle] : m.shared->closers) {
-            closeIfIdle();
+        for (auto& [conn, entry] : m.shared->connections) {
+            entry.closeIfIdle();
         }
     }
     const auto deadline = std::chrono::steady_clock::now() + kStopGrace;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -44,10 +45,27 @@ struct HttpReply {
 /// Hands a handler's answer to the connection; callable once, from any thread.
 using Respond = std::function<void(HttpReply&&)>;
 
+/// The largest request body a listener reads unless its handler admits less.
+inline constexpr std::size_t kMaxRequestBody = 1024 * 1024;
+
+/// What a handler decides from a request's header alone, before its body is read.
+struct Admission {
+    /// Set: the request is answered with this at once, its body unread, and the connection closes.
+    std::optional<HttpReply> refusal;
+    /// The largest body this request may carry (413 beyond, before it is read).
+    std::size_t bodyLimit = kMaxRequestBody;
+    /// Held by the connection until the answer is written or the connection goes: a slot of a
+    /// resource the handler caps (its deleter gives the slot back).
+    std::shared_ptr<void> slot;
+};
+
 /// What answers the requests of one listener.
 class RequestHandler {
   public:
     virtual ~RequestHandler() = default;
+    /// Decides on a request from its header (`header.body` is empty): refuses it, or says how large a
+    /// body it may carry. Called on the connection's thread; must not block. Admits everything by default.
+    virtual Admission admit(const HttpRequest& header);
     /// Answers one complete request by calling respond once, now or later from any thread. Called on
     /// the connection's thread; must not block on the database.
     virtual void handle(const HttpRequest& request, Respond respond) = 0;
@@ -60,10 +78,21 @@ struct HttpOptions {
     int requestTimeoutSeconds = 30;
     int maxConnections = 1000;
     int maxConnectionsPerAddress = 256;
+    /// Connections at most from one network (a /24 of IPv4, a /64 of IPv6); 0: no such cap.
+    int maxConnectionsPerPrefix = 0;
+    /// When every connection is taken, a new one closes the longest-open idle one (waiting for a
+    /// request) instead of being refused: a listener that idle clients must never shut.
+    bool evictIdleWhenFull = false;
     double rateLimit = 0;  ///< requests a second per address (bursts of twice that); 0: off
     /// PEM files of the certificate chain and its private key; both set serves HTTPS only.
     std::string tlsCertificateFile;
     std::string tlsKeyFile;
+    /// OpenSSL cipher list for TLS 1.2; TLS 1.3 always uses its own forward-secret AEAD suites.
+    std::string tlsCiphers = kForwardSecretCiphers;
+
+    /// TLS 1.2 suites with forward secrecy and authenticated encryption, and nothing else.
+    static constexpr const char* kForwardSecretCiphers =
+        "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20";
     /// Which listener this is, in log lines: "public" or "admin".
     std::string name = "public";
 };
@@ -93,7 +122,7 @@ class HttpServer {
     int openConnections() const;
 
     /// Largest request body accepted; larger ones are answered 413.
-    static constexpr std::size_t kMaxBody = 1024 * 1024;
+    static constexpr std::size_t kMaxBody = kMaxRequestBody;
     /// Answers at least this long are compressed for clients that accept gzip.
     static constexpr std::size_t kMinGzipBody = 1024;
 

@@ -66,7 +66,8 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     refusedCounter_ = counter("tovrel_connections_refused_total",
                               "Connections refused over --max-connections or the per-address cap");
     limitedCounter_ = counter("tovrel_rate_limited_requests_total", "Requests answered 429 by a rate limit");
-    dbErrors_ = counter("tovrel_database_errors_total", "Database failures answered 500");
+    dbErrors_ = counter("tovrel_database_errors_total",
+                        "Requests the database failed (answered 503, the error in the log)");
     dbBusy_ =
         counter("tovrel_database_busy_total", "Requests answered 503 because the database stayed locked");
     dbBusySeconds_ =

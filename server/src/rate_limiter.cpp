@@ -2,17 +2,20 @@
 
 #include <algorithm>
 
+#include "session_keys.h"
+
 namespace tovrel::server {
 
 RateLimiter::RateLimiter(double rate, double burst, std::size_t maxClients)
     : rate_(rate), burst_(std::max(burst, 1.0)), maxClients_(maxClients) {}
 
-bool RateLimiter::allow(const std::string& address, double now) {
+bool RateLimiter::allow(std::string_view client, double now) {
     if (rate_ <= 0) {
         return true;
     }
+    std::string key = compactKey(client);
     Lock lock(mutex_);
-    auto found = buckets_.find(address);
+    auto found = buckets_.find(key);
     if (found == buckets_.end()) {
         if (buckets_.size() >= maxClients_) {
             // A bucket that has refilled since its last use says nothing: forgetting it is free.
@@ -23,7 +26,7 @@ bool RateLimiter::allow(const std::string& address, double now) {
                 return true;
             }
         }
-        found = buckets_.emplace(address, Bucket{burst_, now}).first;
+        found = buckets_.emplace(std::move(key), Bucket{burst_, now}).first;
     }
     Bucket& bucket = found->second;
     bucket.tokens = std::min(burst_, bucket.tokens + std::max(0.0, now - bucket.at) * rate_);

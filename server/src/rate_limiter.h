@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "tovrel/platform/thread_annotations.h"
@@ -14,16 +15,18 @@ using tovrel::platform::Mutex;
 using tovrel::platform::ReaderLock;
 using tovrel::platform::SharedMutex;
 
-/// Token buckets per client address: each address may make `rate` requests a second on average and
-/// `burst` at once. Memory is bounded: beyond `maxClients` addresses, idle ones are forgotten, and when
-/// none is idle a new address goes unlimited rather than evicting an active one. Thread-safe.
+/// Token buckets per client (an address, a device, an SDK key): each may make `rate` requests a second
+/// on average and `burst` at once. Memory is bounded in entries and bytes: a client is held by a key of
+/// at most 32 bytes (compactKey), and beyond `maxClients` clients idle ones are forgotten; when none
+/// is idle a new client goes unlimited rather than evicting an active one. Thread-safe.
 class RateLimiter {
   public:
     /// `rate` 0 turns limiting off.
     RateLimiter(double rate, double burst, std::size_t maxClients = 65536);
 
-    /// Takes a token for `address` at `now` (seconds on a steady clock); false when none is left.
-    bool allow(const std::string& address, double now);
+    /// Takes a token for `client` at `now` (seconds on a steady clock); false when none is left. Any
+    /// thread.
+    bool allow(std::string_view client, double now);
     /// Requests refused so far.
     [[nodiscard]] std::uint64_t limited() const;
 

@@ -34,26 +34,40 @@ json parseObjectBody(std::string_view body, int maxDepth) {
     return value;
 }
 
-const std::string& requireString(const json& object, const char* name) {
+namespace {
+
+const std::string& checkedString(const json& value, const char* name, std::size_t maxBytes) {
+    if (!value.is_string()) {
+        throw ApiError(400, std::string("the member \"") + name + "\" must be a string");
+    }
+    const auto& text = value.get_ref<const std::string&>();
+    if (text.size() > maxBytes) {
+        throw ApiError(400, std::string("the member \"") + name + "\" may be at most " +
+                                std::to_string(maxBytes) + " bytes long");
+    }
+    if (text.find('\0') != std::string::npos) {
+        throw ApiError(400, std::string("the member \"") + name + "\" must not hold a NUL character");
+    }
+    return text;
+}
+
+}  // namespace
+
+const std::string& requireString(const json& object, const char* name, std::size_t maxBytes) {
     const auto it = object.find(name);
     if (it == object.end()) {
         throw ApiError(400, std::string("the request lacks the member \"") + name + "\"");
     }
-    if (!it->is_string()) {
-        throw ApiError(400, std::string("the member \"") + name + "\" must be a string");
-    }
-    return it->get_ref<const std::string&>();
+    return checkedString(*it, name, maxBytes);
 }
 
-std::string optionalString(const json& object, const char* name, const std::string& fallback) {
+std::string optionalString(const json& object, const char* name, std::size_t maxBytes,
+                           const std::string& fallback) {
     const auto it = object.find(name);
     if (it == object.end()) {
         return fallback;
     }
-    if (!it->is_string()) {
-        throw ApiError(400, std::string("the member \"") + name + "\" must be a string");
-    }
-    return it->get<std::string>();
+    return checkedString(*it, name, maxBytes);
 }
 
 double requireNumber(const json& object, const char* name, double min, double max) {

@@ -26,11 +26,13 @@ std::string errorJson(const std::string& message);
 /// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
 nlohmann::json parseObjectBody(std::string_view body, int maxDepth = 32);
 
-/// A required string member; ApiError 400 when missing or of another type.
-const std::string& requireString(const nlohmann::json& object, const char* name);
+/// A required string member of at most `maxBytes` bytes (field_limits.h); ApiError 400 naming the member
+/// when missing, of another type, longer, or holding a NUL character (which neither store keeps).
+const std::string& requireString(const nlohmann::json& object, const char* name, std::size_t maxBytes);
 
-/// An optional string member: fallback when missing; ApiError 400 when of another type.
-std::string optionalString(const nlohmann::json& object, const char* name, const std::string& fallback);
+/// An optional string member: fallback when missing; otherwise as requireString().
+std::string optionalString(const nlohmann::json& object, const char* name, std::size_t maxBytes,
+                           const std::string& fallback);
 
 /// A number given as a JSON number or as a string holding only a decimal number ("48.137154").
 /// ApiError 400 when missing, of another type, not finite, or outside [min, max].

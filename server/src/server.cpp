@@ -1,6 +1,10 @@
 #include "tovrel_server/server.h"
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <mutex>
 
 #include "admin_handler.h"
@@ -54,9 +58,13 @@ HttpOptions publicHttp(const ServerOptions& o) {
     h.requestTimeoutSeconds = o.requestTimeoutSeconds;
     h.maxConnections = o.maxConnections;
     h.maxConnectionsPerAddress = o.maxConnectionsPerAddress;
+    h.maxConnectionsPerPrefix = o.maxConnectionsPerPrefix;
     h.rateLimit = o.rateLimit;
     h.tlsCertificateFile = o.tlsCertificateFile;
     h.tlsKeyFile = o.tlsKeyFile;
+    if (!o.tlsCiphers.empty()) {
+        h.tlsCiphers = o.tlsCiphers;
+    }
     h.name = "public";
     return h;
 }
@@ -67,20 +75,58 @@ HttpOptions adminHttp(const ServerOptions& o) {
     h.port = o.adminPort;
     h.threads = 1;
     h.requestTimeoutSeconds = o.requestTimeoutSeconds;
-    h.maxConnections = 64;
-    h.maxConnectionsPerAddress = 64;
+    // Probes and scrapes must get through however many idle connections others hold, from any address
+    // (a per-address cap would shut them out of loopback): a new connection closes the longest-open idle
+    // one. The admin API's own requests are capped by its handler (AdminHandler::kMaxAdminRequests).
+    h.maxConnections = Server::kAdminConnections;
+    h.maxConnectionsPerAddress = std::numeric_limits<int>::max();
+    h.evictIdleWhenFull = true;
+    h.tlsCertificateFile = o.adminTlsCertificateFile;
+    h.tlsKeyFile = o.adminTlsKeyFile;
+    if (!o.tlsCiphers.empty()) {
+        h.tlsCiphers = o.tlsCiphers;
+    }
     h.name = "admin";
     return h;
 }
 
 }  // namespace
 
+DescriptorFit fitDescriptorLimit(ServerOptions& options) {
+    DescriptorFit fit;
+    fit.maxConnectionsBefore = options.maxConnections;
+    fit.maxConnections = options.maxConnections;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return fit;
+    }
+    fit.softBefore = limit.rlim_cur;
+    const rlim_t needed = static_cast<rlim_t>(std::max(0, options.maxConnections)) +
+                          Server::kAdminConnections + Server::kOtherDescriptors;
+    if (limit.rlim_cur < needed && limit.rlim_cur < limit.rlim_max) {
+        rlimit raised = limit;
+        raised.rlim_cur = std::min(needed, limit.rlim_max);
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+            limit = raised;
+        }
+    }
+    fit.soft = limit.rlim_cur;
+    fit.hard = limit.rlim_max;
+    if (limit.rlim_cur < needed) {
+        const auto room = static_cast<rlim_t>(Server::kAdminConnections + Server::kOtherDescriptors);
+        options.maxConnections =
+            static_cast<int>(std::max<rlim_t>(16, limit.rlim_cur > room ? limit.rlim_cur - room : 0));
+        fit.maxConnections = options.maxConnections;
+    }
+    return fit;
+}
+
 struct Server::Impl {
     explicit Impl(ServerOptions o)
         : options(std::move(o)),
           logger(makeLogger(options)),
           service(options.dbPath, options.clock ? options.clock : Clock(wallClock), serviceOptions(options),
-                  &metrics),
+                  &metrics, &logger),
           files(options.contentDir),
           database(service.databaseThreads(), options.databaseQueue),
           adminWork(1, 256),

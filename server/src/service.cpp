@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "buffer_pool.h"
+#include "field_limits.h"
+#include "log.h"
 #include "request_fields.h"
 #include "session_keys.h"
 
@@ -37,10 +39,16 @@ double steadyNow() {
 
 }  // namespace
 
-Service::Service(const std::string& location, Clock clock, ServiceOptions options, Metrics* metrics)
+double Service::steadySeconds() {
+    return steadyNow();
+}
+
+Service::Service(const std::string& location, Clock clock, ServiceOptions options, Metrics* metrics,
+                 const Logger* logger)
     : clock_(std::move(clock)),
       options_(options),
       metrics_(metrics),
+      logger_(logger),
       store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays,
                                               options.changeCheckSeconds})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
@@ -122,11 +130,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
                                                 std::string_view mediaBase) {
     try {
         if (path == "/v2/place") {
-            const auto key = req.find("sessionKey");
-            if (key == req.end() || !key->is_string()) {
-                return std::nullopt;
-            }
-            const std::string keyHash = sessionKeyHash(key->get_ref<const std::string&>());
+            const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
             std::optional<int64_t> device;
             {
                 ReaderLock lock(stateMutex_);
@@ -144,7 +148,8 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             return ApiReply{200, placesAnswer(req, *device, mediaBase)};
         }
         if (path == "/v1/session") {
-            const std::string& sdkKey = requireString(req, "sdkkey");
+            const std::string& sdkKey = requireString(req, "sdkkey", limits::kSdkKey);
+            requireString(req, "deviceId", limits::kDeviceId);
             if (!sessionLimiter_.allow(sdkKey, steadyNow())) {
                 if (metrics_ != nullptr) {
                     metrics_->rateLimited();
@@ -152,7 +157,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
                 return ApiReply{429, errorJson("too many session starts for this sdkkey; slow down"), true};
             }
             Lock lock(refusedMutex_);
-            if (const auto it = refusedSdkKeys_.find(sdkKey); it != refusedSdkKeys_.end()) {
+            if (const auto it = refusedSdkKeys_.find(compactKey(sdkKey)); it != refusedSdkKeys_.end()) {
                 if (steadyNow() < it->second) {
                     return ApiReply{401, errorJson("the sdkkey is not a registered app key")};
                 }
@@ -161,7 +166,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             return std::nullopt;
         }
         if (path == "/v1/log") {
-            const std::string& deviceId = requireString(req, "deviceid");
+            const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
             if (!logLimiter_.allow(deviceId, steadyNow())) {
                 if (metrics_ != nullptr) {
                     metrics_->rateLimited();
@@ -176,8 +181,12 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
     }
 }
 
-ApiReply Service::handleParsed(std::string_view path, const json& req, std::string_view mediaBase) {
+ApiReply Service::handleParsed(std::string_view path, const json& req, std::string_view mediaBase,
+                               std::optional<double> queuedAt) {
     const double started = steadyNow();
+    if (path != "/v2/place" && queuedAt.value_or(started) < busyFoundAt_.load()) {
+        return refuseBusy(started);
+    }
     try {
         if (path == "/v2/place") {
             return {200, places(req, mediaBase)};
@@ -207,17 +216,36 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
     } catch (const ApiError& e) {
         return {e.status(), errorJson(e.what())};
     } catch (const DatabaseBusy& e) {
-        if (metrics_ != nullptr) {
-            metrics_->databaseBusy(steadyNow() - started);
-        }
-        return {503, errorJson("the database is busy; try again shortly"), true};
+        // Writes queued behind this one would each wait their own busy timeout for the same lock.
+        busyFoundAt_ = steadyNow();
+        return refuseBusy(started);
+    } catch (const std::runtime_error& e) {
+        // The store's words stay in the log: they can name tables, indexes and values of other clients.
+        reportFailure(path, e.what());
+        return {503, errorJson("the database could not take this request; try again later"), true};
     } catch (const std::exception& e) {
-        if (metrics_ != nullptr) {
-            metrics_->databaseError();
-        }
-        return {500, errorJson(std::string("the server failed: ") + e.what())};
-    } catch (...) {
+        reportFailure(path, e.what());
         return {500, errorJson("the server failed")};
+    } catch (...) {
+        reportFailure(path, "an unknown exception");
+        return {500, errorJson("the server failed")};
+    }
+}
+
+ApiReply Service::refuseBusy(double started) {
+    if (metrics_ != nullptr) {
+        metrics_->databaseBusy(steadyNow() - started);
+    }
+    return {503, errorJson("the database is busy; try again shortly"), true};
+}
+
+void Service::reportFailure(std::string_view path, std::string_view what) {
+    if (metrics_ != nullptr) {
+        metrics_->databaseError();
+    }
+    if (logger_ != nullptr) {
+        logger_->write(LogLevel::error,
+                       logger_->line(LogLevel::error, "request failed").add("path", path).add("error", what));
     }
 }
 
@@ -410,7 +438,7 @@ void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, dou
 }
 
 int64_t Service::authenticate(const json& req) {
-    const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey"));
+    const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
     const double now = clock_();
     {
         ReaderLock lock(stateMutex_);
@@ -434,10 +462,10 @@ int64_t Service::authenticate(const json& req) {
 }
 
 std::string Service::session(const json& req) {
-    const std::string& deviceId = requireString(req, "deviceId");
-    const std::string& sdkKey = requireString(req, "sdkkey");
-    const std::string deviceType = optionalString(req, "deviceType", "");
-    const std::string deviceModel = optionalString(req, "deviceModel", "");
+    const std::string& deviceId = requireString(req, "deviceId", limits::kDeviceId);
+    const std::string& sdkKey = requireString(req, "sdkkey", limits::kSdkKey);
+    const std::string deviceType = optionalString(req, "deviceType", limits::kDeviceType, "");
+    const std::string deviceModel = optionalString(req, "deviceModel", limits::kDeviceModel, "");
     if (deviceId.empty()) {
         throw ApiError(400, "the member \"deviceId\" must not be empty");
     }
@@ -452,7 +480,7 @@ std::string Service::session(const json& req) {
         if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
             refusedSdkKeys_.clear();
         }
-        refusedSdkKeys_[sdkKey] = steadyNow() + kRefusedSdkKeySeconds;
+        refusedSdkKeys_[compactKey(sdkKey)] = steadyNow() + kRefusedSdkKeySeconds;
         throw ApiError(401, "the sdkkey is not a registered app key");
     }
     const int64_t deviceRow =
@@ -563,7 +591,7 @@ std::string Service::update(const json& req) {
     static constexpr std::array<std::string_view, 4> kCodes = {"ack", "seen", "saved", "declined"};
     const int64_t device = authenticate(req);
     const int64_t id = requireId(req, "deviceEventId");
-    const std::string& code = requireString(req, "statusCode");
+    const std::string& code = requireString(req, "statusCode", kCodes.size() * 8);
     if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
@@ -587,23 +615,23 @@ std::string Service::clear(const json& req) {
 
 std::string Service::tagUpdate(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, "tag");
-    const std::string& value = requireString(req, "tagValue");
-    const std::string group = optionalString(req, "groupTag", "");
+    const std::string& tag = requireString(req, "tag", limits::kTag);
+    const std::string& value = requireString(req, "tagValue", limits::kTagValue);
+    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
     writeOnly([&](Store& store) { store.setTag(device, group, tag, value, clock_()); });
     return kStatusOk;
 }
 
 std::string Service::tagDelete(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, "tag");
-    const std::string group = optionalString(req, "groupTag", "");
+    const std::string& tag = requireString(req, "tag", limits::kTag);
+    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
     writeOnly([&](Store& store) { store.deleteTag(device, group, tag); });
     return kStatusOk;
 }
 
 std::string Service::log(const json& req) {
-    const std::string& deviceId = requireString(req, "deviceid");
+    const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
     const auto message = req.find("message");
     if (message == req.end()) {
         throw ApiError(400, "the request lacks the member \"message\"");
@@ -615,6 +643,11 @@ std::string Service::log(const json& req) {
     const std::string& event = message->begin().key();
     if (event.empty()) {
         throw ApiError(400, "the event name (the message's only member) must not be empty");
+    }
+    if (event.size() > limits::kLogEventName || event.find('\0') != std::string::npos) {
+        throw ApiError(400, "the event name (the message's only member) may be at most " +
+                                std::to_string(limits::kLogEventName) +
+                                " bytes long, without NUL characters");
     }
     const std::string text = message->dump();
     writeOnly([&](Store& store) { store.addLog(deviceId, event, text, clock_()); });

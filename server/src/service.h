@@ -71,6 +71,8 @@ struct ServiceOptions {
 /// store's change feed: a newer catalogue version rebuilds the catalogue, a device linked or cleared
 /// elsewhere has its links read again on its next request. Decisions that must agree across replicas
 /// (link ids, per-device caps) are always taken by the store.
+class Logger;
+
 class Service : private ChangeListener {
   public:
     /// The widest search /v2/place accepts, in metres (the component asks for 8047).
@@ -84,9 +86,9 @@ class Service : private ChangeListener {
     static constexpr std::size_t kCatalogOverlayChanges = 5;
 
     /// Opens the store at `location` (an SQLite file or a postgresql:// address) and builds the
-    /// catalogue; throws std::runtime_error. `metrics` may be null.
-    Service(const std::string& location, Clock clock, ServiceOptions options = {},
-            Metrics* metrics = nullptr);
+    /// catalogue; throws std::runtime_error. `metrics` and `logger` may be null; both must outlive it.
+    Service(const std::string& location, Clock clock, ServiceOptions options = {}, Metrics* metrics = nullptr,
+            const Logger* logger = nullptr);
     /// Stops following other replicas first: their notifications are handled by this object; then waits
     /// for a catalogue read in progress.
     ~Service() override;
@@ -106,8 +108,13 @@ class Service : private ChangeListener {
     /// (handleParsed on a database thread). Never waits for the database. Any thread.
     std::optional<ApiReply> answerInMemory(std::string_view path, const nlohmann::json& req,
                                            std::string_view mediaBase);
-    /// handle() for a body already parsed. Any thread; blocks while the database is locked.
-    ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase);
+    /// handle() for a body already parsed. `queuedAt` (steadySeconds()) is when the request was queued
+    /// for a database thread: a write queued before the database was last found busy is refused at
+    /// once rather than waiting for the same lock. Any thread; blocks while the database is locked.
+    ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase,
+                          std::optional<double> queuedAt = std::nullopt);
+    /// Seconds on the steady clock that handleParsed() compares. Any thread.
+    static double steadySeconds();
 
     /// Runs `work` on the store under the writers' lock and, when `catalogChanged`, brings the
     /// catalogue up to date afterwards (outside that lock) so that the change is served when this
@@ -153,6 +160,9 @@ class Service : private ChangeListener {
     std::uint64_t catalogVersion() const { return catalogVersion_.load(); }
     /// How many of those updates read the whole catalogue. Any thread.
     std::uint64_t catalogReads() const { return catalogReads_.load(); }
+    /// Counts a request the store (or a bug) failed and logs it with the failure's own words, which
+    /// never go into an answer. Any thread.
+    void reportFailure(std::string_view path, std::string_view what);
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     bool databaseReachable();
     /// Database threads worth running: more than one where the store takes writes at once. Any thread.
@@ -185,6 +195,8 @@ class Service : private ChangeListener {
     std::string tagUpdate(const nlohmann::json& req);
     std::string tagDelete(const nlohmann::json& req);
     std::string log(const nlohmann::json& req);
+    /// The 503 of a write refused because the database is busy.
+    ApiReply refuseBusy(double started);
 
     /// The device of the request's "sessionKey"; ApiError 401 when unknown or expired. Loads the
     /// device's links.
@@ -240,6 +252,9 @@ class Service : private ChangeListener {
     Clock clock_;
     ServiceOptions options_;
     Metrics* metrics_;
+    const Logger* logger_;
+    /// When (steady seconds) the store last answered busy: writes queued before are refused at once.
+    std::atomic<double> busyFoundAt_{0};
     /// The writers' lock: the store's writes, and the order of every change to the mirror below.
     Mutex dbMutex_;
     std::unique_ptr<Store> store_ TOVREL_PT_GUARDED_BY(dbMutex_);

@@ -32,15 +32,36 @@ std::string randomKey() {
     return hex(bytes.data(), bytes.size());
 }
 
-std::string sessionKeyHash(std::string_view key) {
+namespace {
+
+std::array<unsigned char, SHA256_DIGEST_LENGTH> sha256Of(std::string_view text) {
     // Fetched once: a fetch per digest costs more than the digest of a key.
     static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
     std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
     if (sha256 == nullptr ||
-        EVP_Digest(key.data(), key.size(), digest.data(), nullptr, sha256, nullptr) != 1) {
-        SHA256(reinterpret_cast<const unsigned char*>(key.data()), key.size(), digest.data());
+        EVP_Digest(text.data(), text.size(), digest.data(), nullptr, sha256, nullptr) != 1) {
+        SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
     }
+    return digest;
+}
+
+}  // namespace
+
+std::string sessionKeyHash(std::string_view key) {
+    const auto digest = sha256Of(key);
     return hex(digest.data(), digest.size());
+}
+
+std::string compactKey(std::string_view text) {
+    constexpr std::size_t kLongest = 32;
+    constexpr std::size_t kDigestBytes = 16;
+    if (text.size() <= kLongest) {
+        return std::string(text);
+    }
+    const auto digest = sha256Of(text);
+    std::string key = "#";
+    key.append(reinterpret_cast<const char*>(digest.data()), kDigestBytes);
+    return key;
 }
 
 }  // namespace tovrel::server

@@ -10,6 +10,11 @@ namespace tovrel::server {
 /// thread.
 std::string sessionKeyHash(std::string_view key);
 
+/// A key of at most 32 bytes standing for `text` in a table kept in memory: `text` itself when it is that
+/// short, else '#' and the first 16 bytes of its SHA-256. A table keyed by client data then holds a
+/// bounded number of bytes per entry whatever the client sends. Pure; any thread.
+std::string compactKey(std::string_view text);
+
 /// A new secret: 32 lowercase hex digits (128 bits) from OpenSSL's random generator, for session keys
 /// and generated app keys. Throws std::runtime_error when the generator fails. Any thread.
 std::string randomKey();

@@ -29,6 +29,7 @@ struct ServeSettings {
     std::string listen = "127.0.0.1:8080";
     std::string adminListen = "127.0.0.1:8081";
     std::string adminTokenFile;
+    bool tokenReadableByOthers = false;
     std::string accessLog = "on";
     ServerOptions options;
 };
@@ -48,11 +49,20 @@ int serve(ServeSettings settings) {
         options.adminPort = admin.port;
     }
     if (!settings.adminTokenFile.empty()) {
-        options.adminToken = readAdminToken(settings.adminTokenFile);
+        options.adminToken = readAdminToken(settings.adminTokenFile, settings.tokenReadableByOthers);
     }
     options.accessLog = settings.accessLog == "on";
     options.logSink = Logger::descriptorSink(STDOUT_FILENO);
     const Logger logger(*parseLogLevel(options.logLevel), options.logSink, false);
+    const DescriptorFit fit = fitDescriptorLimit(options);
+    if (fit.lowered()) {
+        logger.write(LogLevel::warn, logger.line(LogLevel::warn, "max-connections lowered")
+                                         .add("asked", fit.maxConnectionsBefore)
+                                         .add("maxConnections", fit.maxConnections)
+                                         .add("openFilesLimit", fit.soft)
+                                         .add("hardLimit", fit.hard)
+                                         .add("hint", "raise LimitNOFILE= or ulimit -n"));
+    }
 
     // Blocked before the worker threads start so that only sigwait() below sees them.
     sigset_t signals;
@@ -265,6 +275,12 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_MAX_CONNECTIONS_PER_ADDRESS")
         ->check(CLI::Range(1, 1000000));
     serveCmd
+        ->add_option("--max-connections-per-prefix", serveOptions.maxConnectionsPerPrefix,
+                     "Open connections at most from one network (a /24 of IPv4, a /64 of IPv6); 0: no cap")
+        ->capture_default_str()
+        ->envname("TOVREL_MAX_CONNECTIONS_PER_PREFIX")
+        ->check(CLI::Range(0, 1000000));
+    serveCmd
         ->add_option("--rate-limit", serveOptions.rateLimit,
                      "Requests a second per client address (bursts of twice that), 429 beyond; 0: off")
         ->capture_default_str()
@@ -320,6 +336,19 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_TLS_KEY")
         ->check(CLI::ExistingFile);
     serveCmd
+        ->add_option("--tls-ciphers", serveOptions.tlsCiphers,
+                     "OpenSSL cipher list for TLS 1.2 (default: forward-secret AEAD suites only)")
+        ->envname("TOVREL_TLS_CIPHERS");
+    serveCmd
+        ->add_option("--admin-tls-cert", serveOptions.adminTlsCertificateFile,
+                     "PEM certificate chain: serve the admin listener over HTTPS")
+        ->envname("TOVREL_ADMIN_TLS_CERT")
+        ->check(CLI::ExistingFile);
+    serveCmd
+        ->add_option("--admin-tls-key", serveOptions.adminTlsKeyFile, "PEM private key of --admin-tls-cert")
+        ->envname("TOVREL_ADMIN_TLS_KEY")
+        ->check(CLI::ExistingFile);
+    serveCmd
         ->add_option("--admin-listen", settings.adminListen,
                      "HOST:PORT of the admin listener (health, metrics, admin API), or off")
         ->capture_default_str()
@@ -332,6 +361,8 @@ int main(int argc, char** argv) {
                      "File whose first line is the admin API's bearer token (16 characters at least)")
         ->envname("TOVREL_ADMIN_TOKEN_FILE")
         ->check(CLI::ExistingFile);
+    serveCmd->add_flag("--admin-token-insecure-permissions", settings.tokenReadableByOthers,
+                       "Accept an admin token file that other users may read");
     serveCmd
         ->add_option("--log-level", serveOptions.logLevel,
                      "Least level logged: debug, info, warn, error, off")

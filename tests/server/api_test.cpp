@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <set>
 
+#include "field_limits.h"
 #include "session_keys.h"
 #include "test_support.h"
 
@@ -531,6 +532,85 @@ TEST_P(LogEndpoint, MessageMustBeAnObjectOfOneEvent) {
     EXPECT_TRUE(fx.server().report().logCounts.empty());
 }
 
+// Every text a client sends has a limit checked before it reaches a cache, a limiter or the database:
+// both stores take a value at the limit and refuse one byte more with the same 400.
+class FieldLimits : public StoreTest {};
+
+TEST_P(FieldLimits, AValueAtItsLimitIsTakenAndOneByteMoreIsRefusedAlike) {
+    ServerFixture fx{fixtureOptions()};
+    const std::string key = fx.startSession("LIMITS");
+    struct Case {
+        std::string path;
+        std::string named;  ///< what the refusal names
+        std::size_t limit;
+        long atLimit;
+        std::function<json(const std::string&)> body;
+    };
+    const std::vector<Case> cases = {
+        {"/v1/session", "\"deviceId\"", limits::kDeviceId, 200,
+         [](const std::string& v) {
+             return json{{"deviceId", v}, {"sdkkey", "test-key"}};
+         }},
+        {"/v1/session", "\"sdkkey\"", limits::kSdkKey, 401,
+         [](const std::string& v) {
+             return json{{"deviceId", "D"}, {"sdkkey", v}};
+         }},
+        {"/v1/session", "\"deviceType\"", limits::kDeviceType, 200,
+         [](const std::string& v) {
+             return json{{"deviceId", "D"}, {"sdkkey", "test-key"}, {"deviceType", v}};
+         }},
+        {"/v1/session", "\"deviceModel\"", limits::kDeviceModel, 200,
+         [](const std::string& v) {
+             return json{{"deviceId", "D"}, {"sdkkey", "test-key"}, {"deviceModel", v}};
+         }},
+        {"/v2/place", "\"sessionKey\"", limits::kSessionKey, 401,
+         [](const std::string& v) {
+             return json{{"sessionKey", v},
+                         {"coordinatesList", {{{"lat", 48.1}, {"lon", 11.5}}}},
+                         {"distanceThreshold", 100}};
+         }},
+        {"/v1/devicetag/update", "\"tag\"", limits::kTag, 200,
+         [&](const std::string& v) {
+             return json{{"sessionKey", key}, {"tag", v}, {"tagValue", "x"}};
+         }},
+        {"/v1/devicetag/update", "\"tagValue\"", limits::kTagValue, 200,
+         [&](const std::string& v) {
+             return json{{"sessionKey", key}, {"tag", "t"}, {"tagValue", v}};
+         }},
+        {"/v1/devicetag/update", "\"groupTag\"", limits::kGroupTag, 200,
+         [&](const std::string& v) {
+             return json{{"sessionKey", key}, {"tag", "t"}, {"tagValue", "x"}, {"groupTag", v}};
+         }},
+        {"/v1/devicetag/delete", "\"tag\"", limits::kTag, 200,
+         [&](const std::string& v) {
+             return json{{"sessionKey", key}, {"tag", v}};
+         }},
+        {"/v1/log", "\"deviceid\"", limits::kDeviceId, 200,
+         [](const std::string& v) {
+             return json{{"deviceid", v}, {"message", {{"e", 1}}}};
+         }},
+        {"/v1/log", "event name", limits::kLogEventName, 200,
+         [](const std::string& v) {
+             return json{{"deviceid", "D"}, {"message", {{v, 1}}}};
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path + " " + c.named);
+        const HttpResult at = fx.client().post(c.path, c.body(std::string(c.limit, 'a')));
+        EXPECT_EQ(at.status, c.atLimit) << at.body;
+        const HttpResult over = fx.client().post(c.path, c.body(std::string(c.limit + 1, 'b')));
+        EXPECT_EQ(over.status, 400) << over.body;
+        EXPECT_NE(over.parsed().value("error", "").find(c.named), std::string::npos) << over.body;
+        EXPECT_EQ(over.body.find("bbbb"), std::string::npos) << "the refusal repeats the value";
+        const HttpResult nul = fx.client().post(c.path, c.body(std::string("a\0b", 3)));
+        EXPECT_EQ(nul.status, 400) << nul.body;
+    }
+    // Nothing refused reached the database.
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT count(*) FROM devices WHERE length(device_id) > 128"),
+              std::vector<std::string>{"0"});
+}
+
+TOVREL_ON_BOTH_STORES(FieldLimits);
 TOVREL_ON_BOTH_STORES(SessionEndpoint);
 TOVREL_ON_BOTH_STORES(PlaceEndpoint);
 TOVREL_ON_BOTH_STORES(LinkEndpoint);

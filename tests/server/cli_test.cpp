@@ -8,9 +8,11 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <thread>
 
+#include "support/child_process.h"
 #include "test_support.h"
 #include "tovrel/version.h"
 
@@ -219,6 +221,100 @@ TEST_F(CommandLine, ServeAnswersAndStopsOnSigterm) {
     EXPECT_EQ(queryRows(db, "SELECT COUNT(*) FROM sessions"), std::vector<std::string>{"1"});
 }
 
+// A `tovrel-server serve` of its own, reading the first lines it logs up to the one that says where it
+// serves.
+class ServeProcess {
+  public:
+    ServeProcess(std::vector<std::string> prefix, const std::vector<std::string>& args) {
+        prefix.insert(prefix.end(), {TOVREL_SERVER_BINARY, "serve", "--listen", "127.0.0.1:0",
+                                     "--admin-listen", "127.0.0.1:0", "--access-log", "off"});
+        prefix.insert(prefix.end(), args.begin(), args.end());
+        process_ = std::make_unique<tovrel::test::ChildProcess>(prefix, true);
+        for (int i = 0; i < 10 && port_ == 0; ++i) {
+            const std::string line = process_->readLine(std::chrono::seconds(10));
+            lines_.push_back(line);
+            const json parsed = json::parse(line, nullptr, false);
+            if (parsed.is_object() && parsed.value("event", "") == "serving") {
+                const std::string listen = parsed["listen"], admin = parsed["admin"];
+                port_ = static_cast<uint16_t>(std::stoi(listen.substr(listen.rfind(':') + 1)));
+                adminPort_ = static_cast<uint16_t>(std::stoi(admin.substr(admin.rfind(':') + 1)));
+            }
+        }
+    }
+    uint16_t port() const { return port_; }
+    uint16_t adminPort() const { return adminPort_; }
+    pid_t pid() const { return process_->pid(); }
+    const std::vector<std::string>& lines() const { return lines_; }
+
+  private:
+    std::unique_ptr<tovrel::test::ChildProcess> process_;
+    std::vector<std::string> lines_;
+    uint16_t port_ = 0;
+    uint16_t adminPort_ = 0;
+};
+
+long residentKiB(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return -1;
+}
+
+TEST_F(CommandLine, LongIdsAndKeysFromAnonymousClientsLeaveNoMemoryBehind) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's quarantine keeps freed memory: resident size says nothing here";
+#endif
+    ServeProcess server({}, {"--db", db, "--log-rate-limit", "1", "--session-rate-limit", "1"});
+    ASSERT_NE(server.port(), 0) << (server.lines().empty() ? "" : server.lines().back());
+    HttpClient client(server.port());
+    const auto attack = [&](int from, int to) {
+        for (int i = from; i < to; ++i) {
+            const std::string id = std::to_string(i) + std::string(250 * 1024, 'x');
+            EXPECT_EQ(client.post("/v1/log", json{{"deviceid", id}, {"message", {{"e", 1}}}}).status, 400);
+            EXPECT_EQ(client.post("/v1/session", json{{"deviceId", "D"}, {"sdkkey", id}}).status, 400);
+            // Keys within the limits each take an entry of the limiters, bounded in bytes.
+            client.post("/v1/session",
+                        json{{"deviceId", "D"}, {"sdkkey", std::to_string(i) + std::string(100, 'k')}});
+        }
+    };
+    attack(0, 30);
+    const long before = residentKiB(server.pid());
+    attack(30, 230);
+    const long after = residentKiB(server.pid());
+    ASSERT_GT(before, 0);
+    // Kept, 200 such ids and keys would hold about 100 MiB.
+    EXPECT_LT(after - before, 24 * 1024) << before << " KiB before, " << after << " KiB after";
+}
+
+TEST_F(CommandLine, ALowDescriptorLimitLowersTheConnectionCapInsteadOfLockingClientsOut) {
+    if (std::system("command -v prlimit >/dev/null") != 0) {
+        GTEST_SKIP() << "prlimit (util-linux) is not installed";
+    }
+    ServeProcess server({"prlimit", "--nofile=256:256"}, {"--db", db});
+    ASSERT_NE(server.port(), 0);
+    const auto warning = std::find_if(
+        server.lines().begin(), server.lines().end(),
+        [](const std::string& line) { return line.find("max-connections lowered") != std::string::npos; });
+    ASSERT_NE(warning, server.lines().end());
+    const json lowered = json::parse(*warning);
+    EXPECT_EQ(lowered["level"], "warn");
+    EXPECT_EQ(lowered["maxConnections"], 256 - Server::kAdminConnections - Server::kOtherDescriptors);
+    // More clients than the cap: the extra ones are told to come back, and the probes still answer.
+    std::vector<std::unique_ptr<HttpClient>> clients;
+    int refused = 0;
+    for (int i = 0; i < 160; ++i) {
+        clients.push_back(std::make_unique<HttpClient>(server.port()));
+        refused += clients.back()->get("/nothing").status == 503 ? 1 : 0;
+    }
+    EXPECT_GT(refused, 0);
+    HttpClient probes(server.adminPort());
+    EXPECT_EQ(probes.get("/healthz").status, 200);
+}
+
 TEST_P(CommandLineOnEachStore, AppsAndCampaignsAreManaged) {
     ASSERT_EQ(
         run("import " + (examplesDir() / "places" / "munich.geojson").string() + " --db " + db).exitCode, 0);
@@ -264,10 +360,21 @@ TEST_F(CommandLine, SettingsComeFromAConfigFileAndTheEnvironmentToo) {
     }();
     EXPECT_EQ(env.exitCode, 2);
     EXPECT_NE(env.output.find("maybe"), std::string::npos) << env.output;
-    EXPECT_EQ(run("serve --db " + db + " --admin-token-file " + dir.write("short", "tiny\n") +
-                  " --listen 127.0.0.1:0 --admin-listen off")
-                  .exitCode,
-              1);
+    const auto serveWithToken = [&](const std::string& name, const std::string& token, bool private_) {
+        const std::string file = dir.write(name, token);
+        std::filesystem::permissions(
+            file, private_ ? std::filesystem::perms::owner_read
+                           : std::filesystem::perms::owner_read | std::filesystem::perms::others_read);
+        return run("serve --db " + db + " --admin-token-file " + file +
+                   " --listen 127.0.0.1:0 --admin-listen off");
+    };
+    const CommandResult shortToken = serveWithToken("short", "tiny\n", true);
+    EXPECT_EQ(shortToken.exitCode, 1);
+    EXPECT_NE(shortToken.output.find("shorter than 16"), std::string::npos) << shortToken.output;
+    const CommandResult readable = serveWithToken("readable", "0123456789abcdef-long-enough\n", false);
+    EXPECT_EQ(readable.exitCode, 1);
+    EXPECT_NE(readable.output.find("--admin-token-insecure-permissions"), std::string::npos)
+        << readable.output;
 }
 
 TEST_F(CommandLine, BadListenAddressesAreExplained) {

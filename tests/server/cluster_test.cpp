@@ -224,6 +224,8 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
                         .c_str()),
         0);
     const std::string tokenFile = dir.write("admin-token", kToken);
+    std::filesystem::permissions(tokenFile,
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 
     std::vector<std::unique_ptr<Replica>> replicas;
     for (int i = 0; i < kReplicas; ++i) {

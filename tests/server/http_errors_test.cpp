@@ -8,6 +8,8 @@
 
 #include <chrono>
 
+#include "admin_handler.h"
+#include "support/wait_until.h"
 #include "test_support.h"
 
 namespace tovrel::server::test {
@@ -192,6 +194,54 @@ TEST_F(HttpErrors, GarbageHttpIsABadRequest) {
     EXPECT_TRUE(raw.closed());
 }
 
+// The Content-Length of an answer's head, or -1.
+long contentLength(const std::string& head) {
+    const std::size_t at = head.find("\r\nContent-Length: ");
+    return at == std::string::npos ? -1 : std::stol(head.substr(at + 18));
+}
+
+// HEAD gets the head GET would get and no body, whatever the answer: a body would be read as the start
+// of the next answer on the connection.
+TEST(HeadRequests, AreAnsweredWithoutABodyOnEveryRouteOfBothListeners) {
+    ServerFixture::Options options;
+    options.configure = [](ServerOptions& o) {
+        o.adminAddress = "127.0.0.1";
+        o.adminToken = "0123456789abcdef-admin";
+    };
+    ServerFixture fx(options);
+    std::vector<std::pair<uint16_t, std::string>> targets;
+    for (const std::string& path : kAllEndpoints) {
+        targets.emplace_back(fx.port(), path);
+    }
+    for (const char* path : {"/appcontent/help.html", "/appcontent/missing.html", "/nothing", "/media/%zz"}) {
+        targets.emplace_back(fx.port(), path);
+    }
+    for (const char* path : {"/healthz", "/readyz", "/metrics", "/admin/v1/apps", "/nothing"}) {
+        targets.emplace_back(fx.adminPort(), path);
+    }
+    for (const auto& [port, path] : targets) {
+        RawConnection raw(port);
+        ASSERT_TRUE(raw.connected());
+        raw.send("HEAD " + path + " HTTP/1.1\r\nHost: x\r\n\r\nGET /nothing HTTP/1.1\r\nHost: x\r\n\r\n");
+        std::string both;
+        for (int i = 0;
+             i < 100 && !raw.closed() && both.find("\r\n\r\n", both.find("HTTP/1.1", 1)) == std::string::npos;
+             ++i) {
+            both += raw.readAll(50);
+        }
+        const std::size_t headEnd = both.find("\r\n\r\n");
+        ASSERT_NE(headEnd, std::string::npos) << path;
+        const std::string head = both.substr(0, headEnd);
+        EXPECT_GE(contentLength(head), 0) << path << "\n" << head;
+        if (head.find("Connection: close") != std::string::npos) {
+            EXPECT_EQ(both.size(), headEnd + 4) << path << "\n" << both.substr(0, 400);
+        } else {
+            // The second answer starts right after the first head.
+            EXPECT_EQ(both.compare(headEnd + 4, 9, "HTTP/1.1 "), 0) << path << "\n" << both.substr(0, 400);
+        }
+    }
+}
+
 TEST_F(HttpErrors, QueryStringsDoNotChangeTheEndpoint) {
     const HttpResult r =
         fx.client().post("/v1/log?x=1", json{{"deviceid", "D"}, {"message", {{"e", 1}}}}.dump());
@@ -313,6 +363,78 @@ TEST(ConnectionLimits, OneClientCannotLockTheOthersOutAndTheTotalIsCapped) {
         served = next.readAll(2000).rfind("HTTP/1.1 200", 0) == 0;
     }
     EXPECT_TRUE(served);
+}
+
+TEST(ConnectionLimits, ANetworkIsCappedAsAWholeWhenAskedTo) {
+    ServerFixture::Options options;
+    options.maxConnectionsPerAddress = 3;
+    options.configure = [](ServerOptions& o) { o.maxConnectionsPerPrefix = 4; };
+    ServerFixture fx(options);
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    for (const char* from : {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.2"}) {
+        idle.push_back(std::make_unique<RawConnection>(fx.port(), from));
+        ASSERT_TRUE(idle.back()->connected());
+    }
+    const auto served = [&](const char* from) {
+        RawConnection next(fx.port(), from);
+        next.send("GET /appcontent/help.html HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+        return next.readAll(3000).rfind("HTTP/1.1 200", 0) == 0;
+    };
+    // A fifth address of the same /24 is refused; another network is not.
+    EXPECT_FALSE(served("127.0.0.3"));
+    EXPECT_TRUE(served("127.0.1.1"));
+}
+
+// The admin listener must answer probes whatever other clients hold: idle connections give way to new
+// ones, a request without the token is refused before its body, and the token's holders are capped.
+TEST(AdminListener, ProbesAnswerWhileItsConnectionsAreHeldIdleOrUploading) {
+    constexpr const char* kToken = "0123456789abcdef-admin";
+    ServerFixture::Options options;
+    options.configure = [](ServerOptions& o) {
+        o.adminAddress = "127.0.0.1";
+        o.adminToken = kToken;
+    };
+    ServerFixture fx(options);
+    std::vector<std::unique_ptr<RawConnection>> held;
+    for (int i = 0; i < Server::kAdminConnections; ++i) {
+        held.push_back(std::make_unique<RawConnection>(fx.adminPort()));
+        // Half of them trickle a header that never ends.
+        if (i % 2 == 0) {
+            held.back()->send("GET /metrics HTTP/1.1\r\nHost: x\r\n");
+        }
+    }
+    std::vector<std::unique_ptr<RawConnection>> uploads;
+    for (int i = 0; i < AdminHandler::kMaxAdminRequests; ++i) {
+        uploads.push_back(std::make_unique<RawConnection>(fx.adminPort()));
+        uploads.back()->send(
+            std::string("POST /admin/v1/places HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer ") + kToken +
+            "\r\nContent-Length: 100000\r\n\r\n{");
+    }
+    HttpClient probes(fx.adminPort());
+    EXPECT_EQ(probes.get("/healthz").status, 200);
+    EXPECT_EQ(probes.get("/metrics").status, 200);
+    EXPECT_EQ(probes.get("/readyz").status, 200);
+
+    const auto firstLine = [&](const std::string& request) {
+        RawConnection raw(fx.adminPort());
+        raw.send(request);
+        const std::string answer = raw.readAll(3000);
+        return answer.substr(0, answer.find("\r\n"));
+    };
+    // Over the cap of uploads at once, and without the token: refused before a byte of the body.
+    EXPECT_EQ(firstLine(std::string("POST /admin/v1/places HTTP/1.1\r\nHost: x\r\nAuthorization: bearer ") +
+                        kToken + "\r\nContent-Length: 1000000\r\n\r\n"),
+              "HTTP/1.1 503 Service Unavailable");
+    EXPECT_EQ(firstLine("POST /admin/v1/places HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n"),
+              "HTTP/1.1 401 Unauthorized");
+    uploads.clear();
+    EXPECT_TRUE(tovrel::test::waitUntil(
+        [&] {
+            return probes
+                       .request("GET", "/admin/v1/apps", {}, {std::string("Authorization: Bearer ") + kToken})
+                       .status == 200;
+        },
+        std::chrono::seconds(5)));
 }
 
 TEST(RateLimits, AClientOverItsBudgetIsToldToSlowDownAndOthersAreNot) {

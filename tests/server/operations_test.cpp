@@ -109,6 +109,34 @@ TEST(BusyDatabase, WritesAreRefusedWithRetryAfterWhileReadsOfMemoryGoOn) {
     EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM device_tags"), std::vector<std::string>{"1"});
 }
 
+TEST(BusyDatabase, WritesQueuedBehindABusyOneAreRefusedTogether) {
+    ServerFixture fixture;
+    const std::string key = fixture.startSession("QUEUED");
+    WriteLock lock(fixture.dbPath());
+    ASSERT_TRUE(lock.held());
+    constexpr int kWriters = 40;
+    std::vector<std::future<std::pair<long, double>>> answers;
+    for (int i = 0; i < kWriters; ++i) {
+        answers.push_back(std::async(std::launch::async, [&, i] {
+            HttpClient client(fixture.port());
+            const auto started = std::chrono::steady_clock::now();
+            const HttpResult r =
+                client.post("/v1/devicetag/update",
+                            json{{"sessionKey", key}, {"tag", "t" + std::to_string(i)}, {"tagValue", "v"}});
+            return std::pair(
+                r.status, std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+        }));
+    }
+    double slowest = 0;
+    for (auto& answer : answers) {
+        const auto [status, seconds] = answer.get();
+        EXPECT_EQ(status, 503);
+        slowest = std::max(slowest, seconds);
+    }
+    // Each waiting its own busy timeout (250 ms) would take ten seconds for the last one.
+    EXPECT_LT(slowest, 2.5) << "the last of " << kWriters << " writes waited " << slowest << " s";
+}
+
 TEST(BusyDatabase, StopAnswersRequestsStillWaitingForTheDatabase) {
     ServerFixture fixture;
     const std::string key = fixture.startSession("WAITER");

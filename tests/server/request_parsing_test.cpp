@@ -52,13 +52,28 @@ TEST(RequestFields, IdentifiersAreWholeAndNotNegative) {
     }
 }
 
-TEST(RequestFields, StringsMustBeStrings) {
-    const json req = json::parse(R"({"s": "x", "n": 1})");
-    EXPECT_EQ(requireString(req, "s"), "x");
-    EXPECT_EQ(statusOf([&] { requireString(req, "n"); }), 400u);
-    EXPECT_EQ(statusOf([&] { requireString(req, "missing"); }), 400u);
-    EXPECT_EQ(optionalString(req, "missing", "fallback"), "fallback");
-    EXPECT_EQ(statusOf([&] { optionalString(req, "n", ""); }), 400u);
+TEST(RequestFields, StringsAreStringsWithinTheirLimitAndWithoutNul) {
+    const json req = json::parse(R"({"s": "xyz", "n": 1, "nul": "a\u0000b", "utf8": "\u00e9\u00e9"})");
+    EXPECT_EQ(requireString(req, "s", 3), "xyz");
+    EXPECT_EQ(optionalString(req, "s", 3, ""), "xyz");
+    EXPECT_EQ(optionalString(req, "missing", 3, "fallback"), "fallback");
+    // The limit counts bytes: two two-byte characters are four.
+    EXPECT_EQ(requireString(req, "utf8", 4), "\xc3\xa9\xc3\xa9");
+    for (const char* name : {"n", "missing", "nul"}) {
+        EXPECT_EQ(statusOf([&] { requireString(req, name, 100); }), 400u) << name;
+    }
+    EXPECT_EQ(statusOf([&] { optionalString(req, "n", 100, ""); }), 400u);
+    EXPECT_EQ(statusOf([&] { optionalString(req, "nul", 100, ""); }), 400u);
+    for (const char* name : {"s", "utf8"}) {
+        try {
+            requireString(req, name, std::string(name) == "s" ? 2 : 3);
+            ADD_FAILURE() << name << " passed its limit";
+        } catch (const ApiError& e) {
+            EXPECT_EQ(e.status(), 400u);
+            EXPECT_NE(std::string(e.what()).find(std::string("\"") + name + "\""), std::string::npos)
+                << e.what();
+        }
+    }
 }
 
 TEST(RequestFields, BodiesMustBeShallowJsonObjects) {

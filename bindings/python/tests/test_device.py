@@ -14,7 +14,8 @@ def test_version_and_bad_arguments_are_errors_not_crashes(tmp_path):
     assert [int(part) for part in tovrel.__version__.split(".")] >= [1, 2, 4]
 
     cases = [dict(service_url="ftp://127.0.0.1"), dict(gpsd="127.0.0.1:99999"),
-             dict(replay=tmp_path / "walk.gpx", speed=0), dict(application_id="../up")]
+             dict(replay=tmp_path / "walk.gpx", speed=0), dict(application_id="../up"),
+             dict(application_id="app\0cut short"), dict(service_url="http://127.0.0.1\0.evil")]
     for arguments in cases:
         with pytest.raises(tovrel.TovrelError) as refused:
             tovrel.Device(data_directory=tmp_path, **arguments)

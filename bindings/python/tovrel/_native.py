@@ -103,8 +103,15 @@ def check(status):
 
 
 def text(value):
-    """A Python string as the UTF-8 the C interface takes (None stays NULL)."""
-    return None if value is None else os.fsencode(value) if isinstance(value, os.PathLike) else value.encode("utf-8")
+    """A Python string as the UTF-8 the C interface takes (None stays NULL). C would read a string with a
+    NUL character only up to it, so such a string is refused rather than cut short."""
+    if value is None:
+        return None
+    encoded = os.fsencode(value) if isinstance(value, os.PathLike) else value.encode("utf-8")
+    if b"\0" in encoded:
+        raise TovrelError(Status.INVALID_ARGUMENT, "a string passed to tovrel must not hold a NUL character: %r"
+                          % (value if len(str(value)) <= 64 else str(value)[:64] + "..."))
+    return encoded
 
 
 def version():

@@ -43,6 +43,9 @@ struct ServerOptions {
     /// Open connections at most from one remote address (the same 503 beyond), so that one client
     /// holding idle connections cannot lock the others out.
     int maxConnectionsPerAddress = 256;
+    /// Open connections at most from one network (a /24 of IPv4, a /64 of IPv6), the same 503 beyond;
+    /// 0 (the default): no such cap. Holds off a client with many addresses of one network.
+    int maxConnectionsPerPrefix = 0;
     /// Requests a second one client address may make on average (bursts of twice that); more are
     /// answered 429 with Retry-After before their body is read. 0 (the default) turns the limit off:
     /// behind a reverse proxy every client shares the proxy's address.
@@ -77,6 +80,12 @@ struct ServerOptions {
     /// PEM certificate chain and private key: both set serves the API over HTTPS only.
     std::string tlsCertificateFile;
     std::string tlsKeyFile;
+    /// OpenSSL cipher list offered over TLS 1.2 (TLS 1.3 keeps its own suites); empty: only suites with
+    /// forward secrecy and authenticated encryption (ECDHE/DHE with AES-GCM or ChaCha20-Poly1305).
+    std::string tlsCiphers;
+    /// The same for the admin listener: both set serves it over HTTPS only.
+    std::string adminTlsCertificateFile;
+    std::string adminTlsKeyFile;
     /// Address of the admin listener (health, readiness, metrics, the admin API); empty: none.
     std::string adminAddress;
     /// Its port; 0 picks a free one (read it back from adminPort()).
@@ -100,8 +109,29 @@ struct Reply {
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static
 /// pages. Construction opens (and migrates) the database and loads the places into memory;
 /// start() begins serving. All member functions may be called from any thread.
+/// What fitDescriptorLimit() found and changed.
+struct DescriptorFit {
+    std::uint64_t softBefore = 0;  ///< the soft RLIMIT_NOFILE at start
+    std::uint64_t soft = 0;        ///< the soft limit now
+    std::uint64_t hard = 0;
+    int maxConnectionsBefore = 0;  ///< as asked for
+    int maxConnections = 0;        ///< as it now stands in the options
+    bool lowered() const { return maxConnections < maxConnectionsBefore; }
+};
+
+/// Raises the soft limit of open descriptors toward the hard one as far as the connection caps need,
+/// and lowers `options.maxConnections` when even that cannot hold every connection they allow beside
+/// the descriptors the server needs otherwise (the admin listener's connections, the database's, its
+/// files). Call before the Server is made. Main thread.
+DescriptorFit fitDescriptorLimit(ServerOptions& options);
+
 class Server {
   public:
+    /// Connections the admin listener holds at most; a new one beyond closes the longest-open idle one.
+    static constexpr int kAdminConnections = 64;
+    /// Descriptors the server keeps for what is not a connection (database, files, event loops).
+    static constexpr int kOtherDescriptors = 64;
+
     /// Opens the database; throws std::runtime_error when it cannot be opened or migrated.
     explicit Server(ServerOptions options);
     /// Stops serving (as stop()) and closes the database.
