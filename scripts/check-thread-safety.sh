@@ -2,7 +2,7 @@
 # Clang's thread-safety analysis over the locked state that is annotated: every member marked
 # TOVREL_GUARDED_BY is touched with its mutex held and every TOVREL_REQUIRES function is called so
 # (include/tovrel/platform/thread_annotations.h). Covers tovrel-server, the linux backend's location
-# services and the virtual scheduler. Syntax only, so it costs no build; fails on the first warning.
+# services, the virtual scheduler and the simulator's request watch. Syntax only, so it costs no build; fails on the first warning.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,7 +23,8 @@ find server/src -name '*.cpp' -print0 | sort -z |
 backend_files=(
     platform/linux/src/linux_location_services.cpp
     platform/virtual/src/virtual_scheduler.cpp
+    tools/sim/request_watch.cpp
 )
 printf '%s\0' "${backend_files[@]}" |
     analyse -Iinclude -Iplatform/linux/include -Iplatform/virtual/include -Iplatform/paths/include
-echo "check-thread-safety: tovrel-server's, the location services' and the virtual scheduler's locks are held where they must be"
+echo "check-thread-safety: tovrel-server's, the location services', the virtual scheduler's and the request watch's locks are held where they must be"

@@ -1,9 +1,14 @@
-// Runs the tovrel-sim binary on the example routes against its embedded service and checks what the
-// component did, from the events file.
+// Runs the tovrel-sim binary on the example routes against its embedded service (or one that never
+// answers) and checks what the component did, from the events file, and what the run said.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -56,6 +61,37 @@ struct SimRun {
         }
         return out;
     }
+};
+
+/// A service on 127.0.0.1 that takes every connection (the kernel completes it from the backlog) and
+/// never answers.
+class SilentService {
+  public:
+    SilentService() : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+            ::listen(fd_, 16) == 0 &&
+            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+            port_ = ntohs(address.sin_port);
+        }
+    }
+    ~SilentService() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    SilentService(const SilentService&) = delete;
+    SilentService& operator=(const SilentService&) = delete;
+
+    [[nodiscard]] int port() const { return port_; }
+    [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+  private:
+    int fd_;
+    int port_ = 0;
 };
 
 class SimScenario : public ::testing::Test {
@@ -219,6 +255,11 @@ TEST_F(SimScenario, BadInputExitsWithStatusTwoNamingTheProblem) {
     EXPECT_EQ(run.exitStatus, 2);
     run = sim("--route " + route("held-offer-walk.csv") + " --answer maybe");
     EXPECT_EQ(run.exitStatus, 2);
+    for (const char* timeout : {"0", "0.09", "3601", "soon"}) {
+        run = sim("--route " + route("held-offer-walk.csv") + " --http-timeout " + timeout);
+        EXPECT_EQ(run.exitStatus, 2) << timeout;
+        EXPECT_NE(run.stderrText.find("--http-timeout"), std::string::npos) << run.stderrText;
+    }
     run = sim("");
     EXPECT_EQ(run.exitStatus, 2);
     run = sim("--route " + route("held-offer-walk.csv") + " --places /nonexistent/places.geojson");
@@ -241,6 +282,42 @@ TEST_F(SimScenario, ASessionThatNeverStartsEndsTheRunWithStatusThree) {
     EXPECT_EQ(run.exitStatus, 3) << run.stderrText;
     EXPECT_EQ(run.requestsTo("/v1/session").size(), 2u);
     EXPECT_NE(run.stderrText.find("127.0.0.1:1"), std::string::npos) << run.stderrText;
+}
+
+TEST_F(SimScenario, ASilentServiceIsReportedWhileTheRunWaitsForItsAnswer) {
+    // The virtual clock stands still while a request is in flight: the run waits out --http-timeout in
+    // wall time, and says so every 5 s.
+    const SilentService service;
+    ASSERT_GT(service.port(), 0);
+    const auto timed = [this](const std::string& arguments, double& seconds) {
+        const auto start = std::chrono::steady_clock::now();
+        SimRun run = sim(arguments);
+        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        return run;
+    };
+    const std::string silent = "--route " + route("city-walk.csv") + " --service " + service.url();
+    double seconds = 0;
+
+    SimRun run = timed(silent + " --http-timeout 6 --session-attempts 1", seconds);
+    EXPECT_EQ(run.exitStatus, 3) << run.stderrText;
+    EXPECT_GE(seconds, 5.5);
+    EXPECT_LT(seconds, 20);
+    const std::string waiting = "tovrel-sim: waiting 5 s for POST " + service.url() +
+                                "/v1/session (gives up after 6 s, --http-timeout)\n";
+    const auto first = run.stderrText.find(waiting);
+    ASSERT_NE(first, std::string::npos) << run.stderrText;
+    EXPECT_EQ(run.stderrText.find(waiting, first + 1), std::string::npos) << run.stderrText;
+    EXPECT_EQ(run.stderrText.find("waiting 10 s"), std::string::npos) << run.stderrText;
+    EXPECT_NE(run.stderrText.find("timed out after 6.0 s"), std::string::npos) << run.stderrText;
+
+    // Requests that give up within the interval are never reported.
+    run = timed(silent + " --http-timeout 1 --session-attempts 2", seconds);
+    EXPECT_EQ(run.exitStatus, 3) << run.stderrText;
+    EXPECT_GE(seconds, 1.8);
+    EXPECT_LT(seconds, 20);
+    EXPECT_EQ(run.requestsTo("/v1/session").size(), 2u);
+    EXPECT_EQ(run.stderrText.find("waiting"), std::string::npos) << run.stderrText;
+    EXPECT_NE(run.stderrText.find("timed out after 1.0 s"), std::string::npos) << run.stderrText;
 }
 
 TEST_F(SimScenario, MaxDurationCutsTheRouteAndHeadersAreRead) {

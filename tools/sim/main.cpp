@@ -60,6 +60,11 @@ void addDeviceOptions(CLI::App* command, tovrel::sim::SimOptions& options, Devic
                         "Places for the embedded service (GeoJSON; default: the example data set)");
     command->add_option("--service", arguments.service,
                         "Talk to this service (base URL) instead of the embedded one");
+    command
+        ->add_option("--http-timeout", options.httpTimeoutSeconds,
+                     "Give up on a request to the service after this many seconds (default 30); one "
+                     "unanswered for 5 s is reported on stderr every 5 s")
+        ->check(CLI::Range(0.1, 3600.0));
     command->add_option("--sdk-key", options.sdkKey,
                         "The SDK key (default: the example key the embedded service knows)");
     command

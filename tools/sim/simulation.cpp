@@ -14,6 +14,7 @@
 #include "html_report.h"
 #include "in_process_service.h"
 #include "observed_ports.h"
+#include "request_watch.h"
 #include "tovrel/curl/curl_http_client.h"
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
@@ -149,11 +150,37 @@ std::string describeForTimeline(const json& event) {
     return line.str();
 }
 
+/// The libcurl client as the virtual backend forwards to it. Page loads (send) get the run's
+/// whole-request limit too: the forwarded request carries only the default one.
+class TimedForwarding final : public platform::HttpClient {
+  public:
+    TimedForwarding(std::shared_ptr<platform::HttpClient> inner, double timeoutSeconds)
+        : inner_(std::move(inner)), timeoutSeconds_(timeoutSeconds) {}
+    /// The scheduler's thread. Passed on as it is: the client's own limit applies.
+    void postJson(const std::string& url, const json& body, platform::JsonCompletion completion) override {
+        inner_->postJson(url, body, std::move(completion));
+    }
+    /// The scheduler's thread. Passed on with the run's limit.
+    void send(platform::HttpRequest request, platform::ResponseCompletion completion) override {
+        request.timeoutSeconds = timeoutSeconds_;
+        inner_->send(std::move(request), std::move(completion));
+    }
+
+  private:
+    std::shared_ptr<platform::HttpClient> inner_;
+    double timeoutSeconds_;
+};
+
+/// Records every request and answer; tells `watch` (when given) which requests are open. The
+/// scheduler's thread: requests are made there and forwarded answers are posted to it.
 class HttpEvents final : public virtualbackend::HttpListener {
   public:
-    HttpEvents(EventLog& events, std::map<std::string, std::size_t>& requestsByPath)
-        : events_(events), requestsByPath_(requestsByPath) {}
+    HttpEvents(EventLog& events, std::map<std::string, std::size_t>& requestsByPath, RequestWatch* watch)
+        : events_(events), requestsByPath_(requestsByPath), watch_(watch) {}
     void onRequest(const virtualbackend::RecordedRequest& request) override {
+        if (watch_ != nullptr) {
+            watch_->begin(request.id, request.method + " " + request.url);
+        }
         // The endpoints one by one; pages (the offer view's GETs) all together.
         ++requestsByPath_[request.method == "POST" ? request.path : request.method + " pages"];
         if (!events_.wantsEvents()) {
@@ -169,6 +196,9 @@ class HttpEvents final : public virtualbackend::HttpListener {
     }
     void onResponse(const virtualbackend::RecordedRequest& request, int status, const std::string& body,
                     const std::optional<platform::HttpError>& error, const json* parsed) override {
+        if (watch_ != nullptr) {
+            watch_->end(request.id);
+        }
         if (!events_.wantsEvents()) {
             events_.count("response");
             if (parsed != nullptr && events_.tracker() != nullptr) {
@@ -196,6 +226,7 @@ class HttpEvents final : public virtualbackend::HttpListener {
   private:
     EventLog& events_;
     std::map<std::string, std::size_t>& requestsByPath_;
+    RequestWatch* watch_;
 };
 
 class ProgressBar {
@@ -328,10 +359,26 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
 
     std::shared_ptr<curl::CurlHttpClient> curl;
     if (options.inProcess == nullptr) {
-        curl = std::make_shared<curl::CurlHttpClient>(scheduler);
-        vp.http->forwardTo(curl);
+        curl::CurlOptions curlOptions;
+        curlOptions.totalTimeoutSeconds = options.httpTimeoutSeconds;
+        curl = std::make_shared<curl::CurlHttpClient>(scheduler, curlOptions);
+        vp.http->forwardTo(std::make_shared<TimedForwarding>(curl, options.httpTimeoutSeconds));
+        // The clock must wait for a slow answer as long as the client does (and never less than it
+        // always has).
+        scheduler.setExternalWorkTimeout(std::max(60.0, 2 * options.httpTimeoutSeconds));
     }
-    HttpEvents httpEvents(events, outcome.requestsByPath);
+    // Only a service elsewhere is watched: the embedded one answers in microseconds.
+    std::optional<RequestWatch> watch;
+    if (options.inProcess == nullptr && options.serviceURL) {
+        const bool terminal = isatty(STDERR_FILENO) != 0;
+        watch.emplace(options.httpTimeoutSeconds, [terminal](const std::string& line) {
+            // On a terminal the line replaces a progress line drawn there, which is drawn anew later.
+            std::cerr << (terminal ? "\r" + std::string(60, ' ') + "\r" : std::string())
+                      << "tovrel-sim: " << line << '\n'
+                      << std::flush;
+        });
+    }
+    HttpEvents httpEvents(events, outcome.requestsByPath, watch ? &*watch : nullptr);
     vp.http->setListener(&httpEvents);
     vp.http->setKeepRequests(false);
 
@@ -540,6 +587,9 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         vp.application->terminate();
         scheduler.runUntilIdle();
         recordOfferViews();
+    }
+    if (watch) {
+        watch->stop();
     }
 
     if (options.stateDir) {

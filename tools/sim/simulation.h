@@ -27,6 +27,8 @@ struct SimOptions {
     std::filesystem::path placesFile;       ///< for the embedded service
     std::filesystem::path contentDir;       ///< pages the embedded service serves
     std::optional<std::string> serviceURL;  ///< talk to this service instead of the embedded one
+    /// Whole-request limit of every request over HTTP (to serviceURL or the embedded service).
+    double httpTimeoutSeconds = 30;
     std::string sdkKey = "demo-key";
     bool presentNotifications = true;
     bool presentOfferView = true;
