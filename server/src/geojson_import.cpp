@@ -9,11 +9,14 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "catalog_data.h"
+#include "field_limits.h"
 
 namespace tovrel::server {
 namespace {
@@ -55,6 +58,45 @@ struct Where {
     throw Fault{where.pointer + std::string(member), where.text + ": " + what};
 }
 
+/// A control character as "U+001F".
+std::string codePoint(unsigned char c) {
+    constexpr std::string_view kHex = "0123456789ABCDEF";
+    return std::string("U+00") + kHex[c >> 4] + kHex[c & 0xF];
+}
+
+bool isControl(char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20 || u == 0x7F;
+}
+
+/// `value` between `mark`s for a message, control characters written as \u001F. Longer than
+/// limits::kQuotedValue bytes, it is cut between two UTF-8 characters and followed by "…" and its
+/// whole length, so that no message grows with the file.
+std::string quote(std::string_view value, char mark = '"') {
+    std::size_t shown = value.size();
+    if (shown > limits::kQuotedValue) {
+        shown = limits::kQuotedValue;
+        // Continuation bytes (10xxxxxx) belong to the character before them.
+        for (int back = 0; back < 3 && (static_cast<unsigned char>(value[shown]) & 0xC0) == 0x80; ++back) {
+            --shown;
+        }
+    }
+    std::string out(1, mark);
+    for (const char c : value.substr(0, shown)) {
+        out += isControl(c) ? "\\u" + codePoint(static_cast<unsigned char>(c)).substr(2) : std::string(1, c);
+    }
+    if (shown == value.size()) {
+        return out + mark;
+    }
+    return out + "…" + mark + " (" + std::to_string(value.size()) + " bytes)";
+}
+
+/// The JSON Pointer of `key` in the object at `object`: the object's own when the key is too long to
+/// repeat (an unknown member's name can be as long as the file).
+std::string memberPointer(const std::string& object, const std::string& key) {
+    return key.size() > limits::kQuotedValue ? object : object + (json::json_pointer() / key).to_string();
+}
+
 /// Refuses a member outside `allowed`: a mistyped name ("dwelltime") would otherwise import as the
 /// default silently. Names that differ only in case are suggested.
 void onlyMembers(const json& object, std::initializer_list<std::string_view> allowed, const Where& where,
@@ -68,13 +110,13 @@ void onlyMembers(const json& object, std::initializer_list<std::string_view> all
         if (std::find(allowed.begin(), allowed.end(), key) != allowed.end()) {
             continue;
         }
-        std::string message = "unknown member \"" + key + "\" in " + what;
+        std::string message = "unknown member " + quote(key) + " in " + what;
         for (const std::string_view name : allowed) {
             if (lower(name) == lower(key)) {
                 message += " (did you mean \"" + std::string(name) + "\"?)";
             }
         }
-        fail(where, (json::json_pointer() / key).to_string(), message);
+        fail(where, memberPointer("", key), message);
     }
 }
 
@@ -123,6 +165,45 @@ int64_t requireId(const json& object, const char* name, const Where& where, cons
     return *id;
 }
 
+/// What a text member may hold: at most maxBytes bytes, and no control character but, where
+/// lineBreaks, newline and tab.
+struct TextRule {
+    std::size_t maxBytes;
+    bool lineBreaks = false;
+};
+
+constexpr TextRule kAppKey{limits::kSdkKey};
+constexpr TextRule kAppName{limits::kAppName};
+constexpr TextRule kCampaignName{limits::kCampaignName};
+constexpr TextRule kDate{limits::kDate};
+constexpr TextRule kPlaceName{limits::kPlaceName};
+constexpr TextRule kOfferEventName{limits::kOfferEventName};
+constexpr TextRule kAlertText{limits::kAlertText, true};
+constexpr TextRule kMediaType{limits::kMediaType};
+constexpr TextRule kMediaUrl{limits::kMediaUrl};
+
+void checkLength(std::string_view text, std::size_t maxBytes, const Where& where, const std::string& path) {
+    if (text.size() > maxBytes) {
+        fail(where, pointerOf(path),
+             path + " is " + std::to_string(text.size()) + " bytes long; at most " +
+                 std::to_string(maxBytes) + " are allowed");
+    }
+}
+
+void checkText(std::string_view text, TextRule rule, const Where& where, const std::string& path) {
+    checkLength(text, rule.maxBytes, where, path);
+    const auto control = std::find_if(text.begin(), text.end(), [&](char c) {
+        return isControl(c) && !(rule.lineBreaks && (c == '\n' || c == '\t'));
+    });
+    if (control != text.end()) {
+        fail(where, pointerOf(path),
+             path + " must not contain control characters" +
+                 (rule.lineBreaks ? " other than newline and tab" : "") + " (" +
+                 codePoint(static_cast<unsigned char>(*control)) + " at byte offset " +
+                 std::to_string(control - text.begin()) + ")");
+    }
+}
+
 std::string optionalString(const json& object, const char* name, const Where& where, const std::string& path,
                            const std::string& fallback) {
     const json* v = member(object, name);
@@ -135,11 +216,20 @@ std::string optionalString(const json& object, const char* name, const Where& wh
     return v->get<std::string>();
 }
 
-std::string requireString(const json& object, const char* name, const Where& where, const std::string& path) {
+/// The string member `name`, or fallback when there is none; refused when it breaks `rule`.
+std::string optionalString(const json& object, const char* name, const Where& where, const std::string& path,
+                           const std::string& fallback, TextRule rule) {
+    std::string text = optionalString(object, name, where, path, fallback);
+    checkText(text, rule, where, path);
+    return text;
+}
+
+std::string requireString(const json& object, const char* name, const Where& where, const std::string& path,
+                          TextRule rule) {
     if (!member(object, name)) {
         fail(where, pointerOf(path), "missing " + path);
     }
-    return optionalString(object, name, where, path, "");
+    return optionalString(object, name, where, path, "", rule);
 }
 
 CampaignDef parseCampaign(const json& c, const Where& where) {
@@ -148,24 +238,25 @@ CampaignDef parseCampaign(const json& c, const Where& where) {
     }
     onlyMembers(c, {"name", "startDate", "endDate", "perDeviceCap"}, where, "a campaign");
     CampaignDef def;
-    def.name = requireString(c, "name", where, "name");
+    def.name = requireString(c, "name", where, "name", kCampaignName);
     if (def.name.empty()) {
         fail(where, "/name", "name must not be empty");
     }
-    def.startDate = optionalString(c, "startDate", where, "startDate", "");
-    def.endDate = optionalString(c, "endDate", where, "endDate", "");
+    def.startDate = optionalString(c, "startDate", where, "startDate", "", kDate);
+    def.endDate = optionalString(c, "endDate", where, "endDate", "", kDate);
     if (!def.startDate.empty()) {
         def.startTime = parseIsoTime(def.startDate, false);
         if (!def.startTime) {
             fail(where, "/startDate",
-                 "startDate \"" + def.startDate + "\" is not a date like 2020-01-31 or 2020-01-31T08:00:00Z");
+                 "startDate " + quote(def.startDate) +
+                     " is not a date like 2020-01-31 or 2020-01-31T08:00:00Z");
         }
     }
     if (!def.endDate.empty()) {
         def.endTime = parseIsoTime(def.endDate, true);
         if (!def.endTime) {
             fail(where, "/endDate",
-                 "endDate \"" + def.endDate + "\" is not a date like 2035-12-31 or 2035-12-31T20:00:00Z");
+                 "endDate " + quote(def.endDate) + " is not a date like 2035-12-31 or 2035-12-31T20:00:00Z");
         }
     }
     if (def.startTime && def.endTime && *def.startTime > *def.endTime) {
@@ -223,6 +314,63 @@ class IdMap {
     }
     std::vector<Slot> slots_;
     std::size_t used_ = 0;
+};
+
+/// One step into a JSON value: a member's name, or an array's element when index is set.
+struct Step {
+    std::string name;
+    std::optional<std::size_t> index;
+};
+
+/// Where a path into the file leads, in the words and pointers of the other problems.
+struct Located {
+    Where where;         ///< "places.geojson: feature 1: offer 2", "/features/0/properties/offers/1"
+    std::string member;  ///< within it, dotted, elements as [i]: "geometry.coordinates[0]"
+    std::optional<std::size_t> feature;
+};
+
+/// Names features, and the offers, campaigns and apps within them and the collection, by number as
+/// the checks do; any other step becomes part of the member. A name too long to repeat ends the path
+/// at the object that holds it.
+Located locate(const std::vector<Step>& steps, const std::string& label) {
+    static const std::map<std::string, std::string> kNumbered{{"features", "feature"},
+                                                              {"properties.offers", "offer"},
+                                                              {"properties.campaigns", "campaign"},
+                                                              {"properties.apps", "app"}};
+    Located at{{label, ""}, "", std::nullopt};
+    for (const Step& step : steps) {
+        if (step.index) {
+            at.where.pointer += "/" + std::to_string(*step.index);
+            const auto numbered = kNumbered.find(at.member);
+            if (numbered == kNumbered.end()) {
+                at.member += "[" + std::to_string(*step.index) + "]";
+                continue;
+            }
+            at.where.text += ": " + numbered->second + " " + std::to_string(*step.index + 1);
+            if (numbered->first == "features") {
+                at.feature = *step.index + 1;
+            }
+            at.member.clear();
+            continue;
+        }
+        if (step.name.size() > limits::kQuotedValue) {
+            break;
+        }
+        if (at.member == "campaign") {
+            // An offer's own campaign object, named as its checks name it.
+            at.where.text += ": campaign";
+            at.member.clear();
+        }
+        at.where.pointer = memberPointer(at.where.pointer, step.name);
+        at.member += (at.member.empty() ? "" : ".") + step.name;
+    }
+    return at;
+}
+
+/// A line and column of the file, counted from 1.
+struct TextPosition {
+    std::size_t line;
+    std::size_t column;
 };
 
 /// Checks the collection's members and one feature at a time, and gathers what is valid into a
@@ -291,6 +439,8 @@ class Checker {
         fatal("/features", top_.text + ": missing features (an array of Point features)");
     }
     void featuresStart() { featuresSeen_ = true; }
+    /// How many features were read so far (the next one's index).
+    std::size_t featuresRead() const { return features_; }
 
     void feature(const json& f) {
         const auto number = static_cast<uint32_t>(++features_);
@@ -303,11 +453,31 @@ class Checker {
 
     void notAnObject() { rootNotObject_ = true; }
 
-    void syntaxError(const nlohmann::detail::exception& e) {
+    /// The file ends at a number beyond a double's range (the parser stops there); `steps` lead to it.
+    void numberTooLarge(const std::vector<Step>& steps, const std::string& number,
+                        std::optional<TextPosition> position) {
+        const Located at = locate(steps, label_);
+        const std::string where = position ? " at line " + std::to_string(position->line) + ", column " +
+                                                 std::to_string(position->column)
+                                           : "";
+        syntax_ = {at.feature, at.where.pointer,
+                   at.where.text + (at.member.empty() ? "" : ": " + at.member) + ": the number " +
+                       quote(number) + where + " is out of range (numbers must lie within about ±1.8e308)"};
+    }
+
+    /// The parser's own error; `token` is what it read last, which its message repeats.
+    void syntaxError(const nlohmann::detail::exception& e, const std::string& token) {
         std::string text = e.what();
         if (dynamic_cast<const json::parse_error*>(&e) == nullptr) {
-            syntax_ = label_ + ": not usable JSON (" + text + ")";
+            syntax_ = {std::nullopt, "", label_ + ": not usable JSON (" + text + ")"};
             return;
+        }
+        if (token.size() > limits::kQuotedValue) {
+            // An unterminated string is read to the end of the file: its message must not be as long.
+            const std::string lastRead = "; last read: '" + token + "'";
+            if (const auto at = text.find(lastRead); at != std::string::npos) {
+                text.replace(at, lastRead.size(), "; last read: " + quote(token, '\''));
+            }
         }
         // "[json.exception.parse_error.101] parse error at line 3, column 16: syntax error ..."
         std::string where;
@@ -318,13 +488,13 @@ class Checker {
         } else if (const auto p = text.find(": ", text.find("parse error")); p != std::string::npos) {
             text = text.substr(p + 2);
         }
-        syntax_ = label_ + ": " + where + "not valid JSON (" + text + ")";
+        syntax_ = {std::nullopt, "", label_ + ": " + where + "not valid JSON (" + text + ")"};
     }
 
     PlaceFileCheck finish() {
         PlaceFileCheck result;
         if (syntax_) {
-            result.problems.push_back({std::nullopt, "", *syntax_});
+            result.problems.push_back(std::move(*syntax_));
             return result;
         }
         if (rootNotObject_) {
@@ -380,7 +550,8 @@ class Checker {
             fail(where, "", "an app must be an object with \"key\" and \"name\"");
         }
         onlyMembers(a, {"key", "name"}, where, "an app");
-        AppDef app{requireString(a, "key", where, "key"), optionalString(a, "name", where, "name", "")};
+        AppDef app{requireString(a, "key", where, "key", kAppKey),
+                   optionalString(a, "name", where, "name", "", kAppName)};
         if (app.key.empty()) {
             fail(where, "/key", "key must not be empty");
         }
@@ -391,7 +562,7 @@ class Checker {
         named_.insert(def.name);
         const auto [it, added] = campaigns_.emplace(def.name, def);
         if (!added && !(it->second == def)) {
-            fail(where, "", "campaign \"" + def.name + "\" is already defined with other values");
+            fail(where, "", "campaign " + quote(def.name) + " is already defined with other values");
         }
     }
 
@@ -407,8 +578,8 @@ class Checker {
                                 "/features/" + std::to_string(feature - 1) + "/properties/offers/" +
                                     std::to_string(offer - 1) + "/campaign",
                                 label_ + ": feature " + std::to_string(feature) + ": offer " +
-                                    std::to_string(offer) + ": unknown campaign \"" + name +
-                                    "\" (define it in properties.campaigns)"});
+                                    std::to_string(offer) + ": unknown campaign " + quote(name) +
+                                    " (define it in properties.campaigns)"});
             }
         }
         if (late.empty()) {
@@ -477,7 +648,7 @@ class Checker {
                  "placeId " + std::to_string(place.id) + " is already used by feature " +
                      std::to_string(first));
         }
-        place.name = optionalString(*props, "name", where, "properties.name", "");
+        place.name = optionalString(*props, "name", where, "properties.name", "", kPlaceName);
         const json* radius = member(*props, "radius");
         if (!radius) {
             fail(where, "/properties/radius", "missing properties.radius");
@@ -525,8 +696,9 @@ class Checker {
             offer.campaign = campaign->get<std::string>();
             if (!named_.contains(offer.campaign)) {
                 if (propertiesSeen_) {
-                    fail(where, "/campaign",
-                         "unknown campaign \"" + offer.campaign + "\" (define it in properties.campaigns)");
+                    fail(
+                        where, "/campaign",
+                        "unknown campaign " + quote(offer.campaign) + " (define it in properties.campaigns)");
                 }
                 pending_[offer.campaign].emplace_back(featureNumber, offerNumber);
             }
@@ -537,15 +709,15 @@ class Checker {
         } else {
             fail(where, "/campaign", "campaign must be a campaign name or a campaign object");
         }
-        offer.eventName = requireString(o, "eventName", where, "eventName");
-        offer.alertText = requireString(o, "alertText", where, "alertText");
-        offer.mediaType = optionalString(o, "mediaType", where, "mediaType", "html");
-        offer.mediaUrl = optionalString(o, "mediaUrl", where, "mediaUrl", "");
+        offer.eventName = requireString(o, "eventName", where, "eventName", kOfferEventName);
+        offer.alertText = requireString(o, "alertText", where, "alertText", kAlertText);
+        offer.mediaType = optionalString(o, "mediaType", where, "mediaType", "html", kMediaType);
+        offer.mediaUrl = optionalString(o, "mediaUrl", where, "mediaUrl", "", kMediaUrl);
         if (!offer.mediaUrl.empty() && offer.mediaUrl.front() != '/' &&
             offer.mediaUrl.rfind("http://", 0) != 0 && offer.mediaUrl.rfind("https://", 0) != 0) {
             fail(where, "/mediaUrl",
-                 "mediaUrl \"" + offer.mediaUrl +
-                     "\" must start with \"/\" (a page of the content folder) or be an http(s) URL");
+                 "mediaUrl " + quote(offer.mediaUrl) +
+                     " must start with \"/\" (a page of the content folder) or be an http(s) URL");
         }
         if (const json* tags = member(o, "tags")) {
             offer.tags = parseTags(*tags, where);
@@ -580,6 +752,7 @@ class Checker {
 
     static std::string parseTags(const json& tags, const Where& where) {
         if (tags.is_string()) {
+            checkLength(tags.get_ref<const std::string&>(), limits::kOfferTags, where, "tags");
             return tags.get<std::string>();
         }
         if (!tags.is_array()) {
@@ -592,6 +765,7 @@ class Checker {
             }
             joined += (joined.empty() ? "" : ",") + t.get<std::string>();
         }
+        checkLength(joined, limits::kOfferTags, where, "tags");
         return joined;
     }
 
@@ -603,7 +777,7 @@ class Checker {
     bool propertiesSeen_ = false;
     bool featuresSeen_ = false;
     bool rootNotObject_ = false;
-    std::optional<std::string> syntax_;
+    std::optional<PlaceFileProblem> syntax_;  ///< a syntax error or a number out of range: the only problem
     std::optional<PlaceFileProblem> fatal_;
     int fatalRank_ = 0;
     std::vector<PlaceFileProblem> collection_;
@@ -642,12 +816,38 @@ class TreeBuilder {
     }
     void close() { stack_.pop_back(); }
     void key(std::string&& k) { key_ = std::move(k); }
+    /// The steps from the value being built to where its next value goes.
+    std::vector<Step> path() const {
+        std::vector<Step> steps;
+        for (std::size_t i = 1; i < stack_.size(); ++i) {
+            steps.push_back(stepTo(*stack_[i - 1], stack_[i]));
+        }
+        if (!stack_.empty()) {
+            steps.push_back(stack_.back()->is_array() ? Step{"", stack_.back()->size()}
+                                                      : Step{key_, std::nullopt});
+        }
+        return steps;
+    }
     json take() {
         stack_.clear();
         return std::move(root_);
     }
 
   private:
+    // Open containers are the last element of an array, or found by address (only when a problem
+    // needs the path).
+    static Step stepTo(const json& parent, const json* child) {
+        if (parent.is_array()) {
+            return {"", parent.size() - 1};
+        }
+        for (auto it = parent.begin(); it != parent.end(); ++it) {
+            if (&*it == child) {
+                return {it.key(), std::nullopt};
+            }
+        }
+        return {};
+    }
+
     json root_;
     std::vector<json*> stack_;
     std::string key_;
@@ -678,13 +878,47 @@ class Reader {
         }
         return true;
     }
-    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) {
-        checker_.syntaxError(e);
+    /// nlohmann passes its lexer's position, with line and column, where the SAX interface declares a
+    /// byte offset.
+    template <typename Position>
+    bool parse_error(const Position& position, const std::string& token,
+                     const nlohmann::detail::exception& e) {
+        if (dynamic_cast<const json::out_of_range*>(&e) != nullptr && e.id == 406) {
+            std::optional<TextPosition> start;
+            if constexpr (requires { position.lines_read + position.chars_read_current_line; }) {
+                // The lexer stands on the number's last character.
+                start = TextPosition{position.lines_read + 1,
+                                     position.chars_read_current_line + 1 -
+                                         std::min(token.size(), position.chars_read_current_line)};
+            }
+            checker_.numberTooLarge(path(), token, start);
+        } else {
+            checker_.syntaxError(e, token);
+        }
         return false;
     }
 
   private:
     enum class Slot { None, Top, Feature };
+
+    /// The steps to where the parser is; inside a member that is skipped, to that member.
+    std::vector<Step> path() const {
+        if (depth_ == 0 || !rootIsObject_) {
+            return {};
+        }
+        const bool inFeature = building_ ? slot_ == Slot::Feature : depth_ == 2 && inFeatures_;
+        std::vector<Step> steps;
+        if (inFeature) {
+            steps = {{"features", std::nullopt}, {"", checker_.featuresRead()}};
+        } else {
+            steps = {{topKey_, std::nullopt}};
+        }
+        if (building_) {
+            const std::vector<Step> inner = builder_.path();
+            steps.insert(steps.end(), inner.begin(), inner.end());
+        }
+        return steps;
+    }
 
     bool scalar(json&& v) {
         if (building_) {

@@ -1,6 +1,8 @@
 // tovrel-server serving HTTPS, reached by the component's libcurl client with the server's public key
 // pinned: the right key is accepted, a different one refused before any request reaches the server.
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
 
 #include "client_fixture.h"
 #include "test_certificate.h"
@@ -61,6 +63,41 @@ TEST_F(ServerOverTls, PlainHttpIsNotServed) {
     std::string plain = base;
     plain.replace(0, 5, "http");
     EXPECT_FALSE(post(client, plain + "/v1/session", {{"deviceId", "X"}, {"sdkkey", "tls-key"}}).ok());
+}
+
+// Whether a TLS 1.2 handshake offering only `ciphers` completes with 127.0.0.1:port.
+bool handshakeCompletes(uint16_t port, const char* ciphers) {
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+    SSL_CTX_set_cipher_list(context, ciphers);
+    BIO* connection = BIO_new_ssl_connect(context);
+    BIO_set_conn_hostname(connection, ("127.0.0.1:" + std::to_string(port)).c_str());
+    const bool done = BIO_do_handshake(connection) == 1;
+    BIO_free_all(connection);
+    SSL_CTX_free(context);
+    return done;
+}
+
+TEST(ServerTlsSuites, TlsOneTwoOffersOnlyForwardSecretAeadSuitesOnBothListeners) {
+    TestCertificate certificate;
+    tovrel::server::ServerOptions options;
+    options.tlsCertificateFile = options.adminTlsCertificateFile = certificate.certificateFile();
+    options.tlsKeyFile = options.adminTlsKeyFile = certificate.keyFile();
+    options.adminAddress = "127.0.0.1";
+    tovrel::server::Server server(options);
+    const uint16_t port = server.start();
+    for (const uint16_t listener : {port, server.adminPort()}) {
+        EXPECT_TRUE(handshakeCompletes(listener, "ECDHE-ECDSA-AES128-GCM-SHA256")) << listener;
+        EXPECT_TRUE(handshakeCompletes(listener, "ECDHE-ECDSA-CHACHA20-POLY1305")) << listener;
+        // CBC with SHA-1 or SHA-256: no authenticated encryption.
+        EXPECT_FALSE(handshakeCompletes(listener, "ECDHE-ECDSA-AES128-SHA")) << listener;
+        EXPECT_FALSE(handshakeCompletes(listener, "ECDHE-ECDSA-AES128-SHA256")) << listener;
+    }
+    server.stop();
+
+    options.tlsCiphers = "ECDHE+AESGCM:ECDHE+AES";
+    tovrel::server::Server widened(options);
+    EXPECT_TRUE(handshakeCompletes(widened.start(), "ECDHE-ECDSA-AES128-SHA"));
 }
 
 TEST(ServerTlsFiles, AKeyThatIsNotTheCertificatesIsRefusedAtStart) {

@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <sstream>
 #include <tuple>
 
 #include "catalog_data.h"
 #include "database.h"
+#include "field_limits.h"
 #include "session_keys.h"
 #include "test_support.h"
 #include "tovrel_server/admin.h"
@@ -280,12 +282,20 @@ TEST(PlaceFileStream, TrailingBytesAfterTheCollectionAreRefused) {
 }
 
 TEST(PlaceFileStream, AHugeStringCrossesManyReads) {
+    // The longest alert text, ending in a two-byte character, read 7 bytes at a time.
     json o = offer(1);
-    o["alertText"] = std::string(20 << 20, 'a') + "\u00e9";
+    o["alertText"] = std::string(limits::kAlertText - 2, 'a') + "\u00e9";
     std::istringstream in(collection({feature(1, {o})}, kCampaigns));
-    const PlaceFileCheck check = checkPlaceFile(in, "big.geojson");
+    const PlaceFileCheck check = checkPlaceFile(in, "big.geojson", 7);
     ASSERT_TRUE(check.catalog);
     EXPECT_EQ(check.catalog->offer(0).alertText, o["alertText"].get<std::string>());
+    // 20 MB of it is read through and refused in one short line.
+    o["alertText"] = std::string(20 << 20, 'a');
+    std::istringstream huge(collection({feature(1, {o})}, kCampaigns));
+    const auto problems = checkPlaceFile(huge, "big.geojson").problems;
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].message,
+              "big.geojson: feature 1: offer 1: alertText is 20971520 bytes long; at most 1024 are allowed");
 }
 
 TEST(PlaceFileStream, DeepNestingIsAnOrdinaryProblem) {
@@ -348,6 +358,225 @@ TEST(PlaceFileStream, WhatIsNotACollectionGetsOneProblem) {
     EXPECT_EQ(
         problemsOf("{\"features\": [], \"type\": \"FeatureCollection\", \"properties\": [1]}")[0].message,
         "places.geojson: properties must be an object");
+}
+
+// Every text the file carries has a longest length in bytes; the problem names the member and its
+// length, never the text.
+struct TextLimit {
+    std::string name;
+    std::function<std::string(const std::string&)> file;  ///< a place file holding the text
+    std::size_t maxBytes;
+    std::string member;           ///< as the message names it, after the file's name
+    std::string pointer;          ///< the problem's JSON Pointer
+    std::string prefix;           ///< how the text must start
+    std::string refusedAtMaxFor;  ///< why a text of the longest length is still refused; "": it is read
+};
+
+void PrintTo(const TextLimit& t, std::ostream* out) {
+    *out << t.name;
+}
+
+class TextLimits : public ::testing::TestWithParam<TextLimit> {};
+
+// maxBytes bytes that are fewer characters: a limit counted in characters lets one more byte through.
+std::string textOf(const TextLimit& t, std::size_t bytes) {
+    return t.prefix + std::string(bytes - t.prefix.size() - 2, 'x') + "\u00e9";
+}
+
+TEST_P(TextLimits, TheLongestTextIsReadAndOneByteMoreIsRefused) {
+    const TextLimit& t = GetParam();
+    const auto atMax = problemsOf(t.file(textOf(t, t.maxBytes)));
+    if (t.refusedAtMaxFor.empty()) {
+        EXPECT_TRUE(atMax.empty()) << atMax.front().message;
+    } else {
+        ASSERT_EQ(atMax.size(), 1u);
+        EXPECT_NE(atMax[0].message.find(t.refusedAtMaxFor), std::string::npos) << atMax[0].message;
+    }
+    const auto over = problemsOf(t.file(textOf(t, t.maxBytes + 1)));
+    ASSERT_EQ(over.size(), 1u);
+    EXPECT_EQ(over[0].message, "places.geojson: " + t.member + " is " + std::to_string(t.maxBytes + 1) +
+                                   " bytes long; at most " + std::to_string(t.maxBytes) + " are allowed");
+    EXPECT_EQ(over[0].member, t.pointer);
+}
+
+std::string inApp(const std::string& member, const std::string& text) {
+    json app = {{"key", "k"}, {"name", "n"}};
+    app[member] = text;
+    return collection({}, {{"apps", {app}}});
+}
+
+std::string inCampaign(const std::string& member, const std::string& text) {
+    json campaign = {{"name", "C"}};
+    campaign[member] = text;
+    return collection({feature(1, {offer(1)})}, {{"campaigns", {campaign}}});
+}
+
+std::string inOffer(const std::string& member, const json& value) {
+    return collection({feature(1, {offerWith({{member, value}})})}, kCampaigns);
+}
+
+std::string placeNamed(const std::string& text) {
+    return collection({withProps(feature(1, {}), {{"name", text}})});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Members, TextLimits,
+    ::testing::Values(
+        TextLimit{"app_key", [](auto& v) { return inApp("key", v); }, limits::kSdkKey, "app 1: key",
+                  "/properties/apps/0/key", "", ""},
+        TextLimit{"app_name", [](auto& v) { return inApp("name", v); }, limits::kAppName, "app 1: name",
+                  "/properties/apps/0/name", "", ""},
+        TextLimit{"campaign_name",
+                  [](auto& v) {
+                      return collection({}, {{"campaigns", {{{"name", v}}}}});
+                  },
+                  limits::kCampaignName, "campaign 1: name", "/properties/campaigns/0/name", "", ""},
+        TextLimit{"start_date", [](auto& v) { return inCampaign("startDate", v); }, limits::kDate,
+                  "campaign 1: startDate", "/properties/campaigns/0/startDate", "2020-01-01",
+                  "is not a date"},
+        TextLimit{"end_date", [](auto& v) { return inCampaign("endDate", v); }, limits::kDate,
+                  "campaign 1: endDate", "/properties/campaigns/0/endDate", "2030-01-01", "is not a date"},
+        TextLimit{"place_name", placeNamed, limits::kPlaceName, "feature 1: properties.name",
+                  "/features/0/properties/name", "", ""},
+        TextLimit{"event_name", [](auto& v) { return inOffer("eventName", v); }, limits::kOfferEventName,
+                  "feature 1: offer 1: eventName", "/features/0/properties/offers/0/eventName", "", ""},
+        TextLimit{"alert_text", [](auto& v) { return inOffer("alertText", v); }, limits::kAlertText,
+                  "feature 1: offer 1: alertText", "/features/0/properties/offers/0/alertText", "", ""},
+        TextLimit{"media_type", [](auto& v) { return inOffer("mediaType", v); }, limits::kMediaType,
+                  "feature 1: offer 1: mediaType", "/features/0/properties/offers/0/mediaType", "", ""},
+        TextLimit{"media_url", [](auto& v) { return inOffer("mediaUrl", v); }, limits::kMediaUrl,
+                  "feature 1: offer 1: mediaUrl", "/features/0/properties/offers/0/mediaUrl", "https://", ""},
+        TextLimit{"tags", [](auto& v) { return inOffer("tags", v); }, limits::kOfferTags,
+                  "feature 1: offer 1: tags", "/features/0/properties/offers/0/tags", "", ""},
+        // Tags given as a list count as they are stored: joined by commas.
+        TextLimit{"tag_list",
+                  [](auto& v) {
+                      return inOffer("tags", json::array({v.substr(0, 100), v.substr(101)}));
+                  },
+                  limits::kOfferTags, "feature 1: offer 1: tags", "/features/0/properties/offers/0/tags", "",
+                  ""}),
+    [](const ::testing::TestParamInfo<TextLimit>& p) { return p.param.name; });
+
+TEST(Importer, ControlCharactersAreRefusedInNamesKeysAndLinks) {
+    struct Case {
+        std::string file;
+        std::string message;  ///< "": read
+    };
+    const std::string nul("A\0B", 3);
+    const Case cases[] = {
+        {placeNamed(nul),
+         "feature 1: properties.name must not contain control characters (U+0000 at byte offset 1)"},
+        {inApp("key", "k\tey"), "app 1: key must not contain control characters (U+0009 at byte offset 1)"},
+        {inApp("name", "\x1f"), "app 1: name must not contain control characters (U+001F at byte offset 0)"},
+        {collection({}, {{"campaigns", {{{"name", "Spring\n"}}}}}),
+         "campaign 1: name must not contain control characters (U+000A at byte offset 6)"},
+        {inCampaign("endDate", "2030-01-01\r"),
+         "campaign 1: endDate must not contain control characters (U+000D at byte offset 10)"},
+        {inOffer("eventName", "E\x7f"),
+         "feature 1: offer 1: eventName must not contain control characters (U+007F at byte offset 1)"},
+        {inOffer("mediaType", "ht\nml"),
+         "feature 1: offer 1: mediaType must not contain control characters (U+000A at byte offset 2)"},
+        {inOffer("mediaUrl", "/a\tb.html"),
+         "feature 1: offer 1: mediaUrl must not contain control characters (U+0009 at byte offset 2)"},
+        {inOffer("alertText", "Caf\u00e9 \u00ab1\u00bb\n\tnow\x7e"), ""},
+        {inOffer("alertText", "two\r\nlines"),
+         "feature 1: offer 1: alertText must not contain control characters other than newline and tab "
+         "(U+000D at byte offset 3)"},
+        {inOffer("alertText", "a\n" + nul),
+         "feature 1: offer 1: alertText must not contain control characters other than newline and tab "
+         "(U+0000 at byte offset 3)"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(parseError(c.file), c.message.empty() ? "(no error)" : "places.geojson: " + c.message);
+    }
+}
+
+TEST(Importer, MessagesQuoteAtMostTheStartOfAValue) {
+    // 63 bytes of "a" and "é" fit; the next "é" would split at byte 64.
+    std::string url = "a";
+    for (int i = 0; i < 1000; ++i) {
+        url += "\u00e9";
+    }
+    std::string shown = "a";
+    for (int i = 0; i < 31; ++i) {
+        shown += "\u00e9";
+    }
+    EXPECT_EQ(parseError(inOffer("mediaUrl", url)),
+              "places.geojson: feature 1: offer 1: mediaUrl \"" + shown +
+                  "\u2026\" (2001 bytes) must start with \"/\" (a page of the content folder) or be an "
+                  "http(s) URL");
+    const std::string name(200, 'n');
+    EXPECT_EQ(parseError(collection({feature(1, {offer(1, name)})}, kCampaigns)),
+              "places.geojson: feature 1: offer 1: unknown campaign \"" +
+                  name.substr(0, limits::kQuotedValue) +
+                  "\u2026\" (200 bytes) (define it in properties.campaigns)");
+    EXPECT_EQ(parseError(
+                  collection({}, {{"campaigns", {{{"name", name}}, {{"name", name}, {"perDeviceCap", 1}}}}})),
+              "places.geojson: campaign 2: campaign \"" + name.substr(0, limits::kQuotedValue) +
+                  "\u2026\" (200 bytes) is already defined with other values");
+    // An unknown member: its name is cut, its control characters shown, and the problem points at
+    // the object that holds it.
+    const auto unknown = problemsOf(inOffer(std::string(1 << 20, 'k') + "\x01", "v"));
+    ASSERT_EQ(unknown.size(), 1u);
+    EXPECT_EQ(unknown[0].message, "places.geojson: feature 1: offer 1: unknown member \"" +
+                                      std::string(limits::kQuotedValue, 'k') +
+                                      "\u2026\" (1048577 bytes) in an offer");
+    EXPECT_EQ(unknown[0].member, "/features/0/properties/offers/0");
+    EXPECT_EQ(problemsOf(inOffer("x\x01", "v"))[0].message,
+              "places.geojson: feature 1: offer 1: unknown member \"x\\u0001\" in an offer");
+    // 1 MB of alert text, and 1 MB of a string the parser gives up on.
+    for (const std::string& file :
+         {inOffer("alertText", std::string(1 << 20, 'a')),
+          "{\"type\": \"FeatureCollection\", \"features\": [\"" + std::string(1 << 20, 'a') + "\n\"]}"}) {
+        const auto problems = problemsOf(file);
+        ASSERT_EQ(problems.size(), 1u);
+        EXPECT_LT(problems[0].message.size(), 300u) << problems[0].message.substr(0, 300);
+    }
+}
+
+// A number beyond a double's range stops the parser; the problem still names where it stood.
+TEST(PlaceFileStream, NumbersBeyondADoubleAreAProblemAtTheirMember) {
+    struct Case {
+        std::string file;
+        std::string number;
+        std::optional<std::size_t> feature;
+        std::string member;
+        std::string message;  ///< between the file's name and "the number"
+    };
+    const auto replaced = [](std::string text, const std::string& from, const std::string& to) {
+        return text.replace(text.find(from), from.size(), to);
+    };
+    const std::string offers =
+        collection({feature(1, {offer(1)}), feature(2, {offerWith({{"dwellTime", 77}})})}, kCampaigns);
+    const std::string cap = collection({}, {{"campaigns", {{{"name", "C"}, {"perDeviceCap", 77}}}}});
+    const std::string digits = "1" + std::string(400, '0');
+    const Case cases[] = {
+        {replaced(collection({feature(1, {})}), "48.1", "1e400"), "1e400", 1,
+         "/features/0/geometry/coordinates/1", "feature 1: geometry.coordinates[1]: "},
+        {replaced(offers, "\"dwellTime\":77", "\"dwellTime\":-1e400"), "-1e400", 2,
+         "/features/1/properties/offers/0/dwellTime", "feature 2: offer 1: dwellTime: "},
+        {replaced(cap, "77", "1E+309"), "1E+309", std::nullopt, "/properties/campaigns/0/perDeviceCap",
+         "campaign 1: perDeviceCap: "},
+        {replaced(collection({}), "{", "{\"extra\": [[" + digits + "]],"), digits, std::nullopt, "/extra",
+         "extra: "},
+    };
+    for (const Case& c : cases) {
+        const auto problems = problemsOf(c.file);
+        ASSERT_EQ(problems.size(), 1u) << c.file;
+        const std::size_t column = c.file.find(c.number) + 1;
+        const std::string quoted = c.number.size() > limits::kQuotedValue
+                                       ? c.number.substr(0, limits::kQuotedValue) + "\u2026\" (401 bytes)"
+                                       : c.number + "\"";
+        EXPECT_EQ(problems[0].message, "places.geojson: " + c.message + "the number \"" + quoted +
+                                           " at line 1, column " + std::to_string(column) +
+                                           " is out of range (numbers must lie within about \u00b11.8e308)");
+        EXPECT_EQ(problems[0].feature, c.feature);
+        EXPECT_EQ(problems[0].member, c.member);
+    }
+    // Lines count from 1; columns from the number's first character.
+    EXPECT_EQ(problemsOf("{\"type\": \"FeatureCollection\",\n  \"features\": [1e999]}")[0].message,
+              "places.geojson: feature 1: the number \"1e999\" at line 2, column 16 is out of range (numbers "
+              "must lie within about \u00b11.8e308)");
 }
 
 TEST(Importer, IsoTimes) {
