@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "request_fields.h"
+#include "routes.h"
 #include "service.h"
 #include "static_files.h"
 #include "work_queue.h"
@@ -19,24 +20,6 @@ bool validHost(std::string_view host) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
                c == '-' || c == ':' || c == '[' || c == ']' || c == '_';
     });
-}
-
-Route routeOf(std::string_view path) {
-    static constexpr std::pair<std::string_view, Route> kRoutes[] = {
-        {"/v1/session", Route::session},
-        {"/v2/place", Route::place},
-        {"/v1/deviceevent/link", Route::link},
-        {"/v1/deviceevent/update", Route::update},
-        {"/v1/deviceevent/clear", Route::clear},
-        {"/v1/devicetag/update", Route::tagUpdate},
-        {"/v1/devicetag/delete", Route::tagDelete},
-        {"/v1/log", Route::log}};
-    for (const auto& [name, route] : kRoutes) {
-        if (name == path) {
-            return route;
-        }
-    }
-    return Route::other;
 }
 
 HttpReply replyOf(ApiReply&& api, Route route) {
@@ -75,17 +58,17 @@ std::string ApiHandler::mediaBase(std::string_view host, bool tls) const {
 
 Admission ApiHandler::admit(const HttpRequest& header) {
     Admission admission;
-    if (header.path == "/v1/log") {
-        admission.bodyLimit = Service::kMaxLogBody;
+    if (const ApiRoute* route = findApiRoute(header.path)) {
+        admission.bodyLimit = route->bodyLimit;
     }
     return admission;
 }
 
 void ApiHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
-    if (Service::isEndpoint(path)) {
-        const Route route = routeOf(path);
-        if (request.method != "POST") {
+    if (const ApiRoute* api = findApiRoute(path)) {
+        const Route route = api->route;
+        if (request.method != kApiMethod) {
             HttpReply reply = error(405, "use POST for " + std::string(path), route);
             reply.allow = "POST";
             return respond(std::move(reply));

@@ -22,8 +22,7 @@ class ApiHandler : public RequestHandler {
     /// Sets the fallback base once the listener's port is known. Before serving.
     void setFallbackBase(std::string base) { fallbackBase_ = std::move(base); }
 
-    /// A /v1/log body may carry Service::kMaxLogBody, the other endpoints' kMaxRequestBody. Any
-    /// connection thread.
+    /// A body may carry its endpoint's limit (kApiRoutes). Any connection thread.
     Admission admit(const HttpRequest& header) override;
     /// Any connection thread.
     void handle(const HttpRequest& request, Respond respond) override;

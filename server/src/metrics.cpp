@@ -6,23 +6,15 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 
+#include "routes.h"
+
 namespace tovrel::server {
 
 namespace {
 
-constexpr std::array<std::string_view, kRouteCount> kRouteLabels = {"/v1/session",
-                                                                    "/v2/place",
-                                                                    "/v1/deviceevent/link",
-                                                                    "/v1/deviceevent/update",
-                                                                    "/v1/deviceevent/clear",
-                                                                    "/v1/devicetag/update",
-                                                                    "/v1/devicetag/delete",
-                                                                    "/v1/log",
-                                                                    "page",
-                                                                    "admin",
-                                                                    "health",
-                                                                    "metrics",
-                                                                    "other"};
+// The labels of what is not an endpoint of the JSON API, whose labels are their paths.
+constexpr std::array<std::string_view, kRouteCount - kApiRoutes.size()> kOtherLabels = {
+    "page", "admin", "health", "metrics", "other"};
 
 // The statuses the server answers get a slot each; the last slot is every other status.
 constexpr std::array<unsigned, 15> kStatuses = {200, 201, 400, 401, 403, 404, 405, 409,
@@ -40,7 +32,8 @@ std::size_t statusSlot(unsigned status) {
 }  // namespace
 
 std::string_view routeLabel(Route route) {
-    return kRouteLabels[static_cast<std::size_t>(route)];
+    const auto index = static_cast<std::size_t>(route);
+    return index < kApiRoutes.size() ? kApiRoutes[index].path : kOtherLabels[index - kApiRoutes.size()];
 }
 
 Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
@@ -55,7 +48,7 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     const prometheus::Histogram::BucketBoundaries buckets = {
         0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5};
     for (std::size_t r = 0; r < kRouteCount; ++r) {
-        latency_[r] = &latency.Add({{"route", std::string(kRouteLabels[r])}}, buckets);
+        latency_[r] = &latency.Add({{"route", std::string(routeLabel(static_cast<Route>(r)))}}, buckets);
     }
     const auto counter = [this](const char* name, const char* help) {
         return &prometheus::BuildCounter().Name(name).Help(help).Register(*registry_).Add({});

@@ -11,6 +11,7 @@
 #include "field_limits.h"
 #include "log.h"
 #include "request_fields.h"
+#include "routes.h"
 #include "session_keys.h"
 
 namespace tovrel::server {
@@ -97,15 +98,10 @@ void Service::resynchronise() {
     }
 }
 
-bool Service::isEndpoint(std::string_view path) {
-    return path == "/v1/session" || path == "/v2/place" || path == "/v1/deviceevent/link" ||
-           path == "/v1/deviceevent/update" || path == "/v1/deviceevent/clear" ||
-           path == "/v1/devicetag/update" || path == "/v1/devicetag/delete" || path == "/v1/log";
-}
-
 std::variant<json, ApiReply> Service::parse(std::string_view path, std::string_view body) {
-    if (path == "/v1/log" && body.size() > kMaxLogBody) {
-        return ApiReply{413, errorJson("a log message may be at most 256 KiB")};
+    if (const ApiRoute* route = findApiRoute(path); route != nullptr && body.size() > route->bodyLimit) {
+        return ApiReply{413, errorJson("the request body exceeds the limit of " +
+                                       std::to_string(route->bodyLimit / 1024) + " KiB")};
     }
     try {
         return parseObjectBody(body);
@@ -128,8 +124,12 @@ ApiReply Service::handle(std::string_view path, std::string_view body, std::stri
 
 std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,
                                                 std::string_view mediaBase) {
+    const ApiRoute* route = findApiRoute(path);
+    if (route == nullptr || !route->fromMemory) {
+        return std::nullopt;
+    }
     try {
-        if (path == "/v2/place") {
+        if (route->route == Route::place) {
             const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
             std::optional<int64_t> device;
             {
@@ -147,7 +147,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             }
             return ApiReply{200, placesAnswer(req, *device, mediaBase)};
         }
-        if (path == "/v1/session") {
+        if (route->route == Route::session) {
             const std::string& sdkKey = requireString(req, "sdkkey", limits::kSdkKey);
             requireString(req, "deviceId", limits::kDeviceId);
             if (!sessionLimiter_.allow(sdkKey, steadyNow())) {
@@ -165,7 +165,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             }
             return std::nullopt;
         }
-        if (path == "/v1/log") {
+        if (route->route == Route::log) {
             const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
             if (!logLimiter_.allow(deviceId, steadyNow())) {
                 if (metrics_ != nullptr) {
@@ -184,35 +184,15 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
 ApiReply Service::handleParsed(std::string_view path, const json& req, std::string_view mediaBase,
                                std::optional<double> queuedAt) {
     const double started = steadyNow();
-    if (path != "/v2/place" && queuedAt.value_or(started) < busyFoundAt_.load()) {
+    const ApiRoute* route = findApiRoute(path);
+    if (route == nullptr) {
+        return {404, errorJson("there is no endpoint " + std::string(path))};
+    }
+    if (route->writes && queuedAt.value_or(started) < busyFoundAt_.load()) {
         return refuseBusy(started);
     }
     try {
-        if (path == "/v2/place") {
-            return {200, places(req, mediaBase)};
-        }
-        if (path == "/v1/session") {
-            return {200, session(req)};
-        }
-        if (path == "/v1/deviceevent/link") {
-            return {200, link(req, mediaBase)};
-        }
-        if (path == "/v1/deviceevent/update") {
-            return {200, update(req)};
-        }
-        if (path == "/v1/deviceevent/clear") {
-            return {200, clear(req)};
-        }
-        if (path == "/v1/devicetag/update") {
-            return {200, tagUpdate(req)};
-        }
-        if (path == "/v1/devicetag/delete") {
-            return {200, tagDelete(req)};
-        }
-        if (path == "/v1/log") {
-            return {200, log(req)};
-        }
-        return {404, errorJson("there is no endpoint " + std::string(path))};
+        return {200, answer(route->route, req, mediaBase)};
     } catch (const ApiError& e) {
         return {e.status(), errorJson(e.what())};
     } catch (const DatabaseBusy& e) {
@@ -229,6 +209,29 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
     } catch (...) {
         reportFailure(path, "an unknown exception");
         return {500, errorJson("the server failed")};
+    }
+}
+
+std::string Service::answer(Route route, const json& req, std::string_view mediaBase) {
+    switch (route) {
+        case Route::session:
+            return session(req);
+        case Route::place:
+            return places(req, mediaBase);
+        case Route::link:
+            return link(req, mediaBase);
+        case Route::update:
+            return update(req);
+        case Route::clear:
+            return clear(req);
+        case Route::tagUpdate:
+            return tagUpdate(req);
+        case Route::tagDelete:
+            return tagDelete(req);
+        case Route::log:
+            return log(req);
+        default:
+            throw ApiError(404, "there is no such endpoint");
     }
 }
 

@@ -79,8 +79,6 @@ class Service : private ChangeListener {
     static constexpr double kMaxDistanceThreshold = 50'000;
     /// The most records one /v2/place answer carries: the nearest ones.
     static constexpr std::size_t kMaxPlaceRecords = 1'000;
-    /// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
-    static constexpr std::size_t kMaxLogBody = 256 * 1024;
     /// The places and offers a catalogue holds beside the part it shares, in changes in place, before it
     /// is read whole.
     static constexpr std::size_t kCatalogOverlayChanges = 5;
@@ -94,9 +92,6 @@ class Service : private ChangeListener {
     ~Service() override;
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
-
-    /// True when path names a JSON endpoint (answered by handle(), POST only).
-    static bool isEndpoint(std::string_view path);
 
     /// Answers one request, using the database when it must. mediaBase is put before relative media
     /// addresses. Never throws. Any thread; blocks while the database is locked.
@@ -195,6 +190,8 @@ class Service : private ChangeListener {
     std::string tagUpdate(const nlohmann::json& req);
     std::string tagDelete(const nlohmann::json& req);
     std::string log(const nlohmann::json& req);
+    /// Runs the endpoint's own operation; ApiError and the store's exceptions pass through.
+    std::string answer(Route route, const nlohmann::json& req, std::string_view mediaBase);
     /// The 503 of a write refused because the database is busy.
     ApiReply refuseBusy(double started);
 

@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "admin_handler.h"
+#include "routes.h"
 #include "support/wait_until.h"
 #include "test_support.h"
 
@@ -210,8 +211,8 @@ TEST(HeadRequests, AreAnsweredWithoutABodyOnEveryRouteOfBothListeners) {
     };
     ServerFixture fx(options);
     std::vector<std::pair<uint16_t, std::string>> targets;
-    for (const std::string& path : kAllEndpoints) {
-        targets.emplace_back(fx.port(), path);
+    for (const ApiRoute& route : kApiRoutes) {
+        targets.emplace_back(fx.port(), std::string(route.path));
     }
     for (const char* path : {"/appcontent/help.html", "/appcontent/missing.html", "/nothing", "/media/%zz"}) {
         targets.emplace_back(fx.port(), path);
