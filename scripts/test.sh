@@ -33,35 +33,51 @@ for a in "$@"; do
     esac
 done
 
+# Each stage says how long the one before it took, and the run ends with the list: CI has an hour.
+stage_name="setup"
+stage_start=$SECONDS
+timings=()
+stage() {
+    timings+=("$(printf '%5d s  %s' $((SECONDS - stage_start)) "$stage_name")")
+    stage_name="$1"
+    stage_start=$SECONDS
+    echo "== $1"
+}
+report_timings() {
+    stage "done"
+    printf 'test.sh: %s\n' "${timings[@]}"
+    echo "test.sh: $SECONDS s in all"
+}
+
 scripts/setup.sh
 jobs=$(nproc)
 
-echo "== format"
+stage "format"
 scripts/check-format.sh
 
-echo "== layering"
+stage "layering"
 scripts/check-layering.py
 
-echo "== clang-tidy (the component)"
+stage "clang-tidy (the component)"
 # Configuring is enough: clang-tidy reads build/dev/compile_commands.json, not the objects.
 cmake --preset dev >/dev/null
 scripts/check-tidy.sh
 
-echo "== thread-safety analysis (clang)"
+stage "thread-safety analysis (clang)"
 scripts/check-thread-safety.sh
 
 if ((quick == 0)); then
-    echo "== fuzz targets"
+    stage "fuzz targets"
     cmake --preset fuzz >/dev/null
     cmake --build --preset fuzz -j "$jobs"
     scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
 
-    echo "== address+undefined sanitizer build"
+    stage "address+undefined sanitizer build"
     cmake --preset asan >/dev/null
     cmake --build --preset asan -j "$jobs"
     ctest --preset asan -j "$jobs"
 
-    echo "== thread sanitizer: the suites that run on real threads"
+    stage "thread sanitizer: the suites that run on real threads"
     cmake --preset tsan >/dev/null
     tsan_suites=(tests/scenarios/tovrel_targeting_threads tests/curl/tovrel_curl_tests
                  tests/curl/tovrel_curl_server_tls_tests
@@ -77,16 +93,17 @@ if ((quick == 0)); then
 fi
 
 if ((quick == 0)); then
-    echo "== shared libraries: install, consumers, bindings, packages"
+    stage "shared libraries: install, consumers, bindings, packages"
     scripts/embedding-guide.py --check
     cmake --preset release >/dev/null
     cmake --build --preset release -j "$jobs"
     scripts/check-install.sh build/release
 fi
 
-echo "== optimised build"
+stage "optimised build"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j "$jobs"
 ctest --preset dev -j "$jobs"
 # What the cluster test counted (acknowledged writes, losses, propagation), for the log.
 grep -h '^cluster:' build/dev/Testing/Temporary/LastTest.log || true
+report_timings
