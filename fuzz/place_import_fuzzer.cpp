@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "catalog_data.h"
+#include "catalog/catalog_data.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

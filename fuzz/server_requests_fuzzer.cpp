@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "compression.h"
-#include "request_fields.h"
-#include "static_files.h"
+#include "common/request_fields.h"
+#include "http/compression.h"
+#include "http/static_files.h"
 
 namespace {
 

@@ -9,9 +9,13 @@ of which may include only the layers below it:
 A public header belongs to the folder of the source file that implements it (include/tovrel/x.h goes
 with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Session and delivery are siblings: neither
 includes the other. Backends (platform/) include no component header, only the ports and their own
-headers; tovrel-server shares only the lock annotations, the distance, the JSON nesting limit and the programs'
-command-line helper. Service
+headers; tovrel-server shares only the lock annotations, the distance, the JSON nesting limit, the programs'
+command-line helper and where the installed data lies. Service
 endpoints ("/v1/...", "/v2/...") are named only in src/service/.
+
+tovrel-server's folders (server/src/) are layered the same way:
+
+    common < observability < catalog < store (and store/sqlite, store/postgres) < http < api < admin < server.cpp
 
 Arrows that still point the wrong way are listed in ALLOWED with the reason; the check fails when one
 of them disappears too, so the list shrinks as the debt is paid.
@@ -57,8 +61,19 @@ ALLOWED = {
         "the environment makes the shared SessionManager on first use",
 }
 
+SERVER_LAYERS = {
+    "common": 0,
+    "observability": 1,
+    "catalog": 2,
+    "store": 3,
+    "http": 4,
+    "api": 5,
+    "admin": 6,
+    ".": 7,
+}
+
 SERVER_SHARED = ("tovrel/platform/thread_annotations.h", "tovrel/platform/distance.h",
-                 "tovrel/platform/json_text.h", "tovrel/tools/")
+                 "tovrel/platform/json_text.h", "tovrel/tools/", "tovrel/paths/")
 BACKEND_OWN = ("tovrel/platform/", "tovrel/export.h", "tovrel/version.h")
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
@@ -105,6 +120,32 @@ def layer_of_file(path, public_layers):
             return "ports" if parts[2] == "platform" else None
         return public_layers.get(parts[2])
     return None
+
+
+def server_layer(folder):
+    """The layer of a folder under server/src/ ("store/sqlite" is the store's)."""
+    return folder.split("/", 1)[0]
+
+
+def check_server(arrows):
+    """The arrows between tovrel-server's folders: each points down, or stays in its folder."""
+    problems = []
+    src = ROOT / "server" / "src"
+    for path in tracked("server/src/*.cpp", "server/src/*.h"):
+        here = server_layer(str(Path(path).parent.relative_to("server/src")))
+        if here not in SERVER_LAYERS:
+            problems.append(f"{path}: server/src/{here}/ is not a known folder (add it to SERVER_LAYERS)")
+            continue
+        for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
+            if name.startswith("tovrel") or not (src / name).is_file():
+                continue
+            there = server_layer(str(Path(name).parent))
+            if there == here:
+                continue
+            arrows[(f"server:{here}", f"server:{there}")] += 1
+            if SERVER_LAYERS.get(there, 99) > SERVER_LAYERS[here]:
+                problems.append(f'{path} (server {here}): #include "{name}" points up to {there}')
+    return problems
 
 
 def main():
@@ -165,6 +206,8 @@ def main():
         for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
             if name.startswith("tovrel/") and not name.startswith(SERVER_SHARED):
                 problems.append(f'{path}: tovrel-server includes "{name}" from the SDK')
+
+    problems += check_server(arrows)
 
     for key in sorted(set(ALLOWED) - used_allowances):
         problems.append(f"{key[0]} no longer includes {key[1]}: drop it from ALLOWED")

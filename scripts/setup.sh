@@ -12,7 +12,7 @@ Installs the Debian packages needed to build Tovrel and run its tests
 CLI11, Boost.Beast, clang's libFuzzer runtime, clang-tidy), the linux backend's parts (asio, libgps and
 gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon), Qt 6 with
 WebEngine for the screens, and Leaflet and Chromium for tovrel-sim's HTML report and
-its browser test, PostgreSQL with PostGIS and HAProxy for the server's cluster test. Safe to run again.
+its browser test, Node.js and npm for the campaign console, PostgreSQL with PostGIS and HAProxy for the server's cluster test. Safe to run again.
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
@@ -37,7 +37,11 @@ packages=(
     qt6-base-dev qt6-webengine-dev qt6-image-formats-plugins libgl-dev fonts-dejavu-core
     # tovrel-sim's report: the map library it embeds, and the browser its test loads the report in
     libjs-leaflet chromium
+    # the campaign console: built with npm from console/package-lock.json, tested in Chromium
+    nodejs
 )
+# Some Node.js packages carry npm themselves (and conflict with Debian's); ask for it only when missing.
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "geo.h"
-#include "spatial_index.h"
+#include "catalog/geo.h"
+#include "catalog/spatial_index.h"
 
 #ifdef TOVREL_WITH_HIREDIS
 #include <hiredis/hiredis.h>

@@ -7,14 +7,14 @@
 #include <limits>
 #include <mutex>
 
-#include "admin_handler.h"
-#include "api_handler.h"
-#include "http_server.h"
-#include "log.h"
-#include "metrics.h"
-#include "service.h"
-#include "static_files.h"
-#include "work_queue.h"
+#include "admin/admin_handler.h"
+#include "api/api_handler.h"
+#include "api/service.h"
+#include "http/http_server.h"
+#include "http/static_files.h"
+#include "observability/log.h"
+#include "observability/metrics.h"
+#include "store/work_queue.h"
 
 namespace tovrel::server {
 
@@ -131,13 +131,15 @@ struct Server::Impl {
           database(service.databaseThreads(), options.databaseQueue),
           adminWork(1, 256),
           api(service, files, database, options.mediaBaseUrl),
-          admin(service, metrics, adminWork, options.adminToken,
-                [this] {
-                    MetricsSnapshot snapshot;
-                    snapshot.openConnections = http.openConnections();
-                    snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
-                    return snapshot;
-                }),
+          admin(
+              service, metrics, adminWork, options.adminToken,
+              [this] {
+                  MetricsSnapshot snapshot;
+                  snapshot.openConnections = http.openConnections();
+                  snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
+                  return snapshot;
+              },
+              options.consoleDir),
           http(api, publicHttp(options), logger, metrics),
           adminHttpServer(admin, adminHttp(options), logger, metrics) {}
 

@@ -12,12 +12,13 @@
 #include <stdexcept>
 #include <vector>
 
-#include "admin_handler.h"
-#include "catalog_data.h"
-#include "listen_address.h"
-#include "log.h"
-#include "report.h"
-#include "store.h"
+#include "admin/admin_handler.h"
+#include "catalog/catalog_data.h"
+#include "http/listen_address.h"
+#include "observability/log.h"
+#include "store/report.h"
+#include "store/store.h"
+#include "tovrel/paths/data_directory.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
 
@@ -30,6 +31,7 @@ struct ServeSettings {
     std::string adminListen = "127.0.0.1:8081";
     std::string adminTokenFile;
     bool tokenReadableByOthers = false;
+    std::string consoleDir = "auto";
     std::string accessLog = "on";
     ServerOptions options;
 };
@@ -50,6 +52,16 @@ int serve(ServeSettings settings) {
     }
     if (!settings.adminTokenFile.empty()) {
         options.adminToken = readAdminToken(settings.adminTokenFile, settings.tokenReadableByOthers);
+    }
+    if (settings.consoleDir == "auto") {
+        // Installed beside the program (share/tovrel/console), as the build tree lays it out too.
+        const auto installed = tovrel::paths::dataDirectory() / "console";
+        std::error_code missing;
+        options.consoleDir = std::filesystem::is_regular_file(installed / "index.html", missing)
+                                 ? installed.string()
+                                 : std::string();
+    } else if (settings.consoleDir != "off") {
+        options.consoleDir = settings.consoleDir;
     }
     options.accessLog = settings.accessLog == "on";
     options.logSink = Logger::descriptorSink(STDOUT_FILENO);
@@ -363,6 +375,17 @@ int main(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     serveCmd->add_flag("--admin-token-insecure-permissions", settings.tokenReadableByOthers,
                        "Accept an admin token file that other users may read");
+    serveCmd
+        ->add_option("--console-dir", settings.consoleDir,
+                     "Folder of the campaign console served on the admin listener under /console/; auto: "
+                     "the installed one (share/tovrel/console) when there is one; off: none")
+        ->capture_default_str()
+        ->envname("TOVREL_CONSOLE_DIR")
+        ->check([](const std::string& text) {
+            return text == "auto" || text == "off" || std::filesystem::is_directory(text)
+                       ? std::string()
+                       : "no folder " + text;
+        });
     serveCmd
         ->add_option("--log-level", serveOptions.logLevel,
                      "Least level logged: debug, info, warn, error, off")

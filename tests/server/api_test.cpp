@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <set>
 
-#include "field_limits.h"
-#include "session_keys.h"
+#include "common/field_limits.h"
+#include "common/session_keys.h"
 #include "test_support.h"
 
 namespace tovrel::server::test {

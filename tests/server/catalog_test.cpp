@@ -1,5 +1,5 @@
 // A catalogue changed in place against one built from scratch with the same rows.
-#include "catalog.h"
+#include "catalog/catalog.h"
 
 #include <gtest/gtest.h>
 

@@ -18,7 +18,7 @@
 #include <thread>
 #include <tuple>
 
-#include "session_keys.h"
+#include "common/session_keys.h"
 #include "support/child_process.h"
 #include "support/loopback_port.h"
 #include "support/wait_until.h"

@@ -8,8 +8,8 @@
 
 #include <chrono>
 
-#include "admin_handler.h"
-#include "routes.h"
+#include "admin/admin_handler.h"
+#include "common/routes.h"
 #include "support/wait_until.h"
 #include "test_support.h"
 

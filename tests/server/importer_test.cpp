@@ -6,10 +6,10 @@
 #include <sstream>
 #include <tuple>
 
-#include "catalog_data.h"
-#include "database.h"
-#include "field_limits.h"
-#include "session_keys.h"
+#include "catalog/catalog_data.h"
+#include "common/field_limits.h"
+#include "common/session_keys.h"
+#include "store/sqlite/database.h"
 #include "test_support.h"
 #include "tovrel_server/admin.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <thread>
 
-#include "pg_store.h"
+#include "store/postgres/pg_store.h"
 #include "support/wait_until.h"
 #include "test_postgres.h"
 #include "test_support.h"

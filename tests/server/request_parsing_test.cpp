@@ -1,10 +1,10 @@
 // Reading request members, paths and listen addresses; the per-address request budget.
 #include <gtest/gtest.h>
 
-#include "listen_address.h"
-#include "rate_limiter.h"
-#include "request_fields.h"
-#include "static_files.h"
+#include "common/rate_limiter.h"
+#include "common/request_fields.h"
+#include "http/listen_address.h"
+#include "http/static_files.h"
 
 namespace tovrel::server {
 namespace {

@@ -1,5 +1,5 @@
 // The grid index against a brute-force haversine scan.
-#include "spatial_index.h"
+#include "catalog/spatial_index.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <random>
 #include <set>
 
-#include "geo.h"
+#include "catalog/geo.h"
 
 namespace tovrel::server {
 namespace {

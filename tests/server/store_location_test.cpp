@@ -1,7 +1,7 @@
 // Which store a --db value names, and how it is shown in logs and messages.
 #include <gtest/gtest.h>
 
-#include "store.h"
+#include "store/store.h"
 
 namespace tovrel::server {
 namespace {

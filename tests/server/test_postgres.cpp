@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "store.h"
+#include "store/store.h"
 #include "support/loopback_port.h"
 
 namespace tovrel::server::test {

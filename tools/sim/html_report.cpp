@@ -9,7 +9,7 @@
 #include <set>
 #include <sstream>
 
-#include "catalog_data.h"
+#include "catalog/catalog_data.h"
 #include "report_escape.h"
 #include "report_map.h"
 #include "report_plot.h"

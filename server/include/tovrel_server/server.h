@@ -92,6 +92,9 @@ struct ServerOptions {
     uint16_t adminPort = 0;
     /// The bearer token of the admin API (16 characters at least); empty turns the admin API off.
     std::string adminToken;
+    /// Folder of the built campaign console, served on the admin listener under /console/; empty:
+    /// none (404).
+    std::string consoleDir;
     /// Where structured log lines go (JSON, one a line); empty writes none.
     std::function<void(std::string_view line)> logSink;
     /// The least level written: "debug", "info", "warn" or "error".

@@ -1,0 +1,269 @@
+import { admin, ApiError, seg } from '../api';
+import { button, confirmButton, field, h, input, labelCells, replace } from '../dom';
+import { clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
+import { campaignState, loadCampaigns, loadOffers, type Campaign, type Offer } from '../model';
+
+const DATE_HINT = 'YYYY-MM-DD, or YYYY-MM-DDTHH:MM with Z or ±HH:MM; empty: open';
+
+/** The version of one item for If-Match: its own answer's ETag when the server has one. */
+async function versionOf(path: string, fallback: string | null): Promise<string | null> {
+  try {
+    const a = await admin.get<unknown>(path);
+    return a.etag ?? fallback;
+  } catch (e) {
+    if (e instanceof ApiError && e.status === 401) throw e;
+    return fallback;
+  }
+}
+
+export function mountCampaigns(root: HTMLElement): () => void {
+  let campaigns: Campaign[] = [];
+  let offers: Offer[] = [];
+  let listEtag: string | null = null;
+  let editing: { campaign: Campaign; etag: string | null } | null = null;
+
+  // The campaign form: create, or edit the dates and cap of one.
+  const name = field('Name', input({ name: 'name', required: true, maxlength: 200 }), '/name');
+  const start = field('Start', input({ name: 'startDate', placeholder: '2026-01-01' }), '/startDate', DATE_HINT);
+  const end = field('End', input({ name: 'endDate', placeholder: '2026-12-31' }), '/endDate', DATE_HINT);
+  const cap = field('Visits per device (cap)', input({ name: 'perDeviceCap', type: 'number', min: 0, step: 1, inputmode: 'numeric' }), '/perDeviceCap', 'empty: no cap');
+  const formTitle = h('h2', { id: 'campaign-form-title' }, 'New campaign');
+  const conflict = h('div', { class: 'conflict-box', hidden: true });
+  const submit = h('button', { type: 'submit', class: 'primary' }, 'Create campaign');
+  const cancel = button('Cancel', () => resetForm(), { hidden: true });
+  const form = h(
+    'form',
+    { class: 'card form', 'aria-labelledby': 'campaign-form-title', novalidate: true },
+    formTitle,
+    formError(),
+    conflict,
+    h('div', { class: 'row' }, name.wrap, start.wrap, end.wrap, cap.wrap),
+    h('div', { class: 'actions' }, submit, cancel),
+  );
+
+  const table = h('div', { class: 'table-wrap' });
+  const offersTable = h('div', { class: 'table-wrap' });
+  const preview = h('section', { class: 'card preview', 'aria-labelledby': 'preview-title', hidden: true });
+  const top = formError();
+
+  replace(
+    root,
+    h('div', { class: 'screen-head' }, h('h1', {}, 'Campaigns and offers')),
+    top,
+    form,
+    h('section', { class: 'card', 'aria-labelledby': 'campaigns-title' }, h('h2', { id: 'campaigns-title' }, 'Campaigns'), table),
+    h('section', { class: 'card', 'aria-labelledby': 'offers-title' }, h('h2', { id: 'offers-title' }, 'Offers'), offersTable),
+    preview,
+  );
+
+  function resetForm(): void {
+    editing = null;
+    form.reset();
+    clearErrors(form);
+    conflict.hidden = true;
+    (name.input as HTMLInputElement).readOnly = false;
+    formTitle.textContent = 'New campaign';
+    submit.textContent = 'Create campaign';
+    submit.disabled = false;
+    cancel.hidden = true;
+  }
+
+  async function edit(c: Campaign): Promise<void> {
+    resetForm();
+    const mine = { campaign: c, etag: listEtag };
+    editing = mine;
+    name.input.value = c.name;
+    (name.input as HTMLInputElement).readOnly = true;
+    start.input.value = c.startDate ?? '';
+    end.input.value = c.endDate ?? '';
+    cap.input.value = c.perDeviceCap === null || c.perDeviceCap === undefined ? '' : String(c.perDeviceCap);
+    formTitle.textContent = `Edit ${c.name}`;
+    submit.textContent = 'Save campaign';
+    cancel.hidden = false;
+    start.input.focus();
+    // The item's own version, when the server gives one; saving waits for it.
+    submit.disabled = true;
+    try {
+      mine.etag = await versionOf(`campaigns/${seg(c.id)}`, listEtag);
+    } finally {
+      if (editing === mine) submit.disabled = false;
+    }
+  }
+
+  form.addEventListener('submit', async (ev) => {
+    ev.preventDefault();
+    clearErrors(form);
+    conflict.hidden = true;
+    const body: Record<string, unknown> = { name: name.input.value.trim() };
+    if (!body.name) {
+      showError(form, new ApiError(400, 'A campaign needs a name.', '/name', [], null, null));
+      return;
+    }
+    if (start.input.value.trim()) body.startDate = start.input.value.trim();
+    if (end.input.value.trim()) body.endDate = end.input.value.trim();
+    const capText = cap.input.value.trim();
+    if (capText) {
+      const n = Number(capText);
+      if (!Number.isInteger(n) || n < 0) {
+        showError(form, new ApiError(400, 'The cap is a whole number, 0 or more.', '/perDeviceCap', [], null, null));
+        return;
+      }
+      body.perDeviceCap = n;
+    }
+    submit.disabled = true;
+    try {
+      await admin.post('campaigns', body, editing?.etag ?? null);
+      toast(editing ? `Saved ${body.name as string}.` : `Created ${body.name as string}.`);
+      resetForm();
+      await refresh();
+    } catch (e) {
+      if (e instanceof ApiError && e.status === 412) {
+        const c = editing?.campaign;
+        conflictNotice(conflict, 'campaign', () => {
+          void refresh().then(() => {
+            const fresh = campaigns.find((x) => x.id === c?.id || x.name === c?.name);
+            if (fresh) void edit(fresh);
+            else resetForm();
+          });
+        });
+      } else showError(form, e);
+    } finally {
+      submit.disabled = false;
+    }
+  });
+
+  async function act(p: Promise<unknown>, done: string, explain?: (e: ApiError) => string | null): Promise<void> {
+    top.hidden = true;
+    try {
+      await p;
+      toast(done);
+      await refresh();
+    } catch (e) {
+      showMessage(top, e, explain);
+      top.scrollIntoView({ block: 'nearest' });
+    }
+  }
+
+  function showPreview(o: Offer): void {
+    const titleId = 'preview-title';
+    const hasAlert = typeof o.alertText === 'string';
+    const frame = o.mediaUrl
+      ? h('iframe', { sandbox: '', src: o.mediaUrl, title: `Media page of ${o.eventName}`, referrerpolicy: 'no-referrer', loading: 'lazy' })
+      : h('p', { class: 'meta' }, 'This offer has no media page.');
+    replace(
+      preview,
+      h('div', { class: 'card-head' }, h('h2', { id: titleId }, `Preview: ${o.eventName}`), button('Close preview', () => (preview.hidden = true))),
+      h(
+        'div',
+        { class: 'preview-body' },
+        h(
+          'div',
+          { class: 'device', 'aria-label': 'As a device shows the alert', role: 'group' },
+          h(
+            'div',
+            { class: 'notification' },
+            h('p', { class: 'n-app' }, 'Tovrel · now'),
+            h('p', { class: 'n-title' }, o.eventName),
+            h('p', { class: 'n-text' }, hasAlert ? o.alertText! : '(the server does not send the alert text)'),
+          ),
+        ),
+        h('div', { class: 'media' }, h('p', { class: 'meta' }, o.mediaUrl || ''), frame),
+      ),
+    );
+    preview.hidden = false;
+    preview.querySelector<HTMLButtonElement>('button')?.focus();
+  }
+
+  function render(): void {
+    replace(
+      table,
+      campaigns.length
+        ? labelCells(h(
+            'table',
+            { class: 'list' },
+            h('thead', {}, h('tr', {}, ['Name', 'Status', 'Start', 'End', 'Cap', 'Offers', 'Actions'].map((t) => h('th', { scope: 'col' }, t)))),
+            h(
+              'tbody',
+              {},
+              campaigns.map((c) => {
+                const state = campaignState(c);
+                return h(
+                  'tr',
+                  { 'data-campaign': c.name },
+                  h('th', { scope: 'row' }, c.name),
+                  h('td', {}, h('span', { class: `badge state-${state}`, 'data-state': state }, state)),
+                  h('td', {}, c.startDate || 'open'),
+                  h('td', {}, c.endDate || 'open'),
+                  h('td', {}, c.perDeviceCap === null || c.perDeviceCap === undefined ? '—' : String(c.perDeviceCap)),
+                  h('td', {}, String(c.offers ?? 0)),
+                  h(
+                    'td',
+                    { class: 'actions' },
+                    button('Edit', () => void edit(c), { 'aria-label': `Edit ${c.name}` }),
+                    c.disabled
+                      ? button('Enable', () => void act(admin.post(`campaigns/${seg(c.id)}/enable`), `Enabled ${c.name}.`), { 'aria-label': `Enable ${c.name}` })
+                      : button('Disable', () => void act(admin.post(`campaigns/${seg(c.id)}/disable`), `Disabled ${c.name}.`), { 'aria-label': `Disable ${c.name}` }),
+                    confirmButton('Remove', 'Really remove?', () =>
+                      act(admin.del(`campaigns/${seg(c.id)}`), `Removed ${c.name}.`, (e) =>
+                        e.status === 409
+                          ? `“${c.name}” still has offers: remove its offers below (or the places that carry them) first, or disable the campaign to stop it instead.`
+                          : null,
+                      ), { 'aria-label': `Remove ${c.name}` }),
+                  ),
+                );
+              }),
+            ),
+          ))
+        : h('p', {}, 'No campaigns yet.'),
+    );
+    replace(
+      offersTable,
+      offers.length
+        ? labelCells(h(
+            'table',
+            { class: 'list' },
+            h('thead', {}, h('tr', {}, ['Offer', 'Id', 'Campaign', 'Type', 'Places', 'Status', 'Actions'].map((t) => h('th', { scope: 'col' }, t)))),
+            h(
+              'tbody',
+              {},
+              offers.map((o) =>
+                h(
+                  'tr',
+                  { 'data-offer': String(o.eventId) },
+                  h('th', { scope: 'row', class: 'offer-name' }, o.eventName),
+                  h('td', {}, String(o.eventId)),
+                  h('td', {}, o.campaign),
+                  h('td', {}, String(o.eventTypeId)),
+                  h('td', {}, String(o.places ?? 0)),
+                  h('td', {}, h('span', { class: `badge ${o.disabled ? 'state-disabled' : 'state-running'}` }, o.disabled ? 'disabled' : 'on')),
+                  h(
+                    'td',
+                    { class: 'actions' },
+                    button('Preview', () => showPreview(o), { 'aria-label': `Preview offer ${o.eventId}` }),
+                    o.disabled
+                      ? button('Enable', () => void act(admin.post(`offers/${seg(o.eventId)}/enable`), `Enabled offer ${o.eventId}.`), { 'aria-label': `Enable offer ${o.eventId}` })
+                      : button('Disable', () => void act(admin.post(`offers/${seg(o.eventId)}/disable`), `Disabled offer ${o.eventId}.`), { 'aria-label': `Disable offer ${o.eventId}` }),
+                    confirmButton('Remove', 'Really remove?', () => act(admin.del(`offers/${seg(o.eventId)}`), `Removed offer ${o.eventId}.`), { 'aria-label': `Remove offer ${o.eventId}` }),
+                  ),
+                ),
+              ),
+            ),
+          ))
+        : h('p', {}, 'No offers yet. Attach one to a place on the map, or import a place file.'),
+    );
+  }
+
+  async function refresh(): Promise<void> {
+    try {
+      const [c, o] = await Promise.all([loadCampaigns(), loadOffers()]);
+      campaigns = c.list;
+      listEtag = c.etag;
+      offers = o.list;
+      render();
+    } catch (e) {
+      showMessage(top, e);
+    }
+  }
+  void refresh();
+  return () => {};
+}

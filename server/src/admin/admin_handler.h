@@ -1,0 +1,64 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "admin/console.h"
+#include "http/http_server.h"
+
+namespace tovrel::server {
+
+class Service;
+class WorkQueue;
+
+/// The admin listener's requests. Unauthenticated, for probes and scrapers: GET /healthz (the process
+/// answers), GET /readyz (catalogue loaded and database reachable, else 503) and GET /metrics
+/// (Prometheus text). Under /admin/v1/, every request carries "Authorization: Bearer <token>": apps,
+/// campaigns, offers and places listed, added, disabled, enabled and removed, place files uploaded
+/// (with ?dry_run=1 only checked), and the funnel. Changes are served by the public listener when
+/// their answer is sent. Admin work runs on a thread of its own, never on the connection's. The campaign
+/// console's pages and sign-in are under /console/ (see Console); a signed-in console may use the admin
+/// API with its session cookie instead of the token.
+class AdminHandler : public RequestHandler {
+  public:
+    /// `token` empty: the admin API answers 403 (probes and metrics still answer). `snapshot` fills the
+    /// gauges that only the server knows (open connections, queued jobs). `consoleDir`: the built
+    /// console, empty when it is not installed.
+    AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
+                 std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir = {});
+
+    /// Admin API requests without the token are refused here, before their body is read, and at most
+    /// kMaxAdminRequests are read or worked on at once; probes may carry kMaxProbeBody. Any connection
+    /// thread.
+    Admission admit(const HttpRequest& header) override;
+    /// Any connection thread.
+    void handle(const HttpRequest& request, Respond respond) override;
+
+    /// Admin API requests being read or worked on at once, at most.
+    static constexpr int kMaxAdminRequests = 8;
+    /// The largest body a probe or a metrics scrape may carry.
+    static constexpr std::size_t kMaxProbeBody = 4 * 1024;
+
+  private:
+    /// The 403 of an admin API without a token, the 401 of a request without the right one or a
+    /// console session, the 403 of a console's change without its anti-forgery token.
+    std::optional<HttpReply> refuseUnauthorised(const HttpRequest& request);
+    HttpReply administer(const std::string& method, const std::string& target, const std::string& body);
+
+    Service& service_;
+    Metrics& metrics_;
+    WorkQueue& work_;
+    std::string token_;
+    std::function<MetricsSnapshot()> snapshot_;
+    Console console_;
+    std::atomic<int> inFlight_{0};
+};
+
+/// Reads an admin token file: its first line without surrounding blanks. Throws std::runtime_error
+/// when the file cannot be read, the token is shorter than 16 characters, or other users may read or
+/// write the file (unless `othersMayRead`).
+std::string readAdminToken(const std::string& path, bool othersMayRead = false);
+
+}  // namespace tovrel::server

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+
+#include "http/http_server.h"
+
+namespace tovrel::server {
+
+class Service;
+class StaticFiles;
+class WorkQueue;
+
+/// The public listener's requests: the JSON endpoints and the content pages. A request answered from
+/// memory (places of a known session, refusals) is answered on the connection's thread; one that needs
+/// the database is queued on the database threads, and refused with 503 when the queue is full.
+class ApiHandler : public RequestHandler {
+  public:
+    /// `fallbackBase` ("http://host:port") goes before relative media addresses when a request has no
+    /// usable Host header; `mediaBase`, when set, always.
+    ApiHandler(Service& service, const StaticFiles& files, WorkQueue& database, std::string mediaBase);
+
+    /// Sets the fallback base once the listener's port is known. Before serving.
+    void setFallbackBase(std::string base) { fallbackBase_ = std::move(base); }
+
+    /// A body may carry its endpoint's limit (kApiRoutes). Any connection thread.
+    Admission admit(const HttpRequest& header) override;
+    /// Any connection thread.
+    void handle(const HttpRequest& request, Respond respond) override;
+
+  private:
+    std::string mediaBase(std::string_view host, bool tls) const;
+
+    Service& service_;
+    const StaticFiles& files_;
+    WorkQueue& database_;
+    std::string mediaBase_;
+    std::string fallbackBase_;
+};
+
+}  // namespace tovrel::server

@@ -1,0 +1,678 @@
+#include "api/service.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include "common/field_limits.h"
+#include "common/request_fields.h"
+#include "common/routes.h"
+#include "common/session_keys.h"
+#include "http/buffer_pool.h"
+#include "observability/log.h"
+
+namespace tovrel::server {
+
+using nlohmann::json;
+
+namespace {
+
+const std::string kStatusOk = R"({"status":1})";
+
+uint64_t pairKey(int64_t offer, int64_t place) {
+    return (static_cast<uint64_t>(offer) << 32) | static_cast<uint32_t>(place);
+}
+
+}  // namespace
+
+namespace {
+
+constexpr double kRefusedSdkKeySeconds = 5;
+constexpr std::size_t kMaxRefusedSdkKeys = 4096;
+constexpr double kLogBurstSeconds = 60;
+
+double steadyNow() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+double Service::steadySeconds() {
+    return steadyNow();
+}
+
+Service::Service(const std::string& location, Clock clock, ServiceOptions options, Metrics* metrics,
+                 const Logger* logger)
+    : clock_(std::move(clock)),
+      options_(options),
+      metrics_(metrics),
+      logger_(logger),
+      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays,
+                                              options.changeCheckSeconds})),
+      sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
+      logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
+    reloadPlaces();
+    changeFeed_ = concurrentStore().watchChanges(*this);
+}
+
+Service::~Service() {
+    changeFeed_.reset();
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
+}
+
+void Service::catalogVersion(std::uint64_t version) {
+    if (version == storeCatalogVersion_.load()) {
+        return;
+    }
+    try {
+        refreshCatalog();
+    } catch (const std::exception&) {
+        // The catalogue in memory keeps answering; the next check of the version tries again.
+        if (metrics_ != nullptr) {
+            metrics_->databaseError();
+        }
+    }
+}
+
+void Service::devicesChanged(const std::vector<int64_t>& devices) {
+    Lock lock(stateMutex_);
+    ++linkEpoch_;
+    for (const int64_t device : devices) {
+        if (const auto it = devices_.find(device); it != devices_.end()) {
+            it->second.stale = true;
+        }
+    }
+}
+
+void Service::resynchronise() {
+    Lock lock(stateMutex_);
+    ++linkEpoch_;
+    for (auto& [device, links] : devices_) {
+        links.stale = true;
+    }
+}
+
+std::variant<json, ApiReply> Service::parse(std::string_view path, std::string_view body) {
+    if (const ApiRoute* route = findApiRoute(path); route != nullptr && body.size() > route->bodyLimit) {
+        return ApiReply{413, errorJson("the request body exceeds the limit of " +
+                                       std::to_string(route->bodyLimit / 1024) + " KiB")};
+    }
+    try {
+        return parseObjectBody(body);
+    } catch (const ApiError& e) {
+        return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
+ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    auto parsed = parse(path, body);
+    if (auto* refused = std::get_if<ApiReply>(&parsed)) {
+        return std::move(*refused);
+    }
+    const json& req = std::get<json>(parsed);
+    if (auto reply = answerInMemory(path, req, mediaBase)) {
+        return std::move(*reply);
+    }
+    return handleParsed(path, req, mediaBase);
+}
+
+std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,
+                                                std::string_view mediaBase) {
+    const ApiRoute* route = findApiRoute(path);
+    if (route == nullptr || !route->fromMemory) {
+        return std::nullopt;
+    }
+    try {
+        if (route->route == Route::place) {
+            const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
+            std::optional<int64_t> device;
+            {
+                ReaderLock lock(stateMutex_);
+                device = cachedDeviceLocked(keyHash, clock_());
+                if (device) {
+                    const auto links = devices_.find(*device);
+                    if (links == devices_.end() || links->second.stale) {
+                        return std::nullopt;
+                    }
+                }
+            }
+            if (!device) {
+                return std::nullopt;
+            }
+            return ApiReply{200, placesAnswer(req, *device, mediaBase)};
+        }
+        if (route->route == Route::session) {
+            const std::string& sdkKey = requireString(req, "sdkkey", limits::kSdkKey);
+            requireString(req, "deviceId", limits::kDeviceId);
+            if (!sessionLimiter_.allow(sdkKey, steadyNow())) {
+                if (metrics_ != nullptr) {
+                    metrics_->rateLimited();
+                }
+                return ApiReply{429, errorJson("too many session starts for this sdkkey; slow down"), true};
+            }
+            Lock lock(refusedMutex_);
+            if (const auto it = refusedSdkKeys_.find(compactKey(sdkKey)); it != refusedSdkKeys_.end()) {
+                if (steadyNow() < it->second) {
+                    return ApiReply{401, errorJson("the sdkkey is not a registered app key")};
+                }
+                refusedSdkKeys_.erase(it);
+            }
+            return std::nullopt;
+        }
+        if (route->route == Route::log) {
+            const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
+            if (!logLimiter_.allow(deviceId, steadyNow())) {
+                if (metrics_ != nullptr) {
+                    metrics_->rateLimited();
+                }
+                return ApiReply{429, errorJson("too many log messages from this device; slow down"), true};
+            }
+            return std::nullopt;
+        }
+        return std::nullopt;
+    } catch (const ApiError& e) {
+        return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
+ApiReply Service::handleParsed(std::string_view path, const json& req, std::string_view mediaBase,
+                               std::optional<double> queuedAt) {
+    const double started = steadyNow();
+    const ApiRoute* route = findApiRoute(path);
+    if (route == nullptr) {
+        return {404, errorJson("there is no endpoint " + std::string(path))};
+    }
+    if (route->writes && queuedAt.value_or(started) < busyFoundAt_.load()) {
+        return refuseBusy(started);
+    }
+    try {
+        return {200, answer(route->route, req, mediaBase)};
+    } catch (const ApiError& e) {
+        return {e.status(), errorJson(e.what())};
+    } catch (const DatabaseBusy& e) {
+        // Writes queued behind this one would each wait their own busy timeout for the same lock.
+        busyFoundAt_ = steadyNow();
+        return refuseBusy(started);
+    } catch (const std::runtime_error& e) {
+        // The store's words stay in the log: they can name tables, indexes and values of other clients.
+        reportFailure(path, e.what());
+        return {503, errorJson("the database could not take this request; try again later"), true};
+    } catch (const std::exception& e) {
+        reportFailure(path, e.what());
+        return {500, errorJson("the server failed")};
+    } catch (...) {
+        reportFailure(path, "an unknown exception");
+        return {500, errorJson("the server failed")};
+    }
+}
+
+std::string Service::answer(Route route, const json& req, std::string_view mediaBase) {
+    switch (route) {
+        case Route::session:
+            return session(req);
+        case Route::place:
+            return places(req, mediaBase);
+        case Route::link:
+            return link(req, mediaBase);
+        case Route::update:
+            return update(req);
+        case Route::clear:
+            return clear(req);
+        case Route::tagUpdate:
+            return tagUpdate(req);
+        case Route::tagDelete:
+            return tagDelete(req);
+        case Route::log:
+            return log(req);
+        default:
+            throw ApiError(404, "there is no such endpoint");
+    }
+}
+
+ApiReply Service::refuseBusy(double started) {
+    if (metrics_ != nullptr) {
+        metrics_->databaseBusy(steadyNow() - started);
+    }
+    return {503, errorJson("the database is busy; try again shortly"), true};
+}
+
+void Service::reportFailure(std::string_view path, std::string_view what) {
+    if (metrics_ != nullptr) {
+        metrics_->databaseError();
+    }
+    if (logger_ != nullptr) {
+        logger_->write(LogLevel::error,
+                       logger_->line(LogLevel::error, "request failed").add("path", path).add("error", what));
+    }
+}
+
+std::shared_ptr<const Catalog> Service::catalog() {
+    ReaderLock lock(stateMutex_);
+    return catalog_;
+}
+
+void Service::reloadPlaces() {
+    Lock rebuild(rebuildMutex_);
+    rebuildCatalogLocked();
+}
+
+void Service::refreshCatalog() {
+    Lock rebuild(rebuildMutex_);
+    const std::uint64_t since = storeCatalogVersion_.load();
+    const std::optional<CatalogChanges> changes =
+        since != 0 ? readCatalogChanges(since) : std::optional<CatalogChanges>();
+    if (!changes) {
+        rebuildCatalogLocked();
+        return;
+    }
+    if (changes->version == since) {
+        return;
+    }
+    auto fresh = std::make_shared<const Catalog>(*catalog(), *changes);
+    const bool large = fresh->overlaySize() > kCatalogOverlayChanges * options_.catalogChangesInPlace;
+    swapCatalogLocked(std::move(fresh), changes->version);
+    if (large) {
+        startCompaction();
+    }
+}
+
+void Service::startCompaction() {
+    if (compacting_.exchange(true)) {
+        return;
+    }
+    Lock lock(compactorMutex_);
+    if (compactor_.joinable()) {
+        compactor_.join();
+    }
+    compactor_ = std::thread([this] {
+        try {
+            compactCatalog();
+        } catch (const std::exception&) {
+            // The catalogue in memory keeps answering; the next change that finds it large tries again.
+            if (metrics_ != nullptr) {
+                metrics_->databaseError();
+            }
+        }
+        compacting_ = false;
+    });
+}
+
+void Service::compactCatalog() {
+    CatalogData data = readWholeCatalog();
+    std::uint64_t version = data.version;
+    auto whole = std::make_shared<const Catalog>(data);
+    data = CatalogData();
+    std::shared_ptr<const Catalog> old;
+    {
+        Lock rebuild(rebuildMutex_);
+        if (version < storeCatalogVersion_.load()) {
+            const std::optional<CatalogChanges> changes = readCatalogChanges(version);
+            if (!changes) {
+                return;
+            }
+            whole = std::make_shared<const Catalog>(*whole, *changes);
+            version = changes->version;
+        }
+        old = swapCatalogLocked(std::move(whole), version);
+        ++catalogReads_;
+    }
+    release(std::move(old));
+}
+
+void Service::rebuildCatalogLocked() {
+    CatalogData data = readWholeCatalog();
+    const std::uint64_t version = data.version;
+    auto fresh = std::make_shared<const Catalog>(data);
+    data = CatalogData();
+    std::shared_ptr<const Catalog> old = swapCatalogLocked(std::move(fresh), version);
+    ++catalogReads_;
+    release(std::move(old));
+}
+
+CatalogData Service::readWholeCatalog() {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalog();
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalog();
+}
+
+std::optional<CatalogChanges> Service::readCatalogChanges(std::uint64_t since) {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().readCatalogChanges(since, options_.catalogChangesInPlace);
+    }
+    Lock db(dbMutex_);
+    return store_->readCatalogChanges(since, options_.catalogChangesInPlace);
+}
+
+void Service::release(std::shared_ptr<const Catalog> old) {
+    // A large catalogue's rows are many small blocks; without a trim the heap keeps the old one's pages.
+    if (old.use_count() == 1) {
+        old.reset();
+        malloc_trim(0);
+    }
+}
+
+std::shared_ptr<const Catalog> Service::swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
+                                                          std::uint64_t version) {
+    std::shared_ptr<const Catalog> old;
+    {
+        Lock lock(stateMutex_);
+        old = std::exchange(catalog_, std::move(fresh));
+    }
+    storeCatalogVersion_ = version;
+    ++catalogVersion_;
+    return old;
+}
+
+std::size_t Service::placesIndexed() {
+    return catalog()->placeCount();
+}
+
+std::size_t Service::sessionsCached() {
+    ReaderLock lock(stateMutex_);
+    return sessions_.size();
+}
+
+bool Service::databaseReachable() {
+    if (concurrentStore().concurrentCatalogReads()) {
+        return concurrentStore().reachable();
+    }
+    Lock db(dbMutex_);
+    return store_->reachable();
+}
+
+void Service::loadDeviceLocked(int64_t device) {
+    std::uint64_t epoch = 0;
+    {
+        ReaderLock lock(stateMutex_);
+        if (const auto it = devices_.find(device); it != devices_.end() && !it->second.stale) {
+            return;
+        }
+        epoch = linkEpoch_;
+    }
+    std::unordered_map<uint64_t, LinkInfo> byPair;
+    for (const LinkRow& row : store_->liveLinks(device)) {
+        byPair[pairKey(row.offer, row.place)] = LinkInfo{row.id, row.suppressed};
+    }
+    Lock lock(stateMutex_);
+    DeviceLinks& links = devices_[device];
+    links.byPair = std::move(byPair);
+    // A change notified while the rows were read may not be in them.
+    links.stale = linkEpoch_ != epoch;
+}
+
+std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, double now) const {
+    const auto it = sessions_.find(std::string_view(keyHash));
+    if (it == sessions_.end()) {
+        return std::nullopt;
+    }
+    if (options_.sessionTtl > 0 && now - it->second.createdAt > options_.sessionTtl) {
+        throw ApiError(401, "the sessionKey has expired; start a new session at /v1/session");
+    }
+    return it->second.device;
+}
+
+void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt) {
+    Lock lock(stateMutex_);
+    if (!sessions_.emplace(keyHash, CachedSession{device, createdAt}).second) {
+        return;
+    }
+    sessionOrder_.push_back(keyHash);
+    ++devices_[device].sessions;
+    // Added before the oldest goes: evicting first could drop the links of this very device.
+    while (sessions_.size() > std::max<std::size_t>(1, options_.maxCachedSessions)) {
+        const auto oldest = sessions_.find(std::string_view(sessionOrder_.front()));
+        if (oldest != sessions_.end()) {
+            const auto links = devices_.find(oldest->second.device);
+            if (links != devices_.end() && --links->second.sessions <= 0) {
+                devices_.erase(links);
+            }
+            sessions_.erase(oldest);
+        }
+        sessionOrder_.pop_front();
+    }
+}
+
+int64_t Service::authenticate(const json& req) {
+    const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
+    const double now = clock_();
+    {
+        ReaderLock lock(stateMutex_);
+        if (const auto device = cachedDeviceLocked(keyHash, now)) {
+            return *device;
+        }
+    }
+    Lock db(dbMutex_);
+    const std::optional<SessionRow> stored = store_->findSession(keyHash);
+    if (!stored) {
+        throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
+    }
+    const int64_t device = stored->device;
+    const double createdAt = stored->createdAt;
+    if (options_.sessionTtl > 0 && now - createdAt > options_.sessionTtl) {
+        throw ApiError(401, "the sessionKey has expired; start a new session at /v1/session");
+    }
+    loadDeviceLocked(device);
+    cacheSessionLocked(keyHash, device, createdAt);
+    return device;
+}
+
+std::string Service::session(const json& req) {
+    const std::string& deviceId = requireString(req, "deviceId", limits::kDeviceId);
+    const std::string& sdkKey = requireString(req, "sdkkey", limits::kSdkKey);
+    const std::string deviceType = optionalString(req, "deviceType", limits::kDeviceType, "");
+    const std::string deviceModel = optionalString(req, "deviceModel", limits::kDeviceModel, "");
+    if (deviceId.empty()) {
+        throw ApiError(400, "the member \"deviceId\" must not be empty");
+    }
+    const std::string key = randomKey();
+    const std::string keyHash = sessionKeyHash(key);
+    const double now = clock_();
+
+    Lock db(dbMutex_);
+    if (!store_->appEnabled(sdkKey)) {
+        // A device with a wrong key retries at once, for ever: the next tries are refused from memory.
+        Lock lock(refusedMutex_);
+        if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
+            refusedSdkKeys_.clear();
+        }
+        refusedSdkKeys_[compactKey(sdkKey)] = steadyNow() + kRefusedSdkKeySeconds;
+        throw ApiError(401, "the sdkkey is not a registered app key");
+    }
+    const int64_t deviceRow =
+        store_->startSession(DeviceInfo{deviceId, deviceType, deviceModel, sdkKey}, keyHash, now);
+    loadDeviceLocked(deviceRow);
+    cacheSessionLocked(keyHash, deviceRow, now);
+    return json{{"sessionKey", key}}.dump();
+}
+
+std::string Service::places(const json& req, std::string_view mediaBase) {
+    const int64_t device = authenticate(req);
+    try {
+        Lock db(dbMutex_);
+        loadDeviceLocked(device);
+    } catch (const DatabaseBusy&) {
+        // Places are answered while the database is away; only the linked flags may be behind.
+    }
+    return placesAnswer(req, device, mediaBase);
+}
+
+std::string Service::placesAnswer(const json& req, int64_t device, std::string_view mediaBase) {
+    const auto list = req.find("coordinatesList");
+    if (list == req.end() || !list->is_array() || list->empty() || !list->front().is_object()) {
+        throw ApiError(400, "the member \"coordinatesList\" must be an array of {\"lat\", \"lon\"} objects");
+    }
+    const double lat = requireNumber(list->front(), "lat", -90, 90);
+    const double lon = requireNumber(list->front(), "lon", -180, 180);
+    const double threshold = requireNumber(req, "distanceThreshold", 0, kMaxDistanceThreshold);
+    const double now = clock_();
+
+    thread_local std::vector<SpatialIndex::Hit> hits;
+    std::string out = buffer_pool::take();
+    out += "{\"places\":[";
+    const std::shared_ptr<const Catalog> snapshot = catalog();
+    const Catalog& cat = *snapshot;
+    cat.near(lat, lon, threshold, hits);
+    ReaderLock lock(stateMutex_);
+    const auto links = devices_.find(device);
+    bool first = true;
+    std::size_t records = 0;
+    for (const SpatialIndex::Hit& hit : hits) {
+        const Catalog::Place& place = cat.placeAt(hit.id);
+        for (const int64_t o : place.offers) {
+            const Catalog::Offer* found = cat.findOffer(o);
+            if (found == nullptr || !cat.campaignOf(*found).activeAt(now)) {
+                continue;
+            }
+            const Catalog::Offer& offer = *found;
+            if (records++ == kMaxPlaceRecords) {
+                break;
+            }
+            const bool linked =
+                links != devices_.end() && links->second.byPair.contains(pairKey(offer.id, place.id));
+            if (!first) {
+                out += ',';
+            }
+            first = false;
+            cat.appendRecord(out, place, offer, mediaBase, linked);
+            out += '}';
+        }
+        if (records > kMaxPlaceRecords) {
+            break;
+        }
+    }
+    out += "]}";
+    return out;
+}
+
+std::string Service::link(const json& req, std::string_view mediaBase) {
+    const int64_t device = authenticate(req);
+    const int64_t eventId = requireId(req, "eventId");
+    const int64_t placeId = requireId(req, "placeId");
+    const std::shared_ptr<const Catalog> cat = catalog();
+    const Catalog::Place* place = cat->findPlace(placeId);
+    const Catalog::Offer* offer = cat->findOffer(eventId);
+    if (!place) {
+        throw ApiError(404, "there is no place with placeId " + std::to_string(placeId));
+    }
+    if (!offer) {
+        throw ApiError(404, "there is no offer with eventId " + std::to_string(eventId));
+    }
+    if (!cat->offeredAt(*place, *offer)) {
+        throw ApiError(
+            404, "offer " + std::to_string(eventId) + " is not offered at place " + std::to_string(placeId));
+    }
+    const Catalog::Campaign& campaign = cat->campaignOf(*offer);
+
+    LinkInfo info;
+    {
+        Lock db(dbMutex_);
+        loadDeviceLocked(device);
+        const LinkRow stored =
+            store_->addLink(device, NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap}, clock_());
+        info = LinkInfo{stored.id, stored.suppressed};
+        // The writers' lock held throughout: nothing evicted the device since it was loaded.
+        Lock lock(stateMutex_);
+        devices_.at(device).byPair[pairKey(eventId, placeId)] = info;
+    }
+    std::string out = "{\"places\":[";
+    cat->appendRecord(out, *place, *offer, mediaBase, true);
+    out += ",\"deviceEventId\":" + std::to_string(info.id) +
+           ",\"suppressMessage\":" + (info.suppressed ? "1" : "0");
+    out += "}]}";
+    return out;
+}
+
+std::string Service::update(const json& req) {
+    static constexpr std::array<std::string_view, 4> kCodes = {"ack", "seen", "saved", "declined"};
+    const int64_t device = authenticate(req);
+    const int64_t id = requireId(req, "deviceEventId");
+    const std::string& code = requireString(req, "statusCode", kCodes.size() * 8);
+    if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
+        throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
+    }
+    writeOnly([&](Store& store) {
+        if (store.liveLinkOwner(id) != device) {
+            throw ApiError(404, "this device has no device event " + std::to_string(id));
+        }
+        store.addLinkStatus(id, code, clock_());
+    });
+    return kStatusOk;
+}
+
+std::string Service::clear(const json& req) {
+    const int64_t device = authenticate(req);
+    Lock db(dbMutex_);
+    store_->clearLinks(device, clock_());
+    Lock lock(stateMutex_);
+    devices_[device].byPair.clear();
+    return kStatusOk;
+}
+
+std::string Service::tagUpdate(const json& req) {
+    const int64_t device = authenticate(req);
+    const std::string& tag = requireString(req, "tag", limits::kTag);
+    const std::string& value = requireString(req, "tagValue", limits::kTagValue);
+    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
+    writeOnly([&](Store& store) { store.setTag(device, group, tag, value, clock_()); });
+    return kStatusOk;
+}
+
+std::string Service::tagDelete(const json& req) {
+    const int64_t device = authenticate(req);
+    const std::string& tag = requireString(req, "tag", limits::kTag);
+    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
+    writeOnly([&](Store& store) { store.deleteTag(device, group, tag); });
+    return kStatusOk;
+}
+
+std::string Service::log(const json& req) {
+    const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
+    const auto message = req.find("message");
+    if (message == req.end()) {
+        throw ApiError(400, "the request lacks the member \"message\"");
+    }
+    if (!message->is_object() || message->size() != 1) {
+        throw ApiError(400,
+                       "the member \"message\" must be an object with exactly one member, the event name");
+    }
+    const std::string& event = message->begin().key();
+    if (event.empty()) {
+        throw ApiError(400, "the event name (the message's only member) must not be empty");
+    }
+    if (event.size() > limits::kLogEventName || event.find('\0') != std::string::npos) {
+        throw ApiError(400, "the event name (the message's only member) may be at most " +
+                                std::to_string(limits::kLogEventName) +
+                                " bytes long, without NUL characters");
+    }
+    const std::string text = message->dump();
+    writeOnly([&](Store& store) { store.addLog(deviceId, event, text, clock_()); });
+    return kStatusOk;
+}
+
+ImportSummary Service::importGeoJson(const std::string& path) {
+    const PlaceFileCheck check = checkPlaceFile(path);
+    if (!check.catalog) {
+        throw ImportError(describeProblems(check.problems));
+    }
+    return change([&](Store& store) { return store.writePlaceCatalog(*check.catalog, clock_()); }, true);
+}
+
+void Service::addApp(const std::string& key, const std::string& name) {
+    Lock db(dbMutex_);
+    store_->writeApp(AppDef{key, name}, clock_());
+}
+
+Report Service::report() {
+    Lock db(dbMutex_);
+    return store_->report();
+}
+
+}  // namespace tovrel::server

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tovrel::server {
+
+/// What a request was, as the metrics and the access log name it.
+enum class Route : std::uint8_t {
+    session,
+    place,
+    link,
+    update,
+    clear,
+    tagUpdate,
+    tagDelete,
+    log,
+    page,
+    admin,
+    health,
+    metrics,
+    other,
+};
+inline constexpr std::size_t kRouteCount = static_cast<std::size_t>(Route::other) + 1;
+
+/// The largest request body a listener reads unless its handler admits less.
+inline constexpr std::size_t kMaxRequestBody = 1024 * 1024;
+
+/// The largest /v1/log body accepted; a diagnostics message is a few hundred bytes.
+inline constexpr std::size_t kMaxLogBody = 256 * 1024;
+
+/// One endpoint of the public listener's JSON API, read by every part of the server that treats
+/// endpoints apart: the HTTP front (its body limit, before the body is read), the service (whether
+/// memory may answer it, whether it writes) and the metrics (its label is its path).
+struct ApiRoute {
+    std::string_view path;
+    Route route;
+    std::size_t bodyLimit;
+    /// The connection's thread may answer it from memory: a known session's places, refusals.
+    bool fromMemory;
+    /// It writes to the database: refused at once while the database is known to be busy.
+    bool writes;
+};
+
+/// Every endpoint is a POST of a JSON object.
+inline constexpr std::string_view kApiMethod = "POST";
+
+/// The JSON API, in the order of the Route values it names.
+inline constexpr std::array<ApiRoute, 8> kApiRoutes = {{
+    {"/v1/session", Route::session, kMaxRequestBody, true, true},
+    {"/v2/place", Route::place, kMaxRequestBody, true, false},
+    {"/v1/deviceevent/link", Route::link, kMaxRequestBody, false, true},
+    {"/v1/deviceevent/update", Route::update, kMaxRequestBody, false, true},
+    {"/v1/deviceevent/clear", Route::clear, kMaxRequestBody, false, true},
+    {"/v1/devicetag/update", Route::tagUpdate, kMaxRequestBody, false, true},
+    {"/v1/devicetag/delete", Route::tagDelete, kMaxRequestBody, false, true},
+    {"/v1/log", Route::log, kMaxLogBody, true, true},
+}};
+
+/// The endpoint at `path` (without a query); null when there is none. Pure; any thread.
+const ApiRoute* findApiRoute(std::string_view path);
+
+}  // namespace tovrel::server

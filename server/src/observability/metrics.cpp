@@ -1,0 +1,131 @@
+#include "observability/metrics.h"
+
+#include <prometheus/counter.h>
+#include <prometheus/gauge.h>
+#include <prometheus/histogram.h>
+#include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
+
+#include "common/routes.h"
+
+namespace tovrel::server {
+
+namespace {
+
+// The labels of what is not an endpoint of the JSON API, whose labels are their paths.
+constexpr std::array<std::string_view, kRouteCount - kApiRoutes.size()> kOtherLabels = {
+    "page", "admin", "health", "metrics", "other"};
+
+// The statuses the server answers get a slot each; the last slot is every other status.
+constexpr std::array<unsigned, 15> kStatuses = {200, 201, 400, 401, 403, 404, 405, 409,
+                                                413, 429, 431, 500, 503, 304, 206};
+
+std::size_t statusSlot(unsigned status) {
+    for (std::size_t i = 0; i < kStatuses.size(); ++i) {
+        if (kStatuses[i] == status) {
+            return i;
+        }
+    }
+    return kStatuses.size();
+}
+
+}  // namespace
+
+std::string_view routeLabel(Route route) {
+    const auto index = static_cast<std::size_t>(route);
+    return index < kApiRoutes.size() ? kApiRoutes[index].path : kOtherLabels[index - kApiRoutes.size()];
+}
+
+Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
+    requests_ = &prometheus::BuildCounter()
+                     .Name("tovrel_requests_total")
+                     .Help("Requests answered, by route and HTTP status")
+                     .Register(*registry_);
+    auto& latency = prometheus::BuildHistogram()
+                        .Name("tovrel_request_duration_seconds")
+                        .Help("Time from a request's last byte read to its answer handed to the socket")
+                        .Register(*registry_);
+    const prometheus::Histogram::BucketBoundaries buckets = {
+        0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5};
+    for (std::size_t r = 0; r < kRouteCount; ++r) {
+        latency_[r] = &latency.Add({{"route", std::string(routeLabel(static_cast<Route>(r)))}}, buckets);
+    }
+    const auto counter = [this](const char* name, const char* help) {
+        return &prometheus::BuildCounter().Name(name).Help(help).Register(*registry_).Add({});
+    };
+    const auto gauge = [this](const char* name, const char* help) {
+        return &prometheus::BuildGauge().Name(name).Help(help).Register(*registry_).Add({});
+    };
+    refusedCounter_ = counter("tovrel_connections_refused_total",
+                              "Connections refused over --max-connections or the per-address cap");
+    limitedCounter_ = counter("tovrel_rate_limited_requests_total", "Requests answered 429 by a rate limit");
+    dbErrors_ = counter("tovrel_database_errors_total",
+                        "Requests the database failed (answered 503, the error in the log)");
+    dbBusy_ =
+        counter("tovrel_database_busy_total", "Requests answered 503 because the database stayed locked");
+    dbBusySeconds_ =
+        counter("tovrel_database_busy_seconds_total", "Time spent waiting for a locked database");
+    openConnections_ = gauge("tovrel_open_connections", "Connections open on the public listener");
+    places_ = gauge("tovrel_places_indexed", "Places in the in-memory index");
+    sessions_ = gauge("tovrel_sessions_cached", "Session keys held in memory");
+    queued_ = gauge("tovrel_database_queue_jobs", "Requests waiting for the database");
+    catalogVersion_ = gauge("tovrel_catalog_version", "Updates of the in-memory catalogue since start");
+    catalogReads_ =
+        gauge("tovrel_catalog_full_reads",
+              "Updates of the in-memory catalogue that read all of it (the others applied changes)");
+}
+
+Metrics::~Metrics() = default;
+
+prometheus::Counter& Metrics::requestCounter(Route route, unsigned status) {
+    auto& slot = requestSlots_[static_cast<std::size_t>(route)][statusSlot(status)];
+    if (prometheus::Counter* counter = slot.load(std::memory_order_acquire)) {
+        return *counter;
+    }
+    std::lock_guard lock(slotMutex_);
+    if (prometheus::Counter* counter = slot.load(std::memory_order_relaxed)) {
+        return *counter;
+    }
+    const std::size_t index = statusSlot(status);
+    const std::string code = index < kStatuses.size() ? std::to_string(status) : "other";
+    prometheus::Counter* counter =
+        &requests_->Add({{"route", std::string(routeLabel(route))}, {"code", code}});
+    slot.store(counter, std::memory_order_release);
+    return *counter;
+}
+
+void Metrics::request(Route route, unsigned status, double seconds) {
+    requestCounter(route, status).Increment();
+    latency_[static_cast<std::size_t>(route)]->Observe(seconds);
+}
+
+void Metrics::refusedConnection() {
+    ++refused_;
+    refusedCounter_->Increment();
+}
+
+void Metrics::rateLimited() {
+    ++limited_;
+    limitedCounter_->Increment();
+}
+
+void Metrics::databaseError() {
+    dbErrors_->Increment();
+}
+
+void Metrics::databaseBusy(double seconds) {
+    dbBusy_->Increment();
+    dbBusySeconds_->Increment(seconds);
+}
+
+std::string Metrics::scrape(const MetricsSnapshot& snapshot) {
+    openConnections_->Set(static_cast<double>(snapshot.openConnections));
+    places_->Set(static_cast<double>(snapshot.placesIndexed));
+    sessions_->Set(static_cast<double>(snapshot.sessionsCached));
+    queued_->Set(static_cast<double>(snapshot.queuedJobs));
+    catalogVersion_->Set(static_cast<double>(snapshot.catalogVersion));
+    catalogReads_->Set(static_cast<double>(snapshot.catalogReads));
+    return prometheus::TextSerializer().Serialize(registry_->Collect());
+}
+
+}  // namespace tovrel::server

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "common/routes.h"
+
+namespace prometheus {
+class Counter;
+class Gauge;
+class Histogram;
+class Registry;
+template <typename T>
+class Family;
+}  // namespace prometheus
+
+namespace tovrel::server {
+
+/// The metrics label of a route: the endpoint's path, or "page", "admin", "health", "metrics", "other".
+std::string_view routeLabel(Route route);
+
+/// Values read when the metrics are scraped rather than counted as they happen.
+struct MetricsSnapshot {
+    std::int64_t openConnections = 0;
+    std::int64_t placesIndexed = 0;
+    std::int64_t sessionsCached = 0;
+    std::int64_t queuedJobs = 0;
+    std::uint64_t catalogVersion = 0;
+    std::uint64_t catalogReads = 0;
+};
+
+/// The server's Prometheus metrics: requests by route and status, a latency histogram per route,
+/// connection refusals, rate-limited requests, database errors and busy time, and the snapshot gauges.
+/// Every counting member is thread-safe and lock-free after the first request of a (route, status).
+class Metrics {
+  public:
+    Metrics();
+    ~Metrics();
+    Metrics(const Metrics&) = delete;
+    Metrics& operator=(const Metrics&) = delete;
+
+    /// One answered request. Any thread.
+    void request(Route route, unsigned status, double seconds);
+    /// One connection refused over a connection limit. Any thread.
+    void refusedConnection();
+    /// One request refused by a rate limit. Any thread.
+    void rateLimited();
+    /// One database failure other than a busy database. Any thread.
+    void databaseError();
+    /// One request given up on because the database stayed locked for `seconds`. Any thread.
+    void databaseBusy(double seconds);
+
+    /// Totals, for tests and the status line. Any thread.
+    std::uint64_t refusedConnections() const { return refused_.load(); }
+    std::uint64_t rateLimitedRequests() const { return limited_.load(); }
+
+    /// The text exposition format (version 0.0.4) of every metric. Any thread.
+    std::string scrape(const MetricsSnapshot& snapshot);
+
+  private:
+    static constexpr std::size_t kStatusSlots = 16;
+    prometheus::Counter& requestCounter(Route route, unsigned status);
+
+    std::shared_ptr<prometheus::Registry> registry_;
+    prometheus::Family<prometheus::Counter>* requests_;
+    std::array<prometheus::Histogram*, kRouteCount> latency_{};
+    std::array<std::array<std::atomic<prometheus::Counter*>, kStatusSlots>, kRouteCount> requestSlots_{};
+    std::mutex slotMutex_;
+    prometheus::Counter* refusedCounter_;
+    prometheus::Counter* limitedCounter_;
+    prometheus::Counter* dbErrors_;
+    prometheus::Counter* dbBusy_;
+    prometheus::Counter* dbBusySeconds_;
+    prometheus::Gauge* openConnections_;
+    prometheus::Gauge* places_;
+    prometheus::Gauge* sessions_;
+    prometheus::Gauge* queued_;
+    prometheus::Gauge* catalogVersion_;
+    prometheus::Gauge* catalogReads_;
+    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<std::uint64_t> limited_{0};
+};
+
+}  // namespace tovrel::server

@@ -1,0 +1,208 @@
+#include "store/postgres/pg_connection.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace tovrel::server {
+
+namespace {
+
+// SQLSTATE classes that mean "not now": the connection, the server shutting down, locks, timeouts,
+// conflicts between transactions. Nothing was written; the client may try again.
+bool meansUnavailable(const std::string& state) {
+    return state.rfind("08", 0) == 0 || state.rfind("57P", 0) == 0 || state == "40001" || state == "40P01" ||
+           state == "55P03" || state == "57014" || state == "53300";
+}
+
+}  // namespace
+
+std::string PgResult::text(int row, int col) const {
+    return std::string(PQgetvalue(result_.get(), row, col),
+                       static_cast<std::size_t>(PQgetlength(result_.get(), row, col)));
+}
+
+int64_t PgResult::integer(int row, int col) const {
+    return std::strtoll(PQgetvalue(result_.get(), row, col), nullptr, 10);
+}
+
+double PgResult::real(int row, int col) const {
+    return std::strtod(PQgetvalue(result_.get(), row, col), nullptr);
+}
+
+bool PgResult::boolean(int row, int col) const {
+    return PQgetvalue(result_.get(), row, col)[0] == 't';
+}
+
+int64_t PgResult::changes() const {
+    return std::strtoll(PQcmdTuples(result_.get()), nullptr, 10);
+}
+
+PgParam pgParam(double v) {
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
+    return std::string(text, end);
+}
+
+PgConnection::PgConnection(const std::string& location, int lockTimeoutMs) {
+    // The address's own settings come last and win over these defaults.
+    const char* keys[] = {"connect_timeout", "application_name", "dbname", nullptr};
+    const char* values[] = {"3", "tovrel-server", location.c_str(), nullptr};
+    conn_ = PQconnectdbParams(keys, values, 1);
+    if (PQstatus(conn_) != CONNECTION_OK) {
+        std::string message = conn_ ? PQerrorMessage(conn_) : "out of memory";
+        message.erase(message.find_last_not_of("\n ") + 1);
+        PQfinish(conn_);
+        conn_ = nullptr;
+        throw DatabaseBusy("cannot connect to " + displayLocation(location) + ": " + message);
+    }
+    PQsetNoticeReceiver(conn_, &PgConnection::onNotice, this);
+    try {
+        exec("SET lock_timeout = " + std::to_string(std::max(1, lockTimeoutMs)) +
+             "; SET client_min_messages = warning; SET TIME ZONE 'UTC'");
+    } catch (...) {
+        PQfinish(conn_);
+        throw;
+    }
+}
+
+PgConnection::~PgConnection() {
+    PQfinish(conn_);
+}
+
+void PgConnection::onNotice(void* self, const PGresult* notice) {
+    // A server that ends a session while it is idle (a restart, pg_terminate_backend) says FATAL first:
+    // from then on the connection must not be handed out, even before its end of stream is read.
+    const char* severity = PQresultErrorField(notice, PG_DIAG_SEVERITY_NONLOCALIZED);
+    if (severity != nullptr && (std::strcmp(severity, "FATAL") == 0 || std::strcmp(severity, "PANIC") == 0)) {
+        static_cast<PgConnection*>(self)->closing_ = true;
+        return;
+    }
+    std::fputs(PQresultErrorMessage(notice), stderr);
+}
+
+bool PgConnection::stillOpen() {
+    // The first read takes the server's farewell message, the second finds the end of the stream.
+    return PQconsumeInput(conn_) == 1 && PQconsumeInput(conn_) == 1 && healthy();
+}
+
+std::vector<std::pair<std::string, std::string>> PgConnection::takeNotifications() {
+    std::vector<std::pair<std::string, std::string>> out;
+    while (PGnotify* n = PQnotifies(conn_)) {
+        out.emplace_back(n->relname, n->extra);
+        PQfreemem(n);
+    }
+    return out;
+}
+
+PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgParam>& params) {
+    const std::string text(sql);
+    PGresult* raw = nullptr;
+    if (params.empty()) {
+        raw = PQexec(conn_, text.c_str());
+    } else {
+        std::vector<const char*> values;
+        values.reserve(params.size());
+        for (const PgParam& p : params) {
+            values.push_back(p ? p->c_str() : nullptr);
+        }
+        raw = PQexecParams(conn_, text.c_str(), static_cast<int>(params.size()), nullptr, values.data(),
+                           nullptr, nullptr, 0);
+    }
+    PgResult result(raw);
+    const ExecStatusType status = raw ? PQresultStatus(raw) : PGRES_FATAL_ERROR;
+    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+        return result;
+    }
+    const char* stateField = raw ? PQresultErrorField(raw, PG_DIAG_SQLSTATE) : nullptr;
+    const std::string state = stateField ? stateField : "";
+    std::string message = raw ? PQresultErrorMessage(raw) : PQerrorMessage(conn_);
+    message.erase(message.find_last_not_of("\n ") + 1);
+    if (!healthy() || state.empty() || meansUnavailable(state)) {
+        throw DatabaseBusy("the database is unavailable: " + message);
+    }
+    throw PgError("database error: " + message, state);
+}
+
+PgTransaction::PgTransaction(PgConnection& conn, const char* begin) : conn_(conn) {
+    conn_.exec(begin);
+}
+
+PgTransaction::~PgTransaction() {
+    if (!done_) {
+        try {
+            conn_.exec("ROLLBACK");
+        } catch (...) {
+            // The connection is gone; the server rolled back on its own.
+        }
+    }
+}
+
+void PgTransaction::commit() {
+    conn_.exec("COMMIT");
+    done_ = true;
+}
+
+PgPool::PgPool(std::string location, int lockTimeoutMs, std::size_t size)
+    : location_(std::move(location)), lockTimeoutMs_(lockTimeoutMs), size_(std::max<std::size_t>(1, size)) {}
+
+PgPool::Lease PgPool::acquire() {
+    std::unique_lock lock(mutex_);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(1, lockTimeoutMs_));
+    while (idle_.empty() && open_ >= size_) {
+        if (freed_.wait_until(lock, deadline) == std::cv_status::timeout && idle_.empty() && open_ >= size_) {
+            throw DatabaseBusy("every database connection is in use");
+        }
+    }
+    // A server that restarted closed the idle connections: they are dropped here rather than failing
+    // a request.
+    while (!idle_.empty()) {
+        std::unique_ptr<PgConnection> conn = std::move(idle_.back());
+        idle_.pop_back();
+        if (conn->stillOpen()) {
+            return Lease(*this, std::move(conn));
+        }
+        --open_;
+    }
+    if (std::chrono::steady_clock::now() < retryAt_) {
+        throw DatabaseBusy("the database cannot be reached; trying again shortly");
+    }
+    ++open_;
+    lock.unlock();
+    try {
+        auto conn = std::make_unique<PgConnection>(location_, lockTimeoutMs_);
+        lock.lock();
+        backoff_ = std::chrono::milliseconds(0);
+        return Lease(*this, std::move(conn));
+    } catch (...) {
+        if (!lock.owns_lock()) {
+            lock.lock();
+        }
+        --open_;
+        backoff_ = std::clamp(backoff_ * 2, kPgFirstBackoff, kPgMaxBackoff);
+        retryAt_ = std::chrono::steady_clock::now() + backoff_;
+        freed_.notify_one();
+        throw;
+    }
+}
+
+void PgPool::release(std::unique_ptr<PgConnection> conn) {
+    std::lock_guard lock(mutex_);
+    if (conn && conn->healthy()) {
+        idle_.push_back(std::move(conn));
+    } else {
+        --open_;
+        // Every idle connection likely shares the fate of the one lost: check them on their next use.
+        open_ -= std::erase_if(idle_, [](const auto& c) { return !c->healthy(); });
+    }
+    freed_.notify_one();
+}
+
+PgPool::Lease::~Lease() {
+    pool_.release(std::move(conn_));
+}
+
+}  // namespace tovrel::server

@@ -1,0 +1,169 @@
+#pragma once
+
+#include <libpq-fe.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "store/store.h"
+
+namespace tovrel::server {
+
+/// How long a lost connection waits before it is opened again: the first time, and at most after
+/// each failed attempt doubled it.
+inline constexpr std::chrono::milliseconds kPgFirstBackoff{100};
+inline constexpr std::chrono::milliseconds kPgMaxBackoff{5000};
+
+/// A statement PostgreSQL refused for a reason other than unavailability; `sqlState` is its code.
+class PgError : public std::runtime_error {
+  public:
+    PgError(const std::string& message, std::string sqlState)
+        : std::runtime_error(message), sqlState_(std::move(sqlState)) {}
+    const std::string& sqlState() const { return sqlState_; }
+
+  private:
+    std::string sqlState_;
+};
+
+/// The rows of one statement, as text. Not thread-safe.
+class PgResult {
+  public:
+    explicit PgResult(PGresult* result) : result_(result, PQclear) {}
+    int rows() const { return PQntuples(result_.get()); }
+    bool isNull(int row, int col) const { return PQgetisnull(result_.get(), row, col) != 0; }
+    std::string text(int row, int col) const;
+    int64_t integer(int row, int col) const;
+    double real(int row, int col) const;
+    bool boolean(int row, int col) const;
+    /// Rows an INSERT, UPDATE or DELETE changed.
+    int64_t changes() const;
+    const PGresult* native() const { return result_.get(); }
+
+  private:
+    std::unique_ptr<PGresult, void (*)(PGresult*)> result_;
+};
+
+/// A parameter of a statement: its text, or SQL NULL.
+using PgParam = std::optional<std::string>;
+
+inline PgParam pgParam(int64_t v) {
+    return std::to_string(v);
+}
+inline PgParam pgParam(int v) {
+    return std::to_string(v);
+}
+inline PgParam pgParam(bool v) {
+    return std::string(v ? "t" : "f");
+}
+PgParam pgParam(double v);
+inline PgParam pgParam(const std::string& v) {
+    return v;
+}
+inline PgParam pgParam(const char* v) {
+    return std::string(v);
+}
+template <typename T>
+PgParam pgParam(const std::optional<T>& v) {
+    return v ? pgParam(*v) : std::nullopt;
+}
+
+/// One connection to PostgreSQL. Not thread-safe; a pool hands it to one user at a time.
+class PgConnection {
+  public:
+    /// Connects; throws DatabaseBusy when the server cannot be reached or refuses the connection (a
+    /// running server that did not is not answered with a final error). lockTimeoutMs bounds waits
+    /// for row locks.
+    PgConnection(const std::string& location, int lockTimeoutMs);
+    ~PgConnection();
+    PgConnection(const PgConnection&) = delete;
+    PgConnection& operator=(const PgConnection&) = delete;
+
+    /// Runs one statement with parameters $1..$n (or, without parameters, several statements).
+    template <typename... Args>
+    PgResult exec(std::string_view sql, const Args&... args) {
+        return execParams(sql, {pgParam(args)...});
+    }
+    PgResult execParams(std::string_view sql, const std::vector<PgParam>& params);
+    /// False once the connection was lost, or the server said it is closing it; it is then replaced.
+    bool healthy() const { return PQstatus(conn_) == CONNECTION_OK && !closing_; }
+    /// The connection's socket, for waiting on notifications.
+    int socket() const { return PQsocket(conn_); }
+    /// Reads what the server sent (notifications among it) without waiting; false when the
+    /// connection is lost.
+    bool consumeInput() { return PQconsumeInput(conn_) == 1 && healthy(); }
+    /// The notifications read so far, as (channel, payload), oldest first.
+    std::vector<std::pair<std::string, std::string>> takeNotifications();
+    /// healthy(), after reading what the server sent meanwhile (the notice of a server that closed the
+    /// connection while it was idle). Does not wait.
+    bool stillOpen();
+
+  private:
+    static void onNotice(void* self, const PGresult* notice);
+
+    PGconn* conn_ = nullptr;
+    bool closing_ = false;  ///< the server sent FATAL: its end of the stream may not have arrived yet
+};
+
+/// BEGIN ... COMMIT on one connection; rolls back when left without commit().
+class PgTransaction {
+  public:
+    explicit PgTransaction(PgConnection& conn, const char* begin = "BEGIN");
+    ~PgTransaction();
+    PgTransaction(const PgTransaction&) = delete;
+    PgTransaction& operator=(const PgTransaction&) = delete;
+    void commit();
+
+  private:
+    PgConnection& conn_;
+    bool done_ = false;
+};
+
+/// A bounded set of connections to one database. A lost connection is opened again on a later
+/// acquire, no sooner than a back-off that doubles after each failed attempt (up to a few seconds);
+/// meanwhile acquire() throws DatabaseBusy at once. Thread-safe.
+class PgPool {
+  public:
+    PgPool(std::string location, int lockTimeoutMs, std::size_t size);
+
+    class Lease {
+      public:
+        Lease(PgPool& pool, std::unique_ptr<PgConnection> conn) : pool_(pool), conn_(std::move(conn)) {}
+        ~Lease();
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+        PgConnection& operator*() { return *conn_; }
+        PgConnection* operator->() { return conn_.get(); }
+
+      private:
+        PgPool& pool_;
+        std::unique_ptr<PgConnection> conn_;
+    };
+
+    /// A connection for the caller alone; waits at most the lock timeout for one to come free. Throws
+    /// DatabaseBusy when none does or the database cannot be reached.
+    Lease acquire();
+
+  private:
+    void release(std::unique_ptr<PgConnection> conn);
+
+    std::string location_;
+    int lockTimeoutMs_;
+    std::size_t size_;
+    std::mutex mutex_;
+    std::condition_variable freed_;
+    std::vector<std::unique_ptr<PgConnection>> idle_;
+    std::size_t open_ = 0;  ///< connections idle or leased
+    std::chrono::steady_clock::time_point retryAt_{};
+    std::chrono::milliseconds backoff_{0};
+};
+
+}  // namespace tovrel::server

@@ -1,0 +1,801 @@
+#include "store/postgres/pg_store.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <map>
+#include <optional>
+#include <unordered_map>
+
+#include "common/session_keys.h"
+#include "store/admin_store.h"
+#include "store/report.h"
+
+namespace tovrel::server {
+
+using nlohmann::json;
+
+namespace {
+
+// "YYYY-MM-DD" of a time in seconds since 1970, in UTC.
+std::string utcDay(double seconds) {
+    const auto t = static_cast<std::time_t>(std::floor(seconds));
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char text[16];
+    std::strftime(text, sizeof text, "%Y-%m-%d", &tm);
+    return text;
+}
+
+// A PostgreSQL array literal of texts, for unnest($n::text[]).
+std::string textArray(const std::vector<std::string>& values) {
+    std::string out = "{";
+    for (const std::string& v : values) {
+        out += out.size() > 1 ? ",\"" : "\"";
+        for (const char c : v) {
+            if (c == '"' || c == '\\') {
+                out += '\\';
+            }
+            out += c;
+        }
+        out += '"';
+    }
+    return out + "}";
+}
+
+template <typename Number>
+std::string numberArray(const std::vector<Number>& values) {
+    std::string out = "{";
+    for (const Number v : values) {
+        if (out.size() > 1) {
+            out += ',';
+        }
+        out += *pgParam(v);
+    }
+    return out + "}";
+}
+
+// Places or offers written by one statement: a round trip costs more than the rows it carries.
+constexpr std::size_t kRowBatch = 5000;
+
+json nullableInteger(const PgResult& r, int row, int col) {
+    return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
+}
+
+}  // namespace
+
+PgStore::PgStore(const std::string& location, const StoreOptions& options)
+    : location_(location),
+      options_(options),
+      pool_(location, options.busyTimeoutMs, kPoolSize),
+      origin_(randomKey()) {
+    try {
+        PgConnection conn(location, options.busyTimeoutMs);
+        migratePg(conn);
+    } catch (const std::exception& e) {
+        // At start every failure is final, unreachable or not: the operator must see it.
+        throw std::runtime_error("cannot use database " + displayLocation(location) + ": " + e.what());
+    }
+}
+
+std::optional<SessionRow> PgStore::findSession(const std::string& keyHash) {
+    auto conn = pool_.acquire();
+    const PgResult r = conn->exec("SELECT device, created_at FROM sessions WHERE key_hash = $1", keyHash);
+    if (r.rows() == 0) {
+        return std::nullopt;
+    }
+    return SessionRow{r.integer(0, 0), r.real(0, 1)};
+}
+
+bool PgStore::appEnabled(const std::string& appKey) {
+    auto conn = pool_.acquire();
+    return conn->exec("SELECT 1 FROM apps WHERE key = $1 AND NOT disabled", appKey).rows() > 0;
+}
+
+int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    const PgResult row = conn->exec(
+        "INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, last_seen) "
+        "VALUES($1, $2, $3, $4, $5, $5) ON CONFLICT(device_id) DO UPDATE SET device_type = "
+        "excluded.device_type, device_model = excluded.device_model, app_key = excluded.app_key, last_seen = "
+        "excluded.last_seen RETURNING id",
+        device.deviceId, device.deviceType, device.deviceModel, device.appKey, now);
+    const int64_t id = row.integer(0, 0);
+    conn->exec("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES($1, $2, $3, $4)", keyHash,
+               id, device.appKey, now);
+    tx.commit();
+    return id;
+}
+
+std::vector<LinkRow> PgStore::liveLinks(int64_t device) {
+    auto conn = pool_.acquire();
+    const PgResult r = conn->exec(
+        "SELECT id, offer, place, campaign, suppressed FROM device_events WHERE device = $1 AND cleared_at "
+        "IS "
+        "NULL",
+        device);
+    std::vector<LinkRow> links;
+    for (int i = 0; i < r.rows(); ++i) {
+        links.push_back(
+            LinkRow{r.integer(i, 0), r.integer(i, 1), r.integer(i, 2), r.integer(i, 3), r.boolean(i, 4)});
+    }
+    return links;
+}
+
+LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    // Replicas link one device in turn: the cap is counted from committed rows, not from a replica's
+    // memory, and the unique index stays a second line of defence.
+    conn->exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", device);
+    const PgResult live = conn->exec(
+        "SELECT id, suppressed FROM device_events WHERE device = $1 AND offer = $2 AND place = $3 AND "
+        "cleared_at IS NULL",
+        device, link.offer, link.place);
+    if (live.rows() > 0) {
+        tx.commit();
+        return LinkRow{live.integer(0, 0), link.offer, link.place, link.campaign, live.boolean(0, 1)};
+    }
+    bool suppressed = false;
+    if (link.perDeviceCap) {
+        const PgResult count = conn->exec(
+            "SELECT count(*) FROM device_events WHERE device = $1 AND campaign = $2 AND cleared_at IS NULL",
+            device, link.campaign);
+        suppressed = count.integer(0, 0) >= *link.perDeviceCap;
+    }
+    const PgResult inserted = conn->exec(
+        "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
+        "VALUES($1, $2, $3, $4, $5, $6) RETURNING id",
+        device, link.offer, link.place, link.campaign, suppressed, now);
+    notifyDeviceChanged(*conn, device);
+    tx.commit();
+    return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed};
+}
+
+std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
+    auto conn = pool_.acquire();
+    const PgResult r =
+        conn->exec("SELECT device FROM device_events WHERE id = $1 AND cleared_at IS NULL", deviceEvent);
+    if (r.rows() == 0) {
+        return std::nullopt;
+    }
+    return r.integer(0, 0);
+}
+
+void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
+    auto conn = pool_.acquire();
+    conn->exec("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)", deviceEvent,
+               status, now);
+}
+
+void PgStore::clearLinks(int64_t device, double now) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    if (conn->exec("UPDATE device_events SET cleared_at = $1 WHERE device = $2 AND cleared_at IS NULL", now,
+                   device)
+            .changes() > 0) {
+        notifyDeviceChanged(*conn, device);
+    }
+    tx.commit();
+}
+
+void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
+    conn.exec("SELECT pg_notify('" + std::string(kDeviceChannel) + "', $1)",
+              std::to_string(device) + ' ' + origin_);
+}
+
+void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
+                     const std::string& value, double now) {
+    auto conn = pool_.acquire();
+    conn->exec(
+        "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, $4, $5) "
+        "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
+        "excluded.updated_at",
+        device, group, tag, value, now);
+}
+
+void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
+    auto conn = pool_.acquire();
+    conn->exec("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device, group,
+               tag);
+}
+
+void PgStore::ensureLogPartition(PgConnection& conn, double now) {
+    const int64_t dayNumber = utcDayNumber(now);
+    {
+        std::lock_guard lock(partitionsMutex_);
+        if (partitions_.contains(dayNumber)) {
+            return;
+        }
+    }
+    const std::string day = utcDay(now);
+    std::string name = "log_messages_" + day;
+    std::erase(name, '-');
+    try {
+        conn.exec("CREATE TABLE IF NOT EXISTS " + name + " PARTITION OF log_messages FOR VALUES FROM ('" +
+                  day + "') TO (date '" + day + "' + 1)");
+    } catch (const PgError& e) {
+        // Another replica created it at the same moment.
+        if (e.sqlState() != "42P07" && e.sqlState() != "23505") {
+            throw;
+        }
+    }
+    if (options_.logRetentionDays > 0) {
+        const std::string oldestKept =
+            utcDay(static_cast<double>(dayNumber - options_.logRetentionDays + 1) * 86400);
+        const PgResult old = conn.exec(
+            "SELECT c.relname FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid WHERE i.inhparent = "
+            "'log_messages'::regclass AND c.relname ~ '^log_messages_[0-9]{8}$' AND "
+            "to_date(substr(c.relname, 14), 'YYYYMMDD') < $1::date",
+            oldestKept);
+        for (int i = 0; i < old.rows(); ++i) {
+            conn.exec("DROP TABLE IF EXISTS " + old.text(i, 0));
+        }
+    }
+    std::lock_guard lock(partitionsMutex_);
+    partitions_.insert(dayNumber);
+}
+
+void PgStore::addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
+                     double now) {
+    auto conn = pool_.acquire();
+    ensureLogPartition(*conn, now);
+    const std::string day = utcDay(now);
+    conn->exec(
+        "INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, $3, $4, "
+        "$5)",
+        deviceId, eventName, message, now, day);
+}
+
+namespace {
+
+void upsertApp(PgConnection& conn, const AppDef& app, double now) {
+    conn.exec(
+        "INSERT INTO apps(key, name, created_at) VALUES($1, $2, $3) ON CONFLICT(key) DO UPDATE SET name = "
+        "excluded.name",
+        app.key, app.name, now);
+}
+
+}  // namespace
+
+ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    for (const AppDef& app : data.apps) {
+        upsertApp(*conn, app, now);
+    }
+    std::map<std::string, int64_t> ids;
+    for (const CampaignDef& c : data.campaigns) {
+        const PgResult r = conn->exec(
+            "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap) "
+            "VALUES($1, $2, $3, $4, $5, $6) ON CONFLICT(name) DO UPDATE SET start_date = "
+            "excluded.start_date, "
+            "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
+            "per_device_cap = excluded.per_device_cap WHERE (campaigns.start_date, campaigns.end_date, "
+            "campaigns.start_time, campaigns.end_time, campaigns.per_device_cap) IS DISTINCT FROM "
+            "(excluded.start_date, excluded.end_date, excluded.start_time, excluded.end_time, "
+            "excluded.per_device_cap) RETURNING id",
+            c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap);
+        // A campaign written as it was is left alone: replicas would otherwise read all its offers again.
+        ids[c.name] = r.rows() > 0
+                          ? r.integer(0, 0)
+                          : conn->exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
+    }
+    for (std::size_t from = 0; from < data.offers.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.offers.size(), from + kRowBatch);
+        std::vector<int64_t> offerIds, campaigns;
+        std::vector<std::string> eventNames, alertTexts, mediaTypes, mediaUrls, tags;
+        std::vector<int> dwellTimes, eventTypes;
+        for (std::size_t i = from; i < to; ++i) {
+            const OfferDef& o = data.offers[i];
+            offerIds.push_back(o.id);
+            campaigns.push_back(ids.at(o.campaign));
+            eventNames.push_back(o.eventName);
+            alertTexts.push_back(o.alertText);
+            mediaTypes.push_back(o.mediaType);
+            mediaUrls.push_back(o.mediaUrl);
+            tags.push_back(o.tags);
+            dwellTimes.push_back(o.dwellTime);
+            eventTypes.push_back(o.eventType);
+        }
+        conn->exec(
+            "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, "
+            "dwell_time, "
+            "event_type) SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::text[], $4::text[], "
+            "$5::text[], "
+            "$6::text[], $7::text[], $8::int[], $9::int[]) ON CONFLICT(id) DO UPDATE SET campaign = "
+            "excluded.campaign, event_name = excluded.event_name, alert_text = excluded.alert_text, "
+            "media_type = excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, "
+            "dwell_time = excluded.dwell_time, event_type = excluded.event_type",
+            numberArray(offerIds), numberArray(campaigns), textArray(eventNames), textArray(alertTexts),
+            textArray(mediaTypes), textArray(mediaUrls), textArray(tags), numberArray(dwellTimes),
+            numberArray(eventTypes));
+    }
+    for (std::size_t from = 0; from < data.places.size(); from += kRowBatch) {
+        const std::size_t to = std::min(data.places.size(), from + kRowBatch);
+        std::vector<int64_t> placeIds, linkPlaces, linkOffers;
+        std::vector<std::string> names;
+        std::vector<double> lats, lons, radii;
+        for (std::size_t i = from; i < to; ++i) {
+            const PlaceDef& p = data.places[i];
+            placeIds.push_back(p.id);
+            names.push_back(p.name);
+            lats.push_back(p.lat);
+            lons.push_back(p.lon);
+            radii.push_back(p.radius);
+            for (const int64_t o : p.offers) {
+                linkPlaces.push_back(p.id);
+                linkOffers.push_back(o);
+            }
+        }
+        conn->exec(
+            "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM unnest($1::bigint[], $2::text[], "
+            "$3::float8[], $4::float8[], $5::float8[]) ON CONFLICT(id) DO UPDATE SET name = excluded.name, "
+            "lat = "
+            "excluded.lat, lon = excluded.lon, radius = excluded.radius",
+            numberArray(placeIds), textArray(names), numberArray(lats), numberArray(lons),
+            numberArray(radii));
+        conn->exec("DELETE FROM place_offers WHERE place = ANY($1::bigint[])", numberArray(placeIds));
+        conn->exec("INSERT INTO place_offers(place, offer) SELECT * FROM unnest($1::bigint[], $2::bigint[])",
+                   numberArray(linkPlaces), numberArray(linkOffers));
+    }
+    tx.commit();
+    return ImportSummary{static_cast<int>(data.apps.size()), static_cast<int>(data.campaigns.size()),
+                         static_cast<int>(data.places.size()), static_cast<int>(data.offers.size())};
+}
+
+void PgStore::writeApp(const AppDef& app, double now) {
+    auto conn = pool_.acquire();
+    upsertApp(*conn, app, now);
+}
+
+namespace {
+
+std::vector<CampaignDef> readCampaigns(PgConnection& conn) {
+    std::vector<CampaignDef> out;
+    const PgResult campaigns = conn.exec(
+        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
+        "NOT disabled ORDER BY id");
+    for (int i = 0; i < campaigns.rows(); ++i) {
+        CampaignDef c;
+        c.id = campaigns.integer(i, 0);
+        c.name = campaigns.text(i, 1);
+        c.startDate = campaigns.text(i, 2);
+        c.endDate = campaigns.text(i, 3);
+        if (!campaigns.isNull(i, 4)) {
+            c.startTime = campaigns.real(i, 4);
+        }
+        if (!campaigns.isNull(i, 5)) {
+            c.endTime = campaigns.real(i, 5);
+        }
+        if (!campaigns.isNull(i, 6)) {
+            c.perDeviceCap = campaigns.integer(i, 6);
+        }
+        out.push_back(std::move(c));
+    }
+    return out;
+}
+
+// The enabled offers (of enabled campaigns), all of them or those of `ids` (an array literal).
+std::vector<OfferDef> readOffers(PgConnection& conn, const std::optional<std::string>& ids) {
+    const std::string sql =
+        "SELECT o.id, c.name, o.event_name, o.alert_text, o.media_type, o.media_url, o.tags, o.dwell_time, "
+        "o.event_type FROM offers o JOIN campaigns c ON c.id = o.campaign WHERE NOT o.disabled AND NOT "
+        "c.disabled" +
+        std::string(ids ? " AND o.id = ANY($1::bigint[])" : "") + " ORDER BY o.id";
+    const PgResult offers = ids ? conn.exec(sql, *ids) : conn.exec(sql);
+    std::vector<OfferDef> out;
+    out.reserve(static_cast<std::size_t>(offers.rows()));
+    for (int i = 0; i < offers.rows(); ++i) {
+        OfferDef o;
+        o.id = offers.integer(i, 0);
+        o.campaign = offers.text(i, 1);
+        o.eventName = offers.text(i, 2);
+        o.alertText = offers.text(i, 3);
+        o.mediaType = offers.text(i, 4);
+        o.mediaUrl = offers.text(i, 5);
+        o.tags = offers.text(i, 6);
+        o.dwellTime = static_cast<int>(offers.integer(i, 7));
+        o.eventType = static_cast<int>(offers.integer(i, 8));
+        out.push_back(std::move(o));
+    }
+    return out;
+}
+
+// The enabled places with their links, all of them or those of `ids` (an array literal).
+std::vector<PlaceDef> readPlaces(PgConnection& conn, const std::optional<std::string>& ids) {
+    const std::string filter = ids ? " AND id = ANY($1::bigint[])" : "";
+    const std::string sql =
+        "SELECT id, name, lat, lon, radius FROM places WHERE NOT disabled" + filter + " ORDER BY id";
+    const PgResult places = ids ? conn.exec(sql, *ids) : conn.exec(sql);
+    std::vector<PlaceDef> out;
+    out.reserve(static_cast<std::size_t>(places.rows()));
+    std::unordered_map<int64_t, std::size_t> index;
+    for (int i = 0; i < places.rows(); ++i) {
+        PlaceDef p;
+        p.id = places.integer(i, 0);
+        p.name = places.text(i, 1);
+        p.lat = places.real(i, 2);
+        p.lon = places.real(i, 3);
+        p.radius = places.real(i, 4);
+        index[p.id] = out.size();
+        out.push_back(std::move(p));
+    }
+    const std::string links = std::string("SELECT place, offer FROM place_offers") +
+                              (ids ? " WHERE place = ANY($1::bigint[])" : "") + " ORDER BY place, offer";
+    const PgResult placeOffers = ids ? conn.exec(links, *ids) : conn.exec(links);
+    for (int i = 0; i < placeOffers.rows(); ++i) {
+        if (const auto it = index.find(placeOffers.integer(i, 0)); it != index.end()) {
+            out[it->second].offers.push_back(placeOffers.integer(i, 1));
+        }
+    }
+    return out;
+}
+
+std::uint64_t catalogVersion(PgConnection& conn) {
+    return static_cast<std::uint64_t>(conn.exec("SELECT version FROM tovrel_catalog_state").integer(0, 0));
+}
+
+std::vector<int64_t> ids(const PgResult& result) {
+    std::vector<int64_t> out;
+    out.reserve(static_cast<std::size_t>(result.rows()));
+    for (int i = 0; i < result.rows(); ++i) {
+        out.push_back(result.integer(i, 0));
+    }
+    return out;
+}
+
+}  // namespace
+
+CatalogData PgStore::readCatalog() {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    CatalogData data;
+    data.version = catalogVersion(*conn);
+    data.campaigns = readCampaigns(*conn);
+    data.offers = readOffers(*conn, std::nullopt);
+    data.places = readPlaces(*conn, std::nullopt);
+    snapshot.commit();
+    return data;
+}
+
+std::optional<CatalogChanges> PgStore::readCatalogChanges(std::uint64_t since, std::size_t limit) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    CatalogChanges changes;
+    changes.version = catalogVersion(*conn);
+    if (changes.version == since) {
+        return changes;
+    }
+    if (changes.version < since) {
+        return std::nullopt;
+    }
+    // Every version the triggers made starts with its 'version' row; one missing was pruned, or bumped
+    // by hand after changes the triggers did not see.
+    const PgResult summary = conn->exec(
+        "SELECT count(*) FILTER (WHERE kind = 'version'), count(*) FILTER (WHERE kind NOT IN ('version', "
+        "'place', 'offer', 'campaign')), count(DISTINCT (kind, id)) FROM tovrel_catalog_changes WHERE "
+        "version > $1 AND version <= $2",
+        static_cast<int64_t>(since), static_cast<int64_t>(changes.version));
+    if (static_cast<std::uint64_t>(summary.integer(0, 0)) != changes.version - since ||
+        summary.integer(0, 1) != 0 || static_cast<std::size_t>(summary.integer(0, 2)) > limit) {
+        return std::nullopt;
+    }
+    const auto changed = [&](const char* kind) {
+        return ids(conn->exec(
+            "SELECT DISTINCT id FROM tovrel_catalog_changes WHERE version > $1 AND version <= $2 AND kind = "
+            "$3 ORDER BY id",
+            static_cast<int64_t>(since), static_cast<int64_t>(changes.version), std::string(kind)));
+    };
+    const std::vector<int64_t> campaigns = changed("campaign");
+    changes.offerIds = changed("offer");
+    changes.placeIds = changed("place");
+    if (!campaigns.empty()) {
+        changes.campaigns = readCampaigns(*conn);
+        const std::vector<int64_t> theirs = ids(
+            conn->exec("SELECT id FROM offers WHERE campaign = ANY($1::bigint[])", numberArray(campaigns)));
+        if (changes.offerIds.size() + theirs.size() > limit) {
+            return std::nullopt;
+        }
+        changes.offerIds.insert(changes.offerIds.end(), theirs.begin(), theirs.end());
+        std::sort(changes.offerIds.begin(), changes.offerIds.end());
+        changes.offerIds.erase(std::unique(changes.offerIds.begin(), changes.offerIds.end()),
+                               changes.offerIds.end());
+    }
+    if (!changes.offerIds.empty()) {
+        changes.offers = readOffers(*conn, numberArray(changes.offerIds));
+    }
+    if (!changes.placeIds.empty()) {
+        changes.places = readPlaces(*conn, numberArray(changes.placeIds));
+    }
+    snapshot.commit();
+    return changes;
+}
+
+Funnel PgStore::funnel(bool byDay) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    const FunnelSource postgres{
+        [&conn](const std::string& sql) {
+            const PgResult result = conn->exec(sql);
+            std::vector<std::vector<std::string>> rows(static_cast<std::size_t>(result.rows()));
+            const int columns = PQnfields(result.native());
+            for (int i = 0; i < result.rows(); ++i) {
+                for (int c = 0; c < columns; ++c) {
+                    rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
+                }
+            }
+            return rows;
+        },
+        [](const std::string& seconds) {
+            return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
+        }};
+    Funnel funnel = readFunnel(postgres, byDay);
+    snapshot.commit();
+    return funnel;
+}
+
+Report PgStore::report() {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    Report report;
+    std::map<int64_t, std::size_t> index;
+    const PgResult offers = conn->exec(
+        "SELECT o.id, o.event_name, c.name, (SELECT count(*) FROM device_events e WHERE e.offer = o.id) "
+        "FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER BY o.id");
+    for (int i = 0; i < offers.rows(); ++i) {
+        index[offers.integer(i, 0)] = report.offers.size();
+        report.offers.push_back(
+            OfferReport{offers.integer(i, 0), offers.text(i, 1), offers.text(i, 2), offers.integer(i, 3)});
+    }
+    const PgResult statuses = conn->exec(
+        "SELECT e.offer, s.status, count(DISTINCT s.device_event) FROM device_event_status s "
+        "JOIN device_events e ON e.id = s.device_event GROUP BY e.offer, s.status");
+    for (int i = 0; i < statuses.rows(); ++i) {
+        const auto it = index.find(statuses.integer(i, 0));
+        if (it == index.end()) {
+            continue;
+        }
+        OfferReport& row = report.offers[it->second];
+        const std::string status = statuses.text(i, 1);
+        const int64_t n = statuses.integer(i, 2);
+        if (status == "ack") {
+            row.ack = n;
+        } else if (status == "seen") {
+            row.seen = n;
+        } else if (status == "saved") {
+            row.saved = n;
+        } else if (status == "declined") {
+            row.declined = n;
+        }
+    }
+    const PgResult logs = conn->exec("SELECT event_name, count(*) FROM log_messages GROUP BY event_name");
+    for (int i = 0; i < logs.rows(); ++i) {
+        report.logCounts[logs.text(i, 0)] = logs.integer(i, 1);
+    }
+    snapshot.commit();
+    return report;
+}
+
+std::unique_ptr<ChangeFeed> PgStore::watchChanges(ChangeListener& listener) {
+    return std::make_unique<PgChangeFeed>(location_, options_, origin_, listener);
+}
+
+bool PgStore::reachable() {
+    try {
+        auto conn = pool_.acquire();
+        return conn->exec("SELECT 1").rows() == 1;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+json PgStore::listApps() {
+    auto conn = pool_.acquire();
+    const PgResult r =
+        conn->exec("SELECT key, name, created_at, disabled FROM apps ORDER BY key COLLATE \"C\"");
+    json apps = json::array();
+    for (int i = 0; i < r.rows(); ++i) {
+        apps.push_back({{"key", r.text(i, 0)},
+                        {"name", r.text(i, 1)},
+                        {"createdAt", r.real(i, 2)},
+                        {"disabled", r.boolean(i, 3)}});
+    }
+    return apps;
+}
+
+std::string PgStore::addApp(std::string key, const std::string& name, double now, bool* added) {
+    if (key.empty()) {
+        key = randomKey();
+    }
+    auto conn = pool_.acquire();
+    // xmax is 0 for a row this statement inserted, not for one it updated.
+    const PgResult r = conn->exec(
+        "INSERT INTO apps(key, name, created_at) VALUES($1, $2, $3) ON CONFLICT(key) DO UPDATE SET name = "
+        "excluded.name RETURNING xmax = 0",
+        key, name, now);
+    if (added != nullptr) {
+        *added = r.boolean(0, 0);
+    }
+    return key;
+}
+
+std::optional<std::string> PgStore::rotateApp(const std::string& key) {
+    const std::string fresh = randomKey();
+    auto conn = pool_.acquire();
+    if (conn->exec("UPDATE apps SET key = $1 WHERE key = $2", fresh, key).changes() == 0) {
+        return std::nullopt;
+    }
+    return fresh;
+}
+
+bool PgStore::removeApp(const std::string& key) {
+    auto conn = pool_.acquire();
+    return conn->exec("DELETE FROM apps WHERE key = $1", key).changes() > 0;
+}
+
+bool PgStore::setAppDisabled(const std::string& key, bool disabled) {
+    auto conn = pool_.acquire();
+    return conn->exec("UPDATE apps SET disabled = $1 WHERE key = $2", disabled, key).changes() > 0;
+}
+
+json PgStore::listCampaigns() {
+    auto conn = pool_.acquire();
+    const PgResult r = conn->exec(
+        "SELECT c.id, c.name, c.start_date, c.end_date, c.per_device_cap, c.disabled, "
+        "(SELECT count(*) FROM offers o WHERE o.campaign = c.id) FROM campaigns c ORDER BY c.id");
+    json campaigns = json::array();
+    for (int i = 0; i < r.rows(); ++i) {
+        campaigns.push_back({{"id", r.integer(i, 0)},
+                             {"name", r.text(i, 1)},
+                             {"startDate", r.text(i, 2)},
+                             {"endDate", r.text(i, 3)},
+                             {"perDeviceCap", nullableInteger(r, i, 4)},
+                             {"disabled", r.boolean(i, 5)},
+                             {"offers", r.integer(i, 6)}});
+    }
+    return campaigns;
+}
+
+std::optional<int64_t> PgStore::findCampaign(const std::string& nameOrId) {
+    auto conn = pool_.acquire();
+    const PgResult byName = conn->exec("SELECT id FROM campaigns WHERE name = $1", nameOrId);
+    if (byName.rows() > 0) {
+        return byName.integer(0, 0);
+    }
+    if (nameOrId.empty() || nameOrId.size() > 18 ||
+        nameOrId.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    const PgResult byId = conn->exec("SELECT id FROM campaigns WHERE id = $1", nameOrId);
+    if (byId.rows() > 0) {
+        return byId.integer(0, 0);
+    }
+    return std::nullopt;
+}
+
+bool PgStore::setCampaignDisabled(int64_t id, bool disabled) {
+    auto conn = pool_.acquire();
+    return conn->exec("UPDATE campaigns SET disabled = $1 WHERE id = $2", disabled, id).changes() > 0;
+}
+
+bool PgStore::removeCampaign(int64_t id) {
+    auto conn = pool_.acquire();
+    if (conn->exec("SELECT 1 FROM offers WHERE campaign = $1 LIMIT 1", id).rows() > 0) {
+        throw admin_store::Conflict("campaign " + std::to_string(id) +
+                                    " still has offers: remove them or disable the campaign");
+    }
+    try {
+        return conn->exec("DELETE FROM campaigns WHERE id = $1", id).changes() > 0;
+    } catch (const PgError& e) {
+        // An offer of it was added by another replica in between.
+        if (e.sqlState() == "23503") {
+            throw admin_store::Conflict("campaign " + std::to_string(id) +
+                                        " still has offers: remove them or disable the campaign");
+        }
+        throw;
+    }
+}
+
+json PgStore::listOffers() {
+    auto conn = pool_.acquire();
+    const PgResult r = conn->exec(
+        "SELECT o.id, c.name, o.event_name, o.media_type, o.media_url, o.dwell_time, o.event_type, "
+        "o.disabled, "
+        "(SELECT count(*) FROM place_offers p WHERE p.offer = o.id) FROM offers o JOIN campaigns c ON c.id = "
+        "o.campaign ORDER BY o.id");
+    json offers = json::array();
+    for (int i = 0; i < r.rows(); ++i) {
+        offers.push_back({{"eventId", r.integer(i, 0)},
+                          {"campaign", r.text(i, 1)},
+                          {"eventName", r.text(i, 2)},
+                          {"mediaType", r.text(i, 3)},
+                          {"mediaUrl", r.text(i, 4)},
+                          {"dwellTime", r.integer(i, 5)},
+                          {"eventTypeId", r.integer(i, 6)},
+                          {"disabled", r.boolean(i, 7)},
+                          {"places", r.integer(i, 8)}});
+    }
+    return offers;
+}
+
+bool PgStore::setOfferDisabled(int64_t id, bool disabled) {
+    auto conn = pool_.acquire();
+    return conn->exec("UPDATE offers SET disabled = $1 WHERE id = $2", disabled, id).changes() > 0;
+}
+
+bool PgStore::removeOffer(int64_t id) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    conn->exec("DELETE FROM place_offers WHERE offer = $1", id);
+    const bool removed = conn->exec("DELETE FROM offers WHERE id = $1", id).changes() > 0;
+    tx.commit();
+    return removed;
+}
+
+json PgStore::listPlaces(int64_t after, int limit) {
+    auto conn = pool_.acquire();
+    const PgResult r = conn->exec(
+        "SELECT p.id, p.name, p.lat, p.lon, p.radius, p.disabled, (SELECT coalesce(string_agg(o.offer::text, "
+        "',' "
+        "ORDER BY o.offer), '') FROM place_offers o WHERE o.place = p.id) FROM places p WHERE p.id > $1 "
+        "ORDER "
+        "BY p.id LIMIT $2",
+        after, limit);
+    json places = json::array();
+    for (int i = 0; i < r.rows(); ++i) {
+        json ids = json::array();
+        const std::string list = r.text(i, 6);
+        for (std::size_t from = 0; from < list.size();) {
+            const std::size_t comma = std::min(list.find(',', from), list.size());
+            ids.push_back(std::stoll(list.substr(from, comma - from)));
+            from = comma + 1;
+        }
+        places.push_back({{"placeId", r.integer(i, 0)},
+                          {"name", r.text(i, 1)},
+                          {"lat", r.real(i, 2)},
+                          {"lon", r.real(i, 3)},
+                          {"radius", r.real(i, 4)},
+                          {"offers", std::move(ids)},
+                          {"disabled", r.boolean(i, 5)}});
+    }
+    return places;
+}
+
+bool PgStore::setPlaceDisabled(int64_t id, bool disabled) {
+    auto conn = pool_.acquire();
+    return conn->exec("UPDATE places SET disabled = $1 WHERE id = $2", disabled, id).changes() > 0;
+}
+
+bool PgStore::removePlace(int64_t id) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    conn->exec("DELETE FROM place_offers WHERE place = $1", id);
+    const bool removed = conn->exec("DELETE FROM places WHERE id = $1", id).changes() > 0;
+    tx.commit();
+    return removed;
+}
+
+json PgStore::campaignDefinitions() {
+    auto conn = pool_.acquire();
+    const PgResult r =
+        conn->exec("SELECT name, start_date, end_date, per_device_cap FROM campaigns ORDER BY id");
+    json campaigns = json::array();
+    for (int i = 0; i < r.rows(); ++i) {
+        json c{{"name", r.text(i, 0)}};
+        if (!r.text(i, 1).empty()) {
+            c["startDate"] = r.text(i, 1);
+        }
+        if (!r.text(i, 2).empty()) {
+            c["endDate"] = r.text(i, 2);
+        }
+        if (!r.isNull(i, 3)) {
+            c["perDeviceCap"] = r.integer(i, 3);
+        }
+        campaigns.push_back(std::move(c));
+    }
+    return campaigns;
+}
+
+}  // namespace tovrel::server

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "store/postgres/pg_change_feed.h"
+#include "store/postgres/pg_connection.h"
+#include "store/store.h"
+
+namespace tovrel::server {
+
+/// The shared store of several replicas: a PostgreSQL database (with PostGIS for the places' points).
+/// Each operation takes a connection from a small pool; catalogue snapshots are read on a connection
+/// of their own at the same time as writes.
+class PgStore final : public Store {
+  public:
+    /// Connections held at most: the database threads' and one for catalogue snapshots and checks.
+    static constexpr std::size_t kPoolSize = 8;
+    /// Database threads that write at once: a commit waits for the disk, and several commits share one
+    /// flush.
+    static constexpr int kWriters = 6;
+
+    /// Connects and brings the schema up to date (one replica at a time). Throws std::runtime_error.
+    PgStore(const std::string& location, const StoreOptions& options);
+
+    std::string kind() const override { return "postgresql"; }
+    std::optional<SessionRow> findSession(const std::string& keyHash) override;
+    bool appEnabled(const std::string& appKey) override;
+    int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) override;
+    std::vector<LinkRow> liveLinks(int64_t device) override;
+    LinkRow addLink(int64_t device, const NewLink& link, double now) override;
+    std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) override;
+    void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) override;
+    void clearLinks(int64_t device, double now) override;
+    void setTag(int64_t device, const std::string& group, const std::string& tag, const std::string& value,
+                double now) override;
+    void deleteTag(int64_t device, const std::string& group, const std::string& tag) override;
+    void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
+                double now) override;
+
+    ImportSummary writeCatalog(const CatalogData& data, double now) override;
+    void writeApp(const AppDef& app, double now) override;
+    bool concurrentCatalogReads() const override { return true; }
+    int concurrency() const override { return kWriters; }
+    CatalogData readCatalog() override;
+    std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
+    Report report() override;
+    Funnel funnel(bool byDay) override;
+    bool reachable() override;
+    std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) override;
+
+    nlohmann::json listApps() override;
+    std::string addApp(std::string key, const std::string& name, double now, bool* added) override;
+    std::optional<std::string> rotateApp(const std::string& key) override;
+    bool removeApp(const std::string& key) override;
+    bool setAppDisabled(const std::string& key, bool disabled) override;
+    nlohmann::json listCampaigns() override;
+    std::optional<int64_t> findCampaign(const std::string& nameOrId) override;
+    bool setCampaignDisabled(int64_t id, bool disabled) override;
+    bool removeCampaign(int64_t id) override;
+    nlohmann::json listOffers() override;
+    bool setOfferDisabled(int64_t id, bool disabled) override;
+    bool removeOffer(int64_t id) override;
+    nlohmann::json listPlaces(int64_t after, int limit) override;
+    bool setPlaceDisabled(int64_t id, bool disabled) override;
+    bool removePlace(int64_t id) override;
+    nlohmann::json campaignDefinitions() override;
+
+  private:
+    /// Tells the other replicas, when the transaction commits, that the device's links changed.
+    void notifyDeviceChanged(PgConnection& conn, int64_t device);
+    /// Creates the day's partition of the log messages unless this store already made sure of it, and
+    /// then drops the days beyond the retention.
+    void ensureLogPartition(PgConnection& conn, double now);
+
+    std::string location_;
+    StoreOptions options_;
+    PgPool pool_;
+    std::string origin_;  ///< names this replica in its notifications, so that it skips its own
+    std::mutex partitionsMutex_;
+    std::set<int64_t> partitions_;  ///< days whose log partition exists
+};
+
+/// The schema version this program writes into PostgreSQL.
+int currentPgSchemaVersion();
+
+/// Applies the migrations the database lacks while holding an advisory lock, so that replicas
+/// starting together migrate one at a time. Throws when the database is newer than this program or
+/// a migration fails (for example when PostGIS is not installed on the server).
+void migratePg(PgConnection& conn);
+
+}  // namespace tovrel::server

@@ -1,0 +1,282 @@
+#include "store/report.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <sstream>
+#include <string_view>
+
+#include "store/sqlite/database.h"
+
+namespace tovrel::server {
+
+namespace {
+
+void addStatus(FunnelCounts& counts, const std::string& status, int64_t n) {
+    if (status == "ack") {
+        counts.ack = n;
+    } else if (status == "seen") {
+        counts.seen = n;
+    } else if (status == "saved") {
+        counts.saved = n;
+    } else if (status == "declined") {
+        counts.declined = n;
+    }
+}
+
+// Counts by `key` (a column of device_events e), and by UTC day too when byDay, into rows[{day, id}].
+void countEvents(const FunnelSource& source, const std::string& key, bool byDay,
+                 std::map<std::pair<std::string, int64_t>, FunnelCounts>& rows) {
+    const std::string linkDay = byDay ? source.utcDay("e.created_at") : "''";
+    const std::string statusDay = byDay ? source.utcDay("s.at") : "''";
+    for (const auto& row :
+         source.rows("SELECT " + linkDay + ", " + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2")) {
+        rows[{row[0], std::stoll(row[1])}].links = std::stoll(row[2]);
+    }
+    for (const auto& row :
+         source.rows("SELECT " + statusDay + ", " + key +
+                     ", s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
+                     "JOIN device_events e ON e.id = s.device_event GROUP BY 1, 2, 3")) {
+        addStatus(rows[{row[0], std::stoll(row[1])}], row[2], std::stoll(row[3]));
+    }
+}
+
+}  // namespace
+
+Funnel readFunnel(Database& db, bool byDay) {
+    const FunnelSource sqlite{
+        [&db](const std::string& sql) {
+            std::vector<std::vector<std::string>> rows;
+            Statement st = db.prepare(sql);
+            while (st.step()) {
+                auto& row = rows.emplace_back();
+                for (int i = 0; i < st.columns(); ++i) {
+                    row.push_back(st.text(i));
+                }
+            }
+            return rows;
+        },
+        [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; }};
+    return readFunnel(sqlite, byDay);
+}
+
+Funnel readFunnel(const FunnelSource& source, bool byDay) {
+    Funnel funnel;
+    std::map<int64_t, std::size_t> campaignIndex;
+    for (const auto& row : source.rows("SELECT id, name FROM campaigns ORDER BY id")) {
+        campaignIndex[std::stoll(row[0])] = funnel.campaigns.size();
+        funnel.campaigns.push_back(FunnelRow{"", std::stoll(row[0]), row[1], 0, "", {}});
+    }
+    std::map<int64_t, std::size_t> offerIndex;
+    for (const auto& row :
+         source.rows("SELECT o.id, o.event_name, c.id, c.name FROM offers o JOIN campaigns c "
+                     "ON c.id = o.campaign ORDER BY o.id")) {
+        offerIndex[std::stoll(row[0])] = funnel.offers.size();
+        funnel.offers.push_back(FunnelRow{"", std::stoll(row[2]), row[3], std::stoll(row[0]), row[1], {}});
+    }
+
+    std::map<std::pair<std::string, int64_t>, FunnelCounts> byCampaign;
+    std::map<std::pair<std::string, int64_t>, FunnelCounts> byOffer;
+    countEvents(source, "e.campaign", false, byCampaign);
+    countEvents(source, "e.offer", false, byOffer);
+    for (const auto& [key, counts] : byCampaign) {
+        if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
+            funnel.campaigns[it->second].counts = counts;
+        }
+    }
+    for (const auto& [key, counts] : byOffer) {
+        if (const auto it = offerIndex.find(key.second); it != offerIndex.end()) {
+            funnel.offers[it->second].counts = counts;
+        }
+    }
+    if (!byDay) {
+        return funnel;
+    }
+    byCampaign.clear();
+    byOffer.clear();
+    countEvents(source, "e.campaign", true, byCampaign);
+    countEvents(source, "e.offer", true, byOffer);
+    for (const auto& [key, counts] : byCampaign) {
+        FunnelRow row{key.first, key.second, "", 0, "", counts};
+        if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
+            row.campaignName = funnel.campaigns[it->second].campaignName;
+        }
+        funnel.campaignDays.push_back(std::move(row));
+    }
+    for (const auto& [key, counts] : byOffer) {
+        FunnelRow row{key.first, 0, "", key.second, "", counts};
+        if (const auto it = offerIndex.find(key.second); it != offerIndex.end()) {
+            const FunnelRow& offer = funnel.offers[it->second];
+            row.campaignId = offer.campaignId;
+            row.campaignName = offer.campaignName;
+            row.eventName = offer.eventName;
+        }
+        funnel.offerDays.push_back(std::move(row));
+    }
+    return funnel;
+}
+
+Report readReport(Database& db) {
+    Report report;
+    for (const FunnelRow& o : readFunnel(db, false).offers) {
+        report.offers.push_back(OfferReport{o.eventId, o.eventName, o.campaignName, o.counts.links,
+                                            o.counts.ack, o.counts.seen, o.counts.saved, o.counts.declined});
+    }
+    Statement logs = db.prepare("SELECT event_name, COUNT(*) FROM log_messages GROUP BY event_name");
+    while (logs.step()) {
+        report.logCounts[logs.text(0)] = logs.integer(1);
+    }
+    return report;
+}
+
+nlohmann::json funnelJson(const Funnel& funnel) {
+    const auto rows = [](const std::vector<FunnelRow>& list, bool offers) {
+        nlohmann::json out = nlohmann::json::array();
+        for (const FunnelRow& r : list) {
+            nlohmann::json row;
+            if (!r.day.empty()) {
+                row["day"] = r.day;
+            }
+            if (offers) {
+                row["eventId"] = r.eventId;
+                row["eventName"] = r.eventName;
+            }
+            row["campaignId"] = r.campaignId;
+            row["campaign"] = r.campaignName;
+            row["links"] = r.counts.links;
+            row["ack"] = r.counts.ack;
+            row["seen"] = r.counts.seen;
+            row["saved"] = r.counts.saved;
+            row["declined"] = r.counts.declined;
+            out.push_back(std::move(row));
+        }
+        return out;
+    };
+    nlohmann::json out{{"campaigns", rows(funnel.campaigns, false)}, {"offers", rows(funnel.offers, true)}};
+    if (!funnel.campaignDays.empty() || !funnel.offerDays.empty()) {
+        out["days"] = {{"campaigns", rows(funnel.campaignDays, false)},
+                       {"offers", rows(funnel.offerDays, true)}};
+    }
+    return out;
+}
+
+namespace {
+
+/// The columns `text` takes in a terminal: one per character, none for combining marks, two for wide
+/// (East Asian, emoji) characters. Invalid UTF-8 counts a column a byte.
+std::size_t displayWidth(std::string_view text) {
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80    ? 1
+                                   : lead >= 0xF0 ? 4
+                                   : lead >= 0xE0 ? 3
+                                   : lead >= 0xC0 ? 2
+                                                  : 1;
+        if (length == 1 || i + length > text.size()) {
+            ++width;
+            ++i;
+            continue;
+        }
+        std::uint32_t c = lead & (0xFF >> (length + 1));
+        for (std::size_t k = 1; k < length; ++k) {
+            c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+        }
+        i += length;
+        const bool combining = (c >= 0x0300 && c <= 0x036F) || (c >= 0x1AB0 && c <= 0x1AFF) ||
+                               (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE20 && c <= 0xFE2F) || c == 0x200D ||
+                               (c >= 0xFE00 && c <= 0xFE0F);
+        const bool wide = (c >= 0x1100 && c <= 0x115F) || (c >= 0x2E80 && c <= 0xA4CF) ||
+                          (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0xF900 && c <= 0xFAFF) ||
+                          (c >= 0xFF00 && c <= 0xFF60) || (c >= 0xFFE0 && c <= 0xFFE6) ||
+                          (c >= 0x1F300 && c <= 0x1FAFF) || (c >= 0x20000 && c <= 0x3FFFD);
+        width += combining ? 0 : wide ? 2 : 1;
+    }
+    return width;
+}
+
+// Columns padded to their widest cell (in terminal columns, not bytes); numbers right-aligned.
+std::string table(const std::vector<std::vector<std::string>>& rows, std::size_t numericFrom) {
+    std::vector<std::size_t> width;
+    for (const auto& row : rows) {
+        width.resize(std::max(width.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            width[i] = std::max(width[i], displayWidth(row[i]));
+        }
+    }
+    std::ostringstream out;
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::string pad(width[i] - displayWidth(row[i]), ' ');
+            line += i >= numericFrom ? pad + row[i] : row[i] + pad;
+            line += i + 1 < row.size() ? "  " : "";
+        }
+        out << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
+    }
+    return out.str();
+}
+
+}  // namespace
+
+std::string formatReport(const Funnel& funnel, const std::map<std::string, int64_t>& logCounts) {
+    const auto counts = [](std::vector<std::string> row, const FunnelCounts& c) {
+        for (const int64_t n : {c.links, c.ack, c.seen, c.saved, c.declined}) {
+            row.push_back(std::to_string(n));
+        }
+        return row;
+    };
+    std::vector<std::vector<std::string>> campaigns{
+        {"campaign", "links", "ack", "seen", "saved", "declined"}};
+    for (const FunnelRow& c : funnel.campaigns) {
+        campaigns.push_back(counts({c.campaignName}, c.counts));
+    }
+    std::vector<std::vector<std::string>> offers{
+        {"eventId", "campaign", "eventName", "links", "ack", "seen", "saved", "declined"}};
+    for (const FunnelRow& o : funnel.offers) {
+        offers.push_back(counts({std::to_string(o.eventId), o.campaignName, o.eventName}, o.counts));
+    }
+    std::string text = "Campaigns\n" + table(campaigns, 1) + "\nOffers\n" + table(offers, 3);
+    if (!funnel.campaignDays.empty()) {
+        std::vector<std::vector<std::string>> days{
+            {"day", "campaign", "links", "ack", "seen", "saved", "declined"}};
+        for (const FunnelRow& c : funnel.campaignDays) {
+            days.push_back(counts({c.day, c.campaignName}, c.counts));
+        }
+        text += "\nCampaigns by day (UTC)\n" + table(days, 2);
+    }
+    if (!funnel.offerDays.empty()) {
+        std::vector<std::vector<std::string>> days{
+            {"day", "eventId", "eventName", "links", "ack", "seen", "saved", "declined"}};
+        for (const FunnelRow& o : funnel.offerDays) {
+            days.push_back(counts({o.day, std::to_string(o.eventId), o.eventName}, o.counts));
+        }
+        text += "\nOffers by day (UTC)\n" + table(days, 3);
+    }
+    std::vector<std::vector<std::string>> logs{{"log event", "messages"}};
+    for (const auto& [name, count] : logCounts) {
+        logs.push_back({name, std::to_string(count)});
+    }
+    return text + "\nLog messages\n" + table(logs, 1);
+}
+
+std::string formatReport(const Report& report) {
+    std::vector<std::vector<std::string>> offers{
+        {"eventId", "campaign", "eventName", "links", "ack", "seen", "saved", "declined"}};
+    for (const OfferReport& o : report.offers) {
+        offers.push_back({std::to_string(o.eventId), o.campaignName, o.eventName, std::to_string(o.links),
+                          std::to_string(o.ack), std::to_string(o.seen), std::to_string(o.saved),
+                          std::to_string(o.declined)});
+    }
+    std::vector<std::vector<std::string>> logs{{"log event", "messages"}};
+    for (const auto& [name, count] : report.logCounts) {
+        logs.push_back({name, std::to_string(count)});
+    }
+    return "Offers\n" + table(offers, 3) + "\nLog messages\n" + table(logs, 1);
+}
+
+std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::size_t numericFrom) {
+    return table(rows, numericFrom);
+}
+
+}  // namespace tovrel::server

@@ -1,0 +1,196 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "catalog/catalog_data.h"
+#include "tovrel_server/admin.h"
+
+namespace tovrel::server {
+
+/// The database cannot take the operation now (locked by another connection for longer than the busy
+/// timeout, or not reachable). Nothing was written: callers answer 503 with Retry-After.
+class DatabaseBusy : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A stored session: its device's row and when it started.
+struct SessionRow {
+    int64_t device = 0;
+    double createdAt = 0;
+};
+
+/// A device as a session start describes it.
+struct DeviceInfo {
+    std::string deviceId;
+    std::string deviceType;
+    std::string deviceModel;
+    std::string appKey;
+};
+
+/// A device event (link) that has not been cleared.
+struct LinkRow {
+    int64_t id = 0;
+    int64_t offer = 0;
+    int64_t place = 0;
+    int64_t campaign = 0;
+    bool suppressed = false;
+};
+
+/// A device event a link asks for. The store decides `suppressed` itself: true when the device already
+/// has `perDeviceCap` live device events of the campaign.
+struct NewLink {
+    int64_t offer = 0;
+    int64_t place = 0;
+    int64_t campaign = 0;
+    std::optional<int64_t> perDeviceCap;
+};
+
+/// Told what other writers of a shared store changed, so that what a replica holds in memory follows.
+/// Called on the change feed's own thread, one call at a time.
+class ChangeListener {
+  public:
+    virtual ~ChangeListener() = default;
+    /// The catalogue's version in the store now: after a notification, on the periodic check, and
+    /// after reconnecting.
+    virtual void catalogVersion(std::uint64_t version) = 0;
+    /// Another writer linked or cleared device events of these devices.
+    virtual void devicesChanged(const std::vector<int64_t>& devices) = 0;
+    /// Notifications may have been missed (the feed's connection was lost): nothing mirrored of the
+    /// devices can be trusted. catalogVersion() follows.
+    virtual void resynchronise() = 0;
+};
+
+/// A running feed of changes; stops (and joins its thread) when destroyed.
+class ChangeFeed {
+  public:
+    virtual ~ChangeFeed() = default;
+};
+
+/// Where a tovrel-server keeps everything durably: SQLite (one file) or PostgreSQL (shared by replicas).
+/// Not thread-safe unless said: the Service calls it under its writers' lock. Every operation throws
+/// DatabaseBusy when the database cannot take it now (nothing was written), std::runtime_error on
+/// other failures.
+class Store {
+  public:
+    virtual ~Store() = default;
+
+    /// The store's kind, for logs: "sqlite" or "postgresql".
+    virtual std::string kind() const = 0;
+
+    /// The session with this key hash; nullopt when there is none.
+    virtual std::optional<SessionRow> findSession(const std::string& keyHash) = 0;
+    /// True when the app key is registered and not disabled.
+    virtual bool appEnabled(const std::string& appKey) = 0;
+    /// Records the device (inserted or updated by its identifier) and a session of it, all or nothing.
+    /// Returns the device's row.
+    virtual int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) = 0;
+    /// The device's device events that have not been cleared.
+    virtual std::vector<LinkRow> liveLinks(int64_t device) = 0;
+    /// Records a device event for (device, offer, place) unless a live one exists: the stored event
+    /// either way, so that two replicas linking at the same instant return the same id, and the cap
+    /// counted from what the database holds, whichever replica linked before.
+    virtual LinkRow addLink(int64_t device, const NewLink& link, double now) = 0;
+    /// The device of a live device event; nullopt when there is none or it was cleared.
+    virtual std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) = 0;
+    /// Appends a status to a device event's history.
+    virtual void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) = 0;
+    /// Clears every live device event of the device.
+    virtual void clearLinks(int64_t device, double now) = 0;
+    virtual void setTag(int64_t device, const std::string& group, const std::string& tag,
+                        const std::string& value, double now) = 0;
+    virtual void deleteTag(int64_t device, const std::string& group, const std::string& tag) = 0;
+    /// Keeps a diagnostics message (the JSON text as received) under its event name.
+    virtual void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
+                        double now) = 0;
+
+    /// Writes campaigns, offers, places and apps (insert or replace by id or name), all or nothing.
+    virtual ImportSummary writeCatalog(const CatalogData& data, double now) = 0;
+    /// The same for a catalogue read as a stream; by default expanded to plain structures first.
+    virtual ImportSummary writePlaceCatalog(const PlaceCatalog& data, double now) {
+        return writeCatalog(data.expand(), now);
+    }
+    /// Adds an app key, or renames an existing one.
+    virtual void writeApp(const AppDef& app, double now) = 0;
+    /// True when readCatalog() may run on any thread at the same time as the other operations (it then
+    /// reads one consistent snapshot without waiting for writers).
+    virtual bool concurrentCatalogReads() const = 0;
+    /// Threads that may run the store's operations at once (its connections): 1 unless the store is
+    /// thread-safe. Writes that touch nothing held in memory then run without the writers' lock.
+    virtual int concurrency() const { return 1; }
+    /// Every enabled campaign, offer and place (apps are not read), from one consistent snapshot.
+    virtual CatalogData readCatalog() = 0;
+    /// What changed in the catalogue after version `since` (of a readCatalog() or of an earlier call),
+    /// with the changed rows as they are now; nullopt when the store cannot tell, or more than `limit`
+    /// rows changed: read the whole catalogue instead. May run on any thread when
+    /// concurrentCatalogReads().
+    virtual std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) {
+        (void)since;
+        (void)limit;
+        return std::nullopt;
+    }
+    /// Links and answers per offer, log messages per event name.
+    virtual Report report() = 0;
+    /// The funnel per campaign and per offer, and by UTC day when byDay.
+    virtual Funnel funnel(bool byDay) = 0;
+    /// True when the database answers a read now. Any thread; waits at most the busy timeout.
+    virtual bool reachable() = 0;
+    /// Starts telling `listener` what other writers change, on a thread of the feed's own; nullptr
+    /// when nobody else writes (an embedded store). `listener` outlives the feed. Any thread.
+    virtual std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) {
+        (void)listener;
+        return nullptr;
+    }
+
+    /// The admin API's lists and changes (see admin_store.h for the members of each list).
+    virtual nlohmann::json listApps() = 0;
+    virtual std::string addApp(std::string key, const std::string& name, double now, bool* added) = 0;
+    virtual std::optional<std::string> rotateApp(const std::string& key) = 0;
+    virtual bool removeApp(const std::string& key) = 0;
+    virtual bool setAppDisabled(const std::string& key, bool disabled) = 0;
+    virtual nlohmann::json listCampaigns() = 0;
+    virtual std::optional<int64_t> findCampaign(const std::string& nameOrId) = 0;
+    virtual bool setCampaignDisabled(int64_t id, bool disabled) = 0;
+    /// Throws admin_store::Conflict when offers still belong to the campaign.
+    virtual bool removeCampaign(int64_t id) = 0;
+    virtual nlohmann::json listOffers() = 0;
+    virtual bool setOfferDisabled(int64_t id, bool disabled) = 0;
+    virtual bool removeOffer(int64_t id) = 0;
+    virtual nlohmann::json listPlaces(int64_t after, int limit) = 0;
+    virtual bool setPlaceDisabled(int64_t id, bool disabled) = 0;
+    virtual bool removePlace(int64_t id) = 0;
+    virtual nlohmann::json campaignDefinitions() = 0;
+};
+
+/// How a store waits and connects.
+struct StoreOptions {
+    /// Milliseconds a statement waits for another connection's lock before DatabaseBusy.
+    int busyTimeoutMs = 5000;
+    /// Days of log messages kept (today and the days before it, in UTC); older days are dropped when
+    /// the first message of a new day arrives. 0 keeps every message.
+    int logRetentionDays = 0;
+    /// Seconds between checks of the catalogue's version by a change feed, in case a notification
+    /// was missed.
+    double changeCheckSeconds = 5;
+};
+
+/// True when `location` names a PostgreSQL database (a postgresql:// or postgres:// address).
+bool isPostgresLocation(const std::string& location);
+
+/// The day (in UTC, days since 1970) of a time in seconds since 1970.
+int64_t utcDayNumber(double seconds);
+
+/// Opens the store at `location` (an SQLite file, ":memory:", or a postgresql:// address) and brings
+/// its schema up to date. Throws std::runtime_error.
+std::unique_ptr<Store> openStore(const std::string& location, const StoreOptions& options = {});
+
+/// `location` without a password, for messages and logs.
+std::string displayLocation(const std::string& location);
+
+}  // namespace tovrel::server
