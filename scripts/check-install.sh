@@ -5,8 +5,8 @@
 #  2. the embedding examples build against that prefix alone: with find_package(Tovrel), with
 #     pkg-config only, the C host and the Qt host;
 #  3. they run against the installed tovrel-server on 127.0.0.1, and so do the Python package's tests;
-#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs, and the
-#     server's systemd unit verifies.
+#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs, the
+#     server serves the console it carries, and the server's systemd unit verifies.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,8 +19,10 @@ build="${1:-build/release}"
 
 work=$(mktemp -d)
 server_pid=""
+console_pid=""
 cleanup() {
     [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+    [[ -n "$console_pid" ]] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -124,6 +126,26 @@ dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null -i
 "$root/usr/bin/tovrel-server" --version
 [[ -f "$root/usr/share/man/man1/tovrel-sim.1.gz" || -f "$root/usr/share/man/man1/tovrel-sim.1" ]] ||
     fail "no man page for tovrel-sim in the package"
+if grep -q '^TOVREL_BUILD_CONSOLE:BOOL=ON' "$build/CMakeCache.txt"; then
+    step "the console, served by the packaged tovrel-server from its own share/tovrel"
+    printf 'check-install-admin-token\n' >"$work/token"
+    chmod 600 "$work/token"
+    "$root/usr/bin/tovrel-server" serve --db "$work/console.db" --listen 127.0.0.1:0 --admin-listen 127.0.0.1:0 \
+        --admin-token-file "$work/token" >"$work/console.out" 2>&1 &
+    console_pid=$!
+    admin=""
+    for _ in $(seq 100); do
+        admin=$(grep -oE '"admin":"127\.0\.0\.1:[0-9]+"' "$work/console.out" | head -1 | grep -oE '[0-9]+"$' | tr -d '"' || true)
+        [[ -n "$admin" ]] && break
+        sleep 0.1
+    done
+    [[ -n "$admin" ]] || { cat "$work/console.out"; fail "the packaged tovrel-server did not start"; }
+    curl -fsS "http://127.0.0.1:$admin/console/" | grep -q '<script type="module"' ||
+        fail "the packaged tovrel-server does not serve the console"
+    kill "$console_pid"
+    wait "$console_pid" 2>/dev/null || true
+    console_pid=""
+fi
 unit=$(find "$root" -name tovrel-server.service | head -1)
 [[ -n "$unit" ]] || fail "no systemd unit in the tovrel-server package"
 if command -v systemd-analyze >/dev/null; then

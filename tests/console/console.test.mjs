@@ -3,12 +3,20 @@
 // driven headless through playwright-core, and axe-core for accessibility.
 //
 //   node tests/console/console.test.mjs --server build/dev/server/tovrel-server \
-//        --dist console/dist --screenshots /tmp/shots --chromium /usr/bin/chromium [--postgres URL]
+//        --dist console/dist --screenshots /tmp/shots --chromium /usr/bin/chromium \
+//        [--postgres URL | --postgres-self]
 //
-// Exit 0 when every step passed; otherwise non-zero, naming the steps that failed.
+// The store is a fresh SQLite file by default. --postgres URL uses a PostgreSQL database that exists;
+// --postgres-self starts a PostgreSQL server of the test's own (initdb in a temporary folder, as the
+// user "nobody" when run as root, on a free port of 127.0.0.1), checks what the console wrote with psql
+// against it, and removes it at exit. On PostgreSQL the screenshots are named console-NAME-postgres.png,
+// beside those of the SQLite run.
+// Exit 0 when every step passed; 77 (skipped) when --postgres-self finds no PostgreSQL installed;
+// otherwise non-zero, naming the steps that failed.
 
-import { spawn } from 'node:child_process';
+import { execFile, execFileSync, spawn, spawnSync } from 'node:child_process';
 import fs from 'node:fs';
+import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
@@ -29,13 +37,15 @@ const { values: args } = parseArgs({
     screenshots: { type: 'string' },
     chromium: { type: 'string', default: '/usr/bin/chromium' },
     postgres: { type: 'string' },
+    'postgres-self': { type: 'boolean', default: false },
     headed: { type: 'boolean', default: false },
   },
 });
-if (!args.server) {
-  console.error('usage: console.test.mjs --server PATH_TO_tovrel-server [--dist DIR] [--screenshots DIR] [--chromium PATH] [--postgres URL]');
+if (!args.server || (args.postgres && args['postgres-self'])) {
+  console.error('usage: console.test.mjs --server PATH_TO_tovrel-server [--dist DIR] [--screenshots DIR] [--chromium PATH] [--postgres URL | --postgres-self]');
   process.exit(2);
 }
+const onPostgres = Boolean(args.postgres || args['postgres-self']);
 const OVERALL_MS = 120_000;
 const WAIT_MS = 10_000;
 const CSP = "default-src 'self'; img-src 'self' data: https:";
@@ -47,9 +57,13 @@ const failures = [];
 let current = 'starting';
 let server = null;
 let browser = null;
+/** The PostgreSQL server of --postgres-self: its programs, folder, port, process and user. */
+const pg = { bin: '', folder: '', data: '', log: '', port: 0, proc: null, as: {} };
 const tmp = fs.mkdtempSync(path.join(os.tmpdir(), 'tovrel-console-'));
 const shots = args.screenshots ? path.resolve(args.screenshots) : path.join(tmp, 'shots');
 fs.mkdirSync(shots, { recursive: true });
+/** Where the screenshot NAME goes: the PostgreSQL run keeps its own beside the SQLite run's. */
+const shotFile = (name) => path.join(shots, `console-${name}${onPostgres ? '-postgres' : ''}.png`);
 
 class Skip extends Error {}
 
@@ -92,7 +106,16 @@ async function finish() {
   try {
     await Promise.race([browser?.close(), new Promise((r) => setTimeout(r, 5000))]);
   } catch {}
+  const serverGone = server && server.exitCode === null && server.signalCode === null ? new Promise((r) => server.once('exit', r)) : null;
   stopServer();
+  // PostgreSQL goes after the server that uses it.
+  if (serverGone) await Promise.race([serverGone, new Promise((r) => setTimeout(r, 3000))]);
+  const postgresLog = pgLog();
+  await stopPostgresAndWait();
+  if (postgresLog && results.failed) {
+    console.log('--- last lines of PostgreSQL');
+    console.log(postgresLog.split('\n').filter(Boolean).slice(-10).join('\n'));
+  }
   if (serverLog.length && results.failed) {
     console.log('--- last lines of the server');
     console.log(serverLog.slice(-20).join('\n'));
@@ -110,8 +133,12 @@ const overall = setTimeout(() => {
   void finish();
 }, OVERALL_MS);
 overall.unref();
-process.on('exit', stopServer);
-process.on('SIGINT', () => void finish());
+process.on('exit', () => {
+  stopServer();
+  stopPostgres();
+  fs.rmSync(tmp, { recursive: true, force: true });
+});
+for (const signal of ['SIGINT', 'SIGTERM', 'SIGHUP']) process.on(signal, () => void finish());
 
 function withTimeout(p, ms, what) {
   let t;
@@ -132,7 +159,197 @@ async function http(method, url, { body, headers = {} } = {}) {
   return { status: res.status, json, text, headers: res.headers };
 }
 
+// ---------------------------------------------------------------- PostgreSQL of the test's own
+
+/** The folder of PostgreSQL's programs: pg_config's, else the newest Debian install; one with PostGIS first. */
+function postgresBinaries() {
+  const candidates = [];
+  try {
+    candidates.push(execFileSync('pg_config', ['--bindir'], { encoding: 'utf8', timeout: 5000, stdio: ['ignore', 'pipe', 'ignore'] }).trim());
+  } catch {}
+  const root = '/usr/lib/postgresql';
+  if (fs.existsSync(root)) {
+    const versions = fs.readdirSync(root).sort((a, b) => parseFloat(b) - parseFloat(a));
+    candidates.push(...versions.map((v) => path.join(root, v, 'bin')));
+  }
+  const usable = candidates.filter((d) => d && ['postgres', 'initdb', 'pg_ctl', 'pg_isready', 'psql'].every((p) => fs.existsSync(path.join(d, p))));
+  const withPostgis = usable.find((d) => {
+    try {
+      const share = execFileSync(path.join(d, 'pg_config'), ['--sharedir'], { encoding: 'utf8', timeout: 5000, stdio: ['ignore', 'pipe', 'ignore'] }).trim();
+      return fs.existsSync(path.join(share, 'extension', 'postgis.control'));
+    } catch {
+      return false;
+    }
+  });
+  return withPostgis ?? usable[0] ?? '';
+}
+
+/** uid and gid of "nobody", whom PostgreSQL runs as when the test runs as root (it refuses root). */
+function unprivileged() {
+  if (process.getuid() !== 0) return {};
+  let entry = '';
+  try {
+    entry = execFileSync('getent', ['passwd', 'nobody'], { encoding: 'utf8', timeout: 5000 }).trim();
+  } catch {}
+  const [, , uid, gid] = entry.split(':');
+  assert(uid && gid, 'running as root and there is no user "nobody" to run PostgreSQL as');
+  return { uid: Number(uid), gid: Number(gid) };
+}
+
+function pgLog() {
+  try {
+    return pg.log ? fs.readFileSync(pg.log, 'utf8') : '';
+  } catch {
+    return '';
+  }
+}
+
+/** Runs one of PostgreSQL's programs as its user, output to the log; resolves its exit status. */
+function runPg(program, argv, ms) {
+  return new Promise((resolve, reject) => {
+    const log = fs.openSync(pg.log, 'a');
+    const child = spawn(path.join(pg.bin, program), argv, { ...pg.as, stdio: ['ignore', log, log] });
+    fs.closeSync(log);
+    const t = setTimeout(() => {
+      child.kill('SIGKILL');
+      reject(new Error(`${program} did not end in ${ms} ms: ${pgLog().slice(-2000)}`));
+    }, ms);
+    child.once('error', (e) => {
+      clearTimeout(t);
+      reject(e);
+    });
+    child.once('exit', (code, signal) => {
+      clearTimeout(t);
+      resolve(code ?? signal);
+    });
+  });
+}
+
+/** A port of 127.0.0.1 that nothing listens on now. */
+function freePort() {
+  return new Promise((resolve, reject) => {
+    const s = net.createServer();
+    s.once('error', reject);
+    s.listen(0, '127.0.0.1', () => {
+      const { port } = s.address();
+      s.close(() => resolve(port));
+    });
+  });
+}
+
+function pgReady() {
+  return new Promise((resolve) => {
+    execFile(path.join(pg.bin, 'pg_isready'), ['-q', '-h', '127.0.0.1', '-p', String(pg.port), '-U', 'postgres', '-d', 'postgres', '-t', '1'], { timeout: 3000 }, (err) => resolve(!err));
+  });
+}
+
+/** One SQL statement against the test's own server, by psql; its rows as text, fields split by |. */
+function psql(database, sql) {
+  return new Promise((resolve, reject) => {
+    execFile(
+      path.join(pg.bin, 'psql'),
+      ['-X', '-q', '-A', '-t', '-v', 'ON_ERROR_STOP=1', '-h', '127.0.0.1', '-p', String(pg.port), '-U', 'postgres', '-d', database, '-c', sql],
+      { timeout: WAIT_MS, encoding: 'utf8' },
+      (err, stdout, stderr) => (err ? reject(new Error(`psql ${sql}: ${stderr || err.message}`)) : resolve(stdout.trim())),
+    );
+  });
+}
+
+const PG_DATABASE = 'tovrel_console';
+
+/** initdb in a temporary folder, the server on a free port of 127.0.0.1, and an empty database: its address. */
+async function startPostgres() {
+  pg.bin ||= postgresBinaries();
+  assert(pg.bin, 'PostgreSQL is not installed');
+  pg.as = unprivileged();
+  pg.folder = fs.mkdtempSync(path.join(os.tmpdir(), 'tovrel-console-pg-'));
+  fs.chmodSync(pg.folder, 0o700);
+  if (pg.as.uid !== undefined) fs.chownSync(pg.folder, pg.as.uid, pg.as.gid);
+  pg.data = path.join(pg.folder, 'data');
+  pg.log = path.join(pg.folder, 'server.log');
+  const initdb = await runPg('initdb', ['-D', pg.data, '-A', 'trust', '-U', 'postgres', '-E', 'UTF8', '--locale=C', '-N'], 60_000);
+  assert(initdb === 0, `initdb failed (${initdb}): ${pgLog().slice(-2000)}`);
+  for (let attempt = 0; attempt < 5 && !pg.proc; attempt++) {
+    pg.port = await freePort();
+    const log = fs.openSync(pg.log, 'a');
+    const proc = spawn(
+      path.join(pg.bin, 'postgres'),
+      ['-D', pg.data, '-k', pg.folder, '-p', String(pg.port), '-c', 'listen_addresses=127.0.0.1', '-c', 'fsync=off', '-c', 'synchronous_commit=off', '-c', 'full_page_writes=off'],
+      { ...pg.as, stdio: ['ignore', log, log] },
+    );
+    fs.closeSync(log);
+    proc.once('error', () => {});
+    const until = Date.now() + 15_000;
+    while (Date.now() < until && proc.exitCode === null && proc.signalCode === null) {
+      if (await pgReady()) {
+        pg.proc = proc;
+        break;
+      }
+      await new Promise((r) => setTimeout(r, 100));
+    }
+    // Stopped (most likely another program took the port: try another) or never ready.
+    if (!pg.proc && proc.exitCode === null && proc.signalCode === null) proc.kill('SIGKILL');
+  }
+  assert(pg.proc, `PostgreSQL did not start: ${pgLog().slice(-2000)}`);
+  // tovrel-server makes its schema, PostGIS included, in the empty database itself.
+  await psql('postgres', `CREATE DATABASE ${PG_DATABASE}`);
+  return `postgresql://postgres@127.0.0.1:${pg.port}/${PG_DATABASE}`;
+}
+
+/** Stops the server at once (its data is thrown away) and removes its folder. Synchronous: exit handlers call it. */
+function stopPostgres() {
+  const proc = pg.proc;
+  pg.proc = null;
+  if (proc && proc.exitCode === null && proc.signalCode === null) {
+    const stopped = spawnSync(path.join(pg.bin, 'pg_ctl'), ['stop', '-D', pg.data, '-m', 'immediate', '-w', '-t', '10'], { ...pg.as, stdio: 'ignore', timeout: 15_000, killSignal: 'SIGKILL' });
+    if (stopped.status !== 0) {
+      try {
+        proc.kill('SIGKILL');
+      } catch {}
+    }
+  }
+  if (pg.folder) {
+    const folder = pg.folder;
+    pg.folder = '';
+    pg.log = '';
+    try {
+      fs.rmSync(folder, { recursive: true, force: true, maxRetries: 3 });
+    } catch {}
+  }
+}
+
+/** stopPostgres, but waits (bounded) for the server to end, so that it leaves no zombie behind. */
+async function stopPostgresAndWait() {
+  const proc = pg.proc;
+  if (proc && proc.exitCode === null && proc.signalCode === null) {
+    const gone = new Promise((r) => proc.once('exit', r));
+    proc.kill('SIGQUIT'); // immediate shutdown
+    await Promise.race([gone, new Promise((r) => setTimeout(r, 10_000))]);
+    if (proc.exitCode === null && proc.signalCode === null) {
+      proc.kill('SIGKILL');
+      await Promise.race([gone, new Promise((r) => setTimeout(r, 2000))]);
+    }
+  }
+  stopPostgres();
+}
+
+/** The count psql finds for a query of the test's own database; null when the store is not ours to read. */
+async function pgCount(sql) {
+  if (!pg.port) return null;
+  return Number(await psql(PG_DATABASE, sql));
+}
+
 // ---------------------------------------------------------------- the server
+
+if (args['postgres-self']) {
+  pg.bin = postgresBinaries();
+  if (!pg.bin) {
+    // As the C++ suites do without PostgreSQL: skipped, not failed (77: CTest's SKIP_RETURN_CODE).
+    console.log('skip  the flow on PostgreSQL: PostgreSQL is not installed (no pg_config --bindir nor /usr/lib/postgresql/*/bin with initdb; scripts/setup.sh installs it)');
+    console.log('0 passed, 0 failed, 1 skipped');
+    process.exit(77);
+  }
+}
 
 const serverLog = [];
 const token = `console-test-${Math.random().toString(36).slice(2)}${Math.random().toString(36).slice(2)}`;
@@ -144,7 +361,7 @@ let adm = '';
 
 await step('the server starts and reports its listeners', async () => {
   assert(fs.existsSync(path.join(args.dist, 'index.html')), `${args.dist}/index.html is missing: run npm run build in console/`);
-  const db = args.postgres ?? path.join(tmp, 'db.sqlite');
+  const db = args['postgres-self'] ? await startPostgres() : (args.postgres ?? path.join(tmp, 'db.sqlite'));
   const argv = ['serve', '--db', db, '--listen', '127.0.0.1:0', '--admin-listen', '127.0.0.1:0', '--admin-token-file', tokenFile, '--console-dir', path.resolve(args.dist), '--access-log', 'off'];
   server = spawn(args.server, argv, { stdio: ['ignore', 'pipe', 'pipe'] });
   server.stderr.setEncoding('utf8');
@@ -164,6 +381,10 @@ await step('the server starts and reports its listeners', async () => {
   assert(line.listen && line.admin, `the first line names no listen and admin address: ${first}`);
   pub = `http://${line.listen}`;
   adm = `http://${line.admin}`;
+  if (pg.port) {
+    const postgis = await psql(PG_DATABASE, "SELECT extversion FROM pg_extension WHERE extname = 'postgis'");
+    assert(postgis, 'the server runs on a database without PostGIS');
+  }
 }, { critical: true });
 
 // ---------------------------------------------------------------- the browser
@@ -212,7 +433,7 @@ async function axe(page, screen) {
 
 async function shot(page, name) {
   await page.waitForTimeout(150);
-  await page.screenshot({ path: path.join(shots, `console-${name}.png`) });
+  await page.screenshot({ path: shotFile(name) });
 }
 
 async function go(page, screen) {
@@ -394,6 +615,8 @@ await step('map: name the place, attach an offer of a new campaign, save', async
   assert(p, `place ${PLACE.id} was not written`);
   assert(p.radius === 80 && Math.abs(p.lat - PLACE.lat) < 1e-6, `place ${PLACE.id} is ${JSON.stringify(p)}`);
   assert(p.offers.includes(eventId), `place ${PLACE.id} carries offers ${p.offers}, not ${eventId}`);
+  const stored = await pgCount(`SELECT count(*) FROM places JOIN place_offers ON place = id WHERE id = ${PLACE.id} AND radius = 80 AND offer = ${eventId}`);
+  assert(stored === null || stored === 1, `PostgreSQL holds ${stored} rows of place ${PLACE.id} with offer ${eventId}`);
   await page.locator('.map-status').filter({ hasText: /1 place/ }).waitFor();
   await shot(page, 'map');
   await axe(page, 'map');
@@ -524,6 +747,8 @@ await step('import: three faulty features are listed, nothing is written', async
   assert(await page.getByRole('button', { name: 'Publish' }).isDisabled(), 'Publish is offered for a faulty file');
   const places = await adminFromPage(page, 'GET', 'places?limit=1000');
   assert(!places.json.places.some((p) => p.placeId >= 9101 && p.placeId <= 9104), 'a faulty import wrote places');
+  const written = await pgCount('SELECT (SELECT count(*) FROM places WHERE id BETWEEN 9101 AND 9104) + (SELECT count(*) FROM offers WHERE id = 9201)');
+  assert(written === null || written === 0, `a faulty import left ${written} rows in PostgreSQL`);
   await shot(page, 'import');
   await axe(page, 'import');
 });
@@ -534,10 +759,12 @@ await step('import: a valid file is checked, then published', async () => {
   await page.locator('.import-result .ok').filter({ hasText: 'is valid' }).waitFor();
   let places = await adminFromPage(page, 'GET', 'places?limit=1000');
   assert(!places.json.places.some((p) => p.placeId === 9301), 'the dry run wrote the place');
+  assert([null, 0].includes(await pgCount('SELECT count(*) FROM places WHERE id = 9301')), 'the dry run wrote the place to PostgreSQL');
   await page.getByRole('button', { name: 'Publish' }).click();
   await page.locator('.import-result .ok').filter({ hasText: 'Published' }).waitFor();
   places = await adminFromPage(page, 'GET', 'places?limit=1000');
   assert(places.json.places.some((p) => p.placeId === 9301), 'publishing wrote nothing');
+  assert([null, 1].includes(await pgCount("SELECT count(*) FROM places WHERE id = 9301 AND name = 'Imported corner'")), 'the published place is not in PostgreSQL');
 });
 
 await step('map: disable, then remove a place', async () => {
@@ -623,7 +850,7 @@ await step('two editors of one place: the second sees the conflict', async () =>
     await pageB.locator('.place-form').getByRole('button', { name: 'Save place' }).click();
     await pageB.locator('.conflict').waitFor();
     await pageB.getByRole('button', { name: 'Reload' }).waitFor();
-    await pageB.screenshot({ path: path.join(shots, 'console-map-conflict.png') });
+    await pageB.screenshot({ path: shotFile('map-conflict') });
     const p = (await adminFromPage(page, 'GET', 'places?limit=1000')).json.places.find((x) => x.placeId === PLACE.id);
     assert(p.name === `${PLACE.name} (first)`, `the second editor overwrote the first: ${p.name}`);
   } finally {
@@ -662,7 +889,7 @@ await step('every screen at 390×844', async () => {
     const p = await small.newPage();
     await p.goto(`${adm}/console/`);
     await p.locator('#signin').waitFor();
-    await p.screenshot({ path: path.join(shots, 'console-signin-390.png') });
+    await p.screenshot({ path: shotFile('signin-390') });
     await signIn(p, token);
     for (const s of ['overview', 'map', 'campaigns', 'import', 'apps']) {
       await go(p, s);
@@ -672,7 +899,7 @@ await step('every screen at 390×844', async () => {
         return { width: document.documentElement.scrollWidth, over: over.slice(0, 3).map((e) => `${e.tagName.toLowerCase()}.${e.className}`) };
       });
       assert(wide.width <= 392, `${s} is ${wide.width} px wide at 390: ${wide.over.join(', ')}`);
-      await p.screenshot({ path: path.join(shots, `console-${s}-390.png`), fullPage: false });
+      await p.screenshot({ path: shotFile(`${s}-390`), fullPage: false });
     }
   } finally {
     await small.close();

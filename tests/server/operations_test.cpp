@@ -239,6 +239,39 @@ TEST_P(Admin, PlaceChangesAreServedWithoutAReload) {
     ASSERT_EQ(listed.status, 200) << listed.body;
     EXPECT_EQ(listed.parsed()["places"][0]["placeId"], 77);
     EXPECT_EQ(listed.parsed()["places"][0]["offers"], json::array({771}));
+    // A box around the old town holds place 77; one beside it, or across the antimeridian, does not.
+    const auto inBox = [&](const std::string& box) {
+        std::vector<int64_t> ids;
+        const json page = call("GET", "/admin/v1/places?limit=1000&bbox=" + box).parsed();
+        for (const json& place : page["places"]) {
+            ids.push_back(place["placeId"].get<int64_t>());
+        }
+        return ids;
+    };
+    EXPECT_TRUE(contains(inBox("11.57,48.13,11.58,48.14"), 77));
+    EXPECT_FALSE(contains(inBox("11.58,48.13,11.59,48.14"), 77));
+    EXPECT_FALSE(contains(inBox("170,-90,-170,90"), 77));
+    EXPECT_TRUE(contains(inBox("11,-90,-170,90"), 77));
+    for (const char* bad : {"1,2,3", "1,2,3,4,5", "0,50,1,40", "0,-91,1,0", "a,b,c,d", "0,0,1,nan"}) {
+        EXPECT_EQ(call("GET", std::string("/admin/v1/places?bbox=") + bad).status, 400) << bad;
+    }
+    const json offers = call("GET", "/admin/v1/offers").parsed()["offers"];
+    const auto offer =
+        std::find_if(offers.begin(), offers.end(), [](const json& o) { return o["eventId"] == 771; });
+    ASSERT_NE(offer, offers.end());
+    EXPECT_EQ((*offer)["places"], 1);
+    EXPECT_TRUE((*offer)["alertText"].is_string());
+    EXPECT_TRUE((*offer)["tags"].is_string());
+
+    json flat = placeFeature(78, 781, kOldTownLat, kOldTownLon, "Open");
+    flat["properties"]["radius"] = 0;
+    const HttpResult refused = call("POST", "/admin/v1/places", flat.dump());
+    EXPECT_EQ(refused.status, 400);
+    EXPECT_EQ(refused.parsed()["member"], "/properties/radius") << refused.body;
+    const HttpResult badCampaign =
+        call("POST", "/admin/v1/campaigns", json{{"name", "Late"}, {"startDate", "tomorrow"}}.dump());
+    EXPECT_EQ(badCampaign.status, 400);
+    EXPECT_EQ(badCampaign.parsed()["member"], "/startDate") << badCampaign.body;
 
     EXPECT_EQ(call("DELETE", "/admin/v1/places/77").status, 200);
     EXPECT_FALSE(contains(placeIds(fixture.places(key, kOldTownLat, kOldTownLon)), 77));

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
@@ -123,6 +124,239 @@ json placeFile(json features, json campaigns) {
     return json{{"type", "FeatureCollection"},
                 {"properties", {{"campaigns", std::move(campaigns)}}},
                 {"features", std::move(features)}};
+}
+
+// One admin API request, on the admin thread: its path split into decoded segments ("places", "12", ...).
+struct AdminRequest {
+    const std::string& method;
+    const std::string& target;
+    std::string_view path;
+    std::vector<std::string> parts;
+    const std::string& body;
+    double now;
+
+    bool is(std::string_view m) const { return method == m; }
+    // "there is no place 12"
+    std::string missing() const {
+        return "there is no " + parts[0].substr(0, parts[0].size() - 1) + " " +
+               (parts.size() > 1 ? parts[1] : "");
+    }
+};
+
+// POST .../KIND/ID/disable or /enable.
+template <typename SetDisabled>
+HttpReply toggle(Service& service, const AdminRequest& r, SetDisabled&& setDisabled, bool catalog) {
+    if (r.parts.size() != 3 || !r.is("POST") || (r.parts[2] != "disable" && r.parts[2] != "enable")) {
+        throw ApiError(
+            404, "use POST " + std::string(r.path.substr(0, r.path.rfind('/'))) + "/disable or /enable");
+    }
+    const bool disabled = r.parts[2] == "disable";
+    if (!service.change([&](Store& store) { return setDisabled(store, disabled); }, catalog)) {
+        throw ApiError(404, r.missing());
+    }
+    return jsonReply(200, {{"id", r.parts[1]}, {"disabled", disabled}});
+}
+
+// DELETE .../KIND/ID.
+template <typename RemoveOne>
+HttpReply removeItem(Service& service, const AdminRequest& r, RemoveOne&& removeOne, bool catalog) {
+    if (!service.change([&](Store& store) { return removeOne(store); }, catalog)) {
+        throw ApiError(404, r.missing());
+    }
+    return jsonReply(200, {{"removed", r.parts[1]}});
+}
+
+// A 400 listing what is wrong with a posted body read by the place file's rules, each member made
+// relative to the body (`within` is where the body sits in the place file made of it). With one problem,
+// its message and member are the answer's own.
+HttpReply problemsReply(const std::vector<PlaceFileProblem>& found, std::string_view within,
+                        const std::string& what) {
+    json problems = json::array();
+    for (const PlaceFileProblem& p : found) {
+        const bool inside = p.member.rfind(within, 0) == 0;
+        problems.push_back({{"feature", p.feature ? json(*p.feature) : json(nullptr)},
+                            {"member", inside ? p.member.substr(within.size()) : p.member},
+                            {"message", p.message}});
+    }
+    json answer = {{"error", std::to_string(found.size()) + " problem" + (found.size() == 1 ? "" : "s") +
+                                 " in " + what}};
+    if (problems.size() == 1) {
+        answer["error"] = problems[0]["message"];
+        answer["member"] = problems[0]["member"];
+    }
+    answer["problems"] = std::move(problems);
+    return jsonReply(400, answer);
+}
+
+// Writes a place file made of posted parts, read by the same rules as an imported file.
+HttpReply writePosted(Service& service, const json& file, std::string_view within, const std::string& what,
+                      double now, const std::function<json(const ImportSummary&)>& answer) {
+    PlaceFileCheck check = checkPlaceFile(std::string_view(file.dump()), what);
+    if (!check.catalog) {
+        return problemsReply(check.problems, within, what);
+    }
+    const ImportSummary summary =
+        service.change([&](Store& store) { return store.writePlaceCatalog(*check.catalog, now); }, true);
+    return jsonReply(200, answer(summary));
+}
+
+HttpReply appsRequest(Service& service, const AdminRequest& r) {
+    const auto& parts = r.parts;
+    if (parts.size() == 1 && r.is("GET")) {
+        return jsonReply(200,
+                         {{"apps", service.change([](Store& store) { return store.listApps(); }, false)}});
+    }
+    if (parts.size() == 1 && r.is("POST")) {
+        const json req = parseObjectBody(r.body);
+        const std::string name = requireString(req, "name", limits::kAppName);
+        const std::string key = optionalString(req, "key", limits::kSdkKey, "");
+        bool added = false;
+        const std::string stored =
+            service.change([&](Store& store) { return store.addApp(key, name, r.now, &added); }, false);
+        return jsonReply(added ? 201 : 200, {{"key", stored}, {"name", name}});
+    }
+    if (parts.size() == 2 && r.is("DELETE")) {
+        return removeItem(
+            service, r, [&](Store& store) { return store.removeApp(parts[1]); }, false);
+    }
+    if (parts.size() == 3 && r.is("POST") && parts[2] == "rotate") {
+        const auto fresh = service.change([&](Store& store) { return store.rotateApp(parts[1]); }, false);
+        if (!fresh) {
+            throw ApiError(404, r.missing());
+        }
+        return jsonReply(200, {{"key", *fresh}, {"previous", parts[1]}});
+    }
+    if (parts.size() == 3) {
+        return toggle(
+            service, r, [&](Store& store, bool d) { return store.setAppDisabled(parts[1], d); }, false);
+    }
+    throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+}
+
+HttpReply campaignsRequest(Service& service, const AdminRequest& r) {
+    const auto& parts = r.parts;
+    if (parts.size() == 1 && r.is("GET")) {
+        return jsonReply(
+            200, {{"campaigns", service.change([](Store& store) { return store.listCampaigns(); }, false)}});
+    }
+    if (parts.size() == 1 && r.is("POST")) {
+        return writePosted(service, placeFile(json::array(), json::array({parseObjectBody(r.body)})),
+                           "/properties/campaigns/0", "the campaign", r.now,
+                           [](const ImportSummary& summary) {
+                               return json{{"campaigns", summary.campaigns}};
+                           });
+    }
+    if (parts.size() < 2) {
+        throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+    }
+    const auto id = service.change([&](Store& store) { return store.findCampaign(parts[1]); }, false);
+    if (!id) {
+        throw ApiError(404, r.missing());
+    }
+    if (parts.size() == 2 && r.is("DELETE")) {
+        return removeItem(
+            service, r, [&](Store& store) { return store.removeCampaign(*id); }, true);
+    }
+    return toggle(
+        service, r, [&](Store& store, bool d) { return store.setCampaignDisabled(*id, d); }, true);
+}
+
+HttpReply offersRequest(Service& service, const AdminRequest& r) {
+    if (r.parts.size() == 1 && r.is("GET")) {
+        return jsonReply(
+            200, {{"offers", service.change([](Store& store) { return store.listOffers(); }, false)}});
+    }
+    if (r.parts.size() < 2) {
+        throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+    }
+    const int64_t id = idOf(r.parts[1], "an offer's eventId");
+    if (r.parts.size() == 2 && r.is("DELETE")) {
+        return removeItem(
+            service, r, [&](Store& store) { return store.removeOffer(id); }, true);
+    }
+    return toggle(
+        service, r, [&](Store& store, bool d) { return store.setOfferDisabled(id, d); }, true);
+}
+
+// "west,south,east,north" in degrees.
+PlaceArea areaOf(const std::string& text) {
+    PlaceArea area;
+    double* const corners[] = {&area.west, &area.south, &area.east, &area.north};
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        const std::size_t comma = i < 3 ? text.find(',', from) : text.size();
+        if (comma == std::string::npos) {
+            break;
+        }
+        const auto [end, ec] = std::from_chars(text.data() + from, text.data() + comma, *corners[i]);
+        if (ec != std::errc() || end != text.data() + comma || !std::isfinite(*corners[i])) {
+            break;
+        }
+        from = comma + 1;
+        if (i == 3 && area.south <= area.north && area.south >= -90 && area.north <= 90 &&
+            area.west >= -180 && area.west <= 180 && area.east >= -180 && area.east <= 180) {
+            return area;
+        }
+    }
+    throw ApiError(400, "bbox must be west,south,east,north in degrees (south up to north)");
+}
+
+HttpReply placesRequest(Service& service, const AdminRequest& r) {
+    const auto& parts = r.parts;
+    if (parts.size() == 1 && r.is("GET")) {
+        const std::string after = queryValue(r.target, "after");
+        const std::string limitText = queryValue(r.target, "limit");
+        const std::string box = queryValue(r.target, "bbox");
+        const int64_t from = after.empty() ? 0 : idOf(after, "a placeId");
+        const int64_t limit = limitText.empty() ? kDefaultPageSize : idOf(limitText, "a page size");
+        const int pageSize = static_cast<int>(std::clamp<int64_t>(limit, 1, kMaxPageSize));
+        const std::optional<PlaceArea> area = box.empty() ? std::nullopt : std::optional(areaOf(box));
+        json page =
+            service.change([&](Store& store) { return store.listPlaces(from, pageSize, area); }, false);
+        json next =
+            page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"] : json(nullptr);
+        return jsonReply(200, {{"places", std::move(page)}, {"next", std::move(next)}});
+    }
+    if (parts.size() == 1 && r.is("POST")) {
+        const json feature = parseObjectBody(r.body, 64);
+        const json campaigns =
+            service.change([](Store& store) { return store.campaignDefinitions(); }, false);
+        return writePosted(service, placeFile(json::array({feature}), campaigns), "/features/0", "the place",
+                           r.now, [](const ImportSummary& summary) {
+                               return json{{"places", summary.places}, {"offers", summary.offers}};
+                           });
+    }
+    if (parts.size() < 2) {
+        throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+    }
+    const int64_t id = idOf(parts[1], "a placeId");
+    if (parts.size() == 2 && r.is("DELETE")) {
+        return removeItem(
+            service, r, [&](Store& store) { return store.removePlace(id); }, true);
+    }
+    return toggle(
+        service, r, [&](Store& store, bool d) { return store.setPlaceDisabled(id, d); }, true);
+}
+
+HttpReply importRequest(Service& service, const AdminRequest& r) {
+    PlaceFileCheck check = checkPlaceFile(std::string_view(r.body), "the upload");
+    if (!check.catalog) {
+        return problemsReply(check.problems, "", "the upload");
+    }
+    const PlaceCatalog& data = *check.catalog;
+    if (queryValue(r.target, "dry_run") == "1") {
+        return jsonReply(200, {{"valid", true},
+                               {"places", data.placeCount()},
+                               {"offers", data.offerCount()},
+                               {"campaigns", data.campaigns.size()},
+                               {"apps", data.apps.size()}});
+    }
+    const ImportSummary summary =
+        service.change([&](Store& store) { return store.writePlaceCatalog(data, r.now); }, true);
+    return jsonReply(200, {{"places", summary.places},
+                           {"offers", summary.offers},
+                           {"campaigns", summary.campaigns},
+                           {"apps", summary.apps}});
 }
 
 }  // namespace
@@ -263,160 +497,25 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                                    const std::string& body) {
     try {
         const std::string_view path = std::string_view(target).substr(0, target.find_first_of("?#"));
-        const std::vector<std::string> parts = segments(path.substr(kPrefix.size()));
-        if (parts.empty()) {
-            throw ApiError(404, "there is no admin endpoint " + std::string(path));
-        }
-        const std::string& kind = parts[0];
-        const bool get = method == "GET";
-        const bool post = method == "POST";
-        const bool del = method == "DELETE";
-        const auto now = wallClock();
-
-        // Actions on one item: .../KIND/ID/disable|enable|rotate, DELETE .../KIND/ID.
-        const auto toggle = [&](auto&& setDisabled, bool catalog) -> HttpReply {
-            if (parts.size() != 3 || !post || (parts[2] != "disable" && parts[2] != "enable")) {
-                throw ApiError(
-                    404, "use POST " + std::string(path.substr(0, path.rfind('/'))) + "/disable or /enable");
-            }
-            const bool disabled = parts[2] == "disable";
-            if (!service_.change([&](Store& store) { return setDisabled(store, disabled); }, catalog)) {
-                throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
-            }
-            return jsonReply(200, {{"id", parts[1]}, {"disabled", disabled}});
-        };
-        const auto remove = [&](auto&& removeOne, bool catalog) -> HttpReply {
-            if (!service_.change([&](Store& store) { return removeOne(store); }, catalog)) {
-                throw ApiError(404, "there is no " + kind.substr(0, kind.size() - 1) + " " + parts[1]);
-            }
-            return jsonReply(200, {{"removed", parts[1]}});
-        };
-
+        const AdminRequest request{method, target,     path, segments(path.substr(kPrefix.size())),
+                                   body,   wallClock()};
+        const std::string kind = request.parts.empty() ? std::string() : request.parts[0];
         if (kind == "apps") {
-            if (parts.size() == 1 && get) {
-                return jsonReply(
-                    200, {{"apps", service_.change([](Store& store) { return store.listApps(); }, false)}});
-            }
-            if (parts.size() == 1 && post) {
-                const json req = parseObjectBody(body);
-                const std::string name = requireString(req, "name", limits::kAppName);
-                const std::string key = optionalString(req, "key", limits::kSdkKey, "");
-                bool added = false;
-                const std::string stored = service_.change(
-                    [&](Store& store) { return store.addApp(key, name, now, &added); }, false);
-                return jsonReply(added ? 201 : 200, {{"key", stored}, {"name", name}});
-            }
-            if (parts.size() == 2 && del) {
-                return remove([&](Store& store) { return store.removeApp(parts[1]); }, false);
-            }
-            if (parts.size() == 3 && post && parts[2] == "rotate") {
-                const auto fresh =
-                    service_.change([&](Store& store) { return store.rotateApp(parts[1]); }, false);
-                if (!fresh) {
-                    throw ApiError(404, "there is no app " + parts[1]);
-                }
-                return jsonReply(200, {{"key", *fresh}, {"previous", parts[1]}});
-            }
-            if (parts.size() == 3) {
-                return toggle([&](Store& store, bool d) { return store.setAppDisabled(parts[1], d); }, false);
-            }
-        } else if (kind == "campaigns") {
-            if (parts.size() == 1 && get) {
-                return jsonReply(
-                    200, {{"campaigns",
-                           service_.change([](Store& store) { return store.listCampaigns(); }, false)}});
-            }
-            if (parts.size() == 1 && post) {
-                const CatalogData data = parseGeoJson(
-                    placeFile(json::array(), json::array({parseObjectBody(body)})).dump(), "the campaign");
-                const ImportSummary summary =
-                    service_.change([&](Store& store) { return store.writeCatalog(data, now); }, true);
-                return jsonReply(200, {{"campaigns", summary.campaigns}});
-            }
-            if (parts.size() >= 2) {
-                const auto id =
-                    service_.change([&](Store& store) { return store.findCampaign(parts[1]); }, false);
-                if (!id) {
-                    throw ApiError(404, "there is no campaign " + parts[1]);
-                }
-                if (parts.size() == 2 && del) {
-                    return remove([&](Store& store) { return store.removeCampaign(*id); }, true);
-                }
-                return toggle([&](Store& store, bool d) { return store.setCampaignDisabled(*id, d); }, true);
-            }
-        } else if (kind == "offers") {
-            if (parts.size() == 1 && get) {
-                return jsonReply(
-                    200,
-                    {{"offers", service_.change([](Store& store) { return store.listOffers(); }, false)}});
-            }
-            if (parts.size() >= 2) {
-                const int64_t id = idOf(parts[1], "an offer's eventId");
-                if (parts.size() == 2 && del) {
-                    return remove([&](Store& store) { return store.removeOffer(id); }, true);
-                }
-                return toggle([&](Store& store, bool d) { return store.setOfferDisabled(id, d); }, true);
-            }
-        } else if (kind == "places") {
-            if (parts.size() == 1 && get) {
-                const std::string after = queryValue(target, "after");
-                const std::string limitText = queryValue(target, "limit");
-                const int64_t from = after.empty() ? 0 : idOf(after, "a placeId");
-                const int64_t limit = limitText.empty() ? kDefaultPageSize : idOf(limitText, "a page size");
-                const int pageSize = static_cast<int>(std::clamp<int64_t>(limit, 1, kMaxPageSize));
-                json page =
-                    service_.change([&](Store& store) { return store.listPlaces(from, pageSize); }, false);
-                json next = page.size() == static_cast<std::size_t>(pageSize) ? page.back()["placeId"]
-                                                                              : json(nullptr);
-                return jsonReply(200, {{"places", std::move(page)}, {"next", std::move(next)}});
-            }
-            if (parts.size() == 1 && post) {
-                const json feature = parseObjectBody(body, 64);
-                const json campaigns =
-                    service_.change([](Store& store) { return store.campaignDefinitions(); }, false);
-                const CatalogData data =
-                    parseGeoJson(placeFile(json::array({feature}), campaigns).dump(), "the place");
-                const ImportSummary summary =
-                    service_.change([&](Store& store) { return store.writeCatalog(data, now); }, true);
-                return jsonReply(200, {{"places", summary.places}, {"offers", summary.offers}});
-            }
-            if (parts.size() >= 2) {
-                const int64_t id = idOf(parts[1], "a placeId");
-                if (parts.size() == 2 && del) {
-                    return remove([&](Store& store) { return store.removePlace(id); }, true);
-                }
-                return toggle([&](Store& store, bool d) { return store.setPlaceDisabled(id, d); }, true);
-            }
-        } else if (kind == "import" && parts.size() == 1 && post) {
-            const bool dryRun = queryValue(target, "dry_run") == "1";
-            PlaceFileCheck check = checkPlaceFile(std::string_view(body), "the upload");
-            if (!check.catalog) {
-                json problems = json::array();
-                for (const PlaceFileProblem& p : check.problems) {
-                    problems.push_back({{"feature", p.feature ? json(*p.feature) : json(nullptr)},
-                                        {"member", p.member},
-                                        {"message", p.message}});
-                }
-                return jsonReply(400,
-                                 {{"error", std::to_string(check.problems.size()) + " problem" +
-                                                (check.problems.size() == 1 ? "" : "s") + " in the upload"},
-                                  {"problems", std::move(problems)}});
-            }
-            const PlaceCatalog& data = *check.catalog;
-            if (dryRun) {
-                return jsonReply(200, {{"valid", true},
-                                       {"places", data.placeCount()},
-                                       {"offers", data.offerCount()},
-                                       {"campaigns", data.campaigns.size()},
-                                       {"apps", data.apps.size()}});
-            }
-            const ImportSummary summary =
-                service_.change([&](Store& store) { return store.writePlaceCatalog(data, now); }, true);
-            return jsonReply(200, {{"places", summary.places},
-                                   {"offers", summary.offers},
-                                   {"campaigns", summary.campaigns},
-                                   {"apps", summary.apps}});
-        } else if (kind == "funnel" && parts.size() == 1 && get) {
+            return appsRequest(service_, request);
+        }
+        if (kind == "campaigns") {
+            return campaignsRequest(service_, request);
+        }
+        if (kind == "offers") {
+            return offersRequest(service_, request);
+        }
+        if (kind == "places") {
+            return placesRequest(service_, request);
+        }
+        if (kind == "import" && request.parts.size() == 1 && method == "POST") {
+            return importRequest(service_, request);
+        }
+        if (kind == "funnel" && request.parts.size() == 1 && method == "GET") {
             const bool byDay = queryValue(target, "by") == "day";
             return jsonReply(
                 200, funnelJson(service_.change([&](Store& store) { return store.funnel(byDay); }, false)));

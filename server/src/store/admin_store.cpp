@@ -123,9 +123,9 @@ json listOffers(Database& db) {
     json offers = json::array();
     Statement st = db.prepare(
         "SELECT o.id, c.name, o.event_name, o.media_type, o.media_url, o.dwell_time, o.event_type, "
-        "o.disabled, "
-        "(SELECT count(*) FROM place_offers p WHERE p.offer = o.id) FROM offers o JOIN campaigns c ON c.id = "
-        "o.campaign ORDER BY o.id");
+        "o.disabled, coalesce(n.places, 0), o.alert_text, o.tags FROM offers o JOIN campaigns c ON c.id = "
+        "o.campaign LEFT JOIN (SELECT offer, count(*) AS places FROM place_offers GROUP BY offer) n ON "
+        "n.offer = o.id ORDER BY o.id");
     while (st.step()) {
         offers.push_back({{"eventId", st.integer(0)},
                           {"campaign", st.text(1)},
@@ -135,7 +135,9 @@ json listOffers(Database& db) {
                           {"dwellTime", st.integer(5)},
                           {"eventTypeId", st.integer(6)},
                           {"disabled", st.integer(7) != 0},
-                          {"places", st.integer(8)}});
+                          {"places", st.integer(8)},
+                          {"alertText", st.text(9)},
+                          {"tags", st.text(10)}});
     }
     return offers;
 }
@@ -152,12 +154,14 @@ bool removeOffer(Database& db, int64_t id) {
     return removed;
 }
 
-json listPlaces(Database& db, int64_t after, int limit) {
+json listPlaces(Database& db, int64_t after, int limit, const std::optional<PlaceArea>& area) {
     json places = json::array();
+    const PlaceArea box = area.value_or(PlaceArea{});
     Statement st = db.prepare(
-        "SELECT id, name, lat, lon, radius, disabled FROM places WHERE id > ? ORDER BY id LIMIT ?");
+        "SELECT id, name, lat, lon, radius, disabled FROM places WHERE id > ? AND lat BETWEEN ? AND ? AND "
+        "(CASE WHEN ? <= ? THEN lon BETWEEN ? AND ? ELSE lon >= ? OR lon <= ? END) ORDER BY id LIMIT ?");
     Statement offers = db.prepare("SELECT offer FROM place_offers WHERE place = ? ORDER BY offer");
-    st.with(after, limit);
+    st.with(after, box.south, box.north, box.west, box.east, box.west, box.east, box.west, box.east, limit);
     while (st.step()) {
         json ids = json::array();
         offers.with(st.integer(0));

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "store/store.h"
+
 namespace tovrel::server {
 
 class Database;
@@ -50,7 +52,7 @@ bool removeOffer(Database& db, int64_t id);
 
 /// Up to `limit` places with an id above `after`, by id: placeId, name, lat, lon, radius, offers,
 /// disabled.
-nlohmann::json listPlaces(Database& db, int64_t after, int limit);
+nlohmann::json listPlaces(Database& db, int64_t after, int limit, const std::optional<PlaceArea>& area);
 bool setPlaceDisabled(Database& db, int64_t id, bool disabled);
 bool removePlace(Database& db, int64_t id);
 

@@ -52,6 +52,15 @@ struct NewLink {
     std::optional<int64_t> perDeviceCap;
 };
 
+/// A box of latitude and longitude that listed places must lie in (their centres). west > east crosses
+/// the antimeridian.
+struct PlaceArea {
+    double west = -180;
+    double south = -90;
+    double east = 180;
+    double north = 90;
+};
+
 /// Told what other writers of a shared store changed, so that what a replica holds in memory follows.
 /// Called on the change feed's own thread, one call at a time.
 class ChangeListener {
@@ -162,7 +171,8 @@ class Store {
     virtual nlohmann::json listOffers() = 0;
     virtual bool setOfferDisabled(int64_t id, bool disabled) = 0;
     virtual bool removeOffer(int64_t id) = 0;
-    virtual nlohmann::json listPlaces(int64_t after, int limit) = 0;
+    /// Places with an id above `after`, by id, at most `limit`; only those in `area` when given.
+    virtual nlohmann::json listPlaces(int64_t after, int limit, const std::optional<PlaceArea>& area) = 0;
     virtual bool setPlaceDisabled(int64_t id, bool disabled) = 0;
     virtual bool removePlace(int64_t id) = 0;
     virtual nlohmann::json campaignDefinitions() = 0;

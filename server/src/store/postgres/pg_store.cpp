@@ -702,9 +702,9 @@ json PgStore::listOffers() {
     auto conn = pool_.acquire();
     const PgResult r = conn->exec(
         "SELECT o.id, c.name, o.event_name, o.media_type, o.media_url, o.dwell_time, o.event_type, "
-        "o.disabled, "
-        "(SELECT count(*) FROM place_offers p WHERE p.offer = o.id) FROM offers o JOIN campaigns c ON c.id = "
-        "o.campaign ORDER BY o.id");
+        "o.disabled, coalesce(n.places, 0), o.alert_text, o.tags FROM offers o JOIN campaigns c ON c.id = "
+        "o.campaign LEFT JOIN (SELECT offer, count(*) AS places FROM place_offers GROUP BY offer) n ON "
+        "n.offer = o.id ORDER BY o.id");
     json offers = json::array();
     for (int i = 0; i < r.rows(); ++i) {
         offers.push_back({{"eventId", r.integer(i, 0)},
@@ -715,7 +715,9 @@ json PgStore::listOffers() {
                           {"dwellTime", r.integer(i, 5)},
                           {"eventTypeId", r.integer(i, 6)},
                           {"disabled", r.boolean(i, 7)},
-                          {"places", r.integer(i, 8)}});
+                          {"places", r.integer(i, 8)},
+                          {"alertText", r.text(i, 9)},
+                          {"tags", r.text(i, 10)}});
     }
     return offers;
 }
@@ -734,15 +736,18 @@ bool PgStore::removeOffer(int64_t id) {
     return removed;
 }
 
-json PgStore::listPlaces(int64_t after, int limit) {
+json PgStore::listPlaces(int64_t after, int limit, const std::optional<PlaceArea>& area) {
+    const PlaceArea box = area.value_or(PlaceArea{});
     auto conn = pool_.acquire();
     const PgResult r = conn->exec(
         "SELECT p.id, p.name, p.lat, p.lon, p.radius, p.disabled, (SELECT coalesce(string_agg(o.offer::text, "
         "',' "
         "ORDER BY o.offer), '') FROM place_offers o WHERE o.place = p.id) FROM places p WHERE p.id > $1 "
-        "ORDER "
-        "BY p.id LIMIT $2",
-        after, limit);
+        "AND p.lat BETWEEN $3::float8 AND $4::float8 AND (CASE WHEN $5::float8 <= $6::float8 THEN p.lon "
+        "BETWEEN "
+        "$5::float8 AND $6::float8 ELSE p.lon >= $5::float8 OR p.lon <= $6::float8 END) ORDER BY p.id LIMIT "
+        "$2",
+        after, limit, box.south, box.north, box.west, box.east);
     json places = json::array();
     for (int i = 0; i < r.rows(); ++i) {
         json ids = json::array();

@@ -62,7 +62,7 @@ class PgStore final : public Store {
     nlohmann::json listOffers() override;
     bool setOfferDisabled(int64_t id, bool disabled) override;
     bool removeOffer(int64_t id) override;
-    nlohmann::json listPlaces(int64_t after, int limit) override;
+    nlohmann::json listPlaces(int64_t after, int limit, const std::optional<PlaceArea>& area) override;
     bool setPlaceDisabled(int64_t id, bool disabled) override;
     bool removePlace(int64_t id) override;
     nlohmann::json campaignDefinitions() override;

@@ -355,8 +355,8 @@ bool SqliteStore::removeOffer(int64_t id) {
     recordChanges(std::move(changes));
     return removed;
 }
-nlohmann::json SqliteStore::listPlaces(int64_t after, int limit) {
-    return admin_store::listPlaces(db_, after, limit);
+nlohmann::json SqliteStore::listPlaces(int64_t after, int limit, const std::optional<PlaceArea>& area) {
+    return admin_store::listPlaces(db_, after, limit, area);
 }
 bool SqliteStore::setPlaceDisabled(int64_t id, bool disabled) {
     const bool changed = admin_store::setPlaceDisabled(db_, id, disabled);
