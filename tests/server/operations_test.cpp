@@ -349,6 +349,50 @@ TEST_P(Admin, AppKeysAreAddedDisabledRotatedAndRemoved) {
     EXPECT_EQ(call("POST", "/admin/v1/apps", R"({"key": 5})").status, 400);
 }
 
+TEST_P(Admin, TwoEditorsOfOnePlaceOrCampaignDoNotOverwriteEachOther) {
+    const auto withVersion = [&](const std::string& method, const std::string& path, const std::string& body,
+                                 const std::string& version) {
+        return admin.request(method, path, body,
+                             {std::string("Authorization: Bearer ") + kToken, "If-Match: " + version});
+    };
+    const HttpResult read = call("GET", "/admin/v1/places/1");
+    ASSERT_EQ(read.status, 200) << read.body;
+    EXPECT_EQ(read.parsed()["place"]["placeId"], 1);
+    EXPECT_EQ(read.parsed()["offers"].size(), 2u);
+    const std::string first = read.header("etag");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(call("GET", "/admin/v1/places/1").header("etag"), first) << "a read changes nothing";
+
+    const std::string moved = placeFeature(1, 11, kOldTownLat + 0.001, kOldTownLon, "Open").dump();
+    ASSERT_EQ(withVersion("POST", "/admin/v1/places", moved, first).status, 200);
+    const HttpResult stale = withVersion("POST", "/admin/v1/places", moved, first);
+    EXPECT_EQ(stale.status, 412) << stale.body;
+    EXPECT_EQ(stale.parsed()["current"]["place"]["offers"], json::array({11}));
+    const std::string second = stale.header("etag");
+    EXPECT_FALSE(second.empty());
+    EXPECT_NE(second, first);
+    EXPECT_EQ(withVersion("POST", "/admin/v1/places/1/disable", {}, first).status, 412);
+    EXPECT_EQ(withVersion("POST", "/admin/v1/places/1/disable", {}, second).status, 200);
+    EXPECT_EQ(withVersion("DELETE", "/admin/v1/places/1", {}, second).status, 412) << "disabling is a change";
+    EXPECT_EQ(call("POST", "/admin/v1/places/1/enable").status, 200) << "a script without If-Match";
+    const std::string third = call("GET", "/admin/v1/places/1").header("etag");
+    EXPECT_EQ(withVersion("DELETE", "/admin/v1/places/1", {}, third).status, 200);
+    const HttpResult gone = withVersion("POST", "/admin/v1/places", moved, third);
+    EXPECT_EQ(gone.status, 412);
+    EXPECT_TRUE(gone.parsed()["current"].is_null());
+    EXPECT_EQ(call("GET", "/admin/v1/places/1").status, 404);
+
+    const HttpResult campaign = call("GET", "/admin/v1/campaigns/Open");
+    ASSERT_EQ(campaign.status, 200) << campaign.body;
+    const std::string open = campaign.header("etag");
+    const std::string later = json{{"name", "Open"}, {"endDate", "2031-01-01"}}.dump();
+    ASSERT_EQ(withVersion("POST", "/admin/v1/campaigns", later, open).status, 200);
+    EXPECT_EQ(withVersion("POST", "/admin/v1/campaigns", later, open).status, 412);
+    EXPECT_EQ(withVersion("POST", "/admin/v1/campaigns/Open/disable", {}, open).status, 412);
+    EXPECT_EQ(withVersion("POST", "/admin/v1/campaigns/Open/disable", {}, "*").status, 200);
+    EXPECT_EQ(call("GET", "/admin/v1/campaigns/Nobody").status, 404);
+}
+
 TEST_P(Admin, ADryRunListsEveryFaultAndWritesNothing) {
     const std::string faulty = R"({"type": "FeatureCollection", "features": [
       {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},

@@ -52,6 +52,9 @@ export function mountMap(root: HTMLElement): () => void {
   let listEtag: string | null = null;
   let bboxMode: 'unknown' | 'yes' | 'no' = 'unknown';
   let allLoaded = false;
+  // The highest place id loaded since the map was opened, for a new place's id (the places outside
+  // the view leave the map).
+  let maxSeenId = 0;
   let loadSeq = 0;
   let editing: Editing | null = null;
   let stopped = false;
@@ -117,7 +120,10 @@ export function mountMap(root: HTMLElement): () => void {
   // Circles are added in batches: every addition makes the canvas redraw all circles in view.
   let pending: Place[] = [];
   function merge(list: Place[], page: number): void {
-    for (const p of list) places.set(p.placeId, p);
+    for (const p of list) {
+      places.set(p.placeId, p);
+      maxSeenId = Math.max(maxSeenId, p.placeId);
+    }
     pending.push(...list);
     if (page === 0 || page % 10 === 9) flush();
   }
@@ -167,6 +173,7 @@ export function mountMap(root: HTMLElement): () => void {
     const seq = ++loadSeq;
     const seen = new Set<number>();
     let after: number | null = null;
+    let complete = false;
     for (let page = 0; page < MAX_PAGES; page++) {
       let a: { data: PlacesPage; etag: string | null };
       try {
@@ -193,12 +200,20 @@ export function mountMap(root: HTMLElement): () => void {
       a.data.places.forEach((p) => seen.add(p.placeId));
       merge(a.data.places, page);
       setStatus();
-      if (a.data.next === null || a.data.next === undefined) break;
+      if (a.data.next === null || a.data.next === undefined) {
+        complete = true;
+        break;
+      }
       after = a.data.next;
     }
     flush();
-    // The answer is the whole truth for this box: places gone from it were removed or moved.
-    for (const p of [...places.values()]) if (inBox(p, w, s, e, n) && !seen.has(p.placeId) && editing?.existing?.placeId !== p.placeId) drop(p.placeId);
+    // The answer is the whole truth for this box: places gone from it were removed or moved. Once it
+    // is complete, the places outside the box leave the map too: the canvas redraws every circle it
+    // holds at each move, so it holds the view's, not every place seen since the map was opened.
+    for (const p of [...places.values()]) {
+      if (editing?.existing?.placeId === p.placeId) continue;
+      if (inBox(p, w, s, e, n) ? !seen.has(p.placeId) : complete) drop(p.placeId);
+    }
     setStatus();
   }
 
@@ -219,7 +234,7 @@ export function mountMap(root: HTMLElement): () => void {
   // ---------- editing one place ----------
 
   function nextPlaceId(): number {
-    let max = 0;
+    let max = maxSeenId;
     for (const id of places.keys()) max = Math.max(max, id);
     return max + 1;
   }

@@ -17,6 +17,7 @@
 #include "catalog/catalog_data.h"
 #include "common/field_limits.h"
 #include "common/request_fields.h"
+#include "common/session_keys.h"
 #include "http/static_files.h"
 #include "store/admin_store.h"
 #include "store/report.h"
@@ -133,6 +134,7 @@ struct AdminRequest {
     std::string_view path;
     std::vector<std::string> parts;
     const std::string& body;
+    const std::string& ifMatch;
     double now;
 
     bool is(std::string_view m) const { return method == m; }
@@ -142,6 +144,80 @@ struct AdminRequest {
                (parts.size() > 1 ? parts[1] : "");
     }
 };
+
+// An item changed (or removed) since the client read the version it sent in If-Match; answered 412 with
+// the item as it is now (null when removed).
+struct StaleVersion : std::runtime_error {
+    StaleVersion(const std::string& what, json now) : std::runtime_error(what), current(std::move(now)) {}
+    json current;
+};
+
+// The version of an item as an entity tag: a digest of what an editor sees of it, so that any change
+// another editor makes (on any replica) gives a new one without a column to keep it.
+std::string versionOf(const json& item) {
+    return '"' + sessionKeyHash(item.dump(-1, ' ', false, json::error_handler_t::replace)).substr(0, 20) +
+           '"';
+}
+
+// Refuses the change when the client sent If-Match and `current` (null: no such item) is not that version.
+void requireVersion(const AdminRequest& r, const json& current, const std::string& what) {
+    if (r.ifMatch.empty() || (r.ifMatch == "*" && !current.is_null())) {
+        return;
+    }
+    if (current.is_null() || versionOf(current) != r.ifMatch) {
+        throw StaleVersion(current.is_null()
+                               ? what + " was removed by someone else"
+                               : what + " was changed by someone else since you read it; reload it",
+                           current);
+    }
+}
+
+// A place as an editor sees it: its row and its offers' rows.
+json placeItem(Service& service, int64_t id) {
+    return service.change(
+        [&](Store& store) {
+            json rows = store.listPlaces(id - 1, 1, std::nullopt);
+            if (rows.empty() || rows[0]["placeId"] != id) {
+                return json(nullptr);
+            }
+            json offers = json::array();
+            for (json& offer : store.listOffers()) {
+                if (std::find(rows[0]["offers"].begin(), rows[0]["offers"].end(), offer["eventId"]) !=
+                    rows[0]["offers"].end()) {
+                    offer.erase("places");
+                    offers.push_back(std::move(offer));
+                }
+            }
+            return json{{"place", std::move(rows[0])}, {"offers", std::move(offers)}};
+        },
+        false);
+}
+
+// A campaign as an editor sees it (how many offers it has left out: adding one is no edit of it).
+json campaignItem(Service& service, const std::string& nameOrId) {
+    return service.change(
+        [&](Store& store) {
+            const auto id = store.findCampaign(nameOrId);
+            for (json& campaign : store.listCampaigns()) {
+                if (id && campaign["id"] == *id) {
+                    campaign.erase("offers");
+                    return campaign;
+                }
+            }
+            return json(nullptr);
+        },
+        false);
+}
+
+// GET .../KIND/ID: the item and its version.
+HttpReply itemReply(const json& item, const AdminRequest& r) {
+    if (item.is_null()) {
+        throw ApiError(404, r.missing());
+    }
+    HttpReply reply = jsonReply(200, item);
+    reply.headers.emplace_back("ETag", versionOf(item));
+    return reply;
+}
 
 // POST .../KIND/ID/disable or /enable.
 template <typename SetDisabled>
@@ -240,7 +316,13 @@ HttpReply campaignsRequest(Service& service, const AdminRequest& r) {
             200, {{"campaigns", service.change([](Store& store) { return store.listCampaigns(); }, false)}});
     }
     if (parts.size() == 1 && r.is("POST")) {
-        return writePosted(service, placeFile(json::array(), json::array({parseObjectBody(r.body)})),
+        json posted = parseObjectBody(r.body);
+        if (!r.ifMatch.empty()) {
+            const std::string name =
+                posted.contains("name") && posted["name"].is_string() ? posted["name"] : "";
+            requireVersion(r, campaignItem(service, name), "the campaign " + name);
+        }
+        return writePosted(service, placeFile(json::array(), json::array({std::move(posted)})),
                            "/properties/campaigns/0", "the campaign", r.now,
                            [](const ImportSummary& summary) {
                                return json{{"campaigns", summary.campaigns}};
@@ -252,6 +334,12 @@ HttpReply campaignsRequest(Service& service, const AdminRequest& r) {
     const auto id = service.change([&](Store& store) { return store.findCampaign(parts[1]); }, false);
     if (!id) {
         throw ApiError(404, r.missing());
+    }
+    if (parts.size() == 2 && r.is("GET")) {
+        return itemReply(campaignItem(service, parts[1]), r);
+    }
+    if (!r.ifMatch.empty()) {
+        requireVersion(r, campaignItem(service, parts[1]), "the campaign " + parts[1]);
     }
     if (parts.size() == 2 && r.is("DELETE")) {
         return removeItem(
@@ -319,6 +407,14 @@ HttpReply placesRequest(Service& service, const AdminRequest& r) {
     }
     if (parts.size() == 1 && r.is("POST")) {
         const json feature = parseObjectBody(r.body, 64);
+        if (!r.ifMatch.empty()) {
+            const json id = feature.contains("properties") && feature["properties"].is_object()
+                                ? feature["properties"].value("placeId", json(nullptr))
+                                : json(nullptr);
+            const bool known = id.is_number_integer();
+            requireVersion(r, known ? placeItem(service, id.get<int64_t>()) : json(nullptr),
+                           "the place " + (known ? id.dump() : std::string("without a placeId")));
+        }
         const json campaigns =
             service.change([](Store& store) { return store.campaignDefinitions(); }, false);
         return writePosted(service, placeFile(json::array({feature}), campaigns), "/features/0", "the place",
@@ -330,6 +426,12 @@ HttpReply placesRequest(Service& service, const AdminRequest& r) {
         throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
     }
     const int64_t id = idOf(parts[1], "a placeId");
+    if (parts.size() == 2 && r.is("GET")) {
+        return itemReply(placeItem(service, id), r);
+    }
+    if (!r.ifMatch.empty()) {
+        requireVersion(r, placeItem(service, id), "the place " + parts[1]);
+    }
     if (parts.size() == 2 && r.is("DELETE")) {
         return removeItem(
             service, r, [&](Store& store) { return store.removePlace(id); }, true);
@@ -485,7 +587,9 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     }
     const bool posted =
         work_.post([this, respond, method = std::string(request.method), target = std::string(request.target),
-                    body = std::string(request.body)] { respond(administer(method, target, body)); });
+                    body = std::string(request.body), ifMatch = std::string(request.ifMatch)] {
+            respond(administer(method, target, body, ifMatch));
+        });
     if (!posted) {
         HttpReply reply = errorReply(503, "the admin queue is full");
         reply.retryAfter = "1";
@@ -494,11 +598,11 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
 }
 
 HttpReply AdminHandler::administer(const std::string& method, const std::string& target,
-                                   const std::string& body) {
+                                   const std::string& body, const std::string& ifMatch) {
     try {
         const std::string_view path = std::string_view(target).substr(0, target.find_first_of("?#"));
-        const AdminRequest request{method, target,     path, segments(path.substr(kPrefix.size())),
-                                   body,   wallClock()};
+        const AdminRequest request{method, target,  path,       segments(path.substr(kPrefix.size())),
+                                   body,   ifMatch, wallClock()};
         const std::string kind = request.parts.empty() ? std::string() : request.parts[0];
         if (kind == "apps") {
             return appsRequest(service_, request);
@@ -521,6 +625,12 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
                 200, funnelJson(service_.change([&](Store& store) { return store.funnel(byDay); }, false)));
         }
         throw ApiError(404, "there is no admin endpoint " + method + " " + std::string(path));
+    } catch (const StaleVersion& e) {
+        HttpReply reply = jsonReply(412, {{"error", e.what()}, {"current", e.current}});
+        if (!e.current.is_null()) {
+            reply.headers.emplace_back("ETag", versionOf(e.current));
+        }
+        return reply;
     } catch (const ApiError& e) {
         return errorReply(e.status(), e.what());
     } catch (const ImportError& e) {

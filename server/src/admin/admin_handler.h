@@ -45,7 +45,9 @@ class AdminHandler : public RequestHandler {
     /// The 403 of an admin API without a token, the 401 of a request without the right one or a
     /// console session, the 403 of a console's change without its anti-forgery token.
     std::optional<HttpReply> refuseUnauthorised(const HttpRequest& request);
-    HttpReply administer(const std::string& method, const std::string& target, const std::string& body);
+    /// `ifMatch`: the version the client last read of the item it changes (If-Match), or empty.
+    HttpReply administer(const std::string& method, const std::string& target, const std::string& body,
+                         const std::string& ifMatch);
 
     Service& service_;
     Metrics& metrics_;

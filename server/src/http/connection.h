@@ -196,7 +196,8 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                            kTls,
                            view(req[http::field::cookie]),
                            view(req[http::field::origin]),
-                           view(req["X-CSRF-Token"])};
+                           view(req["X-CSRF-Token"]),
+                           view(req[http::field::if_match])};
     }
 
     void readBody() {

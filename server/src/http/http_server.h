@@ -28,9 +28,10 @@ struct HttpRequest {
     std::string_view authorization;  ///< the Authorization header
     std::string_view remote;         ///< the client's address
     bool tls = false;
-    std::string_view cookie;  ///< the Cookie header
-    std::string_view origin;  ///< the Origin header
-    std::string_view csrf;    ///< the X-CSRF-Token header
+    std::string_view cookie;   ///< the Cookie header
+    std::string_view origin;   ///< the Origin header
+    std::string_view csrf;     ///< the X-CSRF-Token header
+    std::string_view ifMatch;  ///< the If-Match header
 };
 
 /// A handler's answer. A JSON body by default; `file` set sends that file instead (GET), or only its
