@@ -16,15 +16,16 @@
 // are shown as PASS or OVER; they do not change the exit status: 0 when the run completed, 1 when it
 // failed. Times are wall-clock on this machine: on a machine busy with other work they run high.
 
-import { spawn, spawnSync } from 'node:child_process';
+import { spawnSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
-import readline from 'node:readline';
 import zlib from 'node:zlib';
 import { createRequire } from 'node:module';
 import { parseArgs } from 'node:util';
 import { fileURLToPath } from 'node:url';
+
+import { startTovrelServer } from '../../tests/console/tovrel_server.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const repo = path.resolve(here, '../..');
@@ -124,11 +125,6 @@ async function end(status, message) {
 for (const signal of ['SIGINT', 'SIGTERM', 'SIGHUP']) process.on(signal, () => void end(1, `stopped by ${signal}`));
 setTimeout(() => void end(1, `the run took over ${TIMEOUT_S} s`), TIMEOUT_S * 1000).unref();
 
-function withTimeout(p, ms, what) {
-  let t;
-  return Promise.race([p, new Promise((_, rej) => (t = setTimeout(() => rej(new Error(`${what}: nothing in ${ms} ms`)), ms)))]).finally(() => clearTimeout(t));
-}
-
 // ---------------------------------------------------------------- the place file
 
 /** A small seeded generator (mulberry32): the same catalogue on every run. */
@@ -177,24 +173,9 @@ async function writePlaces(file, count) {
 const serverLog = [];
 
 async function startServer(db, tokenFile) {
-  const argv = ['serve', '--db', db, '--listen', '127.0.0.1:0', '--admin-listen', '127.0.0.1:0', '--admin-token-file', tokenFile, '--console-dir', path.resolve(args.dist), '--access-log', 'off'];
-  server = spawn(args.server, argv, { stdio: ['ignore', 'pipe', 'pipe'] });
-  server.stderr.setEncoding('utf8');
-  server.stderr.on('data', (d) => serverLog.push(...d.split('\n').filter(Boolean)));
-  const first = await withTimeout(
-    new Promise((resolve, reject) => {
-      const rl = readline.createInterface({ input: server.stdout });
-      rl.once('line', resolve);
-      server.once('exit', (code) => reject(new Error(`the server exited with status ${code}: ${serverLog.slice(-5).join(' | ')}`)));
-      server.once('error', reject);
-    }),
-    WAIT_MS,
-    "the server's first line",
-  );
-  server.stdout.resume();
-  const line = JSON.parse(first);
-  if (!line.listen || !line.admin) throw new Error(`the server's first line names no listen and admin address: ${first}`);
-  return `http://${line.admin}`;
+  const started = await startTovrelServer({ binary: args.server, db, tokenFile, dist: args.dist, log: serverLog, waitMs: WAIT_MS });
+  server = started.process;
+  return `http://${started.admin}`;
 }
 
 async function stopServer() {

@@ -19,10 +19,11 @@ import fs from 'node:fs';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
-import readline from 'node:readline';
 import { createRequire } from 'node:module';
 import { parseArgs } from 'node:util';
 import { fileURLToPath } from 'node:url';
+
+import { startTovrelServer } from './tovrel_server.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const consoleDir = path.resolve(here, '../../console');
@@ -362,23 +363,9 @@ let adm = '';
 await step('the server starts and reports its listeners', async () => {
   assert(fs.existsSync(path.join(args.dist, 'index.html')), `${args.dist}/index.html is missing: run npm run build in console/`);
   const db = args['postgres-self'] ? await startPostgres() : (args.postgres ?? path.join(tmp, 'db.sqlite'));
-  const argv = ['serve', '--db', db, '--listen', '127.0.0.1:0', '--admin-listen', '127.0.0.1:0', '--admin-token-file', tokenFile, '--console-dir', path.resolve(args.dist), '--access-log', 'off'];
-  server = spawn(args.server, argv, { stdio: ['ignore', 'pipe', 'pipe'] });
-  server.stderr.setEncoding('utf8');
-  server.stderr.on('data', (d) => serverLog.push(...d.split('\n').filter(Boolean)));
-  const first = await withTimeout(
-    new Promise((resolve, reject) => {
-      const rl = readline.createInterface({ input: server.stdout });
-      rl.once('line', resolve);
-      server.once('exit', (code) => reject(new Error(`the server exited with status ${code}: ${serverLog.slice(-5).join(' | ')}`)));
-      server.once('error', reject);
-    }),
-    WAIT_MS,
-    'the server\'s first line',
-  );
-  server.stdout.resume();
-  const line = JSON.parse(first);
-  assert(line.listen && line.admin, `the first line names no listen and admin address: ${first}`);
+  const started = await startTovrelServer({ binary: args.server, db, tokenFile, dist: args.dist, log: serverLog, waitMs: WAIT_MS });
+  server = started.process;
+  const line = started;
   pub = `http://${line.listen}`;
   adm = `http://${line.admin}`;
   if (pg.port) {
