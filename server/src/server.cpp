@@ -139,7 +139,7 @@ struct Server::Impl {
                   snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
                   return snapshot;
               },
-              options.consoleDir),
+              options.consoleDir, options.contentDir),
           http(api, publicHttp(options), logger, metrics),
           adminHttpServer(admin, adminHttp(options), logger, metrics) {}
 

@@ -61,6 +61,12 @@ TEST_F(Console, PagesAreServedOnTheAdminListenerOnlyWithAStrictPolicy) {
     EXPECT_EQ(page.header("cache-control"), "no-cache");
     EXPECT_EQ(admin.get("/console").status, 200);
 
+    // The server's content folder (the example content here), for the offers' previews.
+    const HttpResult media = admin.get("/console/content/media/offer-1001.html");
+    EXPECT_EQ(media.status, 200) << media.body;
+    EXPECT_NE(media.header("content-security-policy").find("; sandbox"), std::string::npos);
+    EXPECT_EQ(admin.get("/console/content/../index.html").status, 404);
+
     const HttpResult script = admin.get("/console/assets/app-1a2b.js");
     EXPECT_EQ(script.status, 200);
     EXPECT_EQ(script.header("cache-control"), "max-age=31536000, immutable");

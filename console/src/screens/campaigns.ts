@@ -5,6 +5,15 @@ import { campaignState, loadCampaigns, loadOffers, type Campaign, type Offer } f
 
 const DATE_HINT = 'YYYY-MM-DD, or YYYY-MM-DDTHH:MM with Z or ±HH:MM; empty: open';
 
+/**
+ * Where the preview finds an offer's media page. A relative address names a page of the server's
+ * content folder, which devices reach on the public listener; the admin listener serves the same
+ * folder under /console/content/.
+ */
+function previewAddress(mediaUrl: string): string {
+  return mediaUrl.startsWith('/') && !mediaUrl.startsWith('//') ? `/console/content${mediaUrl}` : mediaUrl;
+}
+
 /** The version of one item for If-Match: its own answer's ETag when the server has one. */
 async function versionOf(path: string, fallback: string | null): Promise<string | null> {
   try {
@@ -148,7 +157,7 @@ export function mountCampaigns(root: HTMLElement): () => void {
     const titleId = 'preview-title';
     const hasAlert = typeof o.alertText === 'string';
     const frame = o.mediaUrl
-      ? h('iframe', { sandbox: '', src: o.mediaUrl, title: `Media page of ${o.eventName}`, referrerpolicy: 'no-referrer', loading: 'lazy' })
+      ? h('iframe', { sandbox: '', src: previewAddress(o.mediaUrl), title: `Media page of ${o.eventName}`, referrerpolicy: 'no-referrer', loading: 'lazy' })
       : h('p', { class: 'meta' }, 'This offer has no media page.');
     replace(
       preview,

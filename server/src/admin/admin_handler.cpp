@@ -486,13 +486,14 @@ std::string readAdminToken(const std::string& path, bool othersMayRead) {
 }
 
 AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
-                           std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir)
+                           std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir,
+                           const std::string& contentDir)
     : service_(service),
       metrics_(metrics),
       work_(work),
       token_(std::move(token)),
       snapshot_(std::move(snapshot)),
-      console_(consoleDir, token_) {}
+      console_(consoleDir, token_, contentDir) {}
 
 std::optional<HttpReply> AdminHandler::refuseUnauthorised(const HttpRequest& request) {
     if (token_.empty()) {

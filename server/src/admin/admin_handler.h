@@ -25,9 +25,11 @@ class AdminHandler : public RequestHandler {
   public:
     /// `token` empty: the admin API answers 403 (probes and metrics still answer). `snapshot` fills the
     /// gauges that only the server knows (open connections, queued jobs). `consoleDir`: the built
-    /// console, empty when it is not installed.
+    /// console, empty when it is not installed; `contentDir`: the public pages, which its offer
+    /// previews show.
     AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
-                 std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir = {});
+                 std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir = {},
+                 const std::string& contentDir = {});
 
     /// Admin API requests without the token are refused here, before their body is read, and at most
     /// kMaxAdminRequests are read or worked on at once; probes may carry kMaxProbeBody. Any connection

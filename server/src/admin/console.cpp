@@ -62,8 +62,8 @@ bool sameOrigin(const HttpRequest& request) {
            request.origin.substr(scheme.size()) == request.host;
 }
 
-Console::Console(const std::string& folder, std::string token)
-    : files_(folder), installed_(!folder.empty()), token_(std::move(token)) {}
+Console::Console(const std::string& folder, std::string token, const std::string& content)
+    : files_(folder), content_(content), installed_(!folder.empty()), token_(std::move(token)) {}
 
 bool Console::owns(std::string_view path) {
     return path == kPrefix.substr(0, kPrefix.size() - 1) || path.substr(0, kPrefix.size()) == kPrefix;
@@ -153,20 +153,25 @@ HttpReply Console::page(const HttpRequest& request) const {
     if (!installed_) {
         return refusal(404, "the console is not installed with this server");
     }
-    const std::string_view rest = request.target.substr(std::min(request.target.size(), kPrefix.size() - 1));
-    const StaticTarget target = files_.resolve(rest.empty() ? "/" : rest);
+    const bool content = request.path.substr(0, kContentPrefix.size()) == kContentPrefix;
+    const std::string_view rest = request.target.substr(
+        std::min(request.target.size(), (content ? kContentPrefix.size() : kPrefix.size()) - 1));
+    const StaticTarget target = (content ? content_ : files_).resolve(rest.empty() ? "/" : rest);
     if (target.status != 200) {
         return refusal(target.status, target.error);
     }
     out.file = target.file;
     out.fileType = target.contentType;
     out.headOnly = request.method == "HEAD";
-    out.headers.emplace_back("Content-Security-Policy", kPagePolicy);
+    // A media page runs as an opaque origin even when opened on its own: it is not the console's code.
+    out.headers.emplace_back("Content-Security-Policy",
+                             content ? std::string(kPagePolicy) + "; sandbox" : kPagePolicy);
     out.headers.emplace_back("X-Content-Type-Options", "nosniff");
     out.headers.emplace_back("Referrer-Policy", "no-referrer");
     // The bundle's names change with its content; the page itself must be asked for again.
-    out.headers.emplace_back("Cache-Control",
-                             rest.substr(0, 8) == "/assets/" ? "max-age=31536000, immutable" : "no-cache");
+    out.headers.emplace_back("Cache-Control", !content && rest.substr(0, 8) == "/assets/"
+                                                  ? "max-age=31536000, immutable"
+                                                  : "no-cache");
     return out;
 }
 

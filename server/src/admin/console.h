@@ -18,11 +18,13 @@ class Console {
   public:
     static constexpr std::string_view kPrefix = "/console/";
     static constexpr std::string_view kApiPrefix = "/console/api/";
+    /// The server's content folder (offers' media pages), for the previews.
+    static constexpr std::string_view kContentPrefix = "/console/content/";
     static constexpr std::string_view kSessionPath = "/console/api/session";
 
     /// `folder` empty: the console is not installed (its pages are 404). `token` is the admin token,
-    /// empty when the admin API is off.
-    Console(const std::string& folder, std::string token);
+    /// empty when the admin API is off. `content`: the pages the public listener serves (may be empty).
+    Console(const std::string& folder, std::string token, const std::string& content = {});
 
     /// Whether `path` is the console's.
     static bool owns(std::string_view path);
@@ -43,6 +45,7 @@ class Console {
     HttpReply page(const HttpRequest& request) const;
 
     StaticFiles files_;
+    StaticFiles content_;
     const bool installed_;
     const std::string token_;
     ConsoleSessions sessions_;
