@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -98,10 +97,6 @@ int64_t idOf(const std::string& text, const char* what) {
         throw ApiError(400, std::string("\"") + text + "\" is not " + what);
     }
     return id;
-}
-
-double steadyNow() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 bool tokenMatches(std::string_view authorization, const std::string& token) {
@@ -502,7 +497,7 @@ std::optional<HttpReply> AdminHandler::refuseUnauthorised(const HttpRequest& req
     if (tokenMatches(request.authorization, token_)) {
         return std::nullopt;
     }
-    switch (console_.check(request, steadyNow())) {
+    switch (console_.check(request, Service::steadySeconds())) {
         case Console::Access::granted:
             return std::nullopt;
         case Console::Access::forged:
@@ -541,7 +536,7 @@ Admission AdminHandler::admit(const HttpRequest& header) {
 void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
     if (Console::owns(path)) {
-        return respond(console_.handle(request, steadyNow()));
+        return respond(console_.handle(request, Service::steadySeconds()));
     }
     if (path == "/healthz" || path == "/readyz" || path == "/metrics") {
         if (request.method != "GET" && request.method != "HEAD") {
