@@ -270,7 +270,8 @@ TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
          ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    EXPECT_EQ(fx.client().post("/v1/devicetag/update", tag).status, 200);
+    const HttpResult afterRestart = fx.client().post("/v1/devicetag/update", tag);
+    EXPECT_EQ(afterRestart.status, 200) << afterRestart.body;
 
     administer("ALTER DATABASE " + name + " ALLOW_CONNECTIONS false");
     administer("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" + name + "'");

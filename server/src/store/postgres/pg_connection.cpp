@@ -84,8 +84,13 @@ void PgConnection::onNotice(void* self, const PGresult* notice) {
 }
 
 bool PgConnection::stillOpen() {
-    // The first read takes the server's farewell message, the second finds the end of the stream.
-    return PQconsumeInput(conn_) == 1 && PQconsumeInput(conn_) == 1 && healthy();
+    // The first read takes the server's farewell message and PQisBusy parses it (reading alone does
+    // not), so onNotice sees the FATAL even when the end of the stream has not arrived yet.
+    if (PQconsumeInput(conn_) != 1) {
+        return false;
+    }
+    PQisBusy(conn_);
+    return PQconsumeInput(conn_) == 1 && healthy();
 }
 
 std::vector<std::pair<std::string, std::string>> PgConnection::takeNotifications() {
