@@ -13,7 +13,8 @@ function(tovrel_install_library target)
   add_library(Tovrel::${ARG_EXPORT_NAME} ALIAS ${target})
   get_target_property(type ${target} TYPE)
   if(NOT type STREQUAL "INTERFACE_LIBRARY")
-    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME}
+    # No <target>_EXPORTS define (the sources do not read it): a static and a shared build compile alike.
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME} DEFINE_SYMBOL ""
                           VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   endif()
   if(type STREQUAL "SHARED_LIBRARY")

@@ -8,7 +8,7 @@ usage() {
 Usage: scripts/setup.sh [--help]
 
 Installs the Debian packages needed to build Tovrel and run its tests
-(compilers, CMake, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
+(compilers, CMake, Ninja, ccache, GoogleTest, Google Benchmark, libcurl, SQLite, nlohmann-json,
 CLI11, Boost.Beast, clang's libFuzzer runtime, clang-tidy), the linux backend's parts (asio, libgps and
 gpsd, libmnl and iproute2, sdbus-c++ and a D-Bus session daemon), Qt 6 with
 WebEngine for the screens, and Leaflet and Chromium for tovrel-sim's HTML report and
@@ -19,6 +19,8 @@ USAGE
 
 packages=(
     build-essential cmake g++ clang clang-format clang-tidy libclang-rt-14-dev ninja-build pkg-config
+    # a compiler cache: the shipped build reuses the optimised build's objects
+    ccache
     # packaging: man pages from --help, Debian packages
     help2man dpkg-dev file python3-pytest
     googletest libgtest-dev libgmock-dev libbenchmark-dev

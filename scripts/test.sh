@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Tovrel and runs every test suite: the fuzz targets for a bounded time, the
-# AddressSanitizer+UBSan build, the ThreadSanitizer build of the real-thread suites, then the optimised build (whose CTest summary closes the run).
+# AddressSanitizer+UBSan build, the ThreadSanitizer build of the real-thread suites, the optimised build, then
+# the shared libraries as they ship, from the optimised build's objects.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,11 +18,12 @@ analysis (scripts/check-thread-safety.sh), then builds and tests:
   3. the thread-sanitizer build of the suites that run on real threads (location monitor,
      libcurl client, linux backend, a whole session on the linux backend, the C interface, the
      server's HTTP front and its connection limits)
-  4. the shared libraries as they ship (preset release): installed into a temporary prefix, the
-     embedding examples and the Python package built and run against it and an installed
-     tovrel-server, the Debian packages installed into a fresh root (scripts/check-install.sh)
-  5. the optimised build and its CTest suite
---quick   only step 5
+  4. the optimised build and its CTest suite
+  5. the shared libraries as they ship (preset release, compiled from the optimised build's objects
+     through ccache): installed into a temporary prefix, the embedding examples and the Python
+     package built and run against it and an installed tovrel-server, the Debian packages installed
+     into a fresh root (scripts/check-install.sh)
+--quick   only step 4
 USAGE
 }
 quick=0
@@ -51,6 +53,10 @@ report_timings() {
 
 scripts/setup.sh
 jobs=$(nproc)
+# The optimised and the shipped builds compile the same sources with the same flags in two folders
+# of the same depth: relative paths and no working directory in the hash let the second reuse the
+# first's objects. The sanitizer builds would only fill the cache.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=true
 
 stage "format"
 scripts/check-format.sh
@@ -67,6 +73,7 @@ stage "thread-safety analysis (clang)"
 scripts/check-thread-safety.sh
 
 if ((quick == 0)); then
+    export CCACHE_DISABLE=true
     stage "fuzz targets"
     cmake --preset fuzz >/dev/null
     cmake --build --preset fuzz -j "$jobs"
@@ -92,18 +99,20 @@ if ((quick == 0)); then
         build/tsan/tests/capi/tovrel_capi_test build/tsan/server/tovrel-server
 fi
 
-if ((quick == 0)); then
-    stage "shared libraries: install, consumers, bindings, packages"
-    scripts/embedding-guide.py --check
-    cmake --preset release >/dev/null
-    cmake --build --preset release -j "$jobs"
-    scripts/check-install.sh build/release
-fi
-
+unset CCACHE_DISABLE
 stage "optimised build"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j "$jobs"
 ctest --preset dev -j "$jobs"
 # What the cluster test counted (acknowledged writes, losses, propagation), for the log.
 grep -h '^cluster:' build/dev/Testing/Temporary/LastTest.log || true
+
+if ((quick == 0)); then
+    stage "shared libraries: install, consumers, bindings, packages"
+    scripts/embedding-guide.py --check
+    cmake --preset release >/dev/null
+    cmake --build --preset release -j "$jobs"
+    ccache --show-stats 2>/dev/null | grep -E "Hits|Misses" || true
+    scripts/check-install.sh build/release
+fi
 report_timings
