@@ -16,6 +16,7 @@
 #include "catalog/catalog_data.h"
 #include "http/listen_address.h"
 #include "observability/log.h"
+#include "store/device_data.h"
 #include "store/report.h"
 #include "store/store.h"
 #include "tovrel/paths/data_directory.h"
@@ -193,6 +194,25 @@ int changeCampaign(const std::string& dbPath, const std::string& campaign, bool 
     }
     std::printf("campaign \"%s\": %s (a running server serves the change after SIGHUP)\n", campaign.c_str(),
                 disable ? "disabled" : "enabled");
+    return 0;
+}
+
+// Prints what the store holds about a device (with its log messages when exporting), or erases it.
+int deviceCommand(const std::string& dbPath, const std::string& verb, const std::string& deviceId) {
+    const auto store = openExisting(dbPath);
+    if (verb == "erase") {
+        const auto erased = store->eraseDevice(deviceId);
+        if (!erased) {
+            throw std::runtime_error("there is no device \"" + deviceId + "\"");
+        }
+        std::cout << nlohmann::json{{"deviceId", deviceId}, {"erased", erasedJson(*erased)}}.dump(2) << '\n';
+        return 0;
+    }
+    const auto record = store->deviceRecord(deviceId, verb == "export");
+    if (!record) {
+        throw std::runtime_error("there is no device \"" + deviceId + "\"");
+    }
+    std::cout << record->dump(2) << '\n';
     return 0;
 }
 
@@ -446,6 +466,23 @@ int main(int argc, char** argv) {
     campaignsEnable->add_option("CAMPAIGN", campaign, "The campaign's name or id")->required();
     addDb(campaignsEnable);
 
+    CLI::App* devicesCmd =
+        app.add_subcommand("devices", "Show, export or erase what is held about one device");
+    devicesCmd->require_subcommand(1);
+    std::string deviceId;
+    std::vector<CLI::App*> deviceVerbs;
+    for (const auto& [verb, what] :
+         {std::pair{"show", "Print the device, its sessions, links, tags and log counts as JSON"},
+          std::pair{"export", "Print everything held about the device as one JSON document"},
+          std::pair{"erase",
+                    "Erase every row about the device; the funnel keeps its counts. With SQLite, "
+                    "erase through the admin API while a server runs on the file"}}) {
+        CLI::App* cmd = devicesCmd->add_subcommand(verb, what);
+        cmd->add_option("DEVICE_ID", deviceId, "The deviceId the device sends")->required();
+        addDb(cmd);
+        deviceVerbs.push_back(cmd);
+    }
+
     CLI::App* reportCmd = app.add_subcommand(
         "report", "Print the funnel (links, answers) per campaign and offer, and log counts");
     bool asJson = false;
@@ -489,6 +526,11 @@ int main(int argc, char** argv) {
         }
         if (campaignsDisable->parsed() || campaignsEnable->parsed()) {
             return changeCampaign(db, campaign, campaignsDisable->parsed());
+        }
+        for (CLI::App* verb : deviceVerbs) {
+            if (verb->parsed()) {
+                return deviceCommand(db, verb->get_name(), deviceId);
+            }
         }
         if (reportCmd->parsed()) {
             return report(db, asJson, byDay);

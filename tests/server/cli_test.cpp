@@ -126,6 +126,17 @@ TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     EXPECT_EQ(days.at("offers").at(0).at("links"), 1);
     EXPECT_EQ(days.at("offers").at(0).at("seen"), 1);
     EXPECT_EQ(days.at("campaigns").at(0).at("links"), 1);
+
+    // The device behind that link, shown and erased; the funnel keeps counting it.
+    EXPECT_EQ(json::parse(run("devices show D --db " + db).output).at("links").at(0).at("statuses").size(),
+              1u);
+    const CommandResult erased = run("devices erase D --db " + db);
+    EXPECT_EQ(erased.exitCode, 0) << erased.output;
+    EXPECT_EQ(json::parse(erased.output).at("erased").at("links"), 1);
+    EXPECT_EQ(json::parse(run("report --by-day --json --db " + db).output).at("days"), days);
+    const CommandResult gone = run("devices export D --db " + db);
+    EXPECT_EQ(gone.exitCode, 1);
+    EXPECT_NE(gone.output.find("there is no device \"D\""), std::string::npos) << gone.output;
 }
 
 TEST_F(CommandLine, BadPlaceFilesNameTheFault) {

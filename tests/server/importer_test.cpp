@@ -653,6 +653,9 @@ TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
 // Takes a database this program made back to schema version 3, before apps, campaigns, offers and
 // places could be disabled.
 void downgradeToVersion3(Database& db) {
+    db.exec(
+        "DROP INDEX device_events_device; DROP INDEX sessions_device; DROP INDEX log_messages_device; "
+        "DROP TABLE funnel_erased");
     for (const char* table : {"apps", "campaigns", "offers", "places"}) {
         db.exec(std::string("ALTER TABLE ") + table + " DROP COLUMN disabled");
     }
@@ -673,6 +676,10 @@ TEST(Migrations, OlderDatabasesAreUpgradedAndKeepTheirData) {
     EXPECT_EQ(test::queryRows(path, "SELECT name FROM sqlite_master WHERE name = 'log_messages_event'"),
               std::vector<std::string>{"log_messages_event"});
     EXPECT_EQ(test::queryRows(path, "SELECT key, disabled FROM apps"), std::vector<std::string>{"k|0"});
+    EXPECT_EQ(test::queryRows(path,
+                              "SELECT count(*) FROM sqlite_master WHERE name IN ('funnel_erased', "
+                              "'device_events_device', 'sessions_device', 'log_messages_device')"),
+              std::vector<std::string>{"4"});
 }
 
 TEST(Migrations, StoredSessionKeysBecomeTheirHashes) {

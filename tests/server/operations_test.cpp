@@ -446,6 +446,54 @@ TEST_P(Admin, TheFunnelCountsLinksAndAnswers) {
     EXPECT_TRUE(answer.contains("days")) << funnel.body;
 }
 
+TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
+    const std::string key = fixture.startSession("ERASE-ME");
+    const std::string other = fixture.startSession("KEEP-ME");
+    fixture.setTime(utc(2025, 6, 2) + 600);
+    for (const std::string& k : {key, other}) {
+        const int64_t event = fixture.link(k, "11", "1").parsed()["places"][0]["deviceEventId"];
+        fixture.client().post("/v1/deviceevent/update",
+                              json{{"sessionKey", k}, {"deviceEventId", event}, {"statusCode", "seen"}});
+        fixture.client().post("/v1/devicetag/update",
+                              json{{"sessionKey", k}, {"tag", "t"}, {"tagValue", "v"}});
+    }
+    for (const char* device : {"ERASE-ME", "KEEP-ME"}) {
+        fixture.client().post("/v1/log", json{{"deviceid", device}, {"message", {{"targeting_updates", 1}}}});
+    }
+
+    const json shown = call("GET", "/admin/v1/devices/ERASE-ME").parsed();
+    ASSERT_EQ(shown["sessions"].size(), 1u) << shown;
+    ASSERT_EQ(shown["links"].size(), 1u) << shown;
+    EXPECT_EQ(shown["links"][0]["statuses"][0]["status"], "seen");
+    EXPECT_EQ(shown["tags"][0]["value"], "v");
+    EXPECT_EQ(shown["logMessages"]["byEvent"]["targeting_updates"], 1);
+    EXPECT_FALSE(shown["logMessages"].contains("messages"));
+    EXPECT_EQ(shown.dump().find(key), std::string::npos) << "a session key is never shown";
+    const HttpResult exported = call("GET", "/admin/v1/devices/ERASE-ME/export");
+    EXPECT_EQ(exported.parsed()["logMessages"]["messages"][0]["message"], json({{"targeting_updates", 1}}));
+    EXPECT_NE(exported.header("content-disposition").find("attachment"), std::string::npos);
+
+    const json funnel = call("GET", "/admin/v1/funnel?by=day").parsed();
+    const HttpResult erased = call("DELETE", "/admin/v1/devices/ERASE-ME");
+    ASSERT_EQ(erased.status, 200) << erased.body;
+    EXPECT_EQ(erased.parsed()["erased"],
+              json({{"sessions", 1}, {"links", 1}, {"statuses", 1}, {"tags", 1}, {"logMessages", 1}}));
+    EXPECT_EQ(call("GET", "/admin/v1/funnel?by=day").parsed(), funnel);
+    for (const char* table :
+         {"devices", "sessions", "device_events", "device_event_status", "device_tags", "log_messages"}) {
+        EXPECT_EQ(queryRows(fixture.dbPath(), std::string("SELECT count(*) FROM ") + table),
+                  std::vector<std::string>{"1"})
+            << table << ": the other device's row alone is left";
+    }
+    EXPECT_EQ(fixture.places(key, kOldTownLat, kOldTownLon).status, 401);
+    EXPECT_EQ(call("GET", "/admin/v1/devices/ERASE-ME").status, 404);
+    EXPECT_EQ(call("DELETE", "/admin/v1/devices/ERASE-ME").status, 404);
+    EXPECT_EQ(call("GET", "/admin/v1/devices/KEEP-ME").parsed()["links"].size(), 1u);
+    // The same device starting again is a new device.
+    const std::string again = fixture.startSession("ERASE-ME");
+    EXPECT_EQ(record(fixture.places(again, kOldTownLat, kOldTownLon).parsed(), "11", "1").at("isLinked"), 0);
+}
+
 class Sessions : public StoreTest {};
 
 TEST_P(Sessions, KeysExpireAfterTheirLifetime) {

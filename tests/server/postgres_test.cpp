@@ -255,6 +255,35 @@ TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {
     second.stop();
 }
 
+TEST_F(Postgres, ADeviceErasedThroughOneReplicaIsUnknownToTheOthers) {
+    ServerFixture first(onPostgres([](ServerOptions& o) {
+        o.adminAddress = "127.0.0.1";
+        o.adminToken = kToken;
+    }));
+    Server second(replicaOf(first));
+    HttpClient secondClient(second.start());
+    const std::string key = first.startSession("ERASED");
+    const json places = {{"sessionKey", key},
+                         {"coordinatesList", json::array({{{"lat", "48.137"}, {"lon", "11.575"}}})},
+                         {"distanceThreshold", "8047"}};
+    // The second replica holds the session and the device's links in memory.
+    ASSERT_EQ(secondClient.post("/v2/place", places).status, 200);
+    HttpClient admin(first.adminPort());
+    ASSERT_EQ(admin
+                  .request("DELETE", "/admin/v1/devices/ERASED", {},
+                           {std::string("Authorization: Bearer ") + kToken})
+                  .status,
+              200);
+    EXPECT_TRUE(waitUntil([&] { return secondClient.post("/v2/place", places).status == 401; }, kWait));
+    EXPECT_EQ(
+        secondClient
+            .post("/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", "11"}, {"placeId", "1"}})
+            .status,
+        401);
+    EXPECT_EQ(queryRows(first.dbPath(), "SELECT count(*) FROM device_events"), std::vector<std::string>{"0"});
+    second.stop();
+}
+
 TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
     ServerFixture fx(onPostgres([](ServerOptions& o) { o.adminAddress = "127.0.0.1"; }));
     const std::string key = fx.startSession("AWAY");

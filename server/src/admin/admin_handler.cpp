@@ -19,6 +19,7 @@
 #include "common/session_keys.h"
 #include "http/static_files.h"
 #include "store/admin_store.h"
+#include "store/device_data.h"
 #include "store/report.h"
 #include "store/work_queue.h"
 #include "tovrel_server/admin.h"
@@ -435,6 +436,35 @@ HttpReply placesRequest(Service& service, const AdminRequest& r) {
         service, r, [&](Store& store, bool d) { return store.setPlaceDisabled(id, d); }, true);
 }
 
+HttpReply devicesRequest(Service& service, const AdminRequest& r) {
+    const auto& parts = r.parts;
+    if (parts.size() < 2 || parts.size() > 3 || parts[1].empty() || parts[1].size() > limits::kDeviceId) {
+        throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+    }
+    const std::string& deviceId = parts[1];
+    const bool exported = parts.size() == 3 && parts[2] == "export";
+    if ((parts.size() == 2 || exported) && r.is("GET")) {
+        const auto record =
+            service.change([&](Store& store) { return store.deviceRecord(deviceId, exported); }, false);
+        if (!record) {
+            throw ApiError(404, r.missing());
+        }
+        HttpReply reply = jsonReply(200, *record);
+        if (exported) {
+            reply.headers.emplace_back("Content-Disposition", "attachment; filename=\"device.json\"");
+        }
+        return reply;
+    }
+    if (parts.size() == 2 && r.is("DELETE")) {
+        const auto erased = service.eraseDevice(deviceId);
+        if (!erased) {
+            throw ApiError(404, r.missing());
+        }
+        return jsonReply(200, {{"deviceId", deviceId}, {"erased", erasedJson(*erased)}});
+    }
+    throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
+}
+
 HttpReply importRequest(Service& service, const AdminRequest& r) {
     PlaceFileCheck check = checkPlaceFile(std::string_view(r.body), "the upload");
     if (!check.catalog) {
@@ -611,6 +641,9 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         }
         if (kind == "places") {
             return placesRequest(service_, request);
+        }
+        if (kind == "devices") {
+            return devicesRequest(service_, request);
         }
         if (kind == "import" && request.parts.size() == 1 && method == "POST") {
             return importRequest(service_, request);

@@ -195,6 +195,9 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
         return {200, answer(route->route, req, mediaBase)};
     } catch (const ApiError& e) {
         return {e.status(), errorJson(e.what())};
+    } catch (const DeviceGone&) {
+        // Erased through another replica while this request was on its way.
+        return {401, errorJson("the sessionKey is unknown; start a session at /v1/session")};
     } catch (const DatabaseBusy& e) {
         // Writes queued behind this one would each wait their own busy timeout for the same lock.
         busyFoundAt_ = steadyNow();
@@ -419,6 +422,22 @@ std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, d
     return it->second.device;
 }
 
+std::optional<ErasedDevice> Service::eraseDevice(const std::string& deviceId) {
+    Lock db(dbMutex_);
+    std::optional<ErasedDevice> erased = store_->eraseDevice(deviceId);
+    if (erased) {
+        forgetDeviceLocked(erased->device);
+    }
+    return erased;
+}
+
+void Service::forgetDeviceLocked(int64_t device) {
+    Lock lock(stateMutex_);
+    // Their places in sessionOrder_ stay: eviction passes over keys no longer held.
+    std::erase_if(sessions_, [device](const auto& entry) { return entry.second.device == device; });
+    devices_.erase(device);
+}
+
 void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt) {
     Lock lock(stateMutex_);
     if (!sessions_.emplace(keyHash, CachedSession{device, createdAt}).second) {
@@ -443,15 +462,22 @@ void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, dou
 int64_t Service::authenticate(const json& req) {
     const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
     const double now = clock_();
+    std::optional<int64_t> cached;
     {
         ReaderLock lock(stateMutex_);
-        if (const auto device = cachedDeviceLocked(keyHash, now)) {
-            return *device;
+        cached = cachedDeviceLocked(keyHash, now);
+        // A device changed by another replica may have been erased there, its sessions with it.
+        if (const auto links = cached ? devices_.find(*cached) : devices_.end();
+            links != devices_.end() && !links->second.stale) {
+            return *cached;
         }
     }
     Lock db(dbMutex_);
     const std::optional<SessionRow> stored = store_->findSession(keyHash);
     if (!stored) {
+        if (cached) {
+            forgetDeviceLocked(*cached);
+        }
         throw ApiError(401, "the sessionKey is unknown; start a session at /v1/session");
     }
     const int64_t device = stored->device;

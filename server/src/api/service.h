@@ -137,6 +137,11 @@ class Service : private ChangeListener {
         }
     }
 
+    /// Erases the device with this identifier from the store and from what this replica holds in
+    /// memory (the store tells the other replicas); its session keys are unknown from then on.
+    /// nullopt when there is no such device. Any thread.
+    std::optional<ErasedDevice> eraseDevice(const std::string& deviceId);
+
     ImportSummary importGeoJson(const std::string& path);
     void addApp(const std::string& key, const std::string& name);
     /// Rebuilds the catalogue from the database without holding the writers' lock (a connection of its
@@ -208,6 +213,8 @@ class Service : private ChangeListener {
 
     /// Mirrors the device's live links in memory unless they are, and up to date.
     void loadDeviceLocked(int64_t device) TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
+    /// Forgets the device's session keys and links held in memory.
+    void forgetDeviceLocked(int64_t device) TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);
     /// Holds a session key in memory, forgetting the oldest beyond the limit.
     void cacheSessionLocked(const std::string& keyHash, int64_t device, double createdAt)
         TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_);

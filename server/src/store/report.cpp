@@ -12,55 +12,68 @@ namespace tovrel::server {
 
 namespace {
 
-void addStatus(FunnelCounts& counts, const std::string& status, int64_t n) {
-    if (status == "ack") {
-        counts.ack = n;
-    } else if (status == "seen") {
-        counts.seen = n;
-    } else if (status == "saved") {
-        counts.saved = n;
-    } else if (status == "declined") {
-        counts.declined = n;
+void addCount(FunnelCounts& counts, const std::string& kind, int64_t n) {
+    if (kind == "link") {
+        counts.links += n;
+    } else if (kind == "ack") {
+        counts.ack += n;
+    } else if (kind == "seen") {
+        counts.seen += n;
+    } else if (kind == "saved") {
+        counts.saved += n;
+    } else if (kind == "declined") {
+        counts.declined += n;
     }
 }
 
-// Counts by `key` (a column of device_events e), and by UTC day too when byDay, into rows[{day, id}].
-void countEvents(const FunnelSource& source, const std::string& key, bool byDay,
+// Counts by `key` (offer or campaign), and by UTC day too when byDay, into rows[{day, id}]: the rows
+// held, then the counts erased devices left behind.
+void countEvents(const SqlSource& source, const std::string& key, bool byDay,
                  std::map<std::pair<std::string, int64_t>, FunnelCounts>& rows) {
     const std::string linkDay = byDay ? source.utcDay("e.created_at") : "''";
     const std::string statusDay = byDay ? source.utcDay("s.at") : "''";
     for (const auto& row :
-         source.rows("SELECT " + linkDay + ", " + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2")) {
-        rows[{row[0], std::stoll(row[1])}].links = std::stoll(row[2]);
+         source.rows("SELECT " + linkDay + ", e." + key + ", COUNT(*) FROM device_events e GROUP BY 1, 2")) {
+        addCount(rows[{row[0], std::stoll(row[1])}], "link", std::stoll(row[2]));
     }
     for (const auto& row :
-         source.rows("SELECT " + statusDay + ", " + key +
+         source.rows("SELECT " + statusDay + ", e." + key +
                      ", s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
                      "JOIN device_events e ON e.id = s.device_event GROUP BY 1, 2, 3")) {
-        addStatus(rows[{row[0], std::stoll(row[1])}], row[2], std::stoll(row[3]));
+        addCount(rows[{row[0], std::stoll(row[1])}], row[2], std::stoll(row[3]));
+    }
+    for (const auto& row : source.rows("SELECT day, " + key + ", kind, SUM(count) FROM funnel_erased WHERE " +
+                                       (byDay ? "day <> ''" : "day = ''") + " GROUP BY 1, 2, 3")) {
+        addCount(rows[{row[0], std::stoll(row[1])}], row[2], std::stoll(row[3]));
     }
 }
 
 }  // namespace
 
-Funnel readFunnel(Database& db, bool byDay) {
-    const FunnelSource sqlite{
-        [&db](const std::string& sql) {
-            std::vector<std::vector<std::string>> rows;
-            Statement st = db.prepare(sql);
-            while (st.step()) {
-                auto& row = rows.emplace_back();
-                for (int i = 0; i < st.columns(); ++i) {
-                    row.push_back(st.text(i));
-                }
-            }
-            return rows;
-        },
-        [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; }};
-    return readFunnel(sqlite, byDay);
+SqlSource sqliteSource(Database& db) {
+    return SqlSource{[&db](const std::string& sql) {
+                         std::vector<std::vector<std::string>> rows;
+                         Statement st = db.prepare(sql);
+                         while (st.step()) {
+                             auto& row = rows.emplace_back();
+                             for (int i = 0; i < st.columns(); ++i) {
+                                 row.push_back(st.text(i));
+                             }
+                         }
+                         return rows;
+                     },
+                     [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; },
+                     [&db](const std::string& sql) {
+                         db.prepare(sql).run();
+                         return db.changes();
+                     }};
 }
 
-Funnel readFunnel(const FunnelSource& source, bool byDay) {
+Funnel readFunnel(Database& db, bool byDay) {
+    return readFunnel(sqliteSource(db), byDay);
+}
+
+Funnel readFunnel(const SqlSource& source, bool byDay) {
     Funnel funnel;
     std::map<int64_t, std::size_t> campaignIndex;
     for (const auto& row : source.rows("SELECT id, name FROM campaigns ORDER BY id")) {
@@ -77,8 +90,8 @@ Funnel readFunnel(const FunnelSource& source, bool byDay) {
 
     std::map<std::pair<std::string, int64_t>, FunnelCounts> byCampaign;
     std::map<std::pair<std::string, int64_t>, FunnelCounts> byOffer;
-    countEvents(source, "e.campaign", false, byCampaign);
-    countEvents(source, "e.offer", false, byOffer);
+    countEvents(source, "campaign", false, byCampaign);
+    countEvents(source, "offer", false, byOffer);
     for (const auto& [key, counts] : byCampaign) {
         if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {
             funnel.campaigns[it->second].counts = counts;
@@ -94,8 +107,8 @@ Funnel readFunnel(const FunnelSource& source, bool byDay) {
     }
     byCampaign.clear();
     byOffer.clear();
-    countEvents(source, "e.campaign", true, byCampaign);
-    countEvents(source, "e.offer", true, byOffer);
+    countEvents(source, "campaign", true, byCampaign);
+    countEvents(source, "offer", true, byOffer);
     for (const auto& [key, counts] : byCampaign) {
         FunnelRow row{key.first, key.second, "", 0, "", counts};
         if (const auto it = campaignIndex.find(key.second); it != campaignIndex.end()) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -22,15 +23,21 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::
 /// with the caller's connection.
 Funnel readFunnel(Database& db, bool byDay);
 
-/// How a store answers the funnel's queries: each row's columns as text, and its SQL for the UTC day
-/// ("YYYY-MM-DD") of a column of seconds since 1970.
-struct FunnelSource {
+/// How a store answers SQL that both dialects share: each row's columns as text (NULL as ""), the
+/// number of rows a statement changed, and its SQL for the UTC day ("YYYY-MM-DD") of a column of
+/// seconds since 1970. The SQL holds no parameters: callers put in numbers only.
+struct SqlSource {
     std::function<std::vector<std::vector<std::string>>(const std::string& sql)> rows;
     std::function<std::string(const std::string& secondsColumn)> utcDay;
+    std::function<int64_t(const std::string& sql)> run;
 };
 
-/// The funnel from any store's SQL. Runs on the caller's thread.
-Funnel readFunnel(const FunnelSource& source, bool byDay);
+/// SQLite's SqlSource on the caller's connection.
+SqlSource sqliteSource(Database& db);
+
+/// The funnel from any store's SQL: the links and answers held, and those of erased devices. Runs on
+/// the caller's thread.
+Funnel readFunnel(const SqlSource& source, bool byDay);
 
 /// The funnel as JSON: {"campaigns": [...], "offers": [...]} and, when it has them, "days":
 /// {"campaigns": [...], "offers": [...]}; each row with its counts (links, ack, seen, saved, declined).

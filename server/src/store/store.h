@@ -52,6 +52,22 @@ struct NewLink {
     std::optional<int64_t> perDeviceCap;
 };
 
+/// What erasing a device removed, by kind of row.
+struct ErasedDevice {
+    int64_t device = 0;  ///< the device's row
+    int64_t sessions = 0;
+    int64_t links = 0;
+    int64_t statuses = 0;
+    int64_t tags = 0;
+    int64_t logMessages = 0;
+};
+
+/// The device's row is gone (erased, here or by another replica): its sessions are no longer valid.
+class DeviceGone : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 /// A box of latitude and longitude that listed places must lie in (their centres). west > east crosses
 /// the antimeridian.
 struct PlaceArea {
@@ -104,7 +120,8 @@ class Store {
     virtual std::vector<LinkRow> liveLinks(int64_t device) = 0;
     /// Records a device event for (device, offer, place) unless a live one exists: the stored event
     /// either way, so that two replicas linking at the same instant return the same id, and the cap
-    /// counted from what the database holds, whichever replica linked before.
+    /// counted from what the database holds, whichever replica linked before. DeviceGone when the
+    /// device was erased meanwhile.
     virtual LinkRow addLink(int64_t device, const NewLink& link, double now) = 0;
     /// The device of a live device event; nullopt when there is none or it was cleared.
     virtual std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) = 0;
@@ -115,6 +132,14 @@ class Store {
     virtual void setTag(int64_t device, const std::string& group, const std::string& tag,
                         const std::string& value, double now) = 0;
     virtual void deleteTag(int64_t device, const std::string& group, const std::string& tag) = 0;
+    /// Everything held about the device with this identifier, from one snapshot (the members are
+    /// documented in docs/devices.md); nullopt when unknown. `withLogs` adds the log messages.
+    virtual std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) = 0;
+    /// Removes every row about the device, all or nothing; the funnel keeps counting its links and
+    /// answers. Other replicas are told (ChangeListener::devicesChanged). nullopt when unknown.
+    virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
+    /// False once the device's row is gone.
+    virtual bool deviceExists(int64_t device) = 0;
     /// Keeps a diagnostics message (the JSON text as received) under its event name.
     virtual void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
                         double now) = 0;

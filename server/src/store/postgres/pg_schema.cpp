@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 3> kPgMigrations = {
+constexpr std::array<const char*, 4> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -234,6 +234,19 @@ CREATE TRIGGER place_offers_updated AFTER UPDATE ON place_offers
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
 CREATE TRIGGER place_offers_deleted AFTER DELETE ON place_offers REFERENCING OLD TABLE AS changed
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
+)sql",
+    // A device's data is looked up and erased by its rows, not by scanning whole tables; the funnel
+    // keeps counting what erased devices did (by UTC day, and '' for the totals).
+    R"sql(
+CREATE INDEX device_events_device ON device_events(device);
+CREATE INDEX sessions_device ON sessions(device);
+CREATE INDEX log_messages_device ON log_messages(device_id);
+CREATE TABLE funnel_erased(
+    day text NOT NULL,
+    campaign bigint NOT NULL,
+    offer bigint NOT NULL,
+    kind text NOT NULL,
+    count bigint NOT NULL);
 )sql",
 };
 

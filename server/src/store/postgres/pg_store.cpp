@@ -9,6 +9,7 @@
 
 #include "common/session_keys.h"
 #include "store/admin_store.h"
+#include "store/device_data.h"
 #include "store/report.h"
 
 namespace tovrel::server {
@@ -128,7 +129,9 @@ LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
     PgTransaction tx(*conn);
     // Replicas link one device in turn: the cap is counted from committed rows, not from a replica's
     // memory, and the unique index stays a second line of defence.
-    conn->exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", device);
+    if (conn->exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", device).rows() == 0) {
+        throw DeviceGone("the device was erased");
+    }
     const PgResult live = conn->exec(
         "SELECT id, suppressed FROM device_events WHERE device = $1 AND offer = $2 AND place = $3 AND "
         "cleared_at IS NULL",
@@ -513,25 +516,28 @@ std::optional<CatalogChanges> PgStore::readCatalogChanges(std::uint64_t since, s
     return changes;
 }
 
+SqlSource pgSource(PgConnection& conn) {
+    return SqlSource{[&conn](const std::string& sql) {
+                         const PgResult result = conn.exec(sql);
+                         std::vector<std::vector<std::string>> rows(static_cast<std::size_t>(result.rows()));
+                         const int columns = PQnfields(result.native());
+                         for (int i = 0; i < result.rows(); ++i) {
+                             for (int c = 0; c < columns; ++c) {
+                                 rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
+                             }
+                         }
+                         return rows;
+                     },
+                     [](const std::string& seconds) {
+                         return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
+                     },
+                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }};
+}
+
 Funnel PgStore::funnel(bool byDay) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-    const FunnelSource postgres{
-        [&conn](const std::string& sql) {
-            const PgResult result = conn->exec(sql);
-            std::vector<std::vector<std::string>> rows(static_cast<std::size_t>(result.rows()));
-            const int columns = PQnfields(result.native());
-            for (int i = 0; i < result.rows(); ++i) {
-                for (int c = 0; c < columns; ++c) {
-                    rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
-                }
-            }
-            return rows;
-        },
-        [](const std::string& seconds) {
-            return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
-        }};
-    Funnel funnel = readFunnel(postgres, byDay);
+    Funnel funnel = readFunnel(pgSource(*conn), byDay);
     snapshot.commit();
     return funnel;
 }
@@ -540,35 +546,9 @@ Report PgStore::report() {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
     Report report;
-    std::map<int64_t, std::size_t> index;
-    const PgResult offers = conn->exec(
-        "SELECT o.id, o.event_name, c.name, (SELECT count(*) FROM device_events e WHERE e.offer = o.id) "
-        "FROM offers o JOIN campaigns c ON c.id = o.campaign ORDER BY o.id");
-    for (int i = 0; i < offers.rows(); ++i) {
-        index[offers.integer(i, 0)] = report.offers.size();
-        report.offers.push_back(
-            OfferReport{offers.integer(i, 0), offers.text(i, 1), offers.text(i, 2), offers.integer(i, 3)});
-    }
-    const PgResult statuses = conn->exec(
-        "SELECT e.offer, s.status, count(DISTINCT s.device_event) FROM device_event_status s "
-        "JOIN device_events e ON e.id = s.device_event GROUP BY e.offer, s.status");
-    for (int i = 0; i < statuses.rows(); ++i) {
-        const auto it = index.find(statuses.integer(i, 0));
-        if (it == index.end()) {
-            continue;
-        }
-        OfferReport& row = report.offers[it->second];
-        const std::string status = statuses.text(i, 1);
-        const int64_t n = statuses.integer(i, 2);
-        if (status == "ack") {
-            row.ack = n;
-        } else if (status == "seen") {
-            row.seen = n;
-        } else if (status == "saved") {
-            row.saved = n;
-        } else if (status == "declined") {
-            row.declined = n;
-        }
+    for (const FunnelRow& o : readFunnel(pgSource(*conn), false).offers) {
+        report.offers.push_back(OfferReport{o.eventId, o.eventName, o.campaignName, o.counts.links,
+                                            o.counts.ack, o.counts.seen, o.counts.saved, o.counts.declined});
     }
     const PgResult logs = conn->exec("SELECT event_name, count(*) FROM log_messages GROUP BY event_name");
     for (int i = 0; i < logs.rows(); ++i) {
@@ -576,6 +556,41 @@ Report PgStore::report() {
     }
     snapshot.commit();
     return report;
+}
+
+std::optional<int64_t> PgStore::findDevice(PgConnection& conn, const std::string& deviceId) {
+    const PgResult row = conn.exec("SELECT id FROM devices WHERE device_id = $1", deviceId);
+    return row.rows() > 0 ? std::optional<int64_t>(row.integer(0, 0)) : std::nullopt;
+}
+
+std::optional<nlohmann::json> PgStore::deviceRecord(const std::string& deviceId, bool withLogs) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    const std::optional<int64_t> device = findDevice(*conn, deviceId);
+    std::optional<nlohmann::json> record =
+        device ? readDeviceRecord(pgSource(*conn), *device, withLogs) : std::nullopt;
+    snapshot.commit();
+    return record;
+}
+
+std::optional<ErasedDevice> PgStore::eraseDevice(const std::string& deviceId) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    const std::optional<int64_t> device = findDevice(*conn, deviceId);
+    if (!device) {
+        return std::nullopt;
+    }
+    // Taken first, as a link takes it: a link racing the erasure waits, then finds no device.
+    conn->exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", *device);
+    const ErasedDevice erased = eraseDeviceRows(pgSource(*conn), *device);
+    notifyDeviceChanged(*conn, *device);
+    tx.commit();
+    return erased;
+}
+
+bool PgStore::deviceExists(int64_t device) {
+    auto conn = pool_.acquire();
+    return conn->exec("SELECT 1 FROM devices WHERE id = $1", device).rows() > 0;
 }
 
 std::unique_ptr<ChangeFeed> PgStore::watchChanges(ChangeListener& listener) {

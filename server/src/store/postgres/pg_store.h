@@ -47,6 +47,9 @@ class PgStore final : public Store {
     std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
+    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
+    std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
+    bool deviceExists(int64_t device) override;
     bool reachable() override;
     std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) override;
 
@@ -68,6 +71,8 @@ class PgStore final : public Store {
     nlohmann::json campaignDefinitions() override;
 
   private:
+    /// The row of the device with this identifier.
+    static std::optional<int64_t> findDevice(PgConnection& conn, const std::string& deviceId);
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
     /// Creates the day's partition of the log messages unless this store already made sure of it, and

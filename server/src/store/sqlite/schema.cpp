@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 4> kMigrations = {
+constexpr std::array<const char*, 5> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -102,6 +102,19 @@ ALTER TABLE apps ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE campaigns ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE offers ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE places ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
+)sql",
+    // A device's data is looked up and erased by its rows, not by scanning whole tables; the funnel
+    // keeps counting what erased devices did (by UTC day, and '' for the totals).
+    R"sql(
+CREATE INDEX device_events_device ON device_events(device);
+CREATE INDEX sessions_device ON sessions(device);
+CREATE INDEX log_messages_device ON log_messages(device_id);
+CREATE TABLE funnel_erased(
+    day TEXT NOT NULL,
+    campaign INTEGER NOT NULL,
+    offer INTEGER NOT NULL,
+    kind TEXT NOT NULL,
+    count INTEGER NOT NULL);
 )sql",
 };
 

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "store/admin_store.h"
+#include "store/device_data.h"
 #include "store/report.h"
 
 namespace tovrel::server {
@@ -290,6 +291,32 @@ Report SqliteStore::report() {
 
 Funnel SqliteStore::funnel(bool byDay) {
     return readFunnel(db_, byDay);
+}
+
+std::optional<int64_t> SqliteStore::findDevice(const std::string& deviceId) {
+    Statement st = db_.prepare("SELECT id FROM devices WHERE device_id = ?");
+    return st.with(deviceId).step() ? std::optional<int64_t>(st.integer(0)) : std::nullopt;
+}
+
+std::optional<nlohmann::json> SqliteStore::deviceRecord(const std::string& deviceId, bool withLogs) {
+    Transaction snapshot(db_, Transaction::Kind::read);
+    const std::optional<int64_t> device = findDevice(deviceId);
+    return device ? readDeviceRecord(sqliteSource(db_), *device, withLogs) : std::nullopt;
+}
+
+std::optional<ErasedDevice> SqliteStore::eraseDevice(const std::string& deviceId) {
+    Transaction tx(db_);
+    const std::optional<int64_t> device = findDevice(deviceId);
+    if (!device) {
+        return std::nullopt;
+    }
+    const ErasedDevice erased = eraseDeviceRows(sqliteSource(db_), *device);
+    tx.commit();
+    return erased;
+}
+
+bool SqliteStore::deviceExists(int64_t device) {
+    return db_.prepare("SELECT 1 FROM devices WHERE id = ?").with(device).step();
 }
 
 bool SqliteStore::reachable() {

@@ -45,6 +45,9 @@ class SqliteStore final : public Store {
     std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
+    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
+    std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
+    bool deviceExists(int64_t device) override;
     bool reachable() override;
 
     nlohmann::json listApps() override;
@@ -65,6 +68,8 @@ class SqliteStore final : public Store {
     nlohmann::json campaignDefinitions() override;
 
   private:
+    /// The row of the device with this identifier.
+    std::optional<int64_t> findDevice(const std::string& deviceId);
     bool inMemory() const { return path_.empty() || path_ == ":memory:"; }
 
     enum class Kind : std::uint8_t { campaign, offer, place, all };
