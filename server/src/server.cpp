@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <limits>
 #include <mutex>
+#include <thread>
 
 #include "admin/admin_handler.h"
 #include "api/api_handler.h"
@@ -45,6 +47,8 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.sessionRateLimit = o.sessionRateLimit;
     s.logRateLimit = o.logRateLimit;
     s.logRetentionDays = o.logRetentionDays;
+    s.retainLinksDays = o.retainLinksDays;
+    s.retainSessionsDays = o.retainSessionsDays;
     s.changeCheckSeconds = o.changeCheckSeconds;
     s.catalogChangesInPlace = o.catalogChangesInPlace;
     return s;
@@ -156,6 +160,40 @@ struct Server::Impl {
     HttpServer adminHttpServer;
     std::mutex mutex;
     bool running = false;
+
+    /// Runs a retention pass every retentionIntervalSeconds until stopRetention().
+    void startRetention() {
+        const bool kept =
+            options.logRetentionDays > 0 || options.retainLinksDays > 0 || options.retainSessionsDays > 0;
+        if (!kept || options.retentionIntervalSeconds <= 0 || retention.joinable()) {
+            return;
+        }
+        retentionStopping = false;
+        retention = std::thread([this] {
+            std::unique_lock lock(retentionMutex);
+            const auto interval = std::chrono::duration<double>(options.retentionIntervalSeconds);
+            while (!retentionWake.wait_for(lock, interval, [this] { return retentionStopping; })) {
+                lock.unlock();
+                service.pruneExpired();
+                lock.lock();
+            }
+        });
+    }
+    void stopRetention() {
+        {
+            std::lock_guard lock(retentionMutex);
+            retentionStopping = true;
+        }
+        retentionWake.notify_all();
+        if (retention.joinable()) {
+            retention.join();
+        }
+    }
+
+    std::mutex retentionMutex;
+    std::condition_variable retentionWake;
+    bool retentionStopping = false;
+    std::thread retention;
 };
 
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -182,12 +220,14 @@ uint16_t Server::start() {
         }
     }
     m.running = true;
+    m.startRetention();
     return port;
 }
 
 void Server::stop() {
     std::lock_guard lock(impl_->mutex);
     Impl& m = *impl_;
+    m.stopRetention();
     // Requests waiting for the database are answered before the connections' threads end.
     m.http.stop([&m] { m.database.drain(); });
     m.adminHttpServer.stop([&m] { m.adminWork.drain(); });
@@ -220,6 +260,10 @@ void Server::addApp(const std::string& key, const std::string& name) {
 
 void Server::reloadPlaces() {
     impl_->service.reloadPlaces();
+}
+
+std::map<std::string, int64_t> Server::pruneExpired(int batch) {
+    return impl_->service.pruneExpired(batch);
 }
 
 Report Server::report() {

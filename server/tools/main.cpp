@@ -331,11 +331,29 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_LOG_RATE_LIMIT")
         ->check(CLI::Range(0.0, 1e9));
     serveCmd
-        ->add_option("--log-retention-days", serveOptions.logRetentionDays,
+        ->add_option("--retain-logs,--log-retention-days", serveOptions.logRetentionDays,
                      "Days of /v1/log messages kept (today in UTC and the days before); 0: all")
         ->capture_default_str()
         ->envname("TOVREL_LOG_RETENTION_DAYS")
         ->check(CLI::Range(0, 100000));
+    serveCmd
+        ->add_option("--retain-links", serveOptions.retainLinksDays,
+                     "Days of cleared links kept (the funnel keeps their counts); 0: all")
+        ->capture_default_str()
+        ->envname("TOVREL_RETAIN_LINKS")
+        ->check(CLI::Range(0, 100000));
+    serveCmd
+        ->add_option("--retain-sessions", serveOptions.retainSessionsDays,
+                     "Days a session is kept (its key is refused after); 0: all")
+        ->capture_default_str()
+        ->envname("TOVREL_RETAIN_SESSIONS")
+        ->check(CLI::Range(0, 100000));
+    serveCmd
+        ->add_option("--retention-interval", serveOptions.retentionIntervalSeconds,
+                     "Seconds between two passes that remove what is older than its retention")
+        ->capture_default_str()
+        ->envname("TOVREL_RETENTION_INTERVAL")
+        ->check(CLI::Range(1.0, 86400.0));
     serveCmd
         ->add_option("--change-check-interval", serveOptions.changeCheckSeconds,
                      "With PostgreSQL: seconds between checks of the catalogue's version, in case a "

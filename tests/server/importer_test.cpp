@@ -654,7 +654,8 @@ TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
 // places could be disabled.
 void downgradeToVersion3(Database& db) {
     db.exec(
-        "DROP INDEX device_events_device; DROP INDEX sessions_device; DROP INDEX log_messages_device; "
+        "DROP INDEX device_events_device; DROP INDEX sessions_device; DROP INDEX sessions_created; "
+        "DROP INDEX log_messages_device; "
         "DROP TABLE funnel_erased");
     for (const char* table : {"apps", "campaigns", "offers", "places"}) {
         db.exec(std::string("ALTER TABLE ") + table + " DROP COLUMN disabled");

@@ -494,6 +494,74 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
     EXPECT_EQ(record(fixture.places(again, kOldTownLat, kOldTownLon).parsed(), "11", "1").at("isLinked"), 0);
 }
 
+TEST_P(Admin, RetentionRemovesOldRowsInBatchesAndTheFunnelKeepsItsCounts) {
+    ServerFixture kept(fixtureOptions(withAdmin([](ServerOptions& o) {
+        o.logRetentionDays = 7;
+        o.retainLinksDays = 30;
+        o.retainSessionsDays = 60;
+        o.retentionIntervalSeconds = 0;
+    })));
+    const double start = utc(2025, 6, 1);
+    const std::string old = kept.startSession("OLD");
+    const int64_t event = kept.link(old, "11", "1").parsed()["places"][0]["deviceEventId"];
+    kept.client().post("/v1/deviceevent/update",
+                       json{{"sessionKey", old}, {"deviceEventId", event}, {"statusCode", "seen"}});
+    kept.client().post("/v1/deviceevent/clear", json{{"sessionKey", old}});
+    const std::string live = kept.startSession("LIVE");
+    kept.link(live, "11", "1");
+    for (int i = 0; i < 3; ++i) {
+        kept.client().post("/v1/log", json{{"deviceid", "OLD"}, {"message", {{"n", i}}}});
+    }
+    HttpClient keptAdmin(kept.adminPort());
+    const auto funnel = [&] {
+        return keptAdmin
+            .request("GET", "/admin/v1/funnel?by=day", {}, {std::string("Authorization: Bearer ") + kToken})
+            .parsed();
+    };
+    const json before = funnel();
+
+    // Day 40: the cleared link and the log messages are past their days, one row a batch; the live link
+    // and both sessions are not.
+    kept.setTime(start + 40 * 86400.0);
+    const std::string fresh = kept.startSession("FRESH");
+    EXPECT_EQ(kept.server().pruneExpired(1),
+              (std::map<std::string, int64_t>{{"logs", 3}, {"links", 1}, {"sessions", 0}}));
+    EXPECT_EQ(funnel(), before);
+    EXPECT_EQ(queryRows(kept.dbPath(), "SELECT count(*) FROM device_event_status"),
+              std::vector<std::string>{"0"});
+    EXPECT_EQ(queryRows(kept.dbPath(), "SELECT count(*) FROM device_events"), std::vector<std::string>{"1"});
+    EXPECT_EQ(kept.places(old, kOldTownLat, kOldTownLon).status, 200);
+
+    // Day 61: the first two sessions are past theirs; OLD's device, left with nothing, goes with them, and
+    // their keys are refused even where memory still holds them.
+    kept.setTime(start + 61 * 86400.0);
+    EXPECT_EQ(kept.server().pruneExpired(1000)["sessions"], 2);
+    EXPECT_EQ(queryRows(kept.dbPath(), "SELECT device_id FROM devices ORDER BY device_id"),
+              (std::vector<std::string>{"FRESH", "LIVE"}));
+    EXPECT_EQ(kept.places(old, kOldTownLat, kOldTownLon).status, 401);
+    EXPECT_EQ(kept.places(live, kOldTownLat, kOldTownLon).status, 401);
+    EXPECT_EQ(kept.places(fresh, kOldTownLat, kOldTownLon).status, 200);
+    const std::string metrics = keptAdmin.get("/metrics").body;
+    EXPECT_NE(metrics.find("tovrel_retention_removed_rows_total{kind=\"sessions\"} 2"), std::string::npos)
+        << metrics;
+    EXPECT_NE(metrics.find("tovrel_oldest_row_age_seconds{kind=\"sessions\"} 1814400"), std::string::npos)
+        << metrics;
+
+    // The server's own pass, on its thread, until the server stops.
+    ServerFixture passing(fixtureOptions(withAdmin([](ServerOptions& o) {
+        o.logRetentionDays = 1;
+        o.retentionIntervalSeconds = 0.02;
+    })));
+    passing.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"n", 1}}}});
+    passing.setTime(start + 2 * 86400.0);
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return queryRows(passing.dbPath(), "SELECT count(*) FROM log_messages") ==
+                   std::vector<std::string>{"0"};
+        },
+        std::chrono::seconds(10)));
+}
+
 class Sessions : public StoreTest {};
 
 TEST_P(Sessions, KeysExpireAfterTheirLifetime) {

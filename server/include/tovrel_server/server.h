@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -59,6 +60,14 @@ struct ServerOptions {
     /// Days of /v1/log messages kept: today (in UTC) and the days before it; older days are dropped
     /// when the first message of a new day arrives. 0 (the default) keeps every message.
     int logRetentionDays = 0;
+    /// Days kept of cleared links (their counts stay in the funnel) and of sessions (with the devices
+    /// left with neither sessions nor links); a background pass every `retentionIntervalSeconds`
+    /// removes older rows, and log messages beyond `logRetentionDays`, in bounded batches. 0 (the
+    /// default) keeps them. Session keys older than their retention are answered 401.
+    int retainLinksDays = 0;
+    int retainSessionsDays = 0;
+    /// Seconds between two retention passes; 0: only when pruneExpired() is called.
+    double retentionIntervalSeconds = 300;
     /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
     /// change notification was missed (notifications themselves arrive at once).
     double changeCheckSeconds = 5;
@@ -169,6 +178,9 @@ class Server {
     void reloadPlaces();
     /// Per-offer and per-log-event counts of this server's database.
     Report report();
+    /// Runs one retention pass now (see retainLinksDays), `batch` rows a transaction; returns the rows
+    /// removed by kind ("logs", "links", "sessions"). Any thread.
+    std::map<std::string, int64_t> pruneExpired(int batch = 1000);
 
   private:
     struct Impl;

@@ -54,6 +54,11 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
                                               options.changeCheckSeconds})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
+    // A key held in memory must not outlive its row.
+    if (const double kept = options_.retainSessionsDays * 86400.0;
+        kept > 0 && (options_.sessionTtl <= 0 || options_.sessionTtl > kept)) {
+        options_.sessionTtl = kept;
+    }
     reloadPlaces();
     changeFeed_ = concurrentStore().watchChanges(*this);
 }
@@ -422,6 +427,51 @@ std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, d
     return it->second.device;
 }
 
+std::map<std::string, int64_t> Service::pruneExpired(int batch) {
+    const double now = clock_();
+    std::map<std::string, int64_t> removed;
+    for (const Retained kind : {Retained::logs, Retained::links, Retained::sessions}) {
+        const int days = kind == Retained::logs    ? options_.logRetentionDays
+                         : kind == Retained::links ? options_.retainLinksDays
+                                                   : options_.retainSessionsDays;
+        int64_t count = 0;
+        std::optional<double> oldest;
+        try {
+            if (days > 0) {
+                // Log messages are kept by UTC day: today and the days before it.
+                const double before = kind == Retained::logs
+                                          ? static_cast<double>(utcDayNumber(now) - days + 1) * 86400
+                                          : now - days * 86400.0;
+                for (int i = 0; i < kMaxPruneBatches; ++i) {
+                    int64_t n = 0;
+                    writeOnly([&](Store& store) { n = store.pruneBatch(kind, before, batch); });
+                    count += n;
+                    if (n < batch) {
+                        break;
+                    }
+                }
+            }
+            writeOnly([&](Store& store) { oldest = store.oldestRow(kind); });
+        } catch (const std::exception& e) {
+            // The next pass tries again; what this one removed is committed.
+            if (metrics_ != nullptr) {
+                metrics_->databaseError();
+            }
+            if (logger_ != nullptr) {
+                logger_->write(LogLevel::error, logger_->line(LogLevel::error, "retention failed")
+                                                    .add("kind", retainedName(kind))
+                                                    .add("error", e.what()));
+            }
+        }
+        removed[retainedName(kind)] = count;
+        if (metrics_ != nullptr) {
+            metrics_->retention(retainedName(kind), count,
+                                oldest ? std::optional<double>(std::max(0.0, now - *oldest)) : std::nullopt);
+        }
+    }
+    return removed;
+}
+
 std::optional<ErasedDevice> Service::eraseDevice(const std::string& deviceId) {
     Lock db(dbMutex_);
     std::optional<ErasedDevice> erased = store_->eraseDevice(deviceId);
@@ -473,7 +523,16 @@ int64_t Service::authenticate(const json& req) {
         }
     }
     Lock db(dbMutex_);
-    const std::optional<SessionRow> stored = store_->findSession(keyHash);
+    std::optional<SessionRow> stored;
+    try {
+        stored = store_->findSession(keyHash);
+    } catch (const DatabaseBusy&) {
+        // The database is away: a key held in memory stands until it can be checked again.
+        if (cached) {
+            return *cached;
+        }
+        throw;
+    }
     if (!stored) {
         if (cached) {
             forgetDeviceLocked(*cached);

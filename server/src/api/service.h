@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -51,6 +52,10 @@ struct ServiceOptions {
     double logRateLimit = 0;
     /// Days of log messages kept (see StoreOptions); 0: every message.
     int logRetentionDays = 0;
+    /// Days kept of cleared links and of sessions; pruneExpired() removes older ones. 0 keeps them.
+    /// Session keys older than their retention are answered 401 as expired ones are.
+    int retainLinksDays = 0;
+    int retainSessionsDays = 0;
     /// Seconds between checks of a shared store's catalogue version (see StoreOptions).
     double changeCheckSeconds = 5;
     /// The most changed rows applied to the catalogue in place (see ServerOptions).
@@ -141,6 +146,13 @@ class Service : private ChangeListener {
     /// memory (the store tells the other replicas); its session keys are unknown from then on.
     /// nullopt when there is no such device. Any thread.
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId);
+
+    /// Removes the log messages, cleared links and sessions older than their retention, in batches of
+    /// `batch` rows so that writers get in between (at most kMaxPruneBatches each a pass), and reports
+    /// each kind's count and oldest row to the metrics. Returns the rows removed by kind. Any thread;
+    /// the server's retention thread calls it.
+    std::map<std::string, int64_t> pruneExpired(int batch = 1000);
+    static constexpr int kMaxPruneBatches = 1000;
 
     ImportSummary importGeoJson(const std::string& path);
     void addApp(const std::string& key, const std::string& name);

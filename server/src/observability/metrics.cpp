@@ -50,6 +50,14 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     for (std::size_t r = 0; r < kRouteCount; ++r) {
         latency_[r] = &latency.Add({{"route", std::string(routeLabel(static_cast<Route>(r)))}}, buckets);
     }
+    retentionRemoved_ = &prometheus::BuildCounter()
+                             .Name("tovrel_retention_removed_rows_total")
+                             .Help("Rows removed for being older than their retention, by kind")
+                             .Register(*registry_);
+    oldestRowAge_ = &prometheus::BuildGauge()
+                         .Name("tovrel_oldest_row_age_seconds")
+                         .Help("Age of the oldest row kept, by kind (at the last retention pass)")
+                         .Register(*registry_);
     const auto counter = [this](const char* name, const char* help) {
         return &prometheus::BuildCounter().Name(name).Help(help).Register(*registry_).Add({});
     };
@@ -116,6 +124,12 @@ void Metrics::databaseError() {
 void Metrics::databaseBusy(double seconds) {
     dbBusy_->Increment();
     dbBusySeconds_->Increment(seconds);
+}
+
+void Metrics::retention(const std::string& kind, std::int64_t removed,
+                        std::optional<double> oldestAgeSeconds) {
+    retentionRemoved_->Add({{"kind", kind}}).Increment(static_cast<double>(removed));
+    oldestRowAge_->Add({{"kind", kind}}).Set(oldestAgeSeconds.value_or(0));
 }
 
 std::string Metrics::scrape(const MetricsSnapshot& snapshot) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -55,6 +56,10 @@ class Metrics {
     /// One request given up on because the database stayed locked for `seconds`. Any thread.
     void databaseBusy(double seconds);
 
+    /// One pass of the retention over the rows of `kind` ("logs", "links", "sessions"): the rows it
+    /// removed, and the age in seconds of the oldest row left (nullopt: none left). Any thread.
+    void retention(const std::string& kind, std::int64_t removed, std::optional<double> oldestAgeSeconds);
+
     /// Totals, for tests and the status line. Any thread.
     std::uint64_t refusedConnections() const { return refused_.load(); }
     std::uint64_t rateLimitedRequests() const { return limited_.load(); }
@@ -71,6 +76,8 @@ class Metrics {
     std::array<prometheus::Histogram*, kRouteCount> latency_{};
     std::array<std::array<std::atomic<prometheus::Counter*>, kStatusSlots>, kRouteCount> requestSlots_{};
     std::mutex slotMutex_;
+    prometheus::Family<prometheus::Counter>* retentionRemoved_;
+    prometheus::Family<prometheus::Gauge>* oldestRowAge_;
     prometheus::Counter* refusedCounter_;
     prometheus::Counter* limitedCounter_;
     prometheus::Counter* dbErrors_;

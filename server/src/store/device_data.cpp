@@ -1,5 +1,7 @@
 #include "store/device_data.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -102,22 +104,47 @@ std::optional<json> readDeviceRecord(const SqlSource& source, int64_t deviceRow,
     return record;
 }
 
-ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t deviceRow) {
-    const std::string device = std::to_string(deviceRow);
-    // The totals ('') apart from the days: one device event answered "seen" on two days counts once in
-    // the totals, as the funnel counts the rows held.
-    for (const std::string& day : {std::string("''"), source.utcDay("created_at")}) {
+namespace {
+
+// Adds the links of device_events e that `where` selects, and their answers, to the counts that name
+// no device. The totals ('') apart from the days: one device event answered "seen" on two days counts
+// once in the totals, as the funnel counts the rows held.
+void keepFunnelCounts(const SqlSource& source, const std::string& where) {
+    for (const std::string& day : {std::string("''"), source.utcDay("e.created_at")}) {
         source.run("INSERT INTO funnel_erased(day, campaign, offer, kind, count) SELECT " + day +
-                   ", campaign, offer, 'link', COUNT(*) FROM device_events WHERE device = " + device +
+                   ", e.campaign, e.offer, 'link', COUNT(*) FROM device_events e WHERE " + where +
                    " GROUP BY 1, 2, 3");
     }
     for (const std::string& day : {std::string("''"), source.utcDay("s.at")}) {
         source.run(
             "INSERT INTO funnel_erased(day, campaign, offer, kind, count) SELECT " + day +
             ", e.campaign, e.offer, s.status, COUNT(DISTINCT s.device_event) FROM device_event_status s "
-            "JOIN device_events e ON e.id = s.device_event WHERE e.device = " +
-            device + " GROUP BY 1, 2, 3, 4");
+            "JOIN device_events e ON e.id = s.device_event WHERE " +
+            where + " GROUP BY 1, 2, 3, 4");
     }
+}
+
+std::string idList(const std::vector<std::vector<std::string>>& rows) {
+    std::string list;
+    for (const auto& row : rows) {
+        list += (list.empty() ? "" : ", ") + std::to_string(std::stoll(row[0]));
+    }
+    return list;
+}
+
+std::string number(double v) {
+    char text[40];
+    std::snprintf(text, sizeof text, "%.6f", v);
+    return text;
+}
+
+}  // namespace
+
+ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t deviceRow) {
+    const std::string device = std::to_string(deviceRow);
+    // Counted once: a retention pass of another replica waits, or skips these rows.
+    source.rows("SELECT id FROM device_events WHERE device = " + device + source.forUpdate);
+    keepFunnelCounts(source, "e.device = " + device);
     ErasedDevice erased;
     erased.device = deviceRow;
     erased.statuses = source.run(
@@ -132,6 +159,57 @@ ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t deviceRow) {
         ")");
     source.run("DELETE FROM devices WHERE id = " + device);
     return erased;
+}
+
+int64_t pruneRows(const SqlSource& source, Retained kind, double before, int limit) {
+    const std::string cutoff = number(before);
+    const std::string count = std::to_string(std::max(1, limit));
+    switch (kind) {
+        case Retained::logs:
+            return source.run(
+                "DELETE FROM log_messages WHERE id IN (SELECT id FROM log_messages WHERE received_at < " +
+                cutoff + " ORDER BY id LIMIT " + count + ")");
+        case Retained::links: {
+            // Live links are what replicas mirror of a device: they go when the device clears them. Rows
+            // another replica's pass or an erasure holds are theirs to count.
+            const std::string ids =
+                idList(source.rows("SELECT id FROM device_events WHERE created_at < " + cutoff +
+                                   " AND cleared_at IS NOT NULL ORDER BY id LIMIT " + count +
+                                   (source.forUpdate.empty() ? "" : source.forUpdate + " SKIP LOCKED")));
+            if (ids.empty()) {
+                return 0;
+            }
+            keepFunnelCounts(source, "e.id IN (" + ids + ")");
+            source.run("DELETE FROM device_event_status WHERE device_event IN (" + ids + ")");
+            return source.run("DELETE FROM device_events WHERE id IN (" + ids + ")");
+        }
+        case Retained::sessions: {
+            const int64_t removed = source.run(
+                "DELETE FROM sessions WHERE key_hash IN (SELECT key_hash FROM sessions WHERE created_at < " +
+                cutoff + " ORDER BY created_at LIMIT " + count + ")");
+            const std::string gone =
+                idList(source.rows("SELECT id FROM devices d WHERE last_seen < " + cutoff +
+                                   " AND NOT EXISTS (SELECT 1 FROM sessions s WHERE s.device = d.id) AND NOT "
+                                   "EXISTS (SELECT 1 FROM "
+                                   "device_events e WHERE e.device = d.id) ORDER BY id LIMIT " +
+                                   count));
+            if (!gone.empty()) {
+                source.run("DELETE FROM device_tags WHERE device IN (" + gone + ")");
+                source.run("DELETE FROM devices WHERE id IN (" + gone + ")");
+            }
+            return removed;
+        }
+    }
+    return 0;
+}
+
+std::optional<double> oldestRowTime(const SqlSource& source, Retained kind) {
+    // Ids grow with time: the first row is the oldest, read from the primary key alone.
+    const char* sql = kind == Retained::logs    ? "SELECT received_at FROM log_messages ORDER BY id LIMIT 1"
+                      : kind == Retained::links ? "SELECT created_at FROM device_events ORDER BY id LIMIT 1"
+                                                : "SELECT MIN(created_at) FROM sessions";
+    const auto rows = source.rows(sql);
+    return rows.empty() || rows[0][0].empty() ? std::nullopt : std::optional<double>(std::stod(rows[0][0]));
 }
 
 json erasedJson(const ErasedDevice& erased) {

@@ -21,6 +21,13 @@ std::optional<nlohmann::json> readDeviceRecord(const SqlSource& source, int64_t 
 /// transaction.
 ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t device);
 
+/// Removes at most `limit` rows of `kind` written before `before`, oldest first (see
+/// Store::pruneBatch). Run it in one transaction.
+int64_t pruneRows(const SqlSource& source, Retained kind, double before, int limit);
+
+/// When the oldest row of `kind` was written; nullopt when there is none.
+std::optional<double> oldestRowTime(const SqlSource& source, Retained kind);
+
 /// {"sessions": n, "links": n, "statuses": n, "tags": n, "logMessages": n}.
 nlohmann::json erasedJson(const ErasedDevice& erased);
 

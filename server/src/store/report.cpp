@@ -66,7 +66,8 @@ SqlSource sqliteSource(Database& db) {
                      [&db](const std::string& sql) {
                          db.prepare(sql).run();
                          return db.changes();
-                     }};
+                     },
+                     ""};
 }
 
 Funnel readFunnel(Database& db, bool byDay) {

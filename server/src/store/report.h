@@ -30,6 +30,9 @@ struct SqlSource {
     std::function<std::vector<std::vector<std::string>>(const std::string& sql)> rows;
     std::function<std::string(const std::string& secondsColumn)> utcDay;
     std::function<int64_t(const std::string& sql)> run;
+    /// Put after a SELECT to lock the rows it reads until the transaction ends (PostgreSQL's
+    /// " FOR UPDATE"; "" where one writer at a time is all there is).
+    std::string forUpdate;
 };
 
 /// SQLite's SqlSource on the caller's connection.

@@ -7,6 +7,18 @@
 
 namespace tovrel::server {
 
+const char* retainedName(Retained kind) {
+    switch (kind) {
+        case Retained::logs:
+            return "logs";
+        case Retained::links:
+            return "links";
+        case Retained::sessions:
+            return "sessions";
+    }
+    return "";
+}
+
 bool isPostgresLocation(const std::string& location) {
     return location.rfind("postgresql://", 0) == 0 || location.rfind("postgres://", 0) == 0;
 }

@@ -62,6 +62,12 @@ struct ErasedDevice {
     int64_t logMessages = 0;
 };
 
+/// The kinds of rows kept for a number of days.
+enum class Retained : std::uint8_t { logs, links, sessions };
+
+/// The kind's name in metrics and logs: "logs", "links", "sessions".
+const char* retainedName(Retained kind);
+
 /// The device's row is gone (erased, here or by another replica): its sessions are no longer valid.
 class DeviceGone : public std::runtime_error {
   public:
@@ -140,6 +146,12 @@ class Store {
     virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
     /// False once the device's row is gone.
     virtual bool deviceExists(int64_t device) = 0;
+    /// Removes at most `limit` rows of `kind` written before `before` (seconds since 1970), oldest
+    /// first, in one transaction: cleared links with their status history (the funnel keeps their counts),
+    /// sessions with the devices left with neither sessions nor links. Returns the rows of `kind` removed.
+    virtual int64_t pruneBatch(Retained kind, double before, int limit) = 0;
+    /// When the oldest row of `kind` was written; nullopt when there is none.
+    virtual std::optional<double> oldestRow(Retained kind) = 0;
     /// Keeps a diagnostics message (the JSON text as received) under its event name.
     virtual void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
                         double now) = 0;

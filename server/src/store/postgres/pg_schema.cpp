@@ -235,11 +235,13 @@ CREATE TRIGGER place_offers_updated AFTER UPDATE ON place_offers
 CREATE TRIGGER place_offers_deleted AFTER DELETE ON place_offers REFERENCING OLD TABLE AS changed
     FOR EACH STATEMENT EXECUTE FUNCTION tovrel_catalog_rows_changed('place', 'place');
 )sql",
-    // A device's data is looked up and erased by its rows, not by scanning whole tables; the funnel
-    // keeps counting what erased devices did (by UTC day, and '' for the totals).
+    // A device's data is looked up and erased by its rows, and old sessions found, without scanning
+    // whole tables; the funnel keeps counting what erased or expired links did (by UTC day, and '' for
+    // the totals).
     R"sql(
 CREATE INDEX device_events_device ON device_events(device);
 CREATE INDEX sessions_device ON sessions(device);
+CREATE INDEX sessions_created ON sessions(created_at);
 CREATE INDEX log_messages_device ON log_messages(device_id);
 CREATE TABLE funnel_erased(
     day text NOT NULL,

@@ -531,7 +531,7 @@ SqlSource pgSource(PgConnection& conn) {
                      [](const std::string& seconds) {
                          return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
                      },
-                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }};
+                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }, " FOR UPDATE"};
 }
 
 Funnel PgStore::funnel(bool byDay) {
@@ -586,6 +586,19 @@ std::optional<ErasedDevice> PgStore::eraseDevice(const std::string& deviceId) {
     notifyDeviceChanged(*conn, *device);
     tx.commit();
     return erased;
+}
+
+int64_t PgStore::pruneBatch(Retained kind, double before, int limit) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    const int64_t removed = pruneRows(pgSource(*conn), kind, before, limit);
+    tx.commit();
+    return removed;
+}
+
+std::optional<double> PgStore::oldestRow(Retained kind) {
+    auto conn = pool_.acquire();
+    return oldestRowTime(pgSource(*conn), kind);
 }
 
 bool PgStore::deviceExists(int64_t device) {

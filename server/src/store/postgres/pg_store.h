@@ -50,6 +50,8 @@ class PgStore final : public Store {
     std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     bool deviceExists(int64_t device) override;
+    int64_t pruneBatch(Retained kind, double before, int limit) override;
+    std::optional<double> oldestRow(Retained kind) override;
     bool reachable() override;
     std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) override;
 

@@ -103,11 +103,13 @@ ALTER TABLE campaigns ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE offers ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE places ADD COLUMN disabled INTEGER NOT NULL DEFAULT 0;
 )sql",
-    // A device's data is looked up and erased by its rows, not by scanning whole tables; the funnel
-    // keeps counting what erased devices did (by UTC day, and '' for the totals).
+    // A device's data is looked up and erased by its rows, and old sessions found, without scanning
+    // whole tables; the funnel keeps counting what erased or expired links did (by UTC day, and '' for
+    // the totals).
     R"sql(
 CREATE INDEX device_events_device ON device_events(device);
 CREATE INDEX sessions_device ON sessions(device);
+CREATE INDEX sessions_created ON sessions(created_at);
 CREATE INDEX log_messages_device ON log_messages(device_id);
 CREATE TABLE funnel_erased(
     day TEXT NOT NULL,

@@ -315,6 +315,17 @@ std::optional<ErasedDevice> SqliteStore::eraseDevice(const std::string& deviceId
     return erased;
 }
 
+int64_t SqliteStore::pruneBatch(Retained kind, double before, int limit) {
+    Transaction tx(db_);
+    const int64_t removed = pruneRows(sqliteSource(db_), kind, before, limit);
+    tx.commit();
+    return removed;
+}
+
+std::optional<double> SqliteStore::oldestRow(Retained kind) {
+    return oldestRowTime(sqliteSource(db_), kind);
+}
+
 bool SqliteStore::deviceExists(int64_t device) {
     return db_.prepare("SELECT 1 FROM devices WHERE id = ?").with(device).step();
 }

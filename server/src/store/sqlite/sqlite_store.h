@@ -48,6 +48,8 @@ class SqliteStore final : public Store {
     std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     bool deviceExists(int64_t device) override;
+    int64_t pruneBatch(Retained kind, double before, int limit) override;
+    std::optional<double> oldestRow(Retained kind) override;
     bool reachable() override;
 
     nlohmann::json listApps() override;
