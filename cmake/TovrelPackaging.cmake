@@ -4,11 +4,44 @@ include(CMakePackageConfigHelpers)
 
 set(TOVREL_CMAKE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Tovrel)
 set_property(GLOBAL PROPERTY TOVREL_INSTALLED_TARGETS "")
+set_property(GLOBAL PROPERTY TOVREL_INSTALLED_PARTS "")
 
-# tovrel_install_library(TARGET EXPORT_NAME NAME [OUTPUT_NAME FILE]): installs one library of the
-# public package as Tovrel::NAME, with a versioned SONAME when shared.
+# The timestamp of everything the packages carry (files, changelog, man pages): the last commit's date,
+# so that packaging the same commit twice gives the same files. A tree outside git takes a fixed date.
+if(DEFINED ENV{SOURCE_DATE_EPOCH})
+  set(TOVREL_SOURCE_DATE_EPOCH $ENV{SOURCE_DATE_EPOCH})
+else()
+  execute_process(COMMAND git log -1 --format=%ct WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+                  OUTPUT_VARIABLE TOVREL_SOURCE_DATE_EPOCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  if(NOT TOVREL_SOURCE_DATE_EPOCH MATCHES "^[0-9]+$")
+    set(TOVREL_SOURCE_DATE_EPOCH 1767225600)
+  endif()
+endif()
+
+# The libraries come in Debian packages by what a host needs: the component with its headless backends
+# (libtovrel1), and the parts below, each a library package with its -dev package and export set.
+#   qt       libtovrel-qt1       the Qt backend (Qt 6 Widgets and WebEngine)
+#   virtual  libtovrel-virtual1  the virtual-time backend (tovrel-sim, tests)
+#   c        libtovrel-c1        the C interface, on the linux backend
+# tovrel_part_components(PART RUNTIME DEVELOPMENT EXPORT): the install components and export set of a
+# part; an empty PART is the component's own.
+function(tovrel_part_components part runtime development export)
+  if(part)
+    set(${runtime} ${part} PARENT_SCOPE)
+    set(${development} ${part}_development PARENT_SCOPE)
+    set(${export} TovrelTargets_${part} PARENT_SCOPE)
+  else()
+    set(${runtime} runtime PARENT_SCOPE)
+    set(${development} development PARENT_SCOPE)
+    set(${export} TovrelTargets PARENT_SCOPE)
+  endif()
+endfunction()
+
+# tovrel_install_library(TARGET EXPORT_NAME NAME [OUTPUT_NAME FILE] [PART qt|virtual|c]): installs one
+# library of the public package as Tovrel::NAME, with a versioned SONAME when shared.
 function(tovrel_install_library target)
-  cmake_parse_arguments(ARG "" "EXPORT_NAME;OUTPUT_NAME" "" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXPORT_NAME;OUTPUT_NAME;PART" "" ${ARGN})
+  tovrel_part_components("${ARG_PART}" runtime development export)
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${ARG_EXPORT_NAME})
   add_library(Tovrel::${ARG_EXPORT_NAME} ALIAS ${target})
   get_target_property(type ${target} TYPE)
@@ -22,21 +55,27 @@ function(tovrel_install_library target)
                         "LINKER:--no-undefined")
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/tovrel.map)
   endif()
-  install(TARGETS ${target} EXPORT TovrelTargets
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  install(TARGETS ${target} EXPORT ${export}
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${runtime} NAMELINK_COMPONENT ${development}
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${development}
           INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   set_property(GLOBAL APPEND PROPERTY TOVREL_INSTALLED_TARGETS ${ARG_EXPORT_NAME})
+  if(ARG_PART)
+    set_property(GLOBAL APPEND PROPERTY TOVREL_INSTALLED_PARTS ${ARG_PART})
+  endif()
 endfunction()
 
-# tovrel_install_headers(DIR): installs a backend's public headers (DIR/tovrel/...) under the one root.
+# tovrel_install_headers(DIR [PART P]): installs a backend's public headers (DIR/tovrel/...) under the one root.
 function(tovrel_install_headers dir)
-  install(DIRECTORY ${dir}/tovrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+  cmake_parse_arguments(ARG "" "PART" "" ${ARGN})
+  tovrel_part_components("${ARG_PART}" runtime development export)
+  install(DIRECTORY ${dir}/tovrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${development}
           FILES_MATCHING PATTERN "*.h")
 endfunction()
 
 # tovrel_install_program(TARGET [COMPONENT C]): installs a program with its man page, generated from
-# its --help and --version by help2man when that is found.
+# its --help and --version by help2man when that is found, and installed compressed as Debian wants it
+# (gzip -n: no name or time in the header, the same bytes every time).
 find_program(TOVREL_HELP2MAN help2man)
 function(tovrel_install_program target)
   cmake_parse_arguments(ARG "" "COMPONENT" "ENVIRONMENT" ${ARGN})
@@ -48,23 +87,31 @@ function(tovrel_install_program target)
     get_target_property(description ${target} TOVREL_DESCRIPTION)
     set(page ${CMAKE_CURRENT_BINARY_DIR}/${target}.1)
     add_custom_command(
-      OUTPUT ${page}
-      COMMAND ${CMAKE_COMMAND} -E env ${ARG_ENVIRONMENT}
+      OUTPUT ${page} ${page}.gz
+      COMMAND ${CMAKE_COMMAND} -E env ${ARG_ENVIRONMENT} SOURCE_DATE_EPOCH=${TOVREL_SOURCE_DATE_EPOCH}
               ${TOVREL_HELP2MAN} --no-info --no-discard-stderr --name=${description} --output=${page}
               $<TARGET_FILE:${target}>
+      COMMAND gzip -9nkf ${page}
       DEPENDS ${target}
       COMMENT "Writing the man page of ${target}"
       VERBATIM)
-    add_custom_target(${target}_manpage ALL DEPENDS ${page})
-    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${ARG_COMPONENT})
+    add_custom_target(${target}_manpage ALL DEPENDS ${page}.gz)
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${ARG_COMPONENT})
   endif()
 endfunction()
 
 # Called once at the end of the top-level list: the package files and CPack.
 function(tovrel_install_package)
   get_property(TOVREL_COMPONENTS GLOBAL PROPERTY TOVREL_INSTALLED_TARGETS)
+  get_property(TOVREL_PARTS GLOBAL PROPERTY TOVREL_INSTALLED_PARTS)
+  list(REMOVE_DUPLICATES TOVREL_PARTS)
   set(TOVREL_SHARED ${BUILD_SHARED_LIBS})
+  # One targets file per part, in the part's -dev package; TovrelConfig.cmake loads those installed.
   install(EXPORT TovrelTargets NAMESPACE Tovrel:: DESTINATION ${TOVREL_CMAKE_INSTALL_DIR} COMPONENT development)
+  foreach(part IN LISTS TOVREL_PARTS)
+    install(EXPORT TovrelTargets_${part} NAMESPACE Tovrel:: DESTINATION ${TOVREL_CMAKE_INSTALL_DIR}
+            COMPONENT ${part}_development)
+  endforeach()
   configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/TovrelConfig.cmake.in
                                 ${PROJECT_BINARY_DIR}/TovrelConfig.cmake
                                 INSTALL_DESTINATION ${TOVREL_CMAKE_INSTALL_DIR})
@@ -81,37 +128,34 @@ function(tovrel_install_package)
     if((pc STREQUAL "tovrel-linux" AND NOT TARGET tovrel_linux) OR (pc STREQUAL "tovrel-c" AND NOT TARGET tovrel_c))
       continue()
     endif()
+    set(component development)
+    if(pc STREQUAL "tovrel-c")
+      set(component c_development)
+    endif()
     configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-            COMPONENT development)
+            COMPONENT ${component})
   endforeach()
 
   set(CPACK_PACKAGE_NAME tovrel)
   set(CPACK_PACKAGE_VENDOR "The Tovrel developers")
   set(CPACK_PACKAGE_CONTACT "The Tovrel developers <dev@tovrel.invalid>")
-  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
   set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
   set(CPACK_GENERATOR DEB)
   set(CPACK_STRIP_FILES ON)
   set(CPACK_DEB_COMPONENT_INSTALL ON)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
-  set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtovrel${PROJECT_VERSION_MAJOR})
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtovrel-dev)
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-      "libtovrel${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), nlohmann-json3-dev")
-  set(CPACK_DEBIAN_SERVER_PACKAGE_NAME tovrel-server)
-  set(CPACK_DEBIAN_SERVER_PACKAGE_SECTION net)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tovrel-tools)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtovrel${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tovrel)
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libtovrel${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), python3")
-  set(CPACK_COMPONENTS_ALL runtime development server tools python)
+  # cpack reads SOURCE_DATE_EPOCH for every time in the packages; TovrelCPackOptions.cmake sets it.
+  set(CPACK_TOVREL_SOURCE_DATE_EPOCH ${TOVREL_SOURCE_DATE_EPOCH})
+  set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/TovrelCPackOptions.cmake)
+  include(TovrelDebian)
+  # Libraries: the ldconfig trigger registers them. CPack writes a postinst and a postrm calling ldconfig
+  # into every package with libraries in /usr/lib unless the package brings its own: these do nothing.
+  foreach(component runtime ${TOVREL_PARTS})
+    string(TOUPPER ${component} c)
+    set(CPACK_DEBIAN_${c}_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers
+        ${PROJECT_SOURCE_DIR}/cmake/debian/postinst ${PROJECT_SOURCE_DIR}/cmake/debian/postrm)
+    set(CPACK_DEBIAN_${c}_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+  endforeach()
   include(CPack)
 endfunction()

@@ -5,8 +5,12 @@
 #  2. the embedding examples build against that prefix alone: with find_package(Tovrel), with
 #     pkg-config only, the C host and the Qt host;
 #  3. they run against the installed tovrel-server on 127.0.0.1, and so do the Python package's tests;
-#  4. CPack's Debian packages install into a fresh root, where `tovrel-sim --version` runs, the
-#     server serves the console it carries, and the server's systemd unit verifies.
+#  4. CPack's Debian packages: lintian finds no error in them; packaging the build a second time gives
+#     the same bytes; a C host's packages (the C interface, the Python package and what they depend
+#     on) bring no Qt, and the C host builds and runs from them alone;
+#  5. all the packages install into a fresh root, where no file holds the source or build folder's
+#     path, `tovrel-sim --version` runs, the server serves the console it carries, and the server's
+#     systemd unit verifies.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,7 +24,9 @@ build="${1:-build/release}"
 work=$(mktemp -d)
 server_pid=""
 console_pid=""
+again_pid=""
 cleanup() {
+    [[ -n "$again_pid" ]] && kill "$again_pid" 2>/dev/null && wait "$again_pid" 2>/dev/null
     [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
     [[ -n "$console_pid" ]] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
     rm -rf "$work"
@@ -112,20 +118,97 @@ if [[ -n "$python_dir" ]]; then
 fi
 
 step "Debian packages"
+rm -f "$build"/*.deb
 (cd "$build" && cpack -G DEB >"$work/cpack.log" 2>&1) || { tail -30 "$work/cpack.log"; fail "cpack failed"; }
+debs=("$build"/*.deb)
+declare -A deb_of
+for deb in "${debs[@]}"; do
+    deb_of[$(dpkg-deb -f "$deb" Package)]=$deb
+    printf '   %-52s %5s  %s\n' "$(basename "$deb")" "$(du -h "$deb" | cut -f1)" "$(dpkg-deb -f "$deb" Depends)"
+done
+
+# The same build packaged a second time, in another folder, while lintian reads the first packages.
+# This covers what packaging adds: file order, time stamps, owners, control files, compression and
+# anything of the packaging folder. It does not cover the compile: both packagings take the same built
+# files, so what a second compile in another folder would change (paths, build ids, dates) is not seen
+# here; the search for the source and build paths in the fresh root below catches the usual case of that.
+(cd "$build" && exec cpack -G DEB -B "$work/again" >"$work/cpack-again.log" 2>&1) &
+again_pid=$!
+
+step "lintian"
+# initial-upload-closes-no-bugs: the packages are not uploaded to Debian's archive, so there is no
+# intent-to-package bug for their first changelog entry to close.
+lintian_status=0
+lintian --fail-on error --tag-display-limit 0 --suppress-tags initial-upload-closes-no-bugs "${debs[@]}" \
+    >"$work/lintian.log" 2>&1 || lintian_status=$?
+grep -v '^E: ' "$work/lintian.log" | sed 's/^/   /' || true
+if grep -q '^E: ' "$work/lintian.log" || ((lintian_status != 0)); then
+    grep '^E: ' "$work/lintian.log" >&2 || true
+    fail "lintian found errors in the packages (status $lintian_status)"
+fi
+if [[ -d console/node_modules ]]; then
+    # The console bundles its npm dependencies: each must be named, with its licence, in the server's
+    # copyright file.
+    dpkg-deb --fsys-tarfile "${deb_of[tovrel-server]}" |
+        tar -xOf - ./usr/share/doc/tovrel-server/copyright >"$work/server.copyright"
+    python3 - "$work/server.copyright" <<'PY' || fail "the console's npm packages are missing from tovrel-server's copyright"
+import json, re, sys
+text = open(sys.argv[1]).read()
+for name in json.load(open("console/package.json")).get("dependencies", {}):
+    licence = json.load(open(f"console/node_modules/{name}/package.json")).get("license")
+    stanza = re.search(rf"^Files: console/node_modules/{re.escape(name)}/\*\n(?:[^\n]+\n)*?License: (\S+)", text, re.M)
+    if not stanza or stanza.group(1) != licence:
+        sys.exit(f"check-install: {name} ({licence}) has no stanza with its licence")
+PY
+fi
+
+step "reproducible: the same build packaged again, in another folder"
+wait "$again_pid" || { tail -30 "$work/cpack-again.log"; fail "cpack failed the second time"; }
+again_pid=""
+for deb in "${debs[@]}"; do
+    cmp -s "$deb" "$work/again/$(basename "$deb")" || fail "$(basename "$deb") differs when packaged again"
+done
+echo "   ${#debs[@]} packages, byte for byte the same"
+
+step "a C host's packages: the C interface and the Python package, with what they depend on"
+want=(libtovrel-c-dev python3-tovrel)
+c_packages=()
+while ((${#want[@]} > 0)); do
+    package=${want[0]}
+    want=("${want[@]:1}")
+    [[ -n "${deb_of[$package]:-}" && " ${c_packages[*]} " != *" $package "* ]] || continue
+    c_packages+=("$package")
+    read -ra depends <<<"$(dpkg-deb -f "${deb_of[$package]}" Depends | sed -E 's/\([^)]*\)//g; s/[,|]/ /g')"
+    want+=("${depends[@]}")
+done
+c_root="$work/c-root"
+mkdir -p "$c_root/var/lib/dpkg/updates" "$c_root/var/lib/dpkg/info"
+touch "$c_root/var/lib/dpkg/status"
+c_debs=()
+for package in "${c_packages[@]}"; do c_debs+=("${deb_of[$package]}"); done
+dpkg --root="$c_root" --force-depends --force-script-chrootless --log=/dev/null -i "${c_debs[@]}" \
+    >"$work/dpkg-c.log" 2>&1 || { cat "$work/dpkg-c.log"; fail "the C host's packages did not install"; }
+dpkg-query --admindir="$c_root/var/lib/dpkg" -W -f='   ${Package} ${Version}: ${Depends}\n'
+qt=$(dpkg-query --admindir="$c_root/var/lib/dpkg" -W -f='${Package} ${Depends}\n' | grep -iE 'qt' || true)
+[[ -z "$qt" ]] || fail "a C host's packages bring Qt:"$'\n'"$qt"
+qt=$(find "$c_root" -type f -name '*.so*' -exec readelf -d {} + 2>/dev/null | grep -iE 'NEEDED.*qt' || true)
+[[ -z "$qt" ]] || fail "a library of the C host's packages links Qt:"$'\n'"$qt"
+c_pc=$(find "$c_root" -name tovrel-c.pc -printf '%h\n')
+PKG_CONFIG_PATH="$c_pc" make -s -C examples/embedding/c-host OUT="$work/c-host-deb" CFLAGS="-O1 -Wall -Wextra -Werror"
+run_host c-host-from-packages "$work/c-host-deb" "$service" demo-key "$route" 3 60
+
+step "all the packages in a fresh root"
 root="$work/root"
 mkdir -p "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/info"
 touch "$root/var/lib/dpkg/status"
-for deb in "$build"/*.deb; do
-    printf '   %-50s %s\n' "$(basename "$deb")" "$(du -h "$deb" | cut -f1)"
-done
 # The packages' dependencies (libcurl, Qt, ...) are this machine's; only Tovrel's go into the root.
-dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null -i "$build"/*.deb \
+dpkg --root="$root" --force-depends --force-script-chrootless --log=/dev/null -i "${debs[@]}" \
     >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; fail "the packages did not install"; }
+leaks=$(grep -rlF -e "$(pwd -P)" -e "$(cd "$build" && pwd -P)" "$root/usr" || true)
+[[ -z "$leaks" ]] || fail "packaged files hold the source or build folder's path:"$'\n'"$leaks"
 "$root/usr/bin/tovrel-sim" --version
 "$root/usr/bin/tovrel-server" --version
-[[ -f "$root/usr/share/man/man1/tovrel-sim.1.gz" || -f "$root/usr/share/man/man1/tovrel-sim.1" ]] ||
-    fail "no man page for tovrel-sim in the package"
+[[ -f "$root/usr/share/man/man1/tovrel-sim.1.gz" ]] || fail "no man page for tovrel-sim in the package"
 if grep -q '^TOVREL_BUILD_CONSOLE:BOOL=ON' "$build/CMakeCache.txt"; then
     step "the console, served by the packaged tovrel-server from its own share/tovrel"
     printf 'check-install-admin-token\n' >"$work/token"

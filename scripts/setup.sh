@@ -21,8 +21,8 @@ packages=(
     build-essential cmake g++ clang clang-format clang-tidy libclang-rt-14-dev ninja-build pkg-config
     # a compiler cache: the shipped build reuses the optimised build's objects
     ccache
-    # packaging: man pages from --help, Debian packages
-    help2man dpkg-dev file python3-pytest
+    # packaging: man pages from --help, Debian packages and their checker
+    help2man dpkg-dev file lintian python3-pytest
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     nlohmann-json3-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libcli11-dev
     libboost1.74-dev libpugixml-dev libssl-dev openssl curl python3
