@@ -146,6 +146,20 @@ export const session = {
   },
 };
 
+/**
+ * The version of one item for If-Match: its own answer's ETag when the server has one, else `fallback`
+ * (the list's). A lost session is not hidden behind the fallback.
+ */
+export async function versionOf(path: string, fallback: string | null): Promise<string | null> {
+  try {
+    const a = await admin.get<unknown>(path);
+    return a.etag ?? fallback;
+  } catch (e) {
+    if (e instanceof ApiError && e.status === 401) throw e;
+    return fallback;
+  }
+}
+
 /** Path segment for an id or name. */
 export function seg(v: string | number): string {
   return encodeURIComponent(String(v));

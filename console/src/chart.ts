@@ -24,11 +24,48 @@ function svg<K extends keyof SVGElementTagNameMap>(tag: K, attrs: Record<string,
   return el;
 }
 
+export type Stage = (typeof STAGES)[number];
+export interface FunnelDay {
+  day: string;
+  counts: Record<Stage, number>;
+}
+
+/**
+ * The chart's series: the last `keep` days of the rows, oldest first (one row a day, the last given for
+ * a day standing), a stage a row lacks counted 0, and the top of the scale (at least 1), taken from the
+ * days shown.
+ */
+export function funnelSeries(rows: FunnelRow[], keep = 14): { days: FunnelDay[]; max: number } {
+  const byDay = new Map(rows.map((r) => [r.day ?? '', r]));
+  const days = [...byDay.keys()]
+    .sort()
+    .slice(-keep)
+    .map((day) => {
+      const r = byDay.get(day)!;
+      return { day, counts: Object.fromEntries(STAGES.map((s) => [s, r[s] ?? 0])) as Record<Stage, number> };
+    });
+  const max = Math.max(1, ...days.flatMap((d) => STAGES.map((s) => d.counts[s])));
+  return { days, max };
+}
+
+/** The values of the scale's grid lines: 0 to `max` in at most four steps, whole numbers. */
+export function ticks(max: number): number[] {
+  const steps = max <= 4 ? max : 4;
+  return Array.from({ length: steps + 1 }, (_, i) => Math.round((max * i) / steps));
+}
+
+/** The chart told as text, for screen readers. */
+export function funnelSummary(label: string, days: FunnelDay[]): string {
+  return days.length
+    ? `${label}: ${days
+        .map((d) => `${d.day}: ${STAGES.map((s) => `${d.counts[s]} ${STAGE_LABEL[s].toLowerCase()}`).join(', ')}`)
+        .join('; ')}`
+    : `${label}: no activity yet`;
+}
+
 /** Grouped bars: one group per UTC day, one bar per stage of the funnel. */
 export function funnelChart(rows: FunnelRow[], label: string): SVGSVGElement {
-  const days = [...new Set(rows.map((r) => r.day ?? ''))].sort().slice(-14);
-  const byDay = new Map(rows.map((r) => [r.day ?? '', r]));
-  const max = Math.max(1, ...rows.flatMap((r) => STAGES.map((s) => r[s] ?? 0)));
+  const { days, max } = funnelSeries(rows);
   const W = 560;
   const H = 180;
   const left = 36;
@@ -37,22 +74,13 @@ export function funnelChart(rows: FunnelRow[], label: string): SVGSVGElement {
   const plotW = W - left - 8;
   const plotH = H - top - bottom;
   const root = svg('svg', { viewBox: `0 0 ${W} ${H}`, class: 'chart', role: 'img' });
-  const summary = days.length
-    ? `${label}: ${days
-        .map((d) => {
-          const r = byDay.get(d)!;
-          return `${d}: ${STAGES.map((s) => `${r[s] ?? 0} ${STAGE_LABEL[s].toLowerCase()}`).join(', ')}`;
-        })
-        .join('; ')}`
-    : `${label}: no activity yet`;
+  const summary = funnelSummary(label, days);
   root.setAttribute('aria-label', summary);
   const title = svg('title', {});
   title.textContent = summary;
   root.appendChild(title);
   // Axis and a few grid lines.
-  const ticks = max <= 4 ? max : 4;
-  for (let i = 0; i <= ticks; i++) {
-    const v = Math.round((max * i) / ticks);
+  for (const v of ticks(max)) {
     const y = top + plotH - (plotH * v) / max;
     root.appendChild(svg('line', { x1: left, x2: W - 8, y1: y, y2: y, class: 'grid' }));
     const t = svg('text', { x: left - 6, y: y + 4, class: 'tick', 'text-anchor': 'end' });
@@ -67,11 +95,10 @@ export function funnelChart(rows: FunnelRow[], label: string): SVGSVGElement {
   }
   const groupW = plotW / days.length;
   const barW = Math.max(2, Math.min(18, (groupW - 8) / STAGES.length));
-  days.forEach((d, i) => {
-    const r = byDay.get(d)!;
+  days.forEach(({ day: d, counts }, i) => {
     const gx = left + i * groupW + (groupW - barW * STAGES.length) / 2;
     STAGES.forEach((s, j) => {
-      const v = r[s] ?? 0;
+      const v = counts[s];
       const bh = (plotH * v) / max;
       const rect = svg('rect', {
         x: gx + j * barW,

@@ -82,9 +82,12 @@ export function button(text: string, onclick: (ev: MouseEvent) => void, attrs: R
   return h('button', { type: 'button', ...attrs, onclick }, text);
 }
 
-/** "••••" and the last four characters of a secret. */
+/**
+ * "••••" and the last four characters of a secret; a secret shorter than 12 characters shows none, so
+ * that most of a key is never on the page.
+ */
 export function mask(secret: string): string {
-  return `••••${secret.slice(-4)}`;
+  return secret.length < 12 ? '••••' : `••••${secret.slice(-4)}`;
 }
 
 /** A button that asks once more before it acts (no modal dialogs). */

@@ -15,19 +15,51 @@ export function clearErrors(form: HTMLElement): void {
   }
 }
 
-/** The field whose member is the longest prefix of the member the server named. */
-function fieldFor(form: HTMLElement, member: string): HTMLElement | null {
-  let best: HTMLElement | null = null;
-  let bestLen = -1;
-  form.querySelectorAll<HTMLElement>('[data-member]').forEach((el) => {
-    const m = el.dataset.member ?? '';
+/**
+ * Of the fields' members (JSON Pointers), the index of the one that names the member the server named,
+ * or the longest that holds it; -1 for none. A field without a member takes no error.
+ */
+export function fieldOf(fields: readonly string[], member: string): number {
+  let best = -1;
+  fields.forEach((m, i) => {
     if (m === '') return;
-    if ((member === m || member.startsWith(`${m}/`)) && m.length > bestLen) {
-      best = el;
-      bestLen = m.length;
-    }
+    if ((member === m || member.startsWith(`${m}/`)) && (best < 0 || m.length > fields[best]!.length)) best = i;
   });
   return best;
+}
+
+/** The text that tells an answer's error: the server's words, what the screen adds, when to try again. */
+export function errorText(err: unknown, explain?: (e: ApiError) => string | null): string {
+  let text = err instanceof Error ? err.message : String(err);
+  if (err instanceof ApiError) {
+    const extra = explain?.(err);
+    if (extra) text = `${text} ${extra}`;
+    if (err.status === 429 && err.retryAfter) text = `${text} (try again in ${err.retryAfter} s)`;
+  }
+  return text;
+}
+
+/**
+ * Where an answer's messages go, in the server's order: the answer's own (`text`) at the field of its
+ * member, then each problem's message at the field of the problem's member. A problem that only repeats
+ * the answer (the server names its one problem both ways) is not told twice, and one without words tells
+ * the answer's. Members no field holds are left out: the caller shows `text` at the top of the form when
+ * nothing found a field.
+ */
+export function placeErrors(err: ApiError, text: string, fields: readonly string[]): { field: number; message: string }[] {
+  const told: { member: string | null; message: string }[] = [
+    { member: err.member, message: text },
+    ...err.problems
+      .filter((p) => !(p.member === err.member && p.message === err.message))
+      .map((p) => ({ member: p.member, message: p.message || text })),
+  ];
+  const out: { field: number; message: string }[] = [];
+  for (const { member, message } of told) {
+    if (!member) continue;
+    const field = fieldOf(fields, member);
+    if (field >= 0) out.push({ field, message });
+  }
+  return out;
 }
 
 /** Shows an answer's error beside the field its member names, else at the top of the form. */
@@ -36,25 +68,20 @@ export function showError(form: HTMLElement, err: unknown, explain?: (e: ApiErro
   const top = form.querySelector<HTMLElement>('.form-error');
   if (!(err instanceof ApiError)) {
     if (top) {
-      top.textContent = err instanceof Error ? err.message : String(err);
+      top.textContent = errorText(err);
       top.hidden = false;
     }
     return;
   }
-  let text = err.message;
-  const extra = explain?.(err);
-  if (extra) text = `${text} ${extra}`;
-  if (err.status === 429 && err.retryAfter) text = `${text} (try again in ${err.retryAfter} s)`;
-  const members = [err.member, ...err.problems.map((p) => p.member)].filter((m): m is string => !!m);
+  const text = errorText(err, explain);
+  const wraps = [...form.querySelectorAll<HTMLElement>('[data-member]')];
   let placed = false;
-  for (const member of members) {
-    const wrap = fieldFor(form, member);
-    if (!wrap) continue;
+  for (const { field, message } of placeErrors(err, text, wraps.map((el) => el.dataset.member ?? ''))) {
+    const wrap = wraps[field]!;
     const e = wrap.querySelector<HTMLElement>('.field-error');
     const inp = wrap.querySelector<HTMLElement>('input,select,textarea');
     if (e) {
-      const msg = err.member === member ? text : err.problems.find((p) => p.member === member)?.message ?? text;
-      e.textContent = e.textContent ? `${e.textContent} ${msg}` : msg;
+      e.textContent = e.textContent ? `${e.textContent} ${message}` : message;
       e.hidden = false;
       inp?.setAttribute('aria-invalid', 'true');
       if (!placed) inp?.focus();
@@ -96,12 +123,6 @@ export function toast(text: string): void {
 
 /** Writes an answer's error into one message element. */
 export function showMessage(el: HTMLElement, err: unknown, explain?: (e: ApiError) => string | null): void {
-  let text = err instanceof Error ? err.message : String(err);
-  if (err instanceof ApiError) {
-    const extra = explain?.(err);
-    if (extra) text = `${text} ${extra}`;
-    if (err.status === 429 && err.retryAfter) text = `${text} (try again in ${err.retryAfter} s)`;
-  }
-  el.textContent = text;
+  el.textContent = errorText(err, explain);
   el.hidden = false;
 }

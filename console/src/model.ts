@@ -86,6 +86,13 @@ export function campaignState(c: Pick<Campaign, 'startDate' | 'endDate' | 'disab
   return 'running';
 }
 
+/** The UTC day (YYYY-MM-DD) of seconds since 1970; empty for none (0) or a time no date can hold. */
+export function utcDay(seconds: number | null | undefined): string {
+  if (!seconds || !Number.isFinite(seconds)) return '';
+  const d = new Date(seconds * 1000);
+  return Number.isNaN(d.getTime()) ? '' : d.toISOString().slice(0, 10);
+}
+
 const PALETTE = ['#1f6fb2', '#c0392b', '#2e8b57', '#8e44ad', '#d35400', '#16a085', '#b8860b', '#c2185b', '#34495e', '#6d4c41'];
 
 export function campaignColour(id: number | undefined): string {

@@ -1,7 +1,7 @@
 import { admin, ApiError, seg } from '../api';
 import { button, confirmButton, field, h, input, labelCells, mask, replace } from '../dom';
 import { clearErrors, formError, showError, showMessage, toast } from '../forms';
-import { loadApps, type App } from '../model';
+import { loadApps, utcDay, type App } from '../model';
 
 async function copy(text: string, what: string): Promise<void> {
   try {
@@ -96,7 +96,7 @@ export function mountApps(root: HTMLElement): () => void {
                   { 'data-app': a.name },
                   h('th', { scope: 'row' }, a.name),
                   h('td', {}, h('code', { class: 'masked' }, mask(a.key)), ' ', button('Copy', () => void copy(a.key, `the key of ${a.name}`), { 'aria-label': `Copy the key of ${a.name}` })),
-                  h('td', {}, a.createdAt ? new Date(a.createdAt * 1000).toISOString().slice(0, 10) : ''),
+                  h('td', {}, utcDay(a.createdAt)),
                   h('td', {}, h('span', { class: `badge ${a.disabled ? 'state-disabled' : 'state-running'}` }, a.disabled ? 'disabled' : 'on')),
                   h(
                     'td',

@@ -1,4 +1,4 @@
-import { admin, ApiError, seg } from '../api';
+import { admin, ApiError, seg, versionOf } from '../api';
 import { button, confirmButton, field, h, input, labelCells, replace } from '../dom';
 import { clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
 import { campaignState, loadCampaigns, loadOffers, type Campaign, type Offer } from '../model';
@@ -10,19 +10,26 @@ const DATE_HINT = 'YYYY-MM-DD, or YYYY-MM-DDTHH:MM with Z or ±HH:MM; empty: ope
  * content folder, which devices reach on the public listener; the admin listener serves the same
  * folder under /console/content/.
  */
-function previewAddress(mediaUrl: string): string {
+export function previewAddress(mediaUrl: string): string {
   return mediaUrl.startsWith('/') && !mediaUrl.startsWith('//') ? `/console/content${mediaUrl}` : mediaUrl;
 }
 
-/** The version of one item for If-Match: its own answer's ETag when the server has one. */
-async function versionOf(path: string, fallback: string | null): Promise<string | null> {
-  try {
-    const a = await admin.get<unknown>(path);
-    return a.etag ?? fallback;
-  } catch (e) {
-    if (e instanceof ApiError && e.status === 401) throw e;
-    return fallback;
+/**
+ * What the campaign form sends: the name, and the dates and cap that are filled in. A missing name or
+ * a cap that is not a whole number of 0 or more is refused here, at its field, before anything is sent.
+ */
+export function campaignBody(form: { name: string; startDate: string; endDate: string; perDeviceCap: string }): Record<string, unknown> | ApiError {
+  const body: Record<string, unknown> = { name: form.name.trim() };
+  if (!body.name) return new ApiError(400, 'A campaign needs a name.', '/name', [], null, null);
+  if (form.startDate.trim()) body.startDate = form.startDate.trim();
+  if (form.endDate.trim()) body.endDate = form.endDate.trim();
+  const capText = form.perDeviceCap.trim();
+  if (capText) {
+    const n = Number(capText);
+    if (!Number.isInteger(n) || n < 0) return new ApiError(400, 'The cap is a whole number, 0 or more.', '/perDeviceCap', [], null, null);
+    body.perDeviceCap = n;
   }
+  return body;
 }
 
 export function mountCampaigns(root: HTMLElement): () => void {
@@ -103,21 +110,15 @@ export function mountCampaigns(root: HTMLElement): () => void {
     ev.preventDefault();
     clearErrors(form);
     conflict.hidden = true;
-    const body: Record<string, unknown> = { name: name.input.value.trim() };
-    if (!body.name) {
-      showError(form, new ApiError(400, 'A campaign needs a name.', '/name', [], null, null));
+    const body = campaignBody({
+      name: name.input.value,
+      startDate: start.input.value,
+      endDate: end.input.value,
+      perDeviceCap: cap.input.value,
+    });
+    if (body instanceof ApiError) {
+      showError(form, body);
       return;
-    }
-    if (start.input.value.trim()) body.startDate = start.input.value.trim();
-    if (end.input.value.trim()) body.endDate = end.input.value.trim();
-    const capText = cap.input.value.trim();
-    if (capText) {
-      const n = Number(capText);
-      if (!Number.isInteger(n) || n < 0) {
-        showError(form, new ApiError(400, 'The cap is a whole number, 0 or more.', '/perDeviceCap', [], null, null));
-        return;
-      }
-      body.perDeviceCap = n;
     }
     submit.disabled = true;
     try {

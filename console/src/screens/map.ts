@@ -1,9 +1,10 @@
 import L from 'leaflet';
 import 'leaflet/dist/leaflet.css';
-import { admin, ApiError, seg } from '../api';
+import { admin, ApiError, seg, versionOf } from '../api';
 import { button, confirmButton, field, h, input, replace, select as selectEl, type Field } from '../dom';
 import { clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
 import { campaignColour, loadCampaigns, loadOffers, type Campaign, type Offer, type Place } from '../model';
+import { boxParam, keptToBox, placesPage, staleIds, viewBox } from '../places';
 
 const PAGE = 1000;
 const MAX_PAGES = 100; // 100,000 places at most
@@ -37,11 +38,6 @@ interface Editing {
   edge: L.Marker;
   blocks: OfferBlock[];
   dirty: boolean;
-}
-
-function inBox(p: Place, w: number, s: number, e: number, n: number): boolean {
-  const lonOk = w <= e ? p.lon >= w && p.lon <= e : p.lon >= w || p.lon <= e;
-  return lonOk && p.lat >= s && p.lat <= n;
 }
 
 export function mountMap(root: HTMLElement): () => void {
@@ -141,7 +137,7 @@ export function mountMap(root: HTMLElement): () => void {
     const seen = new Set<number>();
     let after: number | null = null;
     for (let page = 0; page < MAX_PAGES; page++) {
-      const a: { data: PlacesPage; etag: string | null } = await admin.get<PlacesPage>(`places?limit=${PAGE}${after !== null ? `&after=${after}` : ''}`);
+      const a: { data: PlacesPage; etag: string | null } = await admin.get<PlacesPage>(placesPage(PAGE, after));
       if (stopped || seq !== loadSeq) return;
       if (page === 0) listEtag = a.etag;
       a.data.places.forEach((p) => seen.add(p.placeId));
@@ -165,11 +161,8 @@ export function mountMap(root: HTMLElement): () => void {
       return;
     }
     const b = map.getBounds();
-    const w = Math.max(-180, b.getWest());
-    const e = Math.min(180, b.getEast());
-    const s = Math.max(-90, b.getSouth());
-    const n = Math.min(90, b.getNorth());
-    const box = [w, s, e, n].map((v) => v.toFixed(6)).join(',');
+    const area = viewBox(b.getWest(), b.getSouth(), b.getEast(), b.getNorth());
+    const box = boxParam(area);
     const seq = ++loadSeq;
     const seen = new Set<number>();
     let after: number | null = null;
@@ -177,7 +170,7 @@ export function mountMap(root: HTMLElement): () => void {
     for (let page = 0; page < MAX_PAGES; page++) {
       let a: { data: PlacesPage; etag: string | null };
       try {
-        a = await admin.get<PlacesPage>(`places?bbox=${box}&limit=${PAGE}${after !== null ? `&after=${after}` : ''}`);
+        a = await admin.get<PlacesPage>(placesPage(PAGE, after, box));
       } catch (err) {
         if (err instanceof ApiError && err.status === 400 && bboxMode !== 'yes') {
           bboxMode = 'no';
@@ -190,8 +183,7 @@ export function mountMap(root: HTMLElement): () => void {
       if (page === 0) listEtag = a.etag;
       if (bboxMode === 'unknown' && a.data.places.length) {
         // A server that does not know bbox answers every place: page through them all once.
-        const margin = 1e-6;
-        bboxMode = a.data.places.every((p) => inBox(p, w - margin, s - margin, e + margin, n + margin)) ? 'yes' : 'no';
+        bboxMode = keptToBox(a.data.places, area) ? 'yes' : 'no';
         if (bboxMode === 'no') {
           await loadAll();
           return;
@@ -210,10 +202,7 @@ export function mountMap(root: HTMLElement): () => void {
     // The answer is the whole truth for this box: places gone from it were removed or moved. Once it
     // is complete, the places outside the box leave the map too: the canvas redraws every circle it
     // holds at each move, so it holds the view's, not every place seen since the map was opened.
-    for (const p of [...places.values()]) {
-      if (editing?.existing?.placeId === p.placeId) continue;
-      if (inBox(p, w, s, e, n) ? !seen.has(p.placeId) : complete) drop(p.placeId);
-    }
+    for (const id of staleIds([...places.values()], seen, area, complete, editing?.existing?.placeId)) drop(id);
     setStatus();
   }
 
@@ -465,16 +454,6 @@ export function mountMap(root: HTMLElement): () => void {
     name.input.focus();
   }
 
-  async function versionOf(id: number): Promise<string | null> {
-    try {
-      const a = await admin.get<unknown>(`places/${seg(id)}`);
-      return a.etag ?? listEtag;
-    } catch (e) {
-      if (e instanceof ApiError && e.status === 401) throw e;
-      return listEtag;
-    }
-  }
-
   async function select(id: number): Promise<void> {
     if (editing?.dirty && editing.existing?.placeId !== id) {
       showMessage(top, new Error('Save or cancel the place you are editing first.'));
@@ -485,7 +464,7 @@ export function mountMap(root: HTMLElement): () => void {
     if (!p) return;
     let etag: string | null;
     try {
-      etag = await versionOf(id);
+      etag = await versionOf(`places/${seg(id)}`, listEtag);
     } catch (e) {
       showMessage(top, e);
       return;
@@ -610,7 +589,7 @@ export function mountMap(root: HTMLElement): () => void {
       .catch((e) => showMessage(top, e));
     try {
       // Frame the places the first page holds, then load by the view.
-      const first = await admin.get<PlacesPage>(`places?limit=${PAGE}`);
+      const first = await admin.get<PlacesPage>(placesPage(PAGE, null));
       if (stopped) return;
       listEtag = first.etag;
       if (first.data.places.length) {
