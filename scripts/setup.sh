@@ -30,8 +30,9 @@ packages=(
     libmimalloc-dev
     # tovrel-server: metrics in the Prometheus format, gzip answers; PostgreSQL with PostGIS as the shared
     # store of several replicas (its tests start a server of their own), HAProxy in front of the replicas
-    # in the cluster test
+    # in the cluster test; campaign schedules and quiet hours in the tz database's zones
     prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3 haproxy
+    libhowardhinnant-date-dev tzdata
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

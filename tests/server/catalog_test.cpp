@@ -246,7 +246,7 @@ TEST(Catalog, ChangesAppliedInPlaceAnswerAsARebuildWould) {
 
 TEST(Catalog, AnEmptyChangeSetSharesEverythingAndAnEmptyCatalogueFindsNothing) {
     CatalogData data;
-    data.campaigns.push_back(CampaignDef{7, "C", "", "", std::nullopt, std::nullopt, 2});
+    data.campaigns.push_back(CampaignDef{7, "C", "", "", std::nullopt, std::nullopt, 2, {}});
     data.offers.push_back(OfferDef{3, "C", "E", "A", "html", "/m", "", 0, 3});
     data.places.push_back(PlaceDef{5, "P", 48.1, 11.5, 30, {3, 4}});
     const Catalog base(data);

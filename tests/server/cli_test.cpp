@@ -110,7 +110,9 @@ TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
             sqlite3_exec(
                 handle,
                 "INSERT INTO devices VALUES(1, 'D', 'iOS', 'x', 'demo-key', 0, 0);"
-                "INSERT INTO device_events SELECT 1, 1, o.id, p.place, o.campaign, 0, 1748779200, "
+                "INSERT INTO device_events(id, device, offer, place, campaign, suppressed, created_at, "
+                "cleared_at) "
+                "SELECT 1, 1, o.id, p.place, o.campaign, 0, 1748779200, "
                 "NULL FROM offers o JOIN place_offers p ON p.offer = o.id LIMIT 1;"
                 "INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'seen', 1748779300)",
                 nullptr, nullptr, nullptr),

@@ -654,6 +654,8 @@ TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
 // places could be disabled.
 void downgradeToVersion3(Database& db) {
     db.exec(
+        "DROP INDEX device_events_delivered; DROP TABLE settings; ALTER TABLE campaigns DROP COLUMN rules; "
+        "ALTER TABLE apps DROP COLUMN rules; ALTER TABLE device_events DROP COLUMN suppressed_by; "
         "DROP INDEX device_events_device; DROP INDEX sessions_device; DROP INDEX sessions_created; "
         "DROP INDEX log_messages_device; "
         "DROP TABLE funnel_erased");
@@ -739,10 +741,12 @@ TEST_F(ImportIntoDatabase, TheFunnelCountsEachStepOncePerEventAndDay) {
         const std::string c12 = campaignOf(12);
         // Offer 11: two devices, linked the last second of day 1 and the first of day 2; the second
         // one cleared (still counted). Offer 12: one device, never answered.
-        d.exec("INSERT INTO device_events VALUES(1, 1, 11, 1, " + c11 + ", 0, " + std::to_string(day2 - 1) +
-               ", NULL), (2, 2, 11, 1, " + c11 + ", 0, " + std::to_string(day2) + ", " +
-               std::to_string(day2 + 5) + "), (3, 1, 12, 1, " + c12 + ", 0, " + std::to_string(day2 + 60) +
-               ", NULL)");
+        d.exec(
+            "INSERT INTO device_events(id, device, offer, place, campaign, suppressed, created_at, "
+            "cleared_at) VALUES(1, 1, 11, 1, " +
+            c11 + ", 0, " + std::to_string(day2 - 1) + ", NULL), (2, 2, 11, 1, " + c11 + ", 0, " +
+            std::to_string(day2) + ", " + std::to_string(day2 + 5) + "), (3, 1, 12, 1, " + c12 + ", 0, " +
+            std::to_string(day2 + 60) + ", NULL)");
         // Event 1 is seen on both days and twice on day 2; event 2 is acknowledged and declined.
         d.exec("INSERT INTO device_event_status(device_event, status, at) VALUES(1, 'ack', " +
                std::to_string(day2 - 1) + "), (1, 'seen', " + std::to_string(day2 - 1) + "), (1, 'seen', " +

@@ -31,7 +31,7 @@ void addAppKey(const std::string& dbPath, const std::string& key, const std::str
     if (key.empty()) {
         throw std::invalid_argument("the app key must not be empty");
     }
-    openStore(dbPath)->writeApp(AppDef{key, name}, wallClock());
+    openStore(dbPath)->addApp(key, name, wallClock(), nullptr);
 }
 
 namespace {

@@ -600,6 +600,7 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     const double now = clock_();
 
     thread_local std::vector<SpatialIndex::Hit> hits;
+    thread_local std::vector<std::pair<int, const Catalog::Offer*>> offers;
     std::string out = buffer_pool::take();
     out += "{\"places\":[";
     const std::shared_ptr<const Catalog> snapshot = catalog();
@@ -611,11 +612,21 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     std::size_t records = 0;
     for (const SpatialIndex::Hit& hit : hits) {
         const Catalog::Place& place = cat.placeAt(hit.id);
+        offers.clear();
         for (const int64_t o : place.offers) {
             const Catalog::Offer* found = cat.findOffer(o);
-            if (found == nullptr || !cat.campaignOf(*found).activeAt(now)) {
+            if (found == nullptr) {
                 continue;
             }
+            const Catalog::Campaign& campaign = cat.campaignOf(*found);
+            if (campaign.liveAt(now)) {
+                offers.emplace_back(-campaign.rules.priority, found);
+            }
+        }
+        // The component links the first offer of a place: higher priorities first, then by eventId.
+        std::stable_sort(offers.begin(), offers.end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        for (const auto& [priority, found] : offers) {
             const Catalog::Offer& offer = *found;
             if (records++ == kMaxPlaceRecords) {
                 break;
@@ -660,8 +671,12 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
     {
         Lock db(dbMutex_);
         loadDeviceLocked(device);
-        const LinkRow stored =
-            store_->addLink(device, NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap}, clock_());
+        const double now = clock_();
+        const bool outsideSchedule = campaign.rules.schedule && !campaign.rules.schedule->contains(now);
+        const LinkRow stored = store_->addLink(device,
+                                               NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap,
+                                                       campaign.name, &campaign.rules, outsideSchedule},
+                                               now);
         info = LinkInfo{stored.id, stored.suppressed};
         // The writers' lock held throughout: nothing evicted the device since it was loaded.
         Lock lock(stateMutex_);
@@ -752,7 +767,7 @@ ImportSummary Service::importGeoJson(const std::string& path) {
 
 void Service::addApp(const std::string& key, const std::string& name) {
     Lock db(dbMutex_);
-    store_->writeApp(AppDef{key, name}, clock_());
+    store_->addApp(key, name, clock_(), nullptr);
 }
 
 Report Service::report() {

@@ -91,7 +91,7 @@ void Catalog::setCampaigns(const std::vector<CampaignDef>& defs) {
     campaignDefs_ = std::make_shared<const std::vector<CampaignDef>>(defs);
     campaigns_.clear();
     for (const CampaignDef& c : defs) {
-        campaigns_.push_back(Campaign{c.id, c.startTime, c.endTime, c.perDeviceCap});
+        campaigns_.push_back(Campaign{c.id, c.startTime, c.endTime, c.perDeviceCap, c.name, c.rules});
     }
     std::sort(campaigns_.begin(), campaigns_.end(),
               [](const Campaign& a, const Campaign& b) { return a.id < b.id; });
@@ -200,7 +200,8 @@ bool Catalog::offeredAt(const Place& place, const Offer& offer) const {
 
 const Catalog::Campaign& Catalog::campaignOf(const Offer& offer) const {
     // Never active: for an offer whose campaign went while the offer stayed, which the store prevents.
-    static const Campaign kGone{0, std::numeric_limits<double>::infinity(), std::nullopt, std::nullopt};
+    static const Campaign kGone{0, std::numeric_limits<double>::infinity(), std::nullopt, std::nullopt, "",
+                                {}};
     const auto it = std::lower_bound(campaigns_.begin(), campaigns_.end(), offer.campaign,
                                      [](const Campaign& c, int64_t id) { return c.id < id; });
     return it != campaigns_.end() && it->id == offer.campaign ? *it : kGone;

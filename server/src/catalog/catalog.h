@@ -27,7 +27,13 @@ class Catalog {
         std::optional<double> start;
         std::optional<double> end;
         std::optional<int64_t> perDeviceCap;
+        std::string name;
+        CampaignRules rules;
         bool activeAt(double now) const { return (!start || *start <= now) && (!end || now <= *end); }
+        /// Between its dates and inside its schedule: its offers are answered.
+        bool liveAt(double now) const {
+            return activeAt(now) && (!rules.schedule || rules.schedule->contains(now));
+        }
     };
     struct Offer {
         int64_t id = 0;

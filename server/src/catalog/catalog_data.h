@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rules/rules.h"
 #include "tovrel_server/admin.h"
 
 namespace tovrel::server {
@@ -18,6 +19,9 @@ class Database;
 struct AppDef {
     std::string key;
     std::string name;
+    AppRules rules;
+
+    bool operator==(const AppDef&) const = default;
 };
 
 struct CampaignDef {
@@ -28,6 +32,7 @@ struct CampaignDef {
     std::optional<double> startTime;  ///< seconds since 1970; none = open
     std::optional<double> endTime;
     std::optional<int64_t> perDeviceCap;
+    CampaignRules rules;
 
     bool operator==(const CampaignDef&) const = default;
 };

@@ -236,7 +236,9 @@ CampaignDef parseCampaign(const json& c, const Where& where) {
     if (!c.is_object()) {
         fail(where, "", "a campaign must be an object");
     }
-    onlyMembers(c, {"name", "startDate", "endDate", "perDeviceCap"}, where, "a campaign");
+    onlyMembers(
+        c, {"name", "startDate", "endDate", "perDeviceCap", "schedule", "caps", "priority", "controlGroup"},
+        where, "a campaign");
     CampaignDef def;
     def.name = requireString(c, "name", where, "name", kCampaignName);
     if (def.name.empty()) {
@@ -268,6 +270,11 @@ CampaignDef parseCampaign(const json& c, const Where& where) {
             fail(where, "/perDeviceCap", "perDeviceCap must be a whole number of 0 or more");
         }
         def.perDeviceCap = cap->get<int64_t>();
+    }
+    try {
+        def.rules = parseCampaignRules(c);
+    } catch (const RuleError& e) {
+        fail(where, e.member, e.what());
     }
     return def;
 }
@@ -549,9 +556,15 @@ class Checker {
         if (!a.is_object()) {
             fail(where, "", "an app must be an object with \"key\" and \"name\"");
         }
-        onlyMembers(a, {"key", "name"}, where, "an app");
+        onlyMembers(a, {"key", "name", "quietHours", "dailyOfferCap"}, where, "an app");
         AppDef app{requireString(a, "key", where, "key", kAppKey),
-                   optionalString(a, "name", where, "name", "", kAppName)};
+                   optionalString(a, "name", where, "name", "", kAppName),
+                   {}};
+        try {
+            app.rules = parseAppRules(a);
+        } catch (const RuleError& e) {
+            fail(where, e.member, e.what());
+        }
         if (app.key.empty()) {
             fail(where, "/key", "key must not be empty");
         }

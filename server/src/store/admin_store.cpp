@@ -29,12 +29,14 @@ bool changedRows(Database& db, const char* sql, int64_t id, std::optional<int> f
 
 json listApps(Database& db) {
     json apps = json::array();
-    Statement st = db.prepare("SELECT key, name, created_at, disabled FROM apps ORDER BY key");
+    Statement st = db.prepare("SELECT key, name, created_at, disabled, rules FROM apps ORDER BY key");
     while (st.step()) {
-        apps.push_back({{"key", st.text(0)},
-                        {"name", st.text(1)},
-                        {"createdAt", st.real(2)},
-                        {"disabled", st.integer(3) != 0}});
+        json app{{"key", st.text(0)},
+                 {"name", st.text(1)},
+                 {"createdAt", st.real(2)},
+                 {"disabled", st.integer(3) != 0}};
+        addStoredRules(app, st.text(4));
+        apps.push_back(std::move(app));
     }
     return apps;
 }
@@ -78,15 +80,17 @@ json listCampaigns(Database& db) {
     json campaigns = json::array();
     Statement st = db.prepare(
         "SELECT c.id, c.name, c.start_date, c.end_date, c.per_device_cap, c.disabled, "
-        "(SELECT count(*) FROM offers o WHERE o.campaign = c.id) FROM campaigns c ORDER BY c.id");
+        "(SELECT count(*) FROM offers o WHERE o.campaign = c.id), c.rules FROM campaigns c ORDER BY c.id");
     while (st.step()) {
-        campaigns.push_back({{"id", st.integer(0)},
-                             {"name", st.text(1)},
-                             {"startDate", st.text(2)},
-                             {"endDate", st.text(3)},
-                             {"perDeviceCap", nullable(st, 4)},
-                             {"disabled", st.integer(5) != 0},
-                             {"offers", st.integer(6)}});
+        json c{{"id", st.integer(0)},
+               {"name", st.text(1)},
+               {"startDate", st.text(2)},
+               {"endDate", st.text(3)},
+               {"perDeviceCap", nullable(st, 4)},
+               {"disabled", st.integer(5) != 0},
+               {"offers", st.integer(6)}};
+        addStoredRules(c, st.text(7));
+        campaigns.push_back(std::move(c));
     }
     return campaigns;
 }
@@ -193,7 +197,8 @@ bool removePlace(Database& db, int64_t id) {
 
 json campaignDefinitions(Database& db) {
     json campaigns = json::array();
-    Statement st = db.prepare("SELECT name, start_date, end_date, per_device_cap FROM campaigns ORDER BY id");
+    Statement st =
+        db.prepare("SELECT name, start_date, end_date, per_device_cap, rules FROM campaigns ORDER BY id");
     while (st.step()) {
         json c{{"name", st.text(0)}};
         if (!st.text(1).empty()) {
@@ -205,6 +210,7 @@ json campaignDefinitions(Database& db) {
         if (!st.isNull(3)) {
             c["perDeviceCap"] = st.integer(3);
         }
+        addStoredRules(c, st.text(4));
         campaigns.push_back(std::move(c));
     }
     return campaigns;

@@ -30,17 +30,20 @@ json links(const SqlSource& source, const std::string& device) {
     json out = json::array();
     std::vector<std::pair<int64_t, std::size_t>> index;
     for (const auto& r :
-         source.rows("SELECT id, offer, place, campaign, suppressed, created_at, cleared_at FROM "
-                     "device_events WHERE device = " +
+         source.rows("SELECT id, offer, place, campaign, suppressed, created_at, cleared_at, suppressed_by "
+                     "FROM device_events WHERE device = " +
                      device + " ORDER BY id")) {
-        out.push_back({{"deviceEventId", std::stoll(r[0])},
-                       {"offerId", std::stoll(r[1])},
-                       {"placeId", std::stoll(r[2])},
-                       {"campaignId", std::stoll(r[3])},
-                       {"suppressed", r[4] == "1" || r[4] == "t"},
-                       {"linkedAt", seconds(r[5])},
-                       {"clearedAt", optionalSeconds(r[6])},
-                       {"statuses", json::array()}});
+        json& link = out.emplace_back(json{{"deviceEventId", std::stoll(r[0])},
+                                           {"offerId", std::stoll(r[1])},
+                                           {"placeId", std::stoll(r[2])},
+                                           {"campaignId", std::stoll(r[3])},
+                                           {"suppressed", r[4] == "1" || r[4] == "t"},
+                                           {"linkedAt", seconds(r[5])},
+                                           {"clearedAt", optionalSeconds(r[6])},
+                                           {"statuses", json::array()}});
+        if (!r[7].empty()) {
+            link["suppressedBy"] = r[7];
+        }
     }
     std::size_t at = 0;
     for (const auto& r : source.rows("SELECT s.device_event, s.status, s.at FROM device_event_status s JOIN "

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "catalog/catalog_data.h"
+#include "rules/link_decision.h"
 #include "tovrel_server/admin.h"
 
 namespace tovrel::server {
@@ -41,15 +42,20 @@ struct LinkRow {
     int64_t place = 0;
     int64_t campaign = 0;
     bool suppressed = false;
+    Suppression reason = Suppression::none;  ///< why, when suppressed
 };
 
-/// A device event a link asks for. The store decides `suppressed` itself: true when the device already
-/// has `perDeviceCap` live device events of the campaign.
+/// A device event a link asks for. The service has asked the rules that need no counting (the
+/// campaign's schedule); the store asks the others in the transaction that inserts the link, so
+/// replicas linking one device count each other's links (linkSuppression()).
 struct NewLink {
     int64_t offer = 0;
     int64_t place = 0;
     int64_t campaign = 0;
     std::optional<int64_t> perDeviceCap;
+    std::string_view campaignName;          ///< keys the control group
+    const CampaignRules* rules = nullptr;  ///< none: no rules
+    bool outsideSchedule = false;
 };
 
 /// What erasing a device removed, by kind of row.

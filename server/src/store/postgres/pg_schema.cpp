@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 4> kPgMigrations = {
+constexpr std::array<const char*, 5> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -249,6 +249,17 @@ CREATE TABLE funnel_erased(
     offer bigint NOT NULL,
     kind text NOT NULL,
     count bigint NOT NULL);
+)sql",
+    // Campaign and app rules (JSON, '' for none); why a link was suppressed; deliveries counted over
+    // rolling windows; the key that places devices in control groups, the same for every replica.
+    R"sql(
+ALTER TABLE campaigns ADD COLUMN rules text NOT NULL DEFAULT '';
+ALTER TABLE apps ADD COLUMN rules text NOT NULL DEFAULT '';
+ALTER TABLE device_events ADD COLUMN suppressed_by text NOT NULL DEFAULT '';
+CREATE INDEX device_events_delivered ON device_events(device, created_at) WHERE NOT suppressed;
+CREATE TABLE settings(name text PRIMARY KEY, value text NOT NULL);
+INSERT INTO settings(name, value)
+    VALUES('control_group_key', replace(gen_random_uuid()::text || gen_random_uuid()::text, '-', ''));
 )sql",
 };
 

@@ -10,6 +10,7 @@
 #include "common/session_keys.h"
 #include "store/admin_store.h"
 #include "store/device_data.h"
+#include "store/link_suppression.h"
 #include "store/report.h"
 
 namespace tovrel::server {
@@ -124,6 +125,8 @@ std::vector<LinkRow> PgStore::liveLinks(int64_t device) {
     return links;
 }
 
+SqlSource pgSource(PgConnection& conn);
+
 LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
     auto conn = pool_.acquire();
     PgTransaction tx(*conn);
@@ -133,27 +136,24 @@ LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
         throw DeviceGone("the device was erased");
     }
     const PgResult live = conn->exec(
-        "SELECT id, suppressed FROM device_events WHERE device = $1 AND offer = $2 AND place = $3 AND "
-        "cleared_at IS NULL",
+        "SELECT id, suppressed, suppressed_by FROM device_events WHERE device = $1 AND offer = $2 AND place "
+        "= "
+        "$3 AND cleared_at IS NULL",
         device, link.offer, link.place);
     if (live.rows() > 0) {
         tx.commit();
-        return LinkRow{live.integer(0, 0), link.offer, link.place, link.campaign, live.boolean(0, 1)};
+        return LinkRow{live.integer(0, 0), link.offer,         link.place,
+                       link.campaign,      live.boolean(0, 1), suppressionFrom(live.text(0, 2))};
     }
-    bool suppressed = false;
-    if (link.perDeviceCap) {
-        const PgResult count = conn->exec(
-            "SELECT count(*) FROM device_events WHERE device = $1 AND campaign = $2 AND cleared_at IS NULL",
-            device, link.campaign);
-        suppressed = count.integer(0, 0) >= *link.perDeviceCap;
-    }
+    const Suppression reason = linkSuppression(pgSource(*conn), device, link, now);
+    const bool suppressed = reason != Suppression::none;
     const PgResult inserted = conn->exec(
-        "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
-        "VALUES($1, $2, $3, $4, $5, $6) RETURNING id",
-        device, link.offer, link.place, link.campaign, suppressed, now);
+        "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, created_at) "
+        "VALUES($1, $2, $3, $4, $5, $6, $7) RETURNING id",
+        device, link.offer, link.place, link.campaign, suppressed, std::string(suppressionName(reason)), now);
     notifyDeviceChanged(*conn, device);
     tx.commit();
-    return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed};
+    return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed, reason};
 }
 
 std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
@@ -255,9 +255,9 @@ namespace {
 
 void upsertApp(PgConnection& conn, const AppDef& app, double now) {
     conn.exec(
-        "INSERT INTO apps(key, name, created_at) VALUES($1, $2, $3) ON CONFLICT(key) DO UPDATE SET name = "
-        "excluded.name",
-        app.key, app.name, now);
+        "INSERT INTO apps(key, name, created_at, rules) VALUES($1, $2, $3, $4) ON CONFLICT(key) DO UPDATE "
+        "SET name = excluded.name, rules = excluded.rules",
+        app.key, app.name, now, rulesText(app.rules));
 }
 
 }  // namespace
@@ -271,15 +271,15 @@ ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
     std::map<std::string, int64_t> ids;
     for (const CampaignDef& c : data.campaigns) {
         const PgResult r = conn->exec(
-            "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap) "
-            "VALUES($1, $2, $3, $4, $5, $6) ON CONFLICT(name) DO UPDATE SET start_date = "
+            "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap, rules) "
+            "VALUES($1, $2, $3, $4, $5, $6, $7) ON CONFLICT(name) DO UPDATE SET start_date = "
             "excluded.start_date, "
             "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
-            "per_device_cap = excluded.per_device_cap WHERE (campaigns.start_date, campaigns.end_date, "
-            "campaigns.start_time, campaigns.end_time, campaigns.per_device_cap) IS DISTINCT FROM "
-            "(excluded.start_date, excluded.end_date, excluded.start_time, excluded.end_time, "
-            "excluded.per_device_cap) RETURNING id",
-            c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap);
+            "per_device_cap = excluded.per_device_cap, rules = excluded.rules WHERE (campaigns.start_date, "
+            "campaigns.end_date, campaigns.start_time, campaigns.end_time, campaigns.per_device_cap, "
+            "campaigns.rules) IS DISTINCT FROM (excluded.start_date, excluded.end_date, excluded.start_time, "
+            "excluded.end_time, excluded.per_device_cap, excluded.rules) RETURNING id",
+            c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap, rulesText(c.rules));
         // A campaign written as it was is left alone: replicas would otherwise read all its offers again.
         ids[c.name] = r.rows() > 0
                           ? r.integer(0, 0)
@@ -358,8 +358,8 @@ namespace {
 std::vector<CampaignDef> readCampaigns(PgConnection& conn) {
     std::vector<CampaignDef> out;
     const PgResult campaigns = conn.exec(
-        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
-        "NOT disabled ORDER BY id");
+        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap, rules FROM campaigns "
+        "WHERE NOT disabled ORDER BY id");
     for (int i = 0; i < campaigns.rows(); ++i) {
         CampaignDef c;
         c.id = campaigns.integer(i, 0);
@@ -375,6 +375,7 @@ std::vector<CampaignDef> readCampaigns(PgConnection& conn) {
         if (!campaigns.isNull(i, 6)) {
             c.perDeviceCap = campaigns.integer(i, 6);
         }
+        c.rules = campaignRulesFrom(campaigns.text(i, 7));
         out.push_back(std::move(c));
     }
     return out;
@@ -622,13 +623,15 @@ bool PgStore::reachable() {
 json PgStore::listApps() {
     auto conn = pool_.acquire();
     const PgResult r =
-        conn->exec("SELECT key, name, created_at, disabled FROM apps ORDER BY key COLLATE \"C\"");
+        conn->exec("SELECT key, name, created_at, disabled, rules FROM apps ORDER BY key COLLATE \"C\"");
     json apps = json::array();
     for (int i = 0; i < r.rows(); ++i) {
-        apps.push_back({{"key", r.text(i, 0)},
-                        {"name", r.text(i, 1)},
-                        {"createdAt", r.real(i, 2)},
-                        {"disabled", r.boolean(i, 3)}});
+        json app{{"key", r.text(i, 0)},
+                 {"name", r.text(i, 1)},
+                 {"createdAt", r.real(i, 2)},
+                 {"disabled", r.boolean(i, 3)}};
+        addStoredRules(app, r.text(i, 4));
+        apps.push_back(std::move(app));
     }
     return apps;
 }
@@ -672,16 +675,18 @@ json PgStore::listCampaigns() {
     auto conn = pool_.acquire();
     const PgResult r = conn->exec(
         "SELECT c.id, c.name, c.start_date, c.end_date, c.per_device_cap, c.disabled, "
-        "(SELECT count(*) FROM offers o WHERE o.campaign = c.id) FROM campaigns c ORDER BY c.id");
+        "(SELECT count(*) FROM offers o WHERE o.campaign = c.id), c.rules FROM campaigns c ORDER BY c.id");
     json campaigns = json::array();
     for (int i = 0; i < r.rows(); ++i) {
-        campaigns.push_back({{"id", r.integer(i, 0)},
-                             {"name", r.text(i, 1)},
-                             {"startDate", r.text(i, 2)},
-                             {"endDate", r.text(i, 3)},
-                             {"perDeviceCap", nullableInteger(r, i, 4)},
-                             {"disabled", r.boolean(i, 5)},
-                             {"offers", r.integer(i, 6)}});
+        json c{{"id", r.integer(i, 0)},
+               {"name", r.text(i, 1)},
+               {"startDate", r.text(i, 2)},
+               {"endDate", r.text(i, 3)},
+               {"perDeviceCap", nullableInteger(r, i, 4)},
+               {"disabled", r.boolean(i, 5)},
+               {"offers", r.integer(i, 6)}};
+        addStoredRules(c, r.text(i, 7));
+        campaigns.push_back(std::move(c));
     }
     return campaigns;
 }
@@ -813,7 +818,7 @@ bool PgStore::removePlace(int64_t id) {
 json PgStore::campaignDefinitions() {
     auto conn = pool_.acquire();
     const PgResult r =
-        conn->exec("SELECT name, start_date, end_date, per_device_cap FROM campaigns ORDER BY id");
+        conn->exec("SELECT name, start_date, end_date, per_device_cap, rules FROM campaigns ORDER BY id");
     json campaigns = json::array();
     for (int i = 0; i < r.rows(); ++i) {
         json c{{"name", r.text(i, 0)}};
@@ -826,6 +831,7 @@ json PgStore::campaignDefinitions() {
         if (!r.isNull(i, 3)) {
             c["perDeviceCap"] = r.integer(i, 3);
         }
+        addStoredRules(c, r.text(i, 4));
         campaigns.push_back(std::move(c));
     }
     return campaigns;

@@ -8,9 +8,9 @@ namespace tovrel::server {
 
 void writeApp(Database& db, const AppDef& app, double now) {
     db.prepare(
-          "INSERT INTO apps(key, name, created_at) VALUES(?, ?, ?) "
-          "ON CONFLICT(key) DO UPDATE SET name = excluded.name")
-        .with(app.key, app.name, now)
+          "INSERT INTO apps(key, name, created_at, rules) VALUES(?, ?, ?, ?) "
+          "ON CONFLICT(key) DO UPDATE SET name = excluded.name, rules = excluded.rules")
+        .with(app.key, app.name, now, rulesText(app.rules))
         .run();
 }
 
@@ -28,14 +28,16 @@ ImportSummary writeRows(Database& db, const std::vector<AppDef>& apps,
     }
 
     Statement campaign = db.prepare(
-        "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap) "
-        "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(name) DO UPDATE SET start_date = excluded.start_date, "
+        "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap, rules) "
+        "VALUES(?, ?, ?, ?, ?, ?, ?) ON CONFLICT(name) DO UPDATE SET start_date = excluded.start_date, "
         "end_date = excluded.end_date, start_time = excluded.start_time, end_time = excluded.end_time, "
-        "per_device_cap = excluded.per_device_cap");
+        "per_device_cap = excluded.per_device_cap, rules = excluded.rules");
     Statement campaignId = db.prepare("SELECT id FROM campaigns WHERE name = ?");
     std::map<std::string, int64_t, std::less<>> ids;
     for (const CampaignDef& c : campaigns) {
-        campaign.with(c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap).run();
+        campaign
+            .with(c.name, c.startDate, c.endDate, c.startTime, c.endTime, c.perDeviceCap, rulesText(c.rules))
+            .run();
         campaignId.with(c.name).step();
         ids[c.name] = campaignId.integer(0);
     }
@@ -94,8 +96,8 @@ namespace {
 std::vector<CampaignDef> readCampaigns(Database& db) {
     std::vector<CampaignDef> out;
     Statement campaigns = db.prepare(
-        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE "
-        "disabled = 0 ORDER BY id");
+        "SELECT id, name, start_date, end_date, start_time, end_time, per_device_cap, rules FROM campaigns "
+        "WHERE disabled = 0 ORDER BY id");
     while (campaigns.step()) {
         CampaignDef c;
         c.id = campaigns.integer(0);
@@ -111,6 +113,7 @@ std::vector<CampaignDef> readCampaigns(Database& db) {
         if (!campaigns.isNull(6)) {
             c.perDeviceCap = campaigns.integer(6);
         }
+        c.rules = campaignRulesFrom(campaigns.text(7));
         out.push_back(std::move(c));
     }
     return out;

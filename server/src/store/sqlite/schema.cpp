@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 5> kMigrations = {
+constexpr std::array<const char*, 6> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -117,6 +117,16 @@ CREATE TABLE funnel_erased(
     offer INTEGER NOT NULL,
     kind TEXT NOT NULL,
     count INTEGER NOT NULL);
+)sql",
+    // Campaign and app rules (JSON, '' for none); why a link was suppressed; deliveries counted over
+    // rolling windows; the key that places devices in control groups, the same for every replica.
+    R"sql(
+ALTER TABLE campaigns ADD COLUMN rules TEXT NOT NULL DEFAULT '';
+ALTER TABLE apps ADD COLUMN rules TEXT NOT NULL DEFAULT '';
+ALTER TABLE device_events ADD COLUMN suppressed_by TEXT NOT NULL DEFAULT '';
+CREATE INDEX device_events_delivered ON device_events(device, created_at) WHERE NOT suppressed;
+CREATE TABLE settings(name TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
+INSERT INTO settings(name, value) VALUES('control_group_key', lower(hex(randomblob(32))));
 )sql",
 };
 

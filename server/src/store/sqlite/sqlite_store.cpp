@@ -5,6 +5,7 @@
 
 #include "store/admin_store.h"
 #include "store/device_data.h"
+#include "store/link_suppression.h"
 #include "store/report.h"
 
 namespace tovrel::server {
@@ -57,27 +58,27 @@ std::vector<LinkRow> SqliteStore::liveLinks(int64_t device) {
 }
 
 LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
-    // One connection writes at a time: nothing can link between these reads and the insert.
+    // Counted and inserted in one write transaction: nothing links between the counts and the insert.
+    Transaction tx(db_);
     Statement live = db_.prepare(
-        "SELECT id, suppressed FROM device_events WHERE device = ? AND offer = ? AND place = ? AND "
-        "cleared_at "
-        "IS NULL");
+        "SELECT id, suppressed, suppressed_by FROM device_events WHERE device = ? AND offer = ? AND place = "
+        "? "
+        "AND cleared_at IS NULL");
     if (live.with(device, link.offer, link.place).step()) {
-        return LinkRow{live.integer(0), link.offer, link.place, link.campaign, live.integer(1) != 0};
+        return LinkRow{live.integer(0), link.offer,           link.place,
+                       link.campaign,   live.integer(1) != 0, suppressionFrom(live.text(2))};
     }
-    bool suppressed = false;
-    if (link.perDeviceCap) {
-        Statement count = db_.prepare(
-            "SELECT count(*) FROM device_events WHERE device = ? AND campaign = ? AND cleared_at IS NULL");
-        count.with(device, link.campaign).step();
-        suppressed = count.integer(0) >= *link.perDeviceCap;
-    }
+    const Suppression reason = linkSuppression(sqliteSource(db_), device, link, now);
+    const bool suppressed = reason != Suppression::none;
     db_.prepare(
-           "INSERT INTO device_events(device, offer, place, campaign, suppressed, created_at) "
-           "VALUES(?, ?, ?, ?, ?, ?)")
-        .with(device, link.offer, link.place, link.campaign, suppressed ? 1 : 0, now)
+           "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, created_at) "
+           "VALUES(?, ?, ?, ?, ?, ?, ?)")
+        .with(device, link.offer, link.place, link.campaign, suppressed ? 1 : 0,
+              std::string(suppressionName(reason)), now)
         .run();
-    return LinkRow{db_.lastInsertId(), link.offer, link.place, link.campaign, suppressed};
+    const int64_t id = db_.lastInsertId();
+    tx.commit();
+    return LinkRow{id, link.offer, link.place, link.campaign, suppressed, reason};
 }
 
 std::optional<int64_t> SqliteStore::liveLinkOwner(int64_t deviceEvent) {
@@ -155,7 +156,9 @@ ImportSummary SqliteStore::writeRecorded(const std::vector<CampaignDef>& campaig
     // Campaigns written as they are stored change nothing; the others' offers are all read again.
     std::vector<std::string> changed;
     Statement stored = db_.prepare(
-        "SELECT start_date, end_date, start_time, end_time, per_device_cap FROM campaigns WHERE name = ?");
+        "SELECT start_date, end_date, start_time, end_time, per_device_cap, rules FROM campaigns WHERE name "
+        "= "
+        "?");
     for (const CampaignDef& c : campaigns) {
         CampaignDef was = c;
         bool same = false;
@@ -165,6 +168,7 @@ ImportSummary SqliteStore::writeRecorded(const std::vector<CampaignDef>& campaig
             was.startTime = stored.isNull(2) ? std::nullopt : std::optional<double>(stored.real(2));
             was.endTime = stored.isNull(3) ? std::nullopt : std::optional<double>(stored.real(3));
             was.perDeviceCap = stored.isNull(4) ? std::nullopt : std::optional<int64_t>(stored.integer(4));
+            was.rules = campaignRulesFrom(stored.text(5));
             same = was == c;
         }
         if (!same) {
