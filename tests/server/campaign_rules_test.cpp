@@ -2,6 +2,8 @@
 // answers, links held back by the rule that decided, counted by the database.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "test_support.h"
 
 namespace tovrel::server::test {
@@ -65,7 +67,21 @@ class CampaignRules : public StoreTest {
         return out;
     }
 
-    ServerFixture fx{fixtureOptions()};
+    HttpResult admin(const std::string& method, const std::string& path, const std::string& body = {}) {
+        HttpClient client(fx.adminPort());
+        return client.request(method, path, body, {std::string("Authorization: Bearer ") + kToken});
+    }
+    static ServerFixture::Options withAdmin() {
+        ServerFixture::Options options;
+        options.configure = [](ServerOptions& o) {
+            o.adminAddress = "127.0.0.1";
+            o.adminToken = kToken;
+        };
+        return options;
+    }
+
+    static constexpr const char* kToken = "0123456789abcdef-admin";
+    ServerFixture fx{fixtureOptions(withAdmin())};
     std::string key;
 };
 
@@ -141,6 +157,76 @@ TEST_P(CampaignRules, AControlGroupIsLinkedButNotShownAndStaysTheSame) {
         const std::string again = fx.startSession("HOLDOUT-" + std::to_string(i));
         EXPECT_EQ(suppressed(again, "9103", "902"), was == "control" ? 1 : 0) << i;
     }
+}
+
+TEST_P(CampaignRules, TheFunnelComparesExposedDevicesWithTheControlGroup) {
+    std::vector<std::string> keys;
+    std::vector<bool> held;
+    for (int i = 0; i < 40; ++i) {
+        keys.push_back(fx.startSession("HOLDOUT-" + std::to_string(i)));
+        held.push_back(suppressed(keys.back(), "9103", "902") == 1);
+    }
+    // Every third device comes back two days later, every fifth eight days later (too late to count).
+    int exposedBack = 0;
+    int controlBack = 0;
+    for (int i = 0; i < 40; i += 3) {
+        fx.setTime(at(2026, 1, 16, 11));
+        clear(keys[i]);
+        suppressed(keys[i], "9103", "902");
+        (held[i] ? controlBack : exposedBack) += 1;
+    }
+    fx.setTime(at(2026, 1, 22, 12));
+    for (int i = 1; i < 40; i += 5) {
+        clear(keys[i]);
+        suppressed(keys[i], "9103", "902");
+    }
+    const HttpResult funnel = admin("GET", "/admin/v1/funnel");
+    ASSERT_EQ(funnel.status, 200) << funnel.body;
+    const json control = funnel.parsed().at("control");
+    ASSERT_EQ(control.size(), 1u) << funnel.body;
+    const int heldOut = static_cast<int>(std::count(held.begin(), held.end(), true));
+    EXPECT_EQ(control[0].at("campaign"), "Held out");
+    EXPECT_EQ(control[0].at("control").at("devices"), heldOut);
+    EXPECT_EQ(control[0].at("exposed").at("devices"), 40 - heldOut);
+    EXPECT_EQ(control[0].at("control").at("returned"), controlBack);
+    EXPECT_EQ(control[0].at("exposed").at("returned"), exposedBack);
+    EXPECT_EQ(control[0].at("control").at("answered"), 0);
+    if (controlBack > 0 && exposedBack > 0) {
+        const double lift = (exposedBack / double(40 - heldOut)) / (controlBack / double(heldOut)) - 1;
+        EXPECT_NEAR(control[0].at("lift").get<double>(), lift, 1e-9);
+        EXPECT_LT(control[0].at("liftLow").get<double>(), lift);
+        EXPECT_GT(control[0].at("liftHigh").get<double>(), lift);
+    }
+}
+
+TEST_P(CampaignRules, TheAdminApiTakesAndListsRulesAndNamesAWrongOne) {
+    const HttpResult bad = admin("POST", "/admin/v1/campaigns",
+                                 R"({"name": "Night", "schedule": {"timeZone": "Europe/Berlin",
+                                     "windows": [{"days": ["sat"], "from": "22:00", "to": "25:00"}]}})");
+    EXPECT_EQ(bad.status, 400) << bad.body;
+    EXPECT_EQ(bad.parsed().value("member", ""), "/schedule/windows/0/to") << bad.body;
+    const HttpResult good =
+        admin("POST", "/admin/v1/campaigns",
+              R"({"name": "Night", "priority": -2, "schedule": {"timeZone": "Europe/Berlin",
+                                      "windows": [{"days": ["sat"], "from": "22:00", "to": "02:00"}]}})");
+    EXPECT_EQ(good.status, 200) << good.body;
+    const json listed = admin("GET", "/admin/v1/campaigns").parsed().at("campaigns");
+    bool found = false;
+    for (const json& c : listed) {
+        if (c.at("name") == "Coffee") {
+            EXPECT_EQ(c.at("caps"),
+                      json::parse(R"([{"count": 1, "per": "day"}, {"count": 3, "per": "week"}])"));
+            EXPECT_EQ(c.at("priority"), 5);
+        }
+        if (c.at("name") == "Night") {
+            found = true;
+            EXPECT_EQ(c.at("schedule").at("windows").at(0).at("to"), "02:00");
+            EXPECT_EQ(c.at("priority"), -2);
+        }
+    }
+    EXPECT_TRUE(found) << listed.dump();
+    const json apps = admin("GET", "/admin/v1/apps").parsed().at("apps");
+    EXPECT_EQ(apps.at(0).at("dailyOfferCap"), 3) << apps.dump();
 }
 
 TOVREL_ON_BOTH_STORES(CampaignRules);

@@ -656,6 +656,7 @@ void downgradeToVersion3(Database& db) {
     db.exec(
         "DROP INDEX device_events_delivered; DROP TABLE settings; ALTER TABLE campaigns DROP COLUMN rules; "
         "ALTER TABLE apps DROP COLUMN rules; ALTER TABLE device_events DROP COLUMN suppressed_by; "
+        "ALTER TABLE device_events DROP COLUMN control_group; "
         "DROP INDEX device_events_device; DROP INDEX sessions_device; DROP INDEX sessions_created; "
         "DROP INDEX log_messages_device; "
         "DROP TABLE funnel_erased");

@@ -207,5 +207,18 @@ TEST(ControlGroup, AStableShareCloseToTheOneAskedFor) {
     EXPECT_FALSE(inControlGroup(key, "device-1", "Coffee", 0));
 }
 
+TEST(ControlGroup, LiftComesWithAnIntervalOnlyWhenBothSidesCameBack) {
+    ControlComparison c;
+    c.exposed = {200, 260, 180, 60};
+    c.control = {200, 250, 0, 40};
+    liftOf(c);
+    EXPECT_NEAR(*c.lift, 0.5, 1e-9);
+    EXPECT_NEAR(*c.liftLow, 0.0583, 1e-4);
+    EXPECT_NEAR(*c.liftHigh, 1.1260, 1e-4);
+    c.control.returned = 0;
+    liftOf(c);
+    EXPECT_FALSE(c.lift || c.liftLow || c.liftHigh);
+}
+
 }  // namespace
 }  // namespace tovrel::server::test

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -66,11 +67,41 @@ struct FunnelRow {
 /// The funnel of a database. A campaign's row counts the device events linked under it; an offer's
 /// row is listed with its current campaign. By day, a link counts on the day it was made and a
 /// status on the day it was received (an event answered "seen" on two days counts on both).
+/// One side of a control-group comparison: the devices that visited the campaign (linked any of its
+/// offers), their visits, the visits they answered, and the devices that came back (linked the
+/// campaign again) within 7 days of their first visit.
+struct GroupCounts {
+    int64_t devices = 0;
+    int64_t visits = 0;
+    int64_t answered = 0;
+    int64_t returned = 0;
+
+    bool operator==(const GroupCounts&) const = default;
+};
+
+/// A campaign that holds devices out: exposed devices against the control group. `lift` is the
+/// exposed return rate over the control's, minus 1, with a 95% interval (see liftOf()).
+struct ControlComparison {
+    int64_t campaignId = 0;
+    std::string campaignName;
+    GroupCounts exposed;
+    GroupCounts control;
+    std::optional<double> lift;  ///< none while either side has no device that came back
+    std::optional<double> liftLow;
+    std::optional<double> liftHigh;
+};
+
+/// Sets a comparison's lift and its 95% interval from its counts: the ratio of the two return rates,
+/// with the normal approximation of its logarithm (devices independent, each side with a handful of
+/// returns at least). Pure.
+void liftOf(ControlComparison& comparison);
+
 struct Funnel {
-    std::vector<FunnelRow> campaigns;     ///< every campaign, by id
-    std::vector<FunnelRow> offers;        ///< every offer, by eventId
-    std::vector<FunnelRow> campaignDays;  ///< with byDay: each day and campaign with activity, by day, id
-    std::vector<FunnelRow> offerDays;     ///< with byDay: each day and offer with activity, by day, eventId
+    std::vector<ControlComparison> control;  ///< campaigns with a control group, by id
+    std::vector<FunnelRow> campaigns;        ///< every campaign, by id
+    std::vector<FunnelRow> offers;           ///< every offer, by eventId
+    std::vector<FunnelRow> campaignDays;     ///< with byDay: each day and campaign with activity, by day, id
+    std::vector<FunnelRow> offerDays;  ///< with byDay: each day and offer with activity, by day, eventId
 };
 
 /// Imports a GeoJSON place file into the database at dbPath (created when missing). All or nothing:

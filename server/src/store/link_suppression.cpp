@@ -17,19 +17,16 @@ std::string seconds(double t) {
 
 }  // namespace
 
-Suppression linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now) {
+LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now) {
     LinkFacts facts;
     facts.outsideSchedule = link.outsideSchedule;
-    if (facts.outsideSchedule) {
-        return decideLink(facts);
-    }
     const std::string who = std::to_string(device);
     const auto app = db.rows(
         "SELECT d.device_id, coalesce(a.rules, '') FROM devices d LEFT JOIN apps a ON "
         "a.key = d.app_key WHERE d.id = " +
         who);
     const AppRules appRules = app.empty() ? AppRules{} : appRulesFrom(app.front()[1]);
-    facts.quietHours = appRules.quietHours && appRules.quietHours->contains(now);
+    facts.quietHours = !facts.outsideSchedule && appRules.quietHours && appRules.quietHours->contains(now);
     const CampaignRules noRules;
     const CampaignRules& rules = link.rules ? *link.rules : noRules;
     if (rules.controlGroup > 0 && !app.empty()) {
@@ -37,8 +34,8 @@ Suppression linkSuppression(const SqlSource& db, int64_t device, const NewLink& 
         facts.control = !key.empty() &&
                         inControlGroup(key.front()[0], app.front()[0], link.campaignName, rules.controlGroup);
     }
-    if (facts.quietHours || facts.control) {
-        return decideLink(facts);
+    if (facts.outsideSchedule || facts.quietHours || facts.control) {
+        return {decideLink(facts), facts.control};
     }
     const std::string campaign = std::to_string(link.campaign);
     facts.perDeviceCap = link.perDeviceCap;
@@ -59,7 +56,7 @@ Suppression linkSuppression(const SqlSource& db, int64_t device, const NewLink& 
     if (appRules.dailyOfferCap) {
         facts.deliveredToday = count(db, delivered + " AND created_at > " + seconds(now - 86400));
     }
-    return decideLink(facts);
+    return {decideLink(facts), false};
 }
 
 }  // namespace tovrel::server

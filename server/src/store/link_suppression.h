@@ -7,9 +7,15 @@
 
 namespace tovrel::server {
 
-/// Why a new link is held back, or none: the rules of its campaign and of the device's app, counted
-/// from the rows of `db` in the caller's transaction (which holds the device's row, so that replicas
-/// linking one device take turns). Only numbers go into the SQL. Runs on the caller's thread.
-Suppression linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now);
+/// What the rules make of a new link.
+struct LinkVerdict {
+    Suppression reason = Suppression::none;  ///< why it is held back, or none
+    bool control = false;  ///< the device is in the campaign's control group (whatever held it back)
+};
+
+/// The rules of a new link's campaign and of the device's app, counted from the rows of `db` in the
+/// caller's transaction (which holds the device's row, so that replicas linking one device take
+/// turns). Only numbers go into the SQL. Runs on the caller's thread.
+LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now);
 
 }  // namespace tovrel::server

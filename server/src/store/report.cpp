@@ -1,6 +1,7 @@
 #include "store/report.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <map>
 #include <sstream>
@@ -74,6 +75,71 @@ Funnel readFunnel(Database& db, bool byDay) {
     return readFunnel(sqliteSource(db), byDay);
 }
 
+void liftOf(ControlComparison& c) {
+    c.lift = c.liftLow = c.liftHigh = std::nullopt;
+    if (c.exposed.returned == 0 || c.control.returned == 0) {
+        return;
+    }
+    const auto rate = [](const GroupCounts& g) {
+        return static_cast<double>(g.returned) / static_cast<double>(g.devices);
+    };
+    const double exposed = rate(c.exposed);
+    const double control = rate(c.control);
+    const double logRatio = std::log(exposed / control);
+    const double error = std::sqrt((1 - exposed) / static_cast<double>(c.exposed.returned) +
+                                   (1 - control) / static_cast<double>(c.control.returned));
+    c.lift = exposed / control - 1;
+    c.liftLow = std::exp(logRatio - 1.959964 * error) - 1;
+    c.liftHigh = std::exp(logRatio + 1.959964 * error) - 1;
+}
+
+namespace {
+
+// Exposed and held-out devices of every campaign that has held any out.
+void readControlGroups(const SqlSource& source, Funnel& funnel) {
+    std::map<int64_t, ControlComparison> byCampaign;
+    const auto side = [&](const std::vector<std::string>& row) -> GroupCounts& {
+        ControlComparison& c = byCampaign[std::stoll(row[0])];
+        return row[1] == "0" ? c.exposed : c.control;
+    };
+    for (const auto& row : source.rows(
+             "SELECT e.campaign, e.control_group, count(DISTINCT e.device), count(*), sum(CASE WHEN EXISTS("
+             "SELECT 1 FROM device_event_status s WHERE s.device_event = e.id) THEN 1 ELSE 0 END) FROM "
+             "device_events e WHERE e.campaign IN (SELECT campaign FROM device_events WHERE control_group = "
+             "1) "
+             "GROUP BY e.campaign, e.control_group")) {
+        GroupCounts& g = side(row);
+        g.devices = std::stoll(row[2]);
+        g.visits = std::stoll(row[3]);
+        g.answered = std::stoll(row[4]);
+    }
+    if (byCampaign.empty()) {
+        return;
+    }
+    for (const auto& row : source.rows(
+             "SELECT f.campaign, f.control_group, count(*) FROM (SELECT device, campaign, control_group, "
+             "min(created_at) AS first FROM device_events WHERE campaign IN (SELECT campaign FROM "
+             "device_events WHERE control_group = 1) GROUP BY device, campaign, control_group) f WHERE "
+             "EXISTS("
+             "SELECT 1 FROM device_events r WHERE r.device = f.device AND r.campaign = f.campaign AND "
+             "r.created_at > f.first AND r.created_at <= f.first + 604800) GROUP BY f.campaign, "
+             "f.control_group")) {
+        side(row).returned = std::stoll(row[2]);
+    }
+    for (auto& [id, c] : byCampaign) {
+        c.campaignId = id;
+        for (const FunnelRow& row : funnel.campaigns) {
+            if (row.campaignId == id) {
+                c.campaignName = row.campaignName;
+            }
+        }
+        liftOf(c);
+        funnel.control.push_back(std::move(c));
+    }
+}
+
+}  // namespace
+
 Funnel readFunnel(const SqlSource& source, bool byDay) {
     Funnel funnel;
     std::map<int64_t, std::size_t> campaignIndex;
@@ -103,6 +169,7 @@ Funnel readFunnel(const SqlSource& source, bool byDay) {
             funnel.offers[it->second].counts = counts;
         }
     }
+    readControlGroups(source, funnel);
     if (!byDay) {
         return funnel;
     }
@@ -167,6 +234,28 @@ nlohmann::json funnelJson(const Funnel& funnel) {
         return out;
     };
     nlohmann::json out{{"campaigns", rows(funnel.campaigns, false)}, {"offers", rows(funnel.offers, true)}};
+    if (!funnel.control.empty()) {
+        const auto group = [](const GroupCounts& g) {
+            return nlohmann::json{{"devices", g.devices},
+                                  {"visits", g.visits},
+                                  {"answered", g.answered},
+                                  {"returned", g.returned}};
+        };
+        const auto number = [](const std::optional<double>& v) {
+            return v ? nlohmann::json(*v) : nlohmann::json();
+        };
+        nlohmann::json control = nlohmann::json::array();
+        for (const ControlComparison& c : funnel.control) {
+            control.push_back({{"campaignId", c.campaignId},
+                               {"campaign", c.campaignName},
+                               {"exposed", group(c.exposed)},
+                               {"control", group(c.control)},
+                               {"lift", number(c.lift)},
+                               {"liftLow", number(c.liftLow)},
+                               {"liftHigh", number(c.liftHigh)}});
+        }
+        out["control"] = std::move(control);
+    }
     if (!funnel.campaignDays.empty() || !funnel.offerDays.empty()) {
         out["days"] = {{"campaigns", rows(funnel.campaignDays, false)},
                        {"offers", rows(funnel.offerDays, true)}};

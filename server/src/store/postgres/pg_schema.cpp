@@ -250,12 +250,13 @@ CREATE TABLE funnel_erased(
     kind text NOT NULL,
     count bigint NOT NULL);
 )sql",
-    // Campaign and app rules (JSON, '' for none); why a link was suppressed; deliveries counted over
-    // rolling windows; the key that places devices in control groups, the same for every replica.
+    // Campaign and app rules (JSON, '' for none); why a link was suppressed and whether its device is
+    // in the campaign's control group; deliveries counted over rolling windows; the key that places devices in control groups, the same for every replica.
     R"sql(
 ALTER TABLE campaigns ADD COLUMN rules text NOT NULL DEFAULT '';
 ALTER TABLE apps ADD COLUMN rules text NOT NULL DEFAULT '';
 ALTER TABLE device_events ADD COLUMN suppressed_by text NOT NULL DEFAULT '';
+ALTER TABLE device_events ADD COLUMN control_group integer NOT NULL DEFAULT 0;
 CREATE INDEX device_events_delivered ON device_events(device, created_at) WHERE NOT suppressed;
 CREATE TABLE settings(name text PRIMARY KEY, value text NOT NULL);
 INSERT INTO settings(name, value)

@@ -145,12 +145,14 @@ LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
         return LinkRow{live.integer(0, 0), link.offer,         link.place,
                        link.campaign,      live.boolean(0, 1), suppressionFrom(live.text(0, 2))};
     }
-    const Suppression reason = linkSuppression(pgSource(*conn), device, link, now);
+    const LinkVerdict verdict = linkSuppression(pgSource(*conn), device, link, now);
+    const Suppression reason = verdict.reason;
     const bool suppressed = reason != Suppression::none;
     const PgResult inserted = conn->exec(
-        "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, created_at) "
-        "VALUES($1, $2, $3, $4, $5, $6, $7) RETURNING id",
-        device, link.offer, link.place, link.campaign, suppressed, std::string(suppressionName(reason)), now);
+        "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, control_group, "
+        "created_at) VALUES($1, $2, $3, $4, $5, $6, $7, $8) RETURNING id",
+        device, link.offer, link.place, link.campaign, suppressed, std::string(suppressionName(reason)),
+        verdict.control ? 1 : 0, now);
     notifyDeviceChanged(*conn, device);
     tx.commit();
     return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed, reason};

@@ -68,13 +68,15 @@ LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
         return LinkRow{live.integer(0), link.offer,           link.place,
                        link.campaign,   live.integer(1) != 0, suppressionFrom(live.text(2))};
     }
-    const Suppression reason = linkSuppression(sqliteSource(db_), device, link, now);
+    const LinkVerdict verdict = linkSuppression(sqliteSource(db_), device, link, now);
+    const Suppression reason = verdict.reason;
     const bool suppressed = reason != Suppression::none;
     db_.prepare(
-           "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, created_at) "
-           "VALUES(?, ?, ?, ?, ?, ?, ?)")
+           "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, "
+           "control_group, "
+           "created_at) VALUES(?, ?, ?, ?, ?, ?, ?, ?)")
         .with(device, link.offer, link.place, link.campaign, suppressed ? 1 : 0,
-              std::string(suppressionName(reason)), now)
+              std::string(suppressionName(reason)), verdict.control ? 1 : 0, now)
         .run();
     const int64_t id = db_.lastInsertId();
     tx.commit();
