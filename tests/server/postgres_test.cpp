@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include <atomic>
 #include <future>
 #include <memory>
 #include <thread>
@@ -252,6 +253,54 @@ TEST_F(Postgres, LinksCapsAndClearsAgreeAcrossReplicas) {
     const json again = first.link(key, "12", "1").parsed()["places"][0];
     EXPECT_NE(again["deviceEventId"], capped["deviceEventId"]);
     EXPECT_EQ(again["suppressMessage"], 0);
+    second.stop();
+}
+
+TEST_F(Postgres, TwoReplicasRacingOnOneDeviceKeepItsDailyCap) {
+    ServerFixture first(onPostgres());
+    auto now = std::make_shared<std::atomic<double>>(utc(2026, 1, 12) + 9 * 3600);
+    first.setTime(*now);
+    ServerOptions options = replicaOf(first, 1);
+    options.clock = [now] { return now->load(); };
+    Server second(options);
+    HttpClient secondClient(second.start());
+    first.server().importGeoJson(first.dir().write("daily.geojson", R"({"type": "FeatureCollection",
+      "properties": {"campaigns": [{"name": "Daily", "caps": [{"count": 1, "per": "day"}]}]},
+      "features": [
+        {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.575, 48.137]},
+         "properties": {"placeId": 1, "radius": 50, "offers": [{"eventId": 9201, "campaign": "Daily",
+           "eventName": "A", "alertText": "A", "eventTypeId": 3}]}},
+        {"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.575, 48.1414966]},
+         "properties": {"placeId": 2, "radius": 120, "offers": [{"eventId": 9202, "campaign": "Daily",
+           "eventName": "B", "alertText": "B", "eventTypeId": 3}]}}]})"));
+    const std::string key = first.startSession("RACER");
+    const auto linkThroughSecond = [&] {
+        return secondClient.post("/v1/deviceevent/link",
+                                 json{{"sessionKey", key}, {"eventId", "9202"}, {"placeId", "2"}});
+    };
+    ASSERT_TRUE(waitUntil([&] { return linkThroughSecond().status == 200; }, kWait));
+    ASSERT_EQ(secondClient.post("/v1/deviceevent/clear", json{{"sessionKey", key}}).status, 200);
+    for (int day = 1; day <= 6; ++day) {
+        *now = now->load() + 86400;
+        first.setTime(*now);
+        auto fromSecond = std::async(std::launch::async, linkThroughSecond);
+        const HttpResult a = first.link(key, "9201", "1");
+        const HttpResult b = fromSecond.get();
+        ASSERT_EQ(a.status, 200) << a.body;
+        ASSERT_EQ(b.status, 200) << b.body;
+        // One of the two is delivered, whichever replica counted first; the other sees its row.
+        EXPECT_EQ(a.parsed()["places"][0]["suppressMessage"].get<int>() +
+                      b.parsed()["places"][0]["suppressMessage"].get<int>(),
+                  1)
+            << day;
+        ASSERT_EQ(first.client().post("/v1/deviceevent/clear", json{{"sessionKey", key}}).status, 200);
+    }
+    EXPECT_EQ(
+        queryRows(first.dbPath(),
+                  "SELECT count(*) FILTER (WHERE NOT suppressed), count(*) FILTER (WHERE suppressed_by = "
+                  "'frequency') FROM device_events WHERE created_at > " +
+                      std::to_string(utc(2026, 1, 13)) + " - 1"),
+        std::vector<std::string>{"6|6"});
     second.stop();
 }
 
