@@ -266,6 +266,10 @@ std::map<std::string, int64_t> Server::pruneExpired(int batch) {
     return impl_->service.pruneExpired(batch);
 }
 
+std::optional<HeldBack> Server::heldBack(int64_t deviceEventId) {
+    return impl_->service.heldBack(deviceEventId);
+}
+
 Report Server::report() {
     return impl_->service.report();
 }

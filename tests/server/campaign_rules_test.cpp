@@ -99,6 +99,8 @@ TEST_P(CampaignRules, ScheduleAndPriorityShapeThePlaceAnswer) {
     clear(key);
     EXPECT_EQ(suppressed(key, "9101", "901"), 0);
     EXPECT_EQ(reasons(), (std::vector<std::string>{"schedule", ""}));
+    EXPECT_EQ(fx.server().heldBack(1)->text,
+              "outside its schedule (Mon\u2013Fri 11:30\u201314:00 Europe/Berlin)");
 }
 
 TEST_P(CampaignRules, CapsCountDeliveriesOverRollingWindows) {
@@ -117,6 +119,12 @@ TEST_P(CampaignRules, CapsCountDeliveriesOverRollingWindows) {
     EXPECT_EQ(visit(start + 7 * 86400 - 1), 1);
     EXPECT_EQ(visit(start + 7 * 86400), 0);  // the first one is a week old: out of the window
     EXPECT_EQ(reasons(), (std::vector<std::string>{"", "frequency", "", "", "frequency", "frequency", ""}));
+    const std::optional<HeldBack> second = fx.server().heldBack(2);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->rule, "frequency");
+    EXPECT_EQ(second->text, "frequency cap 1 per day, 3 per week");
+    EXPECT_EQ(second->lastDelivery, start);
+    EXPECT_FALSE(fx.server().heldBack(1));
     // Another device has its own counts.
     const std::string other = fx.startSession("DEVICE-B");
     EXPECT_EQ(suppressed(other, "9102", "902"), 0);
@@ -134,6 +142,9 @@ TEST_P(CampaignRules, QuietHoursAndTheDailyCapHoldBackEveryCampaign) {
     EXPECT_EQ(suppressed(key, "32", "3"), 0);
     EXPECT_EQ(suppressed(key, "41", "4"), 1);
     EXPECT_EQ(reasons(), (std::vector<std::string>{"quiet-hours", "", "", "", "fatigue"}));
+    EXPECT_EQ(fx.server().heldBack(1)->text, "quiet hours (every day 22:00\u201307:00 Europe/Berlin)");
+    EXPECT_EQ(fx.server().heldBack(5)->text, "daily cap of 3 offers across campaigns");
+    EXPECT_EQ(fx.server().heldBack(5)->lastDelivery, at(2026, 1, 15, 6));
 }
 
 TEST_P(CampaignRules, AControlGroupIsLinkedButNotShownAndStaysTheSame) {

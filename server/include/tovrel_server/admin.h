@@ -67,6 +67,13 @@ struct FunnelRow {
 /// The funnel of a database. A campaign's row counts the device events linked under it; an offer's
 /// row is listed with its current campaign. By day, a link counts on the day it was made and a
 /// status on the day it was received (an event answered "seen" on two days counts on both).
+/// Why the service held a link back (answered it `suppressMessage` 1).
+struct HeldBack {
+    std::string rule;  ///< "schedule", "quiet-hours", "control", "cap", "frequency" or "fatigue"
+    std::string text;  ///< the rule in words: "outside its schedule (Mon–Fri 11:30–14:00 Europe/Berlin)"
+    std::optional<double> lastDelivery;  ///< the delivery that filled a cap, in seconds since 1970
+};
+
 /// One side of a control-group comparison: the devices that visited the campaign (linked any of its
 /// offers), their visits, the visits they answered, and the devices that came back (linked the
 /// campaign again) within 7 days of their first visit.

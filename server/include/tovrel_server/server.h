@@ -178,6 +178,9 @@ class Server {
     void reloadPlaces();
     /// Per-offer and per-log-event counts of this server's database.
     Report report();
+    /// Why the link with this deviceEventId was held back; nullopt when it was delivered or there is no
+    /// such link. Any thread.
+    std::optional<HeldBack> heldBack(int64_t deviceEventId);
     /// Runs one retention pass now (see retainLinksDays), `batch` rows a transaction; returns the rows
     /// removed by kind ("logs", "links", "sessions"). Any thread.
     std::map<std::string, int64_t> pruneExpired(int batch = 1000);

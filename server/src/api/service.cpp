@@ -472,6 +472,24 @@ std::map<std::string, int64_t> Service::pruneExpired(int batch) {
     return removed;
 }
 
+std::optional<HeldBack> Service::heldBack(int64_t deviceEvent) {
+    std::optional<HeldBackLink> held;
+    {
+        Lock db(dbMutex_);
+        held = store_->heldBack(deviceEvent);
+    }
+    if (!held) {
+        return std::nullopt;
+    }
+    const std::shared_ptr<const Catalog> cat = catalog();
+    const Catalog::Campaign* campaign = cat->findCampaign(held->campaign);
+    return HeldBack{
+        std::string(suppressionName(held->reason)),
+        describeHold(held->reason, campaign ? &campaign->rules : nullptr,
+                     campaign ? campaign->perDeviceCap : std::nullopt, appRulesFrom(held->appRules)),
+        held->lastDelivery};
+}
+
 std::optional<ErasedDevice> Service::eraseDevice(const std::string& deviceId) {
     Lock db(dbMutex_);
     std::optional<ErasedDevice> erased = store_->eraseDevice(deviceId);

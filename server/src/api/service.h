@@ -146,6 +146,8 @@ class Service : private ChangeListener {
     /// memory (the store tells the other replicas); its session keys are unknown from then on.
     /// nullopt when there is no such device. Any thread.
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId);
+    /// Why a link was held back, in words from the rules as they are now. Any thread.
+    std::optional<HeldBack> heldBack(int64_t deviceEvent);
 
     /// Removes the log messages, cleared links and sessions older than their retention, in batches of
     /// `batch` rows so that writers get in between (at most kMaxPruneBatches each a pass), and reports

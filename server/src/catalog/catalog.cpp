@@ -207,6 +207,12 @@ const Catalog::Campaign& Catalog::campaignOf(const Offer& offer) const {
     return it != campaigns_.end() && it->id == offer.campaign ? *it : kGone;
 }
 
+const Catalog::Campaign* Catalog::findCampaign(int64_t id) const {
+    const auto it = std::lower_bound(campaigns_.begin(), campaigns_.end(), id,
+                                     [](const Campaign& c, int64_t wanted) { return c.id < wanted; });
+    return it != campaigns_.end() && it->id == id ? &*it : nullptr;
+}
+
 std::size_t Catalog::placeCount() const {
     return base_->list.size() - hiddenPlaces_->size() + changed_->list.size();
 }

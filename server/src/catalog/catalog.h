@@ -61,6 +61,8 @@ class Catalog {
     const Offer* findOffer(int64_t id) const;
     bool offeredAt(const Place& place, const Offer& offer) const;
     const Campaign& campaignOf(const Offer& offer) const;
+    /// The enabled campaign with this id, or nullptr.
+    const Campaign* findCampaign(int64_t id) const;
     /// The place of a hit of near().
     const Place& placeAt(uint32_t index) const {
         return index < base_->list.size() ? base_->list[index] : changed_->list[index - base_->list.size()];

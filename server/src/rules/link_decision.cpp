@@ -53,6 +53,36 @@ Suppression decideLink(const LinkFacts& facts) {
     return Suppression::none;
 }
 
+std::string describeHold(Suppression reason, const CampaignRules* campaign,
+                         std::optional<std::int64_t> perDeviceCap, const AppRules& app) {
+    switch (reason) {
+        case Suppression::none:
+            return "";
+        case Suppression::schedule:
+            return campaign && campaign->schedule
+                       ? "outside its schedule (" + campaign->schedule->describe() + ")"
+                       : "outside its schedule";
+        case Suppression::quietHours:
+            return app.quietHours ? "quiet hours (" + app.quietHours->describe() + ")" : "quiet hours";
+        case Suppression::control:
+            return "control group";
+        case Suppression::lifetimeCap:
+            return perDeviceCap ? "campaign cap of " + std::to_string(*perDeviceCap) : "campaign cap";
+        case Suppression::frequencyCap: {
+            std::string caps;
+            for (const FrequencyCap& cap : campaign ? campaign->caps : std::vector<FrequencyCap>{}) {
+                caps += (caps.empty() ? " " : ", ") + std::to_string(cap.count) + " per " + cap.per;
+            }
+            return "frequency cap" + caps;
+        }
+        case Suppression::fatigueCap:
+            return app.dailyOfferCap
+                       ? "daily cap of " + std::to_string(*app.dailyOfferCap) + " offers across campaigns"
+                       : "daily cap across campaigns";
+    }
+    return "";
+}
+
 bool inControlGroup(std::string_view key, std::string_view deviceId, std::string_view campaign,
                     double share) {
     if (share <= 0) {

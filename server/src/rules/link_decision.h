@@ -42,6 +42,12 @@ struct LinkFacts {
 /// The first rule that holds the offer back, or none: it is delivered.
 Suppression decideLink(const LinkFacts& facts);
 
+/// The rule that held a link back, in words ("outside its schedule (Mon–Fri 11:30–14:00 Europe/Berlin)",
+/// "frequency cap 1 per day, 3 per week"), from the campaign's rules (nullptr when it is gone) and the
+/// app's. Pure.
+std::string describeHold(Suppression reason, const CampaignRules* campaign,
+                         std::optional<std::int64_t> perDeviceCap, const AppRules& app);
+
 /// Whether a device belongs to a campaign's control group: a keyed hash of the two names, so the
 /// answer is the same on every replica and after restarts, and no device can predict it. Any thread.
 bool inControlGroup(std::string_view key, std::string_view deviceId, std::string_view campaign, double share);

@@ -1,5 +1,6 @@
 #include "store/link_suppression.h"
 
+#include <optional>
 #include <string>
 
 namespace tovrel::server {
@@ -57,6 +58,29 @@ LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& 
         facts.deliveredToday = count(db, delivered + " AND created_at > " + seconds(now - 86400));
     }
     return {decideLink(facts), false};
+}
+
+std::optional<HeldBackLink> readHeldBack(const SqlSource& db, int64_t deviceEvent) {
+    const auto row = db.rows(
+        "SELECT e.suppressed_by, e.campaign, e.created_at, e.device, coalesce(a.rules, '') FROM "
+        "device_events e "
+        "JOIN devices d ON d.id = e.device LEFT JOIN apps a ON a.key = d.app_key WHERE e.id = " +
+        std::to_string(deviceEvent));
+    if (row.empty() || row.front()[0].empty()) {
+        return std::nullopt;
+    }
+    const auto& r = row.front();
+    HeldBackLink held{suppressionFrom(r[0]), std::stoll(r[1]), std::stod(r[2]), r[4], std::nullopt};
+    if (held.reason == Suppression::frequencyCap || held.reason == Suppression::fatigueCap) {
+        const std::string sameCampaign =
+            held.reason == Suppression::frequencyCap ? " AND campaign = " + r[1] : std::string();
+        const auto last = db.rows("SELECT max(created_at) FROM device_events WHERE device = " + r[3] +
+                                  " AND NOT suppressed AND created_at <= " + r[2] + sameCampaign);
+        if (!last.empty() && !last.front()[0].empty()) {
+            held.lastDelivery = std::stod(last.front()[0]);
+        }
+    }
+    return held;
 }
 
 }  // namespace tovrel::server

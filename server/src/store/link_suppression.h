@@ -18,4 +18,8 @@ struct LinkVerdict {
 /// turns). Only numbers go into the SQL. Runs on the caller's thread.
 LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now);
 
+/// A link as held back, read from `db`; nullopt when there is no such link or it was delivered. Runs on
+/// the caller's thread.
+std::optional<HeldBackLink> readHeldBack(const SqlSource& db, int64_t deviceEvent);
+
 }  // namespace tovrel::server

@@ -53,9 +53,19 @@ struct NewLink {
     int64_t place = 0;
     int64_t campaign = 0;
     std::optional<int64_t> perDeviceCap;
-    std::string_view campaignName;          ///< keys the control group
+    std::string_view campaignName;         ///< keys the control group
     const CampaignRules* rules = nullptr;  ///< none: no rules
     bool outsideSchedule = false;
+};
+
+/// A link that was held back, with what explains it: the device's app rules as stored, and the last
+/// delivery before it (of its campaign, or of any campaign for the daily cap).
+struct HeldBackLink {
+    Suppression reason = Suppression::none;
+    int64_t campaign = 0;
+    double linkedAt = 0;
+    std::string appRules;  ///< as stored ("" for none)
+    std::optional<double> lastDelivery;
 };
 
 /// What erasing a device removed, by kind of row.
@@ -150,6 +160,8 @@ class Store {
     /// Removes every row about the device, all or nothing; the funnel keeps counting its links and
     /// answers. Other replicas are told (ChangeListener::devicesChanged). nullopt when unknown.
     virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
+    /// The link with this id when it was held back, with what explains it; nullopt otherwise.
+    virtual std::optional<HeldBackLink> heldBack(int64_t deviceEvent) = 0;
     /// False once the device's row is gone.
     virtual bool deviceExists(int64_t device) = 0;
     /// Removes at most `limit` rows of `kind` written before `before` (seconds since 1970), oldest

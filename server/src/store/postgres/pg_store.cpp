@@ -566,6 +566,14 @@ std::optional<int64_t> PgStore::findDevice(PgConnection& conn, const std::string
     return row.rows() > 0 ? std::optional<int64_t>(row.integer(0, 0)) : std::nullopt;
 }
 
+std::optional<HeldBackLink> PgStore::heldBack(int64_t deviceEvent) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    std::optional<HeldBackLink> held = readHeldBack(pgSource(*conn), deviceEvent);
+    snapshot.commit();
+    return held;
+}
+
 std::optional<nlohmann::json> PgStore::deviceRecord(const std::string& deviceId, bool withLogs) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");

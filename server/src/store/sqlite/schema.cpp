@@ -119,7 +119,8 @@ CREATE TABLE funnel_erased(
     count INTEGER NOT NULL);
 )sql",
     // Campaign and app rules (JSON, '' for none); why a link was suppressed and whether its device is
-    // in the campaign's control group; deliveries counted over rolling windows; the key that places devices in control groups, the same for every replica.
+    // in the campaign's control group; deliveries counted over rolling windows; the key that places devices
+    // in control groups, the same for every replica.
     R"sql(
 ALTER TABLE campaigns ADD COLUMN rules TEXT NOT NULL DEFAULT '';
 ALTER TABLE apps ADD COLUMN rules TEXT NOT NULL DEFAULT '';

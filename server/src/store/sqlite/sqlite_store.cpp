@@ -304,6 +304,11 @@ std::optional<int64_t> SqliteStore::findDevice(const std::string& deviceId) {
     return st.with(deviceId).step() ? std::optional<int64_t>(st.integer(0)) : std::nullopt;
 }
 
+std::optional<HeldBackLink> SqliteStore::heldBack(int64_t deviceEvent) {
+    Transaction snapshot(db_, Transaction::Kind::read);
+    return readHeldBack(sqliteSource(db_), deviceEvent);
+}
+
 std::optional<nlohmann::json> SqliteStore::deviceRecord(const std::string& deviceId, bool withLogs) {
     Transaction snapshot(db_, Transaction::Kind::read);
     const std::optional<int64_t> device = findDevice(deviceId);

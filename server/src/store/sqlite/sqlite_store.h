@@ -47,6 +47,7 @@ class SqliteStore final : public Store {
     Funnel funnel(bool byDay) override;
     std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
+    std::optional<HeldBackLink> heldBack(int64_t deviceEvent) override;
     bool deviceExists(int64_t device) override;
     int64_t pruneBatch(Retained kind, double before, int limit) override;
     std::optional<double> oldestRow(Retained kind) override;
