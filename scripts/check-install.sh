@@ -6,8 +6,9 @@
 #     pkg-config only, the C host and the Qt host;
 #  3. they run against the installed tovrel-server on 127.0.0.1, and so do the Python package's tests;
 #  4. CPack's Debian packages: lintian finds no error in them; packaging the build a second time gives
-#     the same bytes; a C host's packages (the C interface, the Python package and what they depend
-#     on) bring no Qt, and the C host builds and runs from them alone;
+#     the same bytes, and so does compiling libtovrel1's and libtovrel-c1's libraries again from
+#     scratch in another folder (scripts/check-rebuild.sh); a C host's packages (the C interface, the
+#     Python package and what they depend on) bring no Qt, and the C host builds and runs from them alone;
 #  5. all the packages install into a fresh root, where no file holds the source or build folder's
 #     path, `tovrel-sim --version` runs, the server serves the console it carries, and the server's
 #     systemd unit verifies.
@@ -22,10 +23,17 @@ build="${1:-build/release}"
 [[ -f "$build/CMakeCache.txt" ]] || { usage >&2; exit 2; }
 
 work=$(mktemp -d)
+# Apart from $work: kept when the libraries compiled again differ, to look into.
+rebuild=$(mktemp -d)
+keep_rebuild=""
 server_pid=""
 console_pid=""
 again_pid=""
+rebuild_pid=""
 cleanup() {
+    # The compile's whole session (ninja, killed, ends the compilers it started).
+    [[ -z "$rebuild_pid" ]] || { kill -- -"$rebuild_pid" && wait "$rebuild_pid"; } 2>/dev/null || true
+    [[ -z "$keep_rebuild" ]] && rm -rf "$rebuild"
     [[ -n "$again_pid" ]] && kill "$again_pid" 2>/dev/null && wait "$again_pid" 2>/dev/null
     [[ -n "$server_pid" ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
     [[ -n "$console_pid" ]] && kill "$console_pid" 2>/dev/null && wait "$console_pid" 2>/dev/null
@@ -34,6 +42,13 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "check-install: $*" >&2; exit 1; }
 step() { echo "-- $*"; }
+
+# The libraries of libtovrel1 and libtovrel-c1 compiled again from scratch, compared with the packages'
+# below: started now and niced, the compile takes what the consumers, hosts and tests leave of the CPU.
+# In a session of its own, so that cleanup ends the compilers with it.
+rebuild_start=$SECONDS
+setsid nice -n 10 scripts/check-rebuild.sh compile "$build" "$rebuild" >"$work/rebuild.log" 2>&1 &
+rebuild_pid=$!
 
 prefix="$work/prefix"
 step "install into $prefix"
@@ -129,9 +144,8 @@ done
 
 # The same build packaged a second time, in another folder, while lintian reads the first packages.
 # This covers what packaging adds: file order, time stamps, owners, control files, compression and
-# anything of the packaging folder. It does not cover the compile: both packagings take the same built
-# files, so what a second compile in another folder would change (paths, build ids, dates) is not seen
-# here; the search for the source and build paths in the fresh root below catches the usual case of that.
+# anything of the packaging folder. Both packagings take the same built files: what compiling in another
+# folder would change (paths, build IDs, padding) is checked after, by compiling again.
 (cd "$build" && exec cpack -G DEB -B "$work/again" >"$work/cpack-again.log" 2>&1) &
 again_pid=$!
 
@@ -169,6 +183,15 @@ for deb in "${debs[@]}"; do
     cmp -s "$deb" "$work/again/$(basename "$deb")" || fail "$(basename "$deb") differs when packaged again"
 done
 echo "   ${#debs[@]} packages, byte for byte the same"
+
+step "reproducible: libtovrel1's and libtovrel-c1's libraries compiled again from scratch, in another folder, without ccache"
+waited=$SECONDS
+wait "$rebuild_pid" || { rebuild_pid=""; cat "$work/rebuild.log"; fail "compiling the libraries again failed"; }
+rebuild_pid=""
+cat "$work/rebuild.log"
+scripts/check-rebuild.sh compare "$rebuild" "${deb_of[libtovrel1]}" "${deb_of[libtovrel-c1]}" ||
+    { keep_rebuild=1; fail "the libraries compiled again differ from the packaged ones (kept in $rebuild)"; }
+echo "   $((SECONDS - rebuild_start)) s from the start of the compile, alongside the steps above; $((SECONDS - waited)) s waited for it here"
 
 step "a C host's packages: the C interface and the Python package, with what they depend on"
 want=(libtovrel-c-dev python3-tovrel)
