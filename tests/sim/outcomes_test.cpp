@@ -106,10 +106,30 @@ TEST(Outcomes, EachOfferSaysHowItWasDeliveredOrWhyNot) {
 TEST(Outcomes, SuppressedSwitchedOffAndUnansweredLinksAreTold) {
     std::vector<json> suppressed{placesAnswer(), linkRequest(10, "70", "7"), linkAnswer(10, "70", "7", 4, 1)};
     EXPECT_EQ(find(analyseOutcomes(suppressed, visit(), {}), "70").reason,
-              "not delivered: linked at 10 s (1 link request), suppressed by the service (campaign cap)");
+              "not delivered: linked at 10 s (1 link request), suppressed by the service");
+    // A service that says why names the rule, and the delivery that filled a cap.
+    OutcomeContext told;
+    told.heldBack = [](const std::string& id) -> std::optional<HeldBackInfo> {
+        if (id != "4") {
+            return std::nullopt;
+        }
+        return HeldBackInfo{"frequency", "frequency cap 1 per day", 1780305240.0};
+    };
+    const OfferOutcome capped = find(analyseOutcomes(suppressed, visit(), told), "70");
+    EXPECT_EQ(capped.reason,
+              "not delivered: linked at 10 s (1 link request), suppressed: frequency cap 1 per day "
+              "(delivered at 09:14 UTC)");
+    EXPECT_EQ(capped.heldBy, "frequency");
+    EXPECT_EQ(outcomeJson(capped).at("heldBy"), "frequency");
+    told.heldBack = [](const std::string&) {
+        return std::optional<HeldBackInfo>({"control", "control group", {}});
+    };
+    EXPECT_EQ(
+        find(analyseOutcomes(suppressed, visit(), told), "70").reason,
+        "not delivered: linked at 10 s (1 link request), control group (held out to measure the campaign)");
 
     std::vector<json> off{placesAnswer(), linkRequest(10, "70", "7"), linkAnswer(10, "70", "7", 4, 0)};
-    EXPECT_EQ(find(analyseOutcomes(off, visit(), OutcomeContext{false}), "70").reason,
+    EXPECT_EQ(find(analyseOutcomes(off, visit(), OutcomeContext{false, {}}), "70").reason,
               "not delivered: linked at 10 s (1 link request), notifications are switched off");
 
     std::vector<json> unanswered{placesAnswer(), linkRequest(10, "70", "7"), linkRequest(20, "70", "7")};

@@ -4,6 +4,7 @@
 
 #include "app_state_timeline.h"
 #include "linux/track_samples.h"
+#include "simulation.h"
 
 namespace tovrel::sim {
 namespace {
@@ -158,6 +159,25 @@ TEST(AppStateTimeline, RejectsBadSpecs) {
     EXPECT_THROW(parseAppStateTimeline("0:active,x:background"), AppStateError);
     EXPECT_THROW(parseAppStateTimeline("10:active,5:background"), AppStateError);
     EXPECT_THROW(parseAppStateTimeline("10:dozing"), AppStateError);
+}
+
+}  // namespace
+}  // namespace tovrel::sim
+
+namespace tovrel::sim {
+namespace {
+
+TEST(StartInstant, OffsetsAndUtcAndNothingElse) {
+    // 2026-03-29 00:30 UTC, half an hour before Berlin's clocks go forward.
+    EXPECT_EQ(parseInstant("2026-03-29T01:30:00+01:00"), 1774744200.0);
+    EXPECT_EQ(parseInstant("2026-03-29T00:30Z"), 1774744200.0);
+    EXPECT_EQ(parseInstant("2026-03-28T20:00:00-04:30"), 1774744200.0);
+    EXPECT_EQ(parseInstant("1970-01-01T00:00:00Z"), 0.0);
+    for (const char* bad :
+         {"2026-02-29T00:00:00Z", "2026-03-29T24:00:00Z", "2026-03-29T01:30:00", "2026-03-29",
+          "2026-03-29T01:30:00+1:00", "2026-03-29T01:30:60Z", "2026-03-29 01:30:00Z", ""}) {
+        EXPECT_FALSE(parseInstant(bad)) << bad;
+    }
 }
 
 }  // namespace

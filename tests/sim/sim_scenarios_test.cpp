@@ -340,9 +340,10 @@ TEST_F(SimScenario, MaxDurationCutsTheRouteAndHeadersAreRead) {
 
 TEST_F(SimScenario, ExpectationsGuardACampaignWithTheirExitStatus) {
     // On the city walk the fountain offer is delivered and the market offer is suppressed by its cap.
-    SimRun run =
-        sim("--route " + route("city-walk.csv") +
-            " --expect offer:1010=delivered --expect offer:1006=not-delivered --expect 'deliveries>=5'");
+    SimRun run = sim(
+        "--route " + route("city-walk.csv") +
+        " --expect offer:1010=delivered --expect offer:1006=not-delivered --expect offer:1006=suppressed:cap"
+        " --expect offer:1010=not-suppressed --expect 'deliveries>=5'");
     EXPECT_EQ(run.exitStatus, 0) << run.stderrText;
     const auto outcomes = run.ofType("outcome");
     ASSERT_FALSE(outcomes.empty());
@@ -350,7 +351,13 @@ TEST_F(SimScenario, ExpectationsGuardACampaignWithTheirExitStatus) {
         std::find_if(outcomes.begin(), outcomes.end(), [](const json& o) { return o["eventId"] == "1006"; });
     ASSERT_NE(market, outcomes.end());
     EXPECT_EQ((*market)["delivered"], false);
-    EXPECT_NE((*market)["reason"].get<std::string>().find("suppressed by the service"), std::string::npos);
+    EXPECT_NE((*market)["reason"].get<std::string>().find(", suppressed: campaign cap of 3"),
+              std::string::npos)
+        << (*market)["reason"];
+    EXPECT_EQ((*market)["heldBy"], "cap");
+    EXPECT_EQ(
+        sim("--route " + route("city-walk.csv") + " --expect offer:1006=suppressed:sometimes").exitStatus, 2);
+    EXPECT_EQ(sim("--route " + route("city-walk.csv") + " --start 2026-03-29T25:00:00Z").exitStatus, 2);
 
     const fs::path rules = dir / "campaign.rules";
     std::ofstream(rules) << "# the market offer must reach the user\noffer:1006=delivered\n\ndeliveries<=2\n";

@@ -30,7 +30,17 @@ bool isId(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+constexpr std::array<std::string_view, 6> kHoldRules = {"schedule", "quiet-hours", "control",
+                                                        "cap",      "frequency",   "fatigue"};
+
 bool inState(const OfferTally& o, const std::string& state) {
+    if (state == "suppressed") {
+        return o.suppressed > 0;
+    }
+    if (state.starts_with("suppressed:")) {
+        const auto found = o.heldBy.find(state.substr(11));
+        return found != o.heldBy.end() && found->second > 0;
+    }
     if (state == "delivered") {
         return o.delivered > 0;
     }
@@ -120,10 +130,14 @@ Expectation parseExpectation(std::string_view text) {
         e.negated = true;
         state.remove_prefix(4);
     }
-    if (std::find(kStates.begin(), kStates.end(), state) == kStates.end()) {
+    const bool held = state == "suppressed" ||
+                      (state.starts_with("suppressed:") &&
+                       std::find(kHoldRules.begin(), kHoldRules.end(), state.substr(11)) != kHoldRules.end());
+    if (!held && std::find(kStates.begin(), kStates.end(), state) == kStates.end()) {
         refuse(rule,
-               "the state must be delivered, linked, entered, notification, alert or answered (each "
-               "may start with not-)");
+               "the state must be delivered, linked, entered, notification, alert, answered, suppressed or "
+               "suppressed:RULE (RULE: schedule, quiet-hours, control, cap, frequency or fatigue; each "
+               "state may start with not-)");
     }
     e.state = std::string(state);
     return e;
@@ -166,6 +180,10 @@ OfferTally tallyOf(const OfferOutcome& o) {
             : 0;
     tally.linkRequests = o.linkRequests;
     tally.actual = o.reason;
+    tally.suppressed = o.linkedAt && o.suppressed ? 1 : 0;
+    if (!o.heldBy.empty()) {
+        tally.heldBy[o.heldBy] = 1;
+    }
     return tally;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -55,7 +56,9 @@ struct OfferTally {
     long long alert = 0;
     long long answered = 0;  ///< answered with a status other than "ack"
     long long linkRequests = 0;
-    std::string actual;  ///< what happened, for a rule that failed
+    std::string actual;                       ///< what happened, for a rule that failed
+    long long suppressed = 0;                 ///< linked, and held back by the service
+    std::map<std::string, long long> heldBy;  ///< the rule that held it back, where the service said
 };
 
 /// One run's outcome as a tally.

@@ -18,9 +18,6 @@ namespace {
 
 using nlohmann::json;
 
-/// 2026-06-01 09:00 UTC, as single runs start.
-constexpr double kStartTime = 1780304400.0;
-
 /// Where the route was at `t`, between its positions.
 std::pair<double, double> positionAt(const Route& route, double t) {
     const auto& points = route.points;
@@ -119,7 +116,7 @@ void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcom
                                : 0;
         totals.falseEntries += o.falseEntry ? 1 : 0;
         totals.linkRequests += o.linkRequests;
-        ++totals.why[o.why];
+        ++totals.why[o.heldBy.empty() ? o.why : o.why + ":" + o.heldBy];
         if (!o.delivered || !o.deliveredAt) {
             continue;
         }
@@ -203,8 +200,16 @@ std::vector<OfferTally> FleetAggregate::tallies() const {
     std::vector<OfferTally> out;
     out.reserve(offers.size());
     for (const auto& [name, t] : offers) {
-        OfferTally tally{t.eventId,       t.placeId, t.delivered, t.linked,       t.entered,
-                         t.notifications, t.alerts,  t.answered,  t.linkRequests, {}};
+        OfferTally tally{t.eventId, t.placeId,  t.delivered,    t.linked, t.entered, t.notifications,
+                         t.alerts,  t.answered, t.linkRequests, {},       0,         {}};
+        for (const auto& [why, count] : t.why) {
+            if (why.starts_with("suppressed")) {
+                tally.suppressed += count;
+            }
+            if (why.starts_with("suppressed:")) {
+                tally.heldBy[why.substr(11)] += count;
+            }
+        }
         tally.actual = "delivered to " + std::to_string(t.delivered) + " of " + std::to_string(t.devices) +
                        " devices it was named to";
         std::string reasons;
@@ -340,7 +345,7 @@ FleetAggregate runFleet(const FleetOptions& options) {
     if (!options.device.serviceURL) {
         try {
             service = std::make_unique<InProcessService>(options.device.placesFile, options.device.contentDir,
-                                                         kStartTime);
+                                                         options.device.startTime);
         } catch (const std::exception& error) {
             throw SimInputError(error.what());
         }

@@ -125,8 +125,11 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
     out << "<h2>Deliveries per offer</h2>\n<table id=\"offers\"><tr><th>offer</th><th>place</th><th>name</th>"
            "<th>named to</th><th>entered</th><th>linked</th><th>delivered</th><th>notifications</th>"
            "<th>alerts</th><th>answered</th><th>false entries</th><th>link requests</th>"
-           "<th>not delivered because</th></tr>\n";
+           "<th>exposed</th><th>control</th><th>not delivered because</th></tr>\n";
     for (const auto& [name, t] : fleet.offers) {
+        // Linked devices split by the campaign's control group: held out, or exposed to the offer.
+        const auto control = t.why.find("suppressed:control");
+        const long long heldOut = control == t.why.end() ? 0 : control->second;
         std::string reasons;
         for (const auto& [why, count] : t.why) {
             if (why != "delivered") {
@@ -137,8 +140,8 @@ void writeFleetReport(const std::string& title, const FleetAggregate& fleet, dou
             << escapeHtml(t.eventName) << "</td><td>" << t.devices << "</td><td>" << t.entered << "</td><td>"
             << t.linked << "</td><td>" << t.delivered << "</td><td>" << t.notifications << "</td><td>"
             << t.alerts << "</td><td>" << t.answered << "</td><td>" << t.falseEntries << "</td><td>"
-            << t.linkRequests << "</td><td style=\"text-align:left;font-size:.85em\">" << escapeHtml(reasons)
-            << "</td></tr>\n";
+            << t.linkRequests << "</td><td>" << t.linked - heldOut << "</td><td>" << heldOut
+            << "</td><td style=\"text-align:left;font-size:.85em\">" << escapeHtml(reasons) << "</td></tr>\n";
     }
     out << "</table>\n<h2>Trigger points</h2>\n<p>Where each device was when an offer reached it (marked as "
            "a "

@@ -52,6 +52,22 @@ virtualbackend::Reply InProcessService::answer(const virtualbackend::RecordedReq
     return {static_cast<int>(reply.status), std::move(reply.body), "application/json", {}};
 }
 
+std::optional<HeldBackInfo> heldBackBy(tovrel::server::Server& server, const std::string& deviceEventId) {
+    if (deviceEventId.empty() || deviceEventId.size() > 18 ||
+        deviceEventId.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    const std::optional<tovrel::server::HeldBack> held = server.heldBack(std::stoll(deviceEventId));
+    if (!held) {
+        return std::nullopt;
+    }
+    return HeldBackInfo{held->rule, held->text, held->lastDelivery};
+}
+
+std::optional<HeldBackInfo> InProcessService::heldBack(const std::string& deviceEventId) {
+    return heldBackBy(*server_, deviceEventId);
+}
+
 virtualbackend::Reply InProcessService::page(const std::string& path) const {
     const std::filesystem::path relative = std::filesystem::path(path).relative_path().lexically_normal();
     const bool inside = !relative.empty() && *relative.begin() != "..";

@@ -2,7 +2,10 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 
+#include "outcomes.h"
 #include "tovrel/platform/clock.h"
 #include "tovrel/virtual/recording_http_client.h"
 
@@ -32,6 +35,8 @@ class InProcessService {
     /// The answer to one request: POSTs to the JSON endpoints from the service's handler, GETs of pages
     /// from the content folder. Any thread.
     virtualbackend::Reply answer(const virtualbackend::RecordedRequest& request);
+    /// Why the service held back the link with this deviceEventId; nullopt when it did not. Any thread.
+    std::optional<HeldBackInfo> heldBack(const std::string& deviceEventId);
 
     /// While it lives, requests answered on this thread are stamped with `clock`'s time.
     class DeviceClock {
@@ -51,5 +56,8 @@ class InProcessService {
     std::unique_ptr<tovrel::server::Server> server_;
     std::filesystem::path contentDir_;
 };
+
+/// Why `server` held back the link with this deviceEventId (digits); nullopt when it did not. Any thread.
+std::optional<HeldBackInfo> heldBackBy(tovrel::server::Server& server, const std::string& deviceEventId);
 
 }  // namespace tovrel::sim

@@ -38,6 +38,7 @@ struct DeviceArguments {
     std::vector<std::string> expectTexts;
     std::string expectFile;
     double maxDuration = -1;
+    std::string start;
     bool gpsNoise = false;
     std::uint64_t seed = 1;
 };
@@ -94,7 +95,12 @@ void addDeviceOptions(CLI::App* command, tovrel::sim::SimOptions& options, Devic
         "--expect", arguments.expectTexts,
         "A rule the run must meet (repeatable): offer:ID=delivered, offer:ID@PLACE=not-delivered, "
         "place:ID=entered, deliveries<=3, link-requests<=20; states delivered, linked, entered, "
-        "notification, alert, answered, each may start with not-");
+        "notification, alert, answered, suppressed or suppressed:RULE (schedule, quiet-hours, control, cap, "
+        "frequency, fatigue), each may start with not-");
+    command->add_option(
+        "--start", arguments.start,
+        "The instant the route starts, like 2026-03-29T01:30:00+01:00 or 2026-06-01T09:00:00Z "
+        "(default 2026-06-01T09:00:00Z)");
     command->add_option("--expect-file", arguments.expectFile, "Rules to meet, one a line ('#' comments)");
     command
         ->add_option("--max-duration", arguments.maxDuration, "Simulate at most this many seconds of a route")
@@ -123,6 +129,15 @@ bool applyDeviceArguments(const DeviceArguments& arguments, tovrel::sim::SimOpti
     }
     if (arguments.maxDuration > 0) {
         options.maxDuration = arguments.maxDuration;
+    }
+    if (!arguments.start.empty()) {
+        const std::optional<double> start = tovrel::sim::parseInstant(arguments.start);
+        if (!start) {
+            std::cerr << "tovrel-sim: --start " << arguments.start
+                      << ": not an instant like 2026-03-29T01:30:00+01:00 or 2026-06-01T09:00:00Z\n";
+            return false;
+        }
+        options.startTime = *start;
     }
     if (!arguments.places.empty()) {
         options.placesFile = arguments.places;

@@ -109,6 +109,16 @@ void measureVisit(OfferOutcome& outcome, const Route& route, const std::vector<U
                                                                   route.points[closestIndex].longitude);
 }
 
+// "09:14 UTC" of seconds since 1970.
+std::string wallClock(double unixSeconds) {
+    const auto minutes = static_cast<long long>(std::floor(unixSeconds / 60));
+    const long long ofDay = ((minutes % 1440) + 1440) % 1440;
+    const auto two = [](long long v) {
+        return std::string(1, static_cast<char>('0' + v / 10)) + static_cast<char>('0' + v % 10);
+    };
+    return two(ofDay / 60) + ":" + two(ofDay % 60) + " UTC";
+}
+
 std::string explain(OfferOutcome& o, const OutcomeContext& context) {
     if (o.delivered) {
         std::string text = "delivered as " + o.deliveredAs + " at " + seconds(*o.deliveredAt);
@@ -161,7 +171,18 @@ std::string explain(OfferOutcome& o, const OutcomeContext& context) {
                                " link request" + (o.linkRequests == 1 ? "" : "s") + ")";
     if (o.suppressed) {
         o.why = "suppressed";
-        return "not delivered: " + linked + ", suppressed by the service (campaign cap)";
+        const std::optional<HeldBackInfo> held =
+            context.heldBack && o.deviceEventId ? context.heldBack(*o.deviceEventId) : std::nullopt;
+        if (!held) {
+            return "not delivered: " + linked + ", suppressed by the service";
+        }
+        o.heldBy = held->rule;
+        if (held->rule == "control") {
+            return "not delivered: " + linked + ", control group (held out to measure the campaign)";
+        }
+        return "not delivered: " + linked + ", suppressed: " + held->text +
+               (held->lastDelivery ? " (delivered at " + wallClock(*held->lastDelivery) + ")"
+                                   : std::string());
     }
     if (!context.presentNotifications) {
         o.why = "notifications-off";
@@ -314,6 +335,9 @@ json outcomeJson(const OfferOutcome& o) {
              {"linkRequests", o.linkRequests},
              {"reason", o.reason},
              {"why", o.why}};
+    if (!o.heldBy.empty()) {
+        out["heldBy"] = o.heldBy;
+    }
     if (o.enteredAt) {
         out["enteredAt"] = *o.enteredAt;
     }

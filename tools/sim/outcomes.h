@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -28,7 +29,10 @@ struct OfferOutcome {
     int linkRequests = 0;             ///< POSTs to /v1/deviceevent/link for this offer and place
     std::optional<double> linkedAt;   ///< the first answered link
     std::optional<std::string> deviceEventId;
-    bool suppressed = false;    ///< the service answered suppressMessage 1
+    bool suppressed = false;  ///< the service answered suppressMessage 1
+    /// The rule that held it back, when the service says ("schedule", "quiet-hours", "control", "cap",
+    /// "frequency", "fatigue").
+    std::string heldBy;
     bool linkedBefore = false;  ///< the first answer already said isLinked 1 (an earlier run)
     std::string deliveredAs;    ///< "notification", "alert" or "" when not delivered
     std::optional<double> deliveredAt;
@@ -43,9 +47,18 @@ struct OfferOutcome {
     std::string why;
 };
 
+/// Why the service held a link back, when it can say (an embedded service can; one elsewhere cannot).
+struct HeldBackInfo {
+    std::string rule;
+    std::string text;
+    std::optional<double> lastDelivery;  ///< seconds since 1970
+};
+
 /// What the run was told that changes what can be delivered.
 struct OutcomeContext {
     bool presentNotifications = true;
+    /// Asks the service why the link with this deviceEventId was held back.
+    std::function<std::optional<HeldBackInfo>(const std::string& deviceEventId)> heldBack;
 };
 
 /// Reads a run's events one at a time, as they happen, keeping only what the outcomes need (so that a

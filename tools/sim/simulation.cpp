@@ -26,13 +26,60 @@
 #include "tovrel_server/server.h"
 
 namespace tovrel::sim {
+
+std::optional<double> parseInstant(std::string_view text) {
+    const auto digits = [&](std::size_t at, std::size_t count) -> std::optional<int> {
+        if (at + count > text.size()) {
+            return std::nullopt;
+        }
+        int value = 0;
+        for (std::size_t i = at; i < at + count; ++i) {
+            if (text[i] < '0' || text[i] > '9') {
+                return std::nullopt;
+            }
+            value = value * 10 + (text[i] - '0');
+        }
+        return value;
+    };
+    const auto y = digits(0, 4);
+    const auto mo = digits(5, 2);
+    const auto d = digits(8, 2);
+    const auto h = digits(11, 2);
+    const auto mi = digits(14, 2);
+    if (!y || !mo || !d || !h || !mi || text.size() < 17 || text[4] != '-' || text[7] != '-' ||
+        text[10] != 'T' || text[13] != ':') {
+        return std::nullopt;
+    }
+    std::size_t at = 16;
+    std::optional<int> s = 0;
+    if (text[at] == ':') {
+        s = digits(at + 1, 2);
+        at += 3;
+    }
+    const std::chrono::year_month_day day{std::chrono::year(*y),
+                                          std::chrono::month(static_cast<unsigned>(*mo)),
+                                          std::chrono::day(static_cast<unsigned>(*d))};
+    if (!s || !day.ok() || *h > 23 || *mi > 59 || *s > 59 || at >= text.size()) {
+        return std::nullopt;
+    }
+    int offset = 0;
+    if (text.substr(at) != "Z") {
+        const auto oh = digits(at + 1, 2);
+        const auto om = digits(at + 4, 2);
+        if (text.size() != at + 6 || (text[at] != '+' && text[at] != '-') || text[at + 3] != ':' || !oh ||
+            !om || *oh > 23 || *om > 59) {
+            return std::nullopt;
+        }
+        offset = (text[at] == '-' ? -1 : 1) * (*oh * 3600 + *om * 60);
+    }
+    const auto days = std::chrono::sys_days(day).time_since_epoch().count();
+    return static_cast<double>(days) * 86400 + *h * 3600 + *mi * 60 + *s - offset;
+}
 namespace {
 
 using nlohmann::json;
 using platform::ApplicationState;
 
-/// 2026-06-01 09:00 UTC: runs start at a fixed instant so that they are reproducible.
-constexpr double kStartTime = 1780304400.0;
 constexpr double kAlertAnswerDelay = 1.0;
 constexpr double kNotificationTapDelay = 10.0;
 
@@ -285,7 +332,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     }
     const Route& route = options.route != nullptr ? *options.route : outcome.route;
 
-    virtualbackend::VirtualPlatform vp(kStartTime);
+    virtualbackend::VirtualPlatform vp(options.startTime);
     auto& scheduler = *vp.scheduler;
     // Held by the location managers too, which the loop may keep until it is gone: it reads the clock
     // weakly.
@@ -295,7 +342,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
             return live ? live->now() : 0.0;
         });
     OutcomeTracker tracker;
-    EventLog events([&scheduler] { return scheduler.now() - kStartTime; });
+    EventLog events([&scheduler, start = options.startTime] { return scheduler.now() - start; });
     events.setKeep(options.keepEvents);
     events.setTracker(&tracker);
     events.setStream(eventStream);
@@ -496,20 +543,20 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     ProgressBar progress(options.progress, end);
     const auto advanceTo = [&](double t) {
         if (options.realtime) {
-            const double wait = kStartTime + t - scheduler.now();
+            const double wait = options.startTime + t - scheduler.now();
             if (wait > 0) {
                 std::this_thread::sleep_for(std::chrono::duration<double>(wait));
             }
         }
         // Step through the events in between so that offer views are stamped with their own time.
         while (const auto next = scheduler.nextEventTime()) {
-            if (*next > kStartTime + t) {
+            if (*next > options.startTime + t) {
                 break;
             }
             scheduler.fastForwardTo(*next);
             recordOfferViews();
         }
-        scheduler.fastForwardTo(kStartTime + t);
+        scheduler.fastForwardTo(options.startTime + t);
         recordOfferViews();
         progress.update(t);
     };
@@ -598,7 +645,15 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
                       json{{"advertisingIdentifier", advertisingIdentifier}});
     }
 
-    outcome.offers = tracker.finish(route, OutcomeContext{options.presentNotifications});
+    OutcomeContext context{options.presentNotifications, {}};
+    if (options.inProcess != nullptr) {
+        context.heldBack = [service = options.inProcess](const std::string& id) {
+            return service->heldBack(id);
+        };
+    } else if (server) {
+        context.heldBack = [&server](const std::string& id) { return heldBackBy(*server, id); };
+    }
+    outcome.offers = tracker.finish(route, context);
     events.setTracker(nullptr);
     for (const OfferOutcome& offer : outcome.offers) {
         if (events.wantsEvents()) {
@@ -609,7 +664,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     }
     outcome.gpsOn = meter->totals();
     events.record("gps_on", gpsOnJson(outcome.gpsOn));
-    outcome.simulatedSeconds = scheduler.now() - kStartTime;
+    outcome.simulatedSeconds = scheduler.now() - options.startTime;
     if (options.keepEvents) {
         outcome.events = events.events();
     }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app_state_timeline.h"
@@ -22,7 +23,16 @@ class InProcessService;
 enum class AlertAnswer { kNever, kView, kLater };
 
 /// Everything one run is told.
+/// 2026-06-01 09:00 UTC: runs start at a fixed instant so that they are reproducible.
+constexpr double kDefaultStartTime = 1780304400.0;
+
+/// Seconds since 1970 of "YYYY-MM-DDTHH:MM[:SS]" followed by "Z" or an offset "±HH:MM"; nullopt for
+/// anything else. Pure.
+std::optional<double> parseInstant(std::string_view text);
+
 struct SimOptions {
+    /// The instant the route's time 0 is, in seconds since 1970 (`--start`).
+    double startTime = kDefaultStartTime;
     std::filesystem::path routeFile;
     std::filesystem::path placesFile;       ///< for the embedded service
     std::filesystem::path contentDir;       ///< pages the embedded service serves
