@@ -4,10 +4,14 @@
 #include "fleet.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
+#include "fleet_compare.h"
 #include "in_process_service.h"
 #include "tovrel_server/server.h"
 
@@ -119,6 +123,44 @@ TEST(Fleet, ExpectationsAreCheckedAgainstTheWholeFleet) {
     EXPECT_FALSE(results[1].met);
     EXPECT_EQ(results[1].actual, "deliveries = " + std::to_string(deliveries));
     EXPECT_FALSE(results[2].met);
+}
+
+TEST(Fleet, APreviewComparesTheSameDevicesOverTwoCataloguesAndRepeats) {
+    // The draft holds half of the devices out of every campaign: deliveries fall, each one lost to the
+    // control group.
+    json draft = json::parse(std::ifstream(kPlaces));
+    for (json& campaign : draft["properties"]["campaigns"]) {
+        campaign["controlGroup"] = 0.5;
+    }
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("tovrel-preview-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder);
+    const auto draftFile = folder / "draft.geojson";
+    std::ofstream(draftFile) << draft.dump();
+
+    FleetOptions options = generatedFleet(16, 3);
+    options.device.placesFile = draftFile;
+    const FleetAggregate withDraft = runFleet(options);
+    const FleetAggregate live = runFleet(generatedFleet(16, 3));
+    const std::vector<OfferChange> changes = compareFleets(withDraft, live);
+
+    ASSERT_GT(live.deliveries(), 0);
+    EXPECT_LT(withDraft.deliveries(), live.deliveries());
+    long long heldOut = 0;
+    for (const OfferChange& c : changes) {
+        EXPECT_LE(c.draft, c.live) << c.eventId;
+        const auto control = c.reasons.find("suppressed:control");
+        heldOut += control == c.reasons.end() ? 0 : control->second;
+    }
+    EXPECT_GT(heldOut, 0);
+    // The same seed gives the same comparison: routes, noise and control groups alike.
+    EXPECT_EQ(comparisonJson(compareFleets(runFleet(options), live), withDraft, live),
+              comparisonJson(changes, withDraft, live));
+    std::filesystem::remove_all(folder);
+    std::ostringstream printed;
+    printComparison(changes, withDraft, live, printed);
+    EXPECT_NE(printed.str().find("16 devices, the same on both sides"), std::string::npos) << printed.str();
+    EXPECT_NE(printed.str().find("suppressed:control +"), std::string::npos) << printed.str();
 }
 
 TEST(Fleet, ABadPlaceFileOrRouteFolderIsNamed) {

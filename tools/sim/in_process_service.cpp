@@ -37,6 +37,8 @@ InProcessService::InProcessService(const std::filesystem::path& placesFile, std:
     : contentDir_(std::move(contentDir)) {
     tovrel::server::ServerOptions options;
     options.dbPath = ":memory:";
+    // Runs repeat: the same devices fall in the same control groups every time.
+    options.controlGroupKey = kControlGroupKey;
     options.clock = [startTime] { return tDeviceClock != nullptr ? tDeviceClock->now() : startTime; };
     server_ = std::make_unique<tovrel::server::Server>(options);
     server_->importGeoJson(placesFile.string());

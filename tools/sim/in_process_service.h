@@ -23,6 +23,8 @@ class InProcessService {
   public:
     /// The base URL the devices are given; it names no real host.
     static constexpr const char* kBaseURL = "http://tovrel-server.invalid";
+    /// The control-group key of every embedded service: simulated devices are held out alike run after run.
+    static constexpr const char* kControlGroupKey = "tovrel-sim control groups";
 
     /// Imports `placesFile`; pages are read from `contentDir`. `startTime` stamps the import. Throws
     /// std::exception with a message naming the file when the places cannot be imported.

@@ -10,6 +10,7 @@
 
 #include "expectations.h"
 #include "fleet.h"
+#include "fleet_compare.h"
 #include "fleet_report.h"
 #include "html_report.h"
 #include "simulation.h"
@@ -240,6 +241,7 @@ int main(int argc, char** argv) {
     std::size_t jobs = 0;
     std::string routes;
     std::string generate;
+    std::string compare;
     fleet->add_option("--devices", devices, "How many devices (default 100)")
         ->check(CLI::Range(1, 100'000'000));
     fleet->add_option("--routes", routes,
@@ -254,6 +256,11 @@ int main(int argc, char** argv) {
     fleet->add_option(
         "--events", arguments.eventsFile,
         "Write each device's outcomes here as it ends, one JSON object a line, then the totals");
+    fleet->add_option(
+        "--compare", compare,
+        "A preview: run the same devices again over this place file (the live catalogue) and "
+        "print, per offer, the deliveries with it and with --places (the draft), and the reasons "
+        "that changed");
     fleet->add_option("--report", arguments.reportFile,
                       "Write a self-contained HTML report of the totals here");
     addTilesOption(fleet, tiles);
@@ -303,6 +310,12 @@ int main(int argc, char** argv) {
                                       : generate == "drives" ? tovrel::sim::FleetRoutes::kDrives
                                                              : tovrel::sim::FleetRoutes::kMixed;
                 fleetOptions.places = tovrel::sim::readPlaceCircles(options.placesFile);
+                // Both sides' devices go around the places of either, so that each side meets what
+                // the other adds or takes away.
+                if (!compare.empty()) {
+                    const auto live = tovrel::sim::readPlaceCircles(compare);
+                    fleetOptions.places.insert(fleetOptions.places.end(), live.begin(), live.end());
+                }
             }
         } catch (const tovrel::sim::RouteError& error) {
             std::cerr << "tovrel-sim: " << error.what() << '\n';
@@ -315,6 +328,25 @@ int main(int argc, char** argv) {
         } catch (const tovrel::sim::SimInputError& error) {
             std::cerr << "tovrel-sim: " << error.what() << '\n';
             return kBadInput;
+        }
+        if (!compare.empty()) {
+            tovrel::sim::FleetOptions liveOptions = fleetOptions;
+            liveOptions.device.placesFile = compare;
+            liveOptions.deviceLines = nullptr;
+            tovrel::sim::FleetAggregate live;
+            try {
+                live = tovrel::sim::runFleet(liveOptions);
+            } catch (const tovrel::sim::SimInputError& error) {
+                std::cerr << "tovrel-sim: " << error.what() << '\n';
+                return kBadInput;
+            }
+            const auto changes = tovrel::sim::compareFleets(totals, live);
+            if (events.is_open()) {
+                nlohmann::json line = tovrel::sim::comparisonJson(changes, totals, live);
+                line["type"] = "comparison";
+                events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+            }
+            tovrel::sim::printComparison(changes, totals, live, std::cout);
         }
         const double wall =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();

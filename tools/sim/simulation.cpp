@@ -392,6 +392,7 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     } else {
         tovrel::server::ServerOptions serverOptions;
         serverOptions.dbPath = ":memory:";
+        serverOptions.controlGroupKey = InProcessService::kControlGroupKey;
         serverOptions.contentDir = options.contentDir.string();
         serverOptions.threads = 1;
         serverOptions.clock = [scheduler = vp.scheduler] { return scheduler->now(); };

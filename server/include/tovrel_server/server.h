@@ -68,6 +68,10 @@ struct ServerOptions {
     int retainSessionsDays = 0;
     /// Seconds between two retention passes; 0: only when pruneExpired() is called.
     double retentionIntervalSeconds = 300;
+    /// The key that places devices in campaigns' control groups; empty (the default) keeps the one the
+    /// database made when it was created. For simulations that must repeat: the same key puts the same
+    /// devices in the same groups in every new database. Written to the database at start.
+    std::string controlGroupKey;
     /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
     /// change notification was missed (notifications themselves arrive at once).
     double changeCheckSeconds = 5;

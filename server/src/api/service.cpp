@@ -59,6 +59,9 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
         kept > 0 && (options_.sessionTtl <= 0 || options_.sessionTtl > kept)) {
         options_.sessionTtl = kept;
     }
+    if (!options_.controlGroupKey.empty()) {
+        store_->setControlGroupKey(options_.controlGroupKey);
+    }
     reloadPlaces();
     changeFeed_ = concurrentStore().watchChanges(*this);
 }

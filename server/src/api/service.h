@@ -60,6 +60,8 @@ struct ServiceOptions {
     double changeCheckSeconds = 5;
     /// The most changed rows applied to the catalogue in place (see ServerOptions).
     std::size_t catalogChangesInPlace = 10'000;
+    /// Written over the database's control-group key at start when not empty (see ServerOptions).
+    std::string controlGroupKey;
 };
 
 /// The JSON endpoints, independent of HTTP. Thread-safe: request threads call answerInMemory() and

@@ -160,6 +160,8 @@ class Store {
     /// Removes every row about the device, all or nothing; the funnel keeps counting its links and
     /// answers. Other replicas are told (ChangeListener::devicesChanged). nullopt when unknown.
     virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
+    /// Replaces the key of control-group membership (ServerOptions::controlGroupKey).
+    virtual void setControlGroupKey(const std::string& key) = 0;
     /// The link with this id when it was held back, with what explains it; nullopt otherwise.
     virtual std::optional<HeldBackLink> heldBack(int64_t deviceEvent) = 0;
     /// False once the device's row is gone.

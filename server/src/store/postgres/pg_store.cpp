@@ -566,6 +566,11 @@ std::optional<int64_t> PgStore::findDevice(PgConnection& conn, const std::string
     return row.rows() > 0 ? std::optional<int64_t>(row.integer(0, 0)) : std::nullopt;
 }
 
+void PgStore::setControlGroupKey(const std::string& key) {
+    auto conn = pool_.acquire();
+    conn->exec("UPDATE settings SET value = $1 WHERE name = 'control_group_key'", key);
+}
+
 std::optional<HeldBackLink> PgStore::heldBack(int64_t deviceEvent) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");

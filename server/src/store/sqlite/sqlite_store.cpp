@@ -304,6 +304,10 @@ std::optional<int64_t> SqliteStore::findDevice(const std::string& deviceId) {
     return st.with(deviceId).step() ? std::optional<int64_t>(st.integer(0)) : std::nullopt;
 }
 
+void SqliteStore::setControlGroupKey(const std::string& key) {
+    db_.prepare("UPDATE settings SET value = ? WHERE name = 'control_group_key'").with(key).run();
+}
+
 std::optional<HeldBackLink> SqliteStore::heldBack(int64_t deviceEvent) {
     Transaction snapshot(db_, Transaction::Kind::read);
     return readHeldBack(sqliteSource(db_), deviceEvent);

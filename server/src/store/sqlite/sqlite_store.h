@@ -48,6 +48,7 @@ class SqliteStore final : public Store {
     std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     std::optional<HeldBackLink> heldBack(int64_t deviceEvent) override;
+    void setControlGroupKey(const std::string& key) override;
     bool deviceExists(int64_t device) override;
     int64_t pruneBatch(Retained kind, double before, int limit) override;
     std::optional<double> oldestRow(Retained kind) override;
