@@ -1,6 +1,7 @@
 // Feeds arbitrary text to the place file reader (GeoJSON), whole and as a stream read in small
-// chunks. A file is read or refused with problems naming the faults; both ways must agree, and
-// nothing may crash, hang or trip a sanitizer.
+// chunks, and to the readers of campaign and app rules as the database holds them. A file is read or
+// refused with problems naming the faults; both ways must agree, and nothing may crash, hang or trip a
+// sanitizer.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -33,6 +34,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (a.offers != b.offers || a.campaigns != b.campaigns || a.places.size() != b.places.size()) {
             std::abort();
         }
+    }
+    // Stored rules read back the same when written again.
+    const tovrel::server::CampaignRules rules = tovrel::server::campaignRulesFrom(text);
+    if (tovrel::server::campaignRulesFrom(tovrel::server::rulesText(rules)) != rules) {
+        std::abort();
+    }
+    const tovrel::server::AppRules app = tovrel::server::appRulesFrom(text);
+    if (tovrel::server::appRulesFrom(tovrel::server::rulesText(app)) != app) {
+        std::abort();
+    }
+    if (rules.schedule) {
+        (void)rules.schedule->contains(static_cast<double>(size) * 3600.5);
     }
     try {
         (void)tovrel::server::parseGeoJson(text, "fuzz.geojson");

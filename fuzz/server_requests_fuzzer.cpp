@@ -1,12 +1,15 @@
 // Feeds arbitrary bytes to what tovrel-server reads from a request before any endpoint logic: the
-// JSON body and its members, and the request target as a static path. Nothing may crash or trip a
+// JSON body and its members, and the request target as a static path; and to what it reads back from
+// what devices sent (a stored /v1/log message read as a day's positions). Nothing may crash or trip a
 // sanitizer; refusals are ApiError (a 4xx) and nothing else.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
+#include "admin/device_day.h"
 #include "common/request_fields.h"
 #include "http/compression.h"
 #include "http/static_files.h"
@@ -28,6 +31,12 @@ const tovrel::server::StaticFiles& contentFolder() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     (void)contentFolder().resolve(text);
+    for (const auto& p : tovrel::server::dayPositions({{0, std::string(text)}}, -1e18, 1e18, 1000)) {
+        if (p.lat < -90 || p.lat > 90 || p.lon < -180 || p.lon > 180) {
+            std::abort();
+        }
+    }
+    (void)tovrel::server::utcDayStart(text);
     (void)tovrel::server::percentDecode(text);
     if (tovrel::server::acceptsGzip(text)) {
         std::string packed;

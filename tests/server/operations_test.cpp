@@ -494,6 +494,67 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
     EXPECT_EQ(record(fixture.places(again, kOldTownLat, kOldTownLon).parsed(), "11", "1").at("isLinked"), 0);
 }
 
+TEST_P(Admin, ADevicesDayIsItsPositionsAndLinksAsJsonAndGeoJson) {
+    const std::string key = fixture.startSession("WALKER");
+    const double day = utc(2025, 6, 2);
+    fixture.setTime(day + 3600);
+    fixture.link(key, "11", "1");
+    const auto send = [&](double receivedAt, const json& message) {
+        fixture.setTime(receivedAt);
+        ASSERT_EQ(fixture.client().post("/v1/log", json{{"deviceid", "WALKER"}, {"message", message}}).status,
+                  200);
+    };
+    const auto check = [](double at, double lat) {
+        return json{{"timestamp", std::to_string(static_cast<long long>(at))},
+                    {"lat", std::to_string(lat)},
+                    {"lng", "11.575000"},
+                    {"location_accuracy", "10"},
+                    {"distance_from_target", "42.5"},
+                    {"target_size", "50.000000"}};
+    };
+    // The last check of the day before, two of the day (one sent twice), one uploaded after midnight,
+    // and a record that is no position.
+    send(day + 600, {{"targeting_updates", {check(day - 10, 48.1), check(day + 500, 48.137)}}});
+    send(day + 700, {{"targeting_updates", {check(day + 500, 48.137)}}});
+    send(day + 86400 + 900,
+         {{"targeting_updates", {check(day + 86390, 48.14), {{"timestamp", "x"}, {"lat", 1}, {"lng", 2}}}}});
+    send(day + 7200, {{"location_updates",
+                       {{"timestamp", std::to_string(static_cast<long long>(day + 7000))},
+                        {"lat", "48.2"},
+                        {"lng", "11.6"},
+                        {"location_accuracy", "100"}}}});
+
+    const HttpResult answer = call("GET", "/admin/v1/devices/WALKER/day?date=2025-06-02");
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    const json dayJson = answer.parsed();
+    ASSERT_EQ(dayJson["positions"].size(), 3u) << dayJson;
+    EXPECT_EQ(dayJson["positions"][0], json({{"at", day + 500},
+                                             {"lat", 48.137},
+                                             {"lon", 11.575},
+                                             {"accuracy", 10.0},
+                                             {"kind", "check"},
+                                             {"distanceToTarget", 42.5},
+                                             {"targetRadius", 50.0}}));
+    EXPECT_EQ(dayJson["positions"][1]["kind"], "location");
+    EXPECT_EQ(dayJson["positions"][2]["at"], day + 86390);
+    ASSERT_EQ(dayJson["links"].size(), 1u);
+    EXPECT_EQ(dayJson["links"][0]["offerId"], 11);
+
+    const HttpResult geo = call("GET", "/admin/v1/devices/WALKER/day?date=2025-06-02&format=geojson");
+    ASSERT_EQ(geo.status, 200) << geo.body;
+    EXPECT_EQ(geo.header("content-type"), "application/geo+json");
+    const json features = geo.parsed()["features"];
+    ASSERT_EQ(features.size(), 4u);
+    EXPECT_EQ(features[0]["geometry"]["type"], "LineString");
+    EXPECT_EQ(features[0]["geometry"]["coordinates"][1], json({11.6, 48.2}));
+
+    EXPECT_TRUE(call("GET", "/admin/v1/devices/WALKER/day?date=2025-06-03").parsed()["positions"].empty());
+    EXPECT_EQ(call("GET", "/admin/v1/devices/WALKER/day?date=2025-02-30").status, 400);
+    EXPECT_EQ(call("GET", "/admin/v1/devices/WALKER/day").status, 400);
+    EXPECT_EQ(call("GET", "/admin/v1/devices/WALKER/day?date=2025-06-02&format=kml").status, 400);
+    EXPECT_EQ(call("GET", "/admin/v1/devices/NOBODY/day?date=2025-06-02").status, 404);
+}
+
 TEST_P(Admin, RetentionRemovesOldRowsInBatchesAndTheFunnelKeepsItsCounts) {
     ServerFixture kept(fixtureOptions(withAdmin([](ServerOptions& o) {
         o.logRetentionDays = 7;

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "admin/device_day.h"
 #include "api/service.h"
 #include "catalog/catalog_data.h"
 #include "common/field_limits.h"
@@ -436,12 +437,45 @@ HttpReply placesRequest(Service& service, const AdminRequest& r) {
         service, r, [&](Store& store, bool d) { return store.setPlaceDisabled(id, d); }, true);
 }
 
+// A device's positions and links on one UTC day, as JSON or (format=geojson) GeoJSON. Positions are
+// stamped by the device and uploaded up to half an hour later: messages received until an hour after
+// the day are read.
+HttpReply deviceDayReply(Service& service, const AdminRequest& r, const std::string& deviceId) {
+    static constexpr int kMaxMessages = 20'000;
+    static constexpr std::size_t kMaxPositions = 100'000;
+    const std::string date = queryValue(r.target, "date");
+    const std::string format = queryValue(r.target, "format");
+    const std::optional<double> from = utcDayStart(date);
+    if (!from) {
+        throw ApiError(400, "date must be a day like 2026-11-25 (UTC)");
+    }
+    if (!format.empty() && format != "json" && format != "geojson") {
+        throw ApiError(400, "format must be json or geojson");
+    }
+    const double to = *from + 86400;
+    const auto rows = service.change(
+        [&](Store& store) { return store.deviceDay(deviceId, *from, to + 3600, kMaxMessages); }, false);
+    if (!rows) {
+        throw ApiError(404, r.missing());
+    }
+    const std::vector<DayPosition> positions = dayPositions(rows->messages, *from, to, kMaxPositions);
+    if (format == "geojson") {
+        HttpReply reply = jsonReply(200, dayGeoJson(deviceId, date, positions));
+        reply.contentType = "application/geo+json";
+        return reply;
+    }
+    return jsonReply(200, dayJson(deviceId, date, positions, rows->links));
+}
+
 HttpReply devicesRequest(Service& service, const AdminRequest& r) {
     const auto& parts = r.parts;
     if (parts.size() < 2 || parts.size() > 3 || parts[1].empty() || parts[1].size() > limits::kDeviceId) {
         throw ApiError(404, "there is no admin endpoint " + r.method + " " + std::string(r.path));
     }
     const std::string& deviceId = parts[1];
+    if (parts.size() == 3 && parts[2] == "day" && r.is("GET")) {
+        return deviceDayReply(service, r, deviceId);
+    }
     const bool exported = parts.size() == 3 && parts[2] == "export";
     if ((parts.size() == 2 || exported) && r.is("GET")) {
         const auto record =

@@ -26,13 +26,17 @@ json logMessage(const std::string& text) {
     return parsed.is_discarded() ? json(text) : parsed;
 }
 
-json links(const SqlSource& source, const std::string& device) {
+// The device's links, or those made in [from, to) when `from < to`.
+json links(const SqlSource& source, const std::string& device, double from = 0, double to = 0) {
+    const std::string made = from < to ? " AND e.created_at >= " + std::to_string(from) +
+                                             " AND e.created_at < " + std::to_string(to)
+                                       : std::string();
     json out = json::array();
     std::vector<std::pair<int64_t, std::size_t>> index;
     for (const auto& r :
          source.rows("SELECT id, offer, place, campaign, suppressed, created_at, cleared_at, suppressed_by "
-                     "FROM device_events WHERE device = " +
-                     device + " ORDER BY id")) {
+                     "FROM device_events e WHERE device = " +
+                     device + made + " ORDER BY id")) {
         json& link = out.emplace_back(json{{"deviceEventId", std::stoll(r[0])},
                                            {"offerId", std::stoll(r[1])},
                                            {"placeId", std::stoll(r[2])},
@@ -48,7 +52,7 @@ json links(const SqlSource& source, const std::string& device) {
     std::size_t at = 0;
     for (const auto& r : source.rows("SELECT s.device_event, s.status, s.at FROM device_event_status s JOIN "
                                      "device_events e ON e.id = s.device_event WHERE e.device = " +
-                                     device + " ORDER BY s.device_event, s.id")) {
+                                     device + made + " ORDER BY s.device_event, s.id")) {
         const int64_t event = std::stoll(r[0]);
         while (at < out.size() && out[at]["deviceEventId"].get<int64_t>() != event) {
             ++at;
@@ -221,6 +225,20 @@ json erasedJson(const ErasedDevice& erased) {
             {"statuses", erased.statuses},
             {"tags", erased.tags},
             {"logMessages", erased.logMessages}};
+}
+
+DeviceDayRows readDeviceDay(const SqlSource& source, int64_t device, double from, double to, int limit) {
+    const std::string id = std::to_string(device);
+    DeviceDayRows day;
+    for (const auto& r : source.rows(
+             "SELECT received_at, message FROM log_messages WHERE device_id = (SELECT device_id FROM devices "
+             "WHERE id = " +
+             id + ") AND received_at >= " + std::to_string(from) + " AND received_at < " +
+             std::to_string(to) + " ORDER BY received_at, id LIMIT " + std::to_string(limit))) {
+        day.messages.emplace_back(std::stod(r[0]), r[1]);
+    }
+    day.links = links(source, id, from, to);
+    return day;
 }
 
 }  // namespace tovrel::server

@@ -31,4 +31,7 @@ std::optional<double> oldestRowTime(const SqlSource& source, Retained kind);
 /// {"sessions": n, "links": n, "statuses": n, "tags": n, "logMessages": n}.
 nlohmann::json erasedJson(const ErasedDevice& erased);
 
+/// The device's log messages received in [from, to), at most `limit`, and its links made then.
+DeviceDayRows readDeviceDay(const SqlSource& source, int64_t device, double from, double to, int limit);
+
 }  // namespace tovrel::server

@@ -68,6 +68,13 @@ struct HeldBackLink {
     std::optional<double> lastDelivery;
 };
 
+/// What a device sent and was linked to between two instants: its log messages (as received) and its
+/// links made then, with their status history.
+struct DeviceDayRows {
+    std::vector<std::pair<double, std::string>> messages;  ///< received at, message text; by time
+    nlohmann::json links = nlohmann::json::array();        ///< as in the device's record
+};
+
 /// What erasing a device removed, by kind of row.
 struct ErasedDevice {
     int64_t device = 0;  ///< the device's row
@@ -160,6 +167,10 @@ class Store {
     /// Removes every row about the device, all or nothing; the funnel keeps counting its links and
     /// answers. Other replicas are told (ChangeListener::devicesChanged). nullopt when unknown.
     virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
+    /// The device's log messages received in [from, to) (at most `limit`) and the links it made then;
+    /// nullopt when there is no such device.
+    virtual std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to,
+                                                   int limit) = 0;
     /// Replaces the key of control-group membership (ServerOptions::controlGroupKey).
     virtual void setControlGroupKey(const std::string& key) = 0;
     /// The link with this id when it was held back, with what explains it; nullopt otherwise.

@@ -566,6 +566,17 @@ std::optional<int64_t> PgStore::findDevice(PgConnection& conn, const std::string
     return row.rows() > 0 ? std::optional<int64_t>(row.integer(0, 0)) : std::nullopt;
 }
 
+std::optional<DeviceDayRows> PgStore::deviceDay(const std::string& deviceId, double from, double to,
+                                                int limit) {
+    auto conn = pool_.acquire();
+    PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    const std::optional<int64_t> device = findDevice(*conn, deviceId);
+    std::optional<DeviceDayRows> day =
+        device ? std::optional(readDeviceDay(pgSource(*conn), *device, from, to, limit)) : std::nullopt;
+    snapshot.commit();
+    return day;
+}
+
 void PgStore::setControlGroupKey(const std::string& key) {
     auto conn = pool_.acquire();
     conn->exec("UPDATE settings SET value = $1 WHERE name = 'control_group_key'", key);

@@ -51,6 +51,8 @@ class PgStore final : public Store {
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     std::optional<HeldBackLink> heldBack(int64_t deviceEvent) override;
     void setControlGroupKey(const std::string& key) override;
+    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to,
+                                           int limit) override;
     bool deviceExists(int64_t device) override;
     int64_t pruneBatch(Retained kind, double before, int limit) override;
     std::optional<double> oldestRow(Retained kind) override;

@@ -304,6 +304,13 @@ std::optional<int64_t> SqliteStore::findDevice(const std::string& deviceId) {
     return st.with(deviceId).step() ? std::optional<int64_t>(st.integer(0)) : std::nullopt;
 }
 
+std::optional<DeviceDayRows> SqliteStore::deviceDay(const std::string& deviceId, double from, double to,
+                                                    int limit) {
+    Transaction snapshot(db_, Transaction::Kind::read);
+    const std::optional<int64_t> device = findDevice(deviceId);
+    return device ? std::optional(readDeviceDay(sqliteSource(db_), *device, from, to, limit)) : std::nullopt;
+}
+
 void SqliteStore::setControlGroupKey(const std::string& key) {
     db_.prepare("UPDATE settings SET value = ? WHERE name = 'control_group_key'").with(key).run();
 }
