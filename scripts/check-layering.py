@@ -64,12 +64,13 @@ ALLOWED = {
 SERVER_LAYERS = {
     "common": 0,
     "observability": 1,
-    "catalog": 2,
-    "store": 3,
-    "http": 4,
-    "api": 5,
-    "admin": 6,
-    ".": 7,
+    "rules": 2,
+    "catalog": 3,
+    "store": 4,
+    "http": 5,
+    "api": 6,
+    "admin": 7,
+    ".": 8,
 }
 
 SERVER_SHARED = ("tovrel/platform/thread_annotations.h", "tovrel/platform/distance.h",
