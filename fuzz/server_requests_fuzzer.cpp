@@ -1,6 +1,7 @@
 // Feeds arbitrary bytes to what tovrel-server reads from a request before any endpoint logic: the
 // JSON body and its members, and the request target as a static path; and to what it reads back from
-// what devices sent (a stored /v1/log message read as a day's positions). Nothing may crash or trip a
+// what devices sent (a stored /v1/log message read as a day's positions); and to what webhook receivers
+// answer (Retry-After) and what an admin saves as an endpoint's address. Nothing may crash or trip a
 // sanitizer; refusals are ApiError (a 4xx) and nothing else.
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +14,8 @@
 #include "common/request_fields.h"
 #include "http/compression.h"
 #include "http/static_files.h"
+#include "webhooks/address_policy.h"
+#include "webhooks/retry_schedule.h"
 
 namespace {
 
@@ -37,6 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     (void)tovrel::server::utcDayStart(text);
+    if (const auto wait = tovrel::server::webhooks::parseRetryAfter(text, 1.7e9);
+        wait && !(*wait >= 0 && *wait <= 86400)) {
+        std::abort();
+    }
+    (void)tovrel::server::webhooks::endpointUrlProblem(text, size % 2 == 0);
     (void)tovrel::server::percentDecode(text);
     if (tovrel::server::acceptsGzip(text)) {
         std::string packed;

@@ -17,6 +17,7 @@
 #include "observability/log.h"
 #include "observability/metrics.h"
 #include "store/work_queue.h"
+#include "webhooks/deliverer.h"
 
 namespace tovrel::server {
 
@@ -144,9 +145,15 @@ struct Server::Impl {
                   snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
                   return snapshot;
               },
-              options.consoleDir, options.contentDir),
+              options.consoleDir, options.contentDir, options.webhookAllowPrivate),
           http(api, publicHttp(options), logger, metrics),
-          adminHttpServer(admin, adminHttp(options), logger, metrics) {}
+          adminHttpServer(admin, adminHttp(options), logger, metrics),
+          deliverer([this](const auto& work) { service.transact(work); },
+                    options.clock ? options.clock : Clock(wallClock), &metrics, &logger,
+                    webhooks::DelivererOptions{
+                        .allowPrivate = options.webhookAllowPrivate,
+                        .pollSeconds = options.webhookPollSeconds,
+                        .timeoutMs = static_cast<long>(options.webhookTimeoutSeconds * 1000)}) {}
 
     ServerOptions options;
     Logger logger;
@@ -159,6 +166,7 @@ struct Server::Impl {
     AdminHandler admin;
     HttpServer http;
     HttpServer adminHttpServer;
+    webhooks::Deliverer deliverer;
     std::mutex mutex;
     bool running = false;
 
@@ -222,6 +230,9 @@ uint16_t Server::start() {
     }
     m.running = true;
     m.startRetention();
+    if (m.options.webhookPollSeconds > 0) {
+        m.deliverer.start();
+    }
     return port;
 }
 
@@ -229,6 +240,7 @@ void Server::stop() {
     std::lock_guard lock(impl_->mutex);
     Impl& m = *impl_;
     m.stopRetention();
+    m.deliverer.stop();
     // Requests waiting for the database are answered before the connections' threads end.
     m.http.stop([&m] { m.database.drain(); });
     m.adminHttpServer.stop([&m] { m.adminWork.drain(); });
@@ -265,6 +277,10 @@ void Server::reloadPlaces() {
 
 std::map<std::string, int64_t> Server::pruneExpired(int batch) {
     return impl_->service.pruneExpired(batch);
+}
+
+WebhookPass Server::deliverWebhooks() {
+    return impl_->deliverer.deliverDue();
 }
 
 std::optional<HeldBack> Server::heldBack(int64_t deviceEventId) {

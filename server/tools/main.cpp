@@ -22,6 +22,7 @@
 #include "tovrel/paths/data_directory.h"
 #include "tovrel/tools/command_line.h"
 #include "tovrel_server/server.h"
+#include "webhooks_command.h"
 
 namespace {
 
@@ -343,6 +344,22 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_RETAIN_LINKS")
         ->check(CLI::Range(0, 100000));
     serveCmd
+        ->add_flag("--webhook-allow-private", serveOptions.webhookAllowPrivate,
+                   "Send webhooks to loopback, link-local and private addresses too")
+        ->envname("TOVREL_WEBHOOK_ALLOW_PRIVATE");
+    serveCmd
+        ->add_option("--webhook-poll", serveOptions.webhookPollSeconds,
+                     "Seconds between two webhook delivery passes")
+        ->capture_default_str()
+        ->envname("TOVREL_WEBHOOK_POLL")
+        ->check(CLI::Range(0.05, 3600.0));
+    serveCmd
+        ->add_option("--webhook-timeout", serveOptions.webhookTimeoutSeconds,
+                     "Seconds one webhook request may take")
+        ->capture_default_str()
+        ->envname("TOVREL_WEBHOOK_TIMEOUT")
+        ->check(CLI::Range(0.1, 60.0));
+    serveCmd
         ->add_option("--retain-sessions", serveOptions.retainSessionsDays,
                      "Days a session is kept (its key is refused after); 0: all")
         ->capture_default_str()
@@ -501,6 +518,8 @@ int main(int argc, char** argv) {
         deviceVerbs.push_back(cmd);
     }
 
+    WebhooksCommand webhooks(app, addDb);
+
     CLI::App* reportCmd = app.add_subcommand(
         "report", "Print the funnel (links, answers) per campaign and offer, and log counts");
     bool asJson = false;
@@ -549,6 +568,9 @@ int main(int argc, char** argv) {
             if (verb->parsed()) {
                 return deviceCommand(db, verb->get_name(), deviceId);
             }
+        }
+        if (const auto status = webhooks.run(db)) {
+            return *status;
         }
         if (reportCmd->parsed()) {
             return report(db, asJson, byDay);

@@ -48,8 +48,8 @@ class CommandLine : public ::testing::Test {
 };
 
 TEST_F(CommandLine, EveryCommandHasHelp) {
-    for (const std::string command :
-         {"", "serve", "import", "apps", "apps add", "report", "places", "places validate"}) {
+    for (const std::string command : {"", "serve", "import", "apps", "apps add", "report", "places",
+                                      "places validate", "webhooks", "webhooks replay"}) {
         const CommandResult r = run(command + " --help");
         EXPECT_EQ(r.exitCode, 0) << command;
         EXPECT_NE(r.output.find("Usage"), std::string::npos) << r.output;
@@ -61,8 +61,10 @@ TEST_F(CommandLine, EveryCommandHasHelp) {
 }
 
 TEST_F(CommandLine, UsageErrorsExitWithTwo) {
-    for (const std::string command : {"", "report", "serve --db x --threads 0", "apps", "frobnicate",
-                                      "report --db", "places", "places validate", "places validate a b"}) {
+    for (const std::string command :
+         {"", "report", "serve --db x --threads 0", "apps", "frobnicate", "report --db", "places",
+          "places validate", "places validate a b", "webhooks", "webhooks add --db x",
+          "webhooks rotate 1 --grace -1 --db x"}) {
         const CommandResult r = run(command);
         EXPECT_EQ(r.exitCode, 2) << command << ": " << r.output;
     }
@@ -352,6 +354,29 @@ TEST_P(CommandLineOnEachStore, AppsAndCampaignsAreManaged) {
     EXPECT_EQ(unknown.exitCode, 1);
     EXPECT_NE(unknown.output.find("no campaign"), std::string::npos);
     EXPECT_EQ(run("apps list --db " + (dir / "missing.db").string()).exitCode, 1);
+
+    const CommandResult hook =
+        run("webhooks add https://192.0.2.1/in --events visit.linked,offer.seen --db " + db);
+    ASSERT_EQ(hook.exitCode, 0) << hook.output;
+    const json added = json::parse(hook.output);
+    const std::string secret = added.at("secret");
+    EXPECT_EQ(added.at("eventTypes"), json::array({"visit.linked", "offer.seen"}));
+    const std::string listed = run("webhooks list --db " + db).output;
+    EXPECT_EQ(listed.find(secret), std::string::npos) << "a secret is shown once";
+    EXPECT_NE(listed.find(secret.substr(secret.size() - 4)), std::string::npos) << listed;
+    for (const char* refused :
+         {"http://192.0.2.1/in", "https://127.0.0.1/in", "https://192.0.2.1/in --events nope"}) {
+        const CommandResult r = run(std::string("webhooks add ") + refused + " --db " + db);
+        EXPECT_EQ(r.exitCode, 1) << refused;
+        EXPECT_NE(r.output.find("tovrel-server: "), std::string::npos) << r.output;
+    }
+    const std::string id = std::to_string(added.at("id").get<int64_t>());
+    EXPECT_EQ(run("webhooks test " + id + " --db " + db).exitCode, 0);
+    EXPECT_EQ(queryRows(db, "SELECT type, state FROM webhook_messages"),
+              std::vector<std::string>{"webhook.test|pending"});
+    EXPECT_EQ(run("webhooks remove " + id + " --db " + db).exitCode, 0);
+    EXPECT_EQ(run("webhooks show " + id + " --db " + db).exitCode, 1);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM webhook_messages"), std::vector<std::string>{"0"});
 }
 
 TOVREL_ON_BOTH_STORES(CommandLineOnEachStore);

@@ -2,7 +2,9 @@
 // under a bounded load of simulated devices for TOVREL_CLUSTER_SECONDS (30 by default). One replica
 // is killed with SIGKILL mid-load and started again. Afterwards every write a device saw acknowledged
 // must be in the database, live device events must be unique per (device, offer, place), and a place
-// added through one replica's admin API must have been answered by the other two within a second.
+// added through one replica's admin API must have been answered by the other two within a second. Every
+// acknowledged link's visit.linked webhook must reach a receiver, signed, at least once and under one id,
+// and no event may name a link the database does not hold.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -24,6 +26,7 @@
 #include "support/wait_until.h"
 #include "test_postgres.h"
 #include "test_support.h"
+#include "webhook_receiver.h"
 
 namespace tovrel::server::test {
 namespace {
@@ -64,11 +67,30 @@ class Replica {
 
     /// Starts it and waits until it reports ready; false when it does not within 20 s.
     bool start() {
-        process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            TOVREL_SERVER_BINARY, "serve", "--db", db_, "--listen", "127.0.0.1:" + std::to_string(port_),
-            "--admin-listen", "127.0.0.1:" + std::to_string(adminPort_), "--admin-token-file", tokenFile_,
-            "--content", (examplesDir() / "content").string(), "--log-rate-limit", "0", "--log-level", "warn",
-            "--threads", "2"});
+        process_ =
+            std::make_unique<ChildProcess>(std::vector<std::string>{TOVREL_SERVER_BINARY,
+                                                                    "serve",
+                                                                    "--db",
+                                                                    db_,
+                                                                    "--listen",
+                                                                    "127.0.0.1:" + std::to_string(port_),
+                                                                    "--admin-listen",
+                                                                    "127.0.0.1:" + std::to_string(adminPort_),
+                                                                    "--admin-token-file",
+                                                                    tokenFile_,
+                                                                    "--content",
+                                                                    (examplesDir() / "content").string(),
+                                                                    "--log-rate-limit",
+                                                                    "0",
+                                                                    "--log-level",
+                                                                    "warn",
+                                                                    "--threads",
+                                                                    "2",
+                                                                    "--webhook-allow-private",
+                                                                    "--webhook-poll",
+                                                                    "0.2",
+                                                                    "--webhook-timeout",
+                                                                    "1"});
         HttpClient probe(adminPort_);
         return process_->started() &&
                waitUntil([&] { return probe.get("/readyz").status == 200; }, std::chrono::seconds(20));
@@ -252,6 +274,18 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
     HttpClient probe(front);
     ASSERT_TRUE(waitUntil([&] { return probe.get("/healthz").status != 0; }, std::chrono::seconds(10)));
 
+    WebhookReceiver receiver(dir);
+    ASSERT_TRUE(receiver.started());
+    const HttpResult hook =
+        HttpClient(replicas[0]->adminPort())
+            .request(
+                "POST", "/admin/v1/webhooks",
+                json{{"url", receiver.url("/visits")}, {"eventTypes", {"visit.linked"}}, {"allowHttp", true}}
+                    .dump(),
+                {std::string("Authorization: Bearer ") + kToken});
+    ASSERT_EQ(hook.status, 201) << hook.body;
+    receiver.trust({hook.parsed().at("secret").get<std::string>()});
+
     const double seconds = clusterSeconds();
     const auto begin = Clock::now();
     const auto at = [&](double fraction) {
@@ -316,6 +350,27 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
     for (std::thread& t : load) {
         t.join();
     }
+    // The killed replica's claims lapse after a batch's longest delivery (16 requests of 1 s, 4 at a time).
+    std::set<int64_t> storedIds;
+    for (const std::string& row : queryRows(db, "SELECT id FROM device_events")) {
+        storedIds.insert(std::stoll(row));
+    }
+    std::map<int64_t, std::set<std::string>> idsOfLink;
+    int received = 0;
+    int unsigned_ = 0;
+    const auto deliveredAll = [&] {
+        idsOfLink.clear();
+        received = 0;
+        unsigned_ = 0;
+        for (const json& r : receiver.received()) {
+            ++received;
+            unsigned_ += r.at("validWith") == json::array({0}) ? 0 : 1;
+            idsOfLink[r.at("body").at("data").at("deviceEventId").get<int64_t>()].insert(r.at("id"));
+        }
+        return std::all_of(storedIds.begin(), storedIds.end(),
+                           [&](int64_t link) { return idsOfLink.contains(link); });
+    };
+    EXPECT_TRUE(waitUntil(deliveredAll, std::chrono::seconds(40)));
     for (auto& r : replicas) {
         r->kill(SIGTERM);
     }
@@ -379,6 +434,26 @@ TEST(Cluster, ThreeReplicasBehindHaproxyLoseNoAcknowledgedWriteWhenOneIsKilled) 
         lost += std::max(0, count - storedLogs[device]);
     }
     std::cout << "cluster: acknowledged writes missing from the database: " << lost << "\n";
+    int missingEvents = 0;
+    for (const auto& link : acked.links) {
+        missingEvents += idsOfLink.contains(std::get<3>(link)) ? 0 : 1;
+    }
+    int twiceUnderTwoIds = 0;
+    int withoutLink = 0;
+    for (const auto& [link, ids] : idsOfLink) {
+        withoutLink += storedIds.contains(link) ? 0 : 1;
+        twiceUnderTwoIds += ids.size() > 1 ? 1 : 0;
+    }
+    const int twice = received - static_cast<int>(idsOfLink.size());
+    std::cout << "cluster: webhooks: " << received << " visit.linked requests for " << idsOfLink.size()
+              << " links (" << storedIds.size() << " stored), " << twice << " sent again, " << missingEvents
+              << " acknowledged links without their event, " << withoutLink << " events of no stored link, "
+              << unsigned_ << " without a valid signature\n";
+    EXPECT_EQ(missingEvents, 0);
+    EXPECT_EQ(withoutLink, 0);
+    EXPECT_EQ(twiceUnderTwoIds, 0) << "a link's event went out under two ids";
+    EXPECT_EQ(unsigned_, 0);
+    EXPECT_EQ(idsOfLink.size(), storedIds.size()) << "every stored link's event went out";
     EXPECT_EQ(lost, 0);
     EXPECT_EQ(
         queryRows(

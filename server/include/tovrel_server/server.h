@@ -108,6 +108,14 @@ struct ServerOptions {
     /// Folder of the built campaign console, served on the admin listener under /console/; empty:
     /// none (404).
     std::string consoleDir;
+    /// Webhook delivery may connect to loopback, link-local and private addresses (tests, endpoints on
+    /// a private network); refused otherwise, when an endpoint is saved and when each connection is made.
+    bool webhookAllowPrivate = false;
+    /// Real seconds between two webhook delivery passes; 0: only when deliverWebhooks() is called.
+    double webhookPollSeconds = 1;
+    /// Seconds one webhook request may take, from connecting to the end of the answer. A batch's claim
+    /// lasts four times this (and 5 s): a replica that dies mid-delivery leaves its messages that long.
+    double webhookTimeoutSeconds = 15;
     /// Where structured log lines go (JSON, one a line); empty writes none.
     std::function<void(std::string_view line)> logSink;
     /// The least level written: "debug", "info", "warn" or "error".
@@ -120,6 +128,14 @@ struct ServerOptions {
 struct Reply {
     unsigned status = 200;
     std::string body;
+};
+
+/// What one webhook delivery pass did.
+struct WebhookPass {
+    int64_t attempts = 0;
+    int64_t delivered = 0;
+    int64_t retried = 0;
+    int64_t failed = 0;  ///< ended without delivery (schedule spent, or the endpoint answered 410)
 };
 
 /// The HTTP service: session, place, device-event, device-tag and log endpoints plus static
@@ -188,6 +204,9 @@ class Server {
     /// Runs one retention pass now (see retainLinksDays), `batch` rows a transaction; returns the rows
     /// removed by kind ("logs", "links", "sessions"). Any thread.
     std::map<std::string, int64_t> pruneExpired(int batch = 1000);
+    /// Sends the webhook messages due now at the server's clock, and those that fall due meanwhile, until
+    /// none is; what the delivery thread does every webhookPollSeconds. Any thread.
+    WebhookPass deliverWebhooks();
 
   private:
     struct Impl;

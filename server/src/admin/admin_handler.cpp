@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "admin/device_day.h"
+#include "admin/webhooks_admin.h"
 #include "api/service.h"
 #include "catalog/catalog_data.h"
 #include "common/field_limits.h"
@@ -546,13 +547,14 @@ std::string readAdminToken(const std::string& path, bool othersMayRead) {
 
 AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
                            std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir,
-                           const std::string& contentDir)
+                           const std::string& contentDir, bool webhookAllowPrivate)
     : service_(service),
       metrics_(metrics),
       work_(work),
       token_(std::move(token)),
       snapshot_(std::move(snapshot)),
-      console_(consoleDir, token_, contentDir) {}
+      console_(consoleDir, token_, contentDir),
+      webhookAllowPrivate_(webhookAllowPrivate) {}
 
 std::optional<HttpReply> AdminHandler::refuseUnauthorised(const HttpRequest& request) {
     if (token_.empty()) {
@@ -678,6 +680,12 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
         }
         if (kind == "devices") {
             return devicesRequest(service_, request);
+        }
+        if (kind == "webhooks") {
+            const WebhookAdminReply reply = webhooksRequest(
+                WebhookAdminRequest{method, request.parts, target, body, webhookAllowPrivate_,
+                                    [this](const auto& work) { service_.transact(work); }, service_.now()});
+            return jsonReply(reply.status, reply.body);
         }
         if (kind == "import" && request.parts.size() == 1 && method == "POST") {
             return importRequest(service_, request);

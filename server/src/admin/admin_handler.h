@@ -26,10 +26,10 @@ class AdminHandler : public RequestHandler {
     /// `token` empty: the admin API answers 403 (probes and metrics still answer). `snapshot` fills the
     /// gauges that only the server knows (open connections, queued jobs). `consoleDir`: the built
     /// console, empty when it is not installed; `contentDir`: the public pages, which its offer
-    /// previews show.
+    /// previews show. `webhookAllowPrivate`: webhook endpoints may be on private addresses.
     AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
                  std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir = {},
-                 const std::string& contentDir = {});
+                 const std::string& contentDir = {}, bool webhookAllowPrivate = false);
 
     /// Admin API requests without the token are refused here, before their body is read, and at most
     /// kMaxAdminRequests are read or worked on at once; probes may carry kMaxProbeBody. Any connection
@@ -57,6 +57,7 @@ class AdminHandler : public RequestHandler {
     std::string token_;
     std::function<MetricsSnapshot()> snapshot_;
     Console console_;
+    bool webhookAllowPrivate_;
     std::atomic<int> inFlight_{0};
 };
 

@@ -144,6 +144,14 @@ class Service : private ChangeListener {
         }
     }
 
+    /// The server's clock. Any thread.
+    double now() const { return clock_(); }
+    /// Runs `work` in one store transaction: at once where the store takes several writers, under the
+    /// writers' lock elsewhere. For tables nothing in memory mirrors (the webhooks'). Any thread.
+    void transact(const std::function<void(const SqlSource&)>& work) {
+        writeOnly([&](Store& store) { store.transact(work); });
+    }
+
     /// Erases the device with this identifier from the store and from what this replica holds in
     /// memory (the store tells the other replicas); its session keys are unknown from then on.
     /// nullopt when there is no such device. Any thread.

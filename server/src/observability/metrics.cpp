@@ -64,6 +64,26 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     const auto gauge = [this](const char* name, const char* help) {
         return &prometheus::BuildGauge().Name(name).Help(help).Register(*registry_).Add({});
     };
+    webhookAttempts_ = &prometheus::BuildCounter()
+                            .Name("tovrel_webhook_attempts_total")
+                            .Help("Webhook requests made, by endpoint and answer (2xx..5xx, error)")
+                            .Register(*registry_);
+    webhookMessages_ = &prometheus::BuildCounter()
+                            .Name("tovrel_webhook_messages_total")
+                            .Help("Webhook messages ended, by endpoint and outcome (delivered, failed)")
+                            .Register(*registry_);
+    webhookRequestSeconds_ =
+        &prometheus::BuildHistogram()
+             .Name("tovrel_webhook_request_duration_seconds")
+             .Help("Time one webhook request took")
+             .Register(*registry_)
+             .Add({}, prometheus::Histogram::BucketBoundaries{0.01, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 15});
+    webhookDeliverySeconds_ = &prometheus::BuildHistogram()
+                                   .Name("tovrel_webhook_delivery_latency_seconds")
+                                   .Help("Time from an event to its delivery")
+                                   .Register(*registry_)
+                                   .Add({}, prometheus::Histogram::BucketBoundaries{
+                                                0.1, 0.5, 1, 5, 30, 300, 1800, 7200, 36000, 86400, 259200});
     refusedCounter_ = counter("tovrel_connections_refused_total",
                               "Connections refused over --max-connections or the per-address cap");
     limitedCounter_ = counter("tovrel_rate_limited_requests_total", "Requests answered 429 by a rate limit");
@@ -78,6 +98,9 @@ Metrics::Metrics() : registry_(std::make_shared<prometheus::Registry>()) {
     sessions_ = gauge("tovrel_sessions_cached", "Session keys held in memory");
     queued_ = gauge("tovrel_database_queue_jobs", "Requests waiting for the database");
     catalogVersion_ = gauge("tovrel_catalog_version", "Updates of the in-memory catalogue since start");
+    webhookPending_ = gauge("tovrel_webhook_queue_messages", "Webhook messages waiting for delivery");
+    webhookOldest_ = gauge("tovrel_webhook_oldest_pending_age_seconds",
+                           "Age of the oldest webhook message waiting for delivery");
     catalogReads_ =
         gauge("tovrel_catalog_full_reads",
               "Updates of the in-memory catalogue that read all of it (the others applied changes)");
@@ -130,6 +153,24 @@ void Metrics::retention(const std::string& kind, std::int64_t removed,
                         std::optional<double> oldestAgeSeconds) {
     retentionRemoved_->Add({{"kind", kind}}).Increment(static_cast<double>(removed));
     oldestRowAge_->Add({{"kind", kind}}).Set(oldestAgeSeconds.value_or(0));
+}
+
+void Metrics::webhookAttempt(std::int64_t endpoint, std::string_view answer, double seconds,
+                             std::string_view ended, double ageSeconds) {
+    const std::string id = std::to_string(endpoint);
+    webhookAttempts_->Add({{"endpoint", id}, {"answer", std::string(answer)}}).Increment();
+    webhookRequestSeconds_->Observe(seconds);
+    if (!ended.empty()) {
+        webhookMessages_->Add({{"endpoint", id}, {"outcome", std::string(ended)}}).Increment();
+    }
+    if (ended == "delivered") {
+        webhookDeliverySeconds_->Observe(ageSeconds);
+    }
+}
+
+void Metrics::webhookQueue(std::int64_t pending, double oldestAgeSeconds) {
+    webhookPending_->Set(static_cast<double>(pending));
+    webhookOldest_->Set(oldestAgeSeconds);
 }
 
 std::string Metrics::scrape(const MetricsSnapshot& snapshot) {

@@ -60,6 +60,14 @@ class Metrics {
     /// removed, and the age in seconds of the oldest row left (nullopt: none left). Any thread.
     void retention(const std::string& kind, std::int64_t removed, std::optional<double> oldestAgeSeconds);
 
+    /// One webhook request to `endpoint` that ended in `answer` ("2xx", "3xx", "4xx", "5xx" or "error")
+    /// after `seconds`; `ended` ("delivered", "failed", "" while retried) with the message's age when it
+    /// ended. Any thread.
+    void webhookAttempt(std::int64_t endpoint, std::string_view answer, double seconds,
+                        std::string_view ended, double ageSeconds);
+    /// Messages waiting in the outbox and the age of the oldest of them (0: none). Any thread.
+    void webhookQueue(std::int64_t pending, double oldestAgeSeconds);
+
     /// Totals, for tests and the status line. Any thread.
     std::uint64_t refusedConnections() const { return refused_.load(); }
     std::uint64_t rateLimitedRequests() const { return limited_.load(); }
@@ -77,6 +85,12 @@ class Metrics {
     std::array<std::array<std::atomic<prometheus::Counter*>, kStatusSlots>, kRouteCount> requestSlots_{};
     std::mutex slotMutex_;
     prometheus::Family<prometheus::Counter>* retentionRemoved_;
+    prometheus::Family<prometheus::Counter>* webhookAttempts_;
+    prometheus::Family<prometheus::Counter>* webhookMessages_;
+    prometheus::Histogram* webhookRequestSeconds_;
+    prometheus::Histogram* webhookDeliverySeconds_;
+    prometheus::Gauge* webhookPending_;
+    prometheus::Gauge* webhookOldest_;
     prometheus::Family<prometheus::Gauge>* oldestRowAge_;
     prometheus::Counter* refusedCounter_;
     prometheus::Counter* limitedCounter_;

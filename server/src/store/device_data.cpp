@@ -164,6 +164,11 @@ ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t deviceRow) {
     erased.logMessages = source.run(
         "DELETE FROM log_messages WHERE device_id = (SELECT device_id FROM devices WHERE id = " + device +
         ")");
+    // Events not yet delivered carry what the device did (a tag's value): they go with it.
+    source.run(
+        "DELETE FROM webhook_attempts WHERE message IN (SELECT id FROM webhook_messages WHERE device = " +
+        device + ")");
+    source.run("DELETE FROM webhook_messages WHERE device = " + device);
     source.run("DELETE FROM devices WHERE id = " + device);
     return erased;
 }

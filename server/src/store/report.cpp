@@ -51,24 +51,37 @@ void countEvents(const SqlSource& source, const std::string& key, bool byDay,
 
 }  // namespace
 
+namespace {
+
+SqlRows allRows(Statement& st) {
+    SqlRows rows;
+    while (st.step()) {
+        auto& row = rows.emplace_back();
+        for (int i = 0; i < st.columns(); ++i) {
+            row.push_back(st.text(i));
+        }
+    }
+    return rows;
+}
+
+}  // namespace
+
 SqlSource sqliteSource(Database& db) {
     return SqlSource{[&db](const std::string& sql) {
-                         std::vector<std::vector<std::string>> rows;
                          Statement st = db.prepare(sql);
-                         while (st.step()) {
-                             auto& row = rows.emplace_back();
-                             for (int i = 0; i < st.columns(); ++i) {
-                                 row.push_back(st.text(i));
-                             }
-                         }
-                         return rows;
+                         return allRows(st);
                      },
                      [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; },
                      [&db](const std::string& sql) {
                          db.prepare(sql).run();
                          return db.changes();
                      },
-                     ""};
+                     "",
+                     [&db](const std::string& sql, const std::vector<SqlParam>& params) {
+                         Statement st = db.prepare(sql);
+                         st.withTexts(params);
+                         return allRows(st);
+                     }};
 }
 
 Funnel readFunnel(Database& db, bool byDay) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "store/sql_source.h"
 #include "tovrel_server/admin.h"
 
 namespace tovrel::server {
@@ -22,18 +23,6 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows, std::
 /// The funnel per campaign and per offer, and by UTC day when byDay. Runs on the caller's thread
 /// with the caller's connection.
 Funnel readFunnel(Database& db, bool byDay);
-
-/// How a store answers SQL that both dialects share: each row's columns as text (NULL as ""), the
-/// number of rows a statement changed, and its SQL for the UTC day ("YYYY-MM-DD") of a column of
-/// seconds since 1970. The SQL holds no parameters: callers put in numbers only.
-struct SqlSource {
-    std::function<std::vector<std::vector<std::string>>(const std::string& sql)> rows;
-    std::function<std::string(const std::string& secondsColumn)> utcDay;
-    std::function<int64_t(const std::string& sql)> run;
-    /// Put after a SELECT to lock the rows it reads until the transaction ends (PostgreSQL's
-    /// " FOR UPDATE"; "" where one writer at a time is all there is).
-    std::string forUpdate;
-};
 
 /// SQLite's SqlSource on the caller's connection.
 SqlSource sqliteSource(Database& db);

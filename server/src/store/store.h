@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -10,6 +11,7 @@
 
 #include "catalog/catalog_data.h"
 #include "rules/link_decision.h"
+#include "store/sql_source.h"
 #include "tovrel_server/admin.h"
 
 namespace tovrel::server {
@@ -128,6 +130,8 @@ class ChangeFeed {
 };
 
 /// Where a tovrel-server keeps everything durably: SQLite (one file) or PostgreSQL (shared by replicas).
+/// The writes that webhook endpoints hear of (a session start, a new link, a link's status, a tag set,
+/// links cleared) queue their event in their own transaction (enqueueEvent()).
 /// Not thread-safe unless said: the Service calls it under its writers' lock. Every operation throws
 /// DatabaseBusy when the database cannot take it now (nothing was written), std::runtime_error on
 /// other failures.
@@ -224,6 +228,11 @@ class Store {
         (void)listener;
         return nullptr;
     }
+
+    /// Runs `work` in one write transaction on one of the store's connections: committed when it returns,
+    /// rolled back when it throws. For what the store says nothing of itself (the webhooks' tables, see
+    /// webhook_store.h). Caller's thread.
+    virtual void transact(const std::function<void(const SqlSource&)>& work) = 0;
 
     /// The admin API's lists and changes (see admin_store.h for the members of each list).
     virtual nlohmann::json listApps() = 0;

@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 5> kPgMigrations = {
+constexpr std::array<const char*, 6> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -262,6 +262,47 @@ CREATE INDEX device_events_delivered ON device_events(device, created_at) WHERE 
 CREATE TABLE settings(name text PRIMARY KEY, value text NOT NULL);
 INSERT INTO settings(name, value)
     VALUES('control_group_key', replace(gen_random_uuid()::text || gen_random_uuid()::text, '-', ''));
+)sql",
+    // Webhook endpoints and their outbox: a message is written in the transaction of the write it
+    // reports, one for each endpoint that takes its type, and leaves when a delivery thread claims it.
+    R"sql(
+CREATE TABLE webhook_endpoints(
+    id bigserial PRIMARY KEY,
+    url text NOT NULL,
+    event_types text NOT NULL DEFAULT '*',
+    enabled bigint NOT NULL DEFAULT 1,
+    include_device bigint NOT NULL DEFAULT 0,
+    secret text NOT NULL,
+    previous_secret text NOT NULL DEFAULT '',
+    previous_until double precision NOT NULL DEFAULT 0,
+    disabled_reason text NOT NULL DEFAULT '',
+    created_at double precision NOT NULL);
+CREATE TABLE webhook_messages(
+    id bigserial PRIMARY KEY,
+    message_id text NOT NULL,
+    endpoint bigint NOT NULL,
+    type text NOT NULL,
+    device bigint,
+    data text NOT NULL,
+    created_at double precision NOT NULL,
+    next_attempt double precision NOT NULL,
+    attempts bigint NOT NULL DEFAULT 0,
+    state text NOT NULL DEFAULT 'pending',
+    claimed_until double precision NOT NULL DEFAULT 0,
+    last_status bigint NOT NULL DEFAULT 0,
+    ended_at double precision);
+CREATE INDEX webhook_messages_due ON webhook_messages(next_attempt, id) WHERE state = 'pending';
+CREATE INDEX webhook_messages_endpoint ON webhook_messages(endpoint, created_at);
+CREATE INDEX webhook_messages_ended ON webhook_messages(ended_at) WHERE state <> 'pending';
+CREATE TABLE webhook_attempts(
+    id bigserial PRIMARY KEY,
+    message bigint NOT NULL,
+    endpoint bigint NOT NULL,
+    at double precision NOT NULL,
+    status bigint NOT NULL,
+    seconds double precision NOT NULL,
+    error text NOT NULL DEFAULT '');
+CREATE INDEX webhook_attempts_endpoint ON webhook_attempts(endpoint, id);
 )sql",
 };
 

@@ -12,6 +12,7 @@
 #include "store/device_data.h"
 #include "store/link_suppression.h"
 #include "store/report.h"
+#include "store/webhook_store.h"
 
 namespace tovrel::server {
 
@@ -94,6 +95,8 @@ bool PgStore::appEnabled(const std::string& appKey) {
     return conn->exec("SELECT 1 FROM apps WHERE key = $1 AND NOT disabled", appKey).rows() > 0;
 }
 
+SqlSource pgSource(PgConnection& conn);
+
 int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
     auto conn = pool_.acquire();
     PgTransaction tx(*conn);
@@ -106,6 +109,7 @@ int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHa
     const int64_t id = row.integer(0, 0);
     conn->exec("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES($1, $2, $3, $4)", keyHash,
                id, device.appKey, now);
+    enqueueEvent(pgSource(*conn), sessionStarted(device, id), now);
     tx.commit();
     return id;
 }
@@ -124,8 +128,6 @@ std::vector<LinkRow> PgStore::liveLinks(int64_t device) {
     }
     return links;
 }
-
-SqlSource pgSource(PgConnection& conn);
 
 LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
     auto conn = pool_.acquire();
@@ -153,9 +155,11 @@ LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
         "created_at) VALUES($1, $2, $3, $4, $5, $6, $7, $8) RETURNING id",
         device, link.offer, link.place, link.campaign, suppressed, std::string(suppressionName(reason)),
         verdict.control ? 1 : 0, now);
+    const LinkRow row{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed, reason};
+    enqueueEvent(pgSource(*conn), visitLinked(device, row, link.campaignName), now);
     notifyDeviceChanged(*conn, device);
     tx.commit();
-    return LinkRow{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed, reason};
+    return row;
 }
 
 std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
@@ -170,16 +174,22 @@ std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
 
 void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
     auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
     conn->exec("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)", deviceEvent,
                status, now);
+    enqueueStatusEvent(pgSource(*conn), deviceEvent, status, now);
+    tx.commit();
 }
 
 void PgStore::clearLinks(int64_t device, double now) {
     auto conn = pool_.acquire();
     PgTransaction tx(*conn);
-    if (conn->exec("UPDATE device_events SET cleared_at = $1 WHERE device = $2 AND cleared_at IS NULL", now,
+    const int64_t cleared =
+        conn->exec("UPDATE device_events SET cleared_at = $1 WHERE device = $2 AND cleared_at IS NULL", now,
                    device)
-            .changes() > 0) {
+            .changes();
+    if (cleared > 0) {
+        enqueueEvent(pgSource(*conn), linksCleared(device, cleared), now);
         notifyDeviceChanged(*conn, device);
     }
     tx.commit();
@@ -193,11 +203,14 @@ void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
 void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
                      const std::string& value, double now) {
     auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
     conn->exec(
         "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, $4, $5) "
         "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
         "excluded.updated_at",
         device, group, tag, value, now);
+    enqueueEvent(pgSource(*conn), deviceTagged(device, group, tag, value), now);
+    tx.commit();
 }
 
 void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
@@ -519,22 +532,46 @@ std::optional<CatalogChanges> PgStore::readCatalogChanges(std::uint64_t since, s
     return changes;
 }
 
+namespace {
+
+SqlRows allRows(const PgResult& result) {
+    SqlRows rows(static_cast<std::size_t>(result.rows()));
+    const int columns = PQnfields(result.native());
+    for (int i = 0; i < result.rows(); ++i) {
+        for (int c = 0; c < columns; ++c) {
+            rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
+        }
+    }
+    return rows;
+}
+
+// The shared SQL marks parameters with '?', which PostgreSQL spells $1..$n; the SQL that uses it has no
+// question mark inside a literal.
+std::string numberedParameters(const std::string& sql) {
+    std::string out;
+    out.reserve(sql.size() + 16);
+    int n = 0;
+    for (const char c : sql) {
+        if (c == '?') {
+            out += '$' + std::to_string(++n);
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
 SqlSource pgSource(PgConnection& conn) {
-    return SqlSource{[&conn](const std::string& sql) {
-                         const PgResult result = conn.exec(sql);
-                         std::vector<std::vector<std::string>> rows(static_cast<std::size_t>(result.rows()));
-                         const int columns = PQnfields(result.native());
-                         for (int i = 0; i < result.rows(); ++i) {
-                             for (int c = 0; c < columns; ++c) {
-                                 rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
-                             }
-                         }
-                         return rows;
-                     },
+    return SqlSource{[&conn](const std::string& sql) { return allRows(conn.exec(sql)); },
                      [](const std::string& seconds) {
                          return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
                      },
-                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }, " FOR UPDATE"};
+                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }, " FOR UPDATE",
+                     [&conn](const std::string& sql, const std::vector<SqlParam>& params) {
+                         return allRows(conn.execParams(numberedParameters(sql), params));
+                     }};
 }
 
 Funnel PgStore::funnel(bool byDay) {
@@ -861,6 +898,13 @@ json PgStore::campaignDefinitions() {
         campaigns.push_back(std::move(c));
     }
     return campaigns;
+}
+
+void PgStore::transact(const std::function<void(const SqlSource&)>& work) {
+    auto conn = pool_.acquire();
+    PgTransaction tx(*conn);
+    work(pgSource(*conn));
+    tx.commit();
 }
 
 }  // namespace tovrel::server

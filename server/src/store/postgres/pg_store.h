@@ -59,6 +59,7 @@ class PgStore final : public Store {
     bool reachable() override;
     std::unique_ptr<ChangeFeed> watchChanges(ChangeListener& listener) override;
 
+    void transact(const std::function<void(const SqlSource&)>& work) override;
     nlohmann::json listApps() override;
     std::string addApp(std::string key, const std::string& name, double now, bool* added) override;
     std::optional<std::string> rotateApp(const std::string& key) override;

@@ -68,6 +68,15 @@ void Statement::reset() {
     sqlite3_clear_bindings(stmt_);
 }
 
+Statement& Statement::withTexts(const std::vector<std::optional<std::string>>& params) {
+    reset();
+    int i = 0;
+    for (const auto& p : params) {
+        bindOne(++i, p);
+    }
+    return *this;
+}
+
 int64_t Statement::integer(int col) const {
     return sqlite3_column_int64(stmt_, col);
 }

@@ -34,6 +34,8 @@ class Statement {
         (bindOne(++i, args), ...);
         return *this;
     }
+    /// Binds parameters 1..n from texts (NULL for nullopt) and clears any earlier state.
+    Statement& withTexts(const std::vector<std::optional<std::string>>& params);
     /// Next row: true while a row is available, false when done. Throws on error.
     bool step();
     /// Steps to completion, for statements that return no rows.

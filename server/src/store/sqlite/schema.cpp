@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 6> kMigrations = {
+constexpr std::array<const char*, 7> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -129,6 +129,47 @@ ALTER TABLE device_events ADD COLUMN control_group INTEGER NOT NULL DEFAULT 0;
 CREATE INDEX device_events_delivered ON device_events(device, created_at) WHERE NOT suppressed;
 CREATE TABLE settings(name TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
 INSERT INTO settings(name, value) VALUES('control_group_key', lower(hex(randomblob(32))));
+)sql",
+    // Webhook endpoints and their outbox: a message is written in the transaction of the write it
+    // reports, one for each endpoint that takes its type, and leaves when a delivery thread claims it.
+    R"sql(
+CREATE TABLE webhook_endpoints(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    url TEXT NOT NULL,
+    event_types TEXT NOT NULL DEFAULT '*',
+    enabled INTEGER NOT NULL DEFAULT 1,
+    include_device INTEGER NOT NULL DEFAULT 0,
+    secret TEXT NOT NULL,
+    previous_secret TEXT NOT NULL DEFAULT '',
+    previous_until REAL NOT NULL DEFAULT 0,
+    disabled_reason TEXT NOT NULL DEFAULT '',
+    created_at REAL NOT NULL);
+CREATE TABLE webhook_messages(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    message_id TEXT NOT NULL,
+    endpoint INTEGER NOT NULL,
+    type TEXT NOT NULL,
+    device INTEGER,
+    data TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    next_attempt REAL NOT NULL,
+    attempts INTEGER NOT NULL DEFAULT 0,
+    state TEXT NOT NULL DEFAULT 'pending',
+    claimed_until REAL NOT NULL DEFAULT 0,
+    last_status INTEGER NOT NULL DEFAULT 0,
+    ended_at REAL);
+CREATE INDEX webhook_messages_due ON webhook_messages(next_attempt, id) WHERE state = 'pending';
+CREATE INDEX webhook_messages_endpoint ON webhook_messages(endpoint, created_at);
+CREATE INDEX webhook_messages_ended ON webhook_messages(ended_at) WHERE state <> 'pending';
+CREATE TABLE webhook_attempts(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    message INTEGER NOT NULL,
+    endpoint INTEGER NOT NULL,
+    at REAL NOT NULL,
+    status INTEGER NOT NULL,
+    seconds REAL NOT NULL,
+    error TEXT NOT NULL DEFAULT '');
+CREATE INDEX webhook_attempts_endpoint ON webhook_attempts(endpoint, id);
 )sql",
 };
 

@@ -7,6 +7,7 @@
 #include "store/device_data.h"
 #include "store/link_suppression.h"
 #include "store/report.h"
+#include "store/webhook_store.h"
 
 namespace tovrel::server {
 
@@ -40,6 +41,7 @@ int64_t SqliteStore::startSession(const DeviceInfo& device, const std::string& k
     db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
         .with(keyHash, deviceRow, device.appKey, now)
         .run();
+    enqueueEvent(sqliteSource(db_), sessionStarted(device, deviceRow), now);
     tx.commit();
     return deviceRow;
 }
@@ -79,8 +81,10 @@ LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
               std::string(suppressionName(reason)), verdict.control ? 1 : 0, now)
         .run();
     const int64_t id = db_.lastInsertId();
+    const LinkRow row{id, link.offer, link.place, link.campaign, suppressed, reason};
+    enqueueEvent(sqliteSource(db_), visitLinked(device, row, link.campaignName), now);
     tx.commit();
-    return LinkRow{id, link.offer, link.place, link.campaign, suppressed, reason};
+    return row;
 }
 
 std::optional<int64_t> SqliteStore::liveLinkOwner(int64_t deviceEvent) {
@@ -92,25 +96,36 @@ std::optional<int64_t> SqliteStore::liveLinkOwner(int64_t deviceEvent) {
 }
 
 void SqliteStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
+    Transaction tx(db_);
     db_.prepare("INSERT INTO device_event_status(device_event, status, at) VALUES(?, ?, ?)")
         .with(deviceEvent, status, now)
         .run();
+    enqueueStatusEvent(sqliteSource(db_), deviceEvent, status, now);
+    tx.commit();
 }
 
 void SqliteStore::clearLinks(int64_t device, double now) {
+    Transaction tx(db_);
     db_.prepare("UPDATE device_events SET cleared_at = ? WHERE device = ? AND cleared_at IS NULL")
         .with(now, device)
         .run();
+    if (const int64_t cleared = db_.changes(); cleared > 0) {
+        enqueueEvent(sqliteSource(db_), linksCleared(device, cleared), now);
+    }
+    tx.commit();
 }
 
 void SqliteStore::setTag(int64_t device, const std::string& group, const std::string& tag,
                          const std::string& value, double now) {
+    Transaction tx(db_);
     db_.prepare(
            "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES(?, ?, ?, ?, ?) "
            "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
            "excluded.updated_at")
         .with(device, group, tag, value, now)
         .run();
+    enqueueEvent(sqliteSource(db_), deviceTagged(device, group, tag, value), now);
+    tx.commit();
 }
 
 void SqliteStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
@@ -430,6 +445,12 @@ bool SqliteStore::removePlace(int64_t id) {
 }
 nlohmann::json SqliteStore::campaignDefinitions() {
     return admin_store::campaignDefinitions(db_);
+}
+
+void SqliteStore::transact(const std::function<void(const SqlSource&)>& work) {
+    Transaction tx(db_);
+    work(sqliteSource(db_));
+    tx.commit();
 }
 
 }  // namespace tovrel::server

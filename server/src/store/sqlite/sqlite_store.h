@@ -56,6 +56,7 @@ class SqliteStore final : public Store {
     std::optional<double> oldestRow(Retained kind) override;
     bool reachable() override;
 
+    void transact(const std::function<void(const SqlSource&)>& work) override;
     nlohmann::json listApps() override;
     std::string addApp(std::string key, const std::string& name, double now, bool* added) override;
     std::optional<std::string> rotateApp(const std::string& key) override;
