@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "admin/query_string.h"
 #include "common/request_fields.h"
 #include "store/webhook_store.h"
 #include "webhooks/address_policy.h"
@@ -76,24 +77,6 @@ void checkUrl(const std::string& url, bool allowHttp, bool allowPrivate) {
             "url: its host is a loopback, link-local or private address; tovrel-server sends there "
             "only with --webhook-allow-private");
     }
-}
-
-std::string queryValue(std::string_view target, std::string_view name) {
-    const std::size_t q = target.find('?');
-    if (q == std::string_view::npos) {
-        return "";
-    }
-    std::string_view rest = target.substr(q + 1);
-    while (!rest.empty()) {
-        const std::size_t amp = rest.find('&');
-        const std::string_view pair = rest.substr(0, amp);
-        const std::size_t eq = pair.find('=');
-        if (pair.substr(0, eq) == name) {
-            return std::string(eq == std::string_view::npos ? "" : pair.substr(eq + 1));
-        }
-        rest = amp == std::string_view::npos ? "" : rest.substr(amp + 1);
-    }
-    return "";
 }
 
 double numberParameter(std::string_view target, std::string_view name, double fallback) {

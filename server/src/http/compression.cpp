@@ -5,19 +5,11 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "common/text.h"
+
 namespace tovrel::server {
 
 namespace {
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) {
@@ -36,7 +28,7 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 double quality(std::string_view parameters) {
     while (!parameters.empty()) {
         const std::size_t semicolon = parameters.find(';');
-        const std::string_view parameter = trim(parameters.substr(0, semicolon));
+        const std::string_view parameter = trimBlanks(parameters.substr(0, semicolon));
         if (parameter.size() > 2 && (parameter[0] == 'q' || parameter[0] == 'Q') && parameter[1] == '=') {
             const std::string value(parameter.substr(2));
             char* end = nullptr;
@@ -59,7 +51,7 @@ bool acceptsGzip(std::string_view acceptEncoding) {
         const std::size_t comma = acceptEncoding.find(',');
         const std::string_view element = acceptEncoding.substr(0, comma);
         const std::size_t semicolon = element.find(';');
-        const std::string_view coding = trim(element.substr(0, semicolon));
+        const std::string_view coding = trimBlanks(element.substr(0, semicolon));
         const double q = semicolon == std::string_view::npos ? 1.0 : quality(element.substr(semicolon + 1));
         if (equalsIgnoringCase(coding, "gzip") || equalsIgnoringCase(coding, "x-gzip")) {
             return q > 0;

@@ -5,22 +5,14 @@
 #include <cstdint>
 #include <ctime>
 
+#include "common/text.h"
+
 namespace tovrel::server::webhooks {
 
 namespace {
 
 constexpr double kLongestWait = 86400;
 constexpr double kJitter = 0.1;
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
@@ -171,7 +163,7 @@ std::optional<double> retryDelay(int failedAttempts, double unit) {
 }
 
 std::optional<double> parseRetryAfter(std::string_view value, double now) {
-    value = trim(value);
+    value = trimBlanks(value);
     if (value.empty()) {
         return std::nullopt;
     }
