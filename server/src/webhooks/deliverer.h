@@ -21,7 +21,7 @@ class Sender;
 /// How messages are delivered.
 struct DelivererOptions {
     bool allowPrivate = false;            ///< connect to loopback, link-local and private addresses too
-    int batch = 16;  ///< messages claimed in one transaction
+    int batch = 16;                       ///< messages claimed in one transaction
     double pollSeconds = 1;               ///< real seconds between passes of the delivery thread
     long timeoutMs = 15000;               ///< one request, from connecting to the end of the answer
     int perEndpoint = 4;                  ///< requests at once to one endpoint
