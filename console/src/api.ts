@@ -117,6 +117,9 @@ export const admin = {
   postRaw<T>(path: string, raw: string) {
     return call<T>('POST', `/admin/v1/${path}`, undefined, { raw });
   },
+  patch<T>(path: string, body: unknown) {
+    return call<T>('PATCH', `/admin/v1/${path}`, body);
+  },
   del<T>(path: string, ifMatch?: string | null) {
     return call<T>('DELETE', `/admin/v1/${path}`, undefined, { ifMatch });
   },

@@ -126,3 +126,20 @@ export function showMessage(el: HTMLElement, err: unknown, explain?: (e: ApiErro
   el.textContent = errorText(err, explain);
   el.hidden = false;
 }
+
+/** Copies `text` to the clipboard, or selects it for the user where the browser refuses. */
+export async function copy(text: string, what: string): Promise<void> {
+  try {
+    await navigator.clipboard.writeText(text);
+    toast(`Copied ${what}.`);
+  } catch {
+    // Clipboard refused (not a secure context, or no permission): select it for the user.
+    const ta = h('textarea', { class: 'copy-fallback', 'aria-label': what, readonly: true });
+    ta.value = text;
+    document.body.appendChild(ta);
+    ta.select();
+    const ok = document.execCommand('copy');
+    ta.remove();
+    toast(ok ? `Copied ${what}.` : 'The browser refused to copy.');
+  }
+}

@@ -6,6 +6,7 @@ import { mountOverview } from './screens/overview';
 import { mountCampaigns } from './screens/campaigns';
 import { mountImport } from './screens/import';
 import { mountApps } from './screens/apps';
+import { mountWebhooks } from './screens/webhooks';
 
 type Mount = (root: HTMLElement) => () => void;
 
@@ -16,6 +17,7 @@ const screens: { path: string; title: string; load: () => Promise<Mount> | Mount
   { path: 'campaigns', title: 'Campaigns', load: () => mountCampaigns },
   { path: 'import', title: 'Import', load: () => mountImport },
   { path: 'apps', title: 'Apps', load: () => mountApps },
+  { path: 'webhooks', title: 'Webhooks', load: () => mountWebhooks },
 ];
 
 const app = document.getElementById('app')!;

@@ -15,7 +15,9 @@
 // otherwise non-zero, naming the steps that failed.
 
 import { execFile, execFileSync, spawn, spawnSync } from 'node:child_process';
+import crypto from 'node:crypto';
 import fs from 'node:fs';
+import { createServer } from 'node:http';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
@@ -523,6 +525,50 @@ await step('apps: add a key, see it masked, rotate it', async () => {
   await axe(page, 'apps');
 });
 
+await step('webhooks: an endpoint\'s secret is shown once; a test event arrives signed and its attempt is listed', async () => {
+  const got = [];
+  const receiver = createServer((req, res) => {
+    let body = '';
+    req.on('data', (c) => (body += c));
+    req.on('end', () => {
+      got.push({ headers: req.headers, body });
+      res.writeHead(204);
+      res.end();
+    });
+  });
+  await new Promise((resolve) => receiver.listen(0, '127.0.0.1', resolve));
+  try {
+    await go(page, 'webhooks');
+    await page.getByLabel('URL', { exact: true }).fill(`http://127.0.0.1:${receiver.address().port}/hooks`);
+    await page.getByLabel('visit.linked').check();
+    await page.getByLabel(/Allow plain http/).check();
+    await page.getByRole('button', { name: 'Add endpoint' }).click();
+    await page.locator('.fresh-key:not([hidden])').waitFor();
+    const secret = (await page.locator('.fresh-key code').textContent()) ?? '';
+    assert(/^whsec_[A-Za-z0-9+/]{43}=$/.test(secret), `the secret shows as "${secret}"`);
+    const row = page.locator('tr[data-endpoint]').first();
+    await row.waitFor();
+    assert(!(await row.textContent()).includes(secret), 'the listing shows the whole secret');
+    assert((await row.textContent()).includes('visit.linked'), 'the listing does not name the event type');
+    await row.getByRole('button', { name: /^Send test/ }).click();
+    for (let i = 0; i < 100 && got.length === 0; i++) await page.waitForTimeout(100);
+    assert(got.length === 1, `the receiver got ${got.length} requests`);
+    const { headers, body } = got[0];
+    const key = Buffer.from(secret.slice('whsec_'.length), 'base64');
+    const expected = crypto.createHmac('sha256', key).update(`${headers['webhook-id']}.${headers['webhook-timestamp']}.${body}`).digest('base64');
+    assert(headers['webhook-signature'] === `v1,${expected}`, `the signature ${headers['webhook-signature']} is not v1,${expected}`);
+    assert(JSON.parse(body).type === 'webhook.test', `the body is ${body}`);
+    await row.getByRole('button', { name: /^Attempts to/ }).click();
+    const attempt = page.locator('table.attempts tbody tr').first();
+    await attempt.waitFor();
+    assert((await attempt.textContent()).includes('204'), `the attempt reads "${await attempt.textContent()}"`);
+    await shot(page, 'webhooks');
+    await axe(page, 'webhooks');
+  } finally {
+    receiver.close();
+  }
+});
+
 // ---------------------------------------------------------------- map: draw a place
 
 const PLACE = { id: 0, lat: 48.137154, lon: 11.5754, name: 'Console Test Square' };
@@ -878,7 +924,7 @@ await step('every screen at 390×844', async () => {
     await p.locator('#signin').waitFor();
     await p.screenshot({ path: shotFile('signin-390') });
     await signIn(p, token);
-    for (const s of ['overview', 'map', 'campaigns', 'import', 'apps']) {
+    for (const s of ['overview', 'map', 'campaigns', 'import', 'apps', 'webhooks']) {
       await go(p, s);
       await p.waitForTimeout(400);
       const wide = await p.evaluate(() => {

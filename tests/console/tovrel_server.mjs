@@ -11,7 +11,8 @@ import readline from 'node:readline';
  */
 export async function startTovrelServer({ binary, db, tokenFile, dist, log, waitMs }) {
   const argv = ['serve', '--db', db, '--listen', '127.0.0.1:0', '--admin-listen', '127.0.0.1:0',
-    '--admin-token-file', tokenFile, '--console-dir', path.resolve(dist), '--access-log', 'off'];
+    '--admin-token-file', tokenFile, '--console-dir', path.resolve(dist), '--access-log', 'off',
+    '--webhook-allow-private', '--webhook-poll', '0.2'];
   const child = spawn(binary, argv, { stdio: ['ignore', 'pipe', 'pipe'] });
   child.stderr.setEncoding('utf8');
   child.stderr.on('data', (d) => log.push(...d.split('\n').filter(Boolean)));

@@ -1,23 +1,7 @@
 import { admin, ApiError, seg } from '../api';
 import { button, confirmButton, field, h, input, labelCells, mask, replace } from '../dom';
-import { clearErrors, formError, showError, showMessage, toast } from '../forms';
+import { clearErrors, copy, formError, showError, showMessage, toast } from '../forms';
 import { loadApps, utcDay, type App } from '../model';
-
-async function copy(text: string, what: string): Promise<void> {
-  try {
-    await navigator.clipboard.writeText(text);
-    toast(`Copied ${what}.`);
-  } catch {
-    // Clipboard refused (not a secure context, or no permission): select it for the user.
-    const ta = h('textarea', { class: 'copy-fallback', 'aria-label': what, readonly: true });
-    ta.value = text;
-    document.body.appendChild(ta);
-    ta.select();
-    const ok = document.execCommand('copy');
-    ta.remove();
-    toast(ok ? `Copied ${what}.` : 'The browser refused to copy.');
-  }
-}
 
 export function mountApps(root: HTMLElement): () => void {
   let apps: App[] = [];
