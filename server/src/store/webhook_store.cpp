@@ -47,7 +47,16 @@ int64_t integer(const std::string& text) {
     return text.empty() ? 0 : std::stoll(text);
 }
 
-// 96 random bits: ids of two messages never meet, and none can be guessed from another.
+std::string idList(const SqlRows& rows) {
+    std::string list;
+    for (const auto& row : rows) {
+        list += (list.empty() ? "" : ",") + std::to_string(integer(row.at(0)));
+    }
+    return list;
+}
+
+}  // namespace
+
 std::string newMessageId() {
     unsigned char bytes[12];
     if (RAND_bytes(bytes, sizeof bytes) != 1) {
@@ -62,15 +71,15 @@ std::string newMessageId() {
     return id;
 }
 
-std::string idList(const SqlRows& rows) {
-    std::string list;
-    for (const auto& row : rows) {
-        list += (list.empty() ? "" : ",") + std::to_string(integer(row.at(0)));
-    }
-    return list;
+std::string takesType(std::string_view endpoints, std::string_view pattern) {
+    const std::string e(endpoints);
+    return e + ".enabled = 1 AND (" + e + ".event_types = '*' OR ',' || " + e + ".event_types || ',' LIKE " +
+           std::string(pattern) + ")";
 }
 
-}  // namespace
+SqlParam typePattern(std::string_view type) {
+    return "%," + std::string(type) + ",%";
+}
 
 bool isWebhookEventType(std::string_view type) {
     return std::find(kWebhookEventTypes.begin(), kWebhookEventTypes.end(), type) != kWebhookEventTypes.end();
@@ -101,13 +110,13 @@ int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
     std::string sql =
         "INSERT INTO webhook_messages(message_id, endpoint, type, device, data, created_at, next_attempt) "
         "SELECT CAST(? AS TEXT), id, CAST(? AS TEXT), CAST(? AS BIGINT), CAST(? AS TEXT), CAST(? AS DOUBLE "
-        "PRECISION), CAST(? AS DOUBLE PRECISION) FROM webhook_endpoints WHERE enabled = 1 AND ";
+        "PRECISION), CAST(? AS DOUBLE PRECISION) FROM webhook_endpoints WHERE ";
     if (endpoint) {
-        sql += "id = CAST(? AS BIGINT)";
+        sql += "enabled = 1 AND id = CAST(? AS BIGINT)";
         params.push_back(sqlNumber(*endpoint));
     } else {
-        sql += "(event_types = '*' OR ',' || event_types || ',' LIKE CAST(? AS TEXT))";
-        params.push_back("%," + type + ",%");
+        sql += takesType("webhook_endpoints", "CAST(? AS TEXT)");
+        params.push_back(typePattern(type));
     }
     return static_cast<int64_t>(db.query(sql + " RETURNING id", params).size());
 }

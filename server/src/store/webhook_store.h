@@ -49,6 +49,14 @@ OutboxEvent linksCleared(int64_t device, int64_t links);
 /// offer, place and campaign read in the caller's transaction.
 void enqueueStatusEvent(const SqlSource& db, int64_t deviceEvent, std::string_view statusCode, double now);
 
+/// A new message id: "msg_" and 24 hexadecimal digits of 96 random bits, so that ids never meet and
+/// none can be guessed from another. Any thread.
+std::string newMessageId();
+/// SQL that is true for the rows of `endpoints` (a table or its alias) that are enabled and take the type
+/// whose typePattern() is bound at `pattern` (a placeholder). Pure.
+std::string takesType(std::string_view endpoints, std::string_view pattern);
+SqlParam typePattern(std::string_view type);
+
 /// A webhook endpoint as stored.
 struct WebhookEndpoint {
     int64_t id = 0;

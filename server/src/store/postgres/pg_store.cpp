@@ -174,11 +174,21 @@ std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
 
 void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
     auto conn = pool_.acquire();
-    PgTransaction tx(*conn);
-    conn->exec("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)", deviceEvent,
-               status, now);
-    enqueueStatusEvent(pgSource(*conn), deviceEvent, status, now);
-    tx.commit();
+    const std::string_view type = statusEventType(status);
+    if (type.empty()) {
+        conn->exec("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)",
+                   deviceEvent, status, now);
+        return;
+    }
+    // The status and its event in one statement: one round trip, atomic without a transaction.
+    conn->exec(
+        "WITH s AS (INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
+        "RETURNING device_event) INSERT INTO webhook_messages(message_id, endpoint, type, device, data, "
+        "created_at, next_attempt) SELECT $4, w.id, $5, e.device, json_build_object('deviceEventId', "
+        "e.id, 'offerId', e.offer, 'placeId', e.place, 'campaignId', e.campaign, 'status', $2::text)::text, "
+        "$3, $3 FROM s JOIN device_events e ON e.id = s.device_event CROSS JOIN webhook_endpoints w WHERE " +
+            takesType("w", "$6"),
+        deviceEvent, status, now, newMessageId(), std::string(type), typePattern(type));
 }
 
 void PgStore::clearLinks(int64_t device, double now) {
@@ -203,14 +213,19 @@ void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
 void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
                      const std::string& value, double now) {
     auto conn = pool_.acquire();
-    PgTransaction tx(*conn);
+    const OutboxEvent event = deviceTagged(device, group, tag, value);
+    // The tag and its event in one statement, as a status.
     conn->exec(
-        "INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, $4, $5) "
-        "ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
-        "excluded.updated_at",
-        device, group, tag, value, now);
-    enqueueEvent(pgSource(*conn), deviceTagged(device, group, tag, value), now);
-    tx.commit();
+        "WITH t AS (INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, "
+        "$4, "
+        "$5) ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
+        "excluded.updated_at RETURNING device) INSERT INTO webhook_messages(message_id, endpoint, type, "
+        "device, "
+        "data, created_at, next_attempt) SELECT $6, w.id, $7, t.device, $8, $5, $5 FROM t CROSS JOIN "
+        "webhook_endpoints w WHERE " +
+            takesType("w", "$9"),
+        device, group, tag, value, now, newMessageId(), std::string(event.type), event.data.dump(),
+        typePattern(event.type));
 }
 
 void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
