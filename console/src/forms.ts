@@ -143,3 +143,21 @@ export async function copy(text: string, what: string): Promise<void> {
     toast(ok ? `Copied ${what}.` : 'The browser refused to copy.');
   }
 }
+
+/**
+ * How a screen runs a change from one of its buttons: `top` hidden, the request awaited, `done` toasted and
+ * the screen refreshed; a failure is shown in `top` (in the words of `explain` where it has some).
+ */
+export function actions(top: HTMLElement, refresh: () => Promise<void>) {
+  return async (p: Promise<unknown>, done: string, explain?: (e: ApiError) => string | null): Promise<void> => {
+    top.hidden = true;
+    try {
+      await p;
+      toast(done);
+      await refresh();
+    } catch (e) {
+      showMessage(top, e, explain);
+      top.scrollIntoView({ block: 'nearest' });
+    }
+  };
+}

@@ -1,6 +1,6 @@
 import { admin, ApiError, seg } from '../api';
 import { button, confirmButton, field, h, input, labelCells, mask, replace } from '../dom';
-import { clearErrors, copy, formError, showError, showMessage, toast } from '../forms';
+import { actions, clearErrors, copy, formError, showError, showMessage } from '../forms';
 import { loadApps, utcDay, type App } from '../model';
 
 export function mountApps(root: HTMLElement): () => void {
@@ -52,16 +52,7 @@ export function mountApps(root: HTMLElement): () => void {
     }
   });
 
-  async function act(p: Promise<unknown>, done: string): Promise<void> {
-    top.hidden = true;
-    try {
-      await p;
-      toast(done);
-      await refresh();
-    } catch (e) {
-      showMessage(top, e);
-    }
-  }
+  const act = actions(top, () => refresh());
 
   function render(): void {
     replace(

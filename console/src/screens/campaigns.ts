@@ -1,6 +1,6 @@
 import { admin, ApiError, seg, versionOf } from '../api';
 import { button, confirmButton, field, h, input, labelCells, replace } from '../dom';
-import { clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
+import { actions, clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
 import { campaignState, loadCampaigns, loadOffers, type Campaign, type Offer } from '../model';
 
 const DATE_HINT = 'YYYY-MM-DD, or YYYY-MM-DDTHH:MM with Z or ±HH:MM; empty: open';
@@ -142,17 +142,7 @@ export function mountCampaigns(root: HTMLElement): () => void {
     }
   });
 
-  async function act(p: Promise<unknown>, done: string, explain?: (e: ApiError) => string | null): Promise<void> {
-    top.hidden = true;
-    try {
-      await p;
-      toast(done);
-      await refresh();
-    } catch (e) {
-      showMessage(top, e, explain);
-      top.scrollIntoView({ block: 'nearest' });
-    }
-  }
+  const act = actions(top, () => refresh());
 
   function showPreview(o: Offer): void {
     const titleId = 'preview-title';

@@ -1,6 +1,6 @@
 import { admin, ApiError, seg } from '../api';
 import { button, confirmButton, field, h, input, labelCells, replace } from '../dom';
-import { clearErrors, copy, formError, showError, showMessage, toast } from '../forms';
+import { actions, clearErrors, copy, formError, showError, showMessage } from '../forms';
 import { utcDay } from '../model';
 
 /** An endpoint as the admin API lists it (its secret only by its last four characters). */
@@ -107,16 +107,7 @@ export function mountWebhooks(root: HTMLElement): () => void {
     }
   });
 
-  async function act(p: Promise<unknown>, done: string): Promise<void> {
-    top.hidden = true;
-    try {
-      await p;
-      toast(done);
-      await refresh();
-    } catch (e) {
-      showMessage(top, e);
-    }
-  }
+  const act = actions(top, () => refresh());
 
   async function showAttempts(e: Endpoint): Promise<void> {
     try {
