@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <limits>
 #include <mutex>
-#include <thread>
 
 #include "admin/admin_handler.h"
 #include "api/api_handler.h"
 #include "api/service.h"
+#include "common/periodic_thread.h"
 #include "http/http_server.h"
 #include "http/static_files.h"
 #include "observability/log.h"
@@ -170,39 +169,16 @@ struct Server::Impl {
     std::mutex mutex;
     bool running = false;
 
-    /// Runs a retention pass every retentionIntervalSeconds until stopRetention().
+    /// Runs a retention pass every retentionIntervalSeconds until stopped, when anything has a retention.
     void startRetention() {
         const bool kept =
             options.logRetentionDays > 0 || options.retainLinksDays > 0 || options.retainSessionsDays > 0;
-        if (!kept || options.retentionIntervalSeconds <= 0 || retention.joinable()) {
-            return;
-        }
-        retentionStopping = false;
-        retention = std::thread([this] {
-            std::unique_lock lock(retentionMutex);
-            const auto interval = std::chrono::duration<double>(options.retentionIntervalSeconds);
-            while (!retentionWake.wait_for(lock, interval, [this] { return retentionStopping; })) {
-                lock.unlock();
-                service.pruneExpired();
-                lock.lock();
-            }
-        });
-    }
-    void stopRetention() {
-        {
-            std::lock_guard lock(retentionMutex);
-            retentionStopping = true;
-        }
-        retentionWake.notify_all();
-        if (retention.joinable()) {
-            retention.join();
+        if (kept && options.retentionIntervalSeconds > 0) {
+            retention.start(options.retentionIntervalSeconds, [this] { service.pruneExpired(); });
         }
     }
 
-    std::mutex retentionMutex;
-    std::condition_variable retentionWake;
-    bool retentionStopping = false;
-    std::thread retention;
+    PeriodicThread retention;
 };
 
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -239,7 +215,7 @@ uint16_t Server::start() {
 void Server::stop() {
     std::lock_guard lock(impl_->mutex);
     Impl& m = *impl_;
-    m.stopRetention();
+    m.retention.stop();
     m.deliverer.stop();
     // Requests waiting for the database are answered before the connections' threads end.
     m.http.stop([&m] { m.database.drain(); });

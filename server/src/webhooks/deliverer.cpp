@@ -208,36 +208,11 @@ void Deliverer::tidyAndObserve() {
 }
 
 void Deliverer::start() {
-    std::lock_guard lock(threadMutex_);
-    if (thread_.joinable()) {
-        return;
-    }
-    stopping_ = false;
-    thread_ = std::thread([this] {
-        std::unique_lock wait(threadMutex_);
-        const auto interval = std::chrono::duration<double>(options_.pollSeconds);
-        while (!wake_.wait_for(wait, interval, [this] { return stopping_; })) {
-            wait.unlock();
-            deliverDue();
-            wait.lock();
-        }
-    });
+    thread_.start(options_.pollSeconds, [this] { deliverDue(); });
 }
 
 void Deliverer::stop() {
-    {
-        std::lock_guard lock(threadMutex_);
-        stopping_ = true;
-    }
-    wake_.notify_all();
-    std::thread ending;
-    {
-        std::lock_guard lock(threadMutex_);
-        ending = std::move(thread_);
-    }
-    if (ending.joinable()) {
-        ending.join();
-    }
+    thread_.stop();
 }
 
 }  // namespace tovrel::server::webhooks

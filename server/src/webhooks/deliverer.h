@@ -1,13 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
-#include <thread>
 
+#include "common/periodic_thread.h"
 #include "observability/log.h"
 #include "observability/metrics.h"
 #include "store/sql_source.h"
@@ -68,10 +66,7 @@ class Deliverer {
     platform::Mutex passMutex_;  ///< one pass at a time
     std::unique_ptr<Sender> sender_ TOVREL_PT_GUARDED_BY(passMutex_);
     std::mt19937_64 random_ TOVREL_GUARDED_BY(passMutex_);
-    std::mutex threadMutex_;
-    std::condition_variable wake_;
-    bool stopping_ = false;
-    std::thread thread_;
+    PeriodicThread thread_;
 };
 
 }  // namespace tovrel::server::webhooks
