@@ -49,6 +49,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.logRetentionDays = o.logRetentionDays;
     s.retainLinksDays = o.retainLinksDays;
     s.retainSessionsDays = o.retainSessionsDays;
+    s.retainAuditDays = o.retainAuditDays;
     s.changeCheckSeconds = o.changeCheckSeconds;
     s.catalogChangesInPlace = o.catalogChangesInPlace;
     s.controlGroupKey = o.controlGroupKey;
@@ -171,14 +172,17 @@ struct Server::Impl {
 
     /// Runs a retention pass every retentionIntervalSeconds until stopped, when anything has a retention.
     void startRetention() {
-        const bool kept =
-            options.logRetentionDays > 0 || options.retainLinksDays > 0 || options.retainSessionsDays > 0;
+        const bool kept = options.logRetentionDays > 0 || options.retainLinksDays > 0 ||
+                          options.retainSessionsDays > 0 || options.retainAuditDays > 0;
         if (kept && options.retentionIntervalSeconds > 0) {
             retention.start(options.retentionIntervalSeconds, [this] { service.pruneExpired(); });
         }
     }
 
     PeriodicThread retention;
+    /// Reads the stored admin tokens every AdminTokens::kRefreshSeconds, so that a token added or revoked
+    /// through another replica counts here too.
+    PeriodicThread tokenRefresh;
 };
 
 Server::Server(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -206,6 +210,9 @@ uint16_t Server::start() {
     }
     m.running = true;
     m.startRetention();
+    if (!m.options.adminAddress.empty()) {
+        m.tokenRefresh.start(AdminTokens::kRefreshSeconds, [&m] { m.admin.refreshTokens(); });
+    }
     if (m.options.webhookPollSeconds > 0) {
         m.deliverer.start();
     }
@@ -216,6 +223,7 @@ void Server::stop() {
     std::lock_guard lock(impl_->mutex);
     Impl& m = *impl_;
     m.retention.stop();
+    m.tokenRefresh.stop();
     m.deliverer.stop();
     // Requests waiting for the database are answered before the connections' threads end.
     m.http.stop([&m] { m.database.drain(); });

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "access_command.h"
 #include "admin/admin_handler.h"
 #include "catalog/catalog_data.h"
 #include "http/listen_address.h"
@@ -203,6 +204,7 @@ int deviceCommand(const std::string& dbPath, const std::string& verb, const std:
     const auto store = openExisting(dbPath);
     if (verb == "erase") {
         const auto erased = store->eraseDevice(deviceId);
+        recordCommandLineChange(*store, "devices.erase", deviceId, erased ? 200 : 404);
         if (!erased) {
             throw std::runtime_error("there is no device \"" + deviceId + "\"");
         }
@@ -365,6 +367,13 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->envname("TOVREL_RETAIN_SESSIONS")
         ->check(CLI::Range(0, 100000));
+    serveOptions.retainAuditDays = 365;
+    serveCmd
+        ->add_option("--retain-audit", serveOptions.retainAuditDays,
+                     "Days the admin API's audit trail is kept; 0: all")
+        ->capture_default_str()
+        ->envname("TOVREL_RETAIN_AUDIT")
+        ->check(CLI::Range(0, 100000));
     serveCmd
         ->add_option("--retention-interval", serveOptions.retentionIntervalSeconds,
                      "Seconds between two passes that remove what is older than its retention")
@@ -519,6 +528,7 @@ int main(int argc, char** argv) {
     }
 
     WebhooksCommand webhooks(app, addDb);
+    AccessCommand access(app, addDb);
 
     CLI::App* reportCmd = app.add_subcommand(
         "report", "Print the funnel (links, answers) per campaign and offer, and log counts");
@@ -570,6 +580,9 @@ int main(int argc, char** argv) {
             }
         }
         if (const auto status = webhooks.run(db)) {
+            return *status;
+        }
+        if (const auto status = access.run(db)) {
             return *status;
         }
         if (reportCmd->parsed()) {

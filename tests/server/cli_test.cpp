@@ -141,6 +141,23 @@ TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     const CommandResult gone = run("devices export D --db " + db);
     EXPECT_EQ(gone.exitCode, 1);
     EXPECT_NE(gone.output.find("there is no device \"D\""), std::string::npos) << gone.output;
+
+    // Tokens made and revoked here, and the erasure, are in the audit trail; the erased id only as its hash.
+    const json token = json::parse(run("tokens add desk --role support --db " + db).output);
+    EXPECT_EQ(token.at("token").get<std::string>().rfind("tvr_", 0), 0u);
+    EXPECT_EQ(json::parse(run("tokens list --db " + db).output).at("tokens").at(0).at("role"), "support");
+    EXPECT_EQ(run("tokens add desk --role owner --db " + db).exitCode, 2);
+    EXPECT_EQ(run("tokens revoke desk --db " + db).exitCode, 0);
+    EXPECT_EQ(run("tokens revoke desk --db " + db).exitCode, 1);
+    const std::string hash = run("audit hash D --db " + db).output;
+    std::vector<std::string> trail;
+    for (const json& e : json::parse(run("audit list --db " + db).output).at("entries")) {
+        trail.push_back(e.at("action").get<std::string>() + " " + e.at("item").get<std::string>() + " " +
+                        std::to_string(e.at("status").get<int>()));
+    }
+    EXPECT_EQ(trail, (std::vector<std::string>{"tokens.revoke desk 404", "tokens.revoke desk 200",
+                                               "tokens.add desk 201",
+                                               "devices.erase " + hash.substr(0, hash.size() - 1) + " 200"}));
 }
 
 TEST_F(CommandLine, BadPlaceFilesNameTheFault) {

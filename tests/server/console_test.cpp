@@ -156,8 +156,8 @@ TEST_F(Console, WrongTokensGetOneMessageAndTooManyLockTheAddressOut) {
 TEST(ConsoleSessions, IdleSessionsEndTheOldestMakeRoomAndFailuresAgeOut) {
     ConsoleSessions sessions;
     const auto first = sessions.open(0);
-    EXPECT_EQ(sessions.touch(first.id, ConsoleSessions::kIdleSeconds), first.csrf);
-    EXPECT_EQ(sessions.touch(first.id, 2 * ConsoleSessions::kIdleSeconds), first.csrf)
+    EXPECT_EQ(sessions.touch(first.id, ConsoleSessions::kIdleSeconds)->csrf, first.csrf);
+    EXPECT_EQ(sessions.touch(first.id, 2 * ConsoleSessions::kIdleSeconds)->csrf, first.csrf)
         << "each use restarts the idle time";
     EXPECT_FALSE(sessions.touch(first.id, 3 * ConsoleSessions::kIdleSeconds + 1));
     EXPECT_FALSE(sessions.touch("", 0));

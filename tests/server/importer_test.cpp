@@ -654,6 +654,7 @@ TEST(Migrations, NewDatabasesGetTheCurrentSchema) {
 // places could be disabled.
 void downgradeToVersion3(Database& db) {
     db.exec(
+        "DROP TABLE admin_tokens; DROP TABLE audit_log; "
         "DROP TABLE webhook_endpoints; DROP TABLE webhook_messages; DROP TABLE webhook_attempts; "
         "DROP INDEX device_events_delivered; DROP TABLE settings; ALTER TABLE campaigns DROP COLUMN rules; "
         "ALTER TABLE apps DROP COLUMN rules; ALTER TABLE device_events DROP COLUMN suppressed_by; "

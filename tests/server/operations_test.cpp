@@ -485,6 +485,14 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
                   std::vector<std::string>{"1"})
             << table << ": the other device's row alone is left";
     }
+    // The audit trail has the erasure, by a keyed hash of the id and never the id.
+    const json audit = call("GET", "/admin/v1/audit").parsed()["entries"];
+    ASSERT_EQ(audit.size(), 1u) << audit;
+    EXPECT_EQ(audit[0]["action"], "devices.erase");
+    EXPECT_EQ(audit[0]["item"].get<std::string>().substr(0, 5), "hmac:");
+    EXPECT_EQ(audit[0]["token"], "admin-token-file");
+    EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM audit_log WHERE item LIKE '%ERASE-ME%'"),
+              std::vector<std::string>{"0"});
     EXPECT_EQ(fixture.places(key, kOldTownLat, kOldTownLon).status, 401);
     EXPECT_EQ(call("GET", "/admin/v1/devices/ERASE-ME").status, 404);
     EXPECT_EQ(call("DELETE", "/admin/v1/devices/ERASE-ME").status, 404);
@@ -560,6 +568,7 @@ TEST_P(Admin, RetentionRemovesOldRowsInBatchesAndTheFunnelKeepsItsCounts) {
         o.logRetentionDays = 7;
         o.retainLinksDays = 30;
         o.retainSessionsDays = 60;
+        o.retainAuditDays = 30;
         o.retentionIntervalSeconds = 0;
     })));
     const double start = utc(2025, 6, 1);
@@ -580,13 +589,18 @@ TEST_P(Admin, RetentionRemovesOldRowsInBatchesAndTheFunnelKeepsItsCounts) {
             .parsed();
     };
     const json before = funnel();
+    EXPECT_EQ(keptAdmin
+                  .request("POST", "/admin/v1/campaigns/None/disable", {},
+                           {std::string("Authorization: Bearer ") + kToken})
+                  .status,
+              404);
 
-    // Day 40: the cleared link and the log messages are past their days, one row a batch; the live link
-    // and both sessions are not.
+    // Day 40: the cleared link, the log messages and the audit trail's entry are past their days, one row
+    // a batch; the live link and both sessions are not.
     kept.setTime(start + 40 * 86400.0);
     const std::string fresh = kept.startSession("FRESH");
     EXPECT_EQ(kept.server().pruneExpired(1),
-              (std::map<std::string, int64_t>{{"logs", 3}, {"links", 1}, {"sessions", 0}}));
+              (std::map<std::string, int64_t>{{"audit", 1}, {"logs", 3}, {"links", 1}, {"sessions", 0}}));
     EXPECT_EQ(funnel(), before);
     EXPECT_EQ(queryRows(kept.dbPath(), "SELECT count(*) FROM device_event_status"),
               std::vector<std::string>{"0"});

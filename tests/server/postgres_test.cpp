@@ -333,6 +333,33 @@ TEST_F(Postgres, ADeviceErasedThroughOneReplicaIsUnknownToTheOthers) {
     second.stop();
 }
 
+TEST_F(Postgres, ATokenRevokedThroughOneReplicaStopsWorkingOnTheOtherWithinASecond) {
+    ServerFixture first(onPostgres([](ServerOptions& o) {
+        o.adminAddress = "127.0.0.1";
+        o.adminToken = kToken;
+    }));
+    Server second(replicaOf(first));
+    second.start();
+    HttpClient firstAdmin(first.adminPort());
+    HttpClient secondAdmin(second.adminPort());
+    const auto call = [](HttpClient& client, const std::string& method, const std::string& path,
+                         const std::string& token, const std::string& body = {}) {
+        return client.request(method, path, body, {"Authorization: Bearer " + token}).status;
+    };
+    const HttpResult made =
+        firstAdmin.request("POST", "/admin/v1/tokens", R"({"name": "agent", "role": "read"})",
+                           {std::string("Authorization: Bearer ") + kToken});
+    ASSERT_EQ(made.status, 201) << made.body;
+    const std::string token = made.parsed()["token"];
+    EXPECT_TRUE(waitUntil([&] { return call(secondAdmin, "GET", "/admin/v1/funnel", token) == 200; },
+                          std::chrono::seconds(1)));
+    EXPECT_EQ(call(secondAdmin, "DELETE", "/admin/v1/places/1", token), 403);
+    ASSERT_EQ(call(firstAdmin, "DELETE", "/admin/v1/tokens/agent", kToken), 200);
+    EXPECT_TRUE(waitUntil([&] { return call(secondAdmin, "GET", "/admin/v1/funnel", token) == 401; },
+                          std::chrono::seconds(1)));
+    second.stop();
+}
+
 TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
     ServerFixture fx(onPostgres([](ServerOptions& o) { o.adminAddress = "127.0.0.1"; }));
     const std::string key = fx.startSession("AWAY");

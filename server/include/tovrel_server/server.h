@@ -66,6 +66,8 @@ struct ServerOptions {
     /// default) keeps them. Session keys older than their retention are answered 401.
     int retainLinksDays = 0;
     int retainSessionsDays = 0;
+    /// Days kept of the admin API's audit trail, pruned by the same pass; 0 (the default) keeps it.
+    int retainAuditDays = 0;
     /// Seconds between two retention passes; 0: only when pruneExpired() is called.
     double retentionIntervalSeconds = 300;
     /// The key that places devices in campaigns' control groups; empty (the default) keeps the one the
@@ -103,7 +105,8 @@ struct ServerOptions {
     std::string adminAddress;
     /// Its port; 0 picks a free one (read it back from adminPort()).
     uint16_t adminPort = 0;
-    /// The bearer token of the admin API (16 characters at least); empty turns the admin API off.
+    /// A bearer token of the admin API (16 characters at least) with the `admin` role, beside the named
+    /// tokens the database holds; with neither the admin API is off.
     std::string adminToken;
     /// Folder of the built campaign console, served on the admin listener under /console/; empty:
     /// none (404).

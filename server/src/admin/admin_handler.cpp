@@ -1,6 +1,5 @@
 #include "admin/admin_handler.h"
 
-#include <openssl/crypto.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "admin/access_admin.h"
 #include "admin/device_day.h"
 #include "admin/query_string.h"
 #include "admin/webhooks_admin.h"
@@ -21,6 +21,7 @@
 #include "common/request_fields.h"
 #include "common/session_keys.h"
 #include "http/static_files.h"
+#include "store/access_store.h"
 #include "store/admin_store.h"
 #include "store/device_data.h"
 #include "store/report.h"
@@ -82,19 +83,41 @@ int64_t idOf(const std::string& text, const char* what) {
     return id;
 }
 
-bool tokenMatches(std::string_view authorization, const std::string& token) {
+// The credentials of "Authorization: Bearer <token>"; empty for any other header.
+std::string_view bearerToken(std::string_view authorization) {
     // The scheme is case-insensitive; the credentials follow one or more spaces.
     constexpr std::string_view kBearer = "bearer";
     const auto lower = [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
     if (authorization.size() <= kBearer.size() || authorization[kBearer.size()] != ' ' ||
         !std::equal(kBearer.begin(), kBearer.end(), authorization.begin(),
                     [&](char a, char b) { return a == lower(b); })) {
-        return false;
+        return {};
     }
     authorization.remove_prefix(kBearer.size());
     authorization.remove_prefix(std::min(authorization.find_first_not_of(' '), authorization.size()));
-    return authorization.size() == token.size() &&
-           CRYPTO_memcmp(authorization.data(), token.data(), token.size()) == 0;
+    return authorization;
+}
+
+// What a change is about, for the audit trail: the item its path names, else the name the posted body
+// gives it. Device ids are replaced by their keyed hash where this is used.
+std::string auditItem(const std::vector<std::string>& parts, const std::string& body) {
+    constexpr std::size_t kLongestItem = 200;
+    constexpr std::size_t kLargestBodyRead = 64 * 1024;
+    std::string item;
+    if (parts.size() >= 2) {
+        item = parts[1];
+    } else if (body.size() <= kLargestBodyRead) {
+        const json posted = json::parse(body, nullptr, false);
+        if (posted.is_object()) {
+            const json& properties = posted.contains("properties") ? posted["properties"] : json();
+            const json named = posted.contains("name")  ? posted["name"]
+                               : posted.contains("url") ? posted["url"]
+                               : properties.is_object() ? properties.value("placeId", json())
+                                                        : json();
+            item = named.is_string() ? named.get<std::string>() : named.is_number() ? named.dump() : "";
+        }
+    }
+    return item.substr(0, kLongestItem);
 }
 
 // A place file made of the posted parts, so that what the admin API accepts is read by the same rules
@@ -525,37 +548,96 @@ std::string readAdminToken(const std::string& path, bool othersMayRead) {
     return token;
 }
 
-AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string token,
+AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string fileToken,
                            std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir,
                            const std::string& contentDir, bool webhookAllowPrivate)
     : service_(service),
       metrics_(metrics),
       work_(work),
-      token_(std::move(token)),
+      tokens_(std::move(fileToken)),
       snapshot_(std::move(snapshot)),
-      console_(consoleDir, token_, contentDir),
-      webhookAllowPrivate_(webhookAllowPrivate) {}
+      console_(consoleDir, tokens_, contentDir),
+      webhookAllowPrivate_(webhookAllowPrivate) {
+    refreshTokens();
+}
 
-std::optional<HttpReply> AdminHandler::refuseUnauthorised(const HttpRequest& request) {
-    if (token_.empty()) {
-        return errorReply(403, "the admin API is off: start tovrel-server with --admin-token-file");
+void AdminHandler::refreshTokens() {
+    try {
+        std::vector<StoredToken> stored;
+        service_.transact([&](const SqlSource& db) { stored = readTokens(db); });
+        tokens_.replace(stored);
+    } catch (const std::exception& e) {
+        service_.reportFailure("/admin/v1/tokens", std::string("reading the admin tokens: ") + e.what());
     }
-    if (tokenMatches(request.authorization, token_)) {
-        return std::nullopt;
+}
+
+std::variant<AdminHandler::Authorized, HttpReply> AdminHandler::authorize(const HttpRequest& request) {
+    if (!tokens_.any()) {
+        return errorReply(403,
+                          "the admin API is off: start tovrel-server with --admin-token-file, or add a token "
+                          "with tovrel-server tokens add");
     }
-    switch (console_.check(request, Service::steadySeconds())) {
-        case Console::Access::granted:
-            return std::nullopt;
-        case Console::Access::forged:
-            return errorReply(403, "a change from the console needs its X-CSRF-Token and its own origin");
-        case Console::Access::none:
-            break;
+    Authorized authorized;
+    if (auto who = tokens_.find(bearerToken(request.authorization))) {
+        authorized.who = std::move(*who);
+    } else {
+        switch (console_.check(request, Service::steadySeconds(), &authorized.who)) {
+            case Console::Access::granted:
+                break;
+            case Console::Access::forged:
+                return errorReply(403, "a change from the console needs its X-CSRF-Token and its own origin");
+            case Console::Access::none: {
+                HttpReply reply = errorReply(401,
+                                             "the admin API needs \"Authorization: Bearer <token>\" with an "
+                                             "admin token, or the token of --admin-token-file");
+                reply.authenticate = "Bearer";
+                return reply;
+            }
+        }
     }
-    HttpReply reply = errorReply(401,
-                                 "the admin API needs \"Authorization: Bearer <token>\" with the token "
-                                 "of --admin-token-file");
-    reply.authenticate = "Bearer";
-    return reply;
+    try {
+        authorized.parts = segments(request.path.substr(kPrefix.size()));
+    } catch (const ApiError& e) {
+        return errorReply(e.status(), e.what());
+    }
+    const RouteMatch match = matchAdminRoute(request.method, authorized.parts);
+    if (match.route == nullptr) {
+        const std::string what = std::string(request.method) + " " + std::string(request.path);
+        if (match.allow == nullptr) {
+            return errorReply(404, "there is no admin endpoint " + what);
+        }
+        HttpReply reply = errorReply(405, "there is no admin endpoint " + what + "; use " + match.allow);
+        reply.allow = match.allow;
+        return reply;
+    }
+    if (!allows(authorized.who.role, match.route->need)) {
+        if (changesState(request.method)) {
+            // Refused attempts at a change are audited too: they are what a review looks for.
+            work_.post([this, who = authorized.who, action = std::string(match.route->action),
+                        parts = authorized.parts] { audit(who, action, parts, {}, 403); });
+        }
+        return errorReply(403, "the token " + authorized.who.name + " (role " +
+                                   std::string(roleName(authorized.who.role)) + ") may not " +
+                                   std::string(match.route->action));
+    }
+    authorized.route = match.route;
+    return authorized;
+}
+
+void AdminHandler::audit(const AdminIdentity& who, std::string_view action,
+                         const std::vector<std::string>& parts, const std::string& body, unsigned status) {
+    try {
+        service_.transact([&](const SqlSource& db) {
+            std::string item = auditItem(parts, body);
+            if (!parts.empty() && parts[0] == "devices" && !item.empty()) {
+                item = auditDeviceHash(db, item);
+            }
+            appendAudit(db, AuditEntry{0, service_.now(), who.name, std::string(action), std::move(item),
+                                       static_cast<int>(status)});
+        });
+    } catch (const std::exception& e) {
+        service_.reportFailure("/admin/v1/audit", std::string("writing the audit trail: ") + e.what());
+    }
 }
 
 Admission AdminHandler::admit(const HttpRequest& header) {
@@ -565,8 +647,8 @@ Admission AdminHandler::admit(const HttpRequest& header) {
         admission.bodyLimit = kMaxProbeBody;
         return admission;
     }
-    if (auto refusal = refuseUnauthorised(header)) {
-        admission.refusal = std::move(refusal);
+    if (auto verdict = authorize(header); auto* refusal = std::get_if<HttpReply>(&verdict)) {
+        admission.refusal = std::move(*refusal);
         return admission;
     }
     if (inFlight_.fetch_add(1) >= kMaxAdminRequests) {
@@ -582,7 +664,12 @@ Admission AdminHandler::admit(const HttpRequest& header) {
 void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     const std::string_view path = request.path;
     if (Console::owns(path)) {
-        return respond(console_.handle(request, Service::steadySeconds()));
+        std::optional<AdminIdentity> signedIn;
+        HttpReply reply = console_.handle(request, Service::steadySeconds(), &signedIn);
+        if (signedIn) {
+            work_.post([this, who = *signedIn] { audit(who, "console.signin", {}, {}, 200); });
+        }
+        return respond(std::move(reply));
     }
     if (path == "/healthz" || path == "/readyz" || path == "/metrics") {
         if (request.method != "GET" && request.method != "HEAD") {
@@ -624,13 +711,19 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     if (path.substr(0, kPrefix.size()) != kPrefix) {
         return respond(errorReply(404, "there is no admin endpoint " + std::string(path)));
     }
-    if (auto refusal = refuseUnauthorised(request)) {
+    auto verdict = authorize(request);
+    if (auto* refusal = std::get_if<HttpReply>(&verdict)) {
         return respond(std::move(*refusal));
     }
     const bool posted =
-        work_.post([this, respond, method = std::string(request.method), target = std::string(request.target),
+        work_.post([this, respond, authorized = std::get<Authorized>(std::move(verdict)),
+                    method = std::string(request.method), target = std::string(request.target),
                     body = std::string(request.body), ifMatch = std::string(request.ifMatch)] {
-            respond(administer(method, target, body, ifMatch));
+            HttpReply reply = administer(authorized, method, target, body, ifMatch);
+            if (changesState(method)) {
+                audit(authorized.who, authorized.route->action, authorized.parts, body, reply.status);
+            }
+            respond(std::move(reply));
         });
     if (!posted) {
         HttpReply reply = errorReply(503, "the admin queue is full");
@@ -639,12 +732,12 @@ void AdminHandler::handle(const HttpRequest& request, Respond respond) {
     }
 }
 
-HttpReply AdminHandler::administer(const std::string& method, const std::string& target,
-                                   const std::string& body, const std::string& ifMatch) {
+HttpReply AdminHandler::administer(const Authorized& authorized, const std::string& method,
+                                   const std::string& target, const std::string& body,
+                                   const std::string& ifMatch) {
     try {
         const std::string_view path = std::string_view(target).substr(0, target.find_first_of("?#"));
-        const AdminRequest request{method, target,  path,       segments(path.substr(kPrefix.size())),
-                                   body,   ifMatch, wallClock()};
+        const AdminRequest request{method, target, path, authorized.parts, body, ifMatch, wallClock()};
         const std::string kind = request.parts.empty() ? std::string() : request.parts[0];
         if (kind == "apps") {
             return appsRequest(service_, request);
@@ -665,6 +758,17 @@ HttpReply AdminHandler::administer(const std::string& method, const std::string&
             const WebhookAdminReply reply = webhooksRequest(
                 WebhookAdminRequest{method, request.parts, target, body, webhookAllowPrivate_,
                                     [this](const auto& work) { service_.transact(work); }, service_.now()});
+            return jsonReply(reply.status, reply.body);
+        }
+        if (kind == "tokens" || kind == "audit") {
+            const AccessAdminRequest access{
+                method,        request.parts,       target,
+                body,          authorized.who.name, [this](const auto& work) { service_.transact(work); },
+                service_.now()};
+            const AdminJsonReply reply = kind == "tokens" ? tokensRequest(access) : auditRequest(access);
+            if (kind == "tokens" && changesState(method)) {
+                refreshTokens();
+            }
             return jsonReply(reply.status, reply.body);
         }
         if (kind == "import" && request.parts.size() == 1 && method == "POST") {

@@ -62,22 +62,28 @@ bool sameOrigin(const HttpRequest& request) {
            request.origin.substr(scheme.size()) == request.host;
 }
 
-Console::Console(const std::string& folder, std::string token, const std::string& content)
-    : files_(folder), content_(content), installed_(!folder.empty()), token_(std::move(token)) {}
+Console::Console(const std::string& folder, const AdminTokens& tokens, const std::string& content)
+    : files_(folder), content_(content), installed_(!folder.empty()), tokens_(tokens) {}
 
 bool Console::owns(std::string_view path) {
     return path == kPrefix.substr(0, kPrefix.size() - 1) || path.substr(0, kPrefix.size()) == kPrefix;
 }
 
-HttpReply Console::handle(const HttpRequest& request, double now) {
+HttpReply Console::handle(const HttpRequest& request, double now, std::optional<AdminIdentity>* signedIn) {
     if (request.path == kSessionPath) {
         if (request.method == "POST") {
-            return signIn(request, now);
+            return signIn(request, now, signedIn);
         }
         const std::string_view id = cookieValue(request.cookie, ConsoleSessions::kCookie);
         if (request.method == "GET") {
-            const auto csrf = sessions_.touch(id, now);
-            return csrf ? reply(200, {{"csrf", *csrf}}) : refusal(401, "sign in with the admin token");
+            const auto session = sessions_.touch(id, now);
+            const std::optional<Role> role = session ? tokens_.roleOf(session->token) : std::nullopt;
+            if (!role) {
+                sessions_.close(id);
+                return refusal(401, "sign in with an admin token");
+            }
+            return reply(200,
+                         {{"csrf", session->csrf}, {"token", session->token}, {"role", roleName(*role)}});
         }
         if (request.method == "DELETE") {
             if (check(request, now) != Access::granted) {
@@ -98,23 +104,32 @@ HttpReply Console::handle(const HttpRequest& request, double now) {
     return page(request);
 }
 
-Console::Access Console::check(const HttpRequest& request, double now) {
+Console::Access Console::check(const HttpRequest& request, double now, AdminIdentity* who) {
     const std::string_view id = cookieValue(request.cookie, ConsoleSessions::kCookie);
     if (id.empty()) {
         return Access::none;
     }
-    const auto csrf = sessions_.touch(id, now);
-    if (!csrf) {
+    const auto session = sessions_.touch(id, now);
+    if (!session) {
         return Access::none;
+    }
+    const std::optional<Role> role = tokens_.roleOf(session->token);
+    if (!role) {
+        sessions_.close(id);
+        return Access::none;
+    }
+    if (who != nullptr) {
+        *who = AdminIdentity{session->token, *role};
     }
     if (request.method == "GET" || request.method == "HEAD") {
         return Access::granted;
     }
-    return sameOrigin(request) && equalSecrets(request.csrf, *csrf) ? Access::granted : Access::forged;
+    return sameOrigin(request) && equalSecrets(request.csrf, session->csrf) ? Access::granted
+                                                                            : Access::forged;
 }
 
-HttpReply Console::signIn(const HttpRequest& request, double now) {
-    if (token_.empty()) {
+HttpReply Console::signIn(const HttpRequest& request, double now, std::optional<AdminIdentity>* signedIn) {
+    if (!tokens_.any()) {
         return refusal(403, "the admin API is off: start tovrel-server with --admin-token-file");
     }
     if (!sameOrigin(request)) {
@@ -132,12 +147,16 @@ HttpReply Console::signIn(const HttpRequest& request, double now) {
     } catch (const ApiError& e) {
         return refusal(e.status(), e.what());
     }
-    if (!equalSecrets(token, token_)) {
+    const std::optional<AdminIdentity> who = tokens_.find(token);
+    if (!who) {
         sessions_.signInFailed(request.remote, now);
         return refusal(401, "the token was not accepted");
     }
-    const ConsoleSessions::Session session = sessions_.open(now);
-    HttpReply out = reply(200, {{"csrf", session.csrf}});
+    if (signedIn != nullptr) {
+        *signedIn = who;
+    }
+    const ConsoleSessions::Session session = sessions_.open(now, who->name);
+    HttpReply out = reply(200, {{"csrf", session.csrf}, {"token", who->name}, {"role", roleName(who->role)}});
     out.headers.emplace_back("Set-Cookie", sessionCookie(session.id, request.tls, false));
     return out;
 }

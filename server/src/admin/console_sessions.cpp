@@ -8,17 +8,17 @@ namespace tovrel::server {
 
 using tovrel::platform::Lock;
 
-ConsoleSessions::Session ConsoleSessions::open(double now) {
-    Session session{randomKey(), randomKey()};
+ConsoleSessions::Session ConsoleSessions::open(double now, std::string token) {
+    Session session{randomKey(), randomKey(), std::move(token)};
     Lock lock(mutex_);
     if (sessions_.size() >= kMaxSessions) {
         dropLeastRecentlyUsed();
     }
-    sessions_[session.id] = Entry{session.csrf, now};
+    sessions_[session.id] = Entry{session.csrf, session.token, now};
     return session;
 }
 
-std::optional<std::string> ConsoleSessions::touch(std::string_view id, double now) {
+std::optional<ConsoleSessions::Session> ConsoleSessions::touch(std::string_view id, double now) {
     if (id.empty()) {
         return std::nullopt;
     }
@@ -32,7 +32,7 @@ std::optional<std::string> ConsoleSessions::touch(std::string_view id, double no
         return std::nullopt;
     }
     it->second.lastUsed = now;
-    return it->second.csrf;
+    return Session{it->first, it->second.csrf, it->second.token};
 }
 
 void ConsoleSessions::close(std::string_view id) {

@@ -28,13 +28,14 @@ class ConsoleSessions {
     struct Session {
         std::string id;
         std::string csrf;
+        std::string token;  ///< the name of the admin token it was opened with
     };
 
-    /// A new session. Any thread.
-    Session open(double now);
-    /// The anti-forgery token of a live session, which counts as used now; nullopt when the id is
-    /// unknown or the session was idle too long (it is then forgotten). Any thread.
-    std::optional<std::string> touch(std::string_view id, double now);
+    /// A new session of the admin token named `token`. Any thread.
+    Session open(double now, std::string token = {});
+    /// A live session, which counts as used now; nullopt when the id is unknown or the session was idle
+    /// too long (it is then forgotten). Any thread.
+    std::optional<Session> touch(std::string_view id, double now);
     /// Ends a session; nothing when there is none. Any thread.
     void close(std::string_view id);
 
@@ -49,6 +50,7 @@ class ConsoleSessions {
   private:
     struct Entry {
         std::string csrf;
+        std::string token;
         double lastUsed = 0;
     };
     struct Failures {

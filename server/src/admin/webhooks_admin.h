@@ -1,17 +1,12 @@
 #pragma once
 
-#include <functional>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "store/sql_source.h"
+#include "admin/admin_reply.h"
 
 namespace tovrel::server {
-
-/// Runs a function in one store transaction (Service::transact, or a store's own).
-using StoreTransact = std::function<void(const std::function<void(const SqlSource&)>&)>;
 
 /// One request under /admin/v1/webhooks: its method, its path's segments after /admin/v1/ ("webhooks",
 /// "3", "replay", ...), its whole target (for the query) and its body.
@@ -25,11 +20,7 @@ struct WebhookAdminRequest {
     double now = 0;  ///< the server's clock
 };
 
-/// The answer: its status and JSON body.
-struct WebhookAdminReply {
-    unsigned status = 200;
-    nlohmann::json body;
-};
+using WebhookAdminReply = AdminJsonReply;
 
 /// Lists, adds, changes and removes webhook endpoints, rotates their secrets, queues a test event, sends
 /// messages again and lists the latest attempts (the routes are documented in docs/webhooks.md). A secret

@@ -433,9 +433,10 @@ std::optional<int64_t> Service::cachedDeviceLocked(const std::string& keyHash, d
 std::map<std::string, int64_t> Service::pruneExpired(int batch) {
     const double now = clock_();
     std::map<std::string, int64_t> removed;
-    for (const Retained kind : {Retained::logs, Retained::links, Retained::sessions}) {
+    for (const Retained kind : {Retained::logs, Retained::links, Retained::sessions, Retained::audit}) {
         const int days = kind == Retained::logs    ? options_.logRetentionDays
                          : kind == Retained::links ? options_.retainLinksDays
+                         : kind == Retained::audit ? options_.retainAuditDays
                                                    : options_.retainSessionsDays;
         int64_t count = 0;
         std::optional<double> oldest;

@@ -56,6 +56,8 @@ struct ServiceOptions {
     /// Session keys older than their retention are answered 401 as expired ones are.
     int retainLinksDays = 0;
     int retainSessionsDays = 0;
+    /// Days kept of the admin API's audit trail; 0 keeps it.
+    int retainAuditDays = 0;
     /// Seconds between checks of a shared store's catalogue version (see StoreOptions).
     double changeCheckSeconds = 5;
     /// The most changed rows applied to the catalogue in place (see ServerOptions).

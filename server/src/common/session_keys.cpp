@@ -1,6 +1,7 @@
 #include "common/session_keys.h"
 
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 
@@ -50,6 +51,17 @@ std::array<unsigned char, SHA256_DIGEST_LENGTH> sha256Of(std::string_view text) 
 std::string sessionKeyHash(std::string_view key) {
     const auto digest = sha256Of(key);
     return hex(digest.data(), digest.size());
+}
+
+std::string keyedHash(std::string_view key, std::string_view text) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int size = 0;
+    if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+             reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data(),
+             &size) == nullptr) {
+        throw std::runtime_error("HMAC-SHA256 failed");
+    }
+    return hex(digest.data(), size);
 }
 
 std::string compactKey(std::string_view text) {

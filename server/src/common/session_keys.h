@@ -15,6 +15,10 @@ std::string sessionKeyHash(std::string_view key);
 /// bounded number of bytes per entry whatever the client sends. Pure; any thread.
 std::string compactKey(std::string_view text);
 
+/// HMAC-SHA256 of `text` under `key` as 64 lowercase hex digits: a stand-in for `text` that only a holder
+/// of the key can make again. Pure; any thread.
+std::string keyedHash(std::string_view key, std::string_view text);
+
 /// A new secret: 32 lowercase hex digits (128 bits) from OpenSSL's random generator, for session keys
 /// and generated app keys. Throws std::runtime_error when the generator fails. Any thread.
 std::string randomKey();

@@ -56,7 +56,7 @@ class Metrics {
     /// One request given up on because the database stayed locked for `seconds`. Any thread.
     void databaseBusy(double seconds);
 
-    /// One pass of the retention over the rows of `kind` ("logs", "links", "sessions"): the rows it
+    /// One pass of the retention over the rows of `kind` ("logs", "links", "sessions", "audit"): the rows it
     /// removed, and the age in seconds of the oldest row left (nullopt: none left). Any thread.
     void retention(const std::string& kind, std::int64_t removed, std::optional<double> oldestAgeSeconds);
 

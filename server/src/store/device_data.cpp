@@ -211,6 +211,9 @@ int64_t pruneRows(const SqlSource& source, Retained kind, double before, int lim
             }
             return removed;
         }
+        case Retained::audit:
+            return source.run("DELETE FROM audit_log WHERE id IN (SELECT id FROM audit_log WHERE at < " +
+                              cutoff + " ORDER BY id LIMIT " + count + ")");
     }
     return 0;
 }
@@ -219,6 +222,7 @@ std::optional<double> oldestRowTime(const SqlSource& source, Retained kind) {
     // Ids grow with time: the first row is the oldest, read from the primary key alone.
     const char* sql = kind == Retained::logs    ? "SELECT received_at FROM log_messages ORDER BY id LIMIT 1"
                       : kind == Retained::links ? "SELECT created_at FROM device_events ORDER BY id LIMIT 1"
+                      : kind == Retained::audit ? "SELECT at FROM audit_log ORDER BY id LIMIT 1"
                                                 : "SELECT MIN(created_at) FROM sessions";
     const auto rows = source.rows(sql);
     return rows.empty() || rows[0][0].empty() ? std::nullopt : std::optional<double>(std::stod(rows[0][0]));

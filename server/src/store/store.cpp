@@ -15,6 +15,8 @@ const char* retainedName(Retained kind) {
             return "links";
         case Retained::sessions:
             return "sessions";
+        case Retained::audit:
+            return "audit";
     }
     return "";
 }

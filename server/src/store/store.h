@@ -88,9 +88,9 @@ struct ErasedDevice {
 };
 
 /// The kinds of rows kept for a number of days.
-enum class Retained : std::uint8_t { logs, links, sessions };
+enum class Retained : std::uint8_t { logs, links, sessions, audit };
 
-/// The kind's name in metrics and logs: "logs", "links", "sessions".
+/// The kind's name in metrics and logs: "logs", "links", "sessions", "audit".
 const char* retainedName(Retained kind);
 
 /// The device's row is gone (erased, here or by another replica): its sessions are no longer valid.

@@ -8,7 +8,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one that has
 // shipped. Times are seconds since 1970, as in the embedded store.
-constexpr std::array<const char*, 6> kPgMigrations = {
+constexpr std::array<const char*, 7> kPgMigrations = {
     R"sql(
 CREATE EXTENSION IF NOT EXISTS postgis;
 CREATE TABLE apps(
@@ -303,6 +303,25 @@ CREATE TABLE webhook_attempts(
     seconds double precision NOT NULL,
     error text NOT NULL DEFAULT '');
 CREATE INDEX webhook_attempts_endpoint ON webhook_attempts(endpoint, id);
+)sql",
+    // Named admin tokens, each with a role, kept as the SHA-256 of the token; the audit trail of the admin
+    // API's changes; the key of the hashes that stand for device ids in it.
+    R"sql(
+CREATE TABLE admin_tokens(
+    name text PRIMARY KEY,
+    role text NOT NULL,
+    token_hash text NOT NULL UNIQUE,
+    created_at double precision NOT NULL,
+    created_by text NOT NULL DEFAULT '');
+CREATE TABLE audit_log(
+    id bigserial PRIMARY KEY,
+    at double precision NOT NULL,
+    token text NOT NULL,
+    action text NOT NULL,
+    item text NOT NULL DEFAULT '',
+    status bigint NOT NULL);
+INSERT INTO settings(name, value)
+    VALUES('audit_key', replace(gen_random_uuid()::text || gen_random_uuid()::text, '-', ''));
 )sql",
 };
 

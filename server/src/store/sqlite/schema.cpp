@@ -9,7 +9,7 @@ namespace {
 
 // Migration i brings a database from version i to version i + 1. Append only; never edit one
 // that has shipped.
-constexpr std::array<const char*, 7> kMigrations = {
+constexpr std::array<const char*, 8> kMigrations = {
     R"sql(
 CREATE TABLE apps(
     key TEXT PRIMARY KEY,
@@ -170,6 +170,24 @@ CREATE TABLE webhook_attempts(
     seconds REAL NOT NULL,
     error TEXT NOT NULL DEFAULT '');
 CREATE INDEX webhook_attempts_endpoint ON webhook_attempts(endpoint, id);
+)sql",
+    // Named admin tokens, each with a role, kept as the SHA-256 of the token; the audit trail of the admin
+    // API's changes; the key of the hashes that stand for device ids in it.
+    R"sql(
+CREATE TABLE admin_tokens(
+    name TEXT PRIMARY KEY,
+    role TEXT NOT NULL,
+    token_hash TEXT NOT NULL UNIQUE,
+    created_at REAL NOT NULL,
+    created_by TEXT NOT NULL DEFAULT '');
+CREATE TABLE audit_log(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    at REAL NOT NULL,
+    token TEXT NOT NULL,
+    action TEXT NOT NULL,
+    item TEXT NOT NULL DEFAULT '',
+    status INTEGER NOT NULL);
+INSERT INTO settings(name, value) VALUES('audit_key', lower(hex(randomblob(32))));
 )sql",
 };
 
