@@ -3,13 +3,16 @@
 // what devices sent (a stored /v1/log message read as a day's positions); and to what webhook receivers
 // answer (Retry-After) and what an admin saves as an endpoint's address. Nothing may crash or trip a
 // sanitizer; refusals are ApiError (a 4xx) and nothing else.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "admin/admin_routes.h"
 #include "admin/device_day.h"
 #include "common/request_fields.h"
 #include "http/compression.h"
@@ -46,6 +49,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     (void)tovrel::server::webhooks::endpointUrlProblem(text, size % 2 == 0);
     (void)tovrel::server::percentDecode(text);
+    {
+        // An admin path as its segments: a match is one route of the table, with the method asked for.
+        std::vector<std::string> parts;
+        for (std::size_t from = 0; from <= text.size();) {
+            const std::size_t slash = std::min(text.find('/', from), text.size());
+            parts.emplace_back(text.substr(from, slash - from));
+            from = slash + 1;
+        }
+        const std::string_view method = size % 3 == 0 ? "GET" : size % 3 == 1 ? "POST" : "DELETE";
+        const auto match = tovrel::server::matchAdminRoute(method, parts);
+        if (match.route != nullptr && match.route->method != method) {
+            std::abort();
+        }
+    }
     if (tovrel::server::acceptsGzip(text)) {
         std::string packed;
         (void)tovrel::server::gzipCompress(text, packed);

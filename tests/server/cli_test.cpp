@@ -151,7 +151,8 @@ TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     EXPECT_EQ(run("tokens revoke desk --db " + db).exitCode, 1);
     const std::string hash = run("audit hash D --db " + db).output;
     std::vector<std::string> trail;
-    for (const json& e : json::parse(run("audit list --db " + db).output).at("entries")) {
+    const json audit = json::parse(run("audit list --db " + db).output);
+    for (const json& e : audit.at("entries")) {
         trail.push_back(e.at("action").get<std::string>() + " " + e.at("item").get<std::string>() + " " +
                         std::to_string(e.at("status").get<int>()));
     }
