@@ -19,26 +19,8 @@
 namespace tovrel::server::test {
 namespace {
 
-struct CommandResult {
-    int exitCode = -1;
-    std::string output;  ///< stdout and stderr together
-};
-
 CommandResult run(const std::string& args) {
-    CommandResult result;
-    const std::string command = std::string(TOVREL_SERVER_BINARY) + " " + args + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) {
-        return result;
-    }
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.output.append(buffer, n);
-    }
-    const int status = pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    return runCommand(std::string(TOVREL_SERVER_BINARY) + " " + args + " 2>&1");
 }
 
 class CommandLine : public ::testing::Test {

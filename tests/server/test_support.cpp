@@ -5,8 +5,10 @@
 #include <libpq-fe.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
 #include <chrono>
+#include <cstdio>
 #include <stdexcept>
 
 #include "test_postgres.h"
@@ -322,6 +324,22 @@ std::vector<std::string> queryRows(const std::string& dbPath, const std::string&
     sqlite3_finalize(st);
     sqlite3_close(db);
     return rows;
+}
+
+CommandResult runCommand(const std::string& commandLine) {
+    CommandResult result;
+    FILE* pipe = popen(commandLine.c_str(), "r");
+    if (pipe == nullptr) {
+        return result;
+    }
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        result.output.append(buffer, n);
+    }
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
 }
 
 }  // namespace tovrel::server::test

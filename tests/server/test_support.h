@@ -155,4 +155,12 @@ void PrintTo(StoreKind kind, std::ostream* out);
 /// The repository's examples folder.
 std::filesystem::path examplesDir();
 
+/// What a command printed and how it ended.
+struct CommandResult {
+    int exitCode = -1;
+    std::string output;  ///< its standard output (the command line redirects the rest as it likes)
+};
+/// Runs a shell command line to its end. Test thread.
+CommandResult runCommand(const std::string& commandLine);
+
 }  // namespace tovrel::server::test

@@ -13,6 +13,7 @@
 #include "fleet_compare.h"
 #include "fleet_report.h"
 #include "html_report.h"
+#include "replay.h"
 #include "simulation.h"
 #include "tovrel/paths/data_directory.h"
 #include "tovrel/tools/command_line.h"
@@ -215,6 +216,9 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     auto* run = app.add_subcommand("run", "Drive one device along a route and print a timeline");
     auto* fleet = app.add_subcommand("fleet", "Drive many devices along routes on every core and sum up");
+    auto* replay = app.add_subcommand(
+        "replay",
+        "Run a device's day again along the positions it reported, and say where the service differs");
 
     tovrel::sim::SimOptions options;
     const auto data = tovrel::paths::dataDirectory();
@@ -268,6 +272,34 @@ int main(int argc, char** argv) {
     fleet->add_flag("--quiet", fleetQuiet, "Print no progress");
     fleet->excludes(run);
 
+    tovrel::sim::ReplayOptions replayOptions;
+    replayOptions.tiles = tovrel::sim::kOpenStreetMapTiles;
+    std::string tokenFile;
+    replay->footer(
+        "Exit status: 0 the replay and the service agree on every offer; 1 they disagree on one or more; 2 a "
+        "usage error or an unusable day or place file; 3 the day could not be fetched, or the replay "
+        "stopped.");
+    replay->add_option("--day", replayOptions.dayFile,
+                       "A device's day as GET /admin/v1/devices/ID/day answers it (JSON)");
+    replay->add_option(
+        "--admin", replayOptions.adminUrl,
+        "Fetch the day from this admin listener instead (with --token-file, --device, --date)");
+    replay->add_option("--token-file", tokenFile,
+                       "A file whose first line is an admin token (role read or more)");
+    replay->add_option("--device", replayOptions.deviceId, "The deviceId the device sends");
+    replay->add_option("--date", replayOptions.date, "The UTC day, YYYY-MM-DD");
+    replay->add_option("--places", replayOptions.placesFile, "The place file to replay against")->required();
+    replay->add_option("--report", replayOptions.reportFile, "Write a self-contained HTML report here");
+    replay
+        ->add_option("--gap", replayOptions.limits.gapSeconds,
+                     "Seconds without a position beyond which the track between is a guess")
+        ->capture_default_str()
+        ->check(CLI::Range(10.0, 86400.0));
+    replay->add_flag("--json", replayOptions.asJson, "Print the findings as JSON");
+    addTilesOption(replay, replayOptions.tiles);
+    replay->excludes(run);
+    replay->excludes(fleet);
+
     app.footer(
         "Exit status: 0 the run completed (and met every expectation); 1 an expectation failed; 2 a usage "
         "error or unusable input (an unreadable rule included); 3 the session never started (in a fleet: on "
@@ -276,6 +308,36 @@ int main(int argc, char** argv) {
 
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
+    }
+
+    if (replay->parsed()) {
+        if (replayOptions.dayFile.empty() == (replayOptions.adminUrl.empty() || tokenFile.empty() ||
+                                              replayOptions.deviceId.empty() || replayOptions.date.empty())) {
+            std::cerr << "tovrel-sim: replay takes --day FILE, or --admin URL with --token-file, --device "
+                         "and --date\n";
+            return kBadInput;
+        }
+        replayOptions.contentDir = options.contentDir;
+        try {
+            if (!tokenFile.empty()) {
+                std::ifstream in(tokenFile);
+                if (!in || !std::getline(in, replayOptions.token) || replayOptions.token.empty()) {
+                    std::cerr << "tovrel-sim: cannot read a token from " << tokenFile << '\n';
+                    return kBadInput;
+                }
+                replayOptions.token.erase(replayOptions.token.find_last_not_of(" \t\r") + 1);
+            }
+            return tovrel::sim::replayDay(replayOptions, std::cout);
+        } catch (const tovrel::sim::RouteError& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kBadInput;
+        } catch (const tovrel::sim::SimInputError& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kBadInput;
+        } catch (const std::runtime_error& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kSessionNeverStarted;
+        }
     }
 
     std::vector<tovrel::sim::Expectation> expectations;

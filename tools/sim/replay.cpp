@@ -1,0 +1,285 @@
+#include "replay.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iomanip>
+#include <limits>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "html_report.h"
+#include "simulation.h"
+
+namespace tovrel::sim {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t kLargestDay = 64 * 1024 * 1024;
+
+// "HH:MM:SS" UTC of seconds since 1970.
+std::string clock(double at) {
+    const auto seconds = static_cast<long long>(std::floor(at));
+    const long long day = ((seconds % 86400) + 86400) % 86400;
+    std::ostringstream out;
+    out << std::setfill('0') << std::setw(2) << day / 3600 << ':' << std::setw(2) << day / 60 % 60 << ':'
+        << std::setw(2) << day % 60;
+    return out.str();
+}
+
+// Metres from the circle's centre to the segment a→b (on a local flat projection, which is exact enough
+// over the few kilometres a gap spans).
+double segmentDistance(const DayPoint& a, const DayPoint& b, const PlaceCircle& c) {
+    constexpr double kMetresPerDegree = 111'195;
+    const double scale = std::cos(c.latitude * M_PI / 180);
+    const double ax = (a.longitude - c.longitude) * scale * kMetresPerDegree;
+    const double ay = (a.latitude - c.latitude) * kMetresPerDegree;
+    const double bx = (b.longitude - c.longitude) * scale * kMetresPerDegree;
+    const double by = (b.latitude - c.latitude) * kMetresPerDegree;
+    const double dx = bx - ax;
+    const double dy = by - ay;
+    const double length = dx * dx + dy * dy;
+    const double t = length > 0 ? std::clamp(-(ax * dx + ay * dy) / length, 0.0, 1.0) : 0;
+    return std::hypot(ax + t * dx, ay + t * dy);
+}
+
+// Why the track near `circle` cannot be trusted: a gap between checks that passes near it, a check near
+// it whose accuracy is coarser than its radius.
+std::vector<std::string> doubts(const DayRecord& day, const PlaceCircle& circle, const ReplayLimits& limits) {
+    constexpr double kNear = 500;
+    constexpr double kNearEnd = 100;
+    std::vector<std::string> out;
+    for (std::size_t i = 1; i < day.positions.size(); ++i) {
+        const DayPoint& a = day.positions[i - 1];
+        const DayPoint& b = day.positions[i];
+        if (b.at - a.at > limits.gapSeconds && segmentDistance(a, b, circle) < circle.radius + kNear) {
+            out.push_back("no position for " + std::to_string(static_cast<long>(b.at - a.at) / 60) +
+                          " min (" + clock(a.at) + " to " + clock(b.at) + " UTC) on a stretch that passes " +
+                          std::to_string(static_cast<long>(segmentDistance(a, b, circle))) +
+                          " m from the place");
+        }
+    }
+    for (const DayPoint* end : {&day.positions.front(), &day.positions.back()}) {
+        if (distanceMetres(end->latitude, end->longitude, circle.latitude, circle.longitude) <
+            circle.radius + kNearEnd) {
+            out.push_back(std::string("the track ") + (end == &day.positions.front() ? "starts" : "ends") +
+                          " near the place, at " + clock(end->at) +
+                          " UTC: what the device did beyond it was not uploaded");
+        }
+    }
+    for (const DayPoint& p : day.positions) {
+        const double metres = distanceMetres(p.latitude, p.longitude, circle.latitude, circle.longitude);
+        if (p.accuracy > circle.radius && metres < circle.radius + p.accuracy) {
+            out.push_back("at " + clock(p.at) + " UTC the device's accuracy (" +
+                          std::to_string(static_cast<long>(p.accuracy)) +
+                          " m) was coarser than the place's radius (" +
+                          std::to_string(static_cast<long>(circle.radius)) + " m)");
+            break;
+        }
+    }
+    return out;
+}
+
+std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* body = static_cast<std::string*>(user);
+    if (body->size() + size * count > kLargestDay) {
+        return 0;
+    }
+    body->append(data, size * count);
+    return size * count;
+}
+
+}  // namespace
+
+std::vector<ReplayFinding> compareReplay(const DayRecord& day, const std::vector<OfferOutcome>& replay,
+                                         const std::vector<PlaceCircle>& places, const ReplayLimits& limits) {
+    std::vector<ReplayFinding> findings;
+    std::vector<std::optional<PlaceCircle>> circles;
+    std::map<std::string, std::size_t> byKey;
+    for (const OfferOutcome& o : replay) {
+        byKey[o.eventId + "@" + o.placeId] = findings.size();
+        ReplayFinding& f = findings.emplace_back();
+        f.eventId = o.eventId;
+        f.placeId = o.placeId;
+        f.eventName = o.eventName;
+        f.replayLinked = o.linkedAt.has_value();
+        f.replayReason = o.reason;
+        circles.emplace_back(PlaceCircle{o.placeId, "", o.latitude, o.longitude, o.radius});
+    }
+    for (const RecordedLink& link : day.links) {
+        const std::string key = link.eventId + "@" + link.placeId;
+        if (!byKey.contains(key)) {
+            byKey[key] = findings.size();
+            ReplayFinding& f = findings.emplace_back();
+            f.eventId = link.eventId;
+            f.placeId = link.placeId;
+            const auto circle = std::find_if(places.begin(), places.end(),
+                                             [&](const PlaceCircle& c) { return c.placeId == link.placeId; });
+            circles.push_back(circle == places.end() ? std::nullopt : std::optional(*circle));
+        }
+        findings[byKey[key]].recorded = true;
+    }
+    for (std::size_t i = 0; i < findings.size(); ++i) {
+        ReplayFinding& f = findings[i];
+        if (!circles[i]) {
+            f.uncertain.push_back("the place is not in the catalogue replayed against (removed since?)");
+            continue;
+        }
+        const PlaceCircle& c = *circles[i];
+        f.uncertain = doubts(day, c, limits);
+        double closest = std::numeric_limits<double>::infinity();
+        for (const DayPoint& p : day.positions) {
+            closest = std::min(closest,
+                               distanceMetres(p.latitude, p.longitude, c.latitude, c.longitude) - p.accuracy);
+        }
+        // The service links only a device that stayed inside: a track that never gets there misses part of
+        // where the device was.
+        if (f.recorded && !f.replayLinked && closest > c.radius) {
+            f.uncertain.push_back("the service linked it, yet no uploaded position comes within " +
+                                  std::to_string(static_cast<long>(closest - c.radius)) +
+                                  " m of the place: the track misses where the device was");
+        }
+    }
+    std::stable_sort(findings.begin(), findings.end(), [](const ReplayFinding& a, const ReplayFinding& b) {
+        return !a.agrees() && b.agrees();
+    });
+    return findings;
+}
+
+void printFindings(const DayRecord& day, const std::vector<ReplayFinding>& findings, std::ostream& out) {
+    const std::size_t disagreements = static_cast<std::size_t>(
+        std::count_if(findings.begin(), findings.end(), [](const ReplayFinding& f) { return !f.agrees(); }));
+    out << "replay of " << (day.deviceId.empty() ? "a device" : day.deviceId) << " on "
+        << (day.date.empty() ? "its day" : day.date) << ": " << day.positions.size() << " positions from "
+        << clock(day.positions.front().at) << " to " << clock(day.positions.back().at) << " UTC, "
+        << findings.size() << " offers, " << disagreements << " where the replay and the service disagree\n";
+    for (const ReplayFinding& f : findings) {
+        out << "  offer " << f.eventId << (f.eventName.empty() ? "" : " \"" + f.eventName + "\"")
+            << " at place " << f.placeId << ": ";
+        if (f.replayLinked && f.recorded) {
+            out << "linked, as the service recorded";
+        } else if (!f.replayLinked && !f.recorded) {
+            out << "not linked, as the service recorded; the replay: " << f.replayReason;
+        } else if (f.recorded) {
+            out << "DISAGREE: the service stored a link the replay does not make"
+                << (f.replayReason.empty() ? " (the replay's service never named this offer)"
+                                           : ": " + f.replayReason);
+        } else {
+            out << "DISAGREE: the replay links it, the service stored no link: " << f.replayReason;
+        }
+        out << (f.uncertain.empty() ? "" : " (UNCERTAIN)") << '\n';
+        for (const std::string& why : f.uncertain) {
+            out << "      uncertain: " << why << '\n';
+        }
+    }
+}
+
+json findingsJson(const DayRecord& day, const std::vector<ReplayFinding>& findings) {
+    json list = json::array();
+    for (const ReplayFinding& f : findings) {
+        list.push_back({{"eventId", f.eventId},
+                        {"placeId", f.placeId},
+                        {"eventName", f.eventName},
+                        {"replayLinked", f.replayLinked},
+                        {"recorded", f.recorded},
+                        {"agrees", f.agrees()},
+                        {"replayReason", f.replayReason},
+                        {"uncertain", f.uncertain}});
+    }
+    return {{"deviceId", day.deviceId},
+            {"date", day.date},
+            {"positions", day.positions.size()},
+            {"findings", std::move(list)}};
+}
+
+std::string fetchDay(const std::string& adminUrl, const std::string& token, const std::string& deviceId,
+                     const std::string& date) {
+    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+    if (!curl) {
+        throw std::runtime_error("libcurl could not start");
+    }
+    const std::unique_ptr<char, decltype(&curl_free)> escaped(
+        curl_easy_escape(curl.get(), deviceId.data(), static_cast<int>(deviceId.size())), curl_free);
+    const std::string url = adminUrl + (adminUrl.ends_with('/') ? "" : "/") + "admin/v1/devices/" +
+                            escaped.get() + "/day?date=" + date;
+    const std::string authorization = "Authorization: Bearer " + token;
+    const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
+        curl_slist_append(nullptr, authorization.c_str()), curl_slist_free_all);
+    std::string body;
+    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, writeBody);
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 60L);
+    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http,https");
+    if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
+        throw std::runtime_error("GET " + url + ": " + curl_easy_strerror(code));
+    }
+    long status = 0;
+    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status != 200) {
+        const json error = json::parse(body, nullptr, false);
+        throw std::runtime_error(
+            "GET " + url + " answered " + std::to_string(status) +
+            (error.is_object() && error.contains("error") ? ": " + error["error"].dump() : ""));
+    }
+    return body;
+}
+
+int replayDay(const ReplayOptions& options, std::ostream& out) {
+    std::string text;
+    std::string name = options.dayFile;
+    if (!options.dayFile.empty()) {
+        std::ifstream in(options.dayFile, std::ios::binary);
+        if (!in) {
+            throw RouteError("cannot read " + options.dayFile);
+        }
+        std::ostringstream buffer;
+        buffer << in.rdbuf();
+        text = std::move(buffer).str();
+    } else {
+        text = fetchDay(options.adminUrl, options.token, options.deviceId, options.date);
+        name = options.deviceId + " on " + options.date;
+    }
+    const DayRecord day = parseDayRecord(text, name);
+    const Route route = routeOfDay(day);
+    SimOptions sim;
+    sim.route = &route;
+    sim.placesFile = options.placesFile;
+    sim.contentDir = options.contentDir;
+    sim.startTime = day.positions.front().at;
+    sim.quiet = true;
+    sim.keepEvents = !options.reportFile.empty();
+    const SimOutcome outcome = runSimulation(sim, nullptr, nullptr);
+    if (outcome.stop != RunStop::kNone) {
+        throw std::runtime_error("the replay stopped: " + outcome.stopMessage);
+    }
+    const std::vector<ReplayFinding> findings =
+        compareReplay(day, outcome.offers, readPlaceCircles(options.placesFile), options.limits);
+    if (!options.reportFile.empty()) {
+        std::ofstream report(options.reportFile);
+        writeHtmlReport({"Tovrel replay: " + route.name, outcome.route, outcome.events, outcome.wallSeconds,
+                         outcome.eventsNotKept, options.tiles, options.placesFile},
+                        report);
+        if (!report) {
+            throw std::runtime_error("cannot write " + options.reportFile);
+        }
+    }
+    if (options.asJson) {
+        out << findingsJson(day, findings).dump(2) << '\n';
+    } else {
+        printFindings(day, findings, out);
+    }
+    return std::all_of(findings.begin(), findings.end(), [](const ReplayFinding& f) { return f.agrees(); })
+               ? 0
+               : 1;
+}
+
+}  // namespace tovrel::sim
