@@ -566,8 +566,12 @@ void AdminHandler::refreshTokens() {
         std::vector<StoredToken> stored;
         service_.transact([&](const SqlSource& db) { stored = readTokens(db); });
         tokens_.replace(stored);
+        tokensUnreadable_.store(false);
     } catch (const std::exception& e) {
-        service_.reportFailure("/admin/v1/tokens", std::string("reading the admin tokens: ") + e.what());
+        // Once an outage, not four times a second through it.
+        if (!tokensUnreadable_.exchange(true)) {
+            service_.reportFailure("/admin/v1/tokens", std::string("reading the admin tokens: ") + e.what());
+        }
     }
 }
 

@@ -44,7 +44,8 @@ class AdminHandler : public RequestHandler {
     void handle(const HttpRequest& request, Respond respond) override;
 
     /// Reads the stored admin tokens again (AdminTokens::kRefreshSeconds apart, from the server's thread);
-    /// on a failure the tokens read last stay. Any thread.
+    /// on a failure the tokens read last stay, and the first failure of a run of them is reported. Any
+    /// thread.
     void refreshTokens();
 
     /// Admin API requests being read or worked on at once, at most.
@@ -79,6 +80,8 @@ class AdminHandler : public RequestHandler {
     Console console_;
     bool webhookAllowPrivate_;
     std::atomic<int> inFlight_{0};
+    /// The last read of the stored tokens failed (its failure was reported).
+    std::atomic<bool> tokensUnreadable_{false};
 };
 
 /// Reads an admin token file: its first line without surrounding blanks. Throws std::runtime_error
