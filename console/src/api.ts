@@ -125,15 +125,34 @@ export const admin = {
   },
 };
 
+/** The admin token a session was opened with: its name and role (read, support, campaigns, admin). */
+export interface SignedInAs {
+  token: string;
+  role: string;
+}
+let who: SignedInAs | null = null;
+
+/** Who the console is signed in as; null before a sign-in. */
+export function signedInAs(): SignedInAs | null {
+  return who;
+}
+
+type SessionAnswer = { csrf: string; token?: string; role?: string };
+
+function opened(answer: SessionAnswer): void {
+  setCsrf(answer.csrf);
+  who = answer.token && answer.role ? { token: answer.token, role: answer.role } : null;
+}
+
 export const session = {
   async signIn(token: string): Promise<void> {
-    const a = await call<{ csrf: string }>('POST', '/console/api/session', { token }, { noSignOut: true });
-    setCsrf(a.data.csrf);
+    const a = await call<SessionAnswer>('POST', '/console/api/session', { token }, { noSignOut: true });
+    opened(a.data);
   },
   async resume(): Promise<boolean> {
     try {
-      const a = await call<{ csrf: string }>('GET', '/console/api/session', undefined, { noSignOut: true });
-      setCsrf(a.data.csrf);
+      const a = await call<SessionAnswer>('GET', '/console/api/session', undefined, { noSignOut: true });
+      opened(a.data);
       return true;
     } catch {
       return false;

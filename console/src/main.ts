@@ -1,5 +1,5 @@
 import './style.css';
-import { session, signedIn, whenSignedOut } from './api';
+import { session, signedIn, signedInAs, whenSignedOut } from './api';
 import { button, field, h, input, replace } from './dom';
 import { formError, showError } from './forms';
 import { mountOverview } from './screens/overview';
@@ -41,7 +41,9 @@ function shell(): { main: HTMLElement } {
     ),
   );
   const out = button('Sign out', () => void session.signOut(), { class: 'signout' });
-  const header = h('header', { class: 'top' }, h('p', { class: 'brand' }, 'Tovrel console'), nav, out);
+  const as = signedInAs();
+  const who = h('p', { class: 'who' }, as ? `${as.token} · ${as.role}` : '');
+  const header = h('header', { class: 'top' }, h('p', { class: 'brand' }, 'Tovrel console'), nav, who, out);
   const main = h('main', { id: 'main', tabindex: '-1' });
   const toastEl = h('div', { id: 'toast', class: 'toast', role: 'status', hidden: true });
   replace(app, header, main, toastEl);

@@ -500,6 +500,8 @@ await step('the right token opens the overview, and a reload resumes the session
   await page.reload();
   await page.locator('nav a[data-screen="overview"]').waitFor();
   assert(await page.locator('#signin').count() === 0, 'a reload asked for the token again');
+  const who = (await page.locator('header .who').textContent()) ?? '';
+  assert(who === 'admin-token-file · admin', `the header names the session's token as "${who}"`);
 }, { critical: true });
 
 // ---------------------------------------------------------------- apps
