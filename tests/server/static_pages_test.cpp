@@ -10,6 +10,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Larger than several of the chunks a file is sent in, and not a multiple of one.
+std::string bigFile() {
+    std::string bytes(200'001, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>('a' + (i * 7 + i / 4096) % 26);
+    }
+    return bytes;
+}
+
 class StaticPages : public ::testing::Test {
   protected:
     StaticPages() {
@@ -18,6 +27,7 @@ class StaticPages : public ::testing::Test {
         content.write("media/style.CSS", "p{}");
         content.write("media/logo.png", std::string("\x89PNG\r\n", 6));
         content.write("index.html", "<p>home</p>");
+        content.write("media/map.js", bigFile());
         content.write("docs/index.html", "<p>docs</p>");
         content.write(".secret", "hidden-file-content");
         content.write("media/.hidden.html", "hidden-file-content");
@@ -45,6 +55,14 @@ TEST_F(StaticPages, FilesAreServedWithTheirContentTypes) {
     EXPECT_EQ(png.body.size(), 6u);
     EXPECT_EQ(fx->client().get("/media/offer-1.html?utm=x#top").body, "<p>offer</p>");
     EXPECT_EQ(fx->client().get("/media/offer%2D1.html").body, "<p>offer</p>");
+    HttpClient& client = fx->client();
+    for (int round = 0; round < 2; ++round) {
+        const HttpResult big = client.get("/media/map.js");
+        EXPECT_EQ(big.status, 200);
+        EXPECT_TRUE(big.body == bigFile()) << "round " << round << ": " << big.body.size() << " bytes";
+    }
+    EXPECT_EQ(client.request("HEAD", "/media/map.js", "").body, "");
+    EXPECT_EQ(client.get("/media/offer-1.html").body, "<p>offer</p>");
 }
 
 TEST_F(StaticPages, FoldersServeTheirIndexPage) {

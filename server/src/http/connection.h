@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <memory>
@@ -79,19 +80,23 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         }
         if constexpr (kTls) {
             lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
-            stream_.async_handshake(ssl::stream_base::server,
-                                    [self = this->shared_from_this()](beast::error_code ec) {
-                                        if (ec) {
-                                            return self->closeNow();
-                                        }
-                                        self->readHeader();
-                                    });
+            stream_.async_handshake(
+                ssl::stream_base::server,
+                beast::bind_front_handler(&Connection::onHandshake, this->shared_from_this()));
         } else {
-            net::dispatch(stream_.get_executor(), [self = this->shared_from_this()] { self->readHeader(); });
+            net::dispatch(stream_.get_executor(),
+                          beast::bind_front_handler(&Connection::readHeader, this->shared_from_this()));
         }
     }
 
   private:
+    // What follows a write. Every read and every write of a connection goes through one completion
+    // handler type each: an asynchronous operation over TLS is instantiated once per handler type, and
+    // those instantiations were most of the server's build time.
+    enum class Next { readBody, readHeader, close, linger, moreFile };
+    enum class Phase { header, body };
+    static constexpr std::size_t kFileChunk = 64 * 1024;
+
     static Stream makeStream(Socket&& socket, ListenerState& state) {
         if constexpr (kTls) {
             return Stream(PlainStream(std::move(socket)), *state.tls);
@@ -101,6 +106,13 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     }
 
     PlainStream& lowest() { return beast::get_lowest_layer(stream_); }
+
+    void onHandshake(beast::error_code ec) {
+        if (ec) {
+            return closeNow();
+        }
+        readHeader();
+    }
 
     void closeIfIdle() {
         if (!busy_) {
@@ -117,10 +129,38 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         bodyLimit_ = HttpServer::kMaxBody;
         parser_->body_limit(bodyLimit_);
         parser_->header_limit(connection_detail::kMaxHeader);
+        phase_ = Phase::header;
         lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
-        http::async_read_header(
-            stream_, buffer_, *parser_,
-            [self = this->shared_from_this()](beast::error_code ec, std::size_t) { self->onHeader(ec); });
+        readSome();
+    }
+
+    void readBody() {
+        phase_ = Phase::body;
+        if (parser_->is_done()) {
+            return onBody();
+        }
+        readSome();
+    }
+
+    void readSome() {
+        http::async_read_some(stream_, buffer_, *parser_,
+                              beast::bind_front_handler(&Connection::onRead, this->shared_from_this()));
+    }
+
+    void onRead(beast::error_code ec, std::size_t) {
+        if (readFailed(ec)) {
+            return;
+        }
+        if (!parser_->is_header_done()) {
+            return readSome();
+        }
+        if (phase_ == Phase::header) {
+            return onHeader();
+        }
+        if (!parser_->is_done()) {
+            return readSome();
+        }
+        onBody();
     }
 
     bool readFailed(beast::error_code ec) {
@@ -141,10 +181,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         return true;
     }
 
-    void onHeader(beast::error_code ec) {
-        if (readFailed(ec)) {
-            return;
-        }
+    void onHeader() {
         busy_ = true;
         started_ = connection_detail::steadySeconds();
         // What a retry storm hits is refused before its body is read.
@@ -167,16 +204,9 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         bodyLimit_ = admission.bodyLimit;
         slot_ = std::move(admission.slot);
         if (beast::iequals(req[http::field::expect], "100-continue")) {
-            auto cont =
-                std::make_shared<http::response<http::empty_body>>(http::status::continue_, req.version());
-            http::async_write(stream_, *cont,
-                              [self = this->shared_from_this(), cont](beast::error_code wec, std::size_t) {
-                                  if (wec) {
-                                      return self->closeNow();
-                                  }
-                                  self->readBody();
-                              });
-            return;
+            head_ = req.version() == 10 ? "HTTP/1.0 100 Continue\r\n\r\n" : "HTTP/1.1 100 Continue\r\n\r\n";
+            body_.clear();
+            return write(Next::readBody);
         }
         readBody();
     }
@@ -200,16 +230,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                            view(req[http::field::if_match])};
     }
 
-    void readBody() {
-        http::async_read(
-            stream_, buffer_, *parser_,
-            [self = this->shared_from_this()](beast::error_code ec, std::size_t) { self->onBody(ec); });
-    }
-
-    void onBody(beast::error_code ec) {
-        if (readFailed(ec)) {
-            return;
-        }
+    void onBody() {
         auto& req = parser_->get();
         const std::string_view target = connection_detail::view(req.target());
         const std::string_view path = target.substr(0, target.find_first_of("?#"));
@@ -254,10 +275,10 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         if (!reply.file.empty()) {
             return sendFile(std::move(reply), keepAlive);
         }
-        sendMemory(std::move(reply), keepAlive);
+        sendMemory(std::move(reply), keepAlive ? Next::readHeader : Next::close);
     }
 
-    void sendMemory(HttpReply&& reply, bool keepAlive) {
+    void sendMemory(HttpReply&& reply, Next next) {
         body_ = std::move(reply.body);
         const char* encoding = nullptr;
         if (request_.gzip && body_.size() >= HttpServer::kMinGzipBody) {
@@ -268,18 +289,19 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             }
             buffer_pool::give(std::move(packed));
         }
-        writeHead(reply, keepAlive, encoding);
+        writeHead(reply, reply.contentType, next == Next::readHeader, encoding, body_.size());
         if (request_.method == "HEAD") {
             // The header says how long the body would be; sending it would put the next answer out of step.
             buffer_pool::give(std::move(body_));
             body_.clear();
         }
-        sendHeadAndBody(keepAlive);
+        write(next);
     }
 
-    // The header of an answer held in memory, written by hand: this is every API answer, and Beast's
-    // general serializer costs more than the whole rest of the request.
-    void writeHead(const HttpReply& reply, bool keepAlive, const char* encoding) {
+    // Every header is written by hand: Beast's general serializer costs more than the whole rest of an
+    // API request, and over TLS it would be instantiated once for each kind of body.
+    void writeHead(const HttpReply& reply, std::string_view contentType, bool keepAlive, const char* encoding,
+                   std::uint64_t length) {
         head_.clear();
         head_ += request_.version == 10 ? "HTTP/1.0 " : "HTTP/1.1 ";
         head_ += std::to_string(reply.status);
@@ -287,7 +309,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         const auto reason = http::obsolete_reason(static_cast<http::status>(reply.status));
         head_.append(reason.data(), reason.size());
         head_ += "\r\nServer: tovrel-server\r\nContent-Type: ";
-        head_ += reply.contentType;
+        head_ += contentType;
         head_ += "\r\nVary: Accept-Encoding\r\n";
         const auto field = [this](const char* name, const char* value) {
             if (value != nullptr) {
@@ -310,100 +332,83 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             head_ += "Connection: close\r\n";
         }
         head_ += "Content-Length: ";
-        head_ += std::to_string(body_.size());
+        head_ += std::to_string(length);
         head_ += "\r\n\r\n";
     }
 
-    void sendHeadAndBody(bool keepAlive) {
+    // Writes head_ then body_, and goes on with `next` once both are out.
+    void write(Next next) {
+        next_ = next;
         lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
         const std::array<net::const_buffer, 2> buffers{net::buffer(head_), net::buffer(body_)};
-        net::async_write(
-            stream_, buffers,
-            [self = this->shared_from_this(), keepAlive](beast::error_code ec, std::size_t bytes) {
-                self->busy_ = false;
-                self->slot_.reset();
-                self->finishLog(bytes);
-                buffer_pool::give(std::move(self->body_));
-                self->body_.clear();
-                if (ec || !keepAlive) {
-                    return self->closeNow();
-                }
-                self->readHeader();
-            });
+        net::async_write(stream_, buffers,
+                         beast::bind_front_handler(&Connection::onWritten, this->shared_from_this()));
     }
 
+    void onWritten(beast::error_code ec, std::size_t bytes) {
+        written_ += bytes;
+        if (next_ == Next::readBody) {
+            written_ = 0;
+            return ec ? closeNow() : readBody();
+        }
+        if (next_ == Next::moreFile && !ec) {
+            head_.clear();
+            return sendChunk();
+        }
+        busy_ = false;
+        slot_.reset();
+        file_.reset();
+        finishLog(written_);
+        written_ = 0;
+        buffer_pool::give(std::move(body_));
+        body_.clear();
+        if (ec || next_ == Next::close) {
+            return closeNow();
+        }
+        if (next_ == Next::linger) {
+            return lingerAndClose();
+        }
+        readHeader();
+    }
+
+    // Files (the console's pages) are sent in chunks from the thread's buffer, never whole.
     void sendFile(HttpReply&& reply, bool keepAlive) {
-        http::file_body::value_type body;
         beast::error_code ec;
-        body.open(reply.file.c_str(), beast::file_mode::scan, ec);
+        file_.emplace();
+        file_->open(reply.file.c_str(), beast::file_mode::scan, ec);
+        const std::uint64_t size = ec ? 0 : file_->size(ec);
         if (ec) {
+            file_.reset();
             HttpReply missing;
             missing.status = 404;
             missing.route = reply.route;
             missing.body = errorJson("there is no page " + request_.path);
-            return sendMemory(std::move(missing), keepAlive);
+            return sendMemory(std::move(missing), keepAlive ? Next::readHeader : Next::close);
         }
-        const auto size = body.size();
-        if (reply.headOnly) {
-            auto res = std::make_shared<http::response<http::empty_body>>(http::status::ok, request_.version);
-            setCommon(*res, reply, keepAlive);
-            res->content_length(size);
-            return send(std::move(res));
-        }
-        auto res = std::make_shared<http::response<http::file_body>>(
-            std::piecewise_construct, std::make_tuple(std::move(body)),
-            std::make_tuple(http::status::ok, request_.version));
-        setCommon(*res, reply, keepAlive);
-        res->content_length(size);
-        send(std::move(res));
+        fileLeft_ = reply.headOnly ? 0 : size;
+        keepAlive_ = keepAlive;
+        writeHead(reply, reply.fileType.empty() ? std::string_view(reply.contentType) : reply.fileType,
+                  keepAlive, nullptr, size);
+        body_ = buffer_pool::take();
+        body_.clear();
+        sendChunk();
     }
 
-    template <typename Message>
-    static void setCommon(Message& res, const HttpReply& reply, bool keepAlive) {
-        if (!reply.fileType.empty()) {
-            res.set(http::field::content_type, reply.fileType);
-        } else {
-            res.set(http::field::content_type, reply.contentType);
+    void sendChunk() {
+        const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(fileLeft_, kFileChunk));
+        body_.resize(want);
+        if (want > 0) {
+            beast::error_code ec;
+            const std::size_t got = file_->read(body_.data(), want, ec);
+            if (ec || got == 0) {
+                // The header promised more than the file now holds: the connection cannot go on.
+                next_ = Next::close;
+                return onWritten(ec ? ec : beast::error_code(net::error::eof), 0);
+            }
+            body_.resize(got);
+            fileLeft_ -= got;
         }
-        if (reply.allow != nullptr) {
-            res.set(http::field::allow, reply.allow);
-        }
-        if (reply.retryAfter != nullptr) {
-            res.set(http::field::retry_after, reply.retryAfter);
-        }
-        if (reply.authenticate != nullptr) {
-            res.set(http::field::www_authenticate, reply.authenticate);
-        }
-        for (const auto& [name, value] : reply.headers) {
-            res.insert(name, value);
-        }
-        res.keep_alive(keepAlive);
-    }
-
-    template <typename Body>
-    void send(std::shared_ptr<http::response<Body>> res, bool linger = false) {
-        res->set(http::field::server, "tovrel-server");
-        lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
-        http::async_write(
-            stream_, *res,
-            [self = this->shared_from_this(), res, linger](beast::error_code ec, std::size_t bytes) {
-                self->busy_ = false;
-                self->slot_.reset();
-                self->finishLog(bytes);
-                if constexpr (std::is_same_v<Body, http::string_body>) {
-                    buffer_pool::give(std::move(res->body()));
-                }
-                if (ec) {
-                    return self->closeNow();
-                }
-                if (linger) {
-                    return self->lingerAndClose();
-                }
-                if (res->need_eof()) {
-                    return self->closeNow();
-                }
-                self->readHeader();
-            });
+        write(fileLeft_ > 0 ? Next::moreFile : keepAlive_ ? Next::readHeader : Next::close);
     }
 
     void finishLog(std::size_t bytes) {
@@ -426,15 +431,9 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     void refuse(HttpReply&& reply) {
         busy_ = true;
         state_.metrics.request(reply.route, reply.status, 0);
-        auto res =
-            std::make_shared<http::response<http::string_body>>(static_cast<http::status>(reply.status), 11);
-        setCommon(*res, reply, false);
-        res->body() = std::move(reply.body);
-        res->prepare_payload();
-        if (parser_ && parser_->is_header_done() && parser_->get().method() == http::verb::head) {
-            res->body().clear();
-        }
-        send(std::move(res), true);
+        const bool head = parser_ && parser_->is_header_done() && parser_->get().method() == http::verb::head;
+        request_ = Pending{head ? "HEAD" : "", "", 11, false, false};
+        sendMemory(std::move(reply), Next::linger);
     }
 
     void lingerAndClose() {
@@ -481,6 +480,12 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     std::optional<LogLine> pendingLog_;
     std::vector<char> scratch_;
     std::size_t drained_ = 0;
+    std::optional<beast::file> file_;  ///< the file being sent, if any
+    std::uint64_t fileLeft_ = 0;
+    bool keepAlive_ = false;   ///< after the file
+    std::size_t written_ = 0;  ///< bytes of the current answer, for the access log
+    Next next_ = Next::close;
+    Phase phase_ = Phase::header;
     std::size_t bodyLimit_ = HttpServer::kMaxBody;
     std::shared_ptr<void> slot_;  ///< what the handler admitted this request with, until it is answered
     double started_ = 0;
