@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <future>
+#include <map>
 #include <thread>
 
 #include "support/wait_until.h"
@@ -424,6 +425,41 @@ TEST_P(Admin, ADryRunListsEveryFaultAndWritesNothing) {
     EXPECT_EQ(call("POST", "/admin/v1/import", good).status, 200);
     EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM places WHERE id = 93"),
               std::vector<std::string>{"1"});
+}
+
+TEST_P(Admin, TheCatalogueExportsAsAPlaceFileThatImportsBackTheSame) {
+    ASSERT_EQ(call("POST", "/admin/v1/places/4/disable").status, 200);
+    ASSERT_EQ(call("POST", "/admin/v1/offers/32/disable").status, 200);
+    ASSERT_EQ(call("POST", "/admin/v1/campaigns/Future/disable").status, 200);
+    const HttpResult exported = call("GET", "/admin/v1/catalogue");
+    ASSERT_EQ(exported.status, 200) << exported.body;
+    const json file = exported.parsed();
+    std::map<int64_t, std::vector<int64_t>> offersOf;
+    for (const json& feature : file["features"]) {
+        auto& ids = offersOf[feature["properties"]["placeId"].get<int64_t>()];
+        for (const json& offer : feature["properties"]["offers"]) {
+            ids.push_back(offer["eventId"].get<int64_t>());
+        }
+    }
+    EXPECT_EQ(offersOf, (std::map<int64_t, std::vector<int64_t>>{{1, {11, 12}}, {2, {11, 21, 22}}, {3, {}}}));
+    std::map<std::string, json> campaigns;
+    for (const json& campaign : file["properties"]["campaigns"]) {
+        campaigns[campaign["name"]] = campaign;
+    }
+    EXPECT_EQ(campaigns.size(), 3u);
+    EXPECT_EQ(campaigns.count("Future"), 0u);
+    EXPECT_EQ(campaigns["Capped"]["perDeviceCap"], 1);
+    EXPECT_EQ(campaigns["Past"]["endDate"], "2019-12-31");
+    EXPECT_FALSE(file["properties"].contains("apps")) << "app keys are credentials";
+
+    const HttpResult again = call("POST", "/admin/v1/import", exported.body);
+    ASSERT_EQ(again.status, 200) << again.body;
+    EXPECT_EQ(call("GET", "/admin/v1/catalogue").parsed(), file);
+
+    const json square = call("GET", "/admin/v1/catalogue?bbox=11.57,48.13,11.58,48.138").parsed();
+    ASSERT_EQ(square["features"].size(), 1u) << square.dump();
+    EXPECT_EQ(square["features"][0]["properties"]["placeId"], 1);
+    EXPECT_EQ(call("GET", "/admin/v1/catalogue?bbox=1,2,3").status, 400);
 }
 
 TEST_P(Admin, TheFunnelCountsLinksAndAnswers) {

@@ -45,11 +45,13 @@ TEST(Replay, ADayRecordedThroughTheServiceReplaysToItsOutcomesAndAGapIsUncertain
     const auto stored = queryRows(fixture.dbPath(), "SELECT count(*) FROM device_events");
     ASSERT_NE(stored, std::vector<std::string>{"0"});
 
-    const std::string replay = std::string(TOVREL_SIM_BINARY) + " replay --places " + places + " --json ";
+    // Against the service's own catalogue, fetched around the track.
+    const std::string sim = std::string(TOVREL_SIM_BINARY) + " replay --json ";
     const CommandResult fetched =
-        runCommand(replay + "--admin http://127.0.0.1:" + std::to_string(fixture.adminPort()) +
-                   " --token-file " + tokenFile + " --device " + deviceId + " --date 2026-06-01");
+        runCommand(sim + "--admin http://127.0.0.1:" + std::to_string(fixture.adminPort()) + " --token-file " +
+                   tokenFile + " --device " + deviceId + " --date 2026-06-01");
     const json found = json::parse(fetched.output);
+    EXPECT_NE(found["catalogue"].get<std::string>().find("service's catalogue"), std::string::npos);
     EXPECT_GT(found["positions"].get<int>(), 100);
     // Every offer the service linked is in the findings, and the replay reaches the same outcome for each.
     int recorded = 0;
@@ -75,6 +77,8 @@ TEST(Replay, ADayRecordedThroughTheServiceReplaysToItsOutcomesAndAGapIsUncertain
     }
     day["positions"] = kept;
     const std::string gap = fixture.dir().write("gap.json", day.dump());
+    EXPECT_EQ(runCommand(sim + "--day " + gap + " 2>&1").exitCode, 2) << "no place file and no service";
+    const std::string replay = sim + "--places " + places + " ";
     const CommandResult gapped = runCommand(replay + "--day " + gap);
     const json doubted = json::parse(gapped.output);
     int uncertain = 0;

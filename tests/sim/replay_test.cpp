@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 namespace tovrel::sim {
 namespace {
 
@@ -97,6 +99,30 @@ TEST(ReplayFindings, DisagreementsComeFirstAndATrackThatMissesTheirPlaceIsDoubte
     EXPECT_NE(text.str().find("DISAGREE: the service stored a link the replay does not make"),
               std::string::npos);
     EXPECT_EQ(findingsJson(day, findings)["findings"].size(), 4u);
+}
+
+TEST(ReplayCatalogue, TheAreaAskedForHoldsTheTrackAndTenKilometresAroundItWithinTheWorld) {
+    const auto box = [](std::vector<DayPoint> points) {
+        DayRecord day;
+        day.positions = std::move(points);
+        std::vector<double> edges;
+        std::istringstream text(catalogueArea(day));
+        for (std::string edge; std::getline(text, edge, ',');) {
+            edges.push_back(std::stod(edge));
+        }
+        return edges;
+    };
+    const auto munich = box({{0, 48.10, 11.50, 10}, {60, 48.20, 11.60, 10}});
+    ASSERT_EQ(munich.size(), 4u);
+    EXPECT_NEAR(munich[1], 48.10 - 10'000 / 111'320.0, 1e-6);
+    EXPECT_NEAR(munich[3], 48.20 + 10'000 / 111'320.0, 1e-6);
+    // A degree of longitude is shorter here: the margin in degrees is wider than north and south.
+    EXPECT_LT(munich[0], 11.50 - 0.13);
+    EXPECT_GT(munich[0], 11.50 - 0.15);
+    const auto pole = box({{0, 89.99, 179.99, 10}, {60, 89.98, -179.99, 10}});
+    EXPECT_GE(pole[0], -180);
+    EXPECT_LE(pole[2], 180);
+    EXPECT_LE(pole[3], 90);
 }
 
 }  // namespace

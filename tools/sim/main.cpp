@@ -288,7 +288,8 @@ int main(int argc, char** argv) {
                        "A file whose first line is an admin token (role read or more)");
     replay->add_option("--device", replayOptions.deviceId, "The deviceId the device sends");
     replay->add_option("--date", replayOptions.date, "The UTC day, YYYY-MM-DD");
-    replay->add_option("--places", replayOptions.placesFile, "The place file to replay against")->required();
+    replay->add_option("--places", replayOptions.placesFile,
+                       "The place file to replay against (default: the service's catalogue, from --admin)");
     replay->add_option("--report", replayOptions.reportFile, "Write a self-contained HTML report here");
     replay
         ->add_option("--gap", replayOptions.limits.gapSeconds,
@@ -311,10 +312,18 @@ int main(int argc, char** argv) {
     }
 
     if (replay->parsed()) {
-        if (replayOptions.dayFile.empty() == (replayOptions.adminUrl.empty() || tokenFile.empty() ||
-                                              replayOptions.deviceId.empty() || replayOptions.date.empty())) {
+        const bool fromService = !replayOptions.adminUrl.empty() && !tokenFile.empty();
+        const bool dayFromService = !replayOptions.deviceId.empty() || !replayOptions.date.empty();
+        if (replayOptions.dayFile.empty() != dayFromService ||
+            (dayFromService &&
+             (!fromService || replayOptions.deviceId.empty() || replayOptions.date.empty()))) {
             std::cerr << "tovrel-sim: replay takes --day FILE, or --admin URL with --token-file, --device "
                          "and --date\n";
+            return kBadInput;
+        }
+        if (replayOptions.placesFile.empty() && !fromService) {
+            std::cerr << "tovrel-sim: replay takes --places FILE, or --admin URL with --token-file to replay "
+                         "against the service's catalogue\n";
             return kBadInput;
         }
         replayOptions.contentDir = options.contentDir;

@@ -1,14 +1,19 @@
 #include "replay.h"
 
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <iomanip>
 #include <limits>
 #include <map>
 #include <memory>
+#include <numbers>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -21,7 +26,11 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t kLargestDay = 64 * 1024 * 1024;
+// A day of positions, or the catalogue around one (100,000 places at most, some 40 MB).
+constexpr std::size_t kLargestAnswer = 128 * 1024 * 1024;
+// Places this far beyond the track are fetched with it: the component holds places for some kilometres
+// around the device.
+constexpr double kCatalogueMarginMetres = 10'000;
 
 // "HH:MM:SS" UTC of seconds since 1970.
 std::string clock(double at) {
@@ -86,9 +95,42 @@ std::vector<std::string> doubts(const DayRecord& day, const PlaceCircle& circle,
     return out;
 }
 
+// A file of our own in the temporary folder, removed with this object.
+class TemporaryFile {
+  public:
+    TemporaryFile(const std::string& stem, const std::string& suffix) {
+        std::string name = (std::filesystem::temp_directory_path() / (stem + "-XXXXXX" + suffix)).string();
+        const int fd = ::mkstemps(name.data(), static_cast<int>(suffix.size()));
+        if (fd < 0) {
+            throw std::runtime_error("cannot create a file in " +
+                                     std::filesystem::temp_directory_path().string());
+        }
+        ::close(fd);
+        path_ = name;
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile() {
+        std::error_code ignored;
+        std::filesystem::remove(path_, ignored);
+    }
+
+    void write(const std::string& bytes) const {
+        std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+        out << bytes;
+        if (!out.flush()) {
+            throw std::runtime_error("cannot write " + path_.string());
+        }
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
 std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* user) {
     auto* body = static_cast<std::string*>(user);
-    if (body->size() + size * count > kLargestDay) {
+    if (body->size() + size * count > kLargestAnswer) {
         return 0;
     }
     body->append(data, size * count);
@@ -198,16 +240,12 @@ json findingsJson(const DayRecord& day, const std::vector<ReplayFinding>& findin
             {"findings", std::move(list)}};
 }
 
-std::string fetchDay(const std::string& adminUrl, const std::string& token, const std::string& deviceId,
-                     const std::string& date) {
+std::string adminGet(const std::string& adminUrl, const std::string& token, const std::string& path) {
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
     if (!curl) {
         throw std::runtime_error("libcurl could not start");
     }
-    const std::unique_ptr<char, decltype(&curl_free)> escaped(
-        curl_easy_escape(curl.get(), deviceId.data(), static_cast<int>(deviceId.size())), curl_free);
-    const std::string url = adminUrl + (adminUrl.ends_with('/') ? "" : "/") + "admin/v1/devices/" +
-                            escaped.get() + "/day?date=" + date;
+    const std::string url = adminUrl + (adminUrl.ends_with('/') ? "" : "/") + "admin/v1/" + path;
     const std::string authorization = "Authorization: Bearer " + token;
     const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
         curl_slist_append(nullptr, authorization.c_str()), curl_slist_free_all);
@@ -216,7 +254,8 @@ std::string fetchDay(const std::string& adminUrl, const std::string& token, cons
     curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, writeBody);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 60L);
+    curl_easy_setopt(curl.get(), CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 120L);
     curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http,https");
     if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
@@ -231,6 +270,91 @@ std::string fetchDay(const std::string& adminUrl, const std::string& token, cons
             (error.is_object() && error.contains("error") ? ": " + error["error"].dump() : ""));
     }
     return body;
+}
+
+namespace {
+
+std::string pathSegment(const std::string& text) {
+    std::string escaped;
+    for (const unsigned char c : text) {
+        if (std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == '~') {
+            escaped += static_cast<char>(c);
+        } else {
+            constexpr std::string_view kHex = "0123456789ABCDEF";
+            escaped += {'%', kHex[c >> 4], kHex[c & 15]};
+        }
+    }
+    return escaped;
+}
+
+// The device's app as the service holds it (its key and rules), so that the replayed device meets the
+// same quiet hours and daily cap; nothing when the service does not know the device or its app.
+std::optional<json> deviceApp(const ReplayOptions& options, const std::string& deviceId) {
+    try {
+        const json device =
+            json::parse(adminGet(options.adminUrl, options.token, "devices/" + pathSegment(deviceId)));
+        const json apps = json::parse(adminGet(options.adminUrl, options.token, "apps"));
+        for (json app : apps.at("apps")) {
+            if (app.at("key") == device.at("appKey")) {
+                app.erase("createdAt");
+                app.erase("disabled");
+                return app;
+            }
+        }
+    } catch (const std::exception&) {
+        // Any failure leaves the replay without the app's rules, which it then says.
+    }
+    return std::nullopt;
+}
+
+// What the replay runs against: the service's catalogue around the track with the device's app, in a file
+// of its own. Says in `catalogue` what that is.
+std::filesystem::path fetchCatalogue(const ReplayOptions& options, const DayRecord& day, SimOptions& sim,
+                                     std::optional<TemporaryFile>& file, std::string& catalogue) {
+    json places =
+        json::parse(adminGet(options.adminUrl, options.token, "catalogue?bbox=" + catalogueArea(day)));
+    std::optional<json> app = deviceApp(options, day.deviceId);
+    catalogue = "the service's catalogue as it is now, not as it was that day";
+    if (!app) {
+        app = json{{"key", sim.sdkKey}, {"name", "Replay"}};
+        catalogue +=
+            "; the device's app is unknown to the service, so its quiet hours and daily offer cap are "
+            "not replayed";
+    }
+    sim.sdkKey = (*app)["key"].get<std::string>();
+    places["properties"]["apps"] = json::array({std::move(*app)});
+    file.emplace("tovrel-replay-catalogue", ".geojson");
+    file->write(places.dump());
+    return file->path();
+}
+
+}  // namespace
+
+std::string fetchDay(const std::string& adminUrl, const std::string& token, const std::string& deviceId,
+                     const std::string& date) {
+    return adminGet(adminUrl, token, "devices/" + pathSegment(deviceId) + "/day?date=" + date);
+}
+
+std::string catalogueArea(const DayRecord& day) {
+    double south = 90;
+    double north = -90;
+    double west = 180;
+    double east = -180;
+    for (const DayPoint& p : day.positions) {
+        south = std::min(south, p.latitude);
+        north = std::max(north, p.latitude);
+        west = std::min(west, p.longitude);
+        east = std::max(east, p.longitude);
+    }
+    constexpr double kMetresPerDegree = 111'320;
+    const double latMargin = kCatalogueMarginMetres / kMetresPerDegree;
+    const double widest = std::min(89.0, std::max(std::abs(south), std::abs(north)) + latMargin);
+    const double lonMargin = latMargin / std::cos(widest * std::numbers::pi / 180);
+    std::ostringstream box;
+    box << std::setprecision(9) << std::max(-180.0, west - lonMargin) << ','
+        << std::max(-90.0, south - latMargin) << ',' << std::min(180.0, east + lonMargin) << ','
+        << std::min(90.0, north + latMargin);
+    return box.str();
 }
 
 int replayDay(const ReplayOptions& options, std::ostream& out) {
@@ -251,8 +375,13 @@ int replayDay(const ReplayOptions& options, std::ostream& out) {
     const DayRecord day = parseDayRecord(text, name);
     const Route route = routeOfDay(day);
     SimOptions sim;
+    std::optional<TemporaryFile> fetched;
+    std::string catalogue = "the place file " + options.placesFile.string();
+    const std::filesystem::path placesFile = options.placesFile.empty()
+                                                 ? fetchCatalogue(options, day, sim, fetched, catalogue)
+                                                 : options.placesFile;
     sim.route = &route;
-    sim.placesFile = options.placesFile;
+    sim.placesFile = placesFile;
     sim.contentDir = options.contentDir;
     sim.startTime = day.positions.front().at;
     sim.quiet = true;
@@ -262,19 +391,22 @@ int replayDay(const ReplayOptions& options, std::ostream& out) {
         throw std::runtime_error("the replay stopped: " + outcome.stopMessage);
     }
     const std::vector<ReplayFinding> findings =
-        compareReplay(day, outcome.offers, readPlaceCircles(options.placesFile), options.limits);
+        compareReplay(day, outcome.offers, readPlaceCircles(placesFile), options.limits);
     if (!options.reportFile.empty()) {
         std::ofstream report(options.reportFile);
         writeHtmlReport({"Tovrel replay: " + route.name, outcome.route, outcome.events, outcome.wallSeconds,
-                         outcome.eventsNotKept, options.tiles, options.placesFile},
+                         outcome.eventsNotKept, options.tiles, placesFile},
                         report);
         if (!report) {
             throw std::runtime_error("cannot write " + options.reportFile);
         }
     }
     if (options.asJson) {
-        out << findingsJson(day, findings).dump(2) << '\n';
+        json answer = findingsJson(day, findings);
+        answer["catalogue"] = catalogue;
+        out << answer.dump(2) << '\n';
     } else {
+        out << "replayed against " << catalogue << '\n';
         printFindings(day, findings, out);
     }
     return std::all_of(findings.begin(), findings.end(), [](const ReplayFinding& f) { return f.agrees(); })

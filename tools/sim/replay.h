@@ -43,11 +43,15 @@ void printFindings(const DayRecord& day, const std::vector<ReplayFinding>& findi
 /// The same as JSON: {"deviceId", "date", "positions", "findings": [...]}. Pure.
 nlohmann::json findingsJson(const DayRecord& day, const std::vector<ReplayFinding>& findings);
 
-/// GET `adminUrl`/admin/v1/devices/ID/day?date=DATE with the bearer token: the day's JSON. Throws
-/// std::runtime_error saying what failed (the connection, the status and the server's error). Caller's
-/// thread.
+/// GET `adminUrl`/admin/v1/`path` with the bearer token: the answer's body. Throws std::runtime_error
+/// saying what failed (the connection, the status and the server's error). Caller's thread.
+std::string adminGet(const std::string& adminUrl, const std::string& token, const std::string& path);
+/// GET devices/ID/day?date=DATE through adminGet: the day's JSON. Caller's thread.
 std::string fetchDay(const std::string& adminUrl, const std::string& token, const std::string& deviceId,
                      const std::string& date);
+/// The bbox (west,south,east,north) of the catalogue a replay of `day` needs: its track and 10 km
+/// around it. Pure.
+std::string catalogueArea(const DayRecord& day);
 
 /// What `tovrel-sim replay` is told.
 struct ReplayOptions {
@@ -56,7 +60,9 @@ struct ReplayOptions {
     std::string token;
     std::string deviceId;
     std::string date;
-    std::filesystem::path placesFile;  ///< the catalogue replayed against
+    /// The catalogue replayed against; empty: the service's catalogue around the track, fetched from
+    /// `adminUrl` (GET /admin/v1/catalogue).
+    std::filesystem::path placesFile;
     std::filesystem::path contentDir;
     std::string reportFile;  ///< an HTML report of the replayed run, when set
     std::string tiles;
@@ -65,9 +71,10 @@ struct ReplayOptions {
 };
 
 /// Replays the day: the real component along its track in virtual time against an embedded service with
-/// the place file, then the findings on `out`. Returns 0 when the replay agrees with the service on every
-/// offer, 1 when they disagree on one or more. Throws RouteError for an unusable day, SimInputError for
-/// unusable places, std::runtime_error when the day cannot be fetched. Caller's thread.
+/// the place file (or the service's catalogue), then the findings on `out`. Returns 0 when the replay agrees
+/// with the service on every offer, 1 when they disagree on one or more. Throws RouteError for an unusable
+/// day, SimInputError for unusable places, std::runtime_error when the day cannot be fetched. Caller's
+/// thread.
 int replayDay(const ReplayOptions& options, std::ostream& out);
 
 }  // namespace tovrel::sim

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "admin/access_admin.h"
+#include "admin/catalogue_export.h"
 #include "admin/device_day.h"
 #include "admin/query_string.h"
 #include "admin/webhooks_admin.h"
@@ -777,6 +778,12 @@ HttpReply AdminHandler::administer(const Authorized& authorized, const std::stri
         }
         if (kind == "import" && request.parts.size() == 1 && method == "POST") {
             return importRequest(service_, request);
+        }
+        if (kind == "catalogue" && request.parts.size() == 1 && method == "GET") {
+            const std::string box = queryValue(target, "bbox");
+            const std::optional<PlaceArea> area = box.empty() ? std::nullopt : std::optional(areaOf(box));
+            return jsonReply(
+                200, service_.change([&](Store& store) { return exportCatalogue(store, area); }, false));
         }
         if (kind == "funnel" && request.parts.size() == 1 && method == "GET") {
             const bool byDay = queryValue(target, "by") == "day";
