@@ -15,6 +15,7 @@ const screens: { path: string; title: string; load: () => Promise<Mount> | Mount
   // The map and its library are fetched only when the map is opened.
   { path: 'map', title: 'Map', load: () => import('./screens/map').then((m) => m.mountMap) },
   { path: 'campaigns', title: 'Campaigns', load: () => mountCampaigns },
+  { path: 'devices', title: 'Devices', load: () => import('./screens/devices').then((m) => m.mountDevices) },
   { path: 'import', title: 'Import', load: () => mountImport },
   { path: 'apps', title: 'Apps', load: () => mountApps },
   { path: 'webhooks', title: 'Webhooks', load: () => mountWebhooks },

@@ -711,6 +711,56 @@ await step('a device sees the offer and links it; the overview counts the link',
   await axe(page, 'overview');
 });
 
+// ---------------------------------------------------------------- devices
+
+await step("devices: a device's record and its day on the map, bookmarkable; export, and erase another", async () => {
+  // Six location checks walking north through the place, uploaded as the component does.
+  const start = Math.floor(Date.now() / 1000) - 300;
+  const day = new Date(start * 1000).toISOString().slice(0, 10);
+  const checks = [...Array(6).keys()].map((i) => ({
+    timestamp: String(start + 40 * i),
+    lat: (PLACE.lat - 0.0006 + 0.00024 * i).toFixed(6),
+    lng: PLACE.lon.toFixed(6),
+    location_accuracy: '10',
+    distance_from_target: '30',
+    target_size: '50',
+  }));
+  const log = await http('POST', `${pub}/v1/log`, { body: { deviceid: 'CONSOLE-TEST-DEVICE', message: { targeting_updates: checks } } });
+  assert(log.status === 200, `/v1/log answered ${log.status} ${log.text}`);
+  await go(page, 'devices');
+  await page.getByLabel('Device ID').fill('CONSOLE-TEST-DEVICE');
+  await page.getByLabel('Day (UTC)').fill(day);
+  await page.getByRole('button', { name: 'Look up' }).click();
+  await page.locator('.day-summary').filter({ hasText: /positions from/ }).waitFor();
+  assert((await page.locator('path.day-check').count()) >= 3, 'the map draws fewer than three location checks');
+  assert((await page.locator('path.day-track').count()) === 1, 'the map draws no track');
+  assert((await page.locator('path.day-place.linked').count()) === 1, 'the linked place is not marked on the map');
+  assert((await page.locator('table.links tbody tr').count()) === 1, 'the day does not list its link');
+  const hash = await page.evaluate(() => location.hash);
+  assert(hash === `#/devices/CONSOLE-TEST-DEVICE/${day}`, `the look-up is not in the address: ${hash}`);
+  await shot(page, 'device');
+  await axe(page, 'devices');
+  const exported = await adminFromPage(page, 'GET', 'devices/CONSOLE-TEST-DEVICE/export');
+  assert(exported.status === 200 && exported.json.logMessages.count >= 1, `the export answered ${exported.status}`);
+  assert((await page.locator('a[download]').getAttribute('href')) === '/admin/v1/devices/CONSOLE-TEST-DEVICE/export', 'no export link');
+  // The address alone brings the same day back.
+  await page.reload();
+  await page.locator('.day-summary').filter({ hasText: /positions from/ }).waitFor();
+
+  const other = await http('POST', `${pub}/v1/session`, { body: { deviceId: 'CONSOLE-ERASE-ME', deviceType: 'Android', deviceModel: 'Pixel', sdkkey: deviceKey } });
+  assert(other.status === 200, `/v1/session answered ${other.status}`);
+  await page.getByLabel('Device ID').fill('CONSOLE-ERASE-ME');
+  await page.getByRole('button', { name: 'Look up' }).click();
+  await page.locator('.day-summary').filter({ hasText: /No positions/ }).waitFor();
+  await page.getByRole('button', { name: 'Erase this device' }).click();
+  await page.getByRole('button', { name: /^Really erase/ }).click();
+  await page.locator('#toast').filter({ hasText: /Erased CONSOLE-ERASE-ME: 1 session, 0 links/ }).waitFor();
+  const gone = await adminFromPage(page, 'GET', 'devices/CONSOLE-ERASE-ME');
+  assert(gone.status === 404, `the erased device still answers ${gone.status}`);
+  await page.getByRole('button', { name: 'Look up' }).click();
+  await page.locator('.field-error:not([hidden])').filter({ hasText: /holds nothing on CONSOLE-ERASE-ME/ }).waitFor();
+});
+
 // ---------------------------------------------------------------- campaigns
 
 await step('campaigns: removing a campaign with offers is explained, disabling it hides its offer', async () => {
@@ -930,7 +980,7 @@ await step('every screen at 390×844', async () => {
     await p.locator('#signin').waitFor();
     await p.screenshot({ path: shotFile('signin-390') });
     await signIn(p, token);
-    for (const s of ['overview', 'map', 'campaigns', 'import', 'apps', 'webhooks']) {
+    for (const s of ['overview', 'map', 'campaigns', 'devices', 'import', 'apps', 'webhooks']) {
       await go(p, s);
       await p.waitForTimeout(400);
       const wide = await p.evaluate(() => {
