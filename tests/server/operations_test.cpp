@@ -5,6 +5,7 @@
 
 #include <future>
 #include <map>
+#include <mutex>
 #include <thread>
 
 #include "support/wait_until.h"
@@ -536,6 +537,45 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
     // The same device starting again is a new device.
     const std::string again = fixture.startSession("ERASE-ME");
     EXPECT_EQ(record(fixture.places(again, kOldTownLat, kOldTownLon).parsed(), "11", "1").at("isLinked"), 0);
+}
+
+TEST(AccessLog, NamesTheRouteOfADeviceRequestAndNeverTheDevice) {
+    auto lines = std::make_shared<std::vector<std::string>>();
+    auto mutex = std::make_shared<std::mutex>();
+    ServerFixture fixture(withAdmin([lines, mutex](ServerOptions& o) {
+        o.accessLog = true;
+        o.logSink = [lines, mutex](std::string_view line) {
+            const std::lock_guard lock(*mutex);
+            lines->emplace_back(line);
+        };
+    }));
+    fixture.startSession("SECRET-DEVICE-7");
+    HttpClient admin(fixture.adminPort());
+    const std::string bearer = std::string("Authorization: Bearer ") + kToken;
+    EXPECT_EQ(admin.request("GET", "/admin/v1/devices/SECRET-DEVICE-7", {}, {bearer}).status, 200);
+    EXPECT_EQ(
+        admin.request("GET", "/admin/v1/devices/SECRET-DEVICE-7/day?date=2025-06-01", {}, {bearer}).status,
+        200);
+    EXPECT_EQ(admin.request("GET", "/admin/v1/devices/SECRET-DEVICE-7/export", {}).status, 401);
+    EXPECT_EQ(admin.request("DELETE", "/admin/v1/devices/SECRET-DEVICE-7", {}, {bearer}).status, 200);
+    const bool logged = waitUntil(
+        [&] {
+            const std::lock_guard lock(*mutex);
+            return std::count_if(lines->begin(), lines->end(), [](const std::string& l) {
+                       return l.find("/admin/v1/devices/*") != std::string::npos;
+                   }) == 3;
+        },
+        std::chrono::seconds(5));
+    const std::lock_guard lock(*mutex);
+    EXPECT_TRUE(logged) << ::testing::PrintToString(*lines);
+    for (const std::string& line : *lines) {
+        EXPECT_EQ(line.find("SECRET-DEVICE-7"), std::string::npos) << line;
+    }
+    EXPECT_EQ(std::count_if(lines->begin(), lines->end(),
+                            [](const std::string& l) {
+                                return l.find("/admin/v1/devices/*/day") != std::string::npos;
+                            }),
+              1);
 }
 
 TEST_P(Admin, ADevicesDayIsItsPositionsAndLinksAsJsonAndGeoJson) {

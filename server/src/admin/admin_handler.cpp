@@ -666,8 +666,21 @@ Admission AdminHandler::admit(const HttpRequest& header) {
     return admission;
 }
 
-void AdminHandler::handle(const HttpRequest& request, Respond respond) {
+void AdminHandler::handle(const HttpRequest& request, Respond answer) {
     const std::string_view path = request.path;
+    // A device's id is personal data: the access log names the route, not the device.
+    constexpr std::string_view kDevices = "/admin/v1/devices/";
+    Respond respond = std::move(answer);
+    if (path.starts_with(kDevices)) {
+        const std::size_t end = path.find('/', kDevices.size());
+        std::string logged =
+            std::string(kDevices) + "*" +
+            std::string(end == std::string_view::npos ? std::string_view() : path.substr(end));
+        respond = [inner = std::move(respond), logged = std::move(logged)](HttpReply&& reply) {
+            reply.loggedPath = logged;
+            inner(std::move(reply));
+        };
+    }
     if (Console::owns(path)) {
         std::optional<AdminIdentity> signedIn;
         HttpReply reply = console_.handle(request, Service::steadySeconds(), &signedIn);

@@ -266,7 +266,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             auto line = state_.logger.line(LogLevel::info, "request");
             line.add("listener", state_.options.name)
                 .add("method", request_.method)
-                .add("path", request_.path)
+                .add("path", reply.loggedPath.empty() ? request_.path : reply.loggedPath)
                 .add("status", static_cast<std::int64_t>(reply.status))
                 .add("us", static_cast<std::int64_t>(elapsed * 1e6))
                 .add("remote", address_);

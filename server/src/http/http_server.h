@@ -49,6 +49,9 @@ struct HttpReply {
     std::vector<std::pair<std::string, std::string>> headers;
     std::filesystem::path file;
     bool headOnly = false;
+    /// The path as the access log writes it, when the request's own names what the log must not keep
+    /// (a device's id); empty: the request's path.
+    std::string loggedPath;
 };
 
 /// Hands a handler's answer to the connection; callable once, from any thread.
