@@ -145,7 +145,7 @@ struct Server::Impl {
                   snapshot.queuedJobs = static_cast<int64_t>(database.waiting());
                   return snapshot;
               },
-              options.consoleDir, options.contentDir, options.webhookAllowPrivate),
+              options.consoleDir, options.contentDir, options.webhookAllowPrivate, options.preview),
           http(api, publicHttp(options), logger, metrics),
           adminHttpServer(admin, adminHttp(options), logger, metrics),
           deliverer([this](const auto& work) { service.transact(work); },

@@ -14,6 +14,7 @@
 
 #include "access_command.h"
 #include "admin/admin_handler.h"
+#include "admin/preview_process.h"
 #include "catalog/catalog_data.h"
 #include "http/listen_address.h"
 #include "observability/log.h"
@@ -345,6 +346,24 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->envname("TOVREL_RETAIN_LINKS")
         ->check(CLI::Range(0, 100000));
+    tovrel::server::PreviewProgram preview;
+    serveCmd
+        ->add_option(
+            "--preview-program", preview.path,
+            "The tovrel-sim that runs POST /admin/v1/preview (default: the one beside this program, else "
+            "on PATH); "
+            "none: previews answer 501")
+        ->envname("TOVREL_PREVIEW_PROGRAM");
+    serveCmd->add_option("--preview-devices", preview.devices, "Devices a preview runs over each catalogue")
+        ->capture_default_str()
+        ->envname("TOVREL_PREVIEW_DEVICES")
+        ->check(CLI::Range(1, 100000));
+    serveCmd
+        ->add_option("--preview-cpu", preview.cpuSeconds,
+                     "CPU seconds a preview may take, both catalogues together")
+        ->capture_default_str()
+        ->envname("TOVREL_PREVIEW_CPU")
+        ->check(CLI::Range(1.0, 3600.0));
     serveCmd
         ->add_flag("--webhook-allow-private", serveOptions.webhookAllowPrivate,
                    "Send webhooks to loopback, link-local and private addresses too")
@@ -545,6 +564,12 @@ int main(int argc, char** argv) {
     try {
         if (serveCmd->parsed()) {
             serveOptions.dbPath = db;
+            if (preview.path.empty()) {
+                preview.path = tovrel::server::findSimulator();
+            }
+            if (!preview.path.empty() && preview.path != "none") {
+                serveOptions.preview = tovrel::server::previewInProcess(preview);
+            }
             return serve(std::move(settings));
         }
         if (importCmd->parsed()) {

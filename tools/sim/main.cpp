@@ -8,11 +8,13 @@
 #include <fstream>
 #include <iostream>
 
+#include "admin_fetch.h"
 #include "expectations.h"
 #include "fleet.h"
 #include "fleet_compare.h"
 #include "fleet_report.h"
 #include "html_report.h"
+#include "preview.h"
 #include "replay.h"
 #include "simulation.h"
 #include "tovrel/paths/data_directory.h"
@@ -265,11 +267,23 @@ int main(int argc, char** argv) {
         "A preview: run the same devices again over this place file (the live catalogue) and "
         "print, per offer, the deliveries with it and with --places (the draft), and the reasons "
         "that changed");
+    std::string compareService;
+    std::string fleetTokenFile;
+    fleet->add_option("--compare-service", compareService,
+                      "The same against the live catalogue of this admin listener (GET /admin/v1/catalogue, "
+                      "with --token-file)");
+    fleet->add_option(
+        "--token-file", fleetTokenFile,
+        "With --compare-service: a file whose first line is an admin token (role read or more)");
     fleet->add_option("--report", arguments.reportFile,
                       "Write a self-contained HTML report of the totals here");
     addTilesOption(fleet, tiles);
     bool fleetQuiet = false;
     fleet->add_flag("--quiet", fleetQuiet, "Print no progress");
+    bool fleetJson = false;
+    fleet->add_flag(
+        "--json", fleetJson,
+        "With --compare: print only the comparison, as JSON ({\"devices\", \"deliveries\", \"offers\"})");
     fleet->excludes(run);
 
     tovrel::sim::ReplayOptions replayOptions;
@@ -329,12 +343,12 @@ int main(int argc, char** argv) {
         replayOptions.contentDir = options.contentDir;
         try {
             if (!tokenFile.empty()) {
-                std::ifstream in(tokenFile);
-                if (!in || !std::getline(in, replayOptions.token) || replayOptions.token.empty()) {
-                    std::cerr << "tovrel-sim: cannot read a token from " << tokenFile << '\n';
+                try {
+                    replayOptions.token = tovrel::sim::readTokenFile(tokenFile);
+                } catch (const std::runtime_error& error) {
+                    std::cerr << "tovrel-sim: " << error.what() << '\n';
                     return kBadInput;
                 }
-                replayOptions.token.erase(replayOptions.token.find_last_not_of(" \t\r") + 1);
             }
             return tovrel::sim::replayDay(replayOptions, std::cout);
         } catch (const tovrel::sim::RouteError& error) {
@@ -364,6 +378,31 @@ int main(int argc, char** argv) {
             std::cerr << "tovrel-sim: --routes and --generate exclude each other\n";
             return kBadInput;
         }
+        if (!compareService.empty() && (!compare.empty() || fleetTokenFile.empty())) {
+            std::cerr << "tovrel-sim: --compare-service takes --token-file, and excludes --compare\n";
+            return kBadInput;
+        }
+        std::optional<tovrel::sim::TemporaryFile> liveCatalogue;
+        if (!compareService.empty()) {
+            try {
+                const std::string token = tovrel::sim::readTokenFile(fleetTokenFile);
+                // The export holds no apps (their keys are credentials): the live side gets the draft's.
+                nlohmann::json live =
+                    nlohmann::json::parse(tovrel::sim::adminGet(compareService, token, "catalogue"));
+                std::ifstream draftIn(options.placesFile);
+                const nlohmann::json draft = nlohmann::json::parse(draftIn, nullptr, false);
+                if (draft.is_object() && draft.contains("properties") && draft["properties"].is_object() &&
+                    draft["properties"].contains("apps")) {
+                    live["properties"]["apps"] = draft["properties"]["apps"];
+                }
+                liveCatalogue.emplace("tovrel-live-catalogue", ".geojson");
+                liveCatalogue->write(live.dump());
+                compare = liveCatalogue->path().string();
+            } catch (const std::exception& error) {
+                std::cerr << "tovrel-sim: " << error.what() << '\n';
+                return kSessionNeverStarted;
+            }
+        }
         tovrel::sim::FleetOptions fleetOptions;
         fleetOptions.device = options;
         fleetOptions.devices = devices;
@@ -381,12 +420,6 @@ int main(int argc, char** argv) {
                                       : generate == "drives" ? tovrel::sim::FleetRoutes::kDrives
                                                              : tovrel::sim::FleetRoutes::kMixed;
                 fleetOptions.places = tovrel::sim::readPlaceCircles(options.placesFile);
-                // Both sides' devices go around the places of either, so that each side meets what
-                // the other adds or takes away.
-                if (!compare.empty()) {
-                    const auto live = tovrel::sim::readPlaceCircles(compare);
-                    fleetOptions.places.insert(fleetOptions.places.end(), live.begin(), live.end());
-                }
             }
         } catch (const tovrel::sim::RouteError& error) {
             std::cerr << "tovrel-sim: " << error.what() << '\n';
@@ -395,29 +428,37 @@ int main(int argc, char** argv) {
         const auto wallStart = std::chrono::steady_clock::now();
         tovrel::sim::FleetAggregate totals;
         try {
-            totals = tovrel::sim::runFleet(fleetOptions);
+            if (compare.empty()) {
+                totals = tovrel::sim::runFleet(fleetOptions);
+            } else {
+                const tovrel::sim::Preview preview =
+                    tovrel::sim::runPreview(fleetOptions, options.placesFile, compare);
+                totals = preview.draft;
+                if (events.is_open()) {
+                    nlohmann::json line =
+                        tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live);
+                    line["type"] = "comparison";
+                    events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+                }
+                if (fleetJson) {
+                    std::cout << tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live)
+                                     .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                              << '\n';
+                    if (totals.firstStop) {
+                        std::cerr << "tovrel-sim: device " << totals.firstStop->first << ": "
+                                  << totals.firstStop->second << '\n';
+                        return kSessionNeverStarted;
+                    }
+                    return 0;
+                }
+                tovrel::sim::printComparison(preview.changes, preview.draft, preview.live, std::cout);
+            }
         } catch (const tovrel::sim::SimInputError& error) {
             std::cerr << "tovrel-sim: " << error.what() << '\n';
             return kBadInput;
-        }
-        if (!compare.empty()) {
-            tovrel::sim::FleetOptions liveOptions = fleetOptions;
-            liveOptions.device.placesFile = compare;
-            liveOptions.deviceLines = nullptr;
-            tovrel::sim::FleetAggregate live;
-            try {
-                live = tovrel::sim::runFleet(liveOptions);
-            } catch (const tovrel::sim::SimInputError& error) {
-                std::cerr << "tovrel-sim: " << error.what() << '\n';
-                return kBadInput;
-            }
-            const auto changes = tovrel::sim::compareFleets(totals, live);
-            if (events.is_open()) {
-                nlohmann::json line = tovrel::sim::comparisonJson(changes, totals, live);
-                line["type"] = "comparison";
-                events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-            }
-            tovrel::sim::printComparison(changes, totals, live, std::cout);
+        } catch (const tovrel::sim::RouteError& error) {
+            std::cerr << "tovrel-sim: " << error.what() << '\n';
+            return kBadInput;
         }
         const double wall =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();

@@ -43,9 +43,6 @@ void printFindings(const DayRecord& day, const std::vector<ReplayFinding>& findi
 /// The same as JSON: {"deviceId", "date", "positions", "findings": [...]}. Pure.
 nlohmann::json findingsJson(const DayRecord& day, const std::vector<ReplayFinding>& findings);
 
-/// GET `adminUrl`/admin/v1/`path` with the bearer token: the answer's body. Throws std::runtime_error
-/// saying what failed (the connection, the status and the server's error). Caller's thread.
-std::string adminGet(const std::string& adminUrl, const std::string& token, const std::string& path);
 /// GET devices/ID/day?date=DATE through adminGet: the day's JSON. Caller's thread.
 std::string fetchDay(const std::string& adminUrl, const std::string& token, const std::string& deviceId,
                      const std::string& date);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -125,6 +126,23 @@ struct ServerOptions {
     std::string logLevel = "info";
     /// One line per request (method, path, status, bytes, microseconds, remote address).
     bool accessLog = false;
+    /// Runs a preview: the draft place file against the live one (the catalogue as it is) with devices
+    /// starting at `now`, answering the comparison as JSON; throws PreviewRefused. Set by a program that
+    /// links the simulator (tovrel-server does); unset, POST /admin/v1/preview answers 501. Called on a
+    /// thread of its own, one preview at a time.
+    std::function<std::string(const std::string& draftFile, const std::string& liveFile, double now)> preview;
+};
+
+/// Why a preview was not answered: its HTTP status (400: the draft is unusable; 422: it needs more than
+/// its budget) and the words of the error.
+class PreviewRefused : public std::runtime_error {
+  public:
+    PreviewRefused(unsigned status, const std::string& message)
+        : std::runtime_error(message), status_(status) {}
+    unsigned status() const { return status_; }
+
+  private:
+    unsigned status_;
 };
 
 /// One answer of a JSON endpoint: HTTP status and body.

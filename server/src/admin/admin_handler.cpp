@@ -551,14 +551,16 @@ std::string readAdminToken(const std::string& path, bool othersMayRead) {
 
 AdminHandler::AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string fileToken,
                            std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir,
-                           const std::string& contentDir, bool webhookAllowPrivate)
+                           const std::string& contentDir, bool webhookAllowPrivate,
+                           PreviewRunner::Preview preview)
     : service_(service),
       metrics_(metrics),
       work_(work),
       tokens_(std::move(fileToken)),
       snapshot_(std::move(snapshot)),
       console_(consoleDir, tokens_, contentDir),
-      webhookAllowPrivate_(webhookAllowPrivate) {
+      webhookAllowPrivate_(webhookAllowPrivate),
+      previews_(std::move(preview)) {
     refreshTokens();
 }
 
@@ -733,6 +735,18 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
     if (auto* refusal = std::get_if<HttpReply>(&verdict)) {
         return respond(std::move(*refusal));
     }
+    if (const Authorized& authorized = std::get<Authorized>(verdict);
+        authorized.route->action == "catalogue.preview") {
+        // Audited like every other change tried, with the answer it ends with.
+        Respond audited = [this, respond = std::move(respond), who = authorized.who,
+                           parts = authorized.parts](HttpReply&& reply) {
+            work_.post([this, who, parts, status = reply.status] {
+                audit(who, "catalogue.preview", parts, {}, status);
+            });
+            respond(std::move(reply));
+        };
+        return preview(std::string(request.body), std::move(audited));
+    }
     const bool posted =
         work_.post([this, respond, authorized = std::get<Authorized>(std::move(verdict)),
                     method = std::string(request.method), target = std::string(request.target),
@@ -743,6 +757,46 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
             }
             respond(std::move(reply));
         });
+    if (!posted) {
+        HttpReply reply = errorReply(503, "the admin queue is full");
+        reply.retryAfter = "1";
+        respond(std::move(reply));
+    }
+}
+
+void AdminHandler::preview(std::string body, Respond respond) {
+    if (!previews_.available()) {
+        return respond(errorReply(501,
+                                  "this server runs no previews: tovrel-server does, an embedded server "
+                                  "needs ServerOptions::preview"));
+    }
+    const bool posted = work_.post([this, body = std::move(body), respond]() mutable {
+        try {
+            const json apps = json::array({{{"key", kPreviewAppKey}, {"name", "Preview"}}});
+            json draft = parseObjectBody(body, 64);
+            if (!draft.contains("properties")) {
+                draft["properties"] = json::object();
+            }
+            if (!draft["properties"].is_object()) {
+                throw ApiError(400, "the draft's properties must be an object");
+            }
+            draft["properties"]["apps"] = apps;
+            json live =
+                service_.change([](Store& store) { return exportCatalogue(store, std::nullopt); }, false);
+            live["properties"]["apps"] = apps;
+            if (!previews_.start(draft.dump(-1, ' ', false, json::error_handler_t::replace),
+                                 live.dump(-1, ' ', false, json::error_handler_t::replace), service_.now(),
+                                 respond)) {
+                HttpReply busy = errorReply(429, "a preview is running; try again when it ends");
+                busy.retryAfter = "5";
+                respond(std::move(busy));
+            }
+        } catch (const ApiError& e) {
+            respond(errorReply(e.status(), e.what()));
+        } catch (const std::exception& e) {
+            respond(errorReply(503, std::string("the catalogue cannot be read: ") + e.what()));
+        }
+    });
     if (!posted) {
         HttpReply reply = errorReply(503, "the admin queue is full");
         reply.retryAfter = "1";

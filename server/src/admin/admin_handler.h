@@ -9,6 +9,7 @@
 
 #include "admin/admin_tokens.h"
 #include "admin/console.h"
+#include "admin/preview_runner.h"
 #include "http/http_server.h"
 
 namespace tovrel::server {
@@ -32,9 +33,11 @@ class AdminHandler : public RequestHandler {
     /// gauges that only the server knows (open connections, queued jobs). `consoleDir`: the built
     /// console, empty when it is not installed; `contentDir`: the public pages, which its offer
     /// previews show. `webhookAllowPrivate`: webhook endpoints may be on private addresses.
+    /// `preview`: what runs POST /admin/v1/preview (ServerOptions::preview); unset: it answers 501.
     AdminHandler(Service& service, Metrics& metrics, WorkQueue& work, std::string fileToken,
                  std::function<MetricsSnapshot()> snapshot, const std::string& consoleDir = {},
-                 const std::string& contentDir = {}, bool webhookAllowPrivate = false);
+                 const std::string& contentDir = {}, bool webhookAllowPrivate = false,
+                 PreviewRunner::Preview preview = {});
 
     /// Admin API requests without the token are refused here, before their body is read, and at most
     /// kMaxAdminRequests are read or worked on at once; probes may carry kMaxProbeBody. Any connection
@@ -68,6 +71,9 @@ class AdminHandler : public RequestHandler {
     /// Admin thread.
     HttpReply administer(const Authorized& request, const std::string& method, const std::string& target,
                          const std::string& body, const std::string& ifMatch);
+    /// POST /admin/v1/preview: the draft in `body` against the catalogue as it is, on the preview's thread;
+    /// 429 while another preview runs. Any connection thread.
+    void preview(std::string body, Respond respond);
     /// Writes a change to the audit trail; a failure is logged, the answer stands. Admin thread.
     void audit(const AdminIdentity& who, std::string_view action, const std::vector<std::string>& parts,
                const std::string& body, unsigned status);
@@ -82,6 +88,8 @@ class AdminHandler : public RequestHandler {
     std::atomic<int> inFlight_{0};
     /// The last read of the stored tokens failed (its failure was reported).
     std::atomic<bool> tokensUnreadable_{false};
+    /// Last: a preview that runs is waited for before the rest goes.
+    PreviewRunner previews_;
 };
 
 /// Reads an admin token file: its first line without surrounding blanks. Throws std::runtime_error

@@ -42,7 +42,7 @@ struct AdminRoute {
 
 /// Every route of the admin API. The handlers answer these and no other; a path that matches none is 404,
 /// a path that matches with another method 405.
-inline constexpr std::array<AdminRoute, 42> kAdminRoutes{{
+inline constexpr std::array<AdminRoute, 43> kAdminRoutes{{
     {"GET", "apps", Need::catalogue, "apps.list"},
     {"POST", "apps", Need::editCatalogue, "apps.add"},
     {"DELETE", "apps/*", Need::editCatalogue, "apps.remove"},
@@ -67,6 +67,7 @@ inline constexpr std::array<AdminRoute, 42> kAdminRoutes{{
     {"POST", "places/*/enable", Need::editCatalogue, "places.enable"},
     {"POST", "import", Need::editCatalogue, "import"},
     {"GET", "catalogue", Need::catalogue, "catalogue.export"},
+    {"POST", "preview", Need::editCatalogue, "catalogue.preview"},
     {"GET", "funnel", Need::catalogue, "funnel"},
     {"GET", "devices/*", Need::deviceData, "devices.show"},
     {"GET", "devices/*/day", Need::deviceData, "devices.day"},

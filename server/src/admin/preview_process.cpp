@@ -1,0 +1,177 @@
+#include "admin/preview_process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tovrel_server/server.h"
+
+extern char** environ;
+
+namespace tovrel::server {
+
+namespace {
+
+// A file in the temporary folder that the child writes its output to; removed with this object.
+class OutputFile {
+  public:
+    OutputFile() {
+        std::string name = (std::filesystem::temp_directory_path() / "tovrel-preview-out-XXXXXX").string();
+        fd_ = ::mkstemp(name.data());
+        if (fd_ < 0) {
+            throw std::runtime_error("cannot create a file in " +
+                                     std::filesystem::temp_directory_path().string());
+        }
+        path_ = name;
+    }
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile() {
+        ::close(fd_);
+        std::error_code ignored;
+        std::filesystem::remove(path_, ignored);
+    }
+    int fd() const { return fd_; }
+    std::string read() const {
+        std::ifstream in(path_, std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return std::move(text).str();
+    }
+
+  private:
+    int fd_ = -1;
+    std::string path_;
+};
+
+std::string isoInstant(double now) {
+    const auto seconds = static_cast<std::time_t>(std::floor(now));
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+// The child's status once it has ended, killed when it outlives `wallSeconds`.
+int waitFor(pid_t child, double wallSeconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wallSeconds);
+    int status = 0;
+    for (;;) {
+        const pid_t ended = ::waitpid(child, &status, WNOHANG);
+        if (ended == child || (ended < 0 && errno != EINTR)) {
+            return status;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            return status;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+std::string run(const PreviewProgram& program, const std::string& draft, const std::string& live,
+                double now) {
+    const std::vector<std::string> arguments{program.path, "fleet",
+                                             "--places",   draft,
+                                             "--compare",  live,
+                                             "--devices",  std::to_string(program.devices),
+                                             "--seed",     std::to_string(program.seed),
+                                             "--start",    isoInstant(now),
+                                             "--sdk-key",  std::string(kPreviewAppKey),
+                                             "--jobs",     "1",
+                                             "--quiet",    "--json"};
+    std::vector<char*> argv;
+    for (const std::string& a : arguments) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    const OutputFile out;
+    const OutputFile err;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out.fd(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err.fd(), STDERR_FILENO);
+    pid_t child = 0;
+    const int spawned = ::posix_spawn(&child, program.path.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        throw std::runtime_error("cannot run " + program.path + ": " + std::strerror(spawned));
+    }
+    // The kernel stops the child at the limit (SIGXCPU, then SIGKILL a second later); the few microseconds
+    // before the limit is set are not worth a helper in between.
+    const auto soft = static_cast<rlim_t>(std::ceil(program.cpuSeconds));
+    const rlimit cpu{soft, soft + 1};
+    ::prlimit(child, RLIMIT_CPU, &cpu, nullptr);
+    const int status = waitFor(child, 3 * program.cpuSeconds + 30);
+    if (WIFSIGNALED(status) && (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL)) {
+        throw PreviewRefused(422, "the preview of " + std::to_string(program.devices) +
+                                      " devices needs more than " +
+                                      std::to_string(static_cast<long long>(soft)) + " s of CPU time");
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+        std::string why = err.read();
+        why.erase(0, why.starts_with("tovrel-sim: ") ? 12 : 0);
+        why.erase(why.find_last_not_of("\n ") + 1);
+        throw PreviewRefused(400, "the draft cannot be previewed: " + why.substr(0, 2000));
+    }
+    std::string answer = out.read();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || answer.empty() || answer.front() != '{') {
+        std::string why = err.read();
+        throw std::runtime_error(program.path + " ended with status " + std::to_string(status) + ": " +
+                                 why.substr(0, 2000));
+    }
+    answer.erase(answer.find_last_not_of('\n') + 1);
+    return answer;
+}
+
+}  // namespace
+
+std::string findSimulator() {
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        const std::filesystem::path sibling = self.parent_path() / "tovrel-sim";
+        if (::access(sibling.c_str(), X_OK) == 0) {
+            return sibling.string();
+        }
+    }
+    const char* path = std::getenv("PATH");
+    for (std::string_view rest = path != nullptr ? path : ""; !rest.empty();) {
+        const std::size_t colon = rest.find(':');
+        const std::string_view folder = rest.substr(0, colon);
+        rest = colon == std::string_view::npos ? std::string_view() : rest.substr(colon + 1);
+        if (!folder.empty()) {
+            const std::filesystem::path candidate = std::filesystem::path(folder) / "tovrel-sim";
+            if (::access(candidate.c_str(), X_OK) == 0) {
+                return candidate.string();
+            }
+        }
+    }
+    return {};
+}
+
+PreviewRunner::Preview previewInProcess(PreviewProgram program) {
+    return [program = std::move(program)](const std::string& draft, const std::string& live, double now) {
+        return run(program, draft, live, now);
+    };
+}
+
+}  // namespace tovrel::server

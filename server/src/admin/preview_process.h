@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "admin/preview_runner.h"
+
+namespace tovrel::server {
+
+/// A preview run by tovrel-sim in a process of its own: a fault in it cannot reach the server, and the
+/// kernel bounds its CPU time (RLIMIT_CPU).
+struct PreviewProgram {
+    std::string path;  ///< tovrel-sim
+    std::size_t devices = 1000;
+    double cpuSeconds = 10;
+    std::uint64_t seed = 1;
+};
+
+/// tovrel-sim next to the running program, else the first on PATH; "" when there is none. Any thread.
+std::string findSimulator();
+
+/// A ServerOptions::preview that runs `tovrel-sim fleet --places DRAFT --compare LIVE --json` with the
+/// program's devices and seed, devices starting at the service's now, on one core. It throws
+/// PreviewRefused 400 with the simulator's words for an unusable draft, 422 when the run needs more CPU
+/// time than allowed, std::runtime_error when the program cannot run. Called on the preview's thread.
+PreviewRunner::Preview previewInProcess(PreviewProgram program);
+
+}  // namespace tovrel::server
