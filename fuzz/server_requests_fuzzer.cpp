@@ -1,7 +1,8 @@
 // Feeds arbitrary bytes to what tovrel-server reads from a request before any endpoint logic: the
 // JSON body and its members, and the request target as a static path; and to what it reads back from
 // what devices sent (a stored /v1/log message read as a day's positions); and to what webhook receivers
-// answer (Retry-After) and what an admin saves as an endpoint's address. Nothing may crash or trip a
+// answer (Retry-After) and what an admin saves as an endpoint's address; and a draft previewed as an
+// import over a catalogue. Nothing may crash or trip a
 // sanitizer; refusals are ApiError (a 4xx) and nothing else.
 #include <algorithm>
 #include <cstddef>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "admin/admin_routes.h"
+#include "admin/catalogue_export.h"
 #include "admin/device_day.h"
 #include "common/request_fields.h"
 #include "http/compression.h"
@@ -32,6 +34,15 @@ const tovrel::server::StaticFiles& contentFolder() {
     return files;
 }
 
+const nlohmann::json& liveCatalogue() {
+    static const nlohmann::json live = nlohmann::json::parse(R"({"type": "FeatureCollection",
+      "properties": {"campaigns": [{"name": "Open"}]},
+      "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
+        "properties": {"placeId": 1, "radius": 50, "offers": [{"eventId": 11, "campaign": "Open",
+          "eventName": "A", "alertText": "a", "eventTypeId": 3}]}}]})");
+    return live;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -49,6 +60,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     (void)tovrel::server::webhooks::endpointUrlProblem(text, size % 2 == 0);
     (void)tovrel::server::percentDecode(text);
+    if (const auto draft = nlohmann::json::parse(text, nullptr, false); !draft.is_discarded()) {
+        try {
+            const nlohmann::json merged = tovrel::server::mergeImport(liveCatalogue(), draft);
+            if (!merged["features"].is_array()) {
+                std::abort();
+            }
+        } catch (const tovrel::server::ApiError&) {
+        }
+    }
     {
         // An admin path as its segments: a match is one route of the table, with the method asked for.
         std::vector<std::string> parts;

@@ -38,6 +38,7 @@ const axeSource = fs.readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8'
 const { values: args } = parseArgs({
   options: {
     server: { type: 'string' },
+    sim: { type: 'string' },
     dist: { type: 'string', default: path.join(consoleDir, 'dist') },
     screenshots: { type: 'string' },
     chromium: { type: 'string', default: '/usr/bin/chromium' },
@@ -369,7 +370,7 @@ let adm = '';
 await step('the server starts and reports its listeners', async () => {
   assert(fs.existsSync(path.join(args.dist, 'index.html')), `${args.dist}/index.html is missing: run npm run build in console/`);
   const db = ownPostgres ? await startPostgres() : (args.postgres ?? path.join(tmp, 'db.sqlite'));
-  const started = await startTovrelServer({ binary: args.server, db, tokenFile, dist: args.dist, log: serverLog, waitMs: WAIT_MS });
+  const started = await startTovrelServer({ binary: args.server, db, tokenFile, dist: args.dist, log: serverLog, waitMs: WAIT_MS, sim: args.sim });
   server = started.process;
   const line = started;
   pub = `http://${line.listen}`;
@@ -842,10 +843,20 @@ await step('import: three faulty features are listed, nothing is written', async
   await axe(page, 'import');
 });
 
-await step('import: a valid file is checked, then published', async () => {
-  const file = { type: 'FeatureCollection', features: [feature(9301, { name: 'Imported corner' })] };
+await step('import: a valid file is checked, previewed, then published', async () => {
+  const offer = { eventId: 9302, campaign: 'Imported corner days', eventName: 'Corner sale', alertText: 'Round the corner', eventTypeId: 3 };
+  const file = { type: 'FeatureCollection', properties: { campaigns: [{ name: 'Imported corner days' }] }, features: [feature(9301, { name: 'Imported corner', offers: [offer] })] };
   await page.locator('#import-file').setInputFiles({ name: 'good.geojson', mimeType: 'application/geo+json', buffer: Buffer.from(JSON.stringify(file)) });
   await page.locator('.import-result .ok').filter({ hasText: 'is valid' }).waitFor();
+  if (args.sim) {
+    await page.getByRole('button', { name: 'Preview' }).click();
+    await page.locator('.preview-summary').filter({ hasText: /100 simulated devices/ }).waitFor({ timeout: 30_000 });
+    const row = page.locator('tr[data-offer="9302@9301"]');
+    await row.waitFor();
+    assert(/named to 0 devices now/.test(await row.locator('td.reasons').textContent()), 'the new offer is not shown as new');
+    await shot(page, 'import-preview');
+    await axe(page, 'import (preview)');
+  }
   let places = await adminFromPage(page, 'GET', 'places?limit=1000');
   assert(!places.json.places.some((p) => p.placeId === 9301), 'the dry run wrote the place');
   assert([null, 0].includes(await pgCount('SELECT count(*) FROM places WHERE id = 9301')), 'the dry run wrote the place to PostgreSQL');

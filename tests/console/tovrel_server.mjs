@@ -9,10 +9,12 @@ import readline from 'node:readline';
  * Lines the server writes to standard error are appended to `log` as they come.
  * Resolves to { process, listen, admin } ("127.0.0.1:PORT" each); rejects when the server exits first.
  */
-export async function startTovrelServer({ binary, db, tokenFile, dist, log, waitMs }) {
+export async function startTovrelServer({ binary, db, tokenFile, dist, log, waitMs, sim }) {
   const argv = ['serve', '--db', db, '--listen', '127.0.0.1:0', '--admin-listen', '127.0.0.1:0',
     '--admin-token-file', tokenFile, '--console-dir', path.resolve(dist), '--access-log', 'off',
     '--webhook-allow-private', '--webhook-poll', '0.2'];
+  // Previews: the simulator of the same build, over fewer devices than a real server runs.
+  if (sim) argv.push('--preview-program', sim, '--preview-devices', '100');
   const child = spawn(binary, argv, { stdio: ['ignore', 'pipe', 'pipe'] });
   child.stderr.setEncoding('utf8');
   child.stderr.on('data', (d) => log.push(...d.split('\n').filter(Boolean)));

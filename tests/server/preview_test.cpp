@@ -73,6 +73,25 @@ TEST(Preview, ADraftIsComparedWithTheLiveCatalogueTheSameWayEveryTime) {
         call(fixture, "GET", "/admin/v1/catalogue").parsed()["features"][0]["properties"]["offers"].size(),
         2u);
 
+    // As an import, a file of one place changes that place alone: the others keep their offers, and an
+    // offer it redefines (the coffee, now a dwell of two minutes) changes wherever it is offered.
+    json update =
+        json::object({{"type", "FeatureCollection"}, {"features", json::array({draft["features"][0]})}});
+    update["features"][0]["properties"]["offers"] = json::array({{{"eventId", 11},
+                                                                  {"campaign", {{"name", "Open"}}},
+                                                                  {"eventName", "Coffee"},
+                                                                  {"alertText", "Free coffee"},
+                                                                  {"dwellTime", 2},
+                                                                  {"eventTypeId", 3}}});
+    const HttpResult merged = call(fixture, "POST", "/admin/v1/preview?import=1", update.dump());
+    ASSERT_EQ(merged.status, 200) << merged.body;
+    const json asImport = merged.parsed();
+    ASSERT_NE(offerOf(asImport, "11", "1"), nullptr);
+    EXPECT_GT((*offerOf(asImport, "11", "1"))["namedDraft"].get<int>(), 0);
+    EXPECT_EQ((*offerOf(asImport, "12", "1"))["namedDraft"], 0) << "the file's place 1 has the coffee alone";
+    EXPECT_EQ((*offerOf(asImport, "32", "3"))["namedDraft"], (*offerOf(asImport, "32", "3"))["namedLive"]);
+    EXPECT_GT((*offerOf(asImport, "11", "2"))["namedDraft"].get<int>(), 0) << "place 2 keeps the coffee";
+
     const HttpResult bad = call(fixture, "POST", "/admin/v1/preview", R"({"type": "Feature"})");
     EXPECT_EQ(bad.status, 400) << bad.body;
     EXPECT_NE(bad.body.find("FeatureCollection"), std::string::npos) << bad.body;

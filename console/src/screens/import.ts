@@ -4,6 +4,37 @@ import { showMessage, toast } from '../forms';
 
 const MAX_BYTES = 1024 * 1024;
 
+/** One offer in a preview: deliveries over the same devices with the live catalogue and with the file. */
+export interface PreviewOffer {
+  eventId: string;
+  placeId: string;
+  eventName: string;
+  live: number;
+  draft: number;
+  change: number;
+  namedLive: number;
+  namedDraft: number;
+  reasons: Record<string, number>;
+}
+
+export interface PreviewAnswer {
+  devices: number;
+  deliveries: { live: number; draft: number };
+  offers: PreviewOffer[];
+}
+
+/** The offers a preview shows: those whose deliveries or reach change, the largest changes first. */
+export function changedOffers(offers: readonly PreviewOffer[]): PreviewOffer[] {
+  return offers
+    .filter((o) => o.change !== 0 || o.namedLive !== o.namedDraft)
+    .sort((a, b) => Math.abs(b.change) - Math.abs(a.change) || Math.abs(b.namedDraft - b.namedLive) - Math.abs(a.namedDraft - a.namedLive) || a.eventId.localeCompare(b.eventId));
+}
+
+/** "+3", "−2" or "0": a signed change as the table shows it. */
+export function signed(n: number): string {
+  return n > 0 ? `+${n}` : n < 0 ? `−${-n}` : '0';
+}
+
 interface Counts {
   places?: number;
   offers?: number;
@@ -31,6 +62,8 @@ export function mountImport(root: HTMLElement): () => void {
   const chosen = h('p', { class: 'meta', role: 'status' });
   const dryRun = h('button', { type: 'button', class: 'primary', disabled: true }, 'Check (dry run)');
   const publish = h('button', { type: 'button', class: 'primary', disabled: true }, 'Publish');
+  const previewButton = h('button', { type: 'button', disabled: true }, 'Preview');
+  const preview = h('div', { class: 'preview-result', 'aria-live': 'polite' });
   const error = h('p', { class: 'form-error', role: 'alert', hidden: true });
   const result = h('div', { class: 'import-result', 'aria-live': 'polite' });
 
@@ -45,16 +78,19 @@ export function mountImport(root: HTMLElement): () => void {
       drop,
       chosen,
       error,
-      h('div', { class: 'actions' }, dryRun, publish),
+      h('div', { class: 'actions' }, dryRun, previewButton, publish),
       result,
+      preview,
     ),
   );
 
   async function take(file: File | undefined): Promise<void> {
     error.hidden = true;
     replace(result);
+    replace(preview);
     checked = false;
     publish.disabled = true;
+    previewButton.disabled = true;
     if (!file) return;
     if (file.size > MAX_BYTES) {
       text = null;
@@ -118,6 +154,7 @@ export function mountImport(root: HTMLElement): () => void {
       const a = await admin.postRaw<Counts & { valid: boolean }>('import?dry_run=1', text);
       checked = true;
       publish.disabled = false;
+      previewButton.disabled = false;
       replace(result, h('p', { class: 'ok' }, `${fileName} is valid: ${countsText(a.data)}. Nothing is written until you publish.`));
     } catch (e) {
       if (e instanceof ApiError && e.problems.length) replace(result, problems(e.problems, `${e.message}. Nothing was written.`));
@@ -130,6 +167,65 @@ export function mountImport(root: HTMLElement): () => void {
     }
   }
 
+  function previewTable(a: PreviewAnswer): HTMLElement {
+    const d = a.deliveries.draft - a.deliveries.live;
+    const changed = changedOffers(a.offers);
+    return h(
+      'section',
+      { class: 'preview', 'aria-labelledby': 'preview-title' },
+      h('h3', { id: 'preview-title' }, 'What publishing would change'),
+      h('p', { class: 'preview-summary' }, `${a.devices} simulated devices, the same on both sides: ${a.deliveries.live} deliveries now, ${a.deliveries.draft} with ${fileName} (${signed(d)}).`),
+      changed.length
+        ? h('div', { class: 'table-wrap' }, labelCells(h(
+            'table',
+            { class: 'list preview-offers' },
+            h('caption', { class: 'visually-hidden' }, `Offers whose deliveries change with ${fileName}`),
+            h('thead', {}, h('tr', {}, ['Offer', 'Place', 'Now', 'After', 'Change', 'Why'].map((t) => h('th', { scope: 'col' }, t)))),
+            h(
+              'tbody',
+              {},
+              changed.map((o) =>
+                h(
+                  'tr',
+                  { 'data-offer': `${o.eventId}@${o.placeId}` },
+                  h('th', { scope: 'row' }, o.eventName || o.eventId),
+                  h('td', {}, o.placeId),
+                  h('td', {}, String(o.live)),
+                  h('td', {}, String(o.draft)),
+                  h('td', {}, h('span', { class: `badge ${o.change < 0 ? 'state-disabled' : o.change > 0 ? 'state-running' : 'state-scheduled'}` }, signed(o.change))),
+                  h(
+                    'td',
+                    { class: 'reasons' },
+                    o.namedLive !== o.namedDraft ? `named to ${o.namedLive} devices now, ${o.namedDraft} after; ` : '',
+                    Object.entries(o.reasons)
+                      .filter(([k]) => k !== 'delivered')
+                      .map(([k, v]) => `${k} ${signed(v)}`)
+                      .join(', '),
+                  ),
+                ),
+              ),
+            ),
+          )))
+        : h('p', {}, 'No offer would be delivered more or less often.'),
+    );
+  }
+
+  previewButton.addEventListener('click', async () => {
+    if (text === null || !checked) return;
+    previewButton.disabled = true;
+    error.hidden = true;
+    replace(preview, h('p', { class: 'meta' }, 'Running the same devices over both catalogues… (a few seconds)'));
+    try {
+      const a = await admin.postRaw<PreviewAnswer>('preview?import=1', text);
+      replace(preview, previewTable(a.data));
+    } catch (e) {
+      replace(preview);
+      showMessage(error, e, (err) => (err.status === 501 ? 'Previews need tovrel-sim installed beside tovrel-server.' : null));
+    } finally {
+      previewButton.disabled = !checked;
+    }
+  });
+
   dryRun.addEventListener('click', () => void check());
   publish.addEventListener('click', async () => {
     if (text === null || !checked) return;
@@ -139,6 +235,7 @@ export function mountImport(root: HTMLElement): () => void {
       replace(result, h('p', { class: 'ok' }, `Published ${fileName}: ${countsText(a.data)}.`));
       toast(`Published ${fileName}.`);
       checked = false;
+      previewButton.disabled = true;
     } catch (e) {
       publish.disabled = false;
       if (e instanceof ApiError && e.problems.length) replace(result, problems(e.problems, `${e.message}. Nothing was written.`));

@@ -745,7 +745,8 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
             });
             respond(std::move(reply));
         };
-        return preview(std::string(request.body), std::move(audited));
+        return preview(std::string(request.body), queryValue(request.target, "import") == "1",
+                       std::move(audited));
     }
     const bool posted =
         work_.post([this, respond, authorized = std::get<Authorized>(std::move(verdict)),
@@ -764,25 +765,27 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
     }
 }
 
-void AdminHandler::preview(std::string body, Respond respond) {
+void AdminHandler::preview(std::string body, bool asImport, Respond respond) {
     if (!previews_.available()) {
         return respond(errorReply(501,
                                   "this server runs no previews: tovrel-server does, an embedded server "
                                   "needs ServerOptions::preview"));
     }
-    const bool posted = work_.post([this, body = std::move(body), respond]() mutable {
+    const bool posted = work_.post([this, body = std::move(body), asImport, respond]() mutable {
         try {
-            const json apps = json::array({{{"key", kPreviewAppKey}, {"name", "Preview"}}});
             json draft = parseObjectBody(body, 64);
-            if (!draft.contains("properties")) {
-                draft["properties"] = json::object();
-            }
-            if (!draft["properties"].is_object()) {
+            if (draft.contains("properties") && !draft["properties"].is_object()) {
                 throw ApiError(400, "the draft's properties must be an object");
             }
-            draft["properties"]["apps"] = apps;
             json live =
                 service_.change([](Store& store) { return exportCatalogue(store, std::nullopt); }, false);
+            if (asImport) {
+                draft = mergeImport(live, draft);
+            }
+            // Both sides' devices use one app of the preview's own: the sides differ in their campaigns,
+            // places and offers alone.
+            const json apps = json::array({{{"key", kPreviewAppKey}, {"name", "Preview"}}});
+            draft["properties"]["apps"] = apps;
             live["properties"]["apps"] = apps;
             if (!previews_.start(draft.dump(-1, ' ', false, json::error_handler_t::replace),
                                  live.dump(-1, ' ', false, json::error_handler_t::replace), service_.now(),

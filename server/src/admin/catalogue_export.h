@@ -18,4 +18,9 @@ inline constexpr std::size_t kMaxExportedPlaces = 100'000;
 nlohmann::json exportCatalogue(Store& store, const std::optional<PlaceArea>& area,
                                std::size_t maxPlaces = kMaxExportedPlaces);
 
+/// The catalogue `live` (a place file, as exportCatalogue writes it) as it would be after importing `file`
+/// over it: places and offers by id, campaigns by name, a place's offers those of the file, and nothing
+/// the file does not mention removed. Throws ApiError 400 when `file` is no FeatureCollection. Pure.
+nlohmann::json mergeImport(nlohmann::json live, const nlohmann::json& file);
+
 }  // namespace tovrel::server
