@@ -48,8 +48,8 @@ TEST(Replay, ADayRecordedThroughTheServiceReplaysToItsOutcomesAndAGapIsUncertain
     // Against the service's own catalogue, fetched around the track.
     const std::string sim = std::string(TOVREL_SIM_BINARY) + " replay --json ";
     const CommandResult fetched =
-        runCommand(sim + "--admin http://127.0.0.1:" + std::to_string(fixture.adminPort()) + " --token-file " +
-                   tokenFile + " --device " + deviceId + " --date 2026-06-01");
+        runCommand(sim + "--admin http://127.0.0.1:" + std::to_string(fixture.adminPort()) +
+                   " --token-file " + tokenFile + " --device " + deviceId + " --date 2026-06-01");
     const json found = json::parse(fetched.output);
     EXPECT_NE(found["catalogue"].get<std::string>().find("service's catalogue"), std::string::npos);
     EXPECT_GT(found["positions"].get<int>(), 100);
