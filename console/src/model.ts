@@ -1,4 +1,5 @@
 import { admin } from './api';
+import type { FrequencyCap, Schedule } from './rules';
 
 export interface Campaign {
   id: number;
@@ -8,6 +9,10 @@ export interface Campaign {
   perDeviceCap: number | null;
   disabled: boolean;
   offers: number;
+  schedule?: Schedule;
+  caps?: FrequencyCap[];
+  priority?: number;
+  controlGroup?: number;
 }
 
 export interface Offer {

@@ -35,6 +35,26 @@ describe('the campaign form', () => {
     expect(refusedAt(form({ name: '   ' }))).toBe('/name');
     for (const cap of ['-1', '1.5', 'two', 'Infinity']) expect(refusedAt(form({ perDeviceCap: cap }))).toBe('/perDeviceCap');
   });
+
+  it('sends the lunch offer’s rules as the place file writes them', () => {
+    expect(form({ timeZone: ' Europe/Berlin ', windows: 'mon-fri 11:30-14:00', caps: '1/day, 3/week', priority: '10', controlGroup: '10' })).toEqual({
+      name: 'Spring',
+      schedule: { timeZone: 'Europe/Berlin', windows: [{ days: ['mon', 'tue', 'wed', 'thu', 'fri'], from: '11:30', to: '14:00' }] },
+      caps: [{ count: 1, per: 'day' }, { count: 3, per: 'week' }],
+      priority: 10,
+      controlGroup: 0.1,
+    });
+    expect(form({ controlGroup: '0', priority: '' })).toEqual({ name: 'Spring' });
+  });
+
+  it('refuses a schedule without its zone or windows, and shares outside 0 to 100 %, at their fields', () => {
+    expect(refusedAt(form({ windows: 'mon 09:00-10:00' }))).toBe('/schedule/timeZone');
+    expect(refusedAt(form({ timeZone: 'Europe/Berlin' }))).toBe('/schedule/windows');
+    expect(refusedAt(form({ timeZone: 'Europe/Berlin', windows: 'weekdays' }))).toBe('/schedule/windows');
+    expect(refusedAt(form({ caps: 'often' }))).toBe('/caps');
+    expect(refusedAt(form({ priority: '1.5' }))).toBe('/priority');
+    for (const share of ['100', '-1', 'x']) expect(refusedAt(form({ controlGroup: share }))).toBe('/controlGroup');
+  });
 });
 
 describe('an offer’s preview', () => {

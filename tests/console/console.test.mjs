@@ -800,6 +800,35 @@ await step('campaigns: create one, then edit its dates and cap; a scheduled camp
   assert((await row.locator('td').nth(3).textContent()) === '2', 'the cap was not saved');
 });
 
+await step('campaigns: rules (schedule, caps, priority, control group) are saved, refused when unreadable, and shown again', async () => {
+  const form = page.locator('form[aria-labelledby="campaign-form-title"]');
+  const row = page.locator('tr[data-campaign="Console Autumn"]');
+  await row.getByRole('button', { name: 'Edit Console Autumn' }).click();
+  await form.locator('input[name="windows"]').fill('mon-fri 11:30-14:00');
+  await form.getByRole('button', { name: 'Save campaign' }).click();
+  await form.locator('[data-member="/schedule/timeZone"] .field-error:not([hidden])').waitFor();
+  await form.locator('input[name="timeZone"]').fill('Mars/Olympus');
+  await form.getByRole('button', { name: 'Save campaign' }).click();
+  await form.locator('.field-error:not([hidden]), .form-error:not([hidden])').filter({ hasText: /Mars\/Olympus/ }).first().waitFor();
+  await form.locator('input[name="timeZone"]').fill('Europe/Berlin');
+  await form.locator('input[name="windows"]').fill('mon-fri 11:30-14:00; sat 10:00-12:00');
+  await form.locator('input[name="caps"]').fill('1/day, 3/week');
+  await form.locator('input[name="priority"]').fill('10');
+  await form.locator('input[name="controlGroup"]').fill('10');
+  await shot(page, 'campaign-rules');
+  await form.getByRole('button', { name: 'Save campaign' }).click();
+  await page.locator('#toast').filter({ hasText: 'Saved Console Autumn.' }).waitFor();
+  const saved = (await adminFromPage(page, 'GET', 'campaigns')).json.campaigns.find((c) => c.name === 'Console Autumn');
+  assert(saved.schedule?.timeZone === 'Europe/Berlin' && saved.schedule.windows.length === 2, `the schedule is ${JSON.stringify(saved.schedule)}`);
+  assert(JSON.stringify(saved.caps) === '[{"count":1,"per":"day"},{"count":3,"per":"week"}]', `the caps are ${JSON.stringify(saved.caps)}`);
+  assert(saved.priority === 10 && saved.controlGroup === 0.1 && saved.perDeviceCap === 2, `the campaign is ${JSON.stringify(saved)}`);
+  await row.getByRole('button', { name: 'Edit Console Autumn' }).click();
+  assert((await form.locator('input[name="windows"]').inputValue()) === 'mon-fri 11:30-14:00; sat 10:00-12:00', 'the windows are not shown again');
+  assert((await form.locator('input[name="controlGroup"]').inputValue()) === '10', 'the control group is not shown again');
+  await axe(page, 'campaigns (rules)');
+  await form.getByRole('button', { name: 'Cancel' }).click();
+});
+
 await step('campaigns: the offer preview shows the alert as a device would and a sandboxed page', async () => {
   const row = page.locator(`tr[data-offer="${eventId}"]`);
   await row.getByRole('button', { name: `Preview offer ${eventId}` }).click();

@@ -2,6 +2,7 @@ import { admin, ApiError, seg, versionOf } from '../api';
 import { button, confirmButton, field, h, input, labelCells, replace } from '../dom';
 import { actions, clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
 import { campaignState, loadCampaigns, loadOffers, type Campaign, type Offer } from '../model';
+import { capsText, parseCaps, parseWindows, RuleTextError, windowsText } from '../rules';
 
 const DATE_HINT = 'YYYY-MM-DD, or YYYY-MM-DDTHH:MM with Z or ±HH:MM; empty: open';
 
@@ -14,20 +15,67 @@ export function previewAddress(mediaUrl: string): string {
   return mediaUrl.startsWith('/') && !mediaUrl.startsWith('//') ? `/console/content${mediaUrl}` : mediaUrl;
 }
 
+/** The campaign form's fields, as typed. */
+export interface CampaignFields {
+  name: string;
+  startDate: string;
+  endDate: string;
+  perDeviceCap: string;
+  timeZone?: string;
+  windows?: string;
+  caps?: string;
+  priority?: string;
+  controlGroup?: string;
+}
+
+function refused(message: string, member: string): ApiError {
+  return new ApiError(400, message, member, [], null, null);
+}
+
 /**
- * What the campaign form sends: the name, and the dates and cap that are filled in. A missing name or
- * a cap that is not a whole number of 0 or more is refused here, at its field, before anything is sent.
+ * What the campaign form sends: the name, and the dates, cap and rules that are filled in (a campaign
+ * saved without a rule has none). What cannot be read is refused here, at its field, before anything is
+ * sent; the time zone is the server's to check.
  */
-export function campaignBody(form: { name: string; startDate: string; endDate: string; perDeviceCap: string }): Record<string, unknown> | ApiError {
+export function campaignBody(form: CampaignFields): Record<string, unknown> | ApiError {
   const body: Record<string, unknown> = { name: form.name.trim() };
-  if (!body.name) return new ApiError(400, 'A campaign needs a name.', '/name', [], null, null);
+  if (!body.name) return refused('A campaign needs a name.', '/name');
   if (form.startDate.trim()) body.startDate = form.startDate.trim();
   if (form.endDate.trim()) body.endDate = form.endDate.trim();
   const capText = form.perDeviceCap.trim();
   if (capText) {
     const n = Number(capText);
-    if (!Number.isInteger(n) || n < 0) return new ApiError(400, 'The cap is a whole number, 0 or more.', '/perDeviceCap', [], null, null);
+    if (!Number.isInteger(n) || n < 0) return refused('The cap is a whole number, 0 or more.', '/perDeviceCap');
     body.perDeviceCap = n;
+  }
+  const zone = (form.timeZone ?? '').trim();
+  try {
+    const windows = parseWindows(form.windows ?? '');
+    if (windows.length && !zone) return refused('A schedule needs its time zone, like Europe/Berlin.', '/schedule/timeZone');
+    if (zone && !windows.length) return refused('A schedule needs at least one window, like mon-fri 11:30-14:00.', '/schedule/windows');
+    if (windows.length) body.schedule = { timeZone: zone, windows };
+  } catch (e) {
+    if (e instanceof RuleTextError) return refused(e.message, '/schedule/windows');
+    throw e;
+  }
+  try {
+    const caps = parseCaps(form.caps ?? '');
+    if (caps.length) body.caps = caps;
+  } catch (e) {
+    if (e instanceof RuleTextError) return refused(e.message, '/caps');
+    throw e;
+  }
+  const priority = (form.priority ?? '').trim();
+  if (priority) {
+    const n = Number(priority);
+    if (!Number.isInteger(n)) return refused('The priority is a whole number; higher goes first.', '/priority');
+    body.priority = n;
+  }
+  const control = (form.controlGroup ?? '').trim();
+  if (control) {
+    const share = Number(control);
+    if (!Number.isFinite(share) || share < 0 || share >= 100) return refused('The control group is a share from 0 up to (not including) 100 %.', '/controlGroup');
+    if (share > 0) body.controlGroup = share / 100;
   }
   return body;
 }
@@ -43,6 +91,11 @@ export function mountCampaigns(root: HTMLElement): () => void {
   const start = field('Start', input({ name: 'startDate', placeholder: '2026-01-01' }), '/startDate', DATE_HINT);
   const end = field('End', input({ name: 'endDate', placeholder: '2026-12-31' }), '/endDate', DATE_HINT);
   const cap = field('Visits per device (cap)', input({ name: 'perDeviceCap', type: 'number', min: 0, step: 1, inputmode: 'numeric' }), '/perDeviceCap', 'empty: no cap');
+  const zone = field('Schedule time zone', input({ name: 'timeZone', placeholder: 'Europe/Berlin', maxlength: 64, autocomplete: 'off' }), '/schedule/timeZone', 'a tz database name; empty: any time');
+  const windows = field('Schedule windows', input({ name: 'windows', placeholder: 'mon-fri 11:30-14:00; sat 10:00-12:00', maxlength: 2000, autocomplete: 'off' }), '/schedule/windows', 'days and hours, “;” between windows; 22:00-02:00 runs past midnight');
+  const caps = field('Frequency caps', input({ name: 'caps', placeholder: '1/day, 3/week', maxlength: 200, autocomplete: 'off' }), '/caps', 'per device: a count per hour, day or week');
+  const priority = field('Priority', input({ name: 'priority', type: 'number', step: 1, inputmode: 'numeric', placeholder: '0' }), '/priority', 'higher goes first at a shared place');
+  const control = field('Control group (%)', input({ name: 'controlGroup', type: 'number', min: 0, max: 99, step: 'any', placeholder: '0' }), '/controlGroup', 'devices held out to measure lift');
   const formTitle = h('h2', { id: 'campaign-form-title' }, 'New campaign');
   const conflict = h('div', { class: 'conflict-box', hidden: true });
   const submit = h('button', { type: 'submit', class: 'primary' }, 'Create campaign');
@@ -54,6 +107,13 @@ export function mountCampaigns(root: HTMLElement): () => void {
     formError(),
     conflict,
     h('div', { class: 'row' }, name.wrap, start.wrap, end.wrap, cap.wrap),
+    h(
+      'fieldset',
+      { class: 'rules' },
+      h('legend', {}, 'Rules'),
+      h('div', { class: 'row' }, zone.wrap, windows.wrap),
+      h('div', { class: 'row' }, caps.wrap, priority.wrap, control.wrap),
+    ),
     h('div', { class: 'actions' }, submit, cancel),
   );
 
@@ -93,6 +153,11 @@ export function mountCampaigns(root: HTMLElement): () => void {
     start.input.value = c.startDate ?? '';
     end.input.value = c.endDate ?? '';
     cap.input.value = c.perDeviceCap === null || c.perDeviceCap === undefined ? '' : String(c.perDeviceCap);
+    zone.input.value = c.schedule?.timeZone ?? '';
+    windows.input.value = windowsText(c.schedule?.windows);
+    caps.input.value = capsText(c.caps);
+    priority.input.value = c.priority ? String(c.priority) : '';
+    control.input.value = c.controlGroup ? String(Math.round(c.controlGroup * 10000) / 100) : '';
     formTitle.textContent = `Edit ${c.name}`;
     submit.textContent = 'Save campaign';
     cancel.hidden = false;
@@ -115,6 +180,11 @@ export function mountCampaigns(root: HTMLElement): () => void {
       startDate: start.input.value,
       endDate: end.input.value,
       perDeviceCap: cap.input.value,
+      timeZone: zone.input.value,
+      windows: windows.input.value,
+      caps: caps.input.value,
+      priority: priority.input.value,
+      controlGroup: control.input.value,
     });
     if (body instanceof ApiError) {
       showError(form, body);
