@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,19 +67,47 @@ std::string isoInstant(double now) {
     return text;
 }
 
-// The child's status once it has ended, killed when it outlives `wallSeconds`.
-int waitFor(pid_t child, double wallSeconds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wallSeconds);
-    int status = 0;
-    for (;;) {
-        const pid_t ended = ::waitpid(child, &status, WNOHANG);
-        if (ended == child || (ended < 0 && errno != EINTR)) {
-            return status;
+// CPU seconds a child has used so far, from /proc (its user and system time); 0 when it cannot be read.
+double cpuSecondsOf(pid_t child) {
+    std::ifstream in("/proc/" + std::to_string(child) + "/stat");
+    std::string stat;
+    std::getline(in, stat);
+    // The command name may hold spaces and parentheses: the fields after it start past the last ')'.
+    const std::size_t close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::istringstream fields(stat.substr(close + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14 || i == 15) {
+            ticks += std::strtod(field.c_str(), nullptr);
         }
-        if (std::chrono::steady_clock::now() > deadline) {
+    }
+    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+struct Ended {
+    int status = 0;
+    bool overBudget = false;  ///< killed for its CPU time
+};
+
+// Waits for the child, killing it once it has used `cpuSeconds` of CPU time or lived `wallSeconds`. The
+// limit is watched from here rather than set with setrlimit, which a sandboxed service may not call.
+Ended waitFor(pid_t child, double cpuSeconds, double wallSeconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wallSeconds);
+    Ended ended;
+    for (;;) {
+        const pid_t gone = ::waitpid(child, &ended.status, WNOHANG);
+        if (gone == child || (gone < 0 && errno != EINTR)) {
+            return ended;
+        }
+        ended.overBudget = cpuSecondsOf(child) >= cpuSeconds;
+        if (ended.overBudget || std::chrono::steady_clock::now() > deadline) {
             ::kill(child, SIGKILL);
-            ::waitpid(child, &status, 0);
-            return status;
+            ::waitpid(child, &ended.status, 0);
+            return ended;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -115,16 +142,17 @@ std::string run(const PreviewProgram& program, const std::string& draft, const s
     if (spawned != 0) {
         throw std::runtime_error("cannot run " + program.path + ": " + std::strerror(spawned));
     }
-    // The kernel stops the child at the limit (SIGXCPU, then SIGKILL a second later); the few microseconds
-    // before the limit is set are not worth a helper in between.
-    const auto soft = static_cast<rlim_t>(std::ceil(program.cpuSeconds));
-    const rlimit cpu{soft, soft + 1};
-    ::prlimit(child, RLIMIT_CPU, &cpu, nullptr);
-    const int status = waitFor(child, 3 * program.cpuSeconds + 30);
-    if (WIFSIGNALED(status) && (WTERMSIG(status) == SIGXCPU || WTERMSIG(status) == SIGKILL)) {
+    const auto [status, overBudget] = waitFor(child, program.cpuSeconds, 3 * program.cpuSeconds + 30);
+    if (overBudget) {
         throw PreviewRefused(422, "the preview of " + std::to_string(program.devices) +
                                       " devices needs more than " +
-                                      std::to_string(static_cast<long long>(soft)) + " s of CPU time");
+                                      std::to_string(static_cast<long long>(std::ceil(program.cpuSeconds))) +
+                                      " s of CPU time");
+    }
+    if (WIFSIGNALED(status)) {
+        throw std::runtime_error(program.path + " was stopped by signal " + std::to_string(WTERMSIG(status)) +
+                                 " after " + std::to_string(static_cast<int>(3 * program.cpuSeconds + 30)) +
+                                 " s at most");
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
         std::string why = err.read();

@@ -8,8 +8,8 @@
 
 namespace tovrel::server {
 
-/// A preview run by tovrel-sim in a process of its own: a fault in it cannot reach the server, and the
-/// kernel bounds its CPU time (RLIMIT_CPU).
+/// A preview run by tovrel-sim in a process of its own: a fault in it cannot reach the server, and it is
+/// killed once it has used its CPU time.
 struct PreviewProgram {
     std::string path;  ///< tovrel-sim
     std::size_t devices = 1000;
