@@ -1,7 +1,6 @@
 #include "admin_fetch.h"
 
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include <cctype>
 #include <cstdlib>
@@ -87,30 +86,6 @@ std::string readTokenFile(const std::string& file) {
         throw std::runtime_error("cannot read a token from " + file);
     }
     return token;
-}
-
-TemporaryFile::TemporaryFile(const std::string& stem, const std::string& suffix) {
-    std::string name = (std::filesystem::temp_directory_path() / (stem + "-XXXXXX" + suffix)).string();
-    const int fd = ::mkstemps(name.data(), static_cast<int>(suffix.size()));
-    if (fd < 0) {
-        throw std::runtime_error("cannot create a file in " +
-                                 std::filesystem::temp_directory_path().string());
-    }
-    ::close(fd);
-    path_ = name;
-}
-
-TemporaryFile::~TemporaryFile() {
-    std::error_code ignored;
-    std::filesystem::remove(path_, ignored);
-}
-
-void TemporaryFile::write(const std::string& bytes) const {
-    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    if (!out.flush()) {
-        throw std::runtime_error("cannot write " + path_.string());
-    }
 }
 
 }  // namespace tovrel::sim

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "admin_fetch.h"
+#include "common/temporary_file.h"
 #include "expectations.h"
 #include "fleet.h"
 #include "fleet_compare.h"
@@ -382,7 +383,7 @@ int main(int argc, char** argv) {
             std::cerr << "tovrel-sim: --compare-service takes --token-file, and excludes --compare\n";
             return kBadInput;
         }
-        std::optional<tovrel::sim::TemporaryFile> liveCatalogue;
+        std::optional<tovrel::server::TemporaryFile> liveCatalogue;
         if (!compareService.empty()) {
             try {
                 const std::string token = tovrel::sim::readTokenFile(fleetTokenFile);
@@ -397,7 +398,7 @@ int main(int argc, char** argv) {
                 }
                 liveCatalogue.emplace("tovrel-live-catalogue", ".geojson");
                 liveCatalogue->write(live.dump());
-                compare = liveCatalogue->path().string();
+                compare = liveCatalogue->path();
             } catch (const std::exception& error) {
                 std::cerr << "tovrel-sim: " << error.what() << '\n';
                 return kSessionNeverStarted;

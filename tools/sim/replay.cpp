@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "admin_fetch.h"
+#include "common/temporary_file.h"
 #include "html_report.h"
 #include "simulation.h"
 
@@ -219,7 +220,8 @@ std::optional<json> deviceApp(const ReplayOptions& options, const std::string& d
 // What the replay runs against: the service's catalogue around the track with the device's app, in a file
 // of its own. Says in `catalogue` what that is.
 std::filesystem::path fetchCatalogue(const ReplayOptions& options, const DayRecord& day, SimOptions& sim,
-                                     std::optional<TemporaryFile>& file, std::string& catalogue) {
+                                     std::optional<tovrel::server::TemporaryFile>& file,
+                                     std::string& catalogue) {
     json places =
         json::parse(adminGet(options.adminUrl, options.token, "catalogue?bbox=" + catalogueArea(day)));
     std::optional<json> app = deviceApp(options, day.deviceId);
@@ -284,7 +286,7 @@ int replayDay(const ReplayOptions& options, std::ostream& out) {
     const DayRecord day = parseDayRecord(text, name);
     const Route route = routeOfDay(day);
     SimOptions sim;
-    std::optional<TemporaryFile> fetched;
+    std::optional<tovrel::server::TemporaryFile> fetched;
     std::string catalogue = "the place file " + options.placesFile.string();
     const std::filesystem::path placesFile = options.placesFile.empty()
                                                  ? fetchCatalogue(options, day, sim, fetched, catalogue)

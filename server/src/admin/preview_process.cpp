@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -18,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/temporary_file.h"
+#include "common/utc_time.h"
 #include "tovrel_server/server.h"
 
 extern char** environ;
@@ -25,47 +26,6 @@ extern char** environ;
 namespace tovrel::server {
 
 namespace {
-
-// A file in the temporary folder that the child writes its output to; removed with this object.
-class OutputFile {
-  public:
-    OutputFile() {
-        std::string name = (std::filesystem::temp_directory_path() / "tovrel-preview-out-XXXXXX").string();
-        fd_ = ::mkstemp(name.data());
-        if (fd_ < 0) {
-            throw std::runtime_error("cannot create a file in " +
-                                     std::filesystem::temp_directory_path().string());
-        }
-        path_ = name;
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-    ~OutputFile() {
-        ::close(fd_);
-        std::error_code ignored;
-        std::filesystem::remove(path_, ignored);
-    }
-    int fd() const { return fd_; }
-    std::string read() const {
-        std::ifstream in(path_, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        return std::move(text).str();
-    }
-
-  private:
-    int fd_ = -1;
-    std::string path_;
-};
-
-std::string isoInstant(double now) {
-    const auto seconds = static_cast<std::time_t>(std::floor(now));
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
 
 // CPU seconds a child has used so far, from /proc (its user and system time); 0 when it cannot be read.
 double cpuSecondsOf(pid_t child) {
@@ -120,7 +80,7 @@ std::string run(const PreviewProgram& program, const std::string& draft, const s
                                              "--compare",  live,
                                              "--devices",  std::to_string(program.devices),
                                              "--seed",     std::to_string(program.seed),
-                                             "--start",    isoInstant(now),
+                                             "--start",    isoTime(now),
                                              "--sdk-key",  std::string(kPreviewAppKey),
                                              "--jobs",     "1",
                                              "--quiet",    "--json"};
@@ -129,8 +89,8 @@ std::string run(const PreviewProgram& program, const std::string& draft, const s
         argv.push_back(const_cast<char*>(a.c_str()));
     }
     argv.push_back(nullptr);
-    const OutputFile out;
-    const OutputFile err;
+    const TemporaryFile out("tovrel-preview-out", "");
+    const TemporaryFile err("tovrel-preview-err", "");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

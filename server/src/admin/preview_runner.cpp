@@ -1,13 +1,9 @@
 #include "admin/preview_runner.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include "common/request_fields.h"
+#include "common/temporary_file.h"
 #include "tovrel_server/server.h"
 
 namespace tovrel::server {
@@ -15,37 +11,6 @@ namespace tovrel::server {
 using platform::Lock;
 
 namespace {
-
-// A file of the preview's own in the temporary folder, removed with this object.
-class PreviewFile {
-  public:
-    explicit PreviewFile(const std::string& bytes) {
-        std::string name =
-            (std::filesystem::temp_directory_path() / "tovrel-preview-XXXXXX.geojson").string();
-        const int fd = ::mkstemps(name.data(), 8);
-        if (fd < 0) {
-            throw std::runtime_error("cannot create a file in " +
-                                     std::filesystem::temp_directory_path().string());
-        }
-        ::close(fd);
-        path_ = name;
-        std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-        out << bytes;
-        if (!out.flush()) {
-            throw std::runtime_error("cannot write " + path_);
-        }
-    }
-    PreviewFile(const PreviewFile&) = delete;
-    PreviewFile& operator=(const PreviewFile&) = delete;
-    ~PreviewFile() {
-        std::error_code ignored;
-        std::filesystem::remove(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 HttpReply reply(unsigned status, std::string body) {
     HttpReply out;
@@ -86,8 +51,10 @@ bool PreviewRunner::start(std::string draft, std::string live, double now, Respo
 
 HttpReply PreviewRunner::run(const std::string& draft, const std::string& live, double now) const {
     try {
-        const PreviewFile draftFile(draft);
-        const PreviewFile liveFile(live);
+        const TemporaryFile draftFile("tovrel-preview", ".geojson");
+        draftFile.write(draft);
+        const TemporaryFile liveFile("tovrel-preview", ".geojson");
+        liveFile.write(live);
         return reply(200, preview_(draftFile.path(), liveFile.path(), now));
     } catch (const PreviewRefused& refused) {
         return reply(refused.status(), errorJson(refused.what()));

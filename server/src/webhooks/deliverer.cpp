@@ -6,6 +6,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "common/utc_time.h"
 #include "store/webhook_store.h"
 #include "webhooks/retry_schedule.h"
 #include "webhooks/sender.h"
@@ -17,15 +18,6 @@ namespace {
 constexpr int kMaxBatchesAPass = 1000;
 constexpr int kPrunedAPass = 1000;
 constexpr double kClaimMarginSeconds = 5;
-
-std::string isoTime(double seconds) {
-    const auto whole = static_cast<std::time_t>(seconds);
-    std::tm tm{};
-    gmtime_r(&whole, &tm);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return text;
-}
 
 // The body is the same on every attempt: the device's identifier is read when it is sent, so an erased
 // device's events leave without it.
