@@ -16,8 +16,8 @@ import {
   type DeviceLink,
   type DeviceRecord,
 } from '../day';
+import { savedTiles, tileLayer } from '../tiles';
 
-const TILE_KEY = 'tovrel.console.tiles';
 /** Places this far around the track are drawn: the component watches the places near it, not only those it entered. */
 const PLACE_MARGIN_M = 500;
 /** A stretch without positions longer than this is pointed out: the track across it is a guess. */
@@ -125,8 +125,8 @@ export function mountDevices(root: HTMLElement): () => void {
     dropMap();
     const m = L.map(mapEl, { attributionControl: false, zoomControl: true });
     map = m;
-    const tiles = localStorage.getItem(TILE_KEY) ?? '';
-    if (tiles) L.tileLayer(tiles, { maxZoom: 19, crossOrigin: true }).addTo(m);
+    const tiles = savedTiles();
+    if (tiles) tileLayer(tiles).addTo(m);
     const linked = new Set(day.links.map((l) => l.placeId));
     for (const p of places) {
       L.circle([p.lat, p.lon], {

@@ -5,11 +5,11 @@ import { button, confirmButton, field, h, input, replace, select as selectEl, ty
 import { clearErrors, conflictNotice, formError, showError, showMessage, toast } from '../forms';
 import { campaignColour, loadCampaigns, loadOffers, type Campaign, type Offer, type Place } from '../model';
 import { boxParam, keptToBox, placesPage, staleIds, viewBox } from '../places';
+import { savedTiles, saveTiles, tileLayer } from '../tiles';
 
 const PAGE = 1000;
 const MAX_PAGES = 100; // 100,000 places at most
 const NEW_CAMPAIGN = '__new__';
-const TILE_KEY = 'tovrel.console.tiles';
 
 interface PlacesPage {
   places: Place[];
@@ -75,11 +75,11 @@ export function mountMap(root: HTMLElement): () => void {
       tiles = null;
     }
     if (url) {
-      tiles = L.tileLayer(url, { maxZoom: 19, crossOrigin: true });
+      tiles = tileLayer(url);
       tiles.addTo(map);
     }
   }
-  applyTiles(localStorage.getItem(TILE_KEY) ?? '');
+  applyTiles(savedTiles());
 
   // ---------- the places on the map ----------
 
@@ -281,10 +281,10 @@ export function mountMap(root: HTMLElement): () => void {
     if (places.has(id)) void select(id);
     else showMessage(top, new Error(`Place ${goto.input.value} is not on the map in this view.`));
   });
-  const tileInput = field('Tile URL template', input({ name: 'tiles', placeholder: 'https://tiles.example/{z}/{x}/{y}.png', value: localStorage.getItem(TILE_KEY) ?? '' }), undefined, 'Empty: a plain background.');
+  const tileInput = field('Tile URL template', input({ name: 'tiles', placeholder: 'https://tiles.example/{z}/{x}/{y}.png', value: savedTiles() }), undefined, 'Empty: a plain background.');
   const tileForm = h('details', { class: 'tiles' }, h('summary', {}, 'Map tiles'), tileInput.wrap, button('Apply', () => {
     const v = tileInput.input.value.trim();
-    localStorage.setItem(TILE_KEY, v);
+    saveTiles(v);
     applyTiles(v);
   }));
   replace(panel, panelTitle, idleHelp, form, gotoForm, tileForm);
