@@ -354,7 +354,7 @@ int main(int argc, char** argv) {
             "on PATH); "
             "none: previews answer 501")
         ->envname("TOVREL_PREVIEW_PROGRAM");
-    serveCmd->add_option("--preview-devices", preview.devices, "Devices a preview runs over each catalogue")
+    serveCmd->add_option("--preview-devices", preview.devices, "Device-days a preview runs over each catalogue (over ?days=D: this many / D devices)")
         ->capture_default_str()
         ->envname("TOVREL_PREVIEW_DEVICES")
         ->check(CLI::Range(1, 100000));

@@ -878,8 +878,10 @@ await step('import: a valid file is checked, previewed, then published', async (
   await page.locator('#import-file').setInputFiles({ name: 'good.geojson', mimeType: 'application/geo+json', buffer: Buffer.from(JSON.stringify(file)) });
   await page.locator('.import-result .ok').filter({ hasText: 'is valid' }).waitFor();
   if (args.sim) {
+    // A budget of 100 device-days: over a week, 14 devices.
+    await page.locator('#preview-days').selectOption('7');
     await page.getByRole('button', { name: 'Preview' }).click();
-    await page.locator('.preview-summary').filter({ hasText: /100 simulated devices/ }).waitFor({ timeout: 30_000 });
+    await page.locator('.preview-summary').filter({ hasText: /14 simulated devices over 7 days/ }).waitFor({ timeout: 30_000 });
     const row = page.locator('tr[data-offer="9302@9301"]');
     await row.waitFor();
     assert(/named to 0 devices now/.test(await row.locator('td.reasons').textContent()), 'the new offer is not shown as new');

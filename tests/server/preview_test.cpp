@@ -92,6 +92,32 @@ TEST(Preview, ADraftIsComparedWithTheLiveCatalogueTheSameWayEveryTime) {
     EXPECT_EQ((*offerOf(asImport, "32", "3"))["namedDraft"], (*offerOf(asImport, "32", "3"))["namedLive"]);
     EXPECT_GT((*offerOf(asImport, "11", "2"))["namedDraft"].get<int>(), 0) << "place 2 keeps the coffee";
 
+    // Over four days the budget of 8 device-days is 2 devices, each entering once a day; a cap of one
+    // a week leaves each device one delivery of an offer it got every day.
+    json capped = call(fixture, "GET", "/admin/v1/catalogue").parsed();
+    for (json& campaign : capped["properties"]["campaigns"]) {
+        campaign["caps"] = json::array({{{"count", 1}, {"per", "week"}}});
+    }
+    const HttpResult week = call(fixture, "POST", "/admin/v1/preview?days=4", capped.dump());
+    ASSERT_EQ(week.status, 200) << week.body;
+    const json weekly = week.parsed();
+    EXPECT_EQ(weekly["devices"], 2);
+    EXPECT_EQ(weekly["days"], 4);
+    long long cappedDays = 0;
+    for (const json& offer : weekly["offers"]) {
+        EXPECT_LE(offer["draft"].get<long long>(), offer["namedDraft"].get<long long>()) << offer;
+        for (const auto& [why, count] : offer["reasons"].items()) {
+            cappedDays += why.find("frequency") != std::string::npos ? count.get<long long>() : 0;
+        }
+    }
+    EXPECT_GT(cappedDays, 0) << week.body;
+    EXPECT_GT(weekly["deliveries"]["live"].get<long long>(), weekly["deliveries"]["draft"].get<long long>());
+    for (const char* days : {"0", "29", "x"}) {
+        EXPECT_EQ(call(fixture, "POST", std::string("/admin/v1/preview?days=") + days, capped.dump()).status,
+                  400)
+            << days;
+    }
+
     const HttpResult bad = call(fixture, "POST", "/admin/v1/preview", R"({"type": "Feature"})");
     EXPECT_EQ(bad.status, 400) << bad.body;
     EXPECT_NE(bad.body.find("FeatureCollection"), std::string::npos) << bad.body;

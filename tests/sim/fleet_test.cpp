@@ -1,6 +1,7 @@
-// A fleet of simulated devices: the same totals for a seed whatever the number of threads, the same
-// against a real tovrel-server over loopback as in process, position error only when asked for and
-// the same for a seed, and the time with location updates on per accuracy level.
+// A fleet of simulated devices: the same totals for a seed whatever the number of threads, devices that
+// keep their identity over several days, the same against a real tovrel-server over loopback as in process,
+// position error only when asked for and the same for a seed, and the time with location updates on per
+// accuracy level.
 #include "fleet.h"
 
 #include <gtest/gtest.h>
@@ -74,6 +75,52 @@ TEST(Fleet, ASeedGivesTheSameTotalsOnAnyNumberOfThreads) {
 
     options.seed = 8;
     EXPECT_NE(everything(runFleet(options)), everything(sequential)) << "another seed, other routes";
+}
+
+TEST(Fleet, DevicesKeepWhoTheyAreFromOneDayToTheNext) {
+    FleetOptions options = generatedFleet(4, 3);
+    std::ostringstream oneDay;
+    options.deviceLines = &oneDay;
+    const FleetAggregate single = runFleet(options);
+    std::ostringstream threeDays;
+    options.deviceLines = &threeDays;
+    options.days = 3;
+    options.jobs = 2;
+    const FleetAggregate week = runFleet(options);
+
+    EXPECT_EQ(week.devices, 4U);
+    EXPECT_EQ(week.days, 3U);
+    EXPECT_EQ(week.toJson()["days"], 3);
+    EXPECT_GT(week.deviceHours(), 2 * single.deviceHours());
+    EXPECT_GE(week.requests.at("/v1/session"), 3 * single.requests.at("/v1/session"));
+    // Each device's first day is its one-day trip, whatever comes after.
+    std::map<std::size_t, json> firstDays;
+    std::size_t lines = 0;
+    std::istringstream read(threeDays.str());
+    for (std::string line; std::getline(read, line); ++lines) {
+        json device = json::parse(line);
+        if (device["day"] == 0) {
+            device.erase("day");
+            firstDays[device["device"].get<std::size_t>()] = device;
+        }
+    }
+    EXPECT_EQ(lines, 12U);
+    std::istringstream readOne(oneDay.str());
+    for (std::string line; std::getline(readOne, line);) {
+        const json device = json::parse(line);
+        EXPECT_EQ(firstDays[device["device"].get<std::size_t>()], device);
+    }
+    // A device that comes back to an offer it was given is known by the service: it is not linked twice.
+    long long linkedBefore = 0;
+    for (const auto& [name, offer] : week.offers) {
+        EXPECT_LE(offer.devices, 4) << name;
+        const auto again = offer.why.find("linked-before");
+        linkedBefore += again == offer.why.end() ? 0 : again->second;
+    }
+    EXPECT_GT(linkedBefore, 0);
+
+    options.days = 0;
+    EXPECT_THROW(runFleet(options), SimInputError);
 }
 
 TEST(Fleet, ARealServerOverLoopbackGivesWhatTheServiceInProcessGives) {

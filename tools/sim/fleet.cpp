@@ -9,6 +9,7 @@
 #include <iomanip>
 #include <iostream>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "in_process_service.h"
@@ -77,8 +78,31 @@ RouteKind kindOf(FleetRoutes source, std::uint64_t seed) {
 
 }  // namespace
 
-void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcome& outcome) {
+void FleetAggregate::add(std::size_t device, std::span<const Trip> trips) {
     ++devices;
+    std::set<std::string> named;
+    std::uint64_t index = 0;
+    for (const auto& [route, outcome] : trips) {
+        addDay(outcome);
+        for (const OfferOutcome& o : outcome.offers) {
+            OfferTotals& totals = offers[key(o)];
+            if (named.insert(key(o)).second) {
+                ++totals.devices;
+            }
+            if (o.delivered && o.deliveredAt) {
+                const auto [latitude, longitude] = positionAt(*route, *o.deliveredAt);
+                triggers.push_back(
+                    {mixSeed(device * 1'000'003ULL + index++), o.eventId, latitude, longitude, o.falseEntry});
+            }
+        }
+        if (outcome.stop != RunStop::kNone && (!firstStop || device < firstStop->first)) {
+            firstStop = {device, outcome.stopMessage};
+        }
+    }
+    keepSmallest(triggers);
+}
+
+void FleetAggregate::addDay(const SimOutcome& outcome) {
     simulatedMillis += millis(outcome.simulatedSeconds);
     for (const auto& [path, count] : outcome.requestsByPath) {
         requests[path] += static_cast<long long>(count);
@@ -89,14 +113,10 @@ void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcom
     significantOnlyMillis += millis(outcome.gpsOn.significantOnlySeconds);
     if (outcome.stop != RunStop::kNone) {
         ++(outcome.stop == RunStop::kSessionNeverStarted ? sessionsNeverStarted : timeStalled);
-        if (!firstStop || device < firstStop->first) {
-            firstStop = {device, outcome.stopMessage};
-        }
     }
-    std::uint64_t index = 0;
     for (const OfferOutcome& o : outcome.offers) {
         OfferTotals& totals = offers[key(o)];
-        if (totals.devices == 0) {
+        if (totals.eventId.empty()) {
             totals.eventId = o.eventId;
             totals.placeId = o.placeId;
             totals.eventName = o.eventName;
@@ -104,7 +124,6 @@ void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcom
             totals.longitude = o.longitude;
             totals.radius = o.radius;
         }
-        ++totals.devices;
         totals.entered += o.enteredAt ? 1 : 0;
         totals.linked += o.linkedAt ? 1 : 0;
         totals.delivered += o.delivered ? 1 : 0;
@@ -117,29 +136,23 @@ void FleetAggregate::add(std::size_t device, const Route& route, const SimOutcom
         totals.falseEntries += o.falseEntry ? 1 : 0;
         totals.linkRequests += o.linkRequests;
         ++totals.why[o.heldBy.empty() ? o.why : o.why + ":" + o.heldBy];
-        if (!o.delivered || !o.deliveredAt) {
-            continue;
-        }
-        if (o.enteredAt) {
+        if (o.delivered && o.deliveredAt && o.enteredAt) {
             const double delay = std::max(0.0, *o.deliveredAt - *o.enteredAt);
             const auto bin = std::min(kDelayBins - 1, static_cast<std::size_t>(delay / kDelayBinSeconds));
             ++delays[bin];
             ++delayCount;
             delayMillis += millis(delay);
         }
-        const auto [latitude, longitude] = positionAt(route, *o.deliveredAt);
-        triggers.push_back(
-            {mixSeed(device * 1'000'003ULL + index++), o.eventId, latitude, longitude, o.falseEntry});
     }
-    keepSmallest(triggers);
 }
 
 void FleetAggregate::merge(const FleetAggregate& other) {
     devices += other.devices;
+    days = std::max(days, other.days);
     simulatedMillis += other.simulatedMillis;
     for (const auto& [name, totals] : other.offers) {
         OfferTotals& mine = offers[name];
-        if (mine.devices == 0) {
+        if (mine.eventId.empty()) {
             mine = totals;
             continue;
         }
@@ -253,6 +266,7 @@ json FleetAggregate::toJson() const {
         delayBins.push_back(count);
     }
     return {{"devices", devices},
+            {"days", days},
             {"deviceHours", std::round(hours * 1000) / 1000},
             {"deliveries", deliveries()},
             {"offers", offerList},
@@ -267,8 +281,8 @@ json FleetAggregate::toJson() const {
 
 void FleetAggregate::printSummary(std::ostream& out) const {
     const double hours = deviceHours();
-    out << devices << " devices, " << formatted(hours, 1) << " device-hours: " << deliveries()
-        << " deliveries\n";
+    out << devices << " devices" << (days > 1 ? " over " + std::to_string(days) + " days" : "") << ", "
+        << formatted(hours, 1) << " device-hours: " << deliveries() << " deliveries\n";
     out << "offers (delivered / entered / devices named to):\n";
     for (const auto& [name, t] : offers) {
         if (t.entered == 0 && t.delivered == 0) {
@@ -312,7 +326,8 @@ void FleetAggregate::printSummary(std::ostream& out) const {
     out << '\n';
 }
 
-json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcome) {
+json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcome,
+                std::optional<std::size_t> day) {
     json offers = json::array();
     long long delivered = 0;
     for (const OfferOutcome& o : outcome.offers) {
@@ -327,6 +342,9 @@ json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcom
               {"requests", outcome.requestsByPath},
               {"gpsOn", gpsOnJson(outcome.gpsOn)},
               {"outcomes", offers}};
+    if (day) {
+        line["day"] = *day;
+    }
     if (outcome.stop != RunStop::kNone) {
         line["stop"] = outcome.stop == RunStop::kSessionNeverStarted ? "session" : "stalled";
         line["message"] = outcome.stopMessage;
@@ -340,6 +358,9 @@ FleetAggregate runFleet(const FleetOptions& options) {
     }
     if (options.source != FleetRoutes::kFolder && options.places.empty()) {
         throw SimInputError("the fleet has no place to make routes around");
+    }
+    if (options.days == 0) {
+        throw SimInputError("a fleet runs for one day or more");
     }
     std::unique_ptr<InProcessService> service;
     if (!options.device.serviceURL) {
@@ -368,41 +389,55 @@ FleetAggregate runFleet(const FleetOptions& options) {
             }
             try {
                 const std::uint64_t deviceSeed = mixSeed(options.seed * 0x100000001b3ULL + device);
-                Route generated;
-                const Route* route = nullptr;
-                if (options.source == FleetRoutes::kFolder) {
-                    route = &options.routes[device % options.routes.size()];
-                } else {
-                    const RouteKind kind = kindOf(options.source, deviceSeed);
-                    generated = generateRoute(
-                        kind, options.places, deviceSeed,
-                        (kind == RouteKind::kWalk ? "walk-" : "drive-") + std::to_string(device));
-                    route = &generated;
-                }
+                const RouteKind kind = kindOf(options.source, deviceSeed);
+                std::vector<Route> generated;
+                std::vector<Trip> trips;
+                generated.reserve(options.source == FleetRoutes::kFolder ? 0 : options.days);
+                trips.reserve(options.days);
                 SimOptions device_options = options.device;
-                device_options.route = route;
-                device_options.routeFile = route->name;
                 device_options.inProcess = service.get();
                 device_options.deviceSeed = deviceSeed;
                 device_options.keepEvents = false;
                 device_options.quiet = true;
                 device_options.progress = false;
                 device_options.stateDir.reset();
-                if (options.gpsNoise) {
-                    device_options.gpsNoiseSeed = mixSeed(deviceSeed ^ 0x6a09e667f3bcc909ULL);
+                CarriedState carried;
+                device_options.carried = &carried;
+                for (std::size_t day = 0; day < options.days; ++day) {
+                    // Day 0 is the one-day fleet's trip, so that --days 1 changes nothing.
+                    const std::uint64_t daySeed = day == 0 ? deviceSeed : mixSeed(deviceSeed + day);
+                    const Route* route = nullptr;
+                    if (options.source == FleetRoutes::kFolder) {
+                        route = &options.routes[(device + day) % options.routes.size()];
+                    } else {
+                        generated.push_back(generateRoute(
+                            kind, options.places, daySeed,
+                            (kind == RouteKind::kWalk ? "walk-" : "drive-") + std::to_string(device) +
+                                (day == 0 ? "" : "-day" + std::to_string(day + 1))));
+                        route = &generated.back();
+                    }
+                    device_options.route = route;
+                    device_options.routeFile = route->name;
+                    device_options.startTime = options.device.startTime + static_cast<double>(day) * 86'400;
+                    if (options.gpsNoise) {
+                        device_options.gpsNoiseSeed = mixSeed(daySeed ^ 0x6a09e667f3bcc909ULL);
+                    }
+                    trips.push_back({route, runSimulation(device_options, nullptr, nullptr)});
+                    if (trips.back().outcome.stop == RunStop::kSessionNeverStarted) {
+                        stop = true;
+                        break;
+                    }
                 }
-                const SimOutcome outcome = runSimulation(device_options, nullptr, nullptr);
-                partial[worker].add(device, *route, outcome);
-                if (outcome.stop == RunStop::kSessionNeverStarted) {
-                    stop = true;
-                }
+                partial[worker].add(device, trips);
                 const std::size_t finished = ++done;
                 if (options.deviceLines != nullptr || options.progress) {
                     std::lock_guard lock(outputMutex);
-                    if (options.deviceLines != nullptr) {
-                        *options.deviceLines << deviceJson(device, *route, outcome)
-                                                    .dump(-1, ' ', false, json::error_handler_t::replace)
-                                             << '\n';
+                    for (std::size_t day = 0; options.deviceLines != nullptr && day < trips.size(); ++day) {
+                        *options.deviceLines
+                            << deviceJson(device, *trips[day].route, trips[day].outcome,
+                                          options.days > 1 ? std::optional(day) : std::nullopt)
+                                   .dump(-1, ' ', false, json::error_handler_t::replace)
+                            << '\n';
                     }
                     if (options.progress) {
                         std::cerr << "\r" << finished << " / " << options.devices << " devices" << std::flush;
@@ -434,6 +469,7 @@ FleetAggregate runFleet(const FleetOptions& options) {
         std::rethrow_exception(failure);
     }
     FleetAggregate total;
+    total.days = options.days;
     for (const FleetAggregate& part : partial) {
         total.merge(part);
     }

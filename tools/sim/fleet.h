@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,10 @@ enum class FleetRoutes { kFolder, kWalks, kDrives, kMixed };
 struct FleetOptions {
     SimOptions device;  ///< what each device is told (its route, seeds and service are set per device)
     std::size_t devices = 100;
+    /// Each device makes a trip a day, starting at the same time of day, for this many days, keeping its
+    /// identifier and stored preferences: caps per day and week count across the days. A walker stays a
+    /// walker; each day's route is another (kFolder: the next route in turn).
+    std::size_t days = 1;
     std::size_t jobs = 0;  ///< worker threads; 0: one per core
     FleetRoutes source = FleetRoutes::kMixed;
     std::vector<Route> routes;        ///< kFolder: device i drives routes[i % size]
@@ -42,7 +47,9 @@ struct OfferTotals {
     double latitude = 0;
     double longitude = 0;
     double radius = 0;
-    long long devices = 0;  ///< devices the service named it to
+    long long devices = 0;  ///< devices the service named it to (on any day)
+    // The counts below are device-days (trips): over several days a device may enter, and be
+    // delivered the offer, once a day.
     long long entered = 0;
     long long linked = 0;
     long long delivered = 0;
@@ -51,7 +58,13 @@ struct OfferTotals {
     long long answered = 0;
     long long falseEntries = 0;
     long long linkRequests = 0;
-    std::map<std::string, long long> why;  ///< devices per reason word (OfferOutcome::why)
+    std::map<std::string, long long> why;  ///< device-days per reason word (OfferOutcome::why)
+};
+
+/// One day of a device: its route and what happened along it.
+struct Trip {
+    const Route* route = nullptr;
+    SimOutcome outcome;
 };
 
 /// Where a device was (on its route) when an offer reached it.
@@ -74,6 +87,7 @@ struct FleetAggregate {
     // Sums of times are kept in whole milliseconds, so that they do not depend on the order of the
     // devices (a sum of doubles does, in its last bits).
     std::size_t devices = 0;
+    std::size_t days = 1;  ///< each device's days (FleetOptions::days)
     long long simulatedMillis = 0;
     std::map<std::string, OfferTotals> offers;   ///< by "eventId@placeId"
     std::map<std::string, long long> requests;   ///< by endpoint path
@@ -87,8 +101,8 @@ struct FleetAggregate {
     long long timeStalled = 0;
     std::optional<std::pair<std::size_t, std::string>> firstStop;  ///< device and message
 
-    /// Folds in one device's run. The owner's thread.
-    void add(std::size_t device, const Route& route, const SimOutcome& outcome);
+    /// Folds in one device's trips, a day each, in order. The owner's thread.
+    void add(std::size_t device, std::span<const Trip> trips);
     /// Folds in another aggregate (of other devices); the result does not depend on the order. The
     /// owner's thread.
     void merge(const FleetAggregate& other);
@@ -102,10 +116,15 @@ struct FleetAggregate {
     [[nodiscard]] nlohmann::json toJson() const;
     /// The terminal summary. Any thread.
     void printSummary(std::ostream& out) const;
+
+  private:
+    void addDay(const SimOutcome& outcome);
 };
 
-/// One line of the devices file: the device's route, counts, GPS-on time and outcomes. Pure.
-nlohmann::json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcome);
+/// One line of the devices file: the device's route, counts, GPS-on time and outcomes of one day (a
+/// "day" member from 0 when the fleet runs several). Pure.
+nlohmann::json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcome,
+                          std::optional<std::size_t> day = std::nullopt);
 
 /// Runs the fleet: devices spread over `jobs` threads, each device its own environment, virtual
 /// backend and preferences, against one embedded service in process (or options.device.serviceURL).

@@ -46,9 +46,10 @@ std::vector<OfferChange> compareFleets(const FleetAggregate& draft, const FleetA
 
 void printComparison(const std::vector<OfferChange>& changes, const FleetAggregate& draft,
                      const FleetAggregate& live, std::ostream& out) {
-    out << draft.devices << " devices, the same on both sides: " << live.deliveries() << " deliveries live, "
-        << draft.deliveries() << " with the draft (" << signedCount(draft.deliveries() - live.deliveries())
-        << ")\n";
+    out << draft.devices << " devices"
+        << (draft.days > 1 ? " over " + std::to_string(draft.days) + " days" : "")
+        << ", the same on both sides: " << live.deliveries() << " deliveries live, " << draft.deliveries()
+        << " with the draft (" << signedCount(draft.deliveries() - live.deliveries()) << ")\n";
     std::size_t unchanged = 0;
     for (const OfferChange& c : changes) {
         if (c.draft == c.live && c.reasons.empty() && c.namedDraft == c.namedLive) {
@@ -90,6 +91,7 @@ nlohmann::json comparisonJson(const std::vector<OfferChange>& changes, const Fle
                           {"reasons", c.reasons}});
     }
     return {{"devices", draft.devices},
+            {"days", draft.days},
             {"deliveries", {{"draft", draft.deliveries()}, {"live", live.deliveries()}}},
             {"offers", std::move(offers)}};
 }

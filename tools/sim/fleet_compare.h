@@ -18,7 +18,7 @@ struct OfferChange {
     long long live = 0;
     long long namedDraft = 0;  ///< devices the service named the offer to (0: left out of its answers)
     long long namedLive = 0;
-    /// Devices per outcome word (OfferTotals::why) whose count changed: draft minus live, by word.
+    /// Device-days per outcome word (OfferTotals::why) whose count changed: draft minus live, by word.
     std::map<std::string, long long> reasons;
 };
 
@@ -31,7 +31,8 @@ std::vector<OfferChange> compareFleets(const FleetAggregate& draft, const FleetA
 void printComparison(const std::vector<OfferChange>& changes, const FleetAggregate& draft,
                      const FleetAggregate& live, std::ostream& out);
 
-/// The same as JSON: {"devices", "deliveries": {"draft", "live"}, "offers": [...]}, every offer listed.
+/// The same as JSON: {"devices", "days", "deliveries": {"draft", "live"}, "offers": [...]}, every offer
+/// listed.
 nlohmann::json comparisonJson(const std::vector<OfferChange>& changes, const FleetAggregate& draft,
                               const FleetAggregate& live);
 

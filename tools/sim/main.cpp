@@ -251,6 +251,12 @@ int main(int argc, char** argv) {
     std::string compare;
     fleet->add_option("--devices", devices, "How many devices (default 100)")
         ->check(CLI::Range(1, 100'000'000));
+    std::size_t days = 1;
+    fleet
+        ->add_option("--days", days,
+                     "Each device makes its trip once a day for this many days, keeping its identifier and "
+                     "preferences, so that caps per day and week count across them (default 1)")
+        ->check(CLI::Range(1, 366));
     fleet->add_option("--routes", routes,
                       "A folder of routes (.gpx, .nmea, .csv); device i takes them in turn");
     fleet
@@ -407,6 +413,7 @@ int main(int argc, char** argv) {
         tovrel::sim::FleetOptions fleetOptions;
         fleetOptions.device = options;
         fleetOptions.devices = devices;
+        fleetOptions.days = days;
         fleetOptions.jobs = jobs;
         fleetOptions.seed = arguments.seed;
         fleetOptions.gpsNoise = arguments.gpsNoise;

@@ -368,6 +368,10 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         }
         vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
     }
+    if (options.carried != nullptr && !options.carried->advertisingIdentifier.empty()) {
+        advertisingIdentifier = options.carried->advertisingIdentifier;
+        vp.preferences->restore(options.carried->preferences);
+    }
     if (advertisingIdentifier.empty()) {
         advertisingIdentifier = tovrel::sim::advertisingIdentifier(options.deviceSeed);
     }
@@ -644,6 +648,9 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
         writeJsonFile(*options.stateDir / "preferences.json", vp.preferences->snapshot());
         writeJsonFile(*options.stateDir / "device.json",
                       json{{"advertisingIdentifier", advertisingIdentifier}});
+    }
+    if (options.carried != nullptr) {
+        *options.carried = {advertisingIdentifier, vp.preferences->snapshot()};
     }
 
     OutcomeContext context{options.presentNotifications, {}};

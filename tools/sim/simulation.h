@@ -30,6 +30,13 @@ constexpr double kDefaultStartTime = 1780304400.0;
 /// anything else. Pure.
 std::optional<double> parseInstant(std::string_view text);
 
+/// What a device keeps from one run to the next: its identifier and its stored preferences (the
+/// component's session, delivered offers and settings among them).
+struct CarriedState {
+    std::string advertisingIdentifier;  ///< empty: not carried yet
+    nlohmann::json preferences;         ///< null: none stored yet
+};
+
 struct SimOptions {
     /// The instant the route's time 0 is, in seconds since 1970 (`--start`).
     double startTime = kDefaultStartTime;
@@ -46,6 +53,9 @@ struct SimOptions {
     AlertAnswer answer = AlertAnswer::kView;
     bool tapNotifications = false;
     std::optional<std::filesystem::path> stateDir;
+    /// Like stateDir, in memory: read at the start when it holds a device, written at the end. The
+    /// caller's, on the run's thread while it runs.
+    CarriedState* carried = nullptr;
     double lingerSeconds = 0;
     bool terminate = false;
     bool realtime = false;

@@ -1,5 +1,5 @@
 import { admin, ApiError, type Problem } from '../api';
-import { h, labelCells, replace } from '../dom';
+import { h, labelCells, replace, select } from '../dom';
 import { showMessage, toast } from '../forms';
 
 const MAX_BYTES = 1024 * 1024;
@@ -19,6 +19,7 @@ export interface PreviewOffer {
 
 export interface PreviewAnswer {
   devices: number;
+  days: number;
   deliveries: { live: number; draft: number };
   offers: PreviewOffer[];
 }
@@ -28,6 +29,13 @@ export function changedOffers(offers: readonly PreviewOffer[]): PreviewOffer[] {
   return offers
     .filter((o) => o.change !== 0 || o.namedLive !== o.namedDraft)
     .sort((a, b) => Math.abs(b.change) - Math.abs(a.change) || Math.abs(b.namedDraft - b.namedLive) - Math.abs(a.namedDraft - a.namedLive) || a.eventId.localeCompare(b.eventId));
+}
+
+/** The line above a preview's table: who was simulated, for how long, and the deliveries on each side. */
+export function previewSummary(a: PreviewAnswer, fileName: string): string {
+  const over = a.days > 1 ? ` over ${a.days} days` : '';
+  const d = a.deliveries.draft - a.deliveries.live;
+  return `${a.devices} simulated devices${over}, the same on both sides: ${a.deliveries.live} deliveries now, ${a.deliveries.draft} with ${fileName} (${signed(d)}).`;
 }
 
 /** "+3", "−2" or "0": a signed change as the table shows it. */
@@ -63,6 +71,14 @@ export function mountImport(root: HTMLElement): () => void {
   const dryRun = h('button', { type: 'button', class: 'primary', disabled: true }, 'Check (dry run)');
   const publish = h('button', { type: 'button', class: 'primary', disabled: true }, 'Publish');
   const previewButton = h('button', { type: 'button', disabled: true }, 'Preview');
+  const previewDays = select(
+    [
+      ['1', 'over one day'],
+      ['7', 'over one week'],
+    ],
+    '1',
+    { id: 'preview-days', 'aria-label': 'Preview over' },
+  );
   const preview = h('div', { class: 'preview-result', 'aria-live': 'polite' });
   const error = h('p', { class: 'form-error', role: 'alert', hidden: true });
   const result = h('div', { class: 'import-result', 'aria-live': 'polite' });
@@ -78,7 +94,7 @@ export function mountImport(root: HTMLElement): () => void {
       drop,
       chosen,
       error,
-      h('div', { class: 'actions' }, dryRun, previewButton, publish),
+      h('div', { class: 'actions' }, dryRun, previewButton, previewDays, publish),
       result,
       preview,
     ),
@@ -168,13 +184,12 @@ export function mountImport(root: HTMLElement): () => void {
   }
 
   function previewTable(a: PreviewAnswer): HTMLElement {
-    const d = a.deliveries.draft - a.deliveries.live;
     const changed = changedOffers(a.offers);
     return h(
       'section',
       { class: 'preview', 'aria-labelledby': 'preview-title' },
       h('h3', { id: 'preview-title' }, 'What publishing would change'),
-      h('p', { class: 'preview-summary' }, `${a.devices} simulated devices, the same on both sides: ${a.deliveries.live} deliveries now, ${a.deliveries.draft} with ${fileName} (${signed(d)}).`),
+      h('p', { class: 'preview-summary' }, previewSummary(a, fileName)),
       changed.length
         ? h('div', { class: 'table-wrap' }, labelCells(h(
             'table',
@@ -214,9 +229,9 @@ export function mountImport(root: HTMLElement): () => void {
     if (text === null || !checked) return;
     previewButton.disabled = true;
     error.hidden = true;
-    replace(preview, h('p', { class: 'meta' }, 'Running the same devices over both catalogues… (a few seconds)'));
+    replace(preview, h('p', { class: 'meta' }, 'Running the same devices over both catalogues… (some seconds)'));
     try {
-      const a = await admin.postRaw<PreviewAnswer>('preview?import=1', text);
+      const a = await admin.postRaw<PreviewAnswer>(`preview?import=1&days=${previewDays.value}`, text);
       replace(preview, previewTable(a.data));
     } catch (e) {
       replace(preview);

@@ -19,6 +19,15 @@ using Clock = std::function<double()>;
 /// The wall clock, as seconds since 1970.
 double wallClock();
 
+/// What one preview compares: the draft place file against the live one (the catalogue as it is), with
+/// devices starting at `now` and making their trip once a day for `days` days.
+struct PreviewJob {
+    std::string draftFile;
+    std::string liveFile;
+    double now = 0;
+    std::size_t days = 1;
+};
+
 /// What an embedded or stand-alone server needs to run.
 struct ServerOptions {
     /// SQLite database file; ":memory:" keeps everything in this process only; a postgresql://
@@ -126,11 +135,10 @@ struct ServerOptions {
     std::string logLevel = "info";
     /// One line per request (method, path, status, bytes, microseconds, remote address).
     bool accessLog = false;
-    /// Runs a preview: the draft place file against the live one (the catalogue as it is) with devices
-    /// starting at `now`, answering the comparison as JSON; throws PreviewRefused. Set by a program that
+    /// Runs a preview, answering the comparison as JSON; throws PreviewRefused. Set by a program that
     /// links the simulator (tovrel-server does); unset, POST /admin/v1/preview answers 501. Called on a
     /// thread of its own, one preview at a time.
-    std::function<std::string(const std::string& draftFile, const std::string& liveFile, double now)> preview;
+    std::function<std::string(const PreviewJob&)> preview;
 };
 
 /// Why a preview was not answered: its HTTP status (400: the draft is unusable; 422: it needs more than

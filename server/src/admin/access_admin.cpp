@@ -19,20 +19,6 @@ using nlohmann::json;
 constexpr int64_t kAuditPage = 100;
 constexpr int64_t kLongestAuditPage = 1000;
 
-// A whole number of the query, at least 1; `fallback` when absent.
-int64_t countParameter(std::string_view target, std::string_view name, int64_t fallback) {
-    const std::string text = queryValue(target, name);
-    if (text.empty()) {
-        return fallback;
-    }
-    int64_t value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || value < 1) {
-        throw ApiError(400, std::string(name) + " must be a whole number from 1");
-    }
-    return value;
-}
-
 json tokenJson(const StoredToken& t) {
     return {{"name", t.name}, {"role", t.role}, {"createdAt", t.createdAt}, {"createdBy", t.createdBy}};
 }

@@ -38,6 +38,8 @@ namespace {
 constexpr std::string_view kPrefix = "/admin/v1/";
 constexpr int kDefaultPageSize = 100;
 constexpr int kMaxPageSize = 1000;
+// Four weeks: enough for caps per week to bite a few times over.
+constexpr int64_t kLongestPreviewDays = 28;
 
 HttpReply jsonReply(unsigned status, const json& body) {
     HttpReply reply;
@@ -745,8 +747,7 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
             });
             respond(std::move(reply));
         };
-        return preview(std::string(request.body), queryValue(request.target, "import") == "1",
-                       std::move(audited));
+        return preview(std::string(request.body), std::string(request.target), std::move(audited));
     }
     const bool posted =
         work_.post([this, respond, authorized = std::get<Authorized>(std::move(verdict)),
@@ -765,41 +766,44 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
     }
 }
 
-void AdminHandler::preview(std::string body, bool asImport, Respond respond) {
+void AdminHandler::preview(std::string body, std::string target, Respond respond) {
     if (!previews_.available()) {
         return respond(errorReply(501,
                                   "this server runs no previews: tovrel-server does, an embedded server "
                                   "needs ServerOptions::preview"));
     }
-    const bool posted = work_.post([this, body = std::move(body), asImport, respond]() mutable {
-        try {
-            json draft = parseObjectBody(body, 64);
-            if (draft.contains("properties") && !draft["properties"].is_object()) {
-                throw ApiError(400, "the draft's properties must be an object");
+    const bool posted =
+        work_.post([this, body = std::move(body), target = std::move(target), respond]() mutable {
+            try {
+                const auto days =
+                    static_cast<std::size_t>(countParameter(target, "days", 1, kLongestPreviewDays));
+                json draft = parseObjectBody(body, 64);
+                if (draft.contains("properties") && !draft["properties"].is_object()) {
+                    throw ApiError(400, "the draft's properties must be an object");
+                }
+                json live =
+                    service_.change([](Store& store) { return exportCatalogue(store, std::nullopt); }, false);
+                if (queryValue(target, "import") == "1") {
+                    draft = mergeImport(live, draft);
+                }
+                // Both sides' devices use one app of the preview's own: the sides differ in their campaigns,
+                // places and offers alone.
+                const json apps = json::array({{{"key", kPreviewAppKey}, {"name", "Preview"}}});
+                draft["properties"]["apps"] = apps;
+                live["properties"]["apps"] = apps;
+                if (!previews_.start(draft.dump(-1, ' ', false, json::error_handler_t::replace),
+                                     live.dump(-1, ' ', false, json::error_handler_t::replace),
+                                     service_.now(), days, respond)) {
+                    HttpReply busy = errorReply(429, "a preview is running; try again when it ends");
+                    busy.retryAfter = "5";
+                    respond(std::move(busy));
+                }
+            } catch (const ApiError& e) {
+                respond(errorReply(e.status(), e.what()));
+            } catch (const std::exception& e) {
+                respond(errorReply(503, std::string("the catalogue cannot be read: ") + e.what()));
             }
-            json live =
-                service_.change([](Store& store) { return exportCatalogue(store, std::nullopt); }, false);
-            if (asImport) {
-                draft = mergeImport(live, draft);
-            }
-            // Both sides' devices use one app of the preview's own: the sides differ in their campaigns,
-            // places and offers alone.
-            const json apps = json::array({{{"key", kPreviewAppKey}, {"name", "Preview"}}});
-            draft["properties"]["apps"] = apps;
-            live["properties"]["apps"] = apps;
-            if (!previews_.start(draft.dump(-1, ' ', false, json::error_handler_t::replace),
-                                 live.dump(-1, ' ', false, json::error_handler_t::replace), service_.now(),
-                                 respond)) {
-                HttpReply busy = errorReply(429, "a preview is running; try again when it ends");
-                busy.retryAfter = "5";
-                respond(std::move(busy));
-            }
-        } catch (const ApiError& e) {
-            respond(errorReply(e.status(), e.what()));
-        } catch (const std::exception& e) {
-            respond(errorReply(503, std::string("the catalogue cannot be read: ") + e.what()));
-        }
-    });
+        });
     if (!posted) {
         HttpReply reply = errorReply(503, "the admin queue is full");
         reply.retryAfter = "1";

@@ -71,10 +71,10 @@ class AdminHandler : public RequestHandler {
     /// Admin thread.
     HttpReply administer(const Authorized& request, const std::string& method, const std::string& target,
                          const std::string& body, const std::string& ifMatch);
-    /// POST /admin/v1/preview: the draft in `body` (with `asImport`, ?import=1: the catalogue as it would be
-    /// after importing it) against the catalogue as it is, on the preview's thread; 429 while another
-    /// preview runs. Any connection thread.
-    void preview(std::string body, bool asImport, Respond respond);
+    /// POST /admin/v1/preview: the draft in `body` (with ?import=1 in `target`: the catalogue as it would
+    /// be after importing it) against the catalogue as it is, over ?days=N (1 to 28; 1 by default), on the
+    /// preview's thread; 429 while another preview runs. Any connection thread.
+    void preview(std::string body, std::string target, Respond respond);
     /// Writes a change to the audit trail; a failure is logged, the answer stands. Admin thread.
     void audit(const AdminIdentity& who, std::string_view action, const std::vector<std::string>& parts,
                const std::string& body, unsigned status);

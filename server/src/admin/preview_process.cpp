@@ -73,14 +73,17 @@ Ended waitFor(pid_t child, double cpuSeconds, double wallSeconds) {
     }
 }
 
-std::string run(const PreviewProgram& program, const std::string& draft, const std::string& live,
-                double now) {
+std::string run(const PreviewProgram& program, const PreviewJob& job) {
+    // The budget is in device-days: a longer preview runs fewer devices in the same time.
+    const std::size_t days = std::max<std::size_t>(job.days, 1);
+    const std::size_t devices = std::max<std::size_t>(program.devices / days, 1);
     const std::vector<std::string> arguments{program.path, "fleet",
-                                             "--places",   draft,
-                                             "--compare",  live,
-                                             "--devices",  std::to_string(program.devices),
+                                             "--places",   job.draftFile,
+                                             "--compare",  job.liveFile,
+                                             "--devices",  std::to_string(devices),
+                                             "--days",     std::to_string(days),
                                              "--seed",     std::to_string(program.seed),
-                                             "--start",    isoTime(now),
+                                             "--start",    isoTime(job.now),
                                              "--sdk-key",  std::string(kPreviewAppKey),
                                              "--jobs",     "1",
                                              "--quiet",    "--json"};
@@ -104,8 +107,9 @@ std::string run(const PreviewProgram& program, const std::string& draft, const s
     }
     const auto [status, overBudget] = waitFor(child, program.cpuSeconds, 3 * program.cpuSeconds + 30);
     if (overBudget) {
-        throw PreviewRefused(422, "the preview of " + std::to_string(program.devices) +
-                                      " devices needs more than " +
+        throw PreviewRefused(422, "the preview of " + std::to_string(devices) + " devices over " +
+                                      std::to_string(days) + (days == 1 ? " day" : " days") +
+                                      " needs more than " +
                                       std::to_string(static_cast<long long>(std::ceil(program.cpuSeconds))) +
                                       " s of CPU time");
     }
@@ -157,9 +161,7 @@ std::string findSimulator() {
 }
 
 PreviewRunner::Preview previewInProcess(PreviewProgram program) {
-    return [program = std::move(program)](const std::string& draft, const std::string& live, double now) {
-        return run(program, draft, live, now);
-    };
+    return [program = std::move(program)](const PreviewJob& job) { return run(program, job); };
 }
 
 }  // namespace tovrel::server

@@ -31,7 +31,8 @@ PreviewRunner::~PreviewRunner() {
     }
 }
 
-bool PreviewRunner::start(std::string draft, std::string live, double now, Respond respond) {
+bool PreviewRunner::start(std::string draft, std::string live, double now, std::size_t days,
+                          Respond respond) {
     if (busy_.exchange(true)) {
         return false;
     }
@@ -40,8 +41,8 @@ bool PreviewRunner::start(std::string draft, std::string live, double now, Respo
         thread_.join();
     }
     thread_ = std::thread(
-        [this, draft = std::move(draft), live = std::move(live), now, respond = std::move(respond)] {
-            HttpReply answer = run(draft, live, now);
+        [this, draft = std::move(draft), live = std::move(live), now, days, respond = std::move(respond)] {
+            HttpReply answer = run(draft, live, now, days);
             // Free before the answer goes: a client that asks again at once finds no preview running.
             busy_ = false;
             respond(std::move(answer));
@@ -49,13 +50,14 @@ bool PreviewRunner::start(std::string draft, std::string live, double now, Respo
     return true;
 }
 
-HttpReply PreviewRunner::run(const std::string& draft, const std::string& live, double now) const {
+HttpReply PreviewRunner::run(const std::string& draft, const std::string& live, double now,
+                             std::size_t days) const {
     try {
         const TemporaryFile draftFile("tovrel-preview", ".geojson");
         draftFile.write(draft);
         const TemporaryFile liveFile("tovrel-preview", ".geojson");
         liveFile.write(live);
-        return reply(200, preview_(draftFile.path(), liveFile.path(), now));
+        return reply(200, preview_({draftFile.path(), liveFile.path(), now, days}));
     } catch (const PreviewRefused& refused) {
         return reply(refused.status(), errorJson(refused.what()));
     } catch (const std::exception& error) {

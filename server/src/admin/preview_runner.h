@@ -8,6 +8,7 @@
 
 #include "http/http_server.h"
 #include "tovrel/platform/thread_annotations.h"
+#include "tovrel_server/server.h"
 
 namespace tovrel::server {
 
@@ -19,8 +20,7 @@ inline constexpr std::string_view kPreviewAppKey = "tovrel-preview";
 /// that the admin thread goes on answering while one runs for its seconds of CPU time.
 class PreviewRunner {
   public:
-    using Preview =
-        std::function<std::string(const std::string& draftFile, const std::string& liveFile, double now)>;
+    using Preview = std::function<std::string(const PreviewJob&)>;
 
     /// `preview` unset: there are no previews (available() is false).
     explicit PreviewRunner(Preview preview);
@@ -31,13 +31,14 @@ class PreviewRunner {
 
     /// Any thread.
     bool available() const { return static_cast<bool>(preview_); }
-    /// Starts a preview of `draft` (a place file) against `live` (the catalogue as it is) with devices
-    /// starting at `now`; its answer (200 with the comparison, 400 or 422 with PreviewRefused's words) goes
-    /// to `respond` from the preview's thread. False when a preview runs already. Any thread.
-    bool start(std::string draft, std::string live, double now, Respond respond);
+    /// Starts a preview of `draft` (a place file's text) against `live` (the catalogue as it is) with
+    /// devices starting at `now` for `days` days; its answer (200 with the comparison, 400 or 422 with
+    /// PreviewRefused's words) goes to `respond` from the preview's thread. False when a preview runs
+    /// already. Any thread.
+    bool start(std::string draft, std::string live, double now, std::size_t days, Respond respond);
 
   private:
-    HttpReply run(const std::string& draft, const std::string& live, double now) const;
+    HttpReply run(const std::string& draft, const std::string& live, double now, std::size_t days) const;
 
     const Preview preview_;
     std::atomic<bool> busy_{false};

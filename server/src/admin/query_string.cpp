@@ -1,5 +1,8 @@
 #include "admin/query_string.h"
 
+#include <charconv>
+
+#include "common/request_fields.h"
 #include "http/static_files.h"
 
 namespace tovrel::server {
@@ -23,6 +26,20 @@ std::string queryValue(std::string_view target, std::string_view name) {
         query.remove_prefix(amp + 1);
     }
     return {};
+}
+
+int64_t countParameter(std::string_view target, std::string_view name, int64_t fallback, int64_t most) {
+    const std::string text = queryValue(target, name);
+    if (text.empty()) {
+        return fallback;
+    }
+    int64_t value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || value < 1 || value > most) {
+        throw ApiError(400, std::string(name) + " must be a whole number from 1" +
+                                (most < INT64_MAX ? " to " + std::to_string(most) : std::string()));
+    }
+    return value;
 }
 
 }  // namespace tovrel::server
