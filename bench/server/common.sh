@@ -54,3 +54,36 @@ wait_for_port() {
 median() {
     printf '%s\n' "$@" | sort -g | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : (a[NR / 2] + a[NR / 2 + 1]) / 2}'
 }
+
+# start_postgres DIR: initdb in DIR/pg (as "nobody" when run as root), starts PostgreSQL on a free port
+# of 127.0.0.1 (durable settings: fsync and synchronous commit on), creates the database "bench" and
+# sets pg_port, pg_bin and pg_db (its address). The server is stopped with the script.
+start_postgres() {
+    local dir=$1
+    pg_bin=$(dirname "$(ls /usr/lib/postgresql/*/bin/postgres | tail -1)")
+    mkdir -p "$dir/pg"
+    if [[ $(id -u) -eq 0 ]]; then
+        chown nobody "$dir/pg"
+        chmod a+x "$dir"
+    fi
+    as_db_user "$pg_bin/initdb" -D "$dir/pg/data" -A trust -U postgres -E UTF8 --locale=C >/dev/null
+    pg_port=$(free_port)
+    as_db_user "$pg_bin/postgres" -D "$dir/pg/data" -k "$dir/pg" -p "$pg_port" -c listen_addresses=127.0.0.1 \
+        >"$dir/pg/log" 2>&1 &
+    pids+=($!)
+    wait_for_port "$pg_port"
+    for _ in $(seq 50); do
+        psql -q -h 127.0.0.1 -p "$pg_port" -U postgres -c "CREATE DATABASE bench" 2>/dev/null && break
+        sleep 0.2
+    done
+    pg_db="postgresql://postgres@127.0.0.1:$pg_port/bench"
+}
+
+# as_db_user CMD...: runs CMD as "nobody" when run as root (PostgreSQL refuses root), else as is.
+as_db_user() {
+    if [[ $(id -u) -eq 0 ]]; then
+        runuser -u nobody -- "$@"
+    else
+        "$@"
+    fi
+}

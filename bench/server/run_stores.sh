@@ -36,35 +36,14 @@ DURATION=${DURATION:-5s}
 install_packages wrk postgresql postgresql-15-postgis-3
 build_targets "$BUILD_DIR" tovrel-server
 server="$BUILD_DIR/server/tovrel-server"
-pg_bin=$(dirname "$(ls /usr/lib/postgresql/*/bin/postgres | tail -1)")
 
 tmp=$(mktemp -d "${WORK_DIR:-${TMPDIR:-/tmp}}/tovrel-stores.XXXXXX")
 stop_on_exit "$tmp"
 
-as_db_user() {
-    if [[ $(id -u) -eq 0 ]]; then
-        runuser -u nobody -- "$@"
-    else
-        "$@"
-    fi
-}
-
 echo "writing $PLACES places"
 python3 bench/server/make_places.py "$PLACES" "$tmp/places.geojson"
 
-mkdir -p "$tmp/pg"
-[[ $(id -u) -eq 0 ]] && chown nobody "$tmp/pg" && chmod a+x "$tmp"
-as_db_user "$pg_bin/initdb" -D "$tmp/pg/data" -A trust -U postgres -E UTF8 --locale=C >/dev/null
-pg_port=$(free_port)
-as_db_user "$pg_bin/postgres" -D "$tmp/pg/data" -k "$tmp/pg" -p "$pg_port" -c listen_addresses=127.0.0.1 \
-    >"$tmp/pg/log" 2>&1 &
-pids+=($!)
-wait_for_port "$pg_port"
-for _ in $(seq 50); do
-    psql -q -h 127.0.0.1 -p "$pg_port" -U postgres -c "CREATE DATABASE bench" 2>/dev/null && break
-    sleep 0.2
-done
-pg_db="postgresql://postgres@127.0.0.1:$pg_port/bench"
+start_postgres "$tmp"
 sqlite_db="$tmp/bench.db"
 
 seconds_since() { # START_NS

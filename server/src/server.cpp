@@ -51,6 +51,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.retainSessionsDays = o.retainSessionsDays;
     s.retainAuditDays = o.retainAuditDays;
     s.changeCheckSeconds = o.changeCheckSeconds;
+    s.groupCommit = o.groupCommit;
     s.catalogChangesInPlace = o.catalogChangesInPlace;
     s.controlGroupKey = o.controlGroupKey;
     return s;

@@ -354,7 +354,9 @@ int main(int argc, char** argv) {
             "on PATH); "
             "none: previews answer 501")
         ->envname("TOVREL_PREVIEW_PROGRAM");
-    serveCmd->add_option("--preview-devices", preview.devices, "Device-days a preview runs over each catalogue (over ?days=D: this many / D devices)")
+    serveCmd
+        ->add_option("--preview-devices", preview.devices,
+                     "Device-days a preview runs over each catalogue (over ?days=D: this many / D devices)")
         ->capture_default_str()
         ->envname("TOVREL_PREVIEW_DEVICES")
         ->check(CLI::Range(1, 100000));
@@ -406,6 +408,12 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->envname("TOVREL_CHANGE_CHECK_INTERVAL")
         ->check(CLI::Range(0.05, 3600.0));
+    serveCmd
+        ->add_option("--group-commit", serveOptions.groupCommit,
+                     "With PostgreSQL: tag and log writes that arrive together share one commit (off: each "
+                     "commits alone)")
+        ->capture_default_str()
+        ->envname("TOVREL_GROUP_COMMIT");
     serveCmd
         ->add_option("--session-ttl", serveOptions.sessionTtl,
                      "Seconds a session key stays valid (401 after); 0: for ever")

@@ -1,6 +1,6 @@
-// What only the shared PostgreSQL store does: servers linking the same pair at the same instant,
-// replicas following each other's changes (and operators' SQL), the database going away and coming
-// back, migrations taken in turn and a schema newer than the program.
+// What only the shared PostgreSQL store does: servers linking the same pair at the same instant, writes
+// sharing commits, replicas following each other's changes (and operators' SQL), the database going away
+// and coming back, migrations taken in turn and a schema newer than the program.
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "store/postgres/pg_group_commit.h"
 #include "store/postgres/pg_store.h"
 #include "support/wait_until.h"
 #include "test_postgres.h"
@@ -407,6 +408,43 @@ TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
     EXPECT_EQ(fx.link(key, "12", "1").status, 200);
     EXPECT_EQ(probes.get("/readyz").status, 200);
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT count(*) FROM device_tags"), std::vector<std::string>{"1"});
+}
+
+TEST_F(Postgres, WritesArrivingTogetherShareACommitAndABadOneFailsAlone) {
+    const std::string db = TestPostgres::shared()->newDatabase();
+    PgPool pool(db, 5000, 3);
+    PgGroupCommit group(pool);
+    pool.acquire()->exec("CREATE TABLE grouped(n int PRIMARY KEY CHECK (n <> 13))");
+    constexpr int kThreads = 16;
+    constexpr int kEach = 25;
+    std::atomic<int> refused{0};
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready < kThreads) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < kEach; ++i) {
+                try {
+                    group.execute(statement("INSERT INTO grouped VALUES($1)", t * kEach + i));
+                } catch (const PgError& e) {
+                    EXPECT_EQ(e.sqlState(), "23514") << e.what();
+                    ++refused;
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    // Every write but the one the check refuses is there, though it shared a transaction with it.
+    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"399"});
+    const PgGroupCommit::Counts counts = group.counts();
+    EXPECT_EQ(counts.writes, std::size_t{kThreads * kEach});
+    EXPECT_LT(counts.commits, counts.writes / 2) << "writes from 16 threads at once did not share commits";
 }
 
 TEST_F(Postgres, ServersStartingTogetherMigrateInTurnAndANewerSchemaIsRefused) {

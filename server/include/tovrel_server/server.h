@@ -87,6 +87,9 @@ struct ServerOptions {
     /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
     /// change notification was missed (notifications themselves arrive at once).
     double changeCheckSeconds = 5;
+    /// With PostgreSQL: tag and log writes that arrive together share one transaction and one commit;
+    /// each is answered once that commit is done. Off: each commits alone (for comparison).
+    bool groupCommit = true;
     /// The most places, offers and campaigns a catalogue change may touch to be applied in memory in
     /// place; a larger one (an import) reads the whole catalogue again. Once five times this many are
     /// held beside the shared part, the whole catalogue is read again in the background.

@@ -51,7 +51,7 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
       metrics_(metrics),
       logger_(logger),
       store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays,
-                                              options.changeCheckSeconds})),
+                                              options.changeCheckSeconds, options.groupCommit})),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
     // A key held in memory must not outlive its row.

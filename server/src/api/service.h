@@ -58,6 +58,8 @@ struct ServiceOptions {
     int retainSessionsDays = 0;
     /// Days kept of the admin API's audit trail; 0 keeps it.
     int retainAuditDays = 0;
+    /// Writes of one statement that arrive together share a commit (see StoreOptions).
+    bool groupCommit = true;
     /// Seconds between checks of a shared store's catalogue version (see StoreOptions).
     double changeCheckSeconds = 5;
     /// The most changed rows applied to the catalogue in place (see ServerOptions).
@@ -192,7 +194,7 @@ class Service : private ChangeListener {
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     bool databaseReachable();
     /// Database threads worth running: more than one where the store takes writes at once. Any thread.
-    int databaseThreads() const { return concurrentStore().concurrency(); }
+    int databaseThreads() const { return concurrentStore().databaseThreads(); }
 
   private:
     struct LinkInfo {

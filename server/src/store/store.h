@@ -205,6 +205,9 @@ class Store {
     /// Threads that may run the store's operations at once (its connections): 1 unless the store is
     /// thread-safe. Writes that touch nothing held in memory then run without the writers' lock.
     virtual int concurrency() const { return 1; }
+    /// Database threads worth running: concurrency(), or more where writes wait for a shared commit
+    /// without holding a connection.
+    virtual int databaseThreads() const { return concurrency(); }
     /// Every enabled campaign, offer and place (apps are not read), from one consistent snapshot.
     virtual CatalogData readCatalog() = 0;
     /// What changed in the catalogue after version `since` (of a readCatalog() or of an earlier call),
@@ -265,6 +268,8 @@ struct StoreOptions {
     /// Seconds between checks of the catalogue's version by a change feed, in case a notification
     /// was missed.
     double changeCheckSeconds = 5;
+    /// Writes of one statement that arrive together share a commit (PostgreSQL).
+    bool groupCommit = true;
 };
 
 /// True when `location` names a PostgreSQL database (a postgresql:// or postgres:// address).

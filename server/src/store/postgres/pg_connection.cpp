@@ -131,6 +131,83 @@ PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgPara
     throw PgError("database error: " + message, state);
 }
 
+std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements) {
+    const auto lost = [this](const std::string& what) {
+        // Whatever the server still sends of this pipeline would be read by the next user: the
+        // connection is not handed out again.
+        closing_ = true;
+        std::string message = PQerrorMessage(conn_);
+        message.erase(message.find_last_not_of("\n ") + 1);
+        return DatabaseBusy("the database is unavailable (" + what + "): " + message);
+    };
+    if (PQenterPipelineMode(conn_) != 1) {
+        throw lost("pipeline");
+    }
+    struct Exit {
+        PGconn* conn;
+        ~Exit() { PQexitPipelineMode(conn); }
+    } exitPipeline{conn_};
+    std::vector<const char*> values;
+    for (const PgStatement* statement : statements) {
+        values.clear();
+        for (const PgParam& p : statement->params) {
+            values.push_back(p ? p->c_str() : nullptr);
+        }
+        if (PQsendQueryParams(conn_, statement->sql.c_str(), static_cast<int>(values.size()), nullptr,
+                              values.data(), nullptr, nullptr, 0) != 1) {
+            throw lost("send");
+        }
+    }
+    // Without BEGIN, everything up to the sync is one transaction, committed at the sync.
+    if (PQpipelineSync(conn_) != 1) {
+        throw lost("sync");
+    }
+    std::optional<PgRefusal> refusal;
+    std::optional<DatabaseBusy> unavailable;
+    for (std::size_t i = 0; i < statements.size(); ++i) {
+        PGresult* raw = PQgetResult(conn_);
+        if (raw == nullptr) {
+            throw lost("result");
+        }
+        const PgResult result(raw);
+        const ExecStatusType status = PQresultStatus(raw);
+        if (status == PGRES_FATAL_ERROR && !refusal && !unavailable) {
+            const char* stateField = PQresultErrorField(raw, PG_DIAG_SQLSTATE);
+            const std::string state = stateField ? stateField : "";
+            std::string message = PQresultErrorMessage(raw);
+            message.erase(message.find_last_not_of("\n ") + 1);
+            if (state.empty() || meansUnavailable(state)) {
+                unavailable.emplace("the database is unavailable: " + message);
+            } else {
+                refusal = PgRefusal{i, PgError("database error: " + message, state)};
+            }
+        }
+        // Each statement's results end with a null, but for an aborted one.
+        if (status != PGRES_PIPELINE_ABORTED && PQgetResult(conn_) != nullptr) {
+            throw lost("unexpected result");
+        }
+    }
+    // A commit that fails says so before the sync.
+    for (;;) {
+        PGresult* raw = PQgetResult(conn_);
+        if (raw == nullptr) {
+            throw lost("commit");
+        }
+        const ExecStatusType status = PQresultStatus(raw);
+        PQclear(raw);
+        if (status == PGRES_PIPELINE_SYNC) {
+            break;
+        }
+        if (status == PGRES_FATAL_ERROR && !unavailable) {
+            unavailable.emplace("the database did not commit");
+        }
+    }
+    if (unavailable) {
+        throw *unavailable;
+    }
+    return refusal;
+}
+
 PgTransaction::PgTransaction(PgConnection& conn, const char* begin) : conn_(conn) {
     conn_.exec(begin);
 }

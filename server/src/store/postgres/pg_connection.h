@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -76,6 +77,24 @@ PgParam pgParam(const std::optional<T>& v) {
     return v ? pgParam(*v) : std::nullopt;
 }
 
+/// One statement with parameters $1..$n, to be run later.
+struct PgStatement {
+    std::string sql;
+    std::vector<PgParam> params;
+};
+
+/// A statement of `sql` with these parameters.
+template <typename... Args>
+PgStatement statement(std::string sql, const Args&... args) {
+    return {std::move(sql), {pgParam(args)...}};
+}
+
+/// The statement that made a pipelined transaction fail, and PostgreSQL's words.
+struct PgRefusal {
+    std::size_t index = 0;
+    PgError error;
+};
+
 /// One connection to PostgreSQL. Not thread-safe; a pool hands it to one user at a time.
 class PgConnection {
   public:
@@ -93,6 +112,11 @@ class PgConnection {
         return execParams(sql, {pgParam(args)...});
     }
     PgResult execParams(std::string_view sql, const std::vector<PgParam>& params);
+    /// Sends every statement at once (pipeline mode) and runs them as one transaction, committed when
+    /// the last one succeeded and rolled back when one failed: one round trip and one commit for all.
+    /// nullopt when they committed; else the statement refused (nothing was written). Throws
+    /// DatabaseBusy when the connection fails or a refusal means "not now".
+    std::optional<PgRefusal> execTogether(std::span<const PgStatement* const> statements);
     /// False once the connection was lost, or the server said it is closing it; it is then replaced.
     bool healthy() const { return PQstatus(conn_) == CONNECTION_OK && !closing_; }
     /// The connection's socket, for waiting on notifications.

@@ -72,6 +72,9 @@ PgStore::PgStore(const std::string& location, const StoreOptions& options)
       options_(options),
       pool_(location, options.busyTimeoutMs, kPoolSize),
       origin_(randomKey()) {
+    if (options.groupCommit) {
+        group_.emplace(pool_);
+    }
     try {
         PgConnection conn(location, options.busyTimeoutMs);
         migratePg(conn);
@@ -210,12 +213,20 @@ void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
               std::to_string(device) + ' ' + origin_);
 }
 
+void PgStore::write(PgStatement statement) {
+    if (group_) {
+        group_->execute(std::move(statement));
+        return;
+    }
+    auto conn = pool_.acquire();
+    conn->execParams(statement.sql, statement.params);
+}
+
 void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
                      const std::string& value, double now) {
-    auto conn = pool_.acquire();
     const OutboxEvent event = deviceTagged(device, group, tag, value);
     // The tag and its event in one statement, as a status.
-    conn->exec(
+    write(statement(
         "WITH t AS (INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, "
         "$4, "
         "$5) ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
@@ -225,16 +236,15 @@ void PgStore::setTag(int64_t device, const std::string& group, const std::string
         "webhook_endpoints w WHERE " +
             takesType("w", "$9"),
         device, group, tag, value, now, newMessageId(), std::string(event.type), event.data.dump(),
-        typePattern(event.type));
+        typePattern(event.type)));
 }
 
 void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
-    auto conn = pool_.acquire();
-    conn->exec("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device, group,
-               tag);
+    write(statement("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device,
+                    group, tag));
 }
 
-void PgStore::ensureLogPartition(PgConnection& conn, double now) {
+void PgStore::ensureLogPartition(double now) {
     const int64_t dayNumber = utcDayNumber(now);
     {
         std::lock_guard lock(partitionsMutex_);
@@ -242,6 +252,8 @@ void PgStore::ensureLogPartition(PgConnection& conn, double now) {
             return;
         }
     }
+    auto lease = pool_.acquire();
+    PgConnection& conn = *lease;
     const std::string day = utcDay(now);
     std::string name = "log_messages_" + day;
     std::erase(name, '-');
@@ -272,13 +284,11 @@ void PgStore::ensureLogPartition(PgConnection& conn, double now) {
 
 void PgStore::addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
                      double now) {
-    auto conn = pool_.acquire();
-    ensureLogPartition(*conn, now);
-    const std::string day = utcDay(now);
-    conn->exec(
+    ensureLogPartition(now);
+    write(statement(
         "INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, $3, $4, "
         "$5)",
-        deviceId, eventName, message, now, day);
+        deviceId, eventName, message, now, utcDay(now)));
 }
 
 namespace {

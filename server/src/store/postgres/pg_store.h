@@ -6,6 +6,7 @@
 
 #include "store/postgres/pg_change_feed.h"
 #include "store/postgres/pg_connection.h"
+#include "store/postgres/pg_group_commit.h"
 #include "store/store.h"
 
 namespace tovrel::server {
@@ -20,6 +21,9 @@ class PgStore final : public Store {
     /// Database threads that write at once: a commit waits for the disk, and several commits share one
     /// flush.
     static constexpr int kWriters = 6;
+    /// Database threads with group commit: writes waiting for a shared commit hold no connection, and
+    /// the more wait together, the fewer commits.
+    static constexpr int kGroupedWriters = 64;
 
     /// Connects and brings the schema up to date (one replica at a time). Throws std::runtime_error.
     PgStore(const std::string& location, const StoreOptions& options);
@@ -43,6 +47,7 @@ class PgStore final : public Store {
     void writeApp(const AppDef& app, double now) override;
     bool concurrentCatalogReads() const override { return true; }
     int concurrency() const override { return kWriters; }
+    int databaseThreads() const override { return group_ ? kGroupedWriters : kWriters; }
     CatalogData readCatalog() override;
     std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
@@ -80,15 +85,18 @@ class PgStore final : public Store {
   private:
     /// The row of the device with this identifier.
     static std::optional<int64_t> findDevice(PgConnection& conn, const std::string& deviceId);
+    /// Runs a write of one statement: in a commit shared with the writes around it (group_), or alone.
+    void write(PgStatement statement);
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
     /// Creates the day's partition of the log messages unless this store already made sure of it, and
     /// then drops the days beyond the retention.
-    void ensureLogPartition(PgConnection& conn, double now);
+    void ensureLogPartition(double now);
 
     std::string location_;
     StoreOptions options_;
     PgPool pool_;
+    std::optional<PgGroupCommit> group_;  ///< StoreOptions::groupCommit
     std::string origin_;  ///< names this replica in its notifications, so that it skips its own
     std::mutex partitionsMutex_;
     std::set<int64_t> partitions_;  ///< days whose log partition exists
