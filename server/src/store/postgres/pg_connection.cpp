@@ -147,16 +147,31 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
         PGconn* conn;
         ~Exit() { PQexitPipelineMode(conn); }
     } exitPipeline{conn_};
+    // Each text is parsed and planned once per connection: a statement of its own is sent before its
+    // first use. Names are never reused, so a preparation lost with a failed pipeline cannot clash.
+    std::vector<std::string> preparing;  ///< texts prepared by this pipeline, in the order sent
+    std::vector<std::size_t> expected;   ///< per result in order: the statement it runs or prepares
     std::vector<const char*> values;
     for (const PgStatement* statement : statements) {
+        auto name = prepared_.find(statement->sql);
+        if (name == prepared_.end()) {
+            name = prepared_.emplace(statement->sql, "tovrel_" + std::to_string(++preparedCount_)).first;
+            if (PQsendPrepare(conn_, name->second.c_str(), statement->sql.c_str(),
+                              static_cast<int>(statement->params.size()), nullptr) != 1) {
+                throw lost("prepare");
+            }
+            preparing.push_back(statement->sql);
+            expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
+        }
         values.clear();
         for (const PgParam& p : statement->params) {
             values.push_back(p ? p->c_str() : nullptr);
         }
-        if (PQsendQueryParams(conn_, statement->sql.c_str(), static_cast<int>(values.size()), nullptr,
-                              values.data(), nullptr, nullptr, 0) != 1) {
+        if (PQsendQueryPrepared(conn_, name->second.c_str(), static_cast<int>(values.size()), values.data(),
+                                nullptr, nullptr, 0) != 1) {
             throw lost("send");
         }
+        expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
     }
     // Without BEGIN, everything up to the sync is one transaction, committed at the sync.
     if (PQpipelineSync(conn_) != 1) {
@@ -164,42 +179,41 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
     }
     std::optional<PgRefusal> refusal;
     std::optional<DatabaseBusy> unavailable;
-    for (std::size_t i = 0; i < statements.size(); ++i) {
+    std::size_t next = 0;
+    // Results come in the order sent, each followed by a null, until the sync's. An error after the
+    // last statement is the commit's.
+    for (int nulls = 0;;) {
         PGresult* raw = PQgetResult(conn_);
         if (raw == nullptr) {
-            throw lost("result");
+            if (++nulls > 2) {
+                throw lost("result");
+            }
+            continue;
         }
+        nulls = 0;
         const PgResult result(raw);
         const ExecStatusType status = PQresultStatus(raw);
-        if (status == PGRES_FATAL_ERROR && !refusal && !unavailable) {
-            const char* stateField = PQresultErrorField(raw, PG_DIAG_SQLSTATE);
-            const std::string state = stateField ? stateField : "";
-            std::string message = PQresultErrorMessage(raw);
-            message.erase(message.find_last_not_of("\n ") + 1);
-            if (state.empty() || meansUnavailable(state)) {
-                unavailable.emplace("the database is unavailable: " + message);
-            } else {
-                refusal = PgRefusal{i, PgError("database error: " + message, state)};
-            }
-        }
-        // Each statement's results end with a null, but for an aborted one.
-        if (status != PGRES_PIPELINE_ABORTED && PQgetResult(conn_) != nullptr) {
-            throw lost("unexpected result");
-        }
-    }
-    // A commit that fails says so before the sync.
-    for (;;) {
-        PGresult* raw = PQgetResult(conn_);
-        if (raw == nullptr) {
-            throw lost("commit");
-        }
-        const ExecStatusType status = PQresultStatus(raw);
-        PQclear(raw);
         if (status == PGRES_PIPELINE_SYNC) {
             break;
         }
-        if (status == PGRES_FATAL_ERROR && !unavailable) {
-            unavailable.emplace("the database did not commit");
+        const bool ofStatement = next < expected.size();
+        const std::size_t index = ofStatement ? expected[next++] : 0;
+        if (status != PGRES_FATAL_ERROR || refusal || unavailable) {
+            continue;
+        }
+        const char* stateField = PQresultErrorField(raw, PG_DIAG_SQLSTATE);
+        const std::string state = stateField ? stateField : "";
+        std::string message = PQresultErrorMessage(raw);
+        message.erase(message.find_last_not_of("\n ") + 1);
+        if (!ofStatement || state.empty() || meansUnavailable(state)) {
+            unavailable.emplace("the database is unavailable: " + message);
+        } else {
+            refusal = PgRefusal{index, PgError("database error: " + message, state)};
+        }
+    }
+    if (unavailable || refusal) {
+        for (const std::string& sql : preparing) {
+            prepared_.erase(sql);
         }
     }
     if (unavailable) {

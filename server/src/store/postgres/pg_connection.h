@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -134,6 +135,9 @@ class PgConnection {
     static void onNotice(void* self, const PGresult* notice);
 
     PGconn* conn_ = nullptr;
+    /// Statement names by text, of the statements execTogether() prepared on this connection.
+    std::unordered_map<std::string, std::string> prepared_;
+    std::uint64_t preparedCount_ = 0;
     bool closing_ = false;  ///< the server sent FATAL: its end of the stream may not have arrived yet
 };
 
