@@ -33,6 +33,8 @@ packages=(
     # in the cluster test; campaign schedules and quiet hours in the tz database's zones
     prometheus-cpp-dev zlib1g-dev libpq-dev postgresql postgresql-15-postgis-3 haproxy
     libhowardhinnant-date-dev tzdata
+    # the benchmark scripts' baselines, which the suite runs at tiny sizes (bench/server/*.sh --smoke)
+    nginx wrk redis-server libhiredis-dev time
     # linux backend: main loop, positions, reachability, notifications, identifiers
     libasio-dev libgps-dev gpsd libmnl-dev iproute2
     libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbus python3-gi uuid-dev

@@ -20,7 +20,8 @@ analysis (scripts/check-thread-safety.sh), then builds and tests:
      libcurl client, linux backend, a whole session on the linux backend, the C interface, the
      server's HTTP front and its connection limits)
   4. the optimised build and its CTest suite (in a full run without the server's HTTP suite and the
-     cluster test, which steps 2 and 3 ran)
+     cluster test, which steps 2 and 3 ran), every benchmark script and program among it at tiny
+     sizes (label bench) so that none rots
   5. the shared libraries as they ship (preset release, compiled from the optimised build's objects
      through ccache): installed into a temporary prefix, the embedding examples and the Python
      package built and run against it and an installed tovrel-server, the Debian packages installed

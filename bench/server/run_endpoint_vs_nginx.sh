@@ -2,14 +2,14 @@
 # Requests/s and CPU per request of POST /v2/place on tovrel-server against nginx answering the same
 # POST (a fixed 200, or the very same bytes), both on 127.0.0.1 and measured with wrk (2 threads, 8
 # and 64 connections). Starts both servers on free ports with their own files in a temporary folder
-# and stops them afterwards. Not run by CI.
+# and stops them afterwards. CI runs it in its smoke mode only.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 source bench/server/common.sh
 
 usage() {
     cat <<'USAGE'
-Usage: bench/server/run_endpoint_vs_nginx.sh [--help]
+Usage: bench/server/run_endpoint_vs_nginx.sh [--smoke] [--help]
 
 Installs nginx and wrk if missing, builds tovrel-server in $BUILD_DIR (default build/server), loads
 examples/places/munich.geojson and measures two place queries from the old town centre:
@@ -21,10 +21,12 @@ Each is run RUNS times (default 5) for DURATION (default 5s), alternating with n
 both and the median of the per-pair ratios are shown (pairs make a shared, busy machine less unfair).
 CPU per request is each server's user + system time over the wrk run (from /proc/PID/stat: every
 thread of tovrel-server; nginx's master and its workers) divided by the requests wrk completed.
+--smoke: one pair of one second each.
 Environment: BUILD_DIR, RUNS, DURATION, SERVER_THREADS (default 2).
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
+[[ "${1:-}" == "--smoke" ]] && RUNS=1 DURATION=1s
 
 BUILD_DIR=${BUILD_DIR:-build/server}
 RUNS=${RUNS:-5}

@@ -2,14 +2,14 @@
 # One replica of tovrel-server on PostgreSQL beside the same on SQLite, in one run: import of a
 # generated place file, start until ready, POST /v2/place requests/s (answered from the in-memory
 # index on both), sustained writes/s, and the time a place added through one PostgreSQL replica's
-# admin API takes to be answered by another. Not run by CI.
+# admin API takes to be answered by another. CI runs it in its smoke mode only.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 source bench/server/common.sh
 
 usage() {
     cat <<'USAGE'
-Usage: bench/server/run_stores.sh [--help]
+Usage: bench/server/run_stores.sh [--smoke] [--help]
 
 Installs wrk if missing, builds tovrel-server in $BUILD_DIR (default build/server), writes PLACES
 generated places (default 1,000,000; bench/server/make_places.py), starts a PostgreSQL cluster of
@@ -24,10 +24,12 @@ synchronous commit on) and then, for SQLite and for PostgreSQL:
   logs      POST /v1/log (one insert each; no per-device limit), the same way
 Then a second PostgreSQL replica is started and a place added through the first one's admin API;
 the time until the second answers it is printed (RUNS times).
+--smoke: 1,000 places, one pair of one second each, one place added.
 Environment: BUILD_DIR, PLACES, RUNS, DURATION, SERVER_THREADS (default 2), WORK_DIR.
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
+[[ "${1:-}" == "--smoke" ]] && PLACES=1000 RUNS=1 DURATION=1s
 
 BUILD_DIR=${BUILD_DIR:-build/server}
 PLACES=${PLACES:-1000000}

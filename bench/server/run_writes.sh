@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Writes per second on PostgreSQL with group commit and without it, in one run: the same server program
-# against the same database, alternating, each with 64 clients. Not run by CI but in its smoke mode.
+# against the same database, alternating, each with 64 clients. CI runs it in its smoke mode only.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 source bench/server/common.sh
@@ -23,9 +23,7 @@ Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, SERVER_THREADS (default 2),
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
-if [[ "${1:-}" == "--smoke" ]]; then
-    RUNS=1 DURATION=1s CONNECTIONS=8
-fi
+[[ "${1:-}" == "--smoke" ]] && RUNS=1 DURATION=1s CONNECTIONS=8
 
 BUILD_DIR=${BUILD_DIR:-build/server}
 RUNS=${RUNS:-5}

@@ -409,9 +409,10 @@ int main(int argc, char** argv) {
         ->envname("TOVREL_CHANGE_CHECK_INTERVAL")
         ->check(CLI::Range(0.05, 3600.0));
     serveCmd
-        ->add_option("--group-commit", serveOptions.groupCommit,
-                     "With PostgreSQL: tag and log writes that arrive together share one commit (off: each "
-                     "commits alone)")
+        ->add_option(
+            "--group-commit", serveOptions.groupCommit,
+            "With PostgreSQL: tag, status and log writes that arrive together share one commit (off: each "
+            "commits alone)")
         ->capture_default_str()
         ->envname("TOVREL_GROUP_COMMIT");
     serveCmd

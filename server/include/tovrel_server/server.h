@@ -87,7 +87,7 @@ struct ServerOptions {
     /// With a store shared by replicas: seconds between checks of the catalogue's version, in case a
     /// change notification was missed (notifications themselves arrive at once).
     double changeCheckSeconds = 5;
-    /// With PostgreSQL: tag and log writes that arrive together share one transaction and one commit;
+    /// With PostgreSQL: tag, status and log writes that arrive together share one transaction and commit;
     /// each is answered once that commit is done. Off: each commits alone (for comparison).
     bool groupCommit = true;
     /// The most places, offers and campaigns a catalogue change may touch to be applied in memory in

@@ -176,22 +176,21 @@ std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
 }
 
 void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
-    auto conn = pool_.acquire();
     const std::string_view type = statusEventType(status);
     if (type.empty()) {
-        conn->exec("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)",
-                   deviceEvent, status, now);
+        write(statement("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)",
+                        deviceEvent, status, now));
         return;
     }
     // The status and its event in one statement: one round trip, atomic without a transaction.
-    conn->exec(
+    write(statement(
         "WITH s AS (INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
         "RETURNING device_event) INSERT INTO webhook_messages(message_id, endpoint, type, device, data, "
         "created_at, next_attempt) SELECT $4, w.id, $5, e.device, json_build_object('deviceEventId', "
         "e.id, 'offerId', e.offer, 'placeId', e.place, 'campaignId', e.campaign, 'status', $2::text)::text, "
         "$3, $3 FROM s JOIN device_events e ON e.id = s.device_event CROSS JOIN webhook_endpoints w WHERE " +
             takesType("w", "$6"),
-        deviceEvent, status, now, newMessageId(), std::string(type), typePattern(type));
+        deviceEvent, status, now, newMessageId(), std::string(type), typePattern(type)));
 }
 
 void PgStore::clearLinks(int64_t device, double now) {
