@@ -63,7 +63,7 @@ median() {
 
 # start_postgres DIR: initdb in DIR/pg (as "nobody" when run as root), starts PostgreSQL on a free port
 # of 127.0.0.1 (durable settings: fsync and synchronous commit on), creates the database "bench" and
-# sets pg_port, pg_bin and pg_db (its address). The server is stopped with the script.
+# sets pg_port, pg_pid, pg_bin and pg_db (its address). The server is stopped with the script.
 start_postgres() {
     local dir=$1
     pg_bin=$(dirname "$(ls /usr/lib/postgresql/*/bin/postgres | tail -1)")
@@ -78,6 +78,7 @@ start_postgres() {
         >"$dir/pg/log" 2>&1 &
     pids+=($!)
     wait_for_port "$pg_port"
+    pg_pid=$(head -1 "$dir/pg/data/postmaster.pid")
     for _ in $(seq 50); do
         psql -q -h 127.0.0.1 -p "$pg_port" -U postgres -c "CREATE DATABASE bench" 2>/dev/null && break
         sleep 0.2
@@ -92,4 +93,16 @@ as_db_user() {
     else
         "$@"
     fi
+}
+
+clk_tck=$(getconf CLK_TCK)
+
+# cpu_ticks PID: user + system clock ticks of PID (all its threads) and of its children (nginx's
+# workers, PostgreSQL's backends). Fields 14 and 15 of /proc/PID/stat, after the command's name.
+cpu_ticks() {
+    local total=0 p
+    for p in "$1" $(cat /proc/"$1"/task/*/children 2>/dev/null); do
+        total=$((total + $(sed 's/^.*) //' "/proc/$p/stat" 2>/dev/null | awk '{print $12 + $13}')))
+    done
+    echo "$total"
 }

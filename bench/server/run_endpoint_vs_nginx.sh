@@ -93,18 +93,6 @@ nginx_pid=$!
 pids+=($!)
 wait_for_port "$nginx_port"
 
-clk_tck=$(getconf CLK_TCK)
-
-# cpu_ticks PID: user + system clock ticks of PID (all its threads) and of its children (nginx's
-# workers). Fields 14 and 15 of /proc/PID/stat, counted after the command name in parentheses.
-cpu_ticks() {
-    local total=0 p
-    for p in "$1" $(cat /proc/"$1"/task/*/children 2>/dev/null); do
-        total=$((total + $(sed 's/^.*) //' "/proc/$p/stat" | awk '{print $12 + $13}')))
-    done
-    echo "$total"
-}
-
 # wrk_run URL BODY CONNECTIONS PID: "requests/s µs-of-CPU-per-request" of one wrk run posting BODY.
 wrk_run() {
     cat >"$tmp/post.lua" <<LUA

@@ -16,19 +16,25 @@ Then for each endpoint, RUNS pairs (default 5) of DURATION (default 5s) with wrk
 CONNECTIONS connections, default 64), alternating the two servers:
   /v1/devicetag/update   one upsert and its webhook row each, a new tag name every request
   /v1/log                one insert into the day's partition each
-Prints, per endpoint and server, the median requests per second, the median p99 latency, the commits
-PostgreSQL counted per second, and the median of the per-pair ratios (group commit / alone).
+  /v1/deviceevent/link   a new link each (DEVICES fresh sessions a run, default 600, times the
+                         example city's 45 offers at places): the device's row locked, its caps
+                         counted, the link and its webhook row inserted
+Prints, per endpoint and server, the median requests per second, the median p99 latency, the times a
+second PostgreSQL waited for its log to reach the disk (pg_stat_wal's wal_sync: one per commit of
+writes, fewer when commits share a flush), the CPU time per request of the server and of PostgreSQL
+(user + system, from /proc), and the median of the per-pair ratios (group commit / alone).
 --smoke: one pair of one second at 8 connections, so that CI sees the script still runs.
-Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, SERVER_THREADS (default 2), WORK_DIR.
+Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR.
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
-[[ "${1:-}" == "--smoke" ]] && RUNS=1 DURATION=1s CONNECTIONS=8
+[[ "${1:-}" == "--smoke" ]] && RUNS=1 DURATION=1s CONNECTIONS=8 DEVICES=50
 
 BUILD_DIR=${BUILD_DIR:-build/server}
 RUNS=${RUNS:-5}
 DURATION=${DURATION:-5s}
 CONNECTIONS=${CONNECTIONS:-64}
+DEVICES=${DEVICES:-600}
 install_packages wrk postgresql postgresql-15-postgis-3
 build_targets "$BUILD_DIR" tovrel-server
 server="$BUILD_DIR/server/tovrel-server"
@@ -39,13 +45,14 @@ start_postgres "$tmp"
 "$server" import examples/places/munich.geojson --db "$pg_db" >/dev/null
 (umask 077 && printf 'bench-admin-token-0123456789' >"$tmp/token")
 
-declare -A port key
+declare -A port key server_pid
 for mode in on off; do
     port[$mode]=$(free_port)
     admin=$(free_port)
     "$server" serve --db "$pg_db" --listen "127.0.0.1:${port[$mode]}" --admin-listen "127.0.0.1:$admin" \
         --admin-token-file "$tmp/token" --access-log off --log-rate-limit 0 --group-commit "$mode" \
         --threads "${SERVER_THREADS:-2}" >"$tmp/$mode.log" 2>&1 &
+    server_pid[$mode]=$!
     pids+=($!)
     until curl -sf "http://127.0.0.1:$admin/readyz" >/dev/null; do
         sleep 0.05
@@ -55,21 +62,72 @@ for mode in on off; do
         python3 -c 'import json, sys; print(json.load(sys.stdin)["sessionKey"])')
 done
 
+# Every offer at its place in the example city, as Lua: {"placeId", "eventId"}, ...
+pairs=$(python3 -c '
+import json, sys
+city = json.load(open(sys.argv[1]))
+print(",".join("{%d,%d}" % (f["properties"]["placeId"], o["eventId"])
+               for f in city["features"] for o in f["properties"].get("offers", [])))' examples/places/munich.geojson)
+run_number=0
+
+# sessions MODE: DEVICES new session keys on MODE's server, as a Lua list
+sessions() {
+    python3 - "${port[$1]}" "$DEVICES" "$1-$run_number" <<'PY'
+import http.client, json, sys
+port, count, prefix = int(sys.argv[1]), int(sys.argv[2]), sys.argv[3]
+conn = http.client.HTTPConnection("127.0.0.1", port)
+keys = []
+for i in range(count):
+    body = json.dumps({"deviceId": f"BENCH-{prefix}-{i}", "sdkkey": "demo-key"})
+    conn.request("POST", "/v1/session", body, {"Content-Type": "application/json"})
+    keys.append(json.loads(conn.getresponse().read())["sessionKey"])
+print(",".join('"%s"' % k for k in keys))
+PY
+}
+
 body_for() { # MODE ENDPOINT
     case $2 in
+        /v1/deviceevent/link) echo "LINK" ;;
         /v1/devicetag/update) echo "{\"sessionKey\":\"${key[$1]}\",\"tag\":\"TAG\",\"tagValue\":\"1\"}" ;;
         /v1/log) echo "{\"deviceid\":\"BENCH-$1\",\"message\":{\"bench\":{\"n\":1}}}" ;;
     esac
 }
 
-commits() {
-    psql -qtA -h 127.0.0.1 -p "$pg_port" -U postgres -d bench \
-        -c "SELECT xact_commit FROM pg_stat_database WHERE datname = 'bench'"
+# The times PostgreSQL waited for its log to reach the disk: what a commit of a write costs, and what
+# group commit shares.
+syncs() {
+    psql -qtA -h 127.0.0.1 -p "$pg_port" -U postgres -d bench -c "SELECT wal_sync FROM pg_stat_wal"
 }
 
-# run MODE ENDPOINT: prints "requests/s p99-ms commits/s" of one wrk run
+# run MODE ENDPOINT: prints "requests/s p99-ms syncs/s server-µs pg-µs" of one wrk run (the last two:
+# CPU per request of the server and of PostgreSQL)
 run() {
-    cat >"$tmp/post.lua" <<LUA
+    run_number=$((run_number + 1))
+    if [[ $2 == /v1/deviceevent/link ]]; then
+        # Each request a link not made before: thread t of T takes requests t, t + T, t + 2T, ...
+        cat >"$tmp/post.lua" <<LUA
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "application/json"
+local keys = {$(sessions "$1")}
+local pairs = {$pairs}
+local threads, made = 0, 0
+setup = function(thread)
+    thread:set("id", threads)
+    threads = threads + 1
+end
+init = function(args)
+    made = wrk.thread:get("id")
+end
+request = function()
+    local key = keys[made % #keys + 1]
+    local pair = pairs[math.floor(made / #keys) % #pairs + 1]
+    made = made + 2
+    return wrk.format(nil, nil, nil, string.format(
+        '{"sessionKey":"%s","placeId":%d,"eventId":%d}', key, pair[1], pair[2]))
+end
+LUA
+    else
+        cat >"$tmp/post.lua" <<LUA
 wrk.method = "POST"
 wrk.headers["Content-Type"] = "application/json"
 local body, n = '$(body_for "$1" "$2")', 0
@@ -78,38 +136,47 @@ request = function()
     return wrk.format(nil, nil, nil, (body:gsub("TAG", "t" .. n)))
 end
 LUA
-    local before after out seconds
-    before=$(commits)
+    fi
+    local before after out seconds server0 server1 pg0 pg1
+    before=$(syncs)
+    server0=$(cpu_ticks "${server_pid[$1]}")
+    pg0=$(cpu_ticks "$pg_pid")
     out=$(wrk -t2 -c"$CONNECTIONS" -d"$DURATION" --latency -s "$tmp/post.lua" "http://127.0.0.1:${port[$1]}$2")
-    after=$(commits)
+    after=$(syncs)
+    server1=$(cpu_ticks "${server_pid[$1]}")
+    pg1=$(cpu_ticks "$pg_pid")
     if grep -q "Non-2xx" <<<"$out"; then
         echo "wrk saw errors from $1 $2:" >&2
         echo "$out" >&2
         exit 1
     fi
     seconds=${DURATION%s}
-    awk -v c=$((after - before)) -v s="$seconds" '
+    awk -v c=$((after - before)) -v s="$seconds" -v st=$((server1 - server0)) -v pt=$((pg1 - pg0)) \
+        -v hz="$clk_tck" '
         /Requests\/sec/ {rate = $2}
+        /requests in/ {n = $1}
         /^ +99%/ {p = $2; ms = p + 0; if (p ~ /us$/) ms /= 1000; else if (p ~ /[^m]s$/) ms *= 1000}
-        END {printf "%s %.2f %.0f\n", rate, ms, c / s}' <<<"$out"
+        END {printf "%s %.2f %.0f %.1f %.1f\n", rate, ms, c / s, st / hz / n * 1e6, pt / hz / n * 1e6}' <<<"$out"
 }
 
-printf '%-22s %-14s %10s %9s %10s\n' endpoint "group commit" "req/s" "p99 ms" "commits/s"
-for endpoint in /v1/devicetag/update /v1/log; do
-    declare -A rate=() p99=() per=()
+printf '%-22s %-13s %8s %7s %11s %13s %9s\n' endpoint "group commit" "req/s" "p99 ms" "WAL syncs/s" \
+    "server µs/req" "PG µs/req"
+for endpoint in /v1/devicetag/update /v1/log /v1/deviceevent/link; do
+    declare -A rate=() p99=() per=() scpu=() pcpu=()
     ratios=()
     for _ in $(seq "$RUNS"); do
         for mode in on off; do
-            read -r r p c < <(run "$mode" "$endpoint")
-            rate[$mode]+="$r " p99[$mode]+="$p " per[$mode]+="$c "
+            read -r r p c sc pc < <(run "$mode" "$endpoint")
+            rate[$mode]+="$r " p99[$mode]+="$p " per[$mode]+="$c " scpu[$mode]+="$sc " pcpu[$mode]+="$pc "
             [[ $mode == on ]] && on_rate=$r
         done
         ratios+=("$(awk -v a="$on_rate" -v b="$r" 'BEGIN {printf "%.2f", a / b}')")
     done
     for mode in on off; do
         # shellcheck disable=SC2086
-        printf '%-22s %-14s %10.0f %9s %10.0f\n' "$endpoint" "$mode" "$(median ${rate[$mode]})" \
-            "$(median ${p99[$mode]})" "$(median ${per[$mode]})"
+        printf '%-22s %-13s %8.0f %7s %11.0f %13s %9s\n' "$endpoint" "$mode" "$(median ${rate[$mode]})" \
+            "$(median ${p99[$mode]})" "$(median ${per[$mode]})" "$(median ${scpu[$mode]})" \
+            "$(median ${pcpu[$mode]})"
     done
     printf '%-22s group commit / alone: %s (pairs: %s)\n' "$endpoint" "$(median "${ratios[@]}")" "${ratios[*]}"
 done

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <set>
 #include <thread>
 
 #include "store/postgres/pg_group_commit.h"
@@ -303,6 +304,54 @@ TEST_F(Postgres, TwoReplicasRacingOnOneDeviceKeepItsDailyCap) {
                       std::to_string(utc(2026, 1, 13)) + " - 1"),
         std::vector<std::string>{"6|6"});
     second.stop();
+}
+
+TEST_F(Postgres, LinksArrivingTogetherAreRecordedTogetherAndStillCountEachOther) {
+    ServerFixture fx(onPostgres());
+    fx.setTime(utc(2026, 1, 12) + 9 * 3600);
+    json offers = json::array();
+    for (int i = 0; i < 12; ++i) {
+        offers.push_back({{"eventId", 9300 + i},
+                          {"campaign", "Three a day"},
+                          {"eventName", "O"},
+                          {"alertText", "O"},
+                          {"eventTypeId", 3}});
+    }
+    const json file = {
+        {"type", "FeatureCollection"},
+        {"properties",
+         {{"campaigns", {{{"name", "Three a day"}, {"caps", {{{"count", 3}, {"per", "day"}}}}}}}}},
+        {"features",
+         {{{"type", "Feature"},
+           {"geometry", {{"type", "Point"}, {"coordinates", {kLon, kLat}}}},
+           {"properties", {{"placeId", 1}, {"radius", 50}, {"offers", offers}}}}}}};
+    fx.server().importGeoJson(fx.dir().write("three.geojson", file.dump()));
+    const std::vector<std::string> keys{fx.startSession("TOGETHER-A"), fx.startSession("TOGETHER-B")};
+    std::vector<std::future<HttpResult>> links;
+    for (int i = 0; i < 24; ++i) {
+        links.push_back(std::async(std::launch::async, [&, i] {
+            return HttpClient(fx.port()).post("/v1/deviceevent/link",
+                                              json{{"sessionKey", keys[i % 2]},
+                                                   {"eventId", std::to_string(9300 + i / 2)},
+                                                   {"placeId", "1"}});
+        }));
+    }
+    std::set<long long> ids;
+    int delivered = 0;
+    for (auto& link : links) {
+        const HttpResult r = link.get();
+        ASSERT_EQ(r.status, 200) << r.body;
+        ids.insert(r.parsed()["places"][0]["deviceEventId"].get<long long>());
+        delivered += 1 - r.parsed()["places"][0]["suppressMessage"].get<int>();
+    }
+    // Each device's links count the ones recorded before them, in the same transaction or not.
+    EXPECT_EQ(ids.size(), 24U);
+    EXPECT_EQ(delivered, 6);
+    EXPECT_EQ(
+        queryRows(fx.dbPath(),
+                  "SELECT d.device_id, count(*) FILTER (WHERE NOT e.suppressed) FROM device_events e JOIN "
+                  "devices d ON d.id = e.device GROUP BY d.device_id ORDER BY 1"),
+        (std::vector<std::string>{"TOGETHER-A|3", "TOGETHER-B|3"}));
 }
 
 TEST_F(Postgres, ADeviceErasedThroughOneReplicaIsUnknownToTheOthers) {

@@ -672,6 +672,52 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     return out;
 }
 
+void Service::linkQueuedLocked() {
+    std::vector<PendingLink*> batch;
+    {
+        Lock queue(linkQueueMutex_);
+        batch.swap(linkQueue_);
+    }
+    const double now = clock_();
+    std::vector<LinkRequest> requests;
+    std::vector<PendingLink*> asked;
+    requests.reserve(batch.size());
+    asked.reserve(batch.size());
+    for (PendingLink* pending : batch) {
+        try {
+            loadDeviceLocked(pending->device);
+        } catch (...) {
+            pending->error = std::current_exception();
+            pending->done = true;
+            continue;
+        }
+        const CampaignRules* rules = pending->link.rules;
+        pending->link.outsideSchedule =
+            rules != nullptr && rules->schedule && !rules->schedule->contains(now);
+        requests.push_back({pending->device, &pending->link});
+        asked.push_back(pending);
+    }
+    std::vector<LinkResult> results;
+    try {
+        results = store_->addLinks(requests, now);
+    } catch (...) {
+        results.assign(requests.size(), std::current_exception());
+    }
+    // The writers' lock held throughout: nothing evicted the devices since they were loaded.
+    Lock lock(stateMutex_);
+    for (std::size_t i = 0; i < asked.size(); ++i) {
+        PendingLink& pending = *asked[i];
+        if (const auto* row = std::get_if<LinkRow>(&results[i])) {
+            pending.info = LinkInfo{row->id, row->suppressed};
+            devices_.at(pending.device).byPair[pairKey(pending.link.offer, pending.link.place)] =
+                pending.info;
+        } else {
+            pending.error = std::get<std::exception_ptr>(results[i]);
+        }
+        pending.done = true;
+    }
+}
+
 std::string Service::link(const json& req, std::string_view mediaBase) {
     const int64_t device = authenticate(req);
     const int64_t eventId = requireId(req, "eventId");
@@ -691,21 +737,26 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
     }
     const Catalog::Campaign& campaign = cat->campaignOf(*offer);
 
-    LinkInfo info;
+    PendingLink mine{
+        device,
+        NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap, campaign.name, &campaign.rules, false},
+        {},
+        nullptr,
+        false};
+    {
+        Lock queue(linkQueueMutex_);
+        linkQueue_.push_back(&mine);
+    }
     {
         Lock db(dbMutex_);
-        loadDeviceLocked(device);
-        const double now = clock_();
-        const bool outsideSchedule = campaign.rules.schedule && !campaign.rules.schedule->contains(now);
-        const LinkRow stored = store_->addLink(device,
-                                               NewLink{eventId, placeId, campaign.id, campaign.perDeviceCap,
-                                                       campaign.name, &campaign.rules, outsideSchedule},
-                                               now);
-        info = LinkInfo{stored.id, stored.suppressed};
-        // The writers' lock held throughout: nothing evicted the device since it was loaded.
-        Lock lock(stateMutex_);
-        devices_.at(device).byPair[pairKey(eventId, placeId)] = info;
+        if (!mine.done) {
+            linkQueuedLocked();
+        }
     }
+    if (mine.error) {
+        std::rethrow_exception(mine.error);
+    }
+    const LinkInfo info = mine.info;
     std::string out = "{\"places\":[";
     cat->appendRecord(out, *place, *offer, mediaBase, true);
     out += ",\"deviceEventId\":" + std::to_string(info.id) +

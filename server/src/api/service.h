@@ -215,6 +215,16 @@ class Service : private ChangeListener {
         std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
     };
 
+    /// A link asked for, waiting for the writers' lock: the thread that takes it records every link
+    /// queued meanwhile at once (Store::addLinks()), and the others find theirs done.
+    struct PendingLink {
+        int64_t device = 0;
+        NewLink link;
+        LinkInfo info;
+        std::exception_ptr error;
+        bool done = false;  ///< under dbMutex_
+    };
+
     std::string session(const nlohmann::json& req);
     std::string places(const nlohmann::json& req, std::string_view mediaBase);
     std::string link(const nlohmann::json& req, std::string_view mediaBase);
@@ -228,6 +238,9 @@ class Service : private ChangeListener {
     /// The 503 of a write refused because the database is busy.
     ApiReply refuseBusy(double started);
 
+    /// Records the links queued (linkQueue_) in one store call and mirrors them; each one's result or
+    /// error goes to its PendingLink.
+    void linkQueuedLocked() TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_, linkQueueMutex_);
     /// The device of the request's "sessionKey"; ApiError 401 when unknown or expired. Loads the
     /// device's links.
     int64_t authenticate(const nlohmann::json& req);
@@ -290,6 +303,8 @@ class Service : private ChangeListener {
     /// The writers' lock: the store's writes, and the order of every change to the mirror below.
     Mutex dbMutex_;
     std::unique_ptr<Store> store_ TOVREL_PT_GUARDED_BY(dbMutex_);
+    Mutex linkQueueMutex_;  ///< taken alone, or inside dbMutex_
+    std::vector<PendingLink*> linkQueue_ TOVREL_GUARDED_BY(linkQueueMutex_);
     Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
     std::atomic<std::uint64_t> catalogReads_{0};

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "catalog/catalog_data.h"
@@ -59,6 +62,15 @@ struct NewLink {
     const CampaignRules* rules = nullptr;  ///< none: no rules
     bool outsideSchedule = false;
 };
+
+/// One link of several asked for at once (Store::addLinks()).
+struct LinkRequest {
+    int64_t device = 0;
+    const NewLink* link = nullptr;
+};
+
+/// What became of one link of several: the stored event, or what Store::addLink() would have thrown.
+using LinkResult = std::variant<LinkRow, std::exception_ptr>;
 
 /// A link that was held back, with what explains it: the device's app rules as stored, and the last
 /// delivery before it (of its campaign, or of any campaign for the daily cap).
@@ -156,6 +168,10 @@ class Store {
     /// counted from what the database holds, whichever replica linked before. DeviceGone when the
     /// device was erased meanwhile.
     virtual LinkRow addLink(int64_t device, const NewLink& link, double now) = 0;
+    /// Several links asked for at about the same time, each as addLink() would record it, in the order
+    /// asked (two of one device: the second counts the first). In one transaction where the store groups
+    /// commits; a link that fails there fails alone, its neighbours are recorded again one by one.
+    virtual std::vector<LinkResult> addLinks(std::span<const LinkRequest> links, double now);
     /// The device of a live device event; nullopt when there is none or it was cleared.
     virtual std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) = 0;
     /// Appends a status to a device event's history.

@@ -93,6 +93,12 @@ void PgGroupCommit::commit(const std::vector<Write*>& writes) {
     }
 }
 
+void PgGroupCommit::countCommit(std::size_t writes) {
+    Lock lock(mutex_);
+    ++counts_.commits;
+    counts_.writes += writes;
+}
+
 PgGroupCommit::Counts PgGroupCommit::counts() const {
     Lock lock(mutex_);
     return counts_;

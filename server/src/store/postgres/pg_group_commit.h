@@ -37,6 +37,8 @@ class PgGroupCommit {
         std::size_t writes = 0;
     };
     Counts counts() const;
+    /// Counts a commit of `writes` made outside execute() (links, several statements each). Any thread.
+    void countCommit(std::size_t writes);
 
   private:
     struct Write {

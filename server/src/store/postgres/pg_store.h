@@ -34,6 +34,7 @@ class PgStore final : public Store {
     int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) override;
     std::vector<LinkRow> liveLinks(int64_t device) override;
     LinkRow addLink(int64_t device, const NewLink& link, double now) override;
+    std::vector<LinkResult> addLinks(std::span<const LinkRequest> links, double now) override;
     std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) override;
     void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) override;
     void clearLinks(int64_t device, double now) override;
@@ -85,6 +86,8 @@ class PgStore final : public Store {
   private:
     /// The row of the device with this identifier.
     static std::optional<int64_t> findDevice(PgConnection& conn, const std::string& deviceId);
+    /// addLink()'s statements on a connection in a transaction the caller commits.
+    LinkRow addLinkOn(PgConnection& conn, int64_t device, const NewLink& link, double now);
     /// Runs a write of one statement: in a commit shared with the writes around it (group_), or alone.
     void write(PgStatement statement);
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
