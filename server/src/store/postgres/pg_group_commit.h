@@ -1,6 +1,5 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <exception>
 #include <semaphore>
@@ -56,7 +55,6 @@ class PgGroupCommit {
 
     PgPool& pool_;
     mutable platform::Mutex mutex_;
-    std::condition_variable_any changed_;
     std::vector<Write*> queue_ TOVREL_GUARDED_BY(mutex_);
     bool committing_ TOVREL_GUARDED_BY(mutex_) = false;
     Counts counts_ TOVREL_GUARDED_BY(mutex_);
