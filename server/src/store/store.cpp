@@ -21,19 +21,6 @@ const char* retainedName(Retained kind) {
     return "";
 }
 
-std::vector<LinkResult> Store::addLinks(std::span<const LinkRequest> links, double now) {
-    std::vector<LinkResult> results;
-    results.reserve(links.size());
-    for (const LinkRequest& request : links) {
-        try {
-            results.emplace_back(addLink(request.device, *request.link, now));
-        } catch (...) {
-            results.emplace_back(std::current_exception());
-        }
-    }
-    return results;
-}
-
 bool isPostgresLocation(const std::string& location) {
     return location.rfind("postgresql://", 0) == 0 || location.rfind("postgres://", 0) == 0;
 }

@@ -288,6 +288,21 @@ struct StoreOptions {
     bool groupCommit = true;
 };
 
+// Inline, so that Store keeps no key function: its type information goes with every object that uses it
+// (the fuzz targets link a few of the server's files, not the stores).
+inline std::vector<LinkResult> Store::addLinks(std::span<const LinkRequest> links, double now) {
+    std::vector<LinkResult> results;
+    results.reserve(links.size());
+    for (const LinkRequest& request : links) {
+        try {
+            results.emplace_back(addLink(request.device, *request.link, now));
+        } catch (...) {
+            results.emplace_back(std::current_exception());
+        }
+    }
+    return results;
+}
+
 /// True when `location` names a PostgreSQL database (a postgresql:// or postgres:// address).
 bool isPostgresLocation(const std::string& location);
 
