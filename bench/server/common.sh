@@ -31,6 +31,16 @@ build_targets() {
     cmake --build "$dir" -j 2 --target "$@" >/dev/null
 }
 
+# build_with_simulator DIR: tovrel-server and tovrel-sim in DIR (a new DIR is configured without the
+# tests). Nothing when TOVREL_BENCH_PREBUILT=1.
+build_with_simulator() {
+    [[ "${TOVREL_BENCH_PREBUILT:-0}" == 1 ]] && return 0
+    if [[ ! -f "$1/CMakeCache.txt" ]]; then
+        cmake -S . -B "$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_TESTS=OFF >/dev/null
+    fi
+    cmake --build "$1" -j 2 --target tovrel-server tovrel-sim >/dev/null
+}
+
 # stop_on_exit DIR: when the script ends, stops every process whose PID was added to `pids` and removes
 # DIR (the script's temporary folder).
 pids=()

@@ -34,12 +34,7 @@ REPLICAS=${REPLICAS:-3}
 DEVICES=${DEVICES:-2000}
 JOBS=${JOBS:-2}
 install_packages haproxy postgresql postgresql-15-postgis-3 curl
-if [[ "${TOVREL_BENCH_PREBUILT:-0}" != 1 ]]; then
-    if [[ ! -f "$BUILD_DIR/CMakeCache.txt" ]]; then
-        cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_TESTS=OFF >/dev/null
-    fi
-    cmake --build "$BUILD_DIR" -j 2 --target tovrel-server tovrel-sim >/dev/null
-fi
+build_with_simulator "$BUILD_DIR"
 server="$BUILD_DIR/server/tovrel-server"
 sim="$BUILD_DIR/tools/sim/tovrel-sim"
 

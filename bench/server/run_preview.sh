@@ -30,12 +30,7 @@ BUILD_DIR=${BUILD_DIR:-build/dev}
 DEVICES=${DEVICES:-1000}
 RUNS=${RUNS:-3}
 install_packages curl
-if [[ "${TOVREL_BENCH_PREBUILT:-0}" != 1 ]]; then
-    if [[ ! -f "$BUILD_DIR/CMakeCache.txt" ]]; then
-        cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_TESTS=OFF >/dev/null
-    fi
-    cmake --build "$BUILD_DIR" -j 2 --target tovrel-server tovrel-sim >/dev/null
-fi
+build_with_simulator "$BUILD_DIR"
 server="$BUILD_DIR/server/tovrel-server"
 sim="$BUILD_DIR/tools/sim/tovrel-sim"
 
