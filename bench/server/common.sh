@@ -41,6 +41,20 @@ build_with_simulator() {
     cmake --build "$1" -j 2 --target tovrel-server tovrel-sim >/dev/null
 }
 
+# write_post_script FILE BODY: a wrk script posting BODY as JSON, with TAG replaced by a new name each
+# time (so that the tag writes of one device do not all wait for one row's lock).
+write_post_script() {
+    cat >"$1" <<LUA
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "application/json"
+local body, n = '$2', 0
+request = function()
+    n = n + 1
+    return wrk.format(nil, nil, nil, (body:gsub("TAG", "t" .. n)))
+end
+LUA
+}
+
 # stop_on_exit DIR: when the script ends, stops every process whose PID was added to `pids` and removes
 # DIR (the script's temporary folder).
 pids=()

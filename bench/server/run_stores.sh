@@ -110,15 +110,7 @@ body_for() { # STORE ENDPOINT
 
 wrk_rate() { # URL BODY: requests/s of BODY posted, with TAG replaced by a new name each time (so that
     # the tag writes of one device do not all wait for one row's lock)
-    cat >"$tmp/post.lua" <<LUA
-wrk.method = "POST"
-wrk.headers["Content-Type"] = "application/json"
-local body, n = '$2', 0
-request = function()
-    n = n + 1
-    return wrk.format(nil, nil, nil, (body:gsub("TAG", "t" .. n)))
-end
-LUA
+    write_post_script "$tmp/post.lua" "$2"
     local out
     out=$(wrk -t2 -c8 -d"$DURATION" -s "$tmp/post.lua" "$1")
     if grep -q "Non-2xx" <<<"$out"; then

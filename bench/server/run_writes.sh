@@ -127,15 +127,7 @@ request = function()
 end
 LUA
     else
-        cat >"$tmp/post.lua" <<LUA
-wrk.method = "POST"
-wrk.headers["Content-Type"] = "application/json"
-local body, n = '$(body_for "$1" "$2")', 0
-request = function()
-    n = n + 1
-    return wrk.format(nil, nil, nil, (body:gsub("TAG", "t" .. n)))
-end
-LUA
+        write_post_script "$tmp/post.lua" "$(body_for "$1" "$2")"
     fi
     local before after out seconds server0 server1 pg0 pg1
     before=$(syncs)
