@@ -55,13 +55,20 @@ class TargetList {
 
   private:
     void append(const std::shared_ptr<hRegion>& target);
+    /// Keeps as candidates the ranked targets `from` to `from + dots.size()` whose dot product is within
+    /// the margin of the best so far (raising it) or near the position's antipode.
+    void collect(std::size_t from, std::span<const double> dots, double& best,
+                 std::vector<NearestHit>& hits) const;
 
     std::vector<std::shared_ptr<hRegion>> items_;
     std::vector<platform::Coordinate> centres_;
-    // Unit vectors, one component per array; NaN for a centre the ranking does not judge.
+    // The unit vectors of the centres the ranking judges, one component per array, and each one's
+    // index in the list; the indices of the others. Both ascending.
     std::vector<double> x_;
     std::vector<double> y_;
     std::vector<double> z_;
+    std::vector<std::size_t> ranked_;
+    std::vector<std::size_t> unranked_;
 };
 
 }  // namespace tovrel::targeting
