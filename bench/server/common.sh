@@ -98,7 +98,7 @@ start_postgres() {
     fi
     as_db_user "$pg_bin/initdb" -D "$dir/pg/data" -A trust -U postgres -E UTF8 --locale=C >/dev/null
     pg_port=$(free_port)
-    as_db_user "$pg_bin/postgres" -D "$dir/pg/data" -k "$dir/pg" -p "$pg_port" -c listen_addresses=127.0.0.1 \
+    as_db_user "$pg_bin/postgres" -D "$dir/pg/data" -k "$dir/pg" -p "$pg_port" -c listen_addresses=127.0.0.1 ${PG_EXTRA:-} \
         >"$dir/pg/log" 2>&1 &
     pids+=($!)
     wait_for_port "$pg_port"

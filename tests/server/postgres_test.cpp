@@ -519,17 +519,33 @@ TEST_F(Postgres, ServersStartingTogetherMigrateInTurnAndANewerSchemaIsRefused) {
     }
 }
 
-TEST_F(Postgres, PlaceNamesKeepQuotesBackslashesCommasAndBraces) {
+TEST_F(Postgres, ImportedTextsKeepEveryCharacterAndNumbersEveryDigitAndAnImportAgainReplaces) {
     ServerFixture fx(onPostgres());
-    fx.server().importGeoJson(fx.dir().write("odd.geojson", R"({"type": "FeatureCollection",
-      "properties": {"campaigns": [{"name": "Open"}]},
-      "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.1]},
-        "properties": {"placeId": 7, "name": "Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL", "radius": 50,
-          "offers": [{"eventId": 71, "campaign": "Open", "eventName": "E", "alertText": "A", "eventTypeId": 3}]}}]})"));
-    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
-              std::vector<std::string>{"Caf\u00e9 \"Zum {Hirschen}\", Stra\\e NULL|48.1|11.5|50.0"});
+    // Quotes, braces and commas (array literals), tabs, line breaks and backslashes, one before N (the
+    // text format of COPY; names hold no control characters, alert texts may hold tabs and newlines),
+    // and a coordinate that only 16 digits tell from its neighbour.
+    const auto place = [](const std::string& name, int offer) {
+        return R"({"type": "FeatureCollection", "properties": {"campaigns": [{"name": "Open"}]},
+          "features": [{"type": "Feature", "geometry": {"type": "Point", "coordinates": [11.5, 48.30000000000001]},
+            "properties": {"placeId": 7, "name": ")" +
+               name + R"(", "radius": 50, "offers": [{"eventId": )" + std::to_string(offer) +
+               R"(, "campaign": "Open", "eventName": "E", "alertText": "A\tB\nC\\N", "eventTypeId": 3}]}}]})";
+    };
+    fx.server().importGeoJson(
+        fx.dir().write("odd.geojson", place(R"(Caf\u00e9 \"Zum {Hirschen}\", Stra\\e \\N NULL)", 71)));
+    EXPECT_EQ(
+        queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
+        std::vector<std::string>{"Caf\u00e9 \"Zum {Hirschen}\", Stra\\e \\N NULL|48.30000000000001|11.5|50.0"});
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT alert_text FROM offers WHERE id = 71"),
+              std::vector<std::string>{"A\tB\nC\\N"});
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
               std::vector<std::string>{"71"});
+
+    fx.server().importGeoJson(fx.dir().write("again.geojson", place("Renamed", 72)));
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT name FROM places WHERE id = 7"),
+              std::vector<std::string>{"Renamed"});
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
+              std::vector<std::string>{"72"});
 }
 
 TEST_F(Postgres, PlacesCanBeAskedForBySpatialSql) {

@@ -10,6 +10,9 @@ namespace tovrel::server {
 
 namespace {
 
+// A copy's rows are sent in pieces of about this many bytes: few calls, little memory.
+constexpr std::size_t kCopyBuffer = 1 << 20;
+
 // SQLSTATE classes that mean "not now": the connection, the server shutting down, locks, timeouts,
 // conflicts between transactions. Nothing was written; the client may try again.
 bool meansUnavailable(const std::string& state) {
@@ -121,6 +124,10 @@ PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgPara
     if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
         return result;
     }
+    fail(raw);
+}
+
+void PgConnection::fail(const PGresult* raw) {
     const char* stateField = raw ? PQresultErrorField(raw, PG_DIAG_SQLSTATE) : nullptr;
     const std::string state = stateField ? stateField : "";
     std::string message = raw ? PQresultErrorMessage(raw) : PQerrorMessage(conn_);
@@ -129,6 +136,113 @@ PgResult PgConnection::execParams(std::string_view sql, const std::vector<PgPara
         throw DatabaseBusy("the database is unavailable: " + message);
     }
     throw PgError("database error: " + message, state);
+}
+
+void PgConnection::beginCopy(std::string_view sql) {
+    const PgResult result(PQexec(conn_, std::string(sql).c_str()));
+    if (!result.native() || PQresultStatus(result.native()) != PGRES_COPY_IN) {
+        fail(result.native());
+    }
+}
+
+void PgConnection::putCopyData(std::string_view data) {
+    if (PQputCopyData(conn_, data.data(), static_cast<int>(data.size())) != 1) {
+        closing_ = true;
+        fail(nullptr);
+    }
+}
+
+int64_t PgConnection::endCopy(const char* error) {
+    if (PQputCopyEnd(conn_, error) != 1) {
+        closing_ = true;
+        fail(nullptr);
+    }
+    // The copy's result, then the null that ends every command's results.
+    const PgResult result(PQgetResult(conn_));
+    while (PGresult* more = PQgetResult(conn_)) {
+        PQclear(more);
+    }
+    if (!result.native() || PQresultStatus(result.native()) != PGRES_COMMAND_OK) {
+        fail(result.native());
+    }
+    return result.changes();
+}
+
+PgCopy::PgCopy(PgConnection& conn, std::string_view sql) : conn_(conn) {
+    conn_.beginCopy(sql);
+    buffer_.reserve(kCopyBuffer + 4096);
+}
+
+PgCopy::~PgCopy() {
+    if (!finished_) {
+        try {
+            conn_.endCopy("abandoned");
+        } catch (const std::exception&) {
+            // The refusal asked for: the transaction is rolled back by its owner.
+        }
+    }
+}
+
+void PgCopy::separate() {
+    if (rowStarted_) {
+        buffer_ += '\t';
+    }
+    rowStarted_ = true;
+}
+
+PgCopy& PgCopy::field(int64_t v) {
+    separate();
+    char text[24];
+    buffer_.append(text, std::to_chars(text, text + sizeof text, v).ptr);
+    return *this;
+}
+
+PgCopy& PgCopy::field(double v) {
+    separate();
+    char text[32];
+    buffer_.append(text, std::to_chars(text, text + sizeof text, v).ptr);
+    return *this;
+}
+
+PgCopy& PgCopy::field(std::string_view v) {
+    separate();
+    for (const char c : v) {
+        switch (c) {
+            case '\\':
+                buffer_ += "\\\\";
+                break;
+            case '\n':
+                buffer_ += "\\n";
+                break;
+            case '\r':
+                buffer_ += "\\r";
+                break;
+            case '\t':
+                buffer_ += "\\t";
+                break;
+            default:
+                buffer_ += c;
+        }
+    }
+    return *this;
+}
+
+void PgCopy::endRow() {
+    buffer_ += '\n';
+    rowStarted_ = false;
+    if (buffer_.size() >= kCopyBuffer) {
+        conn_.putCopyData(buffer_);
+        buffer_.clear();
+    }
+}
+
+int64_t PgCopy::finish() {
+    if (!buffer_.empty()) {
+        conn_.putCopyData(buffer_);
+        buffer_.clear();
+    }
+    finished_ = true;
+    return conn_.endCopy();
 }
 
 std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements) {

@@ -31,22 +31,7 @@ std::string utcDay(double seconds) {
     return text;
 }
 
-// A PostgreSQL array literal of texts, for unnest($n::text[]).
-std::string textArray(const std::vector<std::string>& values) {
-    std::string out = "{";
-    for (const std::string& v : values) {
-        out += out.size() > 1 ? ",\"" : "\"";
-        for (const char c : v) {
-            if (c == '"' || c == '\\') {
-                out += '\\';
-            }
-            out += c;
-        }
-        out += '"';
-    }
-    return out + "}";
-}
-
+// A PostgreSQL array literal of numbers, for ANY($n::bigint[]).
 template <typename Number>
 std::string numberArray(const std::vector<Number>& values) {
     std::string out = "{";
@@ -58,9 +43,6 @@ std::string numberArray(const std::vector<Number>& values) {
     }
     return out + "}";
 }
-
-// Places or offers written by one statement: a round trip costs more than the rows it carries.
-constexpr std::size_t kRowBatch = 5000;
 
 json nullableInteger(const PgResult& r, int row, int col) {
     return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
@@ -336,15 +318,83 @@ void upsertApp(PgConnection& conn, const AppDef& app, double now) {
 
 }  // namespace
 
-ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
-    auto conn = pool_.acquire();
-    PgTransaction tx(*conn);
-    for (const AppDef& app : data.apps) {
-        upsertApp(*conn, app, now);
+namespace {
+
+// An import's rows go through COPY into tables of the transaction's own, then into the catalogue in one
+// statement each: no statement per row or batch to parse, and each index and trigger met once.
+// `offer(i)` and `place(i)` give rows by value or by reference: a catalogue read as a stream makes each
+// when asked, so that none is held expanded.
+template <typename OfferAt>
+void copyOffers(PgConnection& conn, std::size_t count, const OfferAt& offer,
+                const std::map<std::string, int64_t>& campaigns) {
+    if (count == 0) {
+        return;
+    }
+    conn.exec(
+        "CREATE TEMP TABLE tovrel_import_offers(id bigint, campaign bigint, event_name text, alert_text "
+        "text, "
+        "media_type text, media_url text, tags text, dwell_time integer, event_type integer) ON COMMIT DROP");
+    PgCopy copy(conn, "COPY tovrel_import_offers FROM STDIN");
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto& o = offer(i);
+        copy.field(o.id).field(campaigns.at(o.campaign)).field(o.eventName).field(o.alertText);
+        copy.field(o.mediaType).field(o.mediaUrl).field(o.tags).field(o.dwellTime).field(o.eventType);
+        copy.endRow();
+    }
+    copy.finish();
+    conn.exec(
+        "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, "
+        "event_type) SELECT * FROM tovrel_import_offers ON CONFLICT(id) DO UPDATE SET campaign = "
+        "excluded.campaign, event_name = excluded.event_name, alert_text = excluded.alert_text, media_type = "
+        "excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, dwell_time = "
+        "excluded.dwell_time, event_type = excluded.event_type");
+}
+
+template <typename PlaceAt>
+void copyPlaces(PgConnection& conn, std::size_t count, const PlaceAt& place) {
+    if (count == 0) {
+        return;
+    }
+    conn.exec(
+        "CREATE TEMP TABLE tovrel_import_places(id bigint, name text, lat float8, lon float8, radius float8) "
+        "ON COMMIT DROP; CREATE TEMP TABLE tovrel_import_place_offers(place bigint, offer bigint) ON COMMIT "
+        "DROP");
+    PgCopy places(conn, "COPY tovrel_import_places FROM STDIN");
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto& p = place(i);
+        places.field(p.id).field(p.name).field(p.lat).field(p.lon).field(p.radius);
+        places.endRow();
+    }
+    places.finish();
+    PgCopy links(conn, "COPY tovrel_import_place_offers FROM STDIN");
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto& p = place(i);
+        for (const int64_t o : p.offers) {
+            links.field(p.id).field(o);
+            links.endRow();
+        }
+    }
+    links.finish();
+    conn.exec(
+        "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM tovrel_import_places ON CONFLICT(id) "
+        "DO "
+        "UPDATE SET name = excluded.name, lat = excluded.lat, lon = excluded.lon, radius = excluded.radius; "
+        "DELETE FROM place_offers WHERE place IN (SELECT id FROM tovrel_import_places); "
+        "INSERT INTO place_offers(place, offer) SELECT * FROM tovrel_import_place_offers");
+}
+
+/// Apps and campaigns (few), then offers and places through COPY, in one transaction.
+template <typename OfferAt, typename PlaceAt>
+ImportSummary writeRows(PgConnection& conn, const std::vector<AppDef>& apps,
+                        const std::vector<CampaignDef>& campaigns, std::size_t offerCount,
+                        const OfferAt& offer, std::size_t placeCount, const PlaceAt& place, double now) {
+    PgTransaction tx(conn);
+    for (const AppDef& app : apps) {
+        upsertApp(conn, app, now);
     }
     std::map<std::string, int64_t> ids;
-    for (const CampaignDef& c : data.campaigns) {
-        const PgResult r = conn->exec(
+    for (const CampaignDef& c : campaigns) {
+        const PgResult r = conn.exec(
             "INSERT INTO campaigns(name, start_date, end_date, start_time, end_time, per_device_cap, rules) "
             "VALUES($1, $2, $3, $4, $5, $6, $7) ON CONFLICT(name) DO UPDATE SET start_date = "
             "excluded.start_date, "
@@ -357,69 +407,30 @@ ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
         // A campaign written as it was is left alone: replicas would otherwise read all its offers again.
         ids[c.name] = r.rows() > 0
                           ? r.integer(0, 0)
-                          : conn->exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
+                          : conn.exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
     }
-    for (std::size_t from = 0; from < data.offers.size(); from += kRowBatch) {
-        const std::size_t to = std::min(data.offers.size(), from + kRowBatch);
-        std::vector<int64_t> offerIds, campaigns;
-        std::vector<std::string> eventNames, alertTexts, mediaTypes, mediaUrls, tags;
-        std::vector<int> dwellTimes, eventTypes;
-        for (std::size_t i = from; i < to; ++i) {
-            const OfferDef& o = data.offers[i];
-            offerIds.push_back(o.id);
-            campaigns.push_back(ids.at(o.campaign));
-            eventNames.push_back(o.eventName);
-            alertTexts.push_back(o.alertText);
-            mediaTypes.push_back(o.mediaType);
-            mediaUrls.push_back(o.mediaUrl);
-            tags.push_back(o.tags);
-            dwellTimes.push_back(o.dwellTime);
-            eventTypes.push_back(o.eventType);
-        }
-        conn->exec(
-            "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, "
-            "dwell_time, "
-            "event_type) SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::text[], $4::text[], "
-            "$5::text[], "
-            "$6::text[], $7::text[], $8::int[], $9::int[]) ON CONFLICT(id) DO UPDATE SET campaign = "
-            "excluded.campaign, event_name = excluded.event_name, alert_text = excluded.alert_text, "
-            "media_type = excluded.media_type, media_url = excluded.media_url, tags = excluded.tags, "
-            "dwell_time = excluded.dwell_time, event_type = excluded.event_type",
-            numberArray(offerIds), numberArray(campaigns), textArray(eventNames), textArray(alertTexts),
-            textArray(mediaTypes), textArray(mediaUrls), textArray(tags), numberArray(dwellTimes),
-            numberArray(eventTypes));
-    }
-    for (std::size_t from = 0; from < data.places.size(); from += kRowBatch) {
-        const std::size_t to = std::min(data.places.size(), from + kRowBatch);
-        std::vector<int64_t> placeIds, linkPlaces, linkOffers;
-        std::vector<std::string> names;
-        std::vector<double> lats, lons, radii;
-        for (std::size_t i = from; i < to; ++i) {
-            const PlaceDef& p = data.places[i];
-            placeIds.push_back(p.id);
-            names.push_back(p.name);
-            lats.push_back(p.lat);
-            lons.push_back(p.lon);
-            radii.push_back(p.radius);
-            for (const int64_t o : p.offers) {
-                linkPlaces.push_back(p.id);
-                linkOffers.push_back(o);
-            }
-        }
-        conn->exec(
-            "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM unnest($1::bigint[], $2::text[], "
-            "$3::float8[], $4::float8[], $5::float8[]) ON CONFLICT(id) DO UPDATE SET name = excluded.name, "
-            "lat = "
-            "excluded.lat, lon = excluded.lon, radius = excluded.radius",
-            numberArray(placeIds), textArray(names), numberArray(lats), numberArray(lons),
-            numberArray(radii));
-        conn->exec("DELETE FROM place_offers WHERE place = ANY($1::bigint[])", numberArray(placeIds));
-        conn->exec("INSERT INTO place_offers(place, offer) SELECT * FROM unnest($1::bigint[], $2::bigint[])",
-                   numberArray(linkPlaces), numberArray(linkOffers));
-    }
+    copyOffers(conn, offerCount, offer, ids);
+    copyPlaces(conn, placeCount, place);
     tx.commit();
-    return ImportSummary{static_cast<int>(data.apps.size()), static_cast<int>(data.campaigns.size()),
-                         static_cast<int>(data.places.size()), static_cast<int>(data.offers.size())};
+    return ImportSummary{static_cast<int>(apps.size()), static_cast<int>(campaigns.size()),
+                         static_cast<int>(placeCount), static_cast<int>(offerCount)};
+}
+
+}  // namespace
+
+ImportSummary PgStore::writeCatalog(const CatalogData& data, double now) {
+    auto conn = pool_.acquire();
+    return writeRows(
+        *conn, data.apps, data.campaigns, data.offers.size(),
+        [&](std::size_t i) -> const OfferDef& { return data.offers[i]; }, data.places.size(),
+        [&](std::size_t i) -> const PlaceDef& { return data.places[i]; }, now);
+}
+
+ImportSummary PgStore::writePlaceCatalog(const PlaceCatalog& data, double now) {
+    auto conn = pool_.acquire();
+    return writeRows(
+        *conn, data.apps, data.campaigns, data.offerCount(), [&](std::size_t i) { return data.offer(i); },
+        data.placeCount(), [&](std::size_t i) { return data.place(i); }, now);
 }
 
 void PgStore::writeApp(const AppDef& app, double now) {

@@ -45,6 +45,7 @@ class PgStore final : public Store {
                 double now) override;
 
     ImportSummary writeCatalog(const CatalogData& data, double now) override;
+    ImportSummary writePlaceCatalog(const PlaceCatalog& data, double now) override;
     void writeApp(const AppDef& app, double now) override;
     bool concurrentCatalogReads() const override { return true; }
     int concurrency() const override { return kWriters; }
