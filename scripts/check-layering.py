@@ -10,8 +10,12 @@ A public header belongs to the folder of the source file that implements it (inc
 with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Session and delivery are siblings: neither
 includes the other. Backends (platform/) include no component header, only the ports and their own
 headers; tovrel-server shares only the lock annotations, the distance, the JSON nesting limit, the programs'
-command-line helper and where the installed data lies. Service
-endpoints ("/v1/...", "/v2/...") are named only in src/service/.
+command-line helper, where the installed data lies and the wire contract (tovrel/protocol.h). Service
+endpoints ("/v1/...", "/v2/...") are spelled only in tovrel/protocol.h, and inside the component only
+src/service/ includes it.
+
+tovrel-sim (tools/sim/) runs the component as a host does: it includes the SDK's public headers, the
+backends' and the tools' headers, tovrel-server's public header and its own, never a source folder.
 
 tovrel-server's folders (server/src/) are layered the same way:
 
@@ -49,6 +53,7 @@ HEADER_LAYERS = {
     "version.h": "ports",
     "notification_names.h": "foundation",
     "preferences_keys.h": "foundation",
+    "protocol.h": "ports",
 }
 
 # Headers outside the component that it may include (generated build configuration).
@@ -60,6 +65,16 @@ ALLOWED = {
         "the environment makes the shared instances (DataService, AnalyticsManager) on first use",
     ("src/context/environment.cpp", "session"):
         "the environment makes the shared SessionManager on first use",
+}
+
+# (tovrel-sim's file, header) that it still includes from tovrel-server's sources, each with its reason.
+SIM_ALLOWED = {
+    ("tools/sim/html_report.cpp", "catalog/catalog_data.h"):
+        "the report names places as the server reads the GeoJSON file, with the server's own reader",
+    ("tools/sim/main.cpp", "common/temporary_file.h"):
+        "the catalogue fetched for a preview is handed to the run as a file, made as the server makes its own",
+    ("tools/sim/replay.cpp", "common/temporary_file.h"):
+        "the catalogue fetched for a replay is handed to the run as a file, made as the server makes its own",
 }
 
 SERVER_LAYERS = {
@@ -76,7 +91,8 @@ SERVER_LAYERS = {
 }
 
 SERVER_SHARED = ("tovrel/platform/thread_annotations.h", "tovrel/platform/distance.h",
-                 "tovrel/platform/json_text.h", "tovrel/tools/", "tovrel/paths/")
+                 "tovrel/platform/json_text.h", "tovrel/protocol.h", "tovrel/tools/", "tovrel/paths/")
+PROTOCOL = "include/tovrel/protocol.h"
 BACKEND_OWN = ("tovrel/platform/", "tovrel/export.h", "tovrel/version.h")
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
@@ -151,6 +167,26 @@ def check_server(arrows):
     return problems
 
 
+def check_sim(used_allowances):
+    """tovrel-sim's includes: public headers (the SDK's, the backends', the tools', the server's) and
+    its own, never a source folder of the component or the server."""
+    problems = []
+    for path in tracked("tools/sim/*.cpp", "tools/sim/*.h"):
+        for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
+            if name.startswith(("tovrel/", "tovrel_server/")) or (ROOT / Path(path).parent / name).is_file():
+                continue
+            if (path, name) in SIM_ALLOWED:
+                used_allowances.add((path, name))
+                continue
+            problems.append(f'{path}: tovrel-sim includes "{name}", which is no public header')
+    return problems
+
+
+def code_of(text):
+    """`text` without its // comments (enough for the endpoint check: no endpoint follows a URL's //)."""
+    return "\n".join(line.split("//", 1)[0] for line in text.splitlines())
+
+
 def main():
     list_arrows = "--list" in sys.argv[1:]
     if any(a in ("-h", "--help") for a in sys.argv[1:]):
@@ -189,8 +225,8 @@ def main():
                 used_allowances.add((path, there))
                 continue
             problems.append(f'{path} ({here}): #include "{name}" points up to {there}')
-        if here != "service" and ENDPOINT.search(text):
-            problems.append(f"{path} ({here}): names a service endpoint; only src/service/ talks to the service")
+        if here != "service" and '#include "tovrel/protocol.h"' in text and path != PROTOCOL:
+            problems.append(f"{path} ({here}): includes the wire contract; only src/service/ talks to the service")
 
     for path in tracked("platform/*.cpp", "platform/*.h"):
         for name in INCLUDE.findall((ROOT / path).read_text(encoding="utf-8", errors="replace")):
@@ -211,6 +247,14 @@ def main():
                 problems.append(f'{path}: tovrel-server includes "{name}" from the SDK')
 
     problems += check_server(arrows)
+    sim_used = set()
+    problems += check_sim(sim_used)
+    for key in sorted(set(SIM_ALLOWED) - sim_used):
+        problems.append(f"{key[0]} no longer includes {key[1]}: drop it from SIM_ALLOWED")
+    for path in tracked("src/*", "include/*", "server/*", "tools/*", "platform/*", "bindings/*"):
+        if path != PROTOCOL and path.endswith((".cpp", ".h")):
+            if ENDPOINT.search(code_of((ROOT / path).read_text(encoding="utf-8", errors="replace"))):
+                problems.append(f"{path}: spells a service endpoint; name it through tovrel/protocol.h")
 
     for key in sorted(set(ALLOWED) - used_allowances):
         problems.append(f"{key[0]} no longer includes {key[1]}: drop it from ALLOWED")
@@ -223,7 +267,8 @@ def main():
         for problem in problems:
             print(f"  {problem}", file=sys.stderr)
         return 1
-    print(f"check-layering: every #include points down ({len(ALLOWED)} known exceptions in ALLOWED)")
+    print(f"check-layering: every #include points down ({len(ALLOWED)} known exceptions in ALLOWED, "
+          f"{len(SIM_ALLOWED)} in SIM_ALLOWED); endpoints are spelled only in {PROTOCOL}")
     return 0
 
 

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "tovrel/export.h"
 #include "tovrel/platform/http.h"
@@ -61,8 +62,8 @@ class TOVREL_EXPORT DataService {
     static Json buildLocationDictionaryWithLatitude(double latitude, double longitude);
 
   private:
-    void post(const char* path, const Json& body, platform::JsonCompletion onAnswer);
-    void sendStatusRequest(const char* path, const Json& body, StatusCompletion completion);
+    void post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer);
+    void sendStatusRequest(std::string_view path, const Json& body, StatusCompletion completion);
 
     Environment& environment_;
 };

@@ -2,6 +2,7 @@
 
 #include "foundation/log.h"
 #include "tovrel/environment.h"
+#include "tovrel/protocol.h"
 
 namespace tovrel {
 
@@ -14,7 +15,7 @@ AnalyticsManager& AnalyticsManager::instance() {
 void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
                                   Completion completion) {
     const nlohmann::json body{{"deviceid", deviceId}, {"message", message}};
-    const std::string url = environment_.configuration().serviceBaseURL + "/v1/log";
+    const std::string url = environment_.configuration().serviceBaseURL + std::string(protocol::kLogPath);
     auto& log = *environment_.platform().log;
     environment_.platform().http->postJson(
         url, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {

@@ -3,6 +3,7 @@
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "tovrel/environment.h"
+#include "tovrel/protocol.h"
 
 namespace tovrel {
 namespace {
@@ -27,8 +28,8 @@ Json DataService::buildLocationDictionaryWithLatitude(double latitude, double lo
     return Json{{"lat", formatF(latitude)}, {"lon", formatF(longitude)}};
 }
 
-void DataService::post(const char* path, const Json& body, platform::JsonCompletion onAnswer) {
-    const std::string url = environment_.configuration().serviceBaseURL + path;
+void DataService::post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer) {
+    const std::string url = environment_.configuration().serviceBaseURL + std::string(path);
     environment_.platform().http->postJson(url, body, std::move(onAnswer));
 }
 
@@ -44,7 +45,7 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
         {"distanceThreshold", kDistanceThreshold},
     };
     auto& log = *environment_.platform().log;
-    post("/v2/place", body, [&log, completion = std::move(completion)](platform::JsonResult result) {
+    post(protocol::kPlacePath, body, [&log, completion = std::move(completion)](platform::JsonResult result) {
         if (!result.ok()) {
             TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
             if (completion) {
@@ -77,7 +78,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
     }
     const Json body{{"sessionKey", *sessionKey}, {"eventId", eventId}, {"placeId", placeId}};
     auto& log = *environment_.platform().log;
-    post("/v1/deviceevent/link", body,
+    post(protocol::kLinkPath, body,
          [&log, completion = std::move(completion)](const platform::JsonResult& result) {
              if (!result.ok()) {
                  TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
@@ -119,7 +120,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
          });
 }
 
-void DataService::sendStatusRequest(const char* path, const Json& body, StatusCompletion completion) {
+void DataService::sendStatusRequest(std::string_view path, const Json& body, StatusCompletion completion) {
     auto& log = *environment_.platform().log;
     post(path, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
         if (!result.ok()) {
@@ -149,7 +150,7 @@ void DataService::sendDeviceUpdateWithDeviceEventId(const Json& deviceEventId, c
         return;
     }
     sendStatusRequest(
-        "/v1/deviceevent/update",
+        protocol::kLinkStatusPath,
         {{"sessionKey", *sessionKey}, {"deviceEventId", deviceEventId}, {"statusCode", statusCode}},
         std::move(completion));
 }
@@ -158,7 +159,7 @@ void DataService::sendDeviceClearWithSessionKey(const SessionKey& sessionKey, St
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest("/v1/deviceevent/clear", {{"sessionKey", *sessionKey}}, std::move(completion));
+    sendStatusRequest(protocol::kClearLinksPath, {{"sessionKey", *sessionKey}}, std::move(completion));
 }
 
 void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
@@ -167,7 +168,7 @@ void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest("/v1/devicetag/update",
+    sendStatusRequest(protocol::kTagUpdatePath,
                       {{"sessionKey", *sessionKey},
                        {"tag", deviceTag},
                        {"tagValue", deviceTagValue},
@@ -180,17 +181,18 @@ void DataService::deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, co
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest("/v1/devicetag/delete",
+    sendStatusRequest(protocol::kTagDeletePath,
                       {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"groupTag", groupTag}},
                       std::move(completion));
 }
 
 void DataService::requestSessionWithBody(const Json& body, AnswerCompletion completion) {
-    post("/v1/session", body, [completion = std::move(completion)](const platform::JsonResult& result) {
-        if (completion) {
-            completion(result.ok() ? result.value : Json(), result.error);
-        }
-    });
+    post(protocol::kSessionPath, body,
+         [completion = std::move(completion)](const platform::JsonResult& result) {
+             if (completion) {
+                 completion(result.ok() ? result.value : Json(), result.error);
+             }
+         });
 }
 
 }  // namespace tovrel

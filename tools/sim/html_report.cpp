@@ -14,6 +14,7 @@
 #include "report_map.h"
 #include "report_plot.h"
 #include "tovrel/platform/distance.h"
+#include "tovrel/protocol.h"
 
 namespace tovrel::sim {
 namespace {
@@ -80,7 +81,7 @@ std::vector<MapPlace> collectPlaces(const std::vector<json>& events,
         if (type == "outcome") {
             outcomes[text(field(event, "eventId")) + "@" + text(field(event, "placeId"))] = event;
         }
-        if (type != "response" || event.value("path", "") != "/v2/place") {
+        if (type != "response" || event.value("path", "") != protocol::kPlacePath) {
             continue;
         }
         const json& records = field(field(event, "body"), "places");
@@ -149,10 +150,10 @@ class OfferOfEvent {
         if (type == "outcome") {
             return text(field(event, "eventId"));
         }
-        if (path == "/v1/deviceevent/link" && type == "request") {
+        if (path == protocol::kLinkPath && type == "request") {
             return text(field(body, "eventId"));
         }
-        if (path == "/v1/deviceevent/link" && type == "response") {
+        if (path == protocol::kLinkPath && type == "response") {
             const json& records = field(body, "places");
             if (records.is_array() && !records.empty()) {
                 const std::string eventId = text(field(records[0], "eventId"));
@@ -164,7 +165,7 @@ class OfferOfEvent {
             }
             return {};
         }
-        if (path == "/v1/deviceevent/update") {
+        if (path == protocol::kLinkStatusPath) {
             return lookup(text(field(body, "deviceEventId")));
         }
         if (type == "notification") {
@@ -173,7 +174,7 @@ class OfferOfEvent {
         if (type == "alert") {
             return lookup(text(field(event, "tag")));
         }
-        if (path == "/v1/log" && type == "request") {
+        if (path == protocol::kLogPath && type == "request") {
             const json& message = field(body, "message");
             if (message.is_object() && !message.empty()) {
                 return text(field(message.begin().value(), "eventid"));
@@ -217,7 +218,7 @@ std::vector<MapMark> collectMarks(const std::vector<json>& events, const Route& 
         const double t = event.value("t", 0.0);
         if (type == "log" && event.value("line", "").find("Inside the target bounds!") != std::string::npos) {
             mark("entered", t, "");
-        } else if (type == "request" && event.value("path", "") == "/v1/deviceevent/link") {
+        } else if (type == "request" && event.value("path", "") == protocol::kLinkPath) {
             mark("linked", t, "offer " + text(field(field(event, "body"), "eventId")));
         } else if (type == "notification" || type == "alert") {
             mark("delivered", t, type);
@@ -234,21 +235,21 @@ std::string summarise(const json& event) {
     const std::string path = text(field(event, "path"));
     const json& body = field(event, "body");
     if (type == "request") {
-        if (path == "/v2/place") {
+        if (path == protocol::kPlacePath) {
             const json& list = field(body, "coordinatesList");
             if (list.is_array() && !list.empty()) {
                 return path + " near " + text(field(list[0], "lat")) + ", " + text(field(list[0], "lon"));
             }
         }
-        if (path == "/v1/deviceevent/link") {
+        if (path == protocol::kLinkPath) {
             return path + " offer " + text(field(body, "eventId")) + " at place " +
                    text(field(body, "placeId"));
         }
-        if (path == "/v1/deviceevent/update") {
+        if (path == protocol::kLinkStatusPath) {
             return path + " device event " + text(field(body, "deviceEventId")) + ": " +
                    text(field(body, "statusCode"));
         }
-        if (path == "/v1/log") {
+        if (path == protocol::kLogPath) {
             const json& message = field(body, "message");
             if (message.is_object() && !message.empty()) {
                 return path + " " + message.begin().key();
@@ -476,10 +477,10 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         if (type == "request") {
             const std::string path = event.value("path", "");
             ++requestsByPath[path];
-            if (path == "/v1/deviceevent/update") {
+            if (path == protocol::kLinkStatusPath) {
                 ++answers[text(field(field(event, "body"), "statusCode"))];
             }
-            if (path == "/v1/deviceevent/link") {
+            if (path == protocol::kLinkPath) {
                 ++links;
                 ++linkedByType[eventTypeById[text(field(field(event, "body"), "eventId"))]];
             }

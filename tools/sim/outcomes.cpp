@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "html_report.h"
+#include "tovrel/protocol.h"
 
 namespace tovrel::sim {
 
@@ -208,7 +209,7 @@ void OutcomeTracker::addResponse(double t, const std::string& path, const json& 
     if (places == body.end() || !places->is_array()) {
         return;
     }
-    if (path == "/v2/place") {
+    if (path == protocol::kPlacePath) {
         for (const json& record : *places) {
             if (!record.is_object()) {
                 continue;
@@ -233,7 +234,7 @@ void OutcomeTracker::addResponse(double t, const std::string& path, const json& 
             index_[key(eventId, placeId)] = outcomes_.size();
             outcomes_.push_back(std::move(outcome));
         }
-    } else if (path == "/v1/deviceevent/link" && !places->empty() && places->front().is_object()) {
+    } else if (path == protocol::kLinkPath && !places->empty() && places->front().is_object()) {
         const json& record = places->front();
         OfferOutcome* o =
             outcomeFor(idText(record.value("eventId", json())), idText(record.value("placeId", json())));
@@ -250,12 +251,12 @@ void OutcomeTracker::addRequest(const std::string& path, const json& body) {
     if (!body.is_object()) {
         return;
     }
-    if (path == "/v1/deviceevent/link") {
+    if (path == protocol::kLinkPath) {
         if (OfferOutcome* o =
                 outcomeFor(idText(body.value("eventId", json())), idText(body.value("placeId", json())))) {
             ++o->linkRequests;
         }
-    } else if (path == "/v1/deviceevent/update") {
+    } else if (path == protocol::kLinkStatusPath) {
         if (const auto found = byDeviceEvent_.find(idText(body.value("deviceEventId", json())));
             found != byDeviceEvent_.end() && body.value("statusCode", json()).is_string()) {
             outcomes_[found->second].answers.push_back(body["statusCode"].get<std::string>());

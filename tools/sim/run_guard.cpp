@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "tovrel/protocol.h"
+
 namespace tovrel::sim {
 
 namespace {
 
 bool isSessionStart(const std::string& url) {
-    constexpr std::string_view kPath = "/v1/session";
+    constexpr std::string_view kPath = protocol::kSessionPath;
     return url.size() >= kPath.size() && url.compare(url.size() - kPath.size(), kPath.size(), kPath) == 0;
 }
 

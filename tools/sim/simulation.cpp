@@ -19,6 +19,7 @@
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/protocol.h"
 #include "tovrel/session_manager.h"
 #include "tovrel/virtual/virtual_location.h"
 #include "tovrel/virtual/virtual_motion.h"
@@ -168,7 +169,7 @@ std::string describeForTimeline(const json& event) {
         line << "← " << event.value("path", "") << ' ' << event.value("status", 0);
         if (event.contains("error")) {
             line << ' ' << event["error"].get<std::string>();
-        } else if (event.value("path", "") == "/v2/place" && event["body"].is_object() &&
+        } else if (event.value("path", "") == protocol::kPlacePath && event["body"].is_object() &&
                    event["body"].contains("places") && event["body"]["places"].is_array()) {
             line << ' ' << event["body"]["places"].size() << " places";
         }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "tovrel/protocol.h"
+
 namespace tovrel::server {
 
 /// What a request was, as the metrics and the access log name it.
@@ -49,14 +51,14 @@ inline constexpr std::string_view kApiMethod = "POST";
 
 /// The JSON API, in the order of the Route values it names.
 inline constexpr std::array<ApiRoute, 8> kApiRoutes = {{
-    {"/v1/session", Route::session, kMaxRequestBody, true, true},
-    {"/v2/place", Route::place, kMaxRequestBody, true, false},
-    {"/v1/deviceevent/link", Route::link, kMaxRequestBody, false, true},
-    {"/v1/deviceevent/update", Route::update, kMaxRequestBody, false, true},
-    {"/v1/deviceevent/clear", Route::clear, kMaxRequestBody, false, true},
-    {"/v1/devicetag/update", Route::tagUpdate, kMaxRequestBody, false, true},
-    {"/v1/devicetag/delete", Route::tagDelete, kMaxRequestBody, false, true},
-    {"/v1/log", Route::log, kMaxLogBody, true, true},
+    {protocol::kSessionPath, Route::session, kMaxRequestBody, true, true},
+    {protocol::kPlacePath, Route::place, kMaxRequestBody, true, false},
+    {protocol::kLinkPath, Route::link, kMaxRequestBody, false, true},
+    {protocol::kLinkStatusPath, Route::update, kMaxRequestBody, false, true},
+    {protocol::kClearLinksPath, Route::clear, kMaxRequestBody, false, true},
+    {protocol::kTagUpdatePath, Route::tagUpdate, kMaxRequestBody, false, true},
+    {protocol::kTagDeletePath, Route::tagDelete, kMaxRequestBody, false, true},
+    {protocol::kLogPath, Route::log, kMaxLogBody, true, true},
 }};
 
 /// The endpoint at `path` (without a query); null when there is none. Pure; any thread.
