@@ -7,8 +7,6 @@
 namespace tovrel::targeting {
 namespace {
 
-constexpr double kToastSeconds = 2.0;
-
 enum EventAlertButton : int { kNeverButton = 0, kViewButton = 1, kLaterButton = 2 };
 
 }  // namespace
@@ -37,19 +35,6 @@ EventAlertAnswer eventAlertAnswer(int buttonIndex) {
         default:
             return EventAlertAnswer::kNone;
     }
-}
-
-void showMessageAlert(Environment& environment, const std::string& message) {
-    environment.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
-}
-
-void showToast(Environment& environment, const std::string& message) {
-    const auto& platform = environment.platform();
-    TOVREL_ASSERT_MAIN_THREAD(*platform.mainLoop);
-    const platform::AlertId id =
-        platform.alerts->show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
-    platform.mainLoop->scheduleTimer(kToastSeconds, false,
-                                     [alerts = platform.alerts, id] { alerts->dismiss(id, 0, true); });
 }
 
 platform::LocalNotification offerNotification(std::string_view body, int deviceEventId) {

@@ -1,5 +1,6 @@
 #include "tovrel/session_manager.h"
 
+#include "context/toast.h"
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "foundation/stored_values.h"
@@ -14,11 +15,6 @@
 #include "tovrel/version.h"
 
 namespace tovrel {
-namespace {
-
-constexpr double kToastSeconds = 2.0;
-
-}  // namespace
 
 SessionManager::SessionManager(Environment& environment) : environment_(environment) {
     reachabilityObserver_ = environment_.notificationCenter().addObserver(
@@ -164,11 +160,7 @@ bool SessionManager::checkNetworkStatus(const Notification* /*notification*/) {
 }
 
 void SessionManager::showToast(Environment& environment, const std::string& message) {
-    auto& alerts = *environment.platform().alerts;
-    const platform::AlertId id =
-        alerts.show(platform::AlertSpec{std::nullopt, message, std::nullopt, {}, 0, nullptr});
-    environment.platform().mainLoop->scheduleTimer(kToastSeconds, false,
-                                                   [&alerts, id] { alerts.dismiss(id, 0, true); });
+    tovrel::showToast(environment, message);
 }
 
 void SessionManager::showToastMessage(const std::string& message) {
@@ -176,7 +168,7 @@ void SessionManager::showToastMessage(const std::string& message) {
 }
 
 void SessionManager::showAlert(const std::string& message) {
-    environment_.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
+    showMessageAlert(environment_, message);
 }
 
 }  // namespace tovrel

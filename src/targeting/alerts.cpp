@@ -1,3 +1,4 @@
+#include "context/toast.h"
 #include "foundation/format.h"
 #include "foundation/value.h"
 #include "targeting/delivery_port.h"
@@ -68,7 +69,7 @@ void LocationManager::alertViewDidDismissWithButtonIndex(long alertTag, int butt
 
 void LocationManager::showAlert(const std::string& message) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    targeting::showMessageAlert(environment_, message);
+    showMessageAlert(environment_, message);
 }
 
 void LocationManager::showToastMessage(const std::string& message) {
@@ -76,7 +77,7 @@ void LocationManager::showToastMessage(const std::string& message) {
 }
 
 void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
-    targeting::showToast(environment, message);
+    showToast(environment, message);
 }
 
 }  // namespace tovrel

@@ -25,10 +25,6 @@ enum class EventAlertAnswer { kNever, kView, kLater, kNone };
 platform::AlertSpec eventAlert(const std::string& message, bool withOfferView, int deviceEventId);
 /// Any thread. The answer button `buttonIndex` of the event alert gives ("OK" reads as "Never").
 EventAlertAnswer eventAlertAnswer(int buttonIndex);
-/// Main thread. A message box titled "Message" with one "OK" button and no delegate.
-void showMessageAlert(Environment& environment, const std::string& message);
-/// Main thread. A message box without buttons, dismissed after two seconds.
-void showToast(Environment& environment, const std::string& message);
 
 /// Any thread. The local notification for one offer message.
 platform::LocalNotification offerNotification(std::string_view body, int deviceEventId);
