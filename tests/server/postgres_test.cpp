@@ -533,9 +533,9 @@ TEST_F(Postgres, ImportedTextsKeepEveryCharacterAndNumbersEveryDigitAndAnImportA
     };
     fx.server().importGeoJson(
         fx.dir().write("odd.geojson", place(R"(Caf\u00e9 \"Zum {Hirschen}\", Stra\\e \\N NULL)", 71)));
-    EXPECT_EQ(
-        queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
-        std::vector<std::string>{"Caf\u00e9 \"Zum {Hirschen}\", Stra\\e \\N NULL|48.30000000000001|11.5|50.0"});
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT name, lat, lon, radius FROM places WHERE id = 7"),
+              std::vector<std::string>{
+                  "Caf\u00e9 \"Zum {Hirschen}\", Stra\\e \\N NULL|48.30000000000001|11.5|50.0"});
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT alert_text FROM offers WHERE id = 71"),
               std::vector<std::string>{"A\tB\nC\\N"});
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
