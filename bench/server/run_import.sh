@@ -64,6 +64,12 @@ import_into() { # BINARY DB
     timed "$2" "$1" import "$tmp/places.geojson" --db "$2"
 }
 
+# Both baselines stage the CSV rows in tables p, o and po, then write them into the schema's tables.
+insert_staged="INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM p;
+INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, event_type)
+    SELECT * FROM o;
+INSERT INTO place_offers(place, offer) SELECT * FROM po;"
+
 baseline_into() { # DB
     "$server" apps add bench-key Bench --db "$1" >/dev/null
     local campaigns="" c
@@ -83,10 +89,7 @@ CREATE TEMP TABLE po(place, offer);
 .import --csv $tmp/csv/places.csv p
 .import --csv $tmp/csv/offers.csv o
 .import --csv $tmp/csv/place_offers.csv po
-INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM p;
-INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, event_type)
-    SELECT * FROM o;
-INSERT INTO place_offers(place, offer) SELECT * FROM po;
+$insert_staged
 COMMIT;
 SQL
     timed "$1" sqlite3 "$1" ".read $1.sql"
@@ -147,10 +150,7 @@ CREATE TEMP TABLE po(place bigint, offer bigint);
 \\copy p FROM '$tmp/csv/places.csv' WITH (FORMAT csv)
 \\copy o FROM '$tmp/csv/offers.csv' WITH (FORMAT csv)
 \\copy po FROM '$tmp/csv/place_offers.csv' WITH (FORMAT csv)
-INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM p;
-INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, event_type)
-    SELECT * FROM o;
-INSERT INTO place_offers(place, offer) SELECT * FROM po;
+$insert_staged
 COMMIT;
 SQL
     timed "$tmp/$1" psql -q -v ON_ERROR_STOP=1 -h 127.0.0.1 -p "$pg_port" -U postgres -d "$1" -f "$tmp/$1.sql"

@@ -331,9 +331,9 @@ void copyOffers(PgConnection& conn, std::size_t count, const OfferAt& offer,
         return;
     }
     conn.exec(
-        "CREATE TEMP TABLE tovrel_import_offers(id bigint, campaign bigint, event_name text, alert_text "
-        "text, "
-        "media_type text, media_url text, tags text, dwell_time integer, event_type integer) ON COMMIT DROP");
+        "CREATE TEMP TABLE tovrel_import_offers(id bigint, campaign bigint, event_name text, "
+        "alert_text text, media_type text, media_url text, tags text, dwell_time integer, "
+        "event_type integer) ON COMMIT DROP");
     PgCopy copy(conn, "COPY tovrel_import_offers FROM STDIN");
     for (std::size_t i = 0; i < count; ++i) {
         const auto& o = offer(i);
@@ -376,9 +376,9 @@ void copyPlaces(PgConnection& conn, std::size_t count, const PlaceAt& place) {
     }
     links.finish();
     conn.exec(
-        "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM tovrel_import_places ON CONFLICT(id) "
-        "DO "
-        "UPDATE SET name = excluded.name, lat = excluded.lat, lon = excluded.lon, radius = excluded.radius; "
+        "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM tovrel_import_places "
+        "ON CONFLICT(id) DO UPDATE SET name = excluded.name, lat = excluded.lat, lon = excluded.lon, "
+        "radius = excluded.radius; "
         "DELETE FROM place_offers WHERE place IN (SELECT id FROM tovrel_import_places); "
         "INSERT INTO place_offers(place, offer) SELECT * FROM tovrel_import_place_offers");
 }
