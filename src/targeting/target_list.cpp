@@ -187,16 +187,16 @@ void TargetList::nearest(const platform::Coordinate& position, NearestSet& out) 
     std::array<double, kBlock> dots{};
     std::size_t from = 0;
     for (; from + kBlock <= n; from += kBlock) {
-        Lanes low;
-        Lanes high;
-        dotProducts(xs + from, ys + from, zs + from, v, low);
-        dotProducts(xs + from + kLanes, ys + from + kLanes, zs + from + kLanes, v, high);
-        const Lanes most = low > high ? low : high;
-        const Lanes least = low < high ? low : high;
+        Lanes front;
+        Lanes back;
+        dotProducts(xs + from, ys + from, zs + from, v, front);
+        dotProducts(xs + from + kLanes, ys + from + kLanes, zs + from + kLanes, v, back);
+        const Lanes most = front > back ? front : back;
+        const Lanes least = front < back ? front : back;
         if (std::max(std::max(most[0], most[1]), std::max(most[2], most[3])) >= best - kTieMargin ||
             std::min(std::min(least[0], least[1]), std::min(least[2], least[3])) < kAntipodalLimit) {
-            std::memcpy(dots.data(), &low, sizeof low);
-            std::memcpy(dots.data() + kLanes, &high, sizeof high);
+            std::memcpy(dots.data(), &front, sizeof front);
+            std::memcpy(dots.data() + kLanes, &back, sizeof back);
             collect(from, dots, best, hits);
         }
     }
