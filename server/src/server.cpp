@@ -47,6 +47,7 @@ ServiceOptions serviceOptions(const ServerOptions& o) {
     s.sessionRateLimit = o.sessionRateLimit;
     s.logRateLimit = o.logRateLimit;
     s.logRetentionDays = o.logRetentionDays;
+    s.logLocation = o.logDbPath;
     s.retainLinksDays = o.retainLinksDays;
     s.retainSessionsDays = o.retainSessionsDays;
     s.retainAuditDays = o.retainAuditDays;

@@ -74,11 +74,13 @@ int changeCampaign(const std::string& dbPath, const std::string& campaign, bool 
     return 0;
 }
 
-// Prints what the store holds about a device (with its log messages when exporting), or erases it.
-int deviceCommand(const std::string& dbPath, const std::string& verb, const std::string& deviceId) {
+// Prints what the stores hold about a device (with its log messages when exporting), or erases it.
+int deviceCommand(const std::string& dbPath, const std::string& logDbPath, const std::string& verb,
+                  const std::string& deviceId) {
     const auto store = openExisting(dbPath);
+    const auto logs = openLogStore(logDbPath.empty() ? dbPath : logDbPath);
     if (verb == "erase") {
-        const auto erased = store->eraseDevice(deviceId);
+        const auto erased = eraseDeviceAndLogs(*store, *logs, deviceId);
         recordCommandLineChange(*store, "devices.erase", deviceId, erased ? 200 : 404);
         if (!erased) {
             throw std::runtime_error("there is no device \"" + deviceId + "\"");
@@ -86,7 +88,7 @@ int deviceCommand(const std::string& dbPath, const std::string& verb, const std:
         std::cout << nlohmann::json{{"deviceId", deviceId}, {"erased", erasedJson(*erased)}}.dump(2) << '\n';
         return 0;
     }
-    const auto record = store->deviceRecord(deviceId, verb == "export");
+    const auto record = deviceRecordWithLogs(*store, *logs, deviceId, verb == "export");
     if (!record) {
         throw std::runtime_error("there is no device \"" + deviceId + "\"");
     }
@@ -179,8 +181,17 @@ DataCommands::DataCommands(CLI::App& app, const std::function<void(CLI::App*)>& 
         CLI::App* cmd = devicesCmd->add_subcommand(verb, what);
         cmd->add_option("DEVICE_ID", deviceId_, "The deviceId the device sends")->required();
         addDb(cmd);
+        addLogDbOption(cmd, logDb_);
         deviceVerbs_.push_back(cmd);
     }
+}
+
+void addLogDbOption(CLI::App* command, std::string& logDb) {
+    command
+        ->add_option("--log-db", logDb,
+                     "Where /v1/log messages are kept: another SQLite file or postgresql:// database, so "
+                     "that diagnostics never share commits or storage with the rest (default: --db)")
+        ->envname("TOVREL_LOG_DB");
 }
 
 std::optional<int> DataCommands::run(const std::string& db) {
@@ -213,7 +224,7 @@ std::optional<int> DataCommands::run(const std::string& db) {
     }
     for (CLI::App* verb : deviceVerbs_) {
         if (verb->parsed()) {
-            return deviceCommand(db, verb->get_name(), deviceId_);
+            return deviceCommand(db, logDb_, verb->get_name(), deviceId_);
         }
     }
     return std::nullopt;

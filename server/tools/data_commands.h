@@ -38,6 +38,10 @@ class DataCommands {
     std::string name_;
     std::string campaign_;
     std::string deviceId_;
+    std::string logDb_;
 };
+
+/// Adds --log-db (where /v1/log messages are kept; "" for --db) to `command`, read into `logDb`.
+void addLogDbOption(CLI::App* command, std::string& logDb);
 
 }  // namespace tovrel::server

@@ -16,8 +16,8 @@ namespace {
 
 using namespace tovrel::server;
 
-int report(const std::string& db, bool asJson, bool byDay) {
-    const Report r = readReport(db);
+int report(const std::string& db, const std::string& logDb, bool asJson, bool byDay) {
+    const Report r = readReport(db, logDb);
     const Funnel funnel = readFunnel(db, byDay);
     if (!asJson) {
         std::cout << formatReport(funnel, r.logCounts);
@@ -57,6 +57,8 @@ int main(int argc, char** argv) {
     bool asJson = false;
     bool byDay = false;
     addDb(reportCmd);
+    std::string logDb;
+    addLogDbOption(reportCmd, logDb);
     reportCmd->add_flag("--json", asJson, "Print JSON instead of tables");
     reportCmd->add_flag("--by-day", byDay, "Also count per UTC day");
 
@@ -78,7 +80,7 @@ int main(int argc, char** argv) {
             return *status;
         }
         if (reportCmd->parsed()) {
-            return report(db, asJson, byDay);
+            return report(db, logDb, asJson, byDay);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "tovrel-server: %s\n", e.what());

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "admin/admin_handler.h"
+#include "data_commands.h"
 #include "http/listen_address.h"
 #include "observability/log.h"
 #include "store/store.h"
@@ -90,6 +91,9 @@ int serve(ServeSettings settings) {
     serving.add("listen", hostPort(options.listenAddress, port))
         .add("tls", !options.tlsCertificateFile.empty())
         .add("db", displayLocation(options.dbPath));
+    if (!options.logDbPath.empty()) {
+        serving.add("logDb", displayLocation(options.logDbPath));
+    }
     if (server.adminPort() != 0) {
         serving.add("admin", hostPort(options.adminAddress, server.adminPort()))
             .add("adminApi", !options.adminToken.empty());
@@ -269,6 +273,7 @@ void ServeCommand::addPreviewAndWebhookOptions() {
 
 void ServeCommand::addStoreOptions() {
     ServerOptions& options = settings_.options;
+    addLogDbOption(command_, options.logDbPath);
     command_
         ->add_option("--retain-sessions", options.retainSessionsDays,
                      "Days a session is kept (its key is refused after); 0: all")
@@ -297,8 +302,8 @@ void ServeCommand::addStoreOptions() {
     command_
         ->add_option(
             "--group-commit", options.groupCommit,
-            "With PostgreSQL: tag, status and log writes that arrive together share one commit (off: each "
-            "commits alone)")
+            "Writes that arrive together share one commit: tags and statuses with PostgreSQL, log messages "
+            "with either store (off: each commits alone)")
         ->capture_default_str()
         ->envname("TOVREL_GROUP_COMMIT");
     command_

@@ -113,12 +113,23 @@ TEST_P(CommandLineOnEachStore, ImportAppsAndReport) {
     EXPECT_EQ(days.at("offers").at(0).at("seen"), 1);
     EXPECT_EQ(days.at("campaigns").at(0).at("links"), 1);
 
-    // The device behind that link, shown and erased; the funnel keeps counting it.
-    EXPECT_EQ(json::parse(run("devices show D --db " + db).output).at("links").at(0).at("statuses").size(),
-              1u);
-    const CommandResult erased = run("devices erase D --db " + db);
+    // The device behind that link, with a log message kept in a file of their own, shown and erased; the
+    // funnel keeps counting it.
+    const std::string logs = " --log-db " + db + ".logs";
+    const json shown = json::parse(run("devices show D --db " + db + logs).output);
+    EXPECT_EQ(shown.at("links").at(0).at("statuses").size(), 1u);
+    EXPECT_EQ(shown.at("logMessages").at("count"), 0);
+    executeSql(db + ".logs",
+               "INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES('D', 'e', "
+               "'{\"e\":1}', 1748779300)");
+    EXPECT_EQ(json::parse(run("devices export D --db " + db + logs).output).at("logMessages").at("messages"),
+              json::parse(R"([{"eventName": "e", "receivedAt": 1748779300.0, "message": {"e": 1}}])"));
+    EXPECT_EQ(json::parse(run("report --json --db " + db + logs).output).at("log"), json({{"e", 1}}));
+    const CommandResult erased = run("devices erase D --db " + db + logs);
     EXPECT_EQ(erased.exitCode, 0) << erased.output;
     EXPECT_EQ(json::parse(erased.output).at("erased").at("links"), 1);
+    EXPECT_EQ(json::parse(erased.output).at("erased").at("logMessages"), 1);
+    EXPECT_EQ(queryRows(db + ".logs", "SELECT COUNT(*) FROM log_messages"), std::vector<std::string>{"0"});
     EXPECT_EQ(json::parse(run("report --by-day --json --db " + db).output).at("days"), days);
     const CommandResult gone = run("devices export D --db " + db);
     EXPECT_EQ(gone.exitCode, 1);

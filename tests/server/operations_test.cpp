@@ -483,7 +483,12 @@ TEST_P(Admin, TheFunnelCountsLinksAndAnswers) {
     EXPECT_TRUE(answer.contains("days")) << funnel.body;
 }
 
-TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
+// Shows, exports and erases one device of two, each with a link, its answer, a tag and a log message;
+// `logDb` is the database that holds the log messages.
+void showExportAndErase(ServerFixture& fixture, HttpClient& admin, const std::string& logDb) {
+    const auto call = [&](const std::string& method, const std::string& path) {
+        return admin.request(method, path, {}, {std::string("Authorization: Bearer ") + kToken});
+    };
     const std::string key = fixture.startSession("ERASE-ME");
     const std::string other = fixture.startSession("KEEP-ME");
     fixture.setTime(utc(2025, 6, 2) + 600);
@@ -494,8 +499,14 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
         fixture.client().post("/v1/devicetag/update",
                               json{{"sessionKey", k}, {"tag", "t"}, {"tagValue", "v"}});
     }
+    const json check = json::array(
+        {{{"timestamp", "1748823000"}, {"lat", "48.1"}, {"lng", "11.5"}, {"location_accuracy", "10"}}});
     for (const char* device : {"ERASE-ME", "KEEP-ME"}) {
-        fixture.client().post("/v1/log", json{{"deviceid", device}, {"message", {{"targeting_updates", 1}}}});
+        ASSERT_EQ(
+            fixture.client()
+                .post("/v1/log", json{{"deviceid", device}, {"message", {{"targeting_updates", check}}}})
+                .status,
+            200);
     }
 
     const json shown = call("GET", "/admin/v1/devices/ERASE-ME").parsed();
@@ -503,12 +514,17 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
     ASSERT_EQ(shown["links"].size(), 1u) << shown;
     EXPECT_EQ(shown["links"][0]["statuses"][0]["status"], "seen");
     EXPECT_EQ(shown["tags"][0]["value"], "v");
-    EXPECT_EQ(shown["logMessages"]["byEvent"]["targeting_updates"], 1);
-    EXPECT_FALSE(shown["logMessages"].contains("messages"));
+    EXPECT_EQ(shown["logMessages"], json({{"count", 1}, {"byEvent", {{"targeting_updates", 1}}}}));
     EXPECT_EQ(shown.dump().find(key), std::string::npos) << "a session key is never shown";
     const HttpResult exported = call("GET", "/admin/v1/devices/ERASE-ME/export");
-    EXPECT_EQ(exported.parsed()["logMessages"]["messages"][0]["message"], json({{"targeting_updates", 1}}));
+    EXPECT_EQ(exported.parsed()["logMessages"]["messages"][0]["message"],
+              json({{"targeting_updates", check}}));
     EXPECT_NE(exported.header("content-disposition").find("attachment"), std::string::npos);
+    const json day = call("GET", "/admin/v1/devices/ERASE-ME/day?date=2025-06-02").parsed();
+    EXPECT_EQ(day["positions"].size(), 1u) << day;
+    EXPECT_EQ(day["links"].size(), 1u) << day;
+    EXPECT_EQ(fixture.server().report().logCounts,
+              (std::map<std::string, int64_t>{{"targeting_updates", 2}}));
 
     const json funnel = call("GET", "/admin/v1/funnel?by=day").parsed();
     const HttpResult erased = call("DELETE", "/admin/v1/devices/ERASE-ME");
@@ -516,27 +532,42 @@ TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
     EXPECT_EQ(erased.parsed()["erased"],
               json({{"sessions", 1}, {"links", 1}, {"statuses", 1}, {"tags", 1}, {"logMessages", 1}}));
     EXPECT_EQ(call("GET", "/admin/v1/funnel?by=day").parsed(), funnel);
-    for (const char* table :
-         {"devices", "sessions", "device_events", "device_event_status", "device_tags", "log_messages"}) {
+    for (const char* table : {"devices", "sessions", "device_events", "device_event_status", "device_tags"}) {
         EXPECT_EQ(queryRows(fixture.dbPath(), std::string("SELECT count(*) FROM ") + table),
                   std::vector<std::string>{"1"})
             << table << ": the other device's row alone is left";
     }
-    // The audit trail has the erasure, by a keyed hash of the id and never the id.
-    const json audit = call("GET", "/admin/v1/audit").parsed()["entries"];
-    ASSERT_EQ(audit.size(), 1u) << audit;
-    EXPECT_EQ(audit[0]["action"], "devices.erase");
-    EXPECT_EQ(audit[0]["item"].get<std::string>().substr(0, 5), "hmac:");
-    EXPECT_EQ(audit[0]["token"], "admin-token-file");
-    EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM audit_log WHERE item LIKE '%ERASE-ME%'"),
-              std::vector<std::string>{"0"});
+    EXPECT_EQ(queryRows(logDb, "SELECT device_id FROM log_messages"), std::vector<std::string>{"KEEP-ME"});
     EXPECT_EQ(fixture.places(key, kOldTownLat, kOldTownLon).status, 401);
     EXPECT_EQ(call("GET", "/admin/v1/devices/ERASE-ME").status, 404);
     EXPECT_EQ(call("DELETE", "/admin/v1/devices/ERASE-ME").status, 404);
     EXPECT_EQ(call("GET", "/admin/v1/devices/KEEP-ME").parsed()["links"].size(), 1u);
+}
+
+TEST_P(Admin, ADeviceIsShownExportedAndErasedWhileTheFunnelKeepsItsCounts) {
+    showExportAndErase(fixture, admin, fixture.dbPath());
+    // The audit trail has the erasure and the second try, by a keyed hash of the id and never the id.
+    const json audit = call("GET", "/admin/v1/audit").parsed()["entries"];
+    ASSERT_EQ(audit.size(), 2u) << audit;
+    EXPECT_EQ(audit[1]["action"], "devices.erase");
+    EXPECT_EQ(audit[1]["status"], 200);
+    EXPECT_EQ(audit[1]["item"].get<std::string>().substr(0, 5), "hmac:");
+    EXPECT_EQ(audit[1]["token"], "admin-token-file");
+    EXPECT_EQ(audit[0]["status"], 404);
+    EXPECT_EQ(queryRows(fixture.dbPath(), "SELECT count(*) FROM audit_log WHERE item LIKE '%ERASE-ME%'"),
+              std::vector<std::string>{"0"});
     // The same device starting again is a new device.
     const std::string again = fixture.startSession("ERASE-ME");
     EXPECT_EQ(record(fixture.places(again, kOldTownLat, kOldTownLon).parsed(), "11", "1").at("isLinked"), 0);
+}
+
+TEST_P(Admin, LogMessagesInADatabaseOfTheirOwnAreShownExportedAndErasedThere) {
+    const TempDir dir;
+    const std::string logDb = newDatabase(dir);
+    ServerFixture apart(fixtureOptions(withAdmin([&](ServerOptions& o) { o.logDbPath = logDb; })));
+    HttpClient apartAdmin(apart.adminPort());
+    showExportAndErase(apart, apartAdmin, logDb);
+    EXPECT_EQ(queryRows(apart.dbPath(), "SELECT count(*) FROM log_messages"), std::vector<std::string>{"0"});
 }
 
 TEST(AccessLog, NamesTheRouteOfADeviceRequestAndNeverTheDevice) {

@@ -297,6 +297,23 @@ void PrintTo(StoreKind kind, std::ostream* out) {
     *out << (kind == StoreKind::postgresql ? "PostgreSQL" : "SQLite");
 }
 
+void executeSql(const std::string& dbPath, const std::string& sql) {
+    if (dbPath.rfind("postgresql://", 0) == 0) {
+        queryPostgres(dbPath, sql);
+        return;
+    }
+    sqlite3* db = nullptr;
+    char* error = nullptr;
+    const bool done = sqlite3_open(dbPath.c_str(), &db) == SQLITE_OK &&
+                      sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) == SQLITE_OK;
+    const std::string message = error != nullptr ? error : (db != nullptr ? sqlite3_errmsg(db) : "no memory");
+    sqlite3_free(error);
+    sqlite3_close(db);
+    if (!done) {
+        throw std::runtime_error("cannot run SQL on " + dbPath + ": " + message);
+    }
+}
+
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql) {
     if (dbPath.rfind("postgresql://", 0) == 0) {
         return queryPostgres(dbPath, sql);

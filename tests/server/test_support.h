@@ -128,6 +128,8 @@ class ServerFixture {
 /// columns joined by '|' (numbers and booleans written as SQLite writes them, so that one expectation serves
 /// both stores).
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
+/// Runs SQL that writes (one or more statements) on the database at dbPath; throws when it fails.
+void executeSql(const std::string& dbPath, const std::string& sql);
 
 /// A test of the JSON endpoints run once per store: `fixtureOptions()` picks this run's store; the
 /// PostgreSQL runs are skipped, saying why, where PostgreSQL is not installed.

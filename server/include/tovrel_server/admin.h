@@ -119,8 +119,8 @@ ImportSummary importGeoJsonFile(const std::string& dbPath, const std::string& ge
 /// Adds (or renames) an app key in the database at dbPath (created when missing).
 void addAppKey(const std::string& dbPath, const std::string& key, const std::string& name);
 
-/// Reads the usage counts of the database at dbPath.
-Report readReport(const std::string& dbPath);
+/// Reads the usage counts of the database at dbPath, the log messages' from logDbPath ("": dbPath).
+Report readReport(const std::string& dbPath, const std::string& logDbPath = "");
 
 /// The report as aligned text tables.
 std::string formatReport(const Report& report);

@@ -33,6 +33,8 @@ struct ServerOptions {
     /// SQLite database file; ":memory:" keeps everything in this process only; a postgresql://
     /// address uses that PostgreSQL database (with PostGIS), which several servers may share.
     std::string dbPath = ":memory:";
+    /// Where /v1/log messages are kept: another SQLite file or postgresql:// database; "": dbPath.
+    std::string logDbPath;
     /// Address to bind (IPv4 or IPv6 literal).
     std::string listenAddress = "127.0.0.1";
     /// TCP port; 0 picks a free ephemeral port (read it back from start() or port()).

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "catalog/catalog_data.h"
+#include "store/log_store.h"
 #include "store/store.h"
 #include "tovrel_server/server.h"
 
@@ -44,9 +45,11 @@ void requireDatabase(const std::string& dbPath) {
 
 }  // namespace
 
-Report readReport(const std::string& dbPath) {
+Report readReport(const std::string& dbPath, const std::string& logDbPath) {
     requireDatabase(dbPath);
-    return openStore(dbPath)->report();
+    Report report = openStore(dbPath)->report();
+    report.logCounts = openLogStore(logDbPath.empty() ? dbPath : logDbPath)->countsByEvent();
+    return report;
 }
 
 Funnel readFunnel(const std::string& dbPath, bool byDay) {

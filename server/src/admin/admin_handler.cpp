@@ -460,8 +460,7 @@ HttpReply deviceDayReply(Service& service, const AdminRequest& r, const std::str
         throw ApiError(400, "format must be json or geojson");
     }
     const double to = *from + 86400;
-    const auto rows = service.change(
-        [&](Store& store) { return store.deviceDay(deviceId, *from, to + 3600, kMaxMessages); }, false);
+    const auto rows = service.deviceDay(deviceId, *from, to + 3600, kMaxMessages);
     if (!rows) {
         throw ApiError(404, r.missing());
     }
@@ -485,8 +484,7 @@ HttpReply devicesRequest(Service& service, const AdminRequest& r) {
     }
     const bool exported = parts.size() == 3 && parts[2] == "export";
     if ((parts.size() == 2 || exported) && r.is("GET")) {
-        const auto record =
-            service.change([&](Store& store) { return store.deviceRecord(deviceId, exported); }, false);
+        const auto record = service.deviceRecord(deviceId, exported);
         if (!record) {
             throw ApiError(404, r.missing());
         }

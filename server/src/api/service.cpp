@@ -13,6 +13,7 @@
 #include "common/session_keys.h"
 #include "http/buffer_pool.h"
 #include "observability/log.h"
+#include "store/device_data.h"
 
 namespace tovrel::server {
 
@@ -38,6 +39,11 @@ double steadyNow() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+StoreOptions storeOptions(const ServiceOptions& options) {
+    return StoreOptions{options.busyTimeoutMs, options.logRetentionDays, options.changeCheckSeconds,
+                        options.groupCommit};
+}
+
 }  // namespace
 
 double Service::steadySeconds() {
@@ -50,8 +56,9 @@ Service::Service(const std::string& location, Clock clock, ServiceOptions option
       options_(options),
       metrics_(metrics),
       logger_(logger),
-      store_(openStore(location, StoreOptions{options.busyTimeoutMs, options.logRetentionDays,
-                                              options.changeCheckSeconds, options.groupCommit})),
+      store_(openStore(location, storeOptions(options))),
+      logs_(
+          openLogStore(options.logLocation.empty() ? location : options.logLocation, storeOptions(options))),
       sessionLimiter_(options.sessionRateLimit, options.sessionRateLimit * 2),
       logLimiter_(options.logRateLimit, options.logRateLimit * kLogBurstSeconds) {
     // A key held in memory must not outlive its row.
@@ -448,14 +455,22 @@ std::map<std::string, int64_t> Service::pruneExpired(int batch) {
                                           : now - days * 86400.0;
                 for (int i = 0; i < kMaxPruneBatches; ++i) {
                     int64_t n = 0;
-                    writeOnly([&](Store& store) { n = store.pruneBatch(kind, before, batch); });
+                    if (kind == Retained::logs) {
+                        n = logs_->prune(before, batch);
+                    } else {
+                        writeOnly([&](Store& store) { n = store.pruneBatch(kind, before, batch); });
+                    }
                     count += n;
                     if (n < batch) {
                         break;
                     }
                 }
             }
-            writeOnly([&](Store& store) { oldest = store.oldestRow(kind); });
+            if (kind == Retained::logs) {
+                oldest = logs_->oldest();
+            } else {
+                writeOnly([&](Store& store) { oldest = store.oldestRow(kind); });
+            }
         } catch (const std::exception& e) {
             // The next pass tries again; what this one removed is committed.
             if (metrics_ != nullptr) {
@@ -496,11 +511,22 @@ std::optional<HeldBack> Service::heldBack(int64_t deviceEvent) {
 
 std::optional<ErasedDevice> Service::eraseDevice(const std::string& deviceId) {
     Lock db(dbMutex_);
-    std::optional<ErasedDevice> erased = store_->eraseDevice(deviceId);
+    std::optional<ErasedDevice> erased = eraseDeviceAndLogs(*store_, *logs_, deviceId);
     if (erased) {
         forgetDeviceLocked(erased->device);
     }
     return erased;
+}
+
+std::optional<nlohmann::json> Service::deviceRecord(const std::string& deviceId, bool withMessages) {
+    return change([&](Store& store) { return deviceRecordWithLogs(store, *logs_, deviceId, withMessages); },
+                  false);
+}
+
+std::optional<DeviceDayRows> Service::deviceDay(const std::string& deviceId, double from, double to,
+                                                int limit) {
+    return change([&](Store& store) { return deviceDayWithLogs(store, *logs_, deviceId, from, to, limit); },
+                  false);
 }
 
 void Service::forgetDeviceLocked(int64_t device) {
@@ -828,7 +854,7 @@ std::string Service::log(const json& req) {
                                 " bytes long, without NUL characters");
     }
     const std::string text = message->dump();
-    writeOnly([&](Store& store) { store.addLog(deviceId, event, text, clock_()); });
+    logs_->add(LogMessage{deviceId, event, text, clock_()});
     return kStatusOk;
 }
 
@@ -846,8 +872,12 @@ void Service::addApp(const std::string& key, const std::string& name) {
 }
 
 Report Service::report() {
-    Lock db(dbMutex_);
-    return store_->report();
+    Report report = [&] {
+        Lock db(dbMutex_);
+        return store_->report();
+    }();
+    report.logCounts = logs_->countsByEvent();
+    return report;
 }
 
 }  // namespace tovrel::server

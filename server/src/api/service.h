@@ -17,6 +17,7 @@
 #include "catalog/catalog.h"
 #include "common/rate_limiter.h"
 #include "observability/metrics.h"
+#include "store/log_store.h"
 #include "store/store.h"
 #include "tovrel/platform/thread_annotations.h"
 #include "tovrel_server/server.h"
@@ -52,6 +53,8 @@ struct ServiceOptions {
     double logRateLimit = 0;
     /// Days of log messages kept (see StoreOptions); 0: every message.
     int logRetentionDays = 0;
+    /// Where log messages go (see openLogStore()); "": the store's own location.
+    std::string logLocation;
     /// Days kept of cleared links and of sessions; pruneExpired() removes older ones. 0 keeps them.
     /// Session keys older than their retention are answered 401 as expired ones are.
     int retainLinksDays = 0;
@@ -94,8 +97,9 @@ class Service : private ChangeListener {
     /// is read whole.
     static constexpr std::size_t kCatalogOverlayChanges = 5;
 
-    /// Opens the store at `location` (an SQLite file or a postgresql:// address) and builds the
-    /// catalogue; throws std::runtime_error. `metrics` and `logger` may be null; both must outlive it.
+    /// Opens the store at `location` (an SQLite file or a postgresql:// address) and the log store
+    /// (ServiceOptions::logLocation), and builds the catalogue; throws std::runtime_error. `metrics` and
+    /// `logger` may be null; both must outlive it.
     Service(const std::string& location, Clock clock, ServiceOptions options = {}, Metrics* metrics = nullptr,
             const Logger* logger = nullptr);
     /// Stops following other replicas first: their notifications are handled by this object; then waits
@@ -156,10 +160,15 @@ class Service : private ChangeListener {
         writeOnly([&](Store& store) { store.transact(work); });
     }
 
-    /// Erases the device with this identifier from the store and from what this replica holds in
-    /// memory (the store tells the other replicas); its session keys are unknown from then on.
-    /// nullopt when there is no such device. Any thread.
+    /// Erases the device with this identifier, its log messages first, from the stores and from what
+    /// this replica holds in memory (the store tells the other replicas); its session keys are unknown
+    /// from then on. nullopt when there is no such device. Any thread.
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId);
+    /// Everything held about the device (see deviceRecordWithLogs()); nullopt when unknown. Any thread.
+    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withMessages);
+    /// The device's log messages received in [from, to) (at most `limit`) and the links it made then;
+    /// nullopt when unknown. Any thread.
+    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to, int limit);
     /// Why a link was held back, in words from the rules as they are now. Any thread.
     std::optional<HeldBack> heldBack(int64_t deviceEvent);
 
@@ -193,8 +202,11 @@ class Service : private ChangeListener {
     void reportFailure(std::string_view path, std::string_view what);
     /// True when the database answers a read now. Any thread; waits at most the busy timeout.
     bool databaseReachable();
-    /// Database threads worth running: more than one where the store takes writes at once. Any thread.
-    int databaseThreads() const { return concurrentStore().databaseThreads(); }
+    /// Database threads worth running: more than one where the store takes writes at once, and enough
+    /// for log messages to share their commits. Any thread.
+    int databaseThreads() const { return std::max(concurrentStore().databaseThreads(), kLogWriters); }
+    /// Log messages written at once (by as many database threads), whatever the store takes.
+    static constexpr int kLogWriters = 8;
 
   private:
     struct LinkInfo {
@@ -303,7 +315,8 @@ class Service : private ChangeListener {
     /// The writers' lock: the store's writes, and the order of every change to the mirror below.
     Mutex dbMutex_;
     std::unique_ptr<Store> store_ TOVREL_PT_GUARDED_BY(dbMutex_);
-    Mutex linkQueueMutex_;  ///< taken alone, or inside dbMutex_
+    std::unique_ptr<LogStore> logs_;  ///< thread-safe
+    Mutex linkQueueMutex_;            ///< taken alone, or inside dbMutex_
     std::vector<PendingLink*> linkQueue_ TOVREL_GUARDED_BY(linkQueueMutex_);
     Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};

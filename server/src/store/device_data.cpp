@@ -20,12 +20,6 @@ json optionalSeconds(const std::string& text) {
     return text.empty() ? json(nullptr) : json(std::stod(text));
 }
 
-// The message as the device sent it: JSON when it parses (it was checked on the way in), text otherwise.
-json logMessage(const std::string& text) {
-    json parsed = json::parse(text, nullptr, false);
-    return parsed.is_discarded() ? json(text) : parsed;
-}
-
 // The device's links, or those made in [from, to) when `from < to`.
 json links(const SqlSource& source, const std::string& device, double from = 0, double to = 0) {
     const std::string made = from < to ? " AND e.created_at >= " + std::to_string(from) +
@@ -66,7 +60,7 @@ json links(const SqlSource& source, const std::string& device, double from = 0, 
 
 }  // namespace
 
-std::optional<json> readDeviceRecord(const SqlSource& source, int64_t deviceRow, bool withLogs) {
+std::optional<json> readDeviceRecord(const SqlSource& source, int64_t deviceRow) {
     const std::string device = std::to_string(deviceRow);
     const auto row = source.rows(
         "SELECT device_id, device_type, device_model, app_key, first_seen, last_seen FROM devices WHERE id "
@@ -89,25 +83,6 @@ std::optional<json> readDeviceRecord(const SqlSource& source, int64_t deviceRow,
         record["tags"].push_back(
             {{"group", r[0]}, {"tag", r[1]}, {"value", r[2]}, {"updatedAt", seconds(r[3])}});
     }
-    const std::string ofDevice =
-        " FROM log_messages WHERE device_id = (SELECT device_id FROM devices WHERE id = " + device + ")";
-    json logs = {{"count", 0}, {"byEvent", json::object()}};
-    int64_t count = 0;
-    for (const auto& r :
-         source.rows("SELECT event_name, COUNT(*)" + ofDevice + " GROUP BY event_name ORDER BY 1")) {
-        logs["byEvent"][r[0]] = std::stoll(r[1]);
-        count += std::stoll(r[1]);
-    }
-    logs["count"] = count;
-    if (withLogs) {
-        logs["messages"] = json::array();
-        for (const auto& r :
-             source.rows("SELECT event_name, received_at, message" + ofDevice + " ORDER BY id")) {
-            logs["messages"].push_back(
-                {{"eventName", r[0]}, {"receivedAt", seconds(r[1])}, {"message", logMessage(r[2])}});
-        }
-    }
-    record["logMessages"] = std::move(logs);
     return record;
 }
 
@@ -161,9 +136,6 @@ ErasedDevice eraseDeviceRows(const SqlSource& source, int64_t deviceRow) {
     erased.links = source.run("DELETE FROM device_events WHERE device = " + device);
     erased.tags = source.run("DELETE FROM device_tags WHERE device = " + device);
     erased.sessions = source.run("DELETE FROM sessions WHERE device = " + device);
-    erased.logMessages = source.run(
-        "DELETE FROM log_messages WHERE device_id = (SELECT device_id FROM devices WHERE id = " + device +
-        ")");
     // Events not yet delivered carry what the device did (a tag's value): they go with it.
     source.run(
         "DELETE FROM webhook_attempts WHERE message IN (SELECT id FROM webhook_messages WHERE device = " +
@@ -178,9 +150,7 @@ int64_t pruneRows(const SqlSource& source, Retained kind, double before, int lim
     const std::string count = std::to_string(std::max(1, limit));
     switch (kind) {
         case Retained::logs:
-            return source.run(
-                "DELETE FROM log_messages WHERE id IN (SELECT id FROM log_messages WHERE received_at < " +
-                cutoff + " ORDER BY id LIMIT " + count + ")");
+            return 0;  // the log store's (LogStore::prune())
         case Retained::links: {
             // Live links are what replicas mirror of a device: they go when the device clears them. Rows
             // another replica's pass or an erasure holds are theirs to count.
@@ -220,8 +190,10 @@ int64_t pruneRows(const SqlSource& source, Retained kind, double before, int lim
 
 std::optional<double> oldestRowTime(const SqlSource& source, Retained kind) {
     // Ids grow with time: the first row is the oldest, read from the primary key alone.
-    const char* sql = kind == Retained::logs    ? "SELECT received_at FROM log_messages ORDER BY id LIMIT 1"
-                      : kind == Retained::links ? "SELECT created_at FROM device_events ORDER BY id LIMIT 1"
+    if (kind == Retained::logs) {
+        return std::nullopt;  // the log store's (LogStore::oldest())
+    }
+    const char* sql = kind == Retained::links   ? "SELECT created_at FROM device_events ORDER BY id LIMIT 1"
                       : kind == Retained::audit ? "SELECT at FROM audit_log ORDER BY id LIMIT 1"
                                                 : "SELECT MIN(created_at) FROM sessions";
     const auto rows = source.rows(sql);
@@ -236,17 +208,40 @@ json erasedJson(const ErasedDevice& erased) {
             {"logMessages", erased.logMessages}};
 }
 
-DeviceDayRows readDeviceDay(const SqlSource& source, int64_t device, double from, double to, int limit) {
-    const std::string id = std::to_string(device);
+DeviceDayRows readDeviceDay(const SqlSource& source, int64_t device, double from, double to) {
     DeviceDayRows day;
-    for (const auto& r : source.rows(
-             "SELECT received_at, message FROM log_messages WHERE device_id = (SELECT device_id FROM devices "
-             "WHERE id = " +
-             id + ") AND received_at >= " + std::to_string(from) + " AND received_at < " +
-             std::to_string(to) + " ORDER BY received_at, id LIMIT " + std::to_string(limit))) {
-        day.messages.emplace_back(std::stod(r[0]), r[1]);
+    day.links = links(source, std::to_string(device), from, to);
+    return day;
+}
+
+std::optional<json> deviceRecordWithLogs(Store& store, LogStore& logs, const std::string& deviceId,
+                                         bool withMessages) {
+    std::optional<json> record = store.deviceRecord(deviceId);
+    if (record) {
+        (*record)["logMessages"] = logs.ofDevice(deviceId, withMessages);
     }
-    day.links = links(source, id, from, to);
+    return record;
+}
+
+std::optional<ErasedDevice> eraseDeviceAndLogs(Store& store, LogStore& logs, const std::string& deviceId) {
+    if (!store.findDevice(deviceId)) {
+        return std::nullopt;
+    }
+    // The messages go first: when the rows cannot go after them, the device is still there to erase again.
+    const int64_t messages = logs.erase(deviceId);
+    std::optional<ErasedDevice> erased = store.eraseDevice(deviceId);
+    if (erased) {
+        erased->logMessages = messages;
+    }
+    return erased;
+}
+
+std::optional<DeviceDayRows> deviceDayWithLogs(Store& store, LogStore& logs, const std::string& deviceId,
+                                               double from, double to, int limit) {
+    std::optional<DeviceDayRows> day = store.deviceDay(deviceId, from, to);
+    if (day) {
+        day->messages = logs.between(deviceId, from, to, limit);
+    }
     return day;
 }
 

@@ -216,10 +216,6 @@ Report readReport(Database& db) {
         report.offers.push_back(OfferReport{o.eventId, o.eventName, o.campaignName, o.counts.links,
                                             o.counts.ack, o.counts.seen, o.counts.saved, o.counts.declined});
     }
-    Statement logs = db.prepare("SELECT event_name, COUNT(*) FROM log_messages GROUP BY event_name");
-    while (logs.step()) {
-        report.logCounts[logs.text(0)] = logs.integer(1);
-    }
     return report;
 }
 

@@ -14,7 +14,7 @@ namespace tovrel::server {
 
 class Database;
 
-/// Counts links and answers per offer and log messages per event name.
+/// Counts links and answers per offer (log messages are the log store's).
 Report readReport(Database& db);
 
 /// Rows as text columns padded to their widest cell in terminal columns (wide and combining characters

@@ -181,16 +181,19 @@ class Store {
     virtual void setTag(int64_t device, const std::string& group, const std::string& tag,
                         const std::string& value, double now) = 0;
     virtual void deleteTag(int64_t device, const std::string& group, const std::string& tag) = 0;
+    /// The row of the device with this identifier; nullopt when unknown.
+    virtual std::optional<int64_t> findDevice(const std::string& deviceId) = 0;
     /// Everything held about the device with this identifier, from one snapshot (the members are
-    /// documented in docs/devices.md); nullopt when unknown. `withLogs` adds the log messages.
-    virtual std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) = 0;
-    /// Removes every row about the device, all or nothing; the funnel keeps counting its links and
-    /// answers. Other replicas are told (ChangeListener::devicesChanged). nullopt when unknown.
+    /// documented in docs/devices.md), its log messages aside (LogStore::ofDevice()); nullopt when
+    /// unknown.
+    virtual std::optional<nlohmann::json> deviceRecord(const std::string& deviceId) = 0;
+    /// Removes every row about the device, all or nothing, its log messages aside (LogStore::erase());
+    /// the funnel keeps counting its links and answers. Other replicas are told
+    /// (ChangeListener::devicesChanged). nullopt when unknown.
     virtual std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) = 0;
-    /// The device's log messages received in [from, to) (at most `limit`) and the links it made then;
-    /// nullopt when there is no such device.
-    virtual std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to,
-                                                   int limit) = 0;
+    /// The links the device made in [from, to), its messages left empty (LogStore::between()); nullopt
+    /// when there is no such device.
+    virtual std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to) = 0;
     /// Replaces the key of control-group membership (ServerOptions::controlGroupKey).
     virtual void setControlGroupKey(const std::string& key) = 0;
     /// The link with this id when it was held back, with what explains it; nullopt otherwise.
@@ -200,12 +203,10 @@ class Store {
     /// Removes at most `limit` rows of `kind` written before `before` (seconds since 1970), oldest
     /// first, in one transaction: cleared links with their status history (the funnel keeps their counts),
     /// sessions with the devices left with neither sessions nor links. Returns the rows of `kind` removed.
+    /// Log messages are the log store's (LogStore::prune()).
     virtual int64_t pruneBatch(Retained kind, double before, int limit) = 0;
     /// When the oldest row of `kind` was written; nullopt when there is none.
     virtual std::optional<double> oldestRow(Retained kind) = 0;
-    /// Keeps a diagnostics message (the JSON text as received) under its event name.
-    virtual void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
-                        double now) = 0;
 
     /// Writes campaigns, offers, places and apps (insert or replace by id or name), all or nothing.
     virtual ImportSummary writeCatalog(const CatalogData& data, double now) = 0;
@@ -235,7 +236,7 @@ class Store {
         (void)limit;
         return std::nullopt;
     }
-    /// Links and answers per offer, log messages per event name.
+    /// Links and answers per offer (log messages are counted by LogStore::countsByEvent()).
     virtual Report report() = 0;
     /// The funnel per campaign and per offer, and by UTC day when byDay.
     virtual Funnel funnel(bool byDay) = 0;
@@ -278,8 +279,8 @@ class Store {
 struct StoreOptions {
     /// Milliseconds a statement waits for another connection's lock before DatabaseBusy.
     int busyTimeoutMs = 5000;
-    /// Days of log messages kept (today and the days before it, in UTC); older days are dropped when
-    /// the first message of a new day arrives. 0 keeps every message.
+    /// Days of log messages kept by a log store (today and the days before it, in UTC); older days are
+    /// dropped when the first message of a new day arrives. 0 keeps every message.
     int logRetentionDays = 0;
     /// Seconds between checks of the catalogue's version by a change feed, in case a notification
     /// was missed.

@@ -415,4 +415,46 @@ PgPool::Lease::~Lease() {
     pool_.release(std::move(conn_));
 }
 
+namespace {
+
+SqlRows allRows(const PgResult& result) {
+    SqlRows rows(static_cast<std::size_t>(result.rows()));
+    const int columns = PQnfields(result.native());
+    for (int i = 0; i < result.rows(); ++i) {
+        for (int c = 0; c < columns; ++c) {
+            rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
+        }
+    }
+    return rows;
+}
+
+// The shared SQL marks parameters with '?', which PostgreSQL spells $1..$n; the SQL that uses it has no
+// question mark inside a literal.
+std::string numberedParameters(const std::string& sql) {
+    std::string out;
+    out.reserve(sql.size() + 16);
+    int n = 0;
+    for (const char c : sql) {
+        if (c == '?') {
+            out += '$' + std::to_string(++n);
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+SqlSource pgSource(PgConnection& conn) {
+    return SqlSource{[&conn](const std::string& sql) { return allRows(conn.exec(sql)); },
+                     [](const std::string& seconds) {
+                         return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
+                     },
+                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }, " FOR UPDATE",
+                     [&conn](const std::string& sql, const std::vector<SqlParam>& params) {
+                         return allRows(conn.execParams(numberedParameters(sql), params));
+                     }};
+}
+
 }  // namespace tovrel::server

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "store/sql_source.h"
 #include "store/store.h"
 
 namespace tovrel::server {
@@ -232,5 +233,8 @@ class PgPool {
     std::chrono::steady_clock::time_point retryAt_{};
     std::chrono::milliseconds backoff_{0};
 };
+
+/// The SQL that both dialects share, run on `conn` (the caller's for as long as the source is used).
+SqlSource pgSource(PgConnection& conn);
 
 }  // namespace tovrel::server

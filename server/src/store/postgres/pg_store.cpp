@@ -21,16 +21,6 @@ using nlohmann::json;
 
 namespace {
 
-// "YYYY-MM-DD" of a time in seconds since 1970, in UTC.
-std::string utcDay(double seconds) {
-    const auto t = static_cast<std::time_t>(std::floor(seconds));
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char text[16];
-    std::strftime(text, sizeof text, "%Y-%m-%d", &tm);
-    return text;
-}
-
 // A PostgreSQL array literal of numbers, for ANY($n::bigint[]).
 template <typename Number>
 std::string numberArray(const std::vector<Number>& values) {
@@ -80,8 +70,6 @@ bool PgStore::appEnabled(const std::string& appKey) {
     auto conn = pool_.acquire();
     return conn->exec("SELECT 1 FROM apps WHERE key = $1 AND NOT disabled", appKey).rows() > 0;
 }
-
-SqlSource pgSource(PgConnection& conn);
 
 int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
     auto conn = pool_.acquire();
@@ -258,53 +246,6 @@ void PgStore::setTag(int64_t device, const std::string& group, const std::string
 void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
     write(statement("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device,
                     group, tag));
-}
-
-void PgStore::ensureLogPartition(double now) {
-    const int64_t dayNumber = utcDayNumber(now);
-    {
-        std::lock_guard lock(partitionsMutex_);
-        if (partitions_.contains(dayNumber)) {
-            return;
-        }
-    }
-    auto lease = pool_.acquire();
-    PgConnection& conn = *lease;
-    const std::string day = utcDay(now);
-    std::string name = "log_messages_" + day;
-    std::erase(name, '-');
-    try {
-        conn.exec("CREATE TABLE IF NOT EXISTS " + name + " PARTITION OF log_messages FOR VALUES FROM ('" +
-                  day + "') TO (date '" + day + "' + 1)");
-    } catch (const PgError& e) {
-        // Another replica created it at the same moment.
-        if (e.sqlState() != "42P07" && e.sqlState() != "23505") {
-            throw;
-        }
-    }
-    if (options_.logRetentionDays > 0) {
-        const std::string oldestKept =
-            utcDay(static_cast<double>(dayNumber - options_.logRetentionDays + 1) * 86400);
-        const PgResult old = conn.exec(
-            "SELECT c.relname FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid WHERE i.inhparent = "
-            "'log_messages'::regclass AND c.relname ~ '^log_messages_[0-9]{8}$' AND "
-            "to_date(substr(c.relname, 14), 'YYYYMMDD') < $1::date",
-            oldestKept);
-        for (int i = 0; i < old.rows(); ++i) {
-            conn.exec("DROP TABLE IF EXISTS " + old.text(i, 0));
-        }
-    }
-    std::lock_guard lock(partitionsMutex_);
-    partitions_.insert(dayNumber);
-}
-
-void PgStore::addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
-                     double now) {
-    ensureLogPartition(now);
-    write(statement(
-        "INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, $3, $4, "
-        "$5)",
-        deviceId, eventName, message, now, utcDay(now)));
 }
 
 namespace {
@@ -602,48 +543,6 @@ std::optional<CatalogChanges> PgStore::readCatalogChanges(std::uint64_t since, s
     return changes;
 }
 
-namespace {
-
-SqlRows allRows(const PgResult& result) {
-    SqlRows rows(static_cast<std::size_t>(result.rows()));
-    const int columns = PQnfields(result.native());
-    for (int i = 0; i < result.rows(); ++i) {
-        for (int c = 0; c < columns; ++c) {
-            rows[static_cast<std::size_t>(i)].push_back(result.text(i, c));
-        }
-    }
-    return rows;
-}
-
-// The shared SQL marks parameters with '?', which PostgreSQL spells $1..$n; the SQL that uses it has no
-// question mark inside a literal.
-std::string numberedParameters(const std::string& sql) {
-    std::string out;
-    out.reserve(sql.size() + 16);
-    int n = 0;
-    for (const char c : sql) {
-        if (c == '?') {
-            out += '$' + std::to_string(++n);
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
-
-}  // namespace
-
-SqlSource pgSource(PgConnection& conn) {
-    return SqlSource{[&conn](const std::string& sql) { return allRows(conn.exec(sql)); },
-                     [](const std::string& seconds) {
-                         return "to_char(to_timestamp(" + seconds + ") AT TIME ZONE 'UTC', 'YYYY-MM-DD')";
-                     },
-                     [&conn](const std::string& sql) { return conn.exec(sql).changes(); }, " FOR UPDATE",
-                     [&conn](const std::string& sql, const std::vector<SqlParam>& params) {
-                         return allRows(conn.execParams(numberedParameters(sql), params));
-                     }};
-}
-
 Funnel PgStore::funnel(bool byDay) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
@@ -660,10 +559,6 @@ Report PgStore::report() {
         report.offers.push_back(OfferReport{o.eventId, o.eventName, o.campaignName, o.counts.links,
                                             o.counts.ack, o.counts.seen, o.counts.saved, o.counts.declined});
     }
-    const PgResult logs = conn->exec("SELECT event_name, count(*) FROM log_messages GROUP BY event_name");
-    for (int i = 0; i < logs.rows(); ++i) {
-        report.logCounts[logs.text(i, 0)] = logs.integer(i, 1);
-    }
     snapshot.commit();
     return report;
 }
@@ -673,13 +568,17 @@ std::optional<int64_t> PgStore::findDevice(PgConnection& conn, const std::string
     return row.rows() > 0 ? std::optional<int64_t>(row.integer(0, 0)) : std::nullopt;
 }
 
-std::optional<DeviceDayRows> PgStore::deviceDay(const std::string& deviceId, double from, double to,
-                                                int limit) {
+std::optional<int64_t> PgStore::findDevice(const std::string& deviceId) {
+    auto conn = pool_.acquire();
+    return findDevice(*conn, deviceId);
+}
+
+std::optional<DeviceDayRows> PgStore::deviceDay(const std::string& deviceId, double from, double to) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
     const std::optional<int64_t> device = findDevice(*conn, deviceId);
     std::optional<DeviceDayRows> day =
-        device ? std::optional(readDeviceDay(pgSource(*conn), *device, from, to, limit)) : std::nullopt;
+        device ? std::optional(readDeviceDay(pgSource(*conn), *device, from, to)) : std::nullopt;
     snapshot.commit();
     return day;
 }
@@ -697,12 +596,11 @@ std::optional<HeldBackLink> PgStore::heldBack(int64_t deviceEvent) {
     return held;
 }
 
-std::optional<nlohmann::json> PgStore::deviceRecord(const std::string& deviceId, bool withLogs) {
+std::optional<nlohmann::json> PgStore::deviceRecord(const std::string& deviceId) {
     auto conn = pool_.acquire();
     PgTransaction snapshot(*conn, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
     const std::optional<int64_t> device = findDevice(*conn, deviceId);
-    std::optional<nlohmann::json> record =
-        device ? readDeviceRecord(pgSource(*conn), *device, withLogs) : std::nullopt;
+    std::optional<nlohmann::json> record = device ? readDeviceRecord(pgSource(*conn), *device) : std::nullopt;
     snapshot.commit();
     return record;
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <mutex>
-#include <set>
 #include <string>
 
 #include "store/postgres/pg_change_feed.h"
@@ -41,8 +39,6 @@ class PgStore final : public Store {
     void setTag(int64_t device, const std::string& group, const std::string& tag, const std::string& value,
                 double now) override;
     void deleteTag(int64_t device, const std::string& group, const std::string& tag) override;
-    void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
-                double now) override;
 
     ImportSummary writeCatalog(const CatalogData& data, double now) override;
     ImportSummary writePlaceCatalog(const PlaceCatalog& data, double now) override;
@@ -54,12 +50,12 @@ class PgStore final : public Store {
     std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
-    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
+    std::optional<int64_t> findDevice(const std::string& deviceId) override;
+    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     std::optional<HeldBackLink> heldBack(int64_t deviceEvent) override;
     void setControlGroupKey(const std::string& key) override;
-    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to,
-                                           int limit) override;
+    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to) override;
     bool deviceExists(int64_t device) override;
     int64_t pruneBatch(Retained kind, double before, int limit) override;
     std::optional<double> oldestRow(Retained kind) override;
@@ -93,17 +89,12 @@ class PgStore final : public Store {
     void write(PgStatement statement);
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
-    /// Creates the day's partition of the log messages unless this store already made sure of it, and
-    /// then drops the days beyond the retention.
-    void ensureLogPartition(double now);
 
     std::string location_;
     StoreOptions options_;
     PgPool pool_;
     std::optional<PgGroupCommit> group_;  ///< StoreOptions::groupCommit
     std::string origin_;  ///< names this replica in its notifications, so that it skips its own
-    std::mutex partitionsMutex_;
-    std::set<int64_t> partitions_;  ///< days whose log partition exists
 };
 
 /// The schema version this program writes into PostgreSQL.

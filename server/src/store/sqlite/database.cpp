@@ -106,7 +106,7 @@ void Statement::bindOne(int i, std::string_view v) {
     check(sqlite3_bind_text64(stmt_, i, v.data(), v.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
-Database::Database(const std::string& path, int busyTimeoutMs) {
+Database::Database(const std::string& path, int busyTimeoutMs, bool migrated) {
     // Session keys and device identifiers live here: a new file is the owner's alone (SQLite gives its
     // journal and WAL files the database file's mode).
     if (!path.empty() && path != ":memory:" && path.rfind("file:", 0) != 0) {
@@ -137,7 +137,9 @@ Database::Database(const std::string& path, int busyTimeoutMs) {
             exec("PRAGMA journal_mode=WAL");
         }
         exec("PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON");
-        migrate(*this);
+        if (migrated) {
+            migrate(*this);
+        }
     } catch (const std::exception& e) {
         close();
         throw std::runtime_error("cannot use database " + path + ": " + e.what());

@@ -81,8 +81,10 @@ class Database {
     /// How long a statement waits for another connection's lock by default before DatabaseBusy.
     static constexpr int kDefaultBusyTimeoutMs = 5000;
 
-    /// Opens or creates the database and brings its schema up to date. Throws std::runtime_error.
-    explicit Database(const std::string& path, int busyTimeoutMs = kDefaultBusyTimeoutMs);
+    /// Opens or creates the database and brings the service's schema up to date unless `migrated` is
+    /// false (a database that holds diagnostics alone). Throws std::runtime_error.
+    explicit Database(const std::string& path, int busyTimeoutMs = kDefaultBusyTimeoutMs,
+                      bool migrated = true);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;

@@ -134,19 +134,6 @@ void SqliteStore::deleteTag(int64_t device, const std::string& group, const std:
         .run();
 }
 
-void SqliteStore::addLog(const std::string& deviceId, const std::string& eventName,
-                         const std::string& message, double now) {
-    const int64_t day = utcDayNumber(now);
-    if (options_.logRetentionDays > 0 && day != logDay_) {
-        const double oldestKept = static_cast<double>(day - options_.logRetentionDays + 1) * 86400;
-        db_.prepare("DELETE FROM log_messages WHERE received_at < ?").with(oldestKept).run();
-    }
-    db_.prepare("INSERT INTO log_messages(device_id, event_name, message, received_at) VALUES(?, ?, ?, ?)")
-        .with(deviceId, eventName, message, now)
-        .run();
-    logDay_ = day;
-}
-
 void SqliteStore::recordChanges(std::vector<std::pair<Kind, int64_t>> changes) {
     if (changes.size() > kMaxRecorded) {
         changes = {{Kind::all, 0}};
@@ -319,11 +306,10 @@ std::optional<int64_t> SqliteStore::findDevice(const std::string& deviceId) {
     return st.with(deviceId).step() ? std::optional<int64_t>(st.integer(0)) : std::nullopt;
 }
 
-std::optional<DeviceDayRows> SqliteStore::deviceDay(const std::string& deviceId, double from, double to,
-                                                    int limit) {
+std::optional<DeviceDayRows> SqliteStore::deviceDay(const std::string& deviceId, double from, double to) {
     Transaction snapshot(db_, Transaction::Kind::read);
     const std::optional<int64_t> device = findDevice(deviceId);
-    return device ? std::optional(readDeviceDay(sqliteSource(db_), *device, from, to, limit)) : std::nullopt;
+    return device ? std::optional(readDeviceDay(sqliteSource(db_), *device, from, to)) : std::nullopt;
 }
 
 void SqliteStore::setControlGroupKey(const std::string& key) {
@@ -335,10 +321,10 @@ std::optional<HeldBackLink> SqliteStore::heldBack(int64_t deviceEvent) {
     return readHeldBack(sqliteSource(db_), deviceEvent);
 }
 
-std::optional<nlohmann::json> SqliteStore::deviceRecord(const std::string& deviceId, bool withLogs) {
+std::optional<nlohmann::json> SqliteStore::deviceRecord(const std::string& deviceId) {
     Transaction snapshot(db_, Transaction::Kind::read);
     const std::optional<int64_t> device = findDevice(deviceId);
-    return device ? readDeviceRecord(sqliteSource(db_), *device, withLogs) : std::nullopt;
+    return device ? readDeviceRecord(sqliteSource(db_), *device) : std::nullopt;
 }
 
 std::optional<ErasedDevice> SqliteStore::eraseDevice(const std::string& deviceId) {

@@ -34,8 +34,6 @@ class SqliteStore final : public Store {
     void setTag(int64_t device, const std::string& group, const std::string& tag, const std::string& value,
                 double now) override;
     void deleteTag(int64_t device, const std::string& group, const std::string& tag) override;
-    void addLog(const std::string& deviceId, const std::string& eventName, const std::string& message,
-                double now) override;
 
     ImportSummary writeCatalog(const CatalogData& data, double now) override;
     ImportSummary writePlaceCatalog(const PlaceCatalog& data, double now) override;
@@ -45,12 +43,12 @@ class SqliteStore final : public Store {
     std::optional<CatalogChanges> readCatalogChanges(std::uint64_t since, std::size_t limit) override;
     Report report() override;
     Funnel funnel(bool byDay) override;
-    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId, bool withLogs) override;
+    std::optional<int64_t> findDevice(const std::string& deviceId) override;
+    std::optional<nlohmann::json> deviceRecord(const std::string& deviceId) override;
     std::optional<ErasedDevice> eraseDevice(const std::string& deviceId) override;
     std::optional<HeldBackLink> heldBack(int64_t deviceEvent) override;
     void setControlGroupKey(const std::string& key) override;
-    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to,
-                                           int limit) override;
+    std::optional<DeviceDayRows> deviceDay(const std::string& deviceId, double from, double to) override;
     bool deviceExists(int64_t device) override;
     int64_t pruneBatch(Retained kind, double before, int limit) override;
     std::optional<double> oldestRow(Retained kind) override;
@@ -75,8 +73,6 @@ class SqliteStore final : public Store {
     nlohmann::json campaignDefinitions() override;
 
   private:
-    /// The row of the device with this identifier.
-    std::optional<int64_t> findDevice(const std::string& deviceId);
     bool inMemory() const { return path_.empty() || path_ == ":memory:"; }
 
     enum class Kind : std::uint8_t { campaign, offer, place, all };
@@ -98,7 +94,6 @@ class SqliteStore final : public Store {
 
     std::string path_;
     StoreOptions options_;
-    int64_t logDay_ = -1;  ///< the day of the last log message, for the retention
     Database db_;
     tovrel::platform::Mutex changesMutex_;
     std::uint64_t version_ TOVREL_GUARDED_BY(changesMutex_) = 1;
