@@ -26,7 +26,8 @@ build_targets() {
     if [[ -f "$dir/CMakeCache.txt" ]]; then
         cmake "$dir" >/dev/null
     else
-        cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_SIM=OFF >/dev/null
+        cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVREL_BUILD_SIM=OFF -DTOVREL_BUILD_TESTS=OFF \
+            -DTOVREL_BUILD_CONSOLE=OFF >/dev/null
     fi
     cmake --build "$dir" -j 2 --target "$@" >/dev/null
 }

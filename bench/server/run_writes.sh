@@ -24,7 +24,10 @@ second PostgreSQL waited for its log to reach the disk (pg_stat_wal's wal_sync: 
 writes, fewer when commits share a flush), the CPU time per request of the server and of PostgreSQL
 (user + system, from /proc), and the median of the per-pair ratios (group commit / alone).
 --smoke: one pair of one second at 8 connections, so that CI sees the script still runs.
-Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR.
+Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR,
+ENDPOINTS (a subset of the three, space-separated), LOG_DB=apart (the first server keeps log messages
+in a database of their own), BASELINE_SERVER (a tovrel-server built elsewhere: the second server is it,
+with group commit on, so that the ratio compares two builds).
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
@@ -45,13 +48,26 @@ start_postgres "$tmp"
 "$server" import examples/places/munich.geojson --db "$pg_db" >/dev/null
 (umask 077 && printf 'bench-admin-token-0123456789' >"$tmp/token")
 
-declare -A port key server_pid
+declare -A port key server_pid label=([on]=on [off]=off)
+[[ -n ${BASELINE_SERVER:-} ]] && label[off]="on, baseline"
+[[ ${LOG_DB:-} == apart ]] && label[on]="on, logs apart"
+logs_apart=()
+if [[ ${LOG_DB:-} == apart ]]; then
+    psql -q -h 127.0.0.1 -p "$pg_port" -U postgres -d bench -c "CREATE DATABASE bench_logs"
+    logs_apart=(--log-db "${pg_db%/*}/bench_logs")
+fi
 for mode in on off; do
     port[$mode]=$(free_port)
     admin=$(free_port)
-    "$server" serve --db "$pg_db" --listen "127.0.0.1:${port[$mode]}" --admin-listen "127.0.0.1:$admin" \
-        --admin-token-file "$tmp/token" --access-log off --log-rate-limit 0 --group-commit "$mode" \
-        --threads "${SERVER_THREADS:-2}" >"$tmp/$mode.log" 2>&1 &
+    program=$server commit=$mode extra=()
+    if [[ $mode == on ]]; then
+        extra=("${logs_apart[@]}")
+    elif [[ -n ${BASELINE_SERVER:-} ]]; then
+        program=$BASELINE_SERVER commit=on
+    fi
+    "$program" serve --db "$pg_db" --listen "127.0.0.1:${port[$mode]}" --admin-listen "127.0.0.1:$admin" \
+        --admin-token-file "$tmp/token" --access-log off --log-rate-limit 0 --group-commit "$commit" \
+        --threads "${SERVER_THREADS:-2}" "${extra[@]}" >"$tmp/$mode.log" 2>&1 &
     server_pid[$mode]=$!
     pids+=($!)
     until curl -sf "http://127.0.0.1:$admin/readyz" >/dev/null; do
@@ -153,7 +169,7 @@ LUA
 
 printf '%-22s %-13s %8s %7s %11s %13s %9s\n' endpoint "group commit" "req/s" "p99 ms" "WAL syncs/s" \
     "server µs/req" "PG µs/req"
-for endpoint in /v1/devicetag/update /v1/log /v1/deviceevent/link; do
+for endpoint in ${ENDPOINTS:-/v1/devicetag/update /v1/log /v1/deviceevent/link}; do
     declare -A rate=() p99=() per=() scpu=() pcpu=()
     ratios=()
     for _ in $(seq "$RUNS"); do
@@ -166,9 +182,10 @@ for endpoint in /v1/devicetag/update /v1/log /v1/deviceevent/link; do
     done
     for mode in on off; do
         # shellcheck disable=SC2086
-        printf '%-22s %-13s %8.0f %7s %11.0f %13s %9s\n' "$endpoint" "$mode" "$(median ${rate[$mode]})" \
+        printf '%-22s %-13s %8.0f %7s %11.0f %13s %9s\n' "$endpoint" "${label[$mode]}" "$(median ${rate[$mode]})" \
             "$(median ${p99[$mode]})" "$(median ${per[$mode]})" "$(median ${scpu[$mode]})" \
             "$(median ${pcpu[$mode]})"
     done
-    printf '%-22s group commit / alone: %s (pairs: %s)\n' "$endpoint" "$(median "${ratios[@]}")" "${ratios[*]}"
+    printf '%-22s %s / %s: %s (pairs: %s)\n' "$endpoint" "${label[on]}" "${label[off]}" "$(median "${ratios[@]}")" \
+        "${ratios[*]}"
 done
