@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 
 #include "admin/admin_handler.h"
 #include "common/routes.h"
@@ -280,6 +281,14 @@ TEST_F(Connections, SilentConnectionsAreClosedAfterTheTimeout) {
     EXPECT_TRUE(slow.closed());
     EXPECT_EQ(fx.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"e", 1}}}}.dump()).status,
               200);
+    // Each request moves the deadline: a connection that keeps asking outlives the first one's.
+    for (int i = 0; i < 6; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        const HttpResult again =
+            fx.client().post("/v1/log", json{{"deviceid", "D"}, {"message", {{"e", i}}}}.dump());
+        EXPECT_EQ(again.status, 200);
+        EXPECT_EQ(again.connects, 0) << "request " << i << " needed a new connection";
+    }
 }
 
 TEST_F(Connections, PipelinedRequestsAreAnsweredInOrder) {

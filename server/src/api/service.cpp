@@ -661,14 +661,10 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     for (const SpatialIndex::Hit& hit : hits) {
         const Catalog::Place& place = cat.placeAt(hit.id);
         offers.clear();
-        for (const int64_t o : place.offers) {
-            const Catalog::Offer* found = cat.findOffer(o);
-            if (found == nullptr) {
-                continue;
-            }
-            const Catalog::Campaign& campaign = cat.campaignOf(*found);
-            if (campaign.liveAt(now)) {
-                offers.emplace_back(-campaign.rules.priority, found);
+        for (std::size_t i = 0; i < place.offers.size(); ++i) {
+            const auto [found, campaign] = cat.offerOf(place, i);
+            if (found != nullptr && campaign->liveAt(now)) {
+                offers.emplace_back(-campaign->rules.priority, found);
             }
         }
         // The component links the first offer of a place: higher priorities first, then by eventId.

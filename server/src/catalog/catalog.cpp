@@ -25,6 +25,7 @@ std::string escaped(const std::string& s) {
 Catalog::Catalog()
     : campaignDefs_(std::make_shared<const std::vector<CampaignDef>>()),
       offers_(std::make_shared<const Offers>()),
+      campaignAt_(std::make_shared<const std::vector<uint32_t>>()),
       changedOffers_(offers_),
       hiddenOffers_(std::make_shared<const Ids>()),
       base_(makePlaces({})),
@@ -34,6 +35,7 @@ Catalog::Catalog()
 Catalog::Catalog(const CatalogData& data) : Catalog() {
     setCampaigns(data.campaigns);
     offers_ = std::make_shared<const Offers>(makeOffers(data.offers));
+    placeCampaigns();
     std::vector<Place> places;
     places.reserve(data.places.size());
     for (const PlaceDef& p : data.places) {
@@ -45,6 +47,7 @@ Catalog::Catalog(const CatalogData& data) : Catalog() {
 Catalog::Catalog(const Catalog& base, const CatalogChanges& changes) : Catalog(base) {
     if (changes.campaigns) {
         setCampaigns(*changes.campaigns);
+        placeCampaigns();
     }
     if (!changes.offerIds.empty()) {
         const Ids changedIds(changes.offerIds.begin(), changes.offerIds.end());
@@ -137,6 +140,11 @@ Catalog::Place Catalog::makePlace(const PlaceDef& p) const {
     place.offers = p.offers;
     std::sort(place.offers.begin(), place.offers.end());
     place.offers.erase(std::unique(place.offers.begin(), place.offers.end()), place.offers.end());
+    place.offerAt.reserve(place.offers.size());
+    for (const int64_t id : place.offers) {
+        const auto it = offers_->byId.find(id);
+        place.offerAt.push_back(it == offers_->byId.end() ? kNowhere : it->second);
+    }
     return place;
 }
 
@@ -198,13 +206,45 @@ bool Catalog::offeredAt(const Place& place, const Offer& offer) const {
     return std::binary_search(place.offers.begin(), place.offers.end(), offer.id);
 }
 
+namespace {
+
+// Never active: for an offer whose campaign went while the offer stayed, which the store prevents.
+const Catalog::Campaign& goneCampaign() {
+    static const Catalog::Campaign kGone{
+        0, std::numeric_limits<double>::infinity(), std::nullopt, std::nullopt, "", {}};
+    return kGone;
+}
+
+}  // namespace
+
 const Catalog::Campaign& Catalog::campaignOf(const Offer& offer) const {
-    // Never active: for an offer whose campaign went while the offer stayed, which the store prevents.
-    static const Campaign kGone{0, std::numeric_limits<double>::infinity(), std::nullopt, std::nullopt, "",
-                                {}};
     const auto it = std::lower_bound(campaigns_.begin(), campaigns_.end(), offer.campaign,
                                      [](const Campaign& c, int64_t id) { return c.id < id; });
-    return it != campaigns_.end() && it->id == offer.campaign ? *it : kGone;
+    return it != campaigns_.end() && it->id == offer.campaign ? *it : goneCampaign();
+}
+
+void Catalog::placeCampaigns() {
+    auto at = std::make_shared<std::vector<uint32_t>>();
+    at->reserve(offers_->list.size());
+    for (const Offer& offer : offers_->list) {
+        const Campaign& campaign = campaignOf(offer);
+        at->push_back(&campaign == &goneCampaign() ? kNowhere
+                                                   : static_cast<uint32_t>(&campaign - campaigns_.data()));
+    }
+    campaignAt_ = std::move(at);
+}
+
+Catalog::OfferRef Catalog::offerOf(const Place& place, std::size_t i) const {
+    if (changedOffers_->list.empty() && hiddenOffers_->empty()) {
+        const uint32_t at = place.offerAt[i];
+        if (at == kNowhere) {
+            return {};
+        }
+        const uint32_t campaign = (*campaignAt_)[at];
+        return {&offers_->list[at], campaign == kNowhere ? &goneCampaign() : &campaigns_[campaign]};
+    }
+    const Offer* offer = findOffer(place.offers[i]);
+    return {offer, offer != nullptr ? &campaignOf(*offer) : nullptr};
 }
 
 const Catalog::Campaign* Catalog::findCampaign(int64_t id) const {

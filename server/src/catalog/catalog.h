@@ -49,6 +49,12 @@ class Catalog {
         double lon = 0;
         std::string head;             ///< "{" and the place's own members
         std::vector<int64_t> offers;  ///< ids of the linked offers, ascending; findOffer() tells which exist
+        std::vector<uint32_t> offerAt;  ///< where each is in the offers the place was made with (offerOf())
+    };
+    /// An offer and its campaign (one that is never live when the campaign went).
+    struct OfferRef {
+        const Offer* offer = nullptr;
+        const Campaign* campaign = nullptr;
     };
 
     Catalog();
@@ -61,6 +67,9 @@ class Catalog {
     const Offer* findOffer(int64_t id) const;
     bool offeredAt(const Place& place, const Offer& offer) const;
     const Campaign& campaignOf(const Offer& offer) const;
+    /// The place's i-th offer when it exists, with its campaign: by the positions the place keeps while
+    /// no offer changed since the whole catalogue was read, else by id. Any thread.
+    OfferRef offerOf(const Place& place, std::size_t i) const;
     /// The enabled campaign with this id, or nullptr.
     const Campaign* findCampaign(int64_t id) const;
     /// The place of a hit of near().
@@ -98,10 +107,15 @@ class Catalog {
     static std::shared_ptr<const Places> makePlaces(std::vector<Place> places);
     Place makePlace(const PlaceDef& def) const;
     static const Offer* lookUp(const Offers& offers, int64_t id);
+    /// Finds each offer's campaign (campaignAt_) after offers_ or campaigns_ changed.
+    void placeCampaigns();
+    static constexpr uint32_t kNowhere = UINT32_MAX;
 
     std::shared_ptr<const std::vector<CampaignDef>> campaignDefs_;
     std::vector<Campaign> campaigns_;  ///< ascending id
     std::shared_ptr<const Offers> offers_;
+    /// Per offer of offers_: its campaign's position in campaigns_ (kNowhere: gone).
+    std::shared_ptr<const std::vector<uint32_t>> campaignAt_;
     std::shared_ptr<const Offers> changedOffers_;
     std::shared_ptr<const Ids> hiddenOffers_;  ///< ids in offers_ that changed or went
     std::shared_ptr<const Places> base_;

@@ -50,7 +50,10 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
   public:
     /// `address` has been admitted (ListenerState::admit); the connection counts it out when it goes.
     Connection(Socket&& socket, ListenerState& state, std::string address)
-        : stream_(makeStream(std::move(socket), state)), state_(state), address_(std::move(address)) {}
+        : stream_(makeStream(std::move(socket), state)),
+          state_(state),
+          address_(std::move(address)),
+          deadline_(stream_.get_executor()) {}
 
     ~Connection() {
         Lock lock(state_.registryMutex);
@@ -79,7 +82,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
             entry.order = ++state_.admitted;
         }
         if constexpr (kTls) {
-            lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
+            expireAfter(std::chrono::seconds(state_.options.requestTimeoutSeconds));
             stream_.async_handshake(
                 ssl::stream_base::server,
                 beast::bind_front_handler(&Connection::onHandshake, this->shared_from_this()));
@@ -130,7 +133,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
         parser_->body_limit(bodyLimit_);
         parser_->header_limit(connection_detail::kMaxHeader);
         phase_ = Phase::header;
-        lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
+        expireAfter(std::chrono::seconds(state_.options.requestTimeoutSeconds));
         readSome();
     }
 
@@ -339,7 +342,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     // Writes head_ then body_, and goes on with `next` once both are out.
     void write(Next next) {
         next_ = next;
-        lowest().expires_after(std::chrono::seconds(state_.options.requestTimeoutSeconds));
+        expireAfter(std::chrono::seconds(state_.options.requestTimeoutSeconds));
         const std::array<net::const_buffer, 2> buffers{net::buffer(head_), net::buffer(body_)};
         net::async_write(stream_, buffers,
                          beast::bind_front_handler(&Connection::onWritten, this->shared_from_this()));
@@ -439,7 +442,7 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     void lingerAndClose() {
         beast::error_code ec;
         lowest().socket().shutdown(tcp::socket::shutdown_send, ec);
-        lowest().expires_after(connection_detail::kLingerTime);
+        expireAfter(connection_detail::kLingerTime);
         drain();
     }
 
@@ -455,7 +458,40 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
                                  });
     }
 
+    // One timer a connection, waiting until the expiry or past it: a request only moves expiry_, so that
+    // none pays for a timer of its own (a wait queued and cancelled, and its handler run, per read and
+    // per write).
+    void expireAfter(std::chrono::steady_clock::duration limit) {
+        expiry_ = std::chrono::steady_clock::now() + limit;
+        if (!watching_ || expiry_ < deadline_.expiry()) {
+            watching_ = true;
+            watchExpiry();
+        }
+    }
+
+    void watchExpiry() {
+        deadline_.expires_at(expiry_);
+        deadline_.async_wait([weak = this->weak_from_this()](beast::error_code ec) {
+            if (auto self = weak.lock()) {
+                self->onExpiry(ec);
+            }
+        });
+    }
+
+    void onExpiry(beast::error_code ec) {
+        if (ec) {
+            return;  // closed, or a wait for a sooner expiry replaced this one
+        }
+        if (std::chrono::steady_clock::now() < expiry_) {
+            return watchExpiry();
+        }
+        watching_ = false;
+        // The read or write under way then fails, and the connection goes with it.
+        closeNow();
+    }
+
     void closeNow() {
+        deadline_.cancel();
         beast::error_code ec;
         lowest().socket().shutdown(tcp::socket::shutdown_both, ec);
         lowest().close();
@@ -489,6 +525,9 @@ class Connection : public std::enable_shared_from_this<Connection<Stream>> {
     std::size_t bodyLimit_ = HttpServer::kMaxBody;
     std::shared_ptr<void> slot_;  ///< what the handler admitted this request with, until it is answered
     double started_ = 0;
+    net::steady_timer deadline_;
+    std::chrono::steady_clock::time_point expiry_{};
+    bool watching_ = false;  ///< deadline_ waits
     /// Written on the connection's thread, read by the listener choosing an idle connection to close.
     std::atomic<bool> busy_{false};
 };

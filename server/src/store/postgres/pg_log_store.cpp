@@ -100,9 +100,10 @@ void PgLogStore::append(std::span<const LogMessage* const> messages) {
     // A copy costs more than an insert until it carries a few rows.
     if (messages.size() == 1) {
         const LogMessage& m = *messages.front();
-        conn->exec("INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, "
-                   "$3, $4, $5)",
-                   m.deviceId, m.eventName, m.text, m.receivedAt, utcDay(m.receivedAt));
+        conn->exec(
+            "INSERT INTO log_messages(device_id, event_name, message, received_at, day) VALUES($1, $2, "
+            "$3, $4, $5)",
+            m.deviceId, m.eventName, m.text, m.receivedAt, utcDay(m.receivedAt));
         return;
     }
     PgTransaction tx(*conn);
