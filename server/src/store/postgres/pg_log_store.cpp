@@ -1,8 +1,8 @@
 #include "store/postgres/pg_log_store.h"
 
 #include <algorithm>
-#include <cmath>
-#include <ctime>
+
+#include "common/utc_time.h"
 
 namespace tovrel::server {
 
@@ -24,16 +24,6 @@ CREATE INDEX IF NOT EXISTS log_messages_device ON log_messages(device_id);
 
 // Held while the table is made, so that replicas starting together do not race to make it.
 constexpr const char* kSchemaLock = "7413602214";
-
-// "YYYY-MM-DD" of a time in seconds since 1970, in UTC.
-std::string utcDay(double seconds) {
-    const auto t = static_cast<std::time_t>(std::floor(seconds));
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char text[16];
-    std::strftime(text, sizeof text, "%Y-%m-%d", &tm);
-    return text;
-}
 
 }  // namespace
 
