@@ -668,21 +668,66 @@ Admission AdminHandler::admit(const HttpRequest& header) {
     return admission;
 }
 
+namespace {
+
+// A device's id is personal data: the access log names the route, not the device.
+Respond loggedWithoutDevice(std::string_view path, Respond respond) {
+    constexpr std::string_view kDevices = "/admin/v1/devices/";
+    if (!path.starts_with(kDevices)) {
+        return respond;
+    }
+    const std::size_t end = path.find('/', kDevices.size());
+    std::string logged = std::string(kDevices) + "*" +
+                         std::string(end == std::string_view::npos ? std::string_view() : path.substr(end));
+    return [inner = std::move(respond), logged = std::move(logged)](HttpReply&& reply) {
+        reply.loggedPath = logged;
+        inner(std::move(reply));
+    };
+}
+
+}  // namespace
+
+void AdminHandler::probe(const HttpRequest& request, Respond respond) {
+    const std::string_view path = request.path;
+    if (request.method != "GET" && request.method != "HEAD") {
+        HttpReply reply = errorReply(405, "use GET for " + std::string(path));
+        reply.allow = "GET, HEAD";
+        return respond(std::move(reply));
+    }
+    if (path == "/metrics") {
+        HttpReply reply;
+        reply.route = Route::metrics;
+        reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
+        MetricsSnapshot snapshot = snapshot_ ? snapshot_() : MetricsSnapshot{};
+        snapshot.placesIndexed = static_cast<int64_t>(service_.placesIndexed());
+        snapshot.sessionsCached = static_cast<int64_t>(service_.sessionsCached());
+        snapshot.catalogVersion = service_.catalogVersion();
+        snapshot.catalogReads = service_.catalogReads();
+        reply.body = metrics_.scrape(snapshot);
+        return respond(std::move(reply));
+    }
+    if (path == "/healthz") {
+        HttpReply reply = jsonReply(200, {{"status", "ok"}});
+        reply.route = Route::health;
+        return respond(std::move(reply));
+    }
+    // The database check opens a connection: off the connection's thread.
+    const bool posted = work_.post([this, respond] {
+        const bool reachable = service_.databaseReachable();
+        HttpReply reply = reachable
+                              ? jsonReply(200, {{"status", "ready"}, {"places", service_.placesIndexed()}})
+                              : errorReply(503, "the database cannot be read");
+        reply.route = Route::health;
+        respond(std::move(reply));
+    });
+    if (!posted) {
+        respond(errorReply(503, "the admin queue is full"));
+    }
+}
+
 void AdminHandler::handle(const HttpRequest& request, Respond answer) {
     const std::string_view path = request.path;
-    // A device's id is personal data: the access log names the route, not the device.
-    constexpr std::string_view kDevices = "/admin/v1/devices/";
-    Respond respond = std::move(answer);
-    if (path.starts_with(kDevices)) {
-        const std::size_t end = path.find('/', kDevices.size());
-        std::string logged =
-            std::string(kDevices) + "*" +
-            std::string(end == std::string_view::npos ? std::string_view() : path.substr(end));
-        respond = [inner = std::move(respond), logged = std::move(logged)](HttpReply&& reply) {
-            reply.loggedPath = logged;
-            inner(std::move(reply));
-        };
-    }
+    Respond respond = loggedWithoutDevice(path, std::move(answer));
     if (Console::owns(path)) {
         std::optional<AdminIdentity> signedIn;
         HttpReply reply = console_.handle(request, Service::steadySeconds(), &signedIn);
@@ -692,41 +737,7 @@ void AdminHandler::handle(const HttpRequest& request, Respond answer) {
         return respond(std::move(reply));
     }
     if (path == "/healthz" || path == "/readyz" || path == "/metrics") {
-        if (request.method != "GET" && request.method != "HEAD") {
-            HttpReply reply = errorReply(405, "use GET for " + std::string(path));
-            reply.allow = "GET, HEAD";
-            return respond(std::move(reply));
-        }
-        if (path == "/metrics") {
-            HttpReply reply;
-            reply.route = Route::metrics;
-            reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
-            MetricsSnapshot snapshot = snapshot_ ? snapshot_() : MetricsSnapshot{};
-            snapshot.placesIndexed = static_cast<int64_t>(service_.placesIndexed());
-            snapshot.sessionsCached = static_cast<int64_t>(service_.sessionsCached());
-            snapshot.catalogVersion = service_.catalogVersion();
-            snapshot.catalogReads = service_.catalogReads();
-            reply.body = metrics_.scrape(snapshot);
-            return respond(std::move(reply));
-        }
-        if (path == "/healthz") {
-            HttpReply reply = jsonReply(200, {{"status", "ok"}});
-            reply.route = Route::health;
-            return respond(std::move(reply));
-        }
-        // The database check opens a connection: off the connection's thread.
-        const bool posted = work_.post([this, respond] {
-            const bool reachable = service_.databaseReachable();
-            HttpReply reply =
-                reachable ? jsonReply(200, {{"status", "ready"}, {"places", service_.placesIndexed()}})
-                          : errorReply(503, "the database cannot be read");
-            reply.route = Route::health;
-            respond(std::move(reply));
-        });
-        if (!posted) {
-            respond(errorReply(503, "the admin queue is full"));
-        }
-        return;
+        return probe(request, std::move(respond));
     }
     if (path.substr(0, kPrefix.size()) != kPrefix) {
         return respond(errorReply(404, "there is no admin endpoint " + std::string(path)));

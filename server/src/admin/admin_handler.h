@@ -75,6 +75,9 @@ class AdminHandler : public RequestHandler {
     /// be after importing it) against the catalogue as it is, over ?days=N (1 to 28; 1 by default), on the
     /// preview's thread; 429 while another preview runs. Any connection thread.
     void preview(std::string body, std::string target, Respond respond);
+    /// GET /healthz, /readyz (its database check on the admin thread) and /metrics. Any connection
+    /// thread.
+    void probe(const HttpRequest& request, Respond respond);
     /// Writes a change to the audit trail; a failure is logged, the answer stands. Admin thread.
     void audit(const AdminIdentity& who, std::string_view action, const std::vector<std::string>& parts,
                const std::string& body, unsigned status);

@@ -245,26 +245,43 @@ int64_t PgCopy::finish() {
     return conn_.endCopy();
 }
 
+DatabaseBusy PgConnection::pipelineLost(const char* what) {
+    // Whatever the server still sends of this pipeline would be read by the next user: the connection
+    // is not handed out again.
+    closing_ = true;
+    std::string message = PQerrorMessage(conn_);
+    message.erase(message.find_last_not_of("\n ") + 1);
+    return DatabaseBusy(std::string("the database is unavailable (") + what + "): " + message);
+}
+
 std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements) {
-    const auto lost = [this](const std::string& what) {
-        // Whatever the server still sends of this pipeline would be read by the next user: the
-        // connection is not handed out again.
-        closing_ = true;
-        std::string message = PQerrorMessage(conn_);
-        message.erase(message.find_last_not_of("\n ") + 1);
-        return DatabaseBusy("the database is unavailable (" + what + "): " + message);
-    };
     if (PQenterPipelineMode(conn_) != 1) {
-        throw lost("pipeline");
+        throw pipelineLost("pipeline");
     }
     struct Exit {
         PGconn* conn;
         ~Exit() { PQexitPipelineMode(conn); }
     } exitPipeline{conn_};
+    std::vector<std::string> preparing;
+    const std::vector<std::size_t> expected = sendPipeline(statements, preparing);
+    std::optional<DatabaseBusy> unavailable;
+    std::optional<PgRefusal> refusal = readPipeline(expected, unavailable);
+    if (unavailable || refusal) {
+        for (const std::string& sql : preparing) {
+            prepared_.erase(sql);
+        }
+    }
+    if (unavailable) {
+        throw *unavailable;
+    }
+    return refusal;
+}
+
+std::vector<std::size_t> PgConnection::sendPipeline(std::span<const PgStatement* const> statements,
+                                                    std::vector<std::string>& preparing) {
     // Each text is parsed and planned once per connection: a statement of its own is sent before its
     // first use. Names are never reused, so a preparation lost with a failed pipeline cannot clash.
-    std::vector<std::string> preparing;  ///< texts prepared by this pipeline, in the order sent
-    std::vector<std::size_t> expected;   ///< per result in order: the statement it runs or prepares
+    std::vector<std::size_t> expected;
     std::vector<const char*> values;
     for (const PgStatement* statement : statements) {
         auto name = prepared_.find(statement->sql);
@@ -272,7 +289,7 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
             name = prepared_.emplace(statement->sql, "tovrel_" + std::to_string(++preparedCount_)).first;
             if (PQsendPrepare(conn_, name->second.c_str(), statement->sql.c_str(),
                               static_cast<int>(statement->params.size()), nullptr) != 1) {
-                throw lost("prepare");
+                throw pipelineLost("prepare");
             }
             preparing.push_back(statement->sql);
             expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
@@ -283,16 +300,20 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
         }
         if (PQsendQueryPrepared(conn_, name->second.c_str(), static_cast<int>(values.size()), values.data(),
                                 nullptr, nullptr, 0) != 1) {
-            throw lost("send");
+            throw pipelineLost("send");
         }
         expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
     }
     // Without BEGIN, everything up to the sync is one transaction, committed at the sync.
     if (PQpipelineSync(conn_) != 1) {
-        throw lost("sync");
+        throw pipelineLost("sync");
     }
+    return expected;
+}
+
+std::optional<PgRefusal> PgConnection::readPipeline(const std::vector<std::size_t>& expected,
+                                                    std::optional<DatabaseBusy>& unavailable) {
     std::optional<PgRefusal> refusal;
-    std::optional<DatabaseBusy> unavailable;
     std::size_t next = 0;
     // Results come in the order sent, each followed by a null, until the sync's. An error after the
     // last statement is the commit's.
@@ -300,7 +321,7 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
         PGresult* raw = PQgetResult(conn_);
         if (raw == nullptr) {
             if (++nulls > 2) {
-                throw lost("result");
+                throw pipelineLost("result");
             }
             continue;
         }
@@ -308,7 +329,7 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
         const PgResult result(raw);
         const ExecStatusType status = PQresultStatus(raw);
         if (status == PGRES_PIPELINE_SYNC) {
-            break;
+            return refusal;
         }
         const bool ofStatement = next < expected.size();
         const std::size_t index = ofStatement ? expected[next++] : 0;
@@ -325,15 +346,6 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
             refusal = PgRefusal{index, PgError("database error: " + message, state)};
         }
     }
-    if (unavailable || refusal) {
-        for (const std::string& sql : preparing) {
-            prepared_.erase(sql);
-        }
-    }
-    if (unavailable) {
-        throw *unavailable;
-    }
-    return refusal;
 }
 
 PgTransaction::PgTransaction(PgConnection& conn, const char* begin) : conn_(conn) {

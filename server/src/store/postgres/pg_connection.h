@@ -143,6 +143,16 @@ class PgConnection {
     static void onNotice(void* self, const PGresult* notice);
     /// Throws what `raw` (a failed statement's result, or null) says went wrong.
     [[noreturn]] void fail(const PGresult* raw);
+    /// What to throw when a pipeline broke; the connection is then not handed out again.
+    DatabaseBusy pipelineLost(const char* what);
+    /// Sends each statement (prepared first when this connection has not met its text; the texts it
+    /// prepares go to `preparing`) and the sync. Per result to come, in order: the statement's index.
+    std::vector<std::size_t> sendPipeline(std::span<const PgStatement* const> statements,
+                                          std::vector<std::string>& preparing);
+    /// Reads the results up to the sync: the statement refused first, if any; `unavailable` is set
+    /// when a failure means the database cannot take the work now.
+    std::optional<PgRefusal> readPipeline(const std::vector<std::size_t>& expected,
+                                          std::optional<DatabaseBusy>& unavailable);
 
     PGconn* conn_ = nullptr;
     /// Statement names by text, of the statements execTogether() prepared on this connection.
