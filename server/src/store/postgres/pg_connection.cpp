@@ -370,6 +370,15 @@ void PgTransaction::commit() {
 PgPool::PgPool(std::string location, int lockTimeoutMs, std::size_t size)
     : location_(std::move(location)), lockTimeoutMs_(lockTimeoutMs), size_(std::max<std::size_t>(1, size)) {}
 
+bool PgPool::reachable() {
+    try {
+        auto conn = acquire();
+        return conn->exec("SELECT 1").rows() == 1;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 PgPool::Lease PgPool::acquire() {
     std::unique_lock lock(mutex_);
     const auto deadline =

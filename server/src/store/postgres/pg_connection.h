@@ -229,6 +229,8 @@ class PgPool {
     /// A connection for the caller alone; waits at most the lock timeout for one to come free. Throws
     /// DatabaseBusy when none does or the database cannot be reached.
     Lease acquire();
+    /// True when a connection answers a read now; waits at most the lock timeout. Any thread.
+    bool reachable();
 
   private:
     void release(std::unique_ptr<PgConnection> conn);

@@ -118,12 +118,7 @@ void PgLogStore::transact(const std::function<void(const SqlSource&)>& work, boo
 }
 
 bool PgLogStore::reachable() {
-    try {
-        auto conn = pool_.acquire();
-        return conn->exec("SELECT 1").rows() == 1;
-    } catch (const std::exception&) {
-        return false;
-    }
+    return pool_.reachable();
 }
 
 }  // namespace tovrel::server

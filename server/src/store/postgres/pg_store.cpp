@@ -643,12 +643,7 @@ std::unique_ptr<ChangeFeed> PgStore::watchChanges(ChangeListener& listener) {
 }
 
 bool PgStore::reachable() {
-    try {
-        auto conn = pool_.acquire();
-        return conn->exec("SELECT 1").rows() == 1;
-    } catch (const std::exception&) {
-        return false;
-    }
+    return pool_.reachable();
 }
 
 json PgStore::listApps() {
