@@ -196,6 +196,35 @@ struct EndpointQueue {
     int running = 0;
 };
 
+/// The endpoints of a batch in the order they first come in it (turns go round them in that order),
+/// each with its requests.
+std::vector<int64_t> queueByEndpoint(const std::vector<Outgoing>& batch,
+                                     std::unordered_map<int64_t, EndpointQueue>& queues) {
+    std::vector<int64_t> endpoints;
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        auto [at, added] = queues.try_emplace(batch[i].endpoint);
+        if (added) {
+            endpoints.push_back(batch[i].endpoint);
+        }
+        at->second.waiting.push_back(i);
+    }
+    return endpoints;
+}
+
+/// What became of a transfer libcurl finished with `code`.
+SendResult finished(Transfer& transfer, CURLcode code) {
+    SendResult result;
+    result.message = transfer.request.message;
+    curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &result.status);
+    // An answer whose body broke off still answered: its body would be dropped anyway.
+    if (result.status == 0) {
+        result.error = describe(code == CURLE_OK ? CURLE_GOT_NOTHING : code, transfer);
+    }
+    result.retryAfter = std::move(transfer.retryAfter);
+    result.seconds = std::chrono::duration<double>(Clock::now() - transfer.start).count();
+    return result;
+}
+
 }  // namespace
 
 Sender::Sender(SenderOptions options) : options_(options) {
@@ -220,15 +249,8 @@ std::vector<SendResult> Sender::send(std::vector<Outgoing> batch) {
     std::vector<SendResult> results;
     results.reserve(batch.size());
     std::vector<std::unique_ptr<Transfer>> transfers(batch.size());
-    std::vector<int64_t> endpoints;
     std::unordered_map<int64_t, EndpointQueue> queues;
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        auto [at, added] = queues.try_emplace(batch[i].endpoint);
-        if (added) {
-            endpoints.push_back(batch[i].endpoint);
-        }
-        at->second.waiting.push_back(i);
-    }
+    const std::vector<int64_t> endpoints = queueByEndpoint(batch, queues);
 
     int running = 0;
     std::size_t turn = 0;
@@ -283,17 +305,7 @@ std::vector<SendResult> Sender::send(std::vector<Outgoing> batch) {
             char* self = nullptr;
             curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &self);
             auto* transfer = reinterpret_cast<Transfer*>(self);
-            const CURLcode code = message->data.result;
-            SendResult result;
-            result.message = transfer->request.message;
-            curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &result.status);
-            // An answer whose body broke off still answered: its body would be dropped anyway.
-            if (result.status == 0) {
-                result.error = describe(code == CURLE_OK ? CURLE_GOT_NOTHING : code, *transfer);
-            }
-            result.retryAfter = std::move(transfer->retryAfter);
-            result.seconds = std::chrono::duration<double>(Clock::now() - transfer->start).count();
-            results.push_back(std::move(result));
+            results.push_back(finished(*transfer, message->data.result));
             curl_multi_remove_handle(multi, transfer->easy);
             --running;
             --queues[transfer->request.endpoint].running;
