@@ -58,32 +58,17 @@ TEST_P(LogStores, MessagesArrivingTogetherShareACommitAndABadOneFailsAlone) {
     constexpr int kThreads = 16;
     constexpr int kEach = 25;
     std::atomic<int> refused{0};
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    // The first commit waits for this lock, so that the other threads' first messages queue behind it
-    // and share the next one, however the threads are scheduled.
+    // The first commit waits for this lock, so that the other threads' first messages queue behind it.
     auto lock = std::make_unique<TableLock>(location);
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ++ready;
-            while (ready < kThreads) {
-                std::this_thread::yield();
-            }
-            for (int i = 0; i < kEach; ++i) {
-                const int n = t * kEach + i;
-                try {
-                    logs->add(LogMessage{"D" + std::to_string(n), n == 13 ? "refused" : "e", "{}", 1e9 + n});
-                } catch (const std::exception&) {
-                    ++refused;
-                }
+    writeTogether(
+        kThreads, kEach, [&] { lock.reset(); },
+        [&](int n) {
+            try {
+                logs->add(LogMessage{"D" + std::to_string(n), n == 13 ? "refused" : "e", "{}", 1e9 + n});
+            } catch (const std::exception&) {
+                ++refused;
             }
         });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    lock.reset();
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
     // Every message but the refused one is there, though it shared a transaction with it.
     EXPECT_EQ(refused, 1);
     EXPECT_EQ(logs->countsByEvent(), (std::map<std::string, int64_t>{{"e", kThreads * kEach - 1}}));

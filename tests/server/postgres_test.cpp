@@ -467,34 +467,20 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitAndABadOneFailsAlone) {
     constexpr int kThreads = 16;
     constexpr int kEach = 25;
     std::atomic<int> refused{0};
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    // The first commit waits for this lock, so that the other threads' first writes queue behind it and
-    // share the next one, however the threads are scheduled.
-    auto holder = std::make_unique<PgConnection>(db, 5000);
-    holder->exec("BEGIN");
-    holder->exec("LOCK TABLE grouped IN EXCLUSIVE MODE");
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ++ready;
-            while (ready < kThreads) {
-                std::this_thread::yield();
-            }
-            for (int i = 0; i < kEach; ++i) {
-                try {
-                    group.execute(statement("INSERT INTO grouped VALUES($1)", t * kEach + i));
-                } catch (const PgError& e) {
-                    EXPECT_EQ(e.sqlState(), "23514") << e.what();
-                    ++refused;
-                }
+    // The first commit waits for this lock, so that the other threads' first writes queue behind it.
+    PgConnection holder(db, 5000);
+    holder.exec("BEGIN");
+    holder.exec("LOCK TABLE grouped IN EXCLUSIVE MODE");
+    writeTogether(
+        kThreads, kEach, [&] { holder.exec("COMMIT"); },
+        [&](int n) {
+            try {
+                group.execute(statement("INSERT INTO grouped VALUES($1)", n));
+            } catch (const PgError& e) {
+                EXPECT_EQ(e.sqlState(), "23514") << e.what();
+                ++refused;
             }
         });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    holder->exec("COMMIT");
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
     // Every write but the one the check refuses is there, though it shared a transaction with it.
     EXPECT_EQ(refused, 1);
     EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"399"});

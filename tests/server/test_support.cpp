@@ -7,9 +7,12 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "test_postgres.h"
 
@@ -295,6 +298,28 @@ std::string storeName(const ::testing::TestParamInfo<StoreKind>& info) {
 
 void PrintTo(StoreKind kind, std::ostream* out) {
     *out << (kind == StoreKind::postgresql ? "PostgreSQL" : "SQLite");
+}
+
+void writeTogether(int threads, int each, const std::function<void()>& release,
+                   const std::function<void(int)>& write) {
+    std::atomic<int> ready{0};
+    std::vector<std::thread> started;
+    for (int t = 0; t < threads; ++t) {
+        started.emplace_back([&, t] {
+            ++ready;
+            while (ready < threads) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < each; ++i) {
+                write(t * each + i);
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    release();
+    for (std::thread& thread : started) {
+        thread.join();
+    }
 }
 
 void executeSql(const std::string& dbPath, const std::string& sql) {

@@ -128,6 +128,11 @@ class ServerFixture {
 /// columns joined by '|' (numbers and booleans written as SQLite writes them, so that one expectation serves
 /// both stores).
 std::vector<std::string> queryRows(const std::string& dbPath, const std::string& sql);
+/// Starts `threads` threads that wait for one another, then each makes `each` writes, write(n) for n
+/// from thread * each; after 300 ms calls release() (which lets the first write's commit go on), and
+/// joins them. Writes that share commits then queue together however the machine schedules them.
+void writeTogether(int threads, int each, const std::function<void()>& release,
+                   const std::function<void(int)>& write);
 /// Runs SQL that writes (one or more statements) on the database at dbPath; throws when it fails.
 void executeSql(const std::string& dbPath, const std::string& sql);
 
