@@ -11,7 +11,8 @@
  *    other thread they are queued to the loop and act in the order they were called, once it runs.
  *  - Every callback runs on the home thread, receives the user pointer given with it, and may call
  *    device operations (they act at once). Strings passed to a callback live until it returns.
- *  - One device exists at a time in a process (the component keeps process-wide shared instances).
+ *  - Any number of devices may exist in a process, each with a data folder of its own; a device does
+ *    not share its folder while it exists.
  */
 #ifndef TOVREL_TOVREL_H
 #define TOVREL_TOVREL_H
@@ -34,7 +35,7 @@ typedef enum tovrel_status {
     TOVREL_OK = 0,
     /** A null handle or required string, a number out of range, text that is not usable JSON. */
     TOVREL_ERROR_INVALID_ARGUMENT = 1,
-    /** The call does not fit the device's state (running a loop the library owns, a second device). */
+    /** The call does not fit the device's state (running a loop the library owns, a data folder another device uses). */
     TOVREL_ERROR_STATE = 2,
     /** The call needs the home thread (or a loop the library runs) and was made elsewhere. */
     TOVREL_ERROR_WRONG_THREAD = 3,
@@ -101,7 +102,8 @@ typedef struct tovrel_device tovrel_device;
 
 /** Makes the device: the linux backend, the component's environment, the application launched and
  *  active. Stores the new device in *device (NULL on failure). Any thread; with TOVREL_LOOP_CALLER the
- *  calling thread becomes the home thread. TOVREL_ERROR_STATE while another device exists. */
+ *  calling thread becomes the home thread. TOVREL_ERROR_STATE while another device uses its data
+ *  folder. */
 TOVREL_C_API tovrel_status tovrel_device_new(const tovrel_options* options, tovrel_device** device);
 
 /** Ends the device: the session stops, the component hears the application terminate, the loop stops

@@ -1,5 +1,6 @@
 /* The C interface from a C11 program: argument and thread checks, then whole sessions against
- * tovrel-server on 127.0.0.1, with the loop on the caller's thread and on the library's own.
+ * tovrel-server on 127.0.0.1, with the loop on the caller's thread and on the library's own, and eight
+ * devices at once.
  *
  *   capi_test TOVREL_SERVER_BINARY
  */
@@ -7,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <math.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -297,9 +299,16 @@ static void sessionOnTheCallersLoop(void) {
     REQUIRE(tovrel_device_new(options, &device) == TOVREL_OK);
     tovrel_options_free(options);
 
+    /* Another device on the same folder, however spelled, would share its identity. */
+    tovrel_options* same = tovrel_options_new();
+    REQUIRE(same != NULL);
+    char sameData[300];
+    snprintf(sameData, sizeof sameData, "%s/./absent/../app/", folder);
+    CHECK(tovrel_options_set_data_directory(same, sameData) == TOVREL_OK);
     tovrel_device* second = NULL;
-    CHECK(tovrel_device_new(NULL, &second) == TOVREL_ERROR_STATE);
-    CHECK(second == NULL);
+    CHECK(tovrel_device_new(same, &second) == TOVREL_ERROR_STATE);
+    CHECK(second == NULL && strstr(tovrel_last_error(), "another device") != NULL);
+    tovrel_options_free(same);
 
     Seen seen = {0};
     uint64_t token = 0;
@@ -391,6 +400,67 @@ static void sessionOnTheLibrarysThread(void) {
     CHECK(tovrel_device_free(device) == TOVREL_OK);
 }
 
+static int linksAndAcknowledgements(int count) {
+    char links[32];
+    char acks[32];
+    snprintf(links, sizeof links, "\"links\": %d", count);
+    snprintf(acks, sizeof acks, "\"ack\": %d", count);
+    const char* text = report();
+    return strstr(text, links) != NULL && strstr(text, acks) != NULL;
+}
+
+static void* freeDevice(void* device) {
+    return tovrel_device_free(device) == TOVREL_OK ? NULL : device;
+}
+
+/* Eight devices at once, each on a thread of the library's with a folder of its own, walk into the
+ * place together: each is its own device to the service and is told its own offer. */
+static void eightDevicesAtOnce(void) {
+    enum { kDevices = 8 };
+    char walk[256];
+    snprintf(walk, sizeof walk, "%s/walk.gpx", folder);
+    tovrel_device* devices[kDevices] = {NULL};
+    Seen seen[kDevices];
+    memset(seen, 0, sizeof seen);
+    for (int i = 0; i < kDevices; ++i) {
+        char data[256];
+        snprintf(data, sizeof data, "%s/fleet-%d", folder, i);
+        tovrel_options* options = tovrel_options_new();
+        REQUIRE(options != NULL);
+        CHECK(tovrel_options_set_service_url(options, serviceURL) == TOVREL_OK);
+        CHECK(tovrel_options_set_data_directory(options, data) == TOVREL_OK);
+        CHECK(tovrel_options_set_replay(options, walk, 20, 0) == TOVREL_OK);
+        CHECK(tovrel_options_set_loop_mode(options, TOVREL_LOOP_OWN_THREAD) == TOVREL_OK);
+        REQUIRE(tovrel_device_new(options, &devices[i]) == TOVREL_OK);
+        tovrel_options_free(options);
+        uint64_t token = 0;
+        CHECK(tovrel_device_observe(devices[i], NULL, onNotification, &seen[i], &token) == TOVREL_OK);
+        CHECK(tovrel_device_set_present_notifications(devices[i], 1) == TOVREL_OK);
+        CHECK(tovrel_device_set_active(devices[i], 0) == TOVREL_OK);
+    }
+    for (int i = 0; i < kDevices; ++i) {
+        CHECK(tovrel_device_start_session(devices[i], "capi-key", 1) == TOVREL_OK);
+    }
+    /* The first case linked one visit. */
+    const double deadline = now() + 90;
+    while (!linksAndAcknowledgements(1 + kDevices) && now() < deadline) {
+        sleepMilliseconds(250);
+    }
+    CHECK(linksAndAcknowledgements(1 + kDevices));
+    /* Each device waits two seconds as it terminates: they are freed together. */
+    pthread_t freers[kDevices];
+    for (int i = 0; i < kDevices; ++i) {
+        REQUIRE(pthread_create(&freers[i], NULL, freeDevice, devices[i]) == 0);
+    }
+    for (int i = 0; i < kDevices; ++i) {
+        void* status = NULL;
+        REQUIRE(pthread_join(freers[i], &status) == 0);
+        CHECK(status == NULL);
+        /* Freeing joined the device's thread, so what its callbacks wrote is seen here. */
+        CHECK(seen[i].locations > 0);
+    }
+}
+
 int main(int argc, char** argv) {
     if (argc != 2) {
         fprintf(stderr, "usage: %s TOVREL_SERVER_BINARY\n", argv[0]);
@@ -401,6 +471,7 @@ int main(int argc, char** argv) {
     argumentsAreChecked();
     sessionOnTheCallersLoop();
     sessionOnTheLibrarysThread();
+    eightDevicesAtOnce();
     stopServer();
     if (failures > 0) {
         fprintf(stderr, "%d checks failed\n", failures);

@@ -1,9 +1,11 @@
 #include "device.h"
 
-#include <atomic>
+#include <mutex>
+#include <set>
 #include <system_error>
 #include <utility>
 
+#include "tovrel/linux/xdg_paths.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/session_manager.h"
 
@@ -11,8 +13,42 @@ namespace tovrel::capi {
 
 namespace {
 
-// The component's shared instances resolve in one process-wide environment.
-std::atomic<bool> gDeviceExists{false};
+/// The data folders of the devices that exist. Two devices on one folder would share one identity and
+/// one preferences file, each overwriting what the other keeps.
+class FoldersInUse {
+  public:
+    static FoldersInUse& instance() {
+        static FoldersInUse folders;
+        return folders;
+    }
+    /// Any thread. False when another device already uses `folder`.
+    bool claim(const std::string& folder) {
+        std::lock_guard lock(mutex_);
+        return folders_.insert(folder).second;
+    }
+    /// Any thread.
+    void release(const std::string& folder) {
+        std::lock_guard lock(mutex_);
+        folders_.erase(folder);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::set<std::string> folders_;
+};
+
+/// The folder the device keeps its files in, spelled one way whatever path named it.
+std::string dataFolderOf(const DeviceOptions& options) {
+    std::filesystem::path folder = options.dataDirectory.empty()
+                                       ? linuxbackend::applicationDataDirectory(options.applicationId)
+                                       : options.dataDirectory;
+    std::error_code error;
+    if (auto resolved = std::filesystem::weakly_canonical(folder, error); !error) {
+        folder = std::move(resolved);
+    }
+    folder = folder.lexically_normal();
+    return (folder.has_filename() ? folder : folder.parent_path()).string();
+}
 
 /// The component's log lines, handed to the host as well as to the backend's log.
 class TeeLogSink final : public platform::LogSink {
@@ -68,7 +104,6 @@ Configuration configuration(const DeviceOptions& options) {
 Device::Parts::Parts(const DeviceOptions& options)
     : backend(backendOptions(options)),
       environment(componentPlatform(backend, options), configuration(options)) {
-    Environment::setDefault(&environment);
     backend.notifications->setActivationHandler([this](const platform::LocalNotification& notification) {
         environment.notificationCenter().post(kTovrelNotificationReceived, notification);
     });
@@ -79,7 +114,6 @@ Device::Parts::Parts(const DeviceOptions& options)
 
 Device::Parts::~Parts() {
     backend.notifications->setActivationHandler(nullptr);
-    Environment::setDefault(nullptr);
 }
 
 void Device::Parts::setActive(bool value) {
@@ -102,10 +136,12 @@ void Device::Parts::end() {
 }
 
 std::unique_ptr<Device> Device::make(const DeviceOptions& options) {
-    if (gDeviceExists.exchange(true)) {
-        throw CallError(TOVREL_ERROR_STATE, "a device already exists in this process: free it first");
+    std::string folder = dataFolderOf(options);
+    if (!FoldersInUse::instance().claim(folder)) {
+        throw CallError(TOVREL_ERROR_STATE, "another device of this process keeps its data in " + folder);
     }
     std::unique_ptr<Device> device(new Device);
+    device->dataFolder_ = std::move(folder);
     try {
         if (options.loopMode == TOVREL_LOOP_CALLER) {
             device->parts_ = std::make_unique<Parts>(options);
@@ -179,7 +215,7 @@ Device::~Device() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    gDeviceExists = false;
+    FoldersInUse::instance().release(dataFolder_);
 }
 
 bool Device::onHomeThread() const {

@@ -32,8 +32,9 @@ struct DeviceOptions {
 /// One device. Built by make() and destroyed by the destructor under the threading rules of tovrel.h.
 class Device {
   public:
-    /// Any thread. Throws CallError (TOVREL_ERROR_STATE while another device exists,
-    /// TOVREL_ERROR_SYSTEM when the backend cannot be built).
+    /// Any thread. Throws CallError (TOVREL_ERROR_STATE while another device uses the same data
+    /// folder, TOVREL_ERROR_SYSTEM when the backend cannot be built). Devices share nothing else, so
+    /// any number may exist at once.
     static std::unique_ptr<Device> make(const DeviceOptions& options);
     /// See tovrel_device_free: checks the thread first and throws CallError rather than end wrongly.
     static void destroy(std::unique_ptr<Device> device);
@@ -93,6 +94,7 @@ class Device {
     [[nodiscard]] bool onHomeThread() const;
     void shutDown();
 
+    std::string dataFolder_;  ///< claimed for the device's lifetime
     std::unique_ptr<Parts> parts_;
     bool ownThread_ = false;
     bool running_ = false;

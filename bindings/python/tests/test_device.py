@@ -27,11 +27,13 @@ def test_version_and_bad_arguments_are_errors_not_crashes(tmp_path):
     assert "absent.gpx" in str(missing.value)
 
 
-def test_one_device_at_a_time_and_nothing_after_close(tmp_path):
+def test_one_device_a_folder_and_nothing_after_close(tmp_path):
     device = tovrel.Device(data_directory=tmp_path / "one")
-    with pytest.raises(tovrel.TovrelError) as second:
-        tovrel.Device(data_directory=tmp_path / "two")
-    assert second.value.status == tovrel.Status.STATE
+    with pytest.raises(tovrel.TovrelError) as same:
+        tovrel.Device(data_directory=tmp_path / "two" / ".." / "one")
+    assert same.value.status == tovrel.Status.STATE
+    with tovrel.Device(data_directory=tmp_path / "two") as beside:
+        assert beside.session_key is None
     with pytest.raises(tovrel.TovrelError) as deep:
         device.forward_notification("[" * 100 + "]" * 100)
     assert "nested deeper than 64" in str(deep.value)
@@ -43,7 +45,7 @@ def test_one_device_at_a_time_and_nothing_after_close(tmp_path):
     device.close()
     with pytest.raises(ValueError):
         device.start_session(SDK_KEY)
-    with tovrel.Device(data_directory=tmp_path / "two") as again:
+    with tovrel.Device(data_directory=tmp_path / "one") as again:
         assert again.session_key is None
 
 

@@ -86,7 +86,8 @@ class Device:
                   when loop_replay
     log           called with each line the component logs (a str), on the thread that logs it
 
-    One device exists at a time in a process; close() it (or use `with`) before making another.
+    Devices in one process share nothing but the process: each needs a data directory of its own (a
+    second device on a folder in use is refused with Status.STATE until the first is closed).
     """
 
     def __init__(self, service_url: Optional[str] = None, *, data_directory=None,
