@@ -35,7 +35,8 @@ typedef enum tovrel_status {
     TOVREL_OK = 0,
     /** A null handle or required string, a number out of range, text that is not usable JSON. */
     TOVREL_ERROR_INVALID_ARGUMENT = 1,
-    /** The call does not fit the device's state (running a loop the library owns, a data folder another device uses). */
+    /** The call does not fit the device's state (running a loop the library owns, a data folder
+     *  another device uses). */
     TOVREL_ERROR_STATE = 2,
     /** The call needs the home thread (or a loop the library runs) and was made elsewhere. */
     TOVREL_ERROR_WRONG_THREAD = 3,
