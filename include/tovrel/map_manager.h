@@ -16,6 +16,7 @@ namespace tovrel {
 
 class Environment;
 class OfferFullViewController;
+struct PlaceRecord;
 
 /// A place pin on the map. The offer fields hold the place record's values as they stand (null for
 /// nothing); title is the record's "eventName", subtitle its "alertText".
@@ -93,7 +94,7 @@ class TOVREL_EXPORT MapManager final : public ViewController,
     static std::string milesText(double metres);
     /// The pin for one place record: its distance from `lastPosition` is taken from the record's
     /// single-precision position, while the pin stands at the double-precision one.
-    static std::shared_ptr<hAnnotation> annotationFromPlaceRecord(const nlohmann::json& record,
+    static std::shared_ptr<hAnnotation> annotationFromPlaceRecord(const PlaceRecord& place,
                                                                   const platform::Coordinate& lastPosition,
                                                                   const nlohmann::json& storedDeviceEventId);
     /// The union of 0.1-point squares at each annotation's map point; the null rectangle for none.

@@ -3,8 +3,8 @@
 #include <string_view>
 
 /// The wire contract between the component and the service: the paths of the service's endpoints, each
-/// a POST of a JSON object answered with one. The component, tovrel-server and tovrel-sim all spell them
-/// from here. Constants only; any thread.
+/// a POST of a JSON object answered with one, and the members of a place record. The component,
+/// tovrel-server and tovrel-sim all spell them from here. Constants only; any thread.
 namespace tovrel::protocol {
 
 /// Starts a session: the app's key and the device's identity in, a session key out.
@@ -23,5 +23,28 @@ inline constexpr std::string_view kTagUpdatePath = "/v1/devicetag/update";
 inline constexpr std::string_view kTagDeletePath = "/v1/devicetag/delete";
 /// A diagnostics message.
 inline constexpr std::string_view kLogPath = "/v1/log";
+
+/// The members of one record of a place answer's "places": the place, then one of its offers, then
+/// whether the device is linked to it. The service writes them in this order.
+namespace place {
+inline constexpr const char* kLatitude = "centroidLat";
+inline constexpr const char* kLongitude = "centroidLon";
+inline constexpr const char* kRadius = "centroidRadius";  ///< metres
+inline constexpr const char* kPlaceId = "placeId";
+inline constexpr const char* kEventId = "eventId";  ///< the offer's identifier
+inline constexpr const char* kEventName = "eventName";
+inline constexpr const char* kAlertText = "alertText";
+inline constexpr const char* kMediaType = "mediaType";
+/// The offer's media, twice: the targets read the first spelling, the map the second.
+inline constexpr const char* kMediaURL = "mediaURL";
+inline constexpr const char* kMediaUrl = "mediaUrl";
+inline constexpr const char* kCampaignName = "campaignName";
+inline constexpr const char* kTags = "tags";
+inline constexpr const char* kStartDate = "startDate";
+inline constexpr const char* kEndDate = "endDate";
+inline constexpr const char* kDwellTime = "dwellTime";      ///< minutes inside before the visit links
+inline constexpr const char* kEventTypeId = "eventTypeId";  ///< 1, 2 or 3: how the offer is delivered
+inline constexpr const char* kIsLinked = "isLinked";
+}  // namespace place
 
 }  // namespace tovrel::protocol

@@ -12,6 +12,7 @@
 #include "tovrel/location_archive.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/offer_full_view_controller.h"
+#include "tovrel/place_record.h"
 #include "tovrel/preferences_keys.h"
 
 namespace tovrel {
@@ -171,36 +172,37 @@ void MapManager::showPlaces(const nlohmann::json& places, bool failed) {
         return;
     }
     for (const auto& record : places) {
+        const PlaceRecord place = PlaceRecord::read(record);
         auto circle = std::make_shared<platform::CircleOverlay>();
-        circle->center = {doubleValueFor(record, "centroidLat"), doubleValueFor(record, "centroidLon")};
-        circle->radius = doubleValueFor(record, "centroidRadius");
+        circle->center = {place.latitude, place.longitude};
+        circle->radius = place.radius;
         circle->title = kTargetTitle;
         mapView_->addOverlay(circle);
-        mapView_->addAnnotation(annotationFromPlaceRecord(record, lastPosition, storedDeviceEventId));
+        mapView_->addAnnotation(annotationFromPlaceRecord(place, lastPosition, storedDeviceEventId));
     }
 }
 
 std::shared_ptr<hAnnotation> MapManager::annotationFromPlaceRecord(
-    const nlohmann::json& record, const platform::Coordinate& lastPosition,
+    const PlaceRecord& place, const platform::Coordinate& lastPosition,
     const nlohmann::json& storedDeviceEventId) {
-    const float latitude = floatValueFor(record, "centroidLat");
-    const float longitude = floatValueFor(record, "centroidLon");
+    const float latitude = floatValue(place.centroidLat);
+    const float longitude = floatValue(place.centroidLon);
     const double metres = calculateAreaInMetersBetweenCoord({latitude, longitude}, lastPosition);
 
     auto annotation = std::make_shared<hAnnotation>();
-    annotation->eventId = memberOrNull(record, "eventId");
+    annotation->eventId = place.eventId;
     annotation->deviceEventId = storedDeviceEventId;
-    annotation->mediaType = memberOrNull(record, "mediaType");
-    annotation->mediaURL = memberOrNull(record, "mediaUrl");
-    annotation->campaignName = memberOrNull(record, "campaignName");
+    annotation->mediaType = place.mediaType;
+    annotation->mediaURL = place.mediaUrl;
+    annotation->campaignName = place.campaignName;
     annotation->miles = milesText(metres);
     annotation->annoType = kTargetTitle;
-    annotation->linked = static_cast<long>(integerValueFor(record, "isLinked"));
+    annotation->linked = static_cast<long>(integerValue(place.isLinked));
     annotation->centroidLat = latitude;
     annotation->centroidLon = longitude;
-    annotation->coordinate = {doubleValueFor(record, "centroidLat"), doubleValueFor(record, "centroidLon")};
-    annotation->title = textOf(memberOrNull(record, "eventName"));
-    annotation->subtitle = textOf(memberOrNull(record, "alertText"));
+    annotation->coordinate = {place.latitude, place.longitude};
+    annotation->title = textOf(place.eventName);
+    annotation->subtitle = textOf(place.alertText);
     return annotation;
 }
 

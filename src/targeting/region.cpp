@@ -1,30 +1,31 @@
 #include "tovrel/region.h"
 
 #include "foundation/value.h"
+#include "tovrel/place_record.h"
 
 namespace tovrel {
 
 std::shared_ptr<hRegion> hRegion::fromPlaceRecord(const nlohmann::json& record) {
-    const auto raw = [&record](const char* key) { return memberOrNull(record, key); };
+    PlaceRecord place = PlaceRecord::read(record);
     auto target = std::make_shared<hRegion>();
-    target->center = {doubleValueFor(record, "centroidLat"), doubleValueFor(record, "centroidLon")};
-    target->radius = doubleValueFor(record, "centroidRadius");
+    target->center = {place.latitude, place.longitude};
+    target->radius = place.radius;
     target->identifier = kTargetIdentifier;
 
-    target->eventId = raw("eventId");
-    target->placeId = raw("placeId");
-    target->alertText = raw("alertText");
-    target->centroidLat = raw("centroidLat");
-    target->eventName = raw("eventName");
-    target->mediaType = raw("mediaType");
-    target->mediaURL = raw("mediaURL");
+    target->eventId = std::move(place.eventId);
+    target->placeId = std::move(place.placeId);
+    target->alertText = std::move(place.alertText);
+    target->centroidLat = std::move(place.centroidLat);
+    target->eventName = std::move(place.eventName);
+    target->mediaType = std::move(place.mediaType);
+    target->mediaURL = std::move(place.mediaURL);
     // centroidLon, then the five later fields (placeId, campaignName, tags, startDate, endDate), have
     // always been written into centroidLon in turn: only the last stays, so only it is copied.
-    target->centroidLon = raw("endDate");
+    target->centroidLon = std::move(place.endDate);
 
-    target->linked = intValueFor(record, "isLinked");
-    target->dwelltime = intValueFor(record, "dwellTime");
-    target->eventTypeId = intValueFor(record, "eventTypeId");
+    target->linked = intValue(place.isLinked);
+    target->dwelltime = place.dwellTime;
+    target->eventTypeId = place.eventTypeId;
     return target;
 }
 

@@ -5,13 +5,22 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "tovrel/protocol.h"
+
 namespace tovrel::server {
 namespace {
 
 using nlohmann::json;
 
+namespace field = protocol::place;
+
+/// `"name":`, the start of one member.
+std::string key(const char* name) {
+    return "\"" + std::string(name) + "\":";
+}
+
 std::string member(const char* name, const json& value) {
-    return "\"" + std::string(name) + "\":" + value.dump();
+    return key(name) + value.dump();
 }
 
 // The JSON text of a string without its surrounding quotes.
@@ -116,14 +125,14 @@ Catalog::Offers Catalog::makeOffers(const std::vector<OfferDef>& defs) const {
         offer.id = o.id;
         offer.campaign = c.id;
         offer.relativeMedia = !o.mediaUrl.empty() && o.mediaUrl.front() == '/';
-        offer.head = member("eventId", std::to_string(o.id)) + "," + member("eventName", o.eventName) + "," +
-                     member("alertText", o.alertText) + "," + member("mediaType", o.mediaType) +
-                     ",\"mediaURL\":\"";
-        offer.mid = escaped(o.mediaUrl) + "\",\"mediaUrl\":\"";
-        offer.tail = escaped(o.mediaUrl) + "\"," + member("campaignName", c.name) + "," +
-                     member("tags", o.tags) + "," + member("startDate", c.startDate) + "," +
-                     member("endDate", c.endDate) + "," + member("dwellTime", o.dwellTime) + "," +
-                     member("eventTypeId", o.eventType) + ",\"isLinked\":";
+        offer.head = member(field::kEventId, std::to_string(o.id)) + "," +
+                     member(field::kEventName, o.eventName) + "," + member(field::kAlertText, o.alertText) +
+                     "," + member(field::kMediaType, o.mediaType) + "," + key(field::kMediaURL) + "\"";
+        offer.mid = escaped(o.mediaUrl) + "\"," + key(field::kMediaUrl) + "\"";
+        offer.tail = escaped(o.mediaUrl) + "\"," + member(field::kCampaignName, c.name) + "," +
+                     member(field::kTags, o.tags) + "," + member(field::kStartDate, c.startDate) + "," +
+                     member(field::kEndDate, c.endDate) + "," + member(field::kDwellTime, o.dwellTime) + "," +
+                     member(field::kEventTypeId, o.eventType) + "," + key(field::kIsLinked);
         offers.byId[o.id] = static_cast<uint32_t>(offers.list.size());
         offers.list.push_back(std::move(offer));
     }
@@ -135,8 +144,8 @@ Catalog::Place Catalog::makePlace(const PlaceDef& p) const {
     place.id = p.id;
     place.lat = p.lat;
     place.lon = p.lon;
-    place.head = "{" + member("centroidLat", p.lat) + "," + member("centroidLon", p.lon) + "," +
-                 member("centroidRadius", p.radius) + "," + member("placeId", std::to_string(p.id)) + ",";
+    place.head = "{" + member(field::kLatitude, p.lat) + "," + member(field::kLongitude, p.lon) + "," +
+                 member(field::kRadius, p.radius) + "," + member(field::kPlaceId, std::to_string(p.id)) + ",";
     place.offers = p.offers;
     std::sort(place.offers.begin(), place.offers.end());
     place.offers.erase(std::unique(place.offers.begin(), place.offers.end()), place.offers.end());

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "tovrel/export.h"
+
+namespace tovrel {
+
+/// One record of a place answer's "places", read once. The numbers the component computes with are
+/// converted as the platform converts them; the values it shows, stores or sends back stay as they
+/// stand (a string, a number, or null when the record lacks them). Any thread.
+struct TOVREL_EXPORT PlaceRecord {
+    double latitude = 0;   ///< "centroidLat"
+    double longitude = 0;  ///< "centroidLon"
+    double radius = 0;     ///< "centroidRadius", metres
+    int dwellTime = 0;     ///< minutes inside before the visit is linked; 0 or less: at once
+    int eventTypeId = 0;   ///< 1, 2 or 3: how the offer is delivered
+
+    nlohmann::json centroidLat;  ///< as it stands (the map pins convert it to single precision)
+    nlohmann::json centroidLon;
+    nlohmann::json placeId;
+    nlohmann::json eventId;
+    nlohmann::json eventName;
+    nlohmann::json alertText;
+    nlohmann::json mediaType;
+    nlohmann::json mediaURL;
+    nlohmann::json mediaUrl;
+    nlohmann::json campaignName;
+    nlohmann::json endDate;
+    nlohmann::json isLinked;  ///< the targets read it as a 32-bit value, the map as a 64-bit one
+
+    /// Reads one record; anything that is not an object reads as an empty record.
+    static PlaceRecord read(const nlohmann::json& record);
+};
+
+}  // namespace tovrel
