@@ -4,11 +4,11 @@
 Inside the component (src/ and its public headers in include/tovrel/) the folders form layers, each
 of which may include only the layers below it:
 
-    ports (include/tovrel/platform) < foundation < context < service < targeting < session, delivery < screens
+    ports (include/tovrel/platform) < foundation < context < service < targeting < delivery < session < screens
 
 A public header belongs to the folder of the source file that implements it (include/tovrel/x.h goes
-with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Session and delivery are siblings: neither
-includes the other. Backends (platform/) include no component header, only the ports and their own
+with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Targeting hands offers to an offer sink it declares
+and delivery implements; the session composes the two. Backends (platform/) include no component header, only the ports and their own
 headers; tovrel-server shares only the lock annotations, the distance, the JSON nesting limit, the programs'
 command-line helper, where the installed data lies and the wire contract (tovrel/protocol.h). Service
 endpoints ("/v1/...", "/v2/...") are spelled only in tovrel/protocol.h, and inside the component only
@@ -42,9 +42,9 @@ LAYERS = {
     "context": 2,
     "service": 3,
     "targeting": 4,
-    "session": 5,
     "delivery": 5,
-    "screens": 6,
+    "session": 6,
+    "screens": 7,
 }
 
 # Public headers with no source file of the same name.

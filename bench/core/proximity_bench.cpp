@@ -16,6 +16,7 @@
 #include <random>
 #include <vector>
 
+#include "delivery/offer_desk.h"
 #include "stub_platform.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
@@ -65,7 +66,7 @@ struct Monitor {
                                {"eventTypeId", 3}});
         }
         stub.http->setPlacesAnswer(nlohmann::json{{"places", records}});
-        lm = LocationManager::create(environment);
+        lm = LocationManager::create(environment, delivery::OfferDesk::create(environment));
         lm->presentNotifications = true;
         lm->initLocation();
         stub.http->setPlacesAnswer(std::nullopt);

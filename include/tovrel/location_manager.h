@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -23,10 +22,10 @@
 namespace tovrel {
 
 class Environment;
-class OfferFullViewController;
 struct hRegion;
 
 namespace targeting {
+class OfferSink;
 class TargetList;
 struct NearestSet;
 struct HistoryRecord;
@@ -43,23 +42,26 @@ struct TOVREL_EXPORT OfferViewRequest {
     long long tag = 0;
 };
 
-/// The location monitor: owns the platform location manager, the place targets, the pending offers,
-/// the diagnostic buffers and the periodic timers, and delivers offers (local notifications, the
-/// event alert). Made by the session manager once a location-enabled session has started; always
-/// owned through a std::shared_ptr (create()), since timers, service completions and background
-/// work keep it alive while they are pending.
+/// The location monitor: owns the platform location manager, the place targets, the diagnostic
+/// buffers and the periodic timers, links visits and hands their offers to its offer sink, which
+/// keeps and delivers them (the members under "offer delivery" forward to it). Made by the session
+/// manager once a location-enabled session has started; always owned through a std::shared_ptr
+/// (create()), since timers, service completions and background work keep it alive while they are
+/// pending.
 ///
 /// Threads: everything runs on the main loop unless a member says otherwise. getTargets() and
 /// sendLogs() may also run on background threads, motion updates arrive on the background queue.
-/// The shared lists (targets, offers and the two diagnostic buffers) are guarded by one lock.
+/// The targets and the two diagnostic buffers are guarded by one lock, the offers by the sink's.
 class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
                                       public std::enable_shared_from_this<LocationManager> {
   public:
     /// Receives every request to open the offer view (the views layer installs one).
     using OfferViewOpener = std::function<void(const OfferViewRequest&)>;
 
-    static std::shared_ptr<LocationManager> create(Environment& environment);
-    explicit LocationManager(Environment& environment);
+    /// Any thread. A monitor of `environment` that hands its offers to `offers`.
+    static std::shared_ptr<LocationManager> create(Environment& environment,
+                                                   std::shared_ptr<targeting::OfferSink> offers);
+    LocationManager(Environment& environment, std::shared_ptr<targeting::OfferSink> offers);
     ~LocationManager() override;
     LocationManager(const LocationManager&) = delete;
     LocationManager& operator=(const LocationManager&) = delete;
@@ -182,21 +184,13 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
         deviceHasExited_ = value;
     }
     /// Main thread. The repeating timer of the latest message held until exit (null after release).
-    [[nodiscard]] const std::shared_ptr<platform::Timer>& queueMessageTimer() const {
-        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-        return queueMessageTimer_;
-    }
+    [[nodiscard]] const std::shared_ptr<platform::Timer>& queueMessageTimer() const;
     /// Main thread. The last local notification presented.
-    [[nodiscard]] const std::optional<platform::LocalNotification>& localNotification() const {
-        TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-        return localNotification_;
-    }
+    [[nodiscard]] const std::optional<platform::LocalNotification>& localNotification() const;
 
     /// Main thread. Copied from the session object at creation.
     bool presentNotifications = false;
     bool presentOfferView = false;
-    /// The offer view opened last (kept while it may be on screen); null until one is opened.
-    std::shared_ptr<OfferFullViewController> offerFullViewController;
 
   private:
     struct LogSite {
@@ -226,9 +220,6 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     void acknowledged(const std::shared_ptr<hRegion>& target);
     void removeFirstTarget();
 
-    // notifications.cpp
-    void reportStatus(const nlohmann::json& deviceEventId, const char* statusCode);
-
     Environment& environment_;
     std::shared_ptr<platform::LocationProvider> locationManager_;  ///< written on main under mutex_
     std::shared_ptr<platform::MotionActivityManager> motionActivityManager_;
@@ -236,7 +227,6 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     /// Guards the lists below (and locationManager_ for readers off the main thread).
     mutable std::mutex mutex_;
     std::unique_ptr<targeting::TargetList> targets_;
-    std::vector<nlohmann::json> offers_;
     std::vector<targeting::HistoryRecord> logHistory_;
     std::vector<targeting::TargetRecord> logTargets_;
     /// Bumped on every change of the target list, so a check notices a change made while it runs.
@@ -246,12 +236,8 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     std::string logLineBuffer_;  ///< the check's log lines, built without allocating
     bool accuracyError_ = false;
     bool deviceHasExited_ = false;
-    std::shared_ptr<platform::Timer> queueMessageTimer_;
-    std::optional<platform::LocalNotification> localNotification_;
     std::vector<ObserverToken> observers_;
-
-    OfferViewOpener offerViewOpener_;
-    std::deque<OfferViewRequest> offerViewRequests_;
+    const std::shared_ptr<targeting::OfferSink> offers_;
 };
 
 }  // namespace tovrel

@@ -1,6 +1,7 @@
 #include "tovrel/session_manager.h"
 
 #include "context/toast.h"
+#include "delivery/offer_desk.h"
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "foundation/stored_values.h"
@@ -105,7 +106,7 @@ void SessionManager::sessionStarted(const nlohmann::json& response, bool usingLo
 
 void SessionManager::startLocationMonitoring() {
     const auto& platform = environment_.platform();
-    lm_ = LocationManager::create(environment_);
+    lm_ = LocationManager::create(environment_, delivery::OfferDesk::create(environment_));
     lm_->presentNotifications = presentNotifications_;
     lm_->presentOfferView = presentOfferView_;
     lm_->initLocation();

@@ -1,12 +1,16 @@
 #include <cmath>
 
+#include "context/toast.h"
 #include "foundation/format.h"
 #include "foundation/log.h"
+#include "foundation/value.h"
 #include "targeting/monitor_support.h"
+#include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/environment.h"
+#include "tovrel/launch_checkers.h"
 #include "tovrel/location_archive.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
@@ -135,9 +139,9 @@ void LocationManager::startMonitoringLocation() {
     {
         std::lock_guard lock(mutex_);
         targets_->clear();
-        offers_.clear();
         ++targetsVersion_;
     }
+    offers_->forget();
 
     if (modern) {
         provider->requestAlwaysAuthorization();
@@ -298,6 +302,42 @@ void LocationManager::applicationWillTeminate(const Notification& /*notification
     // The process is about to end: give the request time to leave.
     platform.clock->sleepFor(kTerminateGraceSeconds);
     TOVREL_LOG(*platform.log, "app will teminate");
+}
+
+void LocationManager::applicationDidFinishLaunching(const Notification& notification) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+    const auto& platform = environment_.platform();
+    auto& log = *platform.log;
+    TOVREL_LOG(log, "app finished launching");
+    TOVREL_LOG(log, "launchOptions: %s", printed(notification.userInfo).c_str());
+    auto& launches = environment_.launchCheckers();
+    if (launches.notification.launchedWithNotification) {
+        // The launch notification itself is the object; its user info is the launch options, so
+        // only an offer whose identifier reads as 0 can match.
+        environment_.notificationCenter().post(kTovrelNotificationReceived, notification);
+        platform.application->setApplicationIconBadgeNumber(
+            platform.application->applicationIconBadgeNumber() + 1);
+        const Json launchNotification = launches.notification.localNotification;
+        const Json& type = memberOrNull(memberOrNull(launchNotification, "userInfo"), "type");
+        TOVREL_LOG(log, "%s", printed(launchNotification).c_str());
+        TOVREL_LOG(log, "%s", printed(type).c_str());
+    }
+    if (launches.location.launchedWithNotification) {
+        startMonitoringLocation();
+    }
+}
+
+void LocationManager::showAlert(const std::string& message) {
+    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
+    showMessageAlert(environment_, message);
+}
+
+void LocationManager::showToastMessage(const std::string& message) {
+    showToastMessage(Environment::current(), message);
+}
+
+void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
+    showToast(environment, message);
 }
 
 }  // namespace tovrel

@@ -1,30 +1,23 @@
 #include "tovrel/location_manager.h"
 
 #include "foundation/value.h"
-#include "targeting/offer_view_port.h"
+#include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/environment.h"
 
 namespace tovrel {
 
-std::shared_ptr<LocationManager> LocationManager::create(Environment& environment) {
-    auto manager = std::make_shared<LocationManager>(environment);
-    if (environment.platform().views) {
-        manager->setOfferViewOpener(
-            [&environment, weak = std::weak_ptr<LocationManager>(manager)](const OfferViewRequest& request) {
-                if (auto self = weak.lock()) {
-                    self->offerFullViewController = targeting::presentOfferView(environment, request);
-                }
-            });
-    }
-    return manager;
+std::shared_ptr<LocationManager> LocationManager::create(Environment& environment,
+                                                         std::shared_ptr<targeting::OfferSink> offers) {
+    return std::make_shared<LocationManager>(environment, std::move(offers));
 }
 
-LocationManager::LocationManager(Environment& environment)
+LocationManager::LocationManager(Environment& environment, std::shared_ptr<targeting::OfferSink> offers)
     : environment_(environment),
       targets_(std::make_unique<targeting::TargetList>()),
-      nearestScratch_(std::make_unique<targeting::NearestSet>()) {}
+      nearestScratch_(std::make_unique<targeting::NearestSet>()),
+      offers_(std::move(offers)) {}
 
 // Timers, completions and background tasks may release the last reference after the environment is
 // gone, so nothing here reaches back into it.
@@ -54,11 +47,6 @@ std::vector<std::shared_ptr<hRegion>> LocationManager::targets() const {
     return targets_->items();
 }
 
-std::vector<nlohmann::json> LocationManager::offers() const {
-    std::lock_guard lock(mutex_);
-    return offers_;
-}
-
 nlohmann::json LocationManager::logHistoryArray() const {
     std::vector<targeting::HistoryRecord> records;
     {
@@ -83,35 +71,6 @@ nlohmann::json LocationManager::logTargetsArray() const {
         out.push_back(targeting::toJson(record));
     }
     return out;
-}
-
-void LocationManager::openOfferView(const nlohmann::json& offerElement) {
-    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    OfferViewRequest request{
-        memberOrNull(offerElement, "eventId"),
-        memberOrNull(offerElement, "deviceEventId"),
-        memberOrNull(offerElement, "mediaType"),
-        memberOrNull(offerElement, "mediaUrl"),
-        0,
-    };
-    request.tag = integerValue(request.eventId);
-    if (offerViewRequests_.size() == kKeptOfferViewRequests) {
-        offerViewRequests_.pop_front();
-    }
-    offerViewRequests_.push_back(request);
-    if (offerViewOpener_) {
-        offerViewOpener_(request);
-    }
-}
-
-void LocationManager::setOfferViewOpener(OfferViewOpener opener) {
-    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    offerViewOpener_ = std::move(opener);
-}
-
-std::vector<OfferViewRequest> LocationManager::offerViewRequests() const {
-    TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    return {offerViewRequests_.begin(), offerViewRequests_.end()};
 }
 
 }  // namespace tovrel

@@ -5,6 +5,7 @@
 #include "foundation/log.h"
 #include "foundation/value.h"
 #include "targeting/monitor_support.h"
+#include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/target_list.h"
 #include "tovrel/analytics_manager.h"
@@ -17,8 +18,6 @@
 
 namespace tovrel {
 namespace {
-
-constexpr double kHeldMessageInterval = 5;
 
 /// The first element of a link answer's places (null when there is none).
 const Json& firstRecord(const Json& places) {
@@ -194,36 +193,17 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
     const auto& platform = environment_.platform();
     auto& prefs = *platform.preferences;
     if (!places.is_null()) {
-        {
-            std::lock_guard lock(mutex_);
-            offers_.push_back(places);
-        }
+        offers_->keep(places);
         const Json& first = firstRecord(places);
         const long long stored = integerValue(prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()));
         const long long fresh = integerValueFor(first, "deviceEventId");
         // A repeated identifier was delivered already; a suppressed message is never delivered.
         if (stored != fresh && integerValueFor(first, "suppressMessage") == 0) {
             prefs.setObject(prefs::kDeviceEventId, deviceEventId);
-            switch (target->eventTypeId) {
-                case 1:
-                    logLine(*platform.log, functionName(site.prettyFunction), site.line, "TODO intercept");
-                    break;
-                case 2: {
-                    // Each firing posts a fresh copy; replacing the property does not stop an earlier
-                    // timer, which goes on delivering its own message after the exit.
-                    auto* center = &environment_.notificationCenter();
-                    queueMessageTimer_ = platform.mainLoop->scheduleTimer(
-                        kHeldMessageInterval, true, [center, message, deviceEventId] {
-                            center->post(kTovrelNotificationQueued,
-                                         Json{{"body", message}, {"deviceeventid", deviceEventId}});
-                        });
-                    break;
-                }
-                case 3:
-                    sendNotification(message, static_cast<int>(integerValue(deviceEventId)));
-                    break;
-                default:
-                    break;
+            if (target->eventTypeId == 1) {
+                logLine(*platform.log, functionName(site.prettyFunction), site.line, "TODO intercept");
+            } else {
+                offers_->deliver({deviceEventId, message, target->eventTypeId}, presentOfferView);
             }
             platform.application->setApplicationIconBadgeNumber(1);
             environment_.dataService().sendDeviceUpdateWithDeviceEventId(

@@ -1,5 +1,6 @@
 #include <QTest>
 
+#include "delivery/offer_desk.h"
 #include "qt_test_support.h"
 #include "screen_fixture.h"
 #include "tovrel/location_manager.h"
@@ -47,7 +48,7 @@ TEST_F(EventAlertScreenTest, TheEventAlertOffersNeverViewAndLaterAndReportsThePr
     auto map = views().makeView(views().mainScreenBounds());
     map->setBackgroundColor(platform::Color::rgb255(236, 233, 226));
     views().keyWindow()->addSubview(map);
-    auto monitor = LocationManager::create(*env);
+    auto monitor = LocationManager::create(*env, delivery::OfferDesk::create(*env));
     monitor->presentOfferView = true;
     monitor->showEventAlert("Welcome to the Old Town! Pick up a free walking map at the tourist desk.", 4242);
 
@@ -82,7 +83,7 @@ TEST_F(EventAlertScreenTest, TheEventAlertOffersNeverViewAndLaterAndReportsThePr
 }
 
 TEST_F(EventAlertScreenTest, WithoutTheOfferViewTheAlertHasOnlyOkAndItDeclines) {
-    auto monitor = LocationManager::create(*env);
+    auto monitor = LocationManager::create(*env, delivery::OfferDesk::create(*env));
     monitor->presentOfferView = false;
     monitor->showEventAlert("Coffee for half price", 7);
     const auto id = backend->alerts->shownAlerts().at(0);

@@ -105,7 +105,8 @@ TEST_F(MonitoringScenario, NotDeterminedAuthorisationStartsAndAsks) {
 
 TEST_F(MonitoringScenario, OlderSystemsStartAsynchronouslyAndNeverOpenSettings) {
     device.vp.device->setSystem("iOS", "7.1");
-    device.lm = LocationManager::create(*device.environment);
+    device.lm =
+        LocationManager::create(*device.environment, delivery::OfferDesk::create(*device.environment));
     device.lm->initLocation();
     EXPECT_FALSE(device.vp.notifications->registeredTypes());
     EXPECT_EQ(device.provider().calls, (std::vector<std::string>{"setDelegate"}));

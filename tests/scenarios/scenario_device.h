@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "delivery/offer_desk.h"
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
@@ -102,7 +103,7 @@ class ScenarioDevice {
 
     /// A monitor made and wired as a location-enabled session start does.
     std::shared_ptr<LocationManager> start(bool presentNotifications = true, bool presentOfferView = true) {
-        lm = LocationManager::create(*environment);
+        lm = LocationManager::create(*environment, delivery::OfferDesk::create(*environment));
         lm->presentNotifications = presentNotifications;
         lm->presentOfferView = presentOfferView;
         lm->initLocation();

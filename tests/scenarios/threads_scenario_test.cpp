@@ -108,7 +108,7 @@ TEST(RealThreads, RefreshAndDiagnosticsRunBesidePositionUpdates) {
     Environment environment(platform, Configuration{"http://service.test", "http://content.test"});
     std::shared_ptr<LocationManager> lm;
     loop->runSync([&] {
-        lm = LocationManager::create(environment);
+        lm = LocationManager::create(environment, delivery::OfferDesk::create(environment));
         lm->presentNotifications = true;
         lm->presentOfferView = true;
         lm->initLocation();

@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "delivery/offer_desk.h"
 #include "support/test_device.h"
 #include "tovrel/location_manager.h"
 
@@ -37,7 +38,8 @@ TEST_F(ThreadCheckDeathTest, ACheckerBindsToItsFirstCallerUntilDetached) {
 
 TEST_F(ThreadCheckDeathTest, AMainThreadMemberCalledFromAnotherThreadAborts) {
     testing::TestDevice device;
-    const auto manager = LocationManager::create(device.environment);
+    const auto manager =
+        LocationManager::create(device.environment, delivery::OfferDesk::create(device.environment));
     manager->setAccuracyError(true);
     EXPECT_TRUE(manager->accuracyError());
     EXPECT_DEATH(std::thread([&] { manager->setAccuracyError(false); }).join(),
@@ -48,7 +50,8 @@ TEST_F(ThreadCheckDeathTest, AMainThreadMemberCalledFromAnotherThreadAborts) {
 
 TEST_F(ThreadCheckDeathTest, ABackgroundTaskOnTheLoopsOwnThreadIsNotTheMainThread) {
     testing::TestDevice device;
-    const auto manager = LocationManager::create(device.environment);
+    const auto manager =
+        LocationManager::create(device.environment, delivery::OfferDesk::create(device.environment));
     device.loop().dispatchBackground([&] { manager->getTargets(); });
     device.loop().runUntilIdle();
     device.loop().dispatchBackground([&] { manager->resumePausedLocationManager(); });
