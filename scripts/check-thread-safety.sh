@@ -2,7 +2,8 @@
 # Clang's thread-safety analysis over the locked state that is annotated: every member marked
 # TOVREL_GUARDED_BY is touched with its mutex held and every TOVREL_REQUIRES function is called so
 # (include/tovrel/platform/thread_annotations.h). Covers tovrel-server, the linux backend's location
-# services, the virtual scheduler, the simulator's request watch and the component's offer desk.
+# services, the virtual scheduler, the simulator's request watch and the component's offer desk,
+# targets and checks' records.
 # Syntax only, so it costs no build; fails on the first warning.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,6 +32,8 @@ printf '%s\0' "${backend_files[@]}" |
 # Component files whose locks carry annotations.
 component_files=(
     src/delivery/offer_desk.cpp
+    src/targeting/check_log.cpp
+    src/targeting/shared_targets.cpp
 )
 printf '%s\0' "${component_files[@]}" | analyse -Iinclude -Isrc
-echo "check-thread-safety: tovrel-server's, the location services', the virtual scheduler's, the request watch's and the offer desk's locks are held where they must be"
+echo "check-thread-safety: tovrel-server's, the location services', the virtual scheduler's, the request watch's and the component's locks are held where they must be"

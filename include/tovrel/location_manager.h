@@ -25,11 +25,10 @@ class Environment;
 struct hRegion;
 
 namespace targeting {
+class CheckLog;
 class OfferSink;
-class TargetList;
+class SharedTargets;
 struct NearestSet;
-struct HistoryRecord;
-struct TargetRecord;
 }  // namespace targeting
 
 /// What the views layer needs to open the offer view for one offer record: the record's values as
@@ -51,7 +50,7 @@ struct TOVREL_EXPORT OfferViewRequest {
 ///
 /// Threads: everything runs on the main loop unless a member says otherwise. getTargets() and
 /// sendLogs() may also run on background threads, motion updates arrive on the background queue.
-/// The targets and the two diagnostic buffers are guarded by one lock, the offers by the sink's.
+/// The targets, the checks' records for diagnostics and the offers each keep their own lock.
 class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
                                       public std::enable_shared_from_this<LocationManager> {
   public:
@@ -218,19 +217,15 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     void linkAnswer(const nlohmann::json& places, const nlohmann::json& deviceEventId,
                     const std::shared_ptr<hRegion>& target, const std::string& message, LogSite site);
     void acknowledged(const std::shared_ptr<hRegion>& target);
-    void removeFirstTarget();
 
     Environment& environment_;
-    std::shared_ptr<platform::LocationProvider> locationManager_;  ///< written on main under mutex_
+    /// Written on the main thread under providerMutex_, read elsewhere under it.
+    std::shared_ptr<platform::LocationProvider> locationManager_;
+    mutable std::mutex providerMutex_;
     std::shared_ptr<platform::MotionActivityManager> motionActivityManager_;
 
-    /// Guards the lists below (and locationManager_ for readers off the main thread).
-    mutable std::mutex mutex_;
-    std::unique_ptr<targeting::TargetList> targets_;
-    std::vector<targeting::HistoryRecord> logHistory_;
-    std::vector<targeting::TargetRecord> logTargets_;
-    /// Bumped on every change of the target list, so a check notices a change made while it runs.
-    std::atomic<std::uint64_t> targetsVersion_{0};
+    const std::unique_ptr<targeting::SharedTargets> targets_;
+    const std::unique_ptr<targeting::CheckLog> checks_;
 
     std::unique_ptr<targeting::NearestSet> nearestScratch_;
     std::string logLineBuffer_;  ///< the check's log lines, built without allocating

@@ -41,14 +41,14 @@ std::shared_ptr<OfferDesk> OfferDesk::create(Environment& environment) {
     auto desk = std::make_shared<OfferDesk>(environment.platform(), environment.notificationCenter(),
                                             environment.dataService());
     if (environment.platform().views) {
-        desk->setOfferViewOpener(
-            [&environment, weak = std::weak_ptr<OfferDesk>(desk)](const OfferViewRequest& request) {
-                if (const auto self = weak.lock()) {
-                    self->shownView_ = presentOfferFullView(
-                        environment,
-                        OfferViewContent{request.eventId, request.deviceEventId, request.mediaType, request.mediaURL});
-                }
-            });
+        desk->setOfferViewOpener([&environment,
+                                  weak = std::weak_ptr<OfferDesk>(desk)](const OfferViewRequest& request) {
+            if (const auto self = weak.lock()) {
+                self->shownView_ =
+                    presentOfferFullView(environment, OfferViewContent{request.eventId, request.deviceEventId,
+                                                                       request.mediaType, request.mediaURL});
+            }
+        });
     }
     return desk;
 }
@@ -76,8 +76,8 @@ void OfferDesk::hold(const std::string& message, const nlohmann::json& deviceEve
     // Each firing posts a fresh copy; replacing the timer does not stop an earlier one, which goes on
     // delivering its own message after the exit.
     auto* center = &center_;
-    heldMessageTimer_ = platform_.mainLoop->scheduleTimer(
-        kHeldMessageInterval, true, [center, message, deviceEventId] {
+    heldMessageTimer_ =
+        platform_.mainLoop->scheduleTimer(kHeldMessageInterval, true, [center, message, deviceEventId] {
             center->post(kTovrelNotificationQueued,
                          nlohmann::json{{"body", message}, {"deviceeventid", deviceEventId}});
         });
@@ -262,9 +262,9 @@ const std::optional<platform::LocalNotification>& OfferDesk::lastNotification() 
 }
 
 void OfferDesk::reportStatus(const nlohmann::json& deviceEventId, const char* statusCode) {
-    service_.sendDeviceUpdateWithDeviceEventId(deviceEventId, statusCode,
-                                               storedSessionKey(*platform_.preferences),
-                                               [](const nlohmann::json& /*status*/, const ServiceError& /*error*/) {});
+    service_.sendDeviceUpdateWithDeviceEventId(
+        deviceEventId, statusCode, storedSessionKey(*platform_.preferences),
+        [](const nlohmann::json& /*status*/, const ServiceError& /*error*/) {});
 }
 
 }  // namespace tovrel::delivery

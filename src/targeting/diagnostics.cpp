@@ -1,4 +1,5 @@
 #include "foundation/format.h"
+#include "targeting/check_log.h"
 #include "targeting/monitor_support.h"
 #include "targeting/proximity_policy.h"
 #include "tovrel/analytics_manager.h"
@@ -47,38 +48,15 @@ void LocationManager::sendLogs() {
                             {"location_accuracy", format0f(accuracy)}}}},
                          deviceId, ignore);
 
-    // Taken out under the lock: records a check appends meanwhile wait for the next pass, in order.
-    std::vector<targeting::HistoryRecord> history;
-    std::vector<targeting::TargetRecord> targets;
-    {
-        std::lock_guard lock(mutex_);
-        history.swap(logHistory_);
-        targets.swap(logTargets_);
+    // Records a check appends meanwhile wait for the next pass, in order.
+    targeting::CheckLog::Batch batch = checks_->take();
+    if (!batch.history.empty()) {
+        analytics.logMessage({{"targeting_updates", targeting::toJson(batch.history)}}, deviceId, ignore);
     }
-    if (!history.empty()) {
-        nlohmann::json records = nlohmann::json::array();
-        for (const auto& record : history) {
-            records.push_back(targeting::toJson(record));
-        }
-        analytics.logMessage({{"targeting_updates", std::move(records)}}, deviceId, ignore);
+    if (!batch.targets.empty()) {
+        analytics.logMessage({{"bounding_area", targeting::toJson(batch.targets)}}, deviceId, ignore);
     }
-    if (!targets.empty()) {
-        nlohmann::json records = nlohmann::json::array();
-        for (const auto& record : targets) {
-            records.push_back(targeting::toJson(record));
-        }
-        analytics.logMessage({{"bounding_area", std::move(records)}}, deviceId, ignore);
-    }
-    // The emptied buffers go back with their capacity, unless checks have appended meanwhile.
-    history.clear();
-    targets.clear();
-    std::lock_guard lock(mutex_);
-    if (logHistory_.empty()) {
-        logHistory_.swap(history);
-    }
-    if (logTargets_.empty()) {
-        logTargets_.swap(targets);
-    }
+    checks_->giveBack(std::move(batch));
 }
 
 }  // namespace tovrel

@@ -4,10 +4,11 @@
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "foundation/value.h"
+#include "targeting/check_log.h"
 #include "targeting/monitor_support.h"
 #include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
-#include "targeting/target_list.h"
+#include "targeting/shared_targets.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/environment.h"
 #include "tovrel/launch_checkers.h"
@@ -66,11 +67,7 @@ void LocationManager::initLocation() {
     observe(kTovrelNotificationReceived, &LocationManager::didReceiveLocalNotification);
     observe(kTovrelNotificationQueued, &LocationManager::tovrelNotificationQueued);
 
-    {
-        std::lock_guard lock(mutex_);
-        logHistory_.clear();
-        logTargets_.clear();
-    }
+    checks_->clear();
 
     startMonitoringLocation();
     getTargets();
@@ -136,11 +133,7 @@ void LocationManager::startMonitoringLocation() {
     provider->setDelegate(weak_from_this());
     setProvider(provider);
 
-    {
-        std::lock_guard lock(mutex_);
-        targets_->clear();
-        ++targetsVersion_;
-    }
+    targets_->clear();
     offers_->forget();
 
     if (modern) {

@@ -1,9 +1,10 @@
 #include "tovrel/location_manager.h"
 
 #include "foundation/value.h"
+#include "targeting/check_log.h"
 #include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
-#include "targeting/target_list.h"
+#include "targeting/shared_targets.h"
 #include "tovrel/environment.h"
 
 namespace tovrel {
@@ -15,7 +16,8 @@ std::shared_ptr<LocationManager> LocationManager::create(Environment& environmen
 
 LocationManager::LocationManager(Environment& environment, std::shared_ptr<targeting::OfferSink> offers)
     : environment_(environment),
-      targets_(std::make_unique<targeting::TargetList>()),
+      targets_(std::make_unique<targeting::SharedTargets>()),
+      checks_(std::make_unique<targeting::CheckLog>()),
       nearestScratch_(std::make_unique<targeting::NearestSet>()),
       offers_(std::move(offers)) {}
 
@@ -28,12 +30,12 @@ const platform::MainLoop& LocationManager::mainLoop() const {
 }
 
 std::shared_ptr<platform::LocationProvider> LocationManager::locationManager() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(providerMutex_);
     return locationManager_;
 }
 
 void LocationManager::setProvider(std::shared_ptr<platform::LocationProvider> provider) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(providerMutex_);
     locationManager_ = std::move(provider);
 }
 
@@ -43,34 +45,15 @@ std::shared_ptr<platform::MotionActivityManager> LocationManager::motionActivity
 }
 
 std::vector<std::shared_ptr<hRegion>> LocationManager::targets() const {
-    std::lock_guard lock(mutex_);
     return targets_->items();
 }
 
 nlohmann::json LocationManager::logHistoryArray() const {
-    std::vector<targeting::HistoryRecord> records;
-    {
-        std::lock_guard lock(mutex_);
-        records = logHistory_;
-    }
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& record : records) {
-        out.push_back(targeting::toJson(record));
-    }
-    return out;
+    return checks_->historyJson();
 }
 
 nlohmann::json LocationManager::logTargetsArray() const {
-    std::vector<targeting::TargetRecord> records;
-    {
-        std::lock_guard lock(mutex_);
-        records = logTargets_;
-    }
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& record : records) {
-        out.push_back(targeting::toJson(record));
-    }
-    return out;
+    return checks_->targetsJson();
 }
 
 }  // namespace tovrel

@@ -4,10 +4,11 @@
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "foundation/value.h"
+#include "targeting/check_log.h"
 #include "targeting/monitor_support.h"
 #include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
-#include "targeting/target_list.h"
+#include "targeting/shared_targets.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
@@ -35,9 +36,9 @@ double LocationManager::calculateDistanceInMetersBetweenCoord(const platform::Co
 double LocationManager::getClosestBB(const platform::Location& location) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
     targeting::NearestSet nearest;
-    std::lock_guard lock(mutex_);
-    targets_->nearest(location.coordinate, nearest);
-    return nearest.hits.empty() ? std::numeric_limits<double>::infinity() : nearest.distance;
+    return targets_->nearest(location.coordinate, nearest) && !nearest.hits.empty()
+               ? nearest.distance
+               : std::numeric_limits<double>::infinity();
 }
 
 void LocationManager::checkForLocationTarget(const platform::Location& location) {
@@ -49,21 +50,13 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
     if (!scan) {
         scan = std::make_unique<targeting::NearestSet>();
     }
-    std::uint64_t version = 0;
-    bool empty = false;
-    {
-        std::lock_guard lock(mutex_);
-        empty = targets_->empty();
-        if (!empty) {
-            targets_->nearest(location.coordinate, *scan);
-            version = targetsVersion_.load();
-        }
-    }
-    if (empty) {
+    const std::optional<std::uint64_t> found = targets_->nearest(location.coordinate, *scan);
+    if (!found) {
         nearestScratch_ = std::move(scan);
         getTargets();
         return;
     }
+    const std::uint64_t version = *found;
     const double nearest = scan->distance;
 
     // The dwell timer belongs to this one check: a timer from an earlier update is never cancelled.
@@ -74,12 +67,8 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
         const double filter = provider ? provider->distanceFilter() : 0;
         const double now = platform.clock->now();
         const platform::Coordinate here = location.coordinate;
-        {
-            std::lock_guard lock(mutex_);
-            logHistory_.push_back(
-                {now, distance, accuracy, filter, target->radius, here.latitude, here.longitude});
-            logTargets_.push_back({now, target});
-        }
+        checks_->add({now, distance, accuracy, filter, target->radius, here.latitude, here.longitude},
+                     {now, target});
         targeting::appendNearestTargetMessage(TOVREL_BEGIN_LOG_LINE(logLineBuffer_), distance, accuracy,
                                               filter, target->radius);
         log.write(logLineBuffer_);
@@ -136,28 +125,20 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
     std::size_t nextIndex = 0;
     bool listChanged = false;
     for (const auto& hit : scan->hits) {
-        if (targetsVersion_.load() != version) {
+        std::shared_ptr<hRegion> target = targets_->version() == version ? targets_->at(hit.index) : nullptr;
+        if (!target) {
             listChanged = true;
             break;
-        }
-        std::shared_ptr<hRegion> target;
-        {
-            std::lock_guard lock(mutex_);
-            target = (*targets_)[hit.index];
         }
         handle(target, hit.distance);
         nextIndex = hit.index + 1;
     }
     nearestScratch_ = std::move(scan);
-    if (listChanged || targetsVersion_.load() != version) {
+    if (listChanged || targets_->version() != version) {
         for (std::size_t i = nextIndex;; ++i) {
-            std::shared_ptr<hRegion> target;
-            {
-                std::lock_guard lock(mutex_);
-                if (i >= targets_->size()) {
-                    break;
-                }
-                target = (*targets_)[i];
+            const std::shared_ptr<hRegion> target = targets_->at(i);
+            if (!target) {
+                break;
             }
             const double distance = targeting::haversineMeters(target->center, location.coordinate);
             if (!(distance > nearest)) {
@@ -213,15 +194,7 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
                 });
         }
     }
-    removeFirstTarget();
-}
-
-void LocationManager::removeFirstTarget() {
-    std::lock_guard lock(mutex_);
-    if (!targets_->empty()) {
-        targets_->eraseFront();
-        ++targetsVersion_;
-    }
+    targets_->eraseFront();
 }
 
 void LocationManager::acknowledged(const std::shared_ptr<hRegion>& target) {

@@ -1,5 +1,5 @@
 #include "targeting/monitor_support.h"
-#include "targeting/target_list.h"
+#include "targeting/shared_targets.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
@@ -37,9 +37,7 @@ void LocationManager::replaceTargets(const Json& places) {
     // The ranking data is worked out before the lock is taken.
     targeting::TargetList list;
     list.assign(fresh);
-    std::lock_guard lock(mutex_);
-    *targets_ = std::move(list);
-    ++targetsVersion_;
+    targets_->replace(std::move(list));
 }
 
 }  // namespace tovrel
