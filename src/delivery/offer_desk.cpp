@@ -34,8 +34,8 @@ platform::AlertSpec eventAlert(const std::string& message, bool withOfferView, i
 
 }  // namespace
 
-OfferDesk::OfferDesk(platform::Platform platform, NotificationCenter& center, DataService& service)
-    : platform_(std::move(platform)), center_(center), service_(service) {}
+OfferDesk::OfferDesk(const platform::Platform& platform, NotificationCenter& center, DataService& service)
+    : platform_(platform), center_(center), service_(service) {}
 
 std::shared_ptr<OfferDesk> OfferDesk::create(Environment& environment) {
     auto desk = std::make_shared<OfferDesk>(environment.platform(), environment.notificationCenter(),

@@ -31,8 +31,9 @@ namespace delivery {
 class OfferDesk final : public targeting::OfferSink, public std::enable_shared_from_this<OfferDesk> {
   public:
     /// Any thread. A desk on `platform`'s ports that posts on `center` and reports the user's answers
-    /// through `service`; the three must outlive it.
-    OfferDesk(platform::Platform platform, NotificationCenter& center, DataService& service);
+    /// through `service`. It holds the three by reference, as the monitor holds its environment: the
+    /// main loop's timers own the monitor, so owning the ports here would keep the loop alive forever.
+    OfferDesk(const platform::Platform& platform, NotificationCenter& center, DataService& service);
 
     /// Any thread. A desk for `environment` whose offer views open on its views port (when it has one)
     /// and stay referenced until the next one opens.
@@ -61,7 +62,7 @@ class OfferDesk final : public targeting::OfferSink, public std::enable_shared_f
     /// Removes `offer` from the pending offers, looking first where it stood at `index`.
     void remove(const nlohmann::json& offer, std::size_t index);
 
-    const platform::Platform platform_;
+    const platform::Platform& platform_;
     NotificationCenter& center_;
     DataService& service_;
 
