@@ -17,11 +17,15 @@
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/motion.h"
 #include "tovrel/platform/notifications.h"
+#include "tovrel/platform/platform.h"
 #include "tovrel/platform/thread_check.h"
 
 namespace tovrel {
 
+class AnalyticsManager;
+class DataService;
 class Environment;
+class LaunchCheckers;
 struct hRegion;
 
 namespace targeting {
@@ -57,10 +61,22 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     /// Receives every request to open the offer view (the views layer installs one).
     using OfferViewOpener = std::function<void(const OfferViewRequest&)>;
 
-    /// Any thread. A monitor of `environment` that hands its offers to `offers`.
+    /// What a monitor works with. It holds each by reference: the main loop's timers own the monitor,
+    /// so it owns none of them, and each outlives it.
+    struct Collaborators {
+        const platform::Platform& platform;
+        NotificationCenter& notificationCenter;
+        DataService& dataService;
+        AnalyticsManager& analytics;
+        LaunchCheckers& launches;
+    };
+
+    /// Any thread. A monitor on `environment`'s ports and shared instances that hands its offers to
+    /// `offers`.
     static std::shared_ptr<LocationManager> create(Environment& environment,
                                                    std::shared_ptr<targeting::OfferSink> offers);
-    LocationManager(Environment& environment, std::shared_ptr<targeting::OfferSink> offers);
+    /// Any thread.
+    LocationManager(const Collaborators& collaborators, std::shared_ptr<targeting::OfferSink> offers);
     ~LocationManager() override;
     LocationManager(const LocationManager&) = delete;
     LocationManager& operator=(const LocationManager&) = delete;
@@ -197,7 +213,7 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
         int line;
     };
 
-    /// The environment's main loop, which the "Main thread." members check against.
+    /// The main loop, which the "Main thread." members check against.
     [[nodiscard]] const platform::MainLoop& mainLoop() const;
 
     // lifecycle.cpp
@@ -218,7 +234,11 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
                     const std::shared_ptr<hRegion>& target, const std::string& message, LogSite site);
     void acknowledged(const std::shared_ptr<hRegion>& target);
 
-    Environment& environment_;
+    const platform::Platform& platform_;
+    NotificationCenter& center_;
+    DataService& service_;
+    AnalyticsManager& analytics_;
+    LaunchCheckers& launches_;
     /// Written on the main thread under providerMutex_, read elsewhere under it.
     std::shared_ptr<platform::LocationProvider> locationManager_;
     mutable std::mutex providerMutex_;

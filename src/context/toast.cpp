@@ -20,8 +20,8 @@ void showToast(Environment& environment, const std::string& message) {
                                      [alerts = platform.alerts, id] { alerts->dismiss(id, 0, true); });
 }
 
-void showMessageAlert(Environment& environment, const std::string& message) {
-    environment.platform().alerts->show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
+void showMessageAlert(platform::AlertPresenter& alerts, const std::string& message) {
+    alerts.show(platform::AlertSpec{"Message", message, "OK", {}, 0, nullptr});
 }
 
 }  // namespace tovrel

@@ -169,7 +169,7 @@ void SessionManager::showToastMessage(const std::string& message) {
 }
 
 void SessionManager::showAlert(const std::string& message) {
-    showMessageAlert(environment_, message);
+    showMessageAlert(*environment_.platform().alerts, message);
 }
 
 }  // namespace tovrel

@@ -3,7 +3,6 @@
 #include "targeting/monitor_support.h"
 #include "targeting/proximity_policy.h"
 #include "tovrel/analytics_manager.h"
-#include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/preferences_keys.h"
 
@@ -17,7 +16,7 @@ const char* enabledText(bool enabled) {
 }  // namespace
 
 void LocationManager::sendLogs() {
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     const auto stored = targeting::storedLocation(*platform.preferences);
     if (!stored) {
         return;
@@ -31,7 +30,7 @@ void LocationManager::sendLogs() {
         }
     }
 
-    auto& analytics = environment_.analyticsManager();
+    auto& analytics = analytics_;
     const std::string deviceId = storedText(*platform.preferences, prefs::kAdid);
     const auto ignore = [](const auto&) {};
     analytics.logMessage({{"tovrel_services",

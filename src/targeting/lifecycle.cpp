@@ -10,7 +10,6 @@
 #include "targeting/proximity_policy.h"
 #include "targeting/shared_targets.h"
 #include "tovrel/analytics_manager.h"
-#include "tovrel/environment.h"
 #include "tovrel/launch_checkers.h"
 #include "tovrel/location_archive.h"
 #include "tovrel/location_manager.h"
@@ -42,7 +41,7 @@ constexpr const char* kAuthorizationText =
 
 void LocationManager::observe(const char* name, void (LocationManager::*handler)(const Notification&)) {
     // The centre does not own its observers; a monitor that is gone is simply not called.
-    observers_.push_back(environment_.notificationCenter().addObserver(
+    observers_.push_back(center_.addObserver(
         name, nullptr, [weak = weak_from_this(), handler](const Notification& notification) {
             if (const auto self = weak.lock()) {
                 ((*self).*handler)(notification);
@@ -52,7 +51,7 @@ void LocationManager::observe(const char* name, void (LocationManager::*handler)
 
 void LocationManager::initLocation() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     if (platform.notifications && targeting::systemVersionAtLeast8(*platform.device)) {
         platform.notifications->registerUserNotificationSettings(kAllNotificationTypes);
     }
@@ -79,7 +78,7 @@ void LocationManager::initLocation() {
     auto& loop = *platform.mainLoop;
     const auto self = shared_from_this();
     loop.scheduleTimer(kBackgroundStopInterval, true, [self] {
-        const auto state = self->environment_.platform().application->applicationState();
+        const auto state = self->platform_.application->applicationState();
         if (state == platform::ApplicationState::kBackground ||
             state == platform::ApplicationState::kInactive) {
             if (const auto provider = self->providerOnMain()) {
@@ -88,16 +87,15 @@ void LocationManager::initLocation() {
         }
     });
     loop.scheduleTimer(kRefreshInterval, true, [self] {
-        self->environment_.platform().background->detachNewThread([self] { self->getTargets(); });
+        self->platform_.background->detachNewThread([self] { self->getTargets(); });
     });
-    loop.scheduleTimer(kDiagnosticsInterval, true, [self] {
-        self->environment_.platform().background->detachNewThread([self] { self->sendLogs(); });
-    });
+    loop.scheduleTimer(kDiagnosticsInterval, true,
+                       [self] { self->platform_.background->detachNewThread([self] { self->sendLogs(); }); });
 }
 
 void LocationManager::startMonitoringLocation() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     TOVREL_LOG(*platform.log, "startMonitoringLocation");
     if (!platform.preferences->objectForKey(prefs::kSessionId)) {
         return;
@@ -144,7 +142,7 @@ void LocationManager::startMonitoringLocation() {
 }
 
 void LocationManager::startUpdates(const std::shared_ptr<platform::LocationProvider>& provider) {
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     if (targeting::systemVersionAtLeast8(*platform.device)) {
         provider->startUpdatingLocation();
         provider->startMonitoringSignificantLocationChanges();
@@ -163,7 +161,7 @@ void LocationManager::startUpdates(const std::shared_ptr<platform::LocationProvi
 
 void LocationManager::stopMonitoringLocation() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "stopMonitoringLocation");
+    TOVREL_LOG(*platform_.log, "stopMonitoringLocation");
     if (const auto provider = providerOnMain()) {
         provider->stopUpdatingLocation();
         provider->stopMonitoringSignificantLocationChanges();
@@ -176,12 +174,12 @@ void LocationManager::resumePausedLocationManager() {
     if (const auto provider = providerOnMain()) {
         startUpdates(provider);
     }
-    TOVREL_LOG(*environment_.platform().log, "resumePausedLocationManager");
+    TOVREL_LOG(*platform_.log, "resumePausedLocationManager");
 }
 
 void LocationManager::startCoreMotion() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& motion = environment_.platform().motion;
+    const auto& motion = platform_.motion;
     if (!motion) {
         return;
     }
@@ -190,14 +188,14 @@ void LocationManager::startCoreMotion() {
         return;
     }
     // The manager keeps the handler, so the handler must not keep the monitor; each queued task does.
-    Environment* environment = &environment_;
+    const platform::Platform* ports = &platform_;
     motionActivityManager_->startActivityUpdates(
-        [weak = weak_from_this(), environment](const platform::MotionActivity& activity) {
+        [weak = weak_from_this(), ports](const platform::MotionActivity& activity) {
             auto self = weak.lock();
             if (!self) {
                 return;
             }
-            environment->platform().background->dispatchBackground(
+            ports->background->dispatchBackground(
                 [self = std::move(self), activity] { self->applyMotionActivity(activity); });
         });
 }
@@ -221,14 +219,14 @@ void LocationManager::applyMotionActivity(const platform::MotionActivity& activi
 
 void LocationManager::locationManagerDidPauseLocationUpdates() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "Location Manager Paused - Starting 30 minute timer");
-    environment_.platform().mainLoop->scheduleTimer(
-        kPausedResumeDelay, false, [self = shared_from_this()] { self->resumePausedLocationManager(); });
+    TOVREL_LOG(*platform_.log, "Location Manager Paused - Starting 30 minute timer");
+    platform_.mainLoop->scheduleTimer(kPausedResumeDelay, false,
+                                      [self = shared_from_this()] { self->resumePausedLocationManager(); });
 }
 
 void LocationManager::locationManagerDidResumeLocationUpdates() {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "Location Manager Resumed");
+    TOVREL_LOG(*platform_.log, "Location Manager Resumed");
 }
 
 void LocationManager::locationManagerDidUpdateLocations(const std::vector<platform::Location>& locations) {
@@ -237,7 +235,7 @@ void LocationManager::locationManagerDidUpdateLocations(const std::vector<platfo
         return;
     }
     const platform::Location& newest = locations.back();
-    auto& prefs = *environment_.platform().preferences;
+    auto& prefs = *platform_.preferences;
     const platform::Coordinate stored =
         targeting::storedLocation(prefs).value_or(platform::Location{}).coordinate;
     // A move along an exact meridian or parallel does not count as a move.
@@ -248,8 +246,7 @@ void LocationManager::locationManagerDidUpdateLocations(const std::vector<platfo
     }
     nlohmann::json archived = archiveLocation(newest);
     prefs.setObject(prefs::kCurrentLocation, archived);
-    environment_.notificationCenter().post(kTovrelLocationNotification,
-                                           nlohmann::json{{"Location", std::move(archived)}});
+    center_.post(kTovrelLocationNotification, nlohmann::json{{"Location", std::move(archived)}});
 }
 
 void LocationManager::locationManagerDidFailWithError(const platform::LocationError& error) {
@@ -259,39 +256,38 @@ void LocationManager::locationManagerDidFailWithError(const platform::LocationEr
     }
     stopMonitoringLocation();
     startMonitoringLocation();
-    TOVREL_LOG(*environment_.platform().log, "location service error: Code=%d \"%s\"", error.code,
+    TOVREL_LOG(*platform_.log, "location service error: Code=%d \"%s\"", error.code,
                error.description.c_str());
 }
 
 void LocationManager::applicationDidBecomeActive(const Notification& /*notification*/) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "app became active mode");
+    TOVREL_LOG(*platform_.log, "app became active mode");
 }
 
 void LocationManager::applicationEnterForeground(const Notification& /*notification*/) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     TOVREL_LOG(*platform.log, "app entered foreground mode");
     platform.application->setApplicationIconBadgeNumber(0);
-    environment_.notificationCenter().post(kTovrelRefreshUserLocation);
+    center_.post(kTovrelRefreshUserLocation);
 }
 
 void LocationManager::applicationWillResignActive(const Notification& /*notification*/) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "applicationWillResignActive");
+    TOVREL_LOG(*platform_.log, "applicationWillResignActive");
 }
 
 void LocationManager::applicationEnterBackground(const Notification& /*notification*/) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    TOVREL_LOG(*environment_.platform().log, "app entered background mode");
+    TOVREL_LOG(*platform_.log, "app entered background mode");
 }
 
 void LocationManager::applicationWillTeminate(const Notification& /*notification*/) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     const nlohmann::json message{{"session_stopped", {{"timestamp", format0f(platform.clock->now())}}}};
-    environment_.analyticsManager().logMessage(message, storedText(*platform.preferences, prefs::kAdid),
-                                               [](const auto&) {});
+    analytics_.logMessage(message, storedText(*platform.preferences, prefs::kAdid), [](const auto&) {});
     // The process is about to end: give the request time to leave.
     platform.clock->sleepFor(kTerminateGraceSeconds);
     TOVREL_LOG(*platform.log, "app will teminate");
@@ -299,15 +295,15 @@ void LocationManager::applicationWillTeminate(const Notification& /*notification
 
 void LocationManager::applicationDidFinishLaunching(const Notification& notification) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     auto& log = *platform.log;
     TOVREL_LOG(log, "app finished launching");
     TOVREL_LOG(log, "launchOptions: %s", printed(notification.userInfo).c_str());
-    auto& launches = environment_.launchCheckers();
+    auto& launches = launches_;
     if (launches.notification.launchedWithNotification) {
         // The launch notification itself is the object; its user info is the launch options, so
         // only an offer whose identifier reads as 0 can match.
-        environment_.notificationCenter().post(kTovrelNotificationReceived, notification);
+        center_.post(kTovrelNotificationReceived, notification);
         platform.application->setApplicationIconBadgeNumber(
             platform.application->applicationIconBadgeNumber() + 1);
         const Json launchNotification = launches.notification.localNotification;
@@ -322,15 +318,7 @@ void LocationManager::applicationDidFinishLaunching(const Notification& notifica
 
 void LocationManager::showAlert(const std::string& message) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    showMessageAlert(environment_, message);
-}
-
-void LocationManager::showToastMessage(const std::string& message) {
-    showToastMessage(Environment::current(), message);
-}
-
-void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
-    showToast(environment, message);
+    showMessageAlert(*platform_.alerts, message);
 }
 
 }  // namespace tovrel

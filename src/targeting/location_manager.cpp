@@ -1,5 +1,6 @@
 #include "tovrel/location_manager.h"
 
+#include "context/toast.h"
 #include "foundation/value.h"
 #include "targeting/check_log.h"
 #include "targeting/offer_sink.h"
@@ -11,11 +12,19 @@ namespace tovrel {
 
 std::shared_ptr<LocationManager> LocationManager::create(Environment& environment,
                                                          std::shared_ptr<targeting::OfferSink> offers) {
-    return std::make_shared<LocationManager>(environment, std::move(offers));
+    return std::make_shared<LocationManager>(
+        Collaborators{environment.platform(), environment.notificationCenter(), environment.dataService(),
+                      environment.analyticsManager(), environment.launchCheckers()},
+        std::move(offers));
 }
 
-LocationManager::LocationManager(Environment& environment, std::shared_ptr<targeting::OfferSink> offers)
-    : environment_(environment),
+LocationManager::LocationManager(const Collaborators& collaborators,
+                                 std::shared_ptr<targeting::OfferSink> offers)
+    : platform_(collaborators.platform),
+      center_(collaborators.notificationCenter),
+      service_(collaborators.dataService),
+      analytics_(collaborators.analytics),
+      launches_(collaborators.launches),
       targets_(std::make_unique<targeting::SharedTargets>()),
       checks_(std::make_unique<targeting::CheckLog>()),
       nearestScratch_(std::make_unique<targeting::NearestSet>()),
@@ -26,7 +35,7 @@ LocationManager::LocationManager(Environment& environment, std::shared_ptr<targe
 LocationManager::~LocationManager() = default;
 
 const platform::MainLoop& LocationManager::mainLoop() const {
-    return *environment_.platform().mainLoop;
+    return *platform_.mainLoop;
 }
 
 std::shared_ptr<platform::LocationProvider> LocationManager::locationManager() const {
@@ -54,6 +63,14 @@ nlohmann::json LocationManager::logHistoryArray() const {
 
 nlohmann::json LocationManager::logTargetsArray() const {
     return checks_->targetsJson();
+}
+
+void LocationManager::showToastMessage(const std::string& message) {
+    showToastMessage(Environment::current(), message);
+}
+
+void LocationManager::showToastMessage(Environment& environment, const std::string& message) {
+    showToast(environment, message);
 }
 
 }  // namespace tovrel

@@ -1,7 +1,6 @@
 // The monitor's offer-delivery members: each forwards to the offer sink, with the presentation
 // switches the session copied onto the monitor.
 #include "targeting/offer_sink.h"
-#include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
 
@@ -18,13 +17,13 @@ void LocationManager::tovrelNotificationQueued(const Notification& notification)
         return;
     }
     offers_->releaseHeld(notification, presentOfferView);
-    environment_.platform().background->detachNewThread([self = shared_from_this()] { self->getTargets(); });
-    environment_.notificationCenter().post(kTovrelInBounds);
+    platform_.background->detachNewThread([self = shared_from_this()] { self->getTargets(); });
+    center_.post(kTovrelInBounds);
 }
 
 void LocationManager::didReceiveLocalNotification(const Notification& notification) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    environment_.notificationCenter().post(kTovrelInBounds);
+    center_.post(kTovrelInBounds);
     if (presentOfferView) {
         offers_->openFromNotification(notification);
     }

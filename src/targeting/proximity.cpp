@@ -11,7 +11,6 @@
 #include "targeting/shared_targets.h"
 #include "tovrel/analytics_manager.h"
 #include "tovrel/data_service.h"
-#include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
 #include "tovrel/preferences_keys.h"
@@ -43,7 +42,7 @@ double LocationManager::getClosestBB(const platform::Location& location) {
 
 void LocationManager::checkForLocationTarget(const platform::Location& location) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     auto& log = *platform.log;
     // Taken out for the duration of the check, so a check started from inside this one stays correct.
     std::unique_ptr<targeting::NearestSet> scan = std::move(nearestScratch_);
@@ -148,7 +147,7 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
     }
 
     if (nearest > targeting::kRefreshDistance) {
-        auto& center = environment_.notificationCenter();
+        auto& center = center_;
         center.post(kTovrelInBounds);
         center.post(kTovrelRefreshUserLocation);
         getTargets();
@@ -157,8 +156,8 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
 
 void LocationManager::linkVisit(const std::shared_ptr<hRegion>& target, const std::string& message,
                                 LogSite site) {
-    environment_.dataService().sendDeviceLinkWithEventId(
-        target->eventId, target->placeId, storedSessionKey(*environment_.platform().preferences),
+    service_.sendDeviceLinkWithEventId(
+        target->eventId, target->placeId, storedSessionKey(*platform_.preferences),
         [self = shared_from_this(), target, message, site](const Json& places, const Json& deviceEventId,
                                                            const ServiceError& /*error*/) {
             self->linkAnswer(places, deviceEventId, target, message, site);
@@ -171,7 +170,7 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
     if (deviceEventId.is_null()) {
         return;
     }
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     auto& prefs = *platform.preferences;
     if (!places.is_null()) {
         offers_->keep(places);
@@ -187,7 +186,7 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
                 offers_->deliver({deviceEventId, message, target->eventTypeId}, presentOfferView);
             }
             platform.application->setApplicationIconBadgeNumber(1);
-            environment_.dataService().sendDeviceUpdateWithDeviceEventId(
+            service_.sendDeviceUpdateWithDeviceEventId(
                 prefs.objectForKey(prefs::kDeviceEventId).value_or(Json()), "ack", storedSessionKey(prefs),
                 [self = shared_from_this(), target](const Json& /*status*/, const ServiceError& /*error*/) {
                     self->acknowledged(target);
@@ -198,15 +197,14 @@ void LocationManager::linkAnswer(const Json& places, const Json& deviceEventId,
 }
 
 void LocationManager::acknowledged(const std::shared_ptr<hRegion>& target) {
-    const auto& platform = environment_.platform();
+    const auto& platform = platform_;
     platform.background->detachNewThread([self = shared_from_this()] { self->getTargets(); });
-    environment_.notificationCenter().post(kTovrelInBounds, target);
+    center_.post(kTovrelInBounds, target);
     const Json message{
         {"event_notification_sent",
          {{"timestamp", format0f(platform.clock->now())}, {"eventid", printed(target->eventId)}}},
     };
-    environment_.analyticsManager().logMessage(message, storedText(*platform.preferences, prefs::kAdid),
-                                               [](const auto&) {});
+    analytics_.logMessage(message, storedText(*platform.preferences, prefs::kAdid), [](const auto&) {});
 }
 
 }  // namespace tovrel

@@ -2,7 +2,8 @@
 
 namespace tovrel::targeting {
 
-std::optional<std::uint64_t> SharedTargets::nearest(const platform::Coordinate& position, NearestSet& out) const {
+std::optional<std::uint64_t> SharedTargets::nearest(const platform::Coordinate& position,
+                                                    NearestSet& out) const {
     const platform::Lock lock(mutex_);
     if (list_.empty()) {
         return std::nullopt;

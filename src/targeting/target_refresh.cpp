@@ -1,19 +1,18 @@
 #include "targeting/monitor_support.h"
 #include "targeting/shared_targets.h"
 #include "tovrel/data_service.h"
-#include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/region.h"
 
 namespace tovrel {
 
 void LocationManager::getTargets() {
-    const auto& prefs = *environment_.platform().preferences;
+    const auto& prefs = *platform_.preferences;
     const auto location = targeting::storedLocation(prefs);
     if (!location) {
         return;
     }
-    environment_.dataService().getLocationsWithLocation(
+    service_.getLocationsWithLocation(
         *location, storedSessionKey(prefs),
         [self = shared_from_this()](const Json& places, const ServiceError& error) {
             if (error) {
