@@ -7,6 +7,7 @@
 
 #include "tovrel/export.h"
 #include "tovrel/platform/http.h"
+#include "tovrel/platform/platform.h"
 
 namespace tovrel {
 
@@ -18,7 +19,9 @@ class TOVREL_EXPORT AnalyticsManager {
   public:
     using Completion = std::function<void(const std::optional<platform::HttpError>& error)>;
 
-    explicit AnalyticsManager(Environment& environment);
+    /// Any thread. Requests go through `platform`'s HTTP client (held by reference, with the log) to
+    /// `serviceBaseURL` (scheme and host).
+    AnalyticsManager(const platform::Platform& platform, std::string serviceBaseURL);
 
     /// The shared instance of the current environment.
     static AnalyticsManager& instance();
@@ -31,7 +34,8 @@ class TOVREL_EXPORT AnalyticsManager {
     static nlohmann::json buildLocationDictionaryWithLatitude(double latitude, double longitude);
 
   private:
-    Environment& environment_;
+    const platform::Platform& platform_;
+    const std::string serviceBaseURL_;
 };
 
 }  // namespace tovrel

@@ -9,6 +9,7 @@
 #include "tovrel/export.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/location.h"
+#include "tovrel/platform/platform.h"
 
 namespace tovrel {
 
@@ -36,7 +37,9 @@ class TOVREL_EXPORT DataService {
     /// (answer, error): the whole answer as it stands on success, null and the error on failure.
     using AnswerCompletion = std::function<void(const Json& answer, const ServiceError& error)>;
 
-    explicit DataService(Environment& environment);
+    /// Any thread. Requests go through `platform`'s HTTP client (held by reference, with the log) to
+    /// `serviceBaseURL` (scheme and host).
+    DataService(const platform::Platform& platform, std::string serviceBaseURL);
 
     /// The shared instance of the current environment.
     static DataService& instance();
@@ -65,7 +68,8 @@ class TOVREL_EXPORT DataService {
     void post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer);
     void sendStatusRequest(std::string_view path, const Json& body, StatusCompletion completion);
 
-    Environment& environment_;
+    const platform::Platform& platform_;
+    const std::string serviceBaseURL_;
 };
 
 }  // namespace tovrel

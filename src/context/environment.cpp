@@ -76,7 +76,7 @@ SessionManager& Environment::sessionManager() {
 DataService& Environment::dataService() {
     std::lock_guard lock(instancesMutex_);
     if (!dataService_) {
-        dataService_ = std::make_unique<DataService>(*this);
+        dataService_ = std::make_unique<DataService>(platform_, configuration_.serviceBaseURL);
     }
     return *dataService_;
 }
@@ -84,7 +84,7 @@ DataService& Environment::dataService() {
 AnalyticsManager& Environment::analyticsManager() {
     std::lock_guard lock(instancesMutex_);
     if (!analyticsManager_) {
-        analyticsManager_ = std::make_unique<AnalyticsManager>(*this);
+        analyticsManager_ = std::make_unique<AnalyticsManager>(platform_, configuration_.serviceBaseURL);
     }
     return *analyticsManager_;
 }

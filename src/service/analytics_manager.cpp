@@ -6,7 +6,8 @@
 
 namespace tovrel {
 
-AnalyticsManager::AnalyticsManager(Environment& environment) : environment_(environment) {}
+AnalyticsManager::AnalyticsManager(const platform::Platform& platform, std::string serviceBaseURL)
+    : platform_(platform), serviceBaseURL_(std::move(serviceBaseURL)) {}
 
 AnalyticsManager& AnalyticsManager::instance() {
     return Environment::current().analyticsManager();
@@ -15,17 +16,17 @@ AnalyticsManager& AnalyticsManager::instance() {
 void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
                                   Completion completion) {
     const nlohmann::json body{{"deviceid", deviceId}, {"message", message}};
-    const std::string url = environment_.configuration().serviceBaseURL + std::string(protocol::kLogPath);
-    auto& log = *environment_.platform().log;
-    environment_.platform().http->postJson(
-        url, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
-            if (!result.ok()) {
-                TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
-            }
-            if (completion) {
-                completion(result.error);
-            }
-        });
+    const std::string url = serviceBaseURL_ + std::string(protocol::kLogPath);
+    auto& log = *platform_.log;
+    platform_.http->postJson(url, body,
+                             [&log, completion = std::move(completion)](const platform::JsonResult& result) {
+                                 if (!result.ok()) {
+                                     TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
+                                 }
+                                 if (completion) {
+                                     completion(result.error);
+                                 }
+                             });
 }
 
 nlohmann::json AnalyticsManager::buildLocationDictionaryWithLatitude(double latitude, double longitude) {

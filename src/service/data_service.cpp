@@ -18,7 +18,8 @@ struct ReadFailure {
 
 }  // namespace
 
-DataService::DataService(Environment& environment) : environment_(environment) {}
+DataService::DataService(const platform::Platform& platform, std::string serviceBaseURL)
+    : platform_(platform), serviceBaseURL_(std::move(serviceBaseURL)) {}
 
 DataService& DataService::instance() {
     return Environment::current().dataService();
@@ -29,8 +30,8 @@ Json DataService::buildLocationDictionaryWithLatitude(double latitude, double lo
 }
 
 void DataService::post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer) {
-    const std::string url = environment_.configuration().serviceBaseURL + std::string(path);
-    environment_.platform().http->postJson(url, body, std::move(onAnswer));
+    const std::string url = serviceBaseURL_ + std::string(path);
+    platform_.http->postJson(url, body, std::move(onAnswer));
 }
 
 void DataService::getLocationsWithLocation(const platform::Location& location, const SessionKey& sessionKey,
@@ -44,7 +45,7 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
                                 location.coordinate.latitude, location.coordinate.longitude)})},
         {"distanceThreshold", kDistanceThreshold},
     };
-    auto& log = *environment_.platform().log;
+    auto& log = *platform_.log;
     post(protocol::kPlacePath, body, [&log, completion = std::move(completion)](platform::JsonResult result) {
         if (!result.ok()) {
             TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
@@ -77,7 +78,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
         return;
     }
     const Json body{{"sessionKey", *sessionKey}, {"eventId", eventId}, {"placeId", placeId}};
-    auto& log = *environment_.platform().log;
+    auto& log = *platform_.log;
     post(protocol::kLinkPath, body,
          [&log, completion = std::move(completion)](const platform::JsonResult& result) {
              if (!result.ok()) {
@@ -121,7 +122,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
 }
 
 void DataService::sendStatusRequest(std::string_view path, const Json& body, StatusCompletion completion) {
-    auto& log = *environment_.platform().log;
+    auto& log = *platform_.log;
     post(path, body, [&log, completion = std::move(completion)](const platform::JsonResult& result) {
         if (!result.ok()) {
             TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
