@@ -76,6 +76,152 @@ RouteKind kindOf(FleetRoutes source, std::uint64_t seed) {
     return mixSeed(seed ^ 0x5bd1e995ULL) % 5 < 3 ? RouteKind::kWalk : RouteKind::kDrive;
 }
 
+void checkFleetOptions(const FleetOptions& options) {
+    if (options.source == FleetRoutes::kFolder && options.routes.empty()) {
+        throw SimInputError("the fleet has no route");
+    }
+    if (options.source != FleetRoutes::kFolder && options.places.empty()) {
+        throw SimInputError("the fleet has no place to make routes around");
+    }
+    if (options.days == 0) {
+        throw SimInputError("a fleet runs for one day or more");
+    }
+}
+
+/// The service every device talks to in process; none when the fleet talks to a service elsewhere.
+std::unique_ptr<InProcessService> embeddedService(const FleetOptions& options) {
+    if (options.device.serviceURL) {
+        return nullptr;
+    }
+    try {
+        return std::make_unique<InProcessService>(options.device.placesFile, options.device.contentDir,
+                                                  options.device.startTime);
+    } catch (const std::exception& error) {
+        throw SimInputError(error.what());
+    }
+}
+
+/// Runs one device's trips, a day each, until the days are over or its session never starts.
+/// `generated` holds the routes made up for it, which the trips point at.
+std::vector<Trip> runDevice(const FleetOptions& options, InProcessService* service, std::size_t device,
+                            std::vector<Route>& generated) {
+    const std::uint64_t deviceSeed = mixSeed(options.seed * 0x100000001b3ULL + device);
+    const RouteKind kind = kindOf(options.source, deviceSeed);
+    std::vector<Trip> trips;
+    // Reserved up front: the trips point at the routes.
+    generated.reserve(options.source == FleetRoutes::kFolder ? 0 : options.days);
+    trips.reserve(options.days);
+    SimOptions deviceOptions = options.device;
+    deviceOptions.inProcess = service;
+    deviceOptions.deviceSeed = deviceSeed;
+    deviceOptions.keepEvents = false;
+    deviceOptions.quiet = true;
+    deviceOptions.progress = false;
+    deviceOptions.stateDir.reset();
+    CarriedState carried;
+    deviceOptions.carried = &carried;
+    for (std::size_t day = 0; day < options.days; ++day) {
+        // Day 0 is the one-day fleet's trip, so that --days 1 changes nothing.
+        const std::uint64_t daySeed = day == 0 ? deviceSeed : mixSeed(deviceSeed + day);
+        const Route* route = nullptr;
+        if (options.source == FleetRoutes::kFolder) {
+            route = &options.routes[(device + day) % options.routes.size()];
+        } else {
+            generated.push_back(generateRoute(kind, options.places, daySeed,
+                                              (kind == RouteKind::kWalk ? "walk-" : "drive-") +
+                                                  std::to_string(device) +
+                                                  (day == 0 ? "" : "-day" + std::to_string(day + 1))));
+            route = &generated.back();
+        }
+        deviceOptions.route = route;
+        deviceOptions.routeFile = route->name;
+        deviceOptions.startTime = options.device.startTime + static_cast<double>(day) * 86'400;
+        if (options.gpsNoise) {
+            deviceOptions.gpsNoiseSeed = mixSeed(daySeed ^ 0x6a09e667f3bcc909ULL);
+        }
+        trips.push_back({route, runSimulation(deviceOptions, nullptr, nullptr)});
+        if (trips.back().outcome.stop == RunStop::kSessionNeverStarted) {
+            break;
+        }
+    }
+    return trips;
+}
+
+/// What the fleet's worker threads share: devices are handed out in order, each worker sums into its
+/// own aggregate, and the first failure stops them all.
+class FleetWorkers {
+  public:
+    FleetWorkers(const FleetOptions& options, InProcessService* service, std::size_t jobs)
+        : options_(options), service_(service), partial_(jobs) {}
+
+    /// One worker's loop: runs devices until none is left or the fleet stops.
+    void work(std::size_t worker) {
+        for (;;) {
+            const std::size_t device = next_++;
+            if (device >= options_.devices || stop_) {
+                return;
+            }
+            try {
+                std::vector<Route> generated;
+                const std::vector<Trip> trips = runDevice(options_, service_, device, generated);
+                // A wrong key or an unreachable service would fail every other device alike.
+                if (trips.back().outcome.stop == RunStop::kSessionNeverStarted) {
+                    stop_ = true;
+                }
+                partial_[worker].add(device, trips);
+                writeDevice(device, trips, ++done_);
+            } catch (...) {
+                std::lock_guard lock(outputMutex_);
+                if (!failure_) {
+                    failure_ = std::current_exception();
+                }
+                stop_ = true;
+                return;
+            }
+        }
+    }
+
+    /// Once every worker has returned: the sum, or the first failure thrown again.
+    FleetAggregate total() const {
+        if (failure_) {
+            std::rethrow_exception(failure_);
+        }
+        FleetAggregate total;
+        total.days = options_.days;
+        for (const FleetAggregate& part : partial_) {
+            total.merge(part);
+        }
+        return total;
+    }
+
+  private:
+    /// The device's lines and the progress line, when asked for.
+    void writeDevice(std::size_t device, const std::vector<Trip>& trips, std::size_t finished) {
+        if (options_.deviceLines == nullptr && !options_.progress) {
+            return;
+        }
+        std::lock_guard lock(outputMutex_);
+        for (std::size_t day = 0; options_.deviceLines != nullptr && day < trips.size(); ++day) {
+            *options_.deviceLines << deviceJson(device, *trips[day].route, trips[day].outcome,
+                                                options_.days > 1 ? std::optional(day) : std::nullopt)
+                                         .dump(-1, ' ', false, json::error_handler_t::replace)
+                                  << '\n';
+        }
+        if (options_.progress) {
+            std::cerr << "\r" << finished << " / " << options_.devices << " devices" << std::flush;
+        }
+    }
+
+    const FleetOptions& options_;
+    InProcessService* service_;
+    std::vector<FleetAggregate> partial_;
+    std::atomic<std::size_t> next_{0};
+    std::atomic<std::size_t> done_{0};
+    std::atomic<bool> stop_{false};
+    std::mutex outputMutex_;
+    std::exception_ptr failure_;
+};
+
 }  // namespace
 
 void FleetAggregate::add(std::size_t device, std::span<const Trip> trips) {
@@ -353,127 +499,25 @@ json deviceJson(std::size_t device, const Route& route, const SimOutcome& outcom
 }
 
 FleetAggregate runFleet(const FleetOptions& options) {
-    if (options.source == FleetRoutes::kFolder && options.routes.empty()) {
-        throw SimInputError("the fleet has no route");
-    }
-    if (options.source != FleetRoutes::kFolder && options.places.empty()) {
-        throw SimInputError("the fleet has no place to make routes around");
-    }
-    if (options.days == 0) {
-        throw SimInputError("a fleet runs for one day or more");
-    }
-    std::unique_ptr<InProcessService> service;
-    if (!options.device.serviceURL) {
-        try {
-            service = std::make_unique<InProcessService>(options.device.placesFile, options.device.contentDir,
-                                                         options.device.startTime);
-        } catch (const std::exception& error) {
-            throw SimInputError(error.what());
-        }
-    }
+    checkFleetOptions(options);
+    const std::unique_ptr<InProcessService> service = embeddedService(options);
     std::size_t jobs = options.jobs > 0 ? options.jobs : std::max(1U, std::thread::hardware_concurrency());
     jobs = std::min(jobs, std::max<std::size_t>(options.devices, 1));
 
-    std::vector<FleetAggregate> partial(jobs);
-    std::atomic<std::size_t> next{0};
-    std::atomic<std::size_t> done{0};
-    std::atomic<bool> stop{false};
-    std::mutex outputMutex;
-    std::exception_ptr failure;
-
-    const auto work = [&](std::size_t worker) {
-        for (;;) {
-            const std::size_t device = next++;
-            if (device >= options.devices || stop) {
-                return;
-            }
-            try {
-                const std::uint64_t deviceSeed = mixSeed(options.seed * 0x100000001b3ULL + device);
-                const RouteKind kind = kindOf(options.source, deviceSeed);
-                std::vector<Route> generated;
-                std::vector<Trip> trips;
-                generated.reserve(options.source == FleetRoutes::kFolder ? 0 : options.days);
-                trips.reserve(options.days);
-                SimOptions device_options = options.device;
-                device_options.inProcess = service.get();
-                device_options.deviceSeed = deviceSeed;
-                device_options.keepEvents = false;
-                device_options.quiet = true;
-                device_options.progress = false;
-                device_options.stateDir.reset();
-                CarriedState carried;
-                device_options.carried = &carried;
-                for (std::size_t day = 0; day < options.days; ++day) {
-                    // Day 0 is the one-day fleet's trip, so that --days 1 changes nothing.
-                    const std::uint64_t daySeed = day == 0 ? deviceSeed : mixSeed(deviceSeed + day);
-                    const Route* route = nullptr;
-                    if (options.source == FleetRoutes::kFolder) {
-                        route = &options.routes[(device + day) % options.routes.size()];
-                    } else {
-                        generated.push_back(generateRoute(
-                            kind, options.places, daySeed,
-                            (kind == RouteKind::kWalk ? "walk-" : "drive-") + std::to_string(device) +
-                                (day == 0 ? "" : "-day" + std::to_string(day + 1))));
-                        route = &generated.back();
-                    }
-                    device_options.route = route;
-                    device_options.routeFile = route->name;
-                    device_options.startTime = options.device.startTime + static_cast<double>(day) * 86'400;
-                    if (options.gpsNoise) {
-                        device_options.gpsNoiseSeed = mixSeed(daySeed ^ 0x6a09e667f3bcc909ULL);
-                    }
-                    trips.push_back({route, runSimulation(device_options, nullptr, nullptr)});
-                    if (trips.back().outcome.stop == RunStop::kSessionNeverStarted) {
-                        stop = true;
-                        break;
-                    }
-                }
-                partial[worker].add(device, trips);
-                const std::size_t finished = ++done;
-                if (options.deviceLines != nullptr || options.progress) {
-                    std::lock_guard lock(outputMutex);
-                    for (std::size_t day = 0; options.deviceLines != nullptr && day < trips.size(); ++day) {
-                        *options.deviceLines
-                            << deviceJson(device, *trips[day].route, trips[day].outcome,
-                                          options.days > 1 ? std::optional(day) : std::nullopt)
-                                   .dump(-1, ' ', false, json::error_handler_t::replace)
-                            << '\n';
-                    }
-                    if (options.progress) {
-                        std::cerr << "\r" << finished << " / " << options.devices << " devices" << std::flush;
-                    }
-                }
-            } catch (...) {
-                std::lock_guard lock(outputMutex);
-                if (!failure) {
-                    failure = std::current_exception();
-                }
-                stop = true;
-                return;
-            }
-        }
-    };
+    FleetWorkers workers(options, service.get(), jobs);
     std::vector<std::thread> threads;
     threads.reserve(jobs - 1);
     for (std::size_t worker = 1; worker < jobs; ++worker) {
-        threads.emplace_back(work, worker);
+        threads.emplace_back([&workers, worker] { workers.work(worker); });
     }
-    work(0);
+    workers.work(0);
     for (auto& thread : threads) {
         thread.join();
     }
     if (options.progress) {
         std::cerr << '\r' << std::string(40, ' ') << '\r' << std::flush;
     }
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
-    FleetAggregate total;
-    total.days = options.days;
-    for (const FleetAggregate& part : partial) {
-        total.merge(part);
-    }
-    return total;
+    return workers.total();
 }
 
 }  // namespace tovrel::sim

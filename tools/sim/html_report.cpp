@@ -447,53 +447,57 @@ details summary{cursor:pointer;color:#667;font-size:11px}pre{white-space:pre-wra
 .filters{margin:6px 0 8px;font-size:12px}.filters select{font-size:12px;margin-right:8px}
 )";
 
-}  // namespace
-
-double distanceMetres(double lat1, double lon1, double lat2, double lon2) {
-    return tovrel::platform::haversineMetres(lat1, lon1, lat2, lon2);
-}
-
-void writeHtmlReport(const ReportInput& input, std::ostream& out) {
-    const auto places = collectPlaces(input.events, placeNames(input.placesFile));
-    double duration = input.route.duration();
-    for (const auto& event : input.events) {
-        duration = std::max(duration, event.value("t", 0.0));
-    }
-
+/// What the summary counts over the run's events.
+struct RunTallies {
     std::map<std::string, int> requestsByPath;
-    std::map<std::string, int> answers;
-    std::map<std::string, int> eventTypeById;
+    std::map<std::string, int> answers;  ///< link-status requests by statusCode
+    std::map<int, int> linkedByType;     ///< link requests by the offer's event type
+    int notifications = 0;
+    int alerts = 0;
+    int offerViews = 0;
+    int links = 0;
     std::size_t offerCount = 0;
+};
+
+RunTallies tallyRun(const std::vector<json>& events, const std::vector<MapPlace>& places) {
+    RunTallies tallies;
+    std::map<std::string, int> eventTypeById;
     for (const auto& place : places) {
         for (const auto& offer : place.offers) {
             eventTypeById[offer.eventId] = offer.eventType;
-            ++offerCount;
+            ++tallies.offerCount;
         }
     }
-    int notifications = 0, alerts = 0, offerViews = 0, links = 0;
-    std::map<int, int> linkedByType;
-    for (const auto& event : input.events) {
+    for (const auto& event : events) {
         const std::string type = event.value("type", "");
         if (type == "request") {
             const std::string path = event.value("path", "");
-            ++requestsByPath[path];
+            ++tallies.requestsByPath[path];
             if (path == protocol::kLinkStatusPath) {
-                ++answers[text(field(field(event, "body"), "statusCode"))];
+                ++tallies.answers[text(field(field(event, "body"), "statusCode"))];
             }
             if (path == protocol::kLinkPath) {
-                ++links;
-                ++linkedByType[eventTypeById[text(field(field(event, "body"), "eventId"))]];
+                ++tallies.links;
+                ++tallies.linkedByType[eventTypeById[text(field(field(event, "body"), "eventId"))]];
             }
         }
-        notifications += type == "notification";
-        alerts += type == "alert";
-        offerViews += type == "offer_view";
+        tallies.notifications += type == "notification";
+        tallies.alerts += type == "alert";
+        tallies.offerViews += type == "offer_view";
     }
+    return tallies;
+}
 
+/// The series the two plots draw.
+struct PlotSeries {
     std::vector<PlotSample> nearest;
     std::vector<PlotSample> accuracy;
     std::vector<PlotSample> filter;
-    for (const auto& event : input.events) {
+};
+
+PlotSeries plotSeries(const std::vector<json>& events, const std::vector<MapPlace>& places) {
+    PlotSeries series;
+    for (const auto& event : events) {
         const std::string type = event.value("type", "");
         const double t = event.value("t", 0.0);
         if (type == "position" && !places.empty()) {
@@ -502,13 +506,16 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
                 best = std::min(best, distanceMetres(number(field(event, "lat")), number(field(event, "lon")),
                                                      place.latitude, place.longitude));
             }
-            nearest.push_back({t, best});
+            series.nearest.push_back({t, best});
         } else if (type == "settings") {
-            accuracy.push_back({t, std::max(number(field(event, "desiredAccuracy")), 0.0)});
-            filter.push_back({t, std::max(number(field(event, "distanceFilter")), 0.0)});
+            series.accuracy.push_back({t, std::max(number(field(event, "desiredAccuracy")), 0.0)});
+            series.filter.push_back({t, std::max(number(field(event, "distanceFilter")), 0.0)});
         }
     }
+    return series;
+}
 
+void writeHead(std::ostream& out, const ReportInput& input, double duration) {
     out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
            "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\"><title>"
         << escapeHtml(input.title) << "</title><style>" << kStyle;
@@ -518,9 +525,11 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         << input.route.points.size() << " positions over " << formatClock(input.route.duration(), false)
         << " (m:ss); simulated " << fixed(duration, 0) << " s in " << fixed(input.wallSeconds, 2)
         << " s of wall time.</p>\n";
+}
 
+void writeOffers(std::ostream& out, const std::vector<json>& events) {
     out << "<h2>Offers</h2>\n<table><tr><th>offer</th><th>place</th><th>name</th><th>outcome</th></tr>\n";
-    for (const auto& event : input.events) {
+    for (const auto& event : events) {
         if (event.value("type", "") == "outcome") {
             const std::string eventId = text(field(event, "eventId"));
             out << "<tr" << (event.value("delivered", false) ? " class=\"delivered\"" : "")
@@ -532,26 +541,34 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         }
     }
     out << "</table>\n";
+}
 
+void writeSummary(std::ostream& out, const RunTallies& tallies, std::size_t placeCount) {
+    const auto answers = [&tallies](const char* code) {
+        const auto found = tallies.answers.find(code);
+        return found == tallies.answers.end() ? 0 : found->second;
+    };
     out << "<h2>Summary</h2>\n<div class=\"cards\">";
-    out << "<div class=\"card\"><b>" << notifications + alerts << "</b>offers delivered (" << notifications
-        << " notifications, " << alerts << " alerts)</div>";
-    out << "<div class=\"card\"><b>" << links << "</b>link requests";
-    for (const auto& [type, count] : linkedByType) {
+    out << "<div class=\"card\"><b>" << tallies.notifications + tallies.alerts << "</b>offers delivered ("
+        << tallies.notifications << " notifications, " << tallies.alerts << " alerts)</div>";
+    out << "<div class=\"card\"><b>" << tallies.links << "</b>link requests";
+    for (const auto& [type, count] : tallies.linkedByType) {
         out << "<br>offer type " << type << ": " << count;
     }
-    out << "</div><div class=\"card\"><b>" << offerViews << "</b>offer views opened</div>";
-    out << "<div class=\"card\"><b>" << answers["seen"] + answers["saved"] + answers["declined"]
-        << "</b>answers: " << answers["seen"] << " seen, " << answers["saved"] << " saved, "
-        << answers["declined"] << " declined; " << answers["ack"] << " ack</div>";
-    out << "<div class=\"card\"><b>" << places.size() << "</b>places the service named (" << offerCount
+    out << "</div><div class=\"card\"><b>" << tallies.offerViews << "</b>offer views opened</div>";
+    out << "<div class=\"card\"><b>" << answers("seen") + answers("saved") + answers("declined")
+        << "</b>answers: " << answers("seen") << " seen, " << answers("saved") << " saved, "
+        << answers("declined") << " declined; " << answers("ack") << " ack</div>";
+    out << "<div class=\"card\"><b>" << placeCount << "</b>places the service named (" << tallies.offerCount
         << " offers)</div></div>\n";
     out << "<h3>Requests by endpoint</h3><table><tr><th>endpoint</th><th>requests</th></tr>";
-    for (const auto& [path, count] : requestsByPath) {
+    for (const auto& [path, count] : tallies.requestsByPath) {
         out << "<tr><td>" << escapeHtml(path) << "</td><td>" << count << "</td></tr>";
     }
     out << "</table>\n";
+}
 
+void writeMap(std::ostream& out, const ReportInput& input, const std::vector<MapPlace>& places) {
     out << "<h2>Map</h2>\n";
     MapInput map;
     map.route = &input.route;
@@ -562,14 +579,20 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         map.tileAttribution = input.tiles.empty() ? "" : tileAttribution(input.tiles);
     }
     writeReportMap(out, map);
+}
 
+void writePlots(std::ostream& out, const PlotSeries& series, double duration) {
     out << "<h2>Distance and accuracy</h2>\n";
-    writeSvgPlot(out, "Distance to the nearest place", {{"distance to the nearest place centre", nearest}},
-                 duration, false);
-    writeSvgPlot(out, "Desired accuracy and distance filter",
-                 {{"desired accuracy (best drawn at 0 m)", accuracy}, {"distance filter", filter}}, duration,
-                 true);
+    writeSvgPlot(out, "Distance to the nearest place",
+                 {{"distance to the nearest place centre", series.nearest}}, duration, false);
+    writeSvgPlot(
+        out, "Desired accuracy and distance filter",
+        {{"desired accuracy (best drawn at 0 m)", series.accuracy}, {"distance filter", series.filter}},
+        duration, true);
+}
 
+/// The timeline, and the log lines and positions it leaves out.
+void writeTimelineSection(std::ostream& out, const ReportInput& input, const std::vector<MapPlace>& places) {
     out << "<h2>Timeline</h2>\n";
     writeTimeline(out, input.events, places);
     if (input.eventsNotKept > 0) {
@@ -586,6 +609,27 @@ void writeHtmlReport(const ReportInput& input, std::ostream& out) {
         }
     }
     out << "</table></details>\n</body></html>\n";
+}
+
+}  // namespace
+
+double distanceMetres(double lat1, double lon1, double lat2, double lon2) {
+    return tovrel::platform::haversineMetres(lat1, lon1, lat2, lon2);
+}
+
+void writeHtmlReport(const ReportInput& input, std::ostream& out) {
+    const auto places = collectPlaces(input.events, placeNames(input.placesFile));
+    double duration = input.route.duration();
+    for (const auto& event : input.events) {
+        duration = std::max(duration, event.value("t", 0.0));
+    }
+
+    writeHead(out, input, duration);
+    writeOffers(out, input.events);
+    writeSummary(out, tallyRun(input.events, places), places.size());
+    writeMap(out, input, places);
+    writePlots(out, plotSeries(input.events, places), duration);
+    writeTimelineSection(out, input, places);
 }
 
 }  // namespace tovrel::sim

@@ -211,6 +211,365 @@ void printGpsOn(const tovrel::sim::GpsOnTime& gpsOn) {
     std::cout << '\n';
 }
 
+/// What fleet alone is told.
+struct FleetArguments {
+    std::size_t devices = 100;
+    std::size_t days = 1;
+    std::size_t jobs = 0;
+    std::string routes;
+    std::string generate;
+    std::string compare;
+    std::string compareService;
+    std::string tokenFile;
+    bool quiet = false;
+    bool json = false;
+};
+
+/// Everything the command line says, for each command.
+struct CommandLine {
+    tovrel::sim::SimOptions options;
+    DeviceArguments arguments;
+    std::string tiles = tovrel::sim::kOpenStreetMapTiles;
+    std::string route;     ///< run only
+    std::string stateDir;  ///< run only
+    FleetArguments fleet;
+    tovrel::sim::ReplayOptions replay;
+    std::string replayTokenFile;  ///< fleet has a --token-file of its own
+};
+
+void addRunOptions(CLI::App* run, CommandLine& cli) {
+    run->add_option("--route", cli.route,
+                    "Positions to replay: GPX (trkpt with time), NMEA 0183 or CSV lines t,lat,lon[,activity]")
+        ->required();
+    addDeviceOptions(run, cli.options, cli.arguments);
+    run->add_option("--state", cli.stateDir, "Keep the device's preferences here, so a later run continues");
+    run->add_option("--events", cli.arguments.eventsFile,
+                    "Write everything observable here, one JSON object a line");
+    run->add_option("--report", cli.arguments.reportFile, "Write a self-contained HTML report here");
+    addTilesOption(run, cli.tiles);
+    run->add_flag("--realtime", cli.options.realtime, "Run on the wall clock instead of virtual time");
+    run->add_flag("--quiet", cli.options.quiet, "Print no timeline");
+}
+
+void addFleetOptions(CLI::App* fleet, CommandLine& cli) {
+    FleetArguments& arguments = cli.fleet;
+    fleet->add_option("--devices", arguments.devices, "How many devices (default 100)")
+        ->check(CLI::Range(1, 100'000'000));
+    fleet
+        ->add_option("--days", arguments.days,
+                     "Each device makes its trip once a day for this many days, keeping its identifier and "
+                     "preferences, so that caps per day and week count across them (default 1)")
+        ->check(CLI::Range(1, 366));
+    fleet->add_option("--routes", arguments.routes,
+                      "A folder of routes (.gpx, .nmea, .csv); device i takes them in turn");
+    fleet
+        ->add_option("--generate", arguments.generate,
+                     "Make up each device's route around the places: walks, drives or mixed (the default "
+                     "without --routes)")
+        ->check(CLI::IsMember({"walks", "drives", "mixed"}));
+    fleet->add_option("--jobs", arguments.jobs, "Worker threads (default: one per core)")
+        ->check(CLI::Range(1, 1024));
+    addDeviceOptions(fleet, cli.options, cli.arguments);
+    fleet->add_option(
+        "--events", cli.arguments.eventsFile,
+        "Write each device's outcomes here as it ends, one JSON object a line, then the totals");
+    fleet->add_option(
+        "--compare", arguments.compare,
+        "A preview: run the same devices again over this place file (the live catalogue) and "
+        "print, per offer, the deliveries with it and with --places (the draft), and the reasons "
+        "that changed");
+    fleet->add_option("--compare-service", arguments.compareService,
+                      "The same against the live catalogue of this admin listener (GET /admin/v1/catalogue, "
+                      "with --token-file)");
+    fleet->add_option(
+        "--token-file", arguments.tokenFile,
+        "With --compare-service: a file whose first line is an admin token (role read or more)");
+    fleet->add_option("--report", cli.arguments.reportFile,
+                      "Write a self-contained HTML report of the totals here");
+    addTilesOption(fleet, cli.tiles);
+    fleet->add_flag("--quiet", arguments.quiet, "Print no progress");
+    fleet->add_flag(
+        "--json", arguments.json,
+        "With --compare: print only the comparison, as JSON ({\"devices\", \"deliveries\", \"offers\"})");
+}
+
+void addReplayOptions(CLI::App* replay, CommandLine& cli) {
+    tovrel::sim::ReplayOptions& options = cli.replay;
+    replay->footer(
+        "Exit status: 0 the replay and the service agree on every offer; 1 they disagree on one or more; 2 a "
+        "usage error or an unusable day or place file; 3 the day could not be fetched, or the replay "
+        "stopped.");
+    replay->add_option("--day", options.dayFile,
+                       "A device's day as GET /admin/v1/devices/ID/day answers it (JSON)");
+    replay->add_option(
+        "--admin", options.adminUrl,
+        "Fetch the day from this admin listener instead (with --token-file, --device, --date)");
+    replay->add_option("--token-file", cli.replayTokenFile,
+                       "A file whose first line is an admin token (role read or more)");
+    replay->add_option("--device", options.deviceId, "The deviceId the device sends");
+    replay->add_option("--date", options.date, "The UTC day, YYYY-MM-DD");
+    replay->add_option("--places", options.placesFile,
+                       "The place file to replay against (default: the service's catalogue, from --admin)");
+    replay->add_option("--report", options.reportFile, "Write a self-contained HTML report here");
+    replay
+        ->add_option("--gap", options.limits.gapSeconds,
+                     "Seconds without a position beyond which the track between is a guess")
+        ->capture_default_str()
+        ->check(CLI::Range(10.0, 86400.0));
+    replay->add_flag("--json", options.asJson, "Print the findings as JSON");
+    addTilesOption(replay, options.tiles);
+}
+
+/// The replay command; its exit status.
+int replayCommand(CommandLine& cli) {
+    tovrel::sim::ReplayOptions& replayOptions = cli.replay;
+    const std::string& tokenFile = cli.replayTokenFile;
+    const bool fromService = !replayOptions.adminUrl.empty() && !tokenFile.empty();
+    const bool dayFromService = !replayOptions.deviceId.empty() || !replayOptions.date.empty();
+    if (replayOptions.dayFile.empty() != dayFromService ||
+        (dayFromService && (!fromService || replayOptions.deviceId.empty() || replayOptions.date.empty()))) {
+        std::cerr << "tovrel-sim: replay takes --day FILE, or --admin URL with --token-file, --device "
+                     "and --date\n";
+        return kBadInput;
+    }
+    if (replayOptions.placesFile.empty() && !fromService) {
+        std::cerr << "tovrel-sim: replay takes --places FILE, or --admin URL with --token-file to replay "
+                     "against the service's catalogue\n";
+        return kBadInput;
+    }
+    replayOptions.contentDir = cli.options.contentDir;
+    try {
+        if (!tokenFile.empty()) {
+            try {
+                replayOptions.token = tovrel::sim::readTokenFile(tokenFile);
+            } catch (const std::runtime_error& error) {
+                std::cerr << "tovrel-sim: " << error.what() << '\n';
+                return kBadInput;
+            }
+        }
+        return tovrel::sim::replayDay(replayOptions, std::cout);
+    } catch (const tovrel::sim::RouteError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    } catch (const tovrel::sim::SimInputError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    } catch (const std::runtime_error& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kSessionNeverStarted;
+    }
+}
+
+/// Writes the live catalogue of the --compare-service listener to `liveCatalogue` and compares
+/// against it; false after a message when it cannot be fetched.
+bool fetchLiveCatalogue(FleetArguments& fleet, const std::filesystem::path& draftFile,
+                        std::optional<tovrel::server::TemporaryFile>& liveCatalogue) {
+    try {
+        const std::string token = tovrel::sim::readTokenFile(fleet.tokenFile);
+        // The export holds no apps (their keys are credentials): the live side gets the draft's.
+        nlohmann::json live =
+            nlohmann::json::parse(tovrel::sim::adminGet(fleet.compareService, token, "catalogue"));
+        std::ifstream draftIn(draftFile);
+        const nlohmann::json draft = nlohmann::json::parse(draftIn, nullptr, false);
+        if (draft.is_object() && draft.contains("properties") && draft["properties"].is_object() &&
+            draft["properties"].contains("apps")) {
+            live["properties"]["apps"] = draft["properties"]["apps"];
+        }
+        liveCatalogue.emplace("tovrel-live-catalogue", ".geojson");
+        liveCatalogue->write(live.dump());
+        fleet.compare = liveCatalogue->path();
+    } catch (const std::exception& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return false;
+    }
+    return true;
+}
+
+/// Gives the devices their routes: the folder's, or places to make them up around; false after a
+/// message when they cannot be read.
+bool chooseFleetRoutes(const FleetArguments& fleet, const std::filesystem::path& placesFile,
+                       tovrel::sim::FleetOptions& fleetOptions) {
+    try {
+        if (!fleet.routes.empty()) {
+            fleetOptions.source = tovrel::sim::FleetRoutes::kFolder;
+            fleetOptions.routes = tovrel::sim::loadRouteFolder(fleet.routes);
+        } else {
+            fleetOptions.source = fleet.generate == "walks"    ? tovrel::sim::FleetRoutes::kWalks
+                                  : fleet.generate == "drives" ? tovrel::sim::FleetRoutes::kDrives
+                                                               : tovrel::sim::FleetRoutes::kMixed;
+            fleetOptions.places = tovrel::sim::readPlaceCircles(placesFile);
+        }
+    } catch (const tovrel::sim::RouteError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return false;
+    }
+    return true;
+}
+
+/// Runs the fleet into `totals`; with --compare runs it over both catalogues and prints the
+/// comparison. An exit status when the command ends here: unusable input, or --json (which prints the
+/// comparison alone).
+std::optional<int> runFleetDevices(const tovrel::sim::FleetOptions& fleetOptions, const CommandLine& cli,
+                                   std::ofstream& events, tovrel::sim::FleetAggregate& totals) {
+    try {
+        if (cli.fleet.compare.empty()) {
+            totals = tovrel::sim::runFleet(fleetOptions);
+            return std::nullopt;
+        }
+        const tovrel::sim::Preview preview =
+            tovrel::sim::runPreview(fleetOptions, cli.options.placesFile, cli.fleet.compare);
+        totals = preview.draft;
+        if (events.is_open()) {
+            nlohmann::json line = tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live);
+            line["type"] = "comparison";
+            events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        }
+        if (cli.fleet.json) {
+            std::cout << tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live)
+                             .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                      << '\n';
+            if (totals.firstStop) {
+                std::cerr << "tovrel-sim: device " << totals.firstStop->first << ": "
+                          << totals.firstStop->second << '\n';
+                return kSessionNeverStarted;
+            }
+            return 0;
+        }
+        tovrel::sim::printComparison(preview.changes, preview.draft, preview.live, std::cout);
+    } catch (const tovrel::sim::SimInputError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    } catch (const tovrel::sim::RouteError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    }
+    return std::nullopt;
+}
+
+/// Writes the totals to the events file and the report, prints them; the exit status.
+int finishFleet(const tovrel::sim::FleetAggregate& totals, double wall, const CommandLine& cli,
+                const std::vector<tovrel::sim::Expectation>& expectations, std::ofstream& events,
+                std::ofstream& report) {
+    if (events.is_open()) {
+        nlohmann::json line = totals.toJson();
+        line["type"] = "fleet";
+        events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    }
+    if (report.is_open()) {
+        tovrel::sim::writeFleetReport("Tovrel fleet: " + std::to_string(totals.devices) + " devices", totals,
+                                      wall, cli.tiles, report);
+    }
+    totals.printSummary(std::cout);
+    std::cout << "wall time " << wall << " s: " << (wall > 0 ? totals.deviceHours() / wall : 0)
+              << " device-hours per second";
+    if (!cli.arguments.reportFile.empty()) {
+        std::cout << "; report: " << cli.arguments.reportFile;
+    }
+    std::cout << '\n';
+    if (totals.firstStop) {
+        std::cerr << "tovrel-sim: " << totals.sessionsNeverStarted << " devices never started a session, "
+                  << totals.timeStalled << " stalled; device " << totals.firstStop->first << ": "
+                  << totals.firstStop->second << '\n';
+        return totals.sessionsNeverStarted > 0 ? kSessionNeverStarted : kTimeStalled;
+    }
+    return reportExpectations(expectations, tovrel::sim::checkExpectations(expectations, totals.tallies()));
+}
+
+/// The fleet command; its exit status.
+int fleetCommand(CommandLine& cli, const std::vector<tovrel::sim::Expectation>& expectations,
+                 std::ofstream& events, std::ofstream& report) {
+    FleetArguments& fleet = cli.fleet;
+    if (!fleet.routes.empty() && !fleet.generate.empty()) {
+        std::cerr << "tovrel-sim: --routes and --generate exclude each other\n";
+        return kBadInput;
+    }
+    if (!fleet.compareService.empty() && (!fleet.compare.empty() || fleet.tokenFile.empty())) {
+        std::cerr << "tovrel-sim: --compare-service takes --token-file, and excludes --compare\n";
+        return kBadInput;
+    }
+    std::optional<tovrel::server::TemporaryFile> liveCatalogue;
+    if (!fleet.compareService.empty() && !fetchLiveCatalogue(fleet, cli.options.placesFile, liveCatalogue)) {
+        return kSessionNeverStarted;
+    }
+    tovrel::sim::FleetOptions fleetOptions;
+    fleetOptions.device = cli.options;
+    fleetOptions.devices = fleet.devices;
+    fleetOptions.days = fleet.days;
+    fleetOptions.jobs = fleet.jobs;
+    fleetOptions.seed = cli.arguments.seed;
+    fleetOptions.gpsNoise = cli.arguments.gpsNoise;
+    fleetOptions.deviceLines = events.is_open() ? &events : nullptr;
+    fleetOptions.progress = isatty(STDERR_FILENO) != 0 && !fleet.quiet;
+    if (!chooseFleetRoutes(fleet, cli.options.placesFile, fleetOptions)) {
+        return kBadInput;
+    }
+    const auto wallStart = std::chrono::steady_clock::now();
+    tovrel::sim::FleetAggregate totals;
+    if (const auto status = runFleetDevices(fleetOptions, cli, events, totals)) {
+        return *status;
+    }
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    return finishFleet(totals, wall, cli, expectations, events, report);
+}
+
+void printRunSummary(const tovrel::sim::SimOutcome& outcome, const std::string& reportFile) {
+    const auto count = [&outcome](const char* type) {
+        const auto found = outcome.counts.find(type);
+        return found == outcome.counts.end() ? std::size_t{0} : found->second;
+    };
+    const std::size_t requests = count("request");
+    const std::size_t delivered = count("notification") + count("alert");
+    std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in "
+              << outcome.wallSeconds << " s of wall time: " << requests << " requests, " << delivered
+              << " offers delivered";
+    if (!reportFile.empty()) {
+        std::cout << "; report: " << reportFile;
+    }
+    std::cout << '\n';
+    for (const auto& offer : outcome.offers) {
+        std::cout << "  offer " << offer.eventId << " \"" << offer.eventName << "\" at place "
+                  << offer.placeId << ": " << offer.reason << '\n';
+    }
+    printGpsOn(outcome.gpsOn);
+}
+
+/// The run command; its exit status.
+int runCommand(CommandLine& cli, const std::vector<tovrel::sim::Expectation>& expectations,
+               std::ofstream& events, std::ofstream& report) {
+    tovrel::sim::SimOptions& options = cli.options;
+    options.routeFile = cli.route;
+    if (!cli.stateDir.empty()) {
+        options.stateDir = cli.stateDir;
+    }
+    if (cli.arguments.gpsNoise) {
+        options.gpsNoiseSeed = cli.arguments.seed;
+    }
+    options.progress = isatty(STDERR_FILENO) != 0 && !options.quiet;
+    tovrel::sim::SimOutcome outcome;
+    try {
+        outcome = tovrel::sim::runSimulation(options, options.quiet ? nullptr : &std::cout,
+                                             cli.arguments.eventsFile.empty() ? nullptr : &events);
+    } catch (const tovrel::sim::SimInputError& error) {
+        std::cerr << "tovrel-sim: " << error.what() << '\n';
+        return kBadInput;
+    }
+
+    if (report.is_open()) {
+        tovrel::sim::writeHtmlReport(
+            {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
+             outcome.wallSeconds, outcome.eventsNotKept, cli.tiles,
+             cli.arguments.service.empty() ? options.placesFile : ""},
+            report);
+    }
+    printRunSummary(outcome, cli.arguments.reportFile);
+    if (outcome.stop != tovrel::sim::RunStop::kNone) {
+        std::cerr << "tovrel-sim: " << outcome.stopMessage << '\n';
+        return outcome.stop == tovrel::sim::RunStop::kSessionNeverStarted ? kSessionNeverStarted
+                                                                          : kTimeStalled;
+    }
+    return reportExpectations(expectations, tovrel::sim::checkExpectations(expectations, outcome.offers));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -223,105 +582,17 @@ int main(int argc, char** argv) {
         "replay",
         "Run a device's day again along the positions it reported, and say where the service differs");
 
-    tovrel::sim::SimOptions options;
+    CommandLine cli;
     const auto data = tovrel::paths::dataDirectory();
-    options.placesFile = (data / "places" / "munich.geojson").string();
-    options.contentDir = (data / "content").string();
-    DeviceArguments arguments;
-    std::string route;
-    std::string stateDir;
-
-    run->add_option("--route", route,
-                    "Positions to replay: GPX (trkpt with time), NMEA 0183 or CSV lines t,lat,lon[,activity]")
-        ->required();
-    addDeviceOptions(run, options, arguments);
-    run->add_option("--state", stateDir, "Keep the device's preferences here, so a later run continues");
-    run->add_option("--events", arguments.eventsFile,
-                    "Write everything observable here, one JSON object a line");
-    run->add_option("--report", arguments.reportFile, "Write a self-contained HTML report here");
-    std::string tiles = tovrel::sim::kOpenStreetMapTiles;
-    addTilesOption(run, tiles);
-    run->add_flag("--realtime", options.realtime, "Run on the wall clock instead of virtual time");
-    run->add_flag("--quiet", options.quiet, "Print no timeline");
-
-    std::size_t devices = 100;
-    std::size_t jobs = 0;
-    std::string routes;
-    std::string generate;
-    std::string compare;
-    fleet->add_option("--devices", devices, "How many devices (default 100)")
-        ->check(CLI::Range(1, 100'000'000));
-    std::size_t days = 1;
-    fleet
-        ->add_option("--days", days,
-                     "Each device makes its trip once a day for this many days, keeping its identifier and "
-                     "preferences, so that caps per day and week count across them (default 1)")
-        ->check(CLI::Range(1, 366));
-    fleet->add_option("--routes", routes,
-                      "A folder of routes (.gpx, .nmea, .csv); device i takes them in turn");
-    fleet
-        ->add_option("--generate", generate,
-                     "Make up each device's route around the places: walks, drives or mixed (the default "
-                     "without --routes)")
-        ->check(CLI::IsMember({"walks", "drives", "mixed"}));
-    fleet->add_option("--jobs", jobs, "Worker threads (default: one per core)")->check(CLI::Range(1, 1024));
-    addDeviceOptions(fleet, options, arguments);
-    fleet->add_option(
-        "--events", arguments.eventsFile,
-        "Write each device's outcomes here as it ends, one JSON object a line, then the totals");
-    fleet->add_option(
-        "--compare", compare,
-        "A preview: run the same devices again over this place file (the live catalogue) and "
-        "print, per offer, the deliveries with it and with --places (the draft), and the reasons "
-        "that changed");
-    std::string compareService;
-    std::string fleetTokenFile;
-    fleet->add_option("--compare-service", compareService,
-                      "The same against the live catalogue of this admin listener (GET /admin/v1/catalogue, "
-                      "with --token-file)");
-    fleet->add_option(
-        "--token-file", fleetTokenFile,
-        "With --compare-service: a file whose first line is an admin token (role read or more)");
-    fleet->add_option("--report", arguments.reportFile,
-                      "Write a self-contained HTML report of the totals here");
-    addTilesOption(fleet, tiles);
-    bool fleetQuiet = false;
-    fleet->add_flag("--quiet", fleetQuiet, "Print no progress");
-    bool fleetJson = false;
-    fleet->add_flag(
-        "--json", fleetJson,
-        "With --compare: print only the comparison, as JSON ({\"devices\", \"deliveries\", \"offers\"})");
+    cli.options.placesFile = (data / "places" / "munich.geojson").string();
+    cli.options.contentDir = (data / "content").string();
+    cli.replay.tiles = tovrel::sim::kOpenStreetMapTiles;
+    addRunOptions(run, cli);
+    addFleetOptions(fleet, cli);
     fleet->excludes(run);
-
-    tovrel::sim::ReplayOptions replayOptions;
-    replayOptions.tiles = tovrel::sim::kOpenStreetMapTiles;
-    std::string tokenFile;
-    replay->footer(
-        "Exit status: 0 the replay and the service agree on every offer; 1 they disagree on one or more; 2 a "
-        "usage error or an unusable day or place file; 3 the day could not be fetched, or the replay "
-        "stopped.");
-    replay->add_option("--day", replayOptions.dayFile,
-                       "A device's day as GET /admin/v1/devices/ID/day answers it (JSON)");
-    replay->add_option(
-        "--admin", replayOptions.adminUrl,
-        "Fetch the day from this admin listener instead (with --token-file, --device, --date)");
-    replay->add_option("--token-file", tokenFile,
-                       "A file whose first line is an admin token (role read or more)");
-    replay->add_option("--device", replayOptions.deviceId, "The deviceId the device sends");
-    replay->add_option("--date", replayOptions.date, "The UTC day, YYYY-MM-DD");
-    replay->add_option("--places", replayOptions.placesFile,
-                       "The place file to replay against (default: the service's catalogue, from --admin)");
-    replay->add_option("--report", replayOptions.reportFile, "Write a self-contained HTML report here");
-    replay
-        ->add_option("--gap", replayOptions.limits.gapSeconds,
-                     "Seconds without a position beyond which the track between is a guess")
-        ->capture_default_str()
-        ->check(CLI::Range(10.0, 86400.0));
-    replay->add_flag("--json", replayOptions.asJson, "Print the findings as JSON");
-    addTilesOption(replay, replayOptions.tiles);
+    addReplayOptions(replay, cli);
     replay->excludes(run);
     replay->excludes(fleet);
-
     app.footer(
         "Exit status: 0 the run completed (and met every expectation); 1 an expectation failed; 2 a usage "
         "error or unusable input (an unreadable rule included); 3 the session never started (in a fleet: on "
@@ -331,217 +602,21 @@ int main(int argc, char** argv) {
     if (const auto status = tovrel::tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-
     if (replay->parsed()) {
-        const bool fromService = !replayOptions.adminUrl.empty() && !tokenFile.empty();
-        const bool dayFromService = !replayOptions.deviceId.empty() || !replayOptions.date.empty();
-        if (replayOptions.dayFile.empty() != dayFromService ||
-            (dayFromService &&
-             (!fromService || replayOptions.deviceId.empty() || replayOptions.date.empty()))) {
-            std::cerr << "tovrel-sim: replay takes --day FILE, or --admin URL with --token-file, --device "
-                         "and --date\n";
-            return kBadInput;
-        }
-        if (replayOptions.placesFile.empty() && !fromService) {
-            std::cerr << "tovrel-sim: replay takes --places FILE, or --admin URL with --token-file to replay "
-                         "against the service's catalogue\n";
-            return kBadInput;
-        }
-        replayOptions.contentDir = options.contentDir;
-        try {
-            if (!tokenFile.empty()) {
-                try {
-                    replayOptions.token = tovrel::sim::readTokenFile(tokenFile);
-                } catch (const std::runtime_error& error) {
-                    std::cerr << "tovrel-sim: " << error.what() << '\n';
-                    return kBadInput;
-                }
-            }
-            return tovrel::sim::replayDay(replayOptions, std::cout);
-        } catch (const tovrel::sim::RouteError& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kBadInput;
-        } catch (const tovrel::sim::SimInputError& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kBadInput;
-        } catch (const std::runtime_error& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kSessionNeverStarted;
-        }
+        return replayCommand(cli);
     }
 
     std::vector<tovrel::sim::Expectation> expectations;
-    if (!applyDeviceArguments(arguments, options, expectations)) {
+    if (!applyDeviceArguments(cli.arguments, cli.options, expectations)) {
         return kBadInput;
     }
     std::ofstream events;
     std::ofstream report;
-    if (!openOutput(arguments.eventsFile, events) || !openOutput(arguments.reportFile, report)) {
+    if (!openOutput(cli.arguments.eventsFile, events) || !openOutput(cli.arguments.reportFile, report)) {
         return kBadInput;
     }
-
     if (fleet->parsed()) {
-        if (!routes.empty() && !generate.empty()) {
-            std::cerr << "tovrel-sim: --routes and --generate exclude each other\n";
-            return kBadInput;
-        }
-        if (!compareService.empty() && (!compare.empty() || fleetTokenFile.empty())) {
-            std::cerr << "tovrel-sim: --compare-service takes --token-file, and excludes --compare\n";
-            return kBadInput;
-        }
-        std::optional<tovrel::server::TemporaryFile> liveCatalogue;
-        if (!compareService.empty()) {
-            try {
-                const std::string token = tovrel::sim::readTokenFile(fleetTokenFile);
-                // The export holds no apps (their keys are credentials): the live side gets the draft's.
-                nlohmann::json live =
-                    nlohmann::json::parse(tovrel::sim::adminGet(compareService, token, "catalogue"));
-                std::ifstream draftIn(options.placesFile);
-                const nlohmann::json draft = nlohmann::json::parse(draftIn, nullptr, false);
-                if (draft.is_object() && draft.contains("properties") && draft["properties"].is_object() &&
-                    draft["properties"].contains("apps")) {
-                    live["properties"]["apps"] = draft["properties"]["apps"];
-                }
-                liveCatalogue.emplace("tovrel-live-catalogue", ".geojson");
-                liveCatalogue->write(live.dump());
-                compare = liveCatalogue->path();
-            } catch (const std::exception& error) {
-                std::cerr << "tovrel-sim: " << error.what() << '\n';
-                return kSessionNeverStarted;
-            }
-        }
-        tovrel::sim::FleetOptions fleetOptions;
-        fleetOptions.device = options;
-        fleetOptions.devices = devices;
-        fleetOptions.days = days;
-        fleetOptions.jobs = jobs;
-        fleetOptions.seed = arguments.seed;
-        fleetOptions.gpsNoise = arguments.gpsNoise;
-        fleetOptions.deviceLines = events.is_open() ? &events : nullptr;
-        fleetOptions.progress = isatty(STDERR_FILENO) != 0 && !fleetQuiet;
-        try {
-            if (!routes.empty()) {
-                fleetOptions.source = tovrel::sim::FleetRoutes::kFolder;
-                fleetOptions.routes = tovrel::sim::loadRouteFolder(routes);
-            } else {
-                fleetOptions.source = generate == "walks"    ? tovrel::sim::FleetRoutes::kWalks
-                                      : generate == "drives" ? tovrel::sim::FleetRoutes::kDrives
-                                                             : tovrel::sim::FleetRoutes::kMixed;
-                fleetOptions.places = tovrel::sim::readPlaceCircles(options.placesFile);
-            }
-        } catch (const tovrel::sim::RouteError& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kBadInput;
-        }
-        const auto wallStart = std::chrono::steady_clock::now();
-        tovrel::sim::FleetAggregate totals;
-        try {
-            if (compare.empty()) {
-                totals = tovrel::sim::runFleet(fleetOptions);
-            } else {
-                const tovrel::sim::Preview preview =
-                    tovrel::sim::runPreview(fleetOptions, options.placesFile, compare);
-                totals = preview.draft;
-                if (events.is_open()) {
-                    nlohmann::json line =
-                        tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live);
-                    line["type"] = "comparison";
-                    events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-                }
-                if (fleetJson) {
-                    std::cout << tovrel::sim::comparisonJson(preview.changes, preview.draft, preview.live)
-                                     .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                              << '\n';
-                    if (totals.firstStop) {
-                        std::cerr << "tovrel-sim: device " << totals.firstStop->first << ": "
-                                  << totals.firstStop->second << '\n';
-                        return kSessionNeverStarted;
-                    }
-                    return 0;
-                }
-                tovrel::sim::printComparison(preview.changes, preview.draft, preview.live, std::cout);
-            }
-        } catch (const tovrel::sim::SimInputError& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kBadInput;
-        } catch (const tovrel::sim::RouteError& error) {
-            std::cerr << "tovrel-sim: " << error.what() << '\n';
-            return kBadInput;
-        }
-        const double wall =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
-        if (events.is_open()) {
-            nlohmann::json line = totals.toJson();
-            line["type"] = "fleet";
-            events << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-        }
-        if (report.is_open()) {
-            tovrel::sim::writeFleetReport("Tovrel fleet: " + std::to_string(totals.devices) + " devices",
-                                          totals, wall, tiles, report);
-        }
-        totals.printSummary(std::cout);
-        std::cout << "wall time " << wall << " s: " << (wall > 0 ? totals.deviceHours() / wall : 0)
-                  << " device-hours per second";
-        if (!arguments.reportFile.empty()) {
-            std::cout << "; report: " << arguments.reportFile;
-        }
-        std::cout << '\n';
-        if (totals.firstStop) {
-            std::cerr << "tovrel-sim: " << totals.sessionsNeverStarted << " devices never started a session, "
-                      << totals.timeStalled << " stalled; device " << totals.firstStop->first << ": "
-                      << totals.firstStop->second << '\n';
-            return totals.sessionsNeverStarted > 0 ? kSessionNeverStarted : kTimeStalled;
-        }
-        return reportExpectations(expectations,
-                                  tovrel::sim::checkExpectations(expectations, totals.tallies()));
+        return fleetCommand(cli, expectations, events, report);
     }
-
-    options.routeFile = route;
-    if (!stateDir.empty()) {
-        options.stateDir = stateDir;
-    }
-    if (arguments.gpsNoise) {
-        options.gpsNoiseSeed = arguments.seed;
-    }
-    options.progress = isatty(STDERR_FILENO) != 0 && !options.quiet;
-    tovrel::sim::SimOutcome outcome;
-    try {
-        outcome = tovrel::sim::runSimulation(options, options.quiet ? nullptr : &std::cout,
-                                             arguments.eventsFile.empty() ? nullptr : &events);
-    } catch (const tovrel::sim::SimInputError& error) {
-        std::cerr << "tovrel-sim: " << error.what() << '\n';
-        return kBadInput;
-    }
-
-    if (report.is_open()) {
-        tovrel::sim::writeHtmlReport(
-            {"Tovrel simulation: " + options.routeFile.filename().string(), outcome.route, outcome.events,
-             outcome.wallSeconds, outcome.eventsNotKept, tiles,
-             arguments.service.empty() ? options.placesFile : ""},
-            report);
-    }
-    const auto count = [&outcome](const char* type) {
-        const auto found = outcome.counts.find(type);
-        return found == outcome.counts.end() ? std::size_t{0} : found->second;
-    };
-    const std::size_t requests = count("request");
-    const std::size_t delivered = count("notification") + count("alert");
-    std::cout << "simulated " << static_cast<long>(outcome.simulatedSeconds) << " s in "
-              << outcome.wallSeconds << " s of wall time: " << requests << " requests, " << delivered
-              << " offers delivered";
-    if (!arguments.reportFile.empty()) {
-        std::cout << "; report: " << arguments.reportFile;
-    }
-    std::cout << '\n';
-    for (const auto& offer : outcome.offers) {
-        std::cout << "  offer " << offer.eventId << " \"" << offer.eventName << "\" at place "
-                  << offer.placeId << ": " << offer.reason << '\n';
-    }
-    printGpsOn(outcome.gpsOn);
-    if (outcome.stop != tovrel::sim::RunStop::kNone) {
-        std::cerr << "tovrel-sim: " << outcome.stopMessage << '\n';
-        return outcome.stop == tovrel::sim::RunStop::kSessionNeverStarted ? kSessionNeverStarted
-                                                                          : kTimeStalled;
-    }
-    return reportExpectations(expectations, tovrel::sim::checkExpectations(expectations, outcome.offers));
+    return runCommand(cli, expectations, events, report);
 }

@@ -308,6 +308,475 @@ class ProgressBar {
     bool drawn_ = false;
 };
 
+/// Where the run's requests go: to the in-process service, or over HTTP to a service elsewhere or to
+/// an embedded server. Every request and answer is recorded.
+class ServiceLink {
+  public:
+    ServiceLink(const SimOptions& options, virtualbackend::VirtualPlatform& vp, EventLog& events,
+                std::map<std::string, std::size_t>& requestsByPath)
+        : vp_(vp), inProcess_(options.inProcess) {
+        if (options.inProcess != nullptr) {
+            baseURL_ = InProcessService::kBaseURL;
+            deviceClock_.emplace(*vp.scheduler);
+            vp.http->setResponder(
+                [service = options.inProcess](const virtualbackend::RecordedRequest& request) {
+                    return std::optional(service->answer(request));
+                });
+        } else if (options.serviceURL) {
+            baseURL_ = *options.serviceURL;
+            while (!baseURL_.empty() && baseURL_.back() == '/') {
+                baseURL_.pop_back();
+            }
+        } else {
+            startServer(options);
+        }
+        if (options.inProcess == nullptr) {
+            forwardOverHttp(options.httpTimeoutSeconds);
+        }
+        // Only a service elsewhere is watched: the embedded one answers in microseconds.
+        if (options.inProcess == nullptr && options.serviceURL) {
+            const bool terminal = isatty(STDERR_FILENO) != 0;
+            watch_.emplace(options.httpTimeoutSeconds, [terminal](const std::string& line) {
+                // On a terminal the line replaces a progress line drawn there, which is drawn anew later.
+                std::cerr << (terminal ? "\r" + std::string(60, ' ') + "\r" : std::string())
+                          << "tovrel-sim: " << line << '\n'
+                          << std::flush;
+            });
+        }
+        httpEvents_.emplace(events, requestsByPath, watch_ ? &*watch_ : nullptr);
+        vp.http->setListener(&*httpEvents_);
+        vp.http->setKeepRequests(false);
+    }
+
+    [[nodiscard]] const std::string& baseURL() const { return baseURL_; }
+
+    /// What the outcomes are judged by; the service is asked why it held links back when it can say.
+    [[nodiscard]] OutcomeContext outcomeContext(bool presentNotifications) const {
+        OutcomeContext context{presentNotifications, {}};
+        if (inProcess_ != nullptr) {
+            context.heldBack = [service = inProcess_](const std::string& id) {
+                return service->heldBack(id);
+            };
+        } else if (server_) {
+            context.heldBack = [server = server_.get()](const std::string& id) {
+                return heldBackBy(*server, id);
+            };
+        }
+        return context;
+    }
+
+    void stopWatching() {
+        if (watch_) {
+            watch_->stop();
+        }
+    }
+
+    /// Detaches from the platform's HTTP client and stops the embedded server.
+    void close() {
+        vp_.http->setListener(nullptr);
+        vp_.http->forwardTo(nullptr);
+        vp_.http->setResponder(nullptr);
+        curl_.reset();
+        if (server_) {
+            server_->stop();
+        }
+    }
+
+  private:
+    void startServer(const SimOptions& options) {
+        tovrel::server::ServerOptions serverOptions;
+        serverOptions.dbPath = ":memory:";
+        serverOptions.controlGroupKey = InProcessService::kControlGroupKey;
+        serverOptions.contentDir = options.contentDir.string();
+        serverOptions.threads = 1;
+        serverOptions.clock = [scheduler = vp_.scheduler] { return scheduler->now(); };
+        try {
+            server_ = std::make_unique<tovrel::server::Server>(serverOptions);
+            server_->importGeoJson(options.placesFile.string());
+        } catch (const std::exception& error) {
+            throw SimInputError(error.what());
+        }
+        baseURL_ = "http://127.0.0.1:" + std::to_string(server_->start());
+    }
+
+    void forwardOverHttp(double timeoutSeconds) {
+        curl::CurlOptions curlOptions;
+        curlOptions.totalTimeoutSeconds = timeoutSeconds;
+        curl_ = std::make_shared<curl::CurlHttpClient>(*vp_.scheduler, curlOptions);
+        vp_.http->forwardTo(std::make_shared<TimedForwarding>(curl_, timeoutSeconds));
+        // The clock must wait for a slow answer as long as the client does (and never less than it
+        // always has).
+        vp_.scheduler->setExternalWorkTimeout(std::max(60.0, 2 * timeoutSeconds));
+    }
+
+    virtualbackend::VirtualPlatform& vp_;
+    InProcessService* inProcess_;
+    std::unique_ptr<tovrel::server::Server> server_;
+    std::optional<InProcessService::DeviceClock> deviceClock_;
+    std::string baseURL_;
+    std::shared_ptr<curl::CurlHttpClient> curl_;
+    std::optional<RequestWatch> watch_;
+    std::optional<HttpEvents> httpEvents_;
+};
+
+/// The device's advertising identifier, carried over from an earlier run (whose preferences are
+/// restored with it) or made anew.
+std::string restoreDevice(const SimOptions& options, virtualbackend::VirtualPlatform& vp) {
+    std::string identifier;
+    if (options.stateDir) {
+        std::error_code error;
+        std::filesystem::create_directories(*options.stateDir, error);
+        if (error) {
+            throw SimInputError(options.stateDir->string() + ": cannot be created: " + error.message());
+        }
+        const json device = readJsonFile(*options.stateDir / "device.json");
+        if (device.is_object() && device.contains("advertisingIdentifier") &&
+            device["advertisingIdentifier"].is_string()) {
+            identifier = device["advertisingIdentifier"].get<std::string>();
+        }
+        vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
+    }
+    if (options.carried != nullptr && !options.carried->advertisingIdentifier.empty()) {
+        identifier = options.carried->advertisingIdentifier;
+        vp.preferences->restore(options.carried->preferences);
+    }
+    if (identifier.empty()) {
+        identifier = advertisingIdentifier(options.deviceSeed);
+    }
+    return identifier;
+}
+
+/// Speed in m/s from the previous position to `point`; -1 when there is none to tell.
+double speedBetween(const RoutePoint* previous, const RoutePoint& point) {
+    if (previous == nullptr) {
+        return -1;
+    }
+    const double dt = point.t - previous->t;
+    if (dt <= 0) {
+        return -1;
+    }
+    return distanceMetres(previous->latitude, previous->longitude, point.latitude, point.longitude) / dt;
+}
+
+/// One run: the virtual device, the service it talks to, the observers on its ports and the component
+/// on them, driven along the route. The members are declared in the order the run sets them up, so
+/// that they are torn down in reverse.
+class SimulationRun {
+  public:
+    SimulationRun(const SimOptions& options, const Route& route, SimOutcome& outcome, std::ostream* timeline,
+                  std::ostream* eventStream)
+        : options_(options),
+          route_(route),
+          outcome_(outcome),
+          vp_(options.startTime),
+          scheduler_(*vp_.scheduler),
+          // Held by the location managers too, which the loop may keep until it is gone: it reads the
+          // clock weakly.
+          meter_(std::make_shared<GpsMeter>(
+              [clock = std::weak_ptr<virtualbackend::VirtualScheduler>(vp_.scheduler)] {
+                  const auto live = clock.lock();
+                  return live ? live->now() : 0.0;
+              })),
+          events_([&scheduler = scheduler_, start = options.startTime] { return scheduler.now() - start; }),
+          end_(std::min(route.duration() + std::max(options.lingerSeconds, 0.0),
+                        options.maxDuration.value_or(std::numeric_limits<double>::infinity()))),
+          progress_(options.progress, end_) {
+        events_.setKeep(options.keepEvents);
+        events_.setTracker(&tracker_);
+        events_.setStream(eventStream);
+        if (timeline != nullptr) {
+            events_.setListener([timeline](const json& event) {
+                if (const auto line = describeForTimeline(event); !line.empty()) {
+                    *timeline << line << '\n';
+                }
+            });
+        }
+        advertisingIdentifier_ = restoreDevice(options, vp_);
+        vp_.device->setAdvertisingIdentifier(advertisingIdentifier_);
+        vp_.device->setModel("iPhone");
+        vp_.application->setBundleIdentifier("com.example.tovrel.sim");
+        service_.emplace(options, vp_, events_, outcome.requestsByPath);
+        createEnvironment();
+    }
+
+    /// Launches the application in its first state and starts the session.
+    void launch() {
+        const ApplicationState initial = options_.appStates.front().t <= 0 ? options_.appStates.front().state
+                                                                           : ApplicationState::kBackground;
+        vp_.application->setState(initial);
+        events_.record("app_state", {{"state", std::string(appStateName(initial))}});
+        vp_.application->finishLaunching(nullptr);
+        if (initial == ApplicationState::kActive) {
+            vp_.application->becomeActive();
+        }
+        auto& session = environment_->sessionManager();
+        session.setPresentNotifications(options_.presentNotifications);
+        session.setPresentOfferView(options_.presentOfferView);
+        session.startSessionUsingLocation(options_.sdkKey);
+    }
+
+    /// Moves the device along the route up to the end, changing the application's state on time,
+    /// unless the run stops first.
+    void drive() {
+        // A state at time 0 is the one launched in.
+        while (nextState_ < options_.appStates.size() && options_.appStates[nextState_].t <= 0) {
+            ++nextState_;
+        }
+        if (options_.gpsNoiseSeed) {
+            noise_.emplace(*options_.gpsNoiseSeed);
+        }
+        const auto& points = route_.points;
+        for (std::size_t i = 0; i < points.size() && points[i].t <= end_ && !stopped(); ++i) {
+            while (nextState_ < options_.appStates.size() &&
+                   options_.appStates[nextState_].t <= points[i].t) {
+                enterNextState();
+            }
+            advanceTo(points[i].t);
+            moveTo(points[i], i > 0 ? &points[i - 1] : nullptr);
+        }
+        while (nextState_ < options_.appStates.size() && options_.appStates[nextState_].t <= end_ &&
+               !stopped()) {
+            enterNextState();
+        }
+        if (!stopped()) {
+            advanceTo(end_);
+        }
+    }
+
+    /// Ends the run, keeps the device's state for a later run, and fills in the outcome.
+    void finish() {
+        if (stopped()) {
+            outcome_.stop = guard_->stop();
+            outcome_.stopMessage = guard_->stopMessage();
+            const char* reason = outcome_.stop == RunStop::kSessionNeverStarted ? "session" : "stalled";
+            events_.record("run_end", {{"reason", reason}, {"message", outcome_.stopMessage}});
+        } else if (options_.terminate) {
+            events_.record("app_state", {{"state", "terminating"}});
+            vp_.application->terminate();
+            scheduler_.runUntilIdle();
+            recordOfferViews();
+        }
+        service_->stopWatching();
+        keepDevice();
+        recordOutcomes();
+        outcome_.simulatedSeconds = scheduler_.now() - options_.startTime;
+        if (options_.keepEvents) {
+            outcome_.events = events_.events();
+        }
+        outcome_.counts = events_.counts();
+        outcome_.eventsNotKept = events_.notKept();
+        service_->close();
+    }
+
+  private:
+    /// The component's environment on the virtual platform's ports, observed, with a simulated user
+    /// who answers alerts and opens notifications.
+    void createEnvironment() {
+        platform::Platform ports = vp_.platform();
+        guard_ = std::make_shared<RunGuard>(
+            ports.http, ports.clock, RunGuard::Limits{std::max<std::size_t>(options_.sessionAttempts, 1)});
+        ports.http = guard_;
+        ports.location = observeLocation(vp_.location, events_, meter_);
+        ports.application = observeApplication(vp_.application, events_);
+        ports.log = observeLog(nullptr, events_);
+        ports.alerts = observeAlerts(
+            vp_.alerts, events_,
+            [this](platform::AlertId id, const platform::AlertSpec& shown) { answerAlert(id, shown); });
+        ports.notifications = observeNotifications(
+            vp_.notifications, events_, [this](const platform::LocalNotification& n) { tapNotification(n); });
+
+        environment_ =
+            std::make_unique<Environment>(ports, Configuration{service_->baseURL(), service_->baseURL()});
+        scope_.emplace(*environment_);
+        const auto recordPost = [&events = events_](const Notification& n) {
+            if (events.wantsEvents()) {
+                events.record("post", {{"name", n.name}});
+            } else {
+                events.count("post");
+            }
+        };
+        environment_->notificationCenter().addObserver("", nullptr, recordPost);
+    }
+
+    /// The user presses the button options.answer names, a moment after the alert appears.
+    void answerAlert(platform::AlertId id, const platform::AlertSpec& shown) {
+        std::vector<std::string> buttons;
+        if (shown.cancelButtonTitle) {
+            buttons.push_back(*shown.cancelButtonTitle);
+        }
+        buttons.insert(buttons.end(), shown.otherButtonTitles.begin(), shown.otherButtonTitles.end());
+        if (buttons.empty()) {
+            return;  // a toast goes away by itself
+        }
+        int index = 0;
+        if (buttons.size() > 1) {
+            index = options_.answer == AlertAnswer::kNever  ? 0
+                    : options_.answer == AlertAnswer::kView ? 1
+                                                            : 2;
+            index = std::min<int>(index, static_cast<int>(buttons.size()) - 1);
+        }
+        scheduler_.scheduleTimer(kAlertAnswerDelay, false,
+                                 [&events = events_, presenter = vp_.alerts, id, index, tag = shown.tag,
+                                  title = buttons[static_cast<std::size_t>(index)]] {
+                                     events.record("alert_answer", {{"tag", tag}, {"button", title}});
+                                     presenter->dismiss(id, index, true);
+                                 });
+    }
+
+    /// With --tap-notifications the user opens each notification a while after it appears.
+    void tapNotification(const platform::LocalNotification& n) {
+        if (!options_.tapNotifications) {
+            return;
+        }
+        scheduler_.scheduleTimer(kNotificationTapDelay, false, [this, n] {
+            events_.record("notification_tap", {{"userInfo", n.userInfo}});
+            environment_->notificationCenter().post(kTovrelNotificationReceived, n);
+        });
+    }
+
+    void setState(ApplicationState state) {
+        const ApplicationState before = vp_.application->applicationState();
+        if (state == before) {
+            return;
+        }
+        events_.record("app_state", {{"state", std::string(appStateName(state))}});
+        if (state == ApplicationState::kActive) {
+            vp_.application->enterForeground();
+        } else if (state == ApplicationState::kBackground) {
+            vp_.application->enterBackground();
+        } else {
+            vp_.application->setState(state);
+        }
+    }
+
+    void enterNextState() {
+        advanceTo(options_.appStates[nextState_].t);
+        setState(options_.appStates[nextState_].state);
+        ++nextState_;
+    }
+
+    /// Records the offer views the location monitor opened since last asked; a later session start
+    /// may replace the monitor.
+    void recordOfferViews() {
+        const auto& monitor = environment_->sessionManager().lm();
+        if (monitor != watched_) {
+            watched_ = monitor;
+            offerViewsSeen_ = 0;
+        }
+        if (!watched_) {
+            return;
+        }
+        const auto requests = watched_->offerViewRequests();
+        for (; offerViewsSeen_ < requests.size(); ++offerViewsSeen_) {
+            const auto& request = requests[offerViewsSeen_];
+            events_.record("offer_view", {{"eventId", request.eventId},
+                                          {"deviceEventId", request.deviceEventId},
+                                          {"mediaURL", request.mediaURL},
+                                          {"tag", request.tag}});
+        }
+    }
+
+    /// Runs the clock to route time `t` (on the wall clock too with --realtime).
+    void advanceTo(double t) {
+        if (options_.realtime) {
+            const double wait = options_.startTime + t - scheduler_.now();
+            if (wait > 0) {
+                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+            }
+        }
+        // Step through the events in between so that offer views are stamped with their own time.
+        while (const auto next = scheduler_.nextEventTime()) {
+            if (*next > options_.startTime + t) {
+                break;
+            }
+            scheduler_.fastForwardTo(*next);
+            recordOfferViews();
+        }
+        scheduler_.fastForwardTo(options_.startTime + t);
+        recordOfferViews();
+        progress_.update(t);
+    }
+
+    /// Delivers the position (and the activity, when it changes) and lets the component act on it.
+    void moveTo(const RoutePoint& point, const RoutePoint* previous) {
+        const double speed = speedBetween(previous, point);
+        // Without an activity column the first position has no speed yet, and no motion update.
+        const std::optional<Activity> activity = point.activity ? point.activity
+                                                 : speed < 0    ? std::nullopt
+                                                                : std::optional(activityForSpeed(speed));
+        if (activity && activity != lastActivity_) {
+            lastActivity_ = activity;
+            events_.record("motion", {{"activity", std::string(activityName(*activity))}});
+            vp_.motion->deliver(motionFor(*activity, scheduler_.now()));
+        }
+        platform::Location fix;
+        fix.coordinate = {point.latitude, point.longitude};
+        fix.horizontalAccuracy = 5;
+        if (noise_) {
+            // The error of the source the component asked for; significant changes alone come from cells.
+            const AccuracyLevel level = meter_->current().value_or(
+                meter_->significant() ? AccuracyLevel::kKilometre : AccuracyLevel::kBest);
+            const GpsNoise::Fix noisy = noise_->apply(point.t, point.latitude, point.longitude, level);
+            fix.coordinate = {noisy.latitude, noisy.longitude};
+            fix.horizontalAccuracy = noisy.horizontalAccuracy;
+        }
+        fix.speed = speed;
+        fix.timestamp = scheduler_.now();
+        vp_.location->moveTo(fix);
+        scheduler_.runUntilIdle();
+        recordOfferViews();
+    }
+
+    [[nodiscard]] bool stopped() const { return guard_->stop() != RunStop::kNone; }
+
+    /// Writes the device's identifier and preferences where the next run reads them.
+    void keepDevice() {
+        if (options_.stateDir) {
+            writeJsonFile(*options_.stateDir / "preferences.json", vp_.preferences->snapshot());
+            writeJsonFile(*options_.stateDir / "device.json",
+                          json{{"advertisingIdentifier", advertisingIdentifier_}});
+        }
+        if (options_.carried != nullptr) {
+            *options_.carried = {advertisingIdentifier_, vp_.preferences->snapshot()};
+        }
+    }
+
+    void recordOutcomes() {
+        outcome_.offers = tracker_.finish(route_, service_->outcomeContext(options_.presentNotifications));
+        events_.setTracker(nullptr);
+        for (const OfferOutcome& offer : outcome_.offers) {
+            if (events_.wantsEvents()) {
+                events_.record("outcome", outcomeJson(offer));
+            } else {
+                events_.count("outcome");
+            }
+        }
+        outcome_.gpsOn = meter_->totals();
+        events_.record("gps_on", gpsOnJson(outcome_.gpsOn));
+    }
+
+    const SimOptions& options_;
+    const Route& route_;
+    SimOutcome& outcome_;
+    virtualbackend::VirtualPlatform vp_;
+    virtualbackend::VirtualScheduler& scheduler_;
+    std::shared_ptr<GpsMeter> meter_;
+    OutcomeTracker tracker_;
+    EventLog events_;
+    std::string advertisingIdentifier_;
+    std::optional<ServiceLink> service_;
+    std::shared_ptr<RunGuard> guard_;
+    std::unique_ptr<Environment> environment_;
+    std::optional<Environment::Scope> scope_;
+    std::shared_ptr<LocationManager> watched_;  ///< the monitor whose offer views are recorded
+    std::size_t offerViewsSeen_ = 0;
+    double end_;
+    ProgressBar progress_;
+    std::size_t nextState_ = 0;  ///< the next of options.appStates to enter
+    std::optional<Activity> lastActivity_;
+    std::optional<GpsNoise> noise_;
+};
+
 }  // namespace
 
 json gpsOnJson(const GpsOnTime& gpsOn) {
@@ -333,359 +802,10 @@ SimOutcome runSimulation(const SimOptions& options, std::ostream* timeline, std:
     }
     const Route& route = options.route != nullptr ? *options.route : outcome.route;
 
-    virtualbackend::VirtualPlatform vp(options.startTime);
-    auto& scheduler = *vp.scheduler;
-    // Held by the location managers too, which the loop may keep until it is gone: it reads the clock
-    // weakly.
-    const auto meter =
-        std::make_shared<GpsMeter>([clock = std::weak_ptr<virtualbackend::VirtualScheduler>(vp.scheduler)] {
-            const auto live = clock.lock();
-            return live ? live->now() : 0.0;
-        });
-    OutcomeTracker tracker;
-    EventLog events([&scheduler, start = options.startTime] { return scheduler.now() - start; });
-    events.setKeep(options.keepEvents);
-    events.setTracker(&tracker);
-    events.setStream(eventStream);
-    if (timeline != nullptr) {
-        events.setListener([timeline](const json& event) {
-            if (const auto line = describeForTimeline(event); !line.empty()) {
-                *timeline << line << '\n';
-            }
-        });
-    }
-
-    std::string advertisingIdentifier;
-    if (options.stateDir) {
-        std::error_code error;
-        std::filesystem::create_directories(*options.stateDir, error);
-        if (error) {
-            throw SimInputError(options.stateDir->string() + ": cannot be created: " + error.message());
-        }
-        const json device = readJsonFile(*options.stateDir / "device.json");
-        if (device.is_object() && device.contains("advertisingIdentifier") &&
-            device["advertisingIdentifier"].is_string()) {
-            advertisingIdentifier = device["advertisingIdentifier"].get<std::string>();
-        }
-        vp.preferences->restore(readJsonFile(*options.stateDir / "preferences.json"));
-    }
-    if (options.carried != nullptr && !options.carried->advertisingIdentifier.empty()) {
-        advertisingIdentifier = options.carried->advertisingIdentifier;
-        vp.preferences->restore(options.carried->preferences);
-    }
-    if (advertisingIdentifier.empty()) {
-        advertisingIdentifier = tovrel::sim::advertisingIdentifier(options.deviceSeed);
-    }
-    vp.device->setAdvertisingIdentifier(advertisingIdentifier);
-    vp.device->setModel("iPhone");
-    vp.application->setBundleIdentifier("com.example.tovrel.sim");
-
-    std::unique_ptr<tovrel::server::Server> server;
-    std::optional<InProcessService::DeviceClock> deviceClock;
-    std::string baseURL;
-    if (options.inProcess != nullptr) {
-        baseURL = InProcessService::kBaseURL;
-        deviceClock.emplace(scheduler);
-        vp.http->setResponder([service = options.inProcess](const virtualbackend::RecordedRequest& request) {
-            return std::optional(service->answer(request));
-        });
-    } else if (options.serviceURL) {
-        baseURL = *options.serviceURL;
-        while (!baseURL.empty() && baseURL.back() == '/') {
-            baseURL.pop_back();
-        }
-    } else {
-        tovrel::server::ServerOptions serverOptions;
-        serverOptions.dbPath = ":memory:";
-        serverOptions.controlGroupKey = InProcessService::kControlGroupKey;
-        serverOptions.contentDir = options.contentDir.string();
-        serverOptions.threads = 1;
-        serverOptions.clock = [scheduler = vp.scheduler] { return scheduler->now(); };
-        try {
-            server = std::make_unique<tovrel::server::Server>(serverOptions);
-            server->importGeoJson(options.placesFile.string());
-        } catch (const std::exception& error) {
-            throw SimInputError(error.what());
-        }
-        baseURL = "http://127.0.0.1:" + std::to_string(server->start());
-    }
-
-    std::shared_ptr<curl::CurlHttpClient> curl;
-    if (options.inProcess == nullptr) {
-        curl::CurlOptions curlOptions;
-        curlOptions.totalTimeoutSeconds = options.httpTimeoutSeconds;
-        curl = std::make_shared<curl::CurlHttpClient>(scheduler, curlOptions);
-        vp.http->forwardTo(std::make_shared<TimedForwarding>(curl, options.httpTimeoutSeconds));
-        // The clock must wait for a slow answer as long as the client does (and never less than it
-        // always has).
-        scheduler.setExternalWorkTimeout(std::max(60.0, 2 * options.httpTimeoutSeconds));
-    }
-    // Only a service elsewhere is watched: the embedded one answers in microseconds.
-    std::optional<RequestWatch> watch;
-    if (options.inProcess == nullptr && options.serviceURL) {
-        const bool terminal = isatty(STDERR_FILENO) != 0;
-        watch.emplace(options.httpTimeoutSeconds, [terminal](const std::string& line) {
-            // On a terminal the line replaces a progress line drawn there, which is drawn anew later.
-            std::cerr << (terminal ? "\r" + std::string(60, ' ') + "\r" : std::string())
-                      << "tovrel-sim: " << line << '\n'
-                      << std::flush;
-        });
-    }
-    HttpEvents httpEvents(events, outcome.requestsByPath, watch ? &*watch : nullptr);
-    vp.http->setListener(&httpEvents);
-    vp.http->setKeepRequests(false);
-
-    const auto& location = vp.location;
-    const auto& motion = vp.motion;
-
-    platform::Platform ports = vp.platform();
-    const auto guard = std::make_shared<RunGuard>(
-        ports.http, ports.clock, RunGuard::Limits{std::max<std::size_t>(options.sessionAttempts, 1)});
-    ports.http = guard;
-    ports.location = observeLocation(location, events, meter);
-    ports.application = observeApplication(vp.application, events);
-    ports.log = observeLog(nullptr, events);
-    auto presenter = vp.alerts;
-    ports.alerts =
-        observeAlerts(vp.alerts, events, [&](platform::AlertId id, const platform::AlertSpec& shown) {
-            std::vector<std::string> buttons;
-            if (shown.cancelButtonTitle) {
-                buttons.push_back(*shown.cancelButtonTitle);
-            }
-            buttons.insert(buttons.end(), shown.otherButtonTitles.begin(), shown.otherButtonTitles.end());
-            if (buttons.empty()) {
-                return;  // a toast goes away by itself
-            }
-            int index = 0;
-            if (buttons.size() > 1) {
-                index = options.answer == AlertAnswer::kNever  ? 0
-                        : options.answer == AlertAnswer::kView ? 1
-                                                               : 2;
-                index = std::min<int>(index, static_cast<int>(buttons.size()) - 1);
-            }
-            scheduler.scheduleTimer(kAlertAnswerDelay, false,
-                                    [&events, presenter, id, index, tag = shown.tag,
-                                     title = buttons[static_cast<std::size_t>(index)]] {
-                                        events.record("alert_answer", {{"tag", tag}, {"button", title}});
-                                        presenter->dismiss(id, index, true);
-                                    });
-        });
-
-    std::unique_ptr<Environment> environment;
-    ports.notifications =
-        observeNotifications(vp.notifications, events, [&](const platform::LocalNotification& n) {
-            if (!options.tapNotifications) {
-                return;
-            }
-            scheduler.scheduleTimer(kNotificationTapDelay, false, [&events, &environment, n] {
-                events.record("notification_tap", {{"userInfo", n.userInfo}});
-                environment->notificationCenter().post(kTovrelNotificationReceived, n);
-            });
-        });
-
-    environment = std::make_unique<Environment>(ports, Configuration{baseURL, baseURL});
-    Environment::Scope scope(*environment);
-    environment->notificationCenter().addObserver("", nullptr, [&events](const Notification& n) {
-        if (events.wantsEvents()) {
-            events.record("post", {{"name", n.name}});
-        } else {
-            events.count("post");
-        }
-    });
-
-    const auto setState = [&](ApplicationState state) {
-        const ApplicationState before = vp.application->applicationState();
-        if (state == before) {
-            return;
-        }
-        events.record("app_state", {{"state", std::string(appStateName(state))}});
-        if (state == ApplicationState::kActive) {
-            vp.application->enterForeground();
-        } else if (state == ApplicationState::kBackground) {
-            vp.application->enterBackground();
-        } else {
-            vp.application->setState(state);
-        }
-    };
-
-    const ApplicationState initial =
-        options.appStates.front().t <= 0 ? options.appStates.front().state : ApplicationState::kBackground;
-    vp.application->setState(initial);
-    events.record("app_state", {{"state", std::string(appStateName(initial))}});
-    vp.application->finishLaunching(nullptr);
-    if (initial == ApplicationState::kActive) {
-        vp.application->becomeActive();
-    }
-
-    auto& session = environment->sessionManager();
-    session.setPresentNotifications(options.presentNotifications);
-    session.setPresentOfferView(options.presentOfferView);
-    session.startSessionUsingLocation(options.sdkKey);
-
-    // The offer views the location monitor opened; it may be replaced by a later session start.
-    std::shared_ptr<LocationManager> watched;
-    std::size_t offerViewsSeen = 0;
-    const auto recordOfferViews = [&] {
-        const auto& monitor = session.lm();
-        if (monitor != watched) {
-            watched = monitor;
-            offerViewsSeen = 0;
-        }
-        if (!watched) {
-            return;
-        }
-        const auto requests = watched->offerViewRequests();
-        for (; offerViewsSeen < requests.size(); ++offerViewsSeen) {
-            const auto& request = requests[offerViewsSeen];
-            events.record("offer_view", {{"eventId", request.eventId},
-                                         {"deviceEventId", request.deviceEventId},
-                                         {"mediaURL", request.mediaURL},
-                                         {"tag", request.tag}});
-        }
-    };
-
-    const double end = std::min(route.duration() + std::max(options.lingerSeconds, 0.0),
-                                options.maxDuration.value_or(std::numeric_limits<double>::infinity()));
-    ProgressBar progress(options.progress, end);
-    const auto advanceTo = [&](double t) {
-        if (options.realtime) {
-            const double wait = options.startTime + t - scheduler.now();
-            if (wait > 0) {
-                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
-            }
-        }
-        // Step through the events in between so that offer views are stamped with their own time.
-        while (const auto next = scheduler.nextEventTime()) {
-            if (*next > options.startTime + t) {
-                break;
-            }
-            scheduler.fastForwardTo(*next);
-            recordOfferViews();
-        }
-        scheduler.fastForwardTo(options.startTime + t);
-        recordOfferViews();
-        progress.update(t);
-    };
-
-    std::size_t nextState = 0;
-    while (nextState < options.appStates.size() && options.appStates[nextState].t <= 0) {
-        ++nextState;
-    }
-    std::optional<Activity> lastActivity;
-    std::optional<GpsNoise> noise;
-    if (options.gpsNoiseSeed) {
-        noise.emplace(*options.gpsNoiseSeed);
-    }
-    const auto stopped = [&guard] { return guard->stop() != RunStop::kNone; };
-    for (std::size_t i = 0; i < route.points.size() && route.points[i].t <= end && !stopped(); ++i) {
-        const RoutePoint& point = route.points[i];
-        while (nextState < options.appStates.size() && options.appStates[nextState].t <= point.t) {
-            advanceTo(options.appStates[nextState].t);
-            setState(options.appStates[nextState].state);
-            ++nextState;
-        }
-        advanceTo(point.t);
-        double speed = -1;
-        if (i > 0) {
-            const RoutePoint& previous = route.points[i - 1];
-            const double dt = point.t - previous.t;
-            if (dt > 0) {
-                speed =
-                    distanceMetres(previous.latitude, previous.longitude, point.latitude, point.longitude) /
-                    dt;
-            }
-        }
-        // Without an activity column the first position has no speed yet, and no motion update.
-        const std::optional<Activity> activity = point.activity ? point.activity
-                                                 : speed < 0    ? std::nullopt
-                                                                : std::optional(activityForSpeed(speed));
-        if (activity && activity != lastActivity) {
-            lastActivity = activity;
-            events.record("motion", {{"activity", std::string(activityName(*activity))}});
-            motion->deliver(motionFor(*activity, scheduler.now()));
-        }
-        platform::Location fix;
-        fix.coordinate = {point.latitude, point.longitude};
-        fix.horizontalAccuracy = 5;
-        if (noise) {
-            // The error of the source the component asked for; significant changes alone come from cells.
-            const AccuracyLevel level = meter->current().value_or(
-                meter->significant() ? AccuracyLevel::kKilometre : AccuracyLevel::kBest);
-            const GpsNoise::Fix noisy = noise->apply(point.t, point.latitude, point.longitude, level);
-            fix.coordinate = {noisy.latitude, noisy.longitude};
-            fix.horizontalAccuracy = noisy.horizontalAccuracy;
-        }
-        fix.speed = speed;
-        fix.timestamp = scheduler.now();
-        location->moveTo(fix);
-        scheduler.runUntilIdle();
-        recordOfferViews();
-    }
-    while (nextState < options.appStates.size() && options.appStates[nextState].t <= end && !stopped()) {
-        advanceTo(options.appStates[nextState].t);
-        setState(options.appStates[nextState].state);
-        ++nextState;
-    }
-    if (!stopped()) {
-        advanceTo(end);
-    }
-    if (stopped()) {
-        outcome.stop = guard->stop();
-        outcome.stopMessage = guard->stopMessage();
-        events.record("run_end",
-                      {{"reason", outcome.stop == RunStop::kSessionNeverStarted ? "session" : "stalled"},
-                       {"message", outcome.stopMessage}});
-    } else if (options.terminate) {
-        events.record("app_state", {{"state", "terminating"}});
-        vp.application->terminate();
-        scheduler.runUntilIdle();
-        recordOfferViews();
-    }
-    if (watch) {
-        watch->stop();
-    }
-
-    if (options.stateDir) {
-        writeJsonFile(*options.stateDir / "preferences.json", vp.preferences->snapshot());
-        writeJsonFile(*options.stateDir / "device.json",
-                      json{{"advertisingIdentifier", advertisingIdentifier}});
-    }
-    if (options.carried != nullptr) {
-        *options.carried = {advertisingIdentifier, vp.preferences->snapshot()};
-    }
-
-    OutcomeContext context{options.presentNotifications, {}};
-    if (options.inProcess != nullptr) {
-        context.heldBack = [service = options.inProcess](const std::string& id) {
-            return service->heldBack(id);
-        };
-    } else if (server) {
-        context.heldBack = [&server](const std::string& id) { return heldBackBy(*server, id); };
-    }
-    outcome.offers = tracker.finish(route, context);
-    events.setTracker(nullptr);
-    for (const OfferOutcome& offer : outcome.offers) {
-        if (events.wantsEvents()) {
-            events.record("outcome", outcomeJson(offer));
-        } else {
-            events.count("outcome");
-        }
-    }
-    outcome.gpsOn = meter->totals();
-    events.record("gps_on", gpsOnJson(outcome.gpsOn));
-    outcome.simulatedSeconds = scheduler.now() - options.startTime;
-    if (options.keepEvents) {
-        outcome.events = events.events();
-    }
-    outcome.counts = events.counts();
-    outcome.eventsNotKept = events.notKept();
-    vp.http->setListener(nullptr);
-    vp.http->forwardTo(nullptr);
-    vp.http->setResponder(nullptr);
-    curl.reset();
-    if (server) {
-        server->stop();
-    }
+    SimulationRun run(options, route, outcome, timeline, eventStream);
+    run.launch();
+    run.drive();
+    run.finish();
     outcome.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
     return outcome;
 }

@@ -138,6 +138,99 @@ std::optional<std::string_view> checkedSentence(std::string_view line) {
     return body;
 }
 
+/// A fix at `timestamp` with the accuracy a log that states none is given.
+TrackPoint timedFix(double latitude, double longitude, double timestamp) {
+    TrackPoint point;
+    point.fix.coordinate = {latitude, longitude};
+    point.fix.horizontalAccuracy = kDefaultAccuracy;
+    point.fix.timestamp = timestamp;
+    point.timed = true;
+    return point;
+}
+
+/// The fixes of an NMEA log, one per time of day in the order the log first gives each: a receiver
+/// sends RMC and GGA for the same fix, so the RMC is taken when there is one, with the GGA's
+/// altitude and HDOP.
+class NmeaFixes {
+  public:
+    /// Fields of an RMC sentence (ten or more); an invalid fix is skipped.
+    void addRmc(const std::vector<std::string_view>& fields) {
+        const auto timeOfDay = nmeaTimeOfDay(fields[1]);
+        const auto lat = nmeaAngle(fields[3], fields[4]);
+        const auto lon = nmeaAngle(fields[5], fields[6]);
+        if (fields[2] != "A" || !timeOfDay || !lat || !lon) {
+            return;
+        }
+        if (const auto date = nmeaDate(fields[9])) {
+            lastDate_ = *date;
+        }
+        TrackPoint point = timedFix(*lat, *lon, lastDate_ + *timeOfDay);
+        if (const auto knots = number(fields[7])) {
+            point.fix.speed = *knots * kMetresPerSecondPerKnot;
+        }
+        if (const auto course = number(fields[8])) {
+            point.fix.course = *course;
+        }
+        pendingAt(*timeOfDay).rmc = point;
+    }
+
+    /// Fields of a GGA sentence (ten or more); one without a fix is skipped. GGA has no date: the
+    /// last RMC's is taken.
+    void addGga(const std::vector<std::string_view>& fields) {
+        const auto timeOfDay = nmeaTimeOfDay(fields[1]);
+        const auto lat = nmeaAngle(fields[2], fields[3]);
+        const auto lon = nmeaAngle(fields[4], fields[5]);
+        const auto quality = number(fields[6]);
+        if (!timeOfDay || !lat || !lon || !quality || *quality == 0) {
+            return;
+        }
+        Pending& pending = pendingAt(*timeOfDay);
+        pending.altitude = number(fields[9]);
+        pending.hdop = number(fields[8]);
+        pending.gga = timedFix(*lat, *lon, lastDate_ + *timeOfDay);
+    }
+
+    [[nodiscard]] std::vector<TrackPoint> points() const {
+        std::vector<TrackPoint> points;
+        for (const double timeOfDay : order_) {
+            const Pending& pending = byTime_.at(timeOfDay);
+            std::optional<TrackPoint> point = pending.rmc ? pending.rmc : pending.gga;
+            if (!point) {
+                continue;
+            }
+            if (pending.altitude) {
+                point->fix.altitude = *pending.altitude;
+                point->fix.verticalAccuracy = kDefaultAccuracy * 2;
+            }
+            if (pending.hdop) {
+                point->fix.horizontalAccuracy = *pending.hdop * kMetresPerHdop;
+            }
+            points.push_back(*point);
+        }
+        return points;
+    }
+
+  private:
+    struct Pending {
+        std::optional<TrackPoint> rmc;
+        std::optional<double> altitude;
+        std::optional<double> hdop;
+        std::optional<TrackPoint> gga;
+    };
+
+    Pending& pendingAt(double timeOfDay) {
+        Pending& pending = byTime_[timeOfDay];
+        if (!pending.rmc && !pending.gga) {
+            order_.push_back(timeOfDay);
+        }
+        return pending;
+    }
+
+    std::map<double, Pending> byTime_;
+    std::vector<double> order_;
+    double lastDate_ = 0;
+};
+
 }  // namespace
 
 std::optional<platform::MotionActivity> activityNamed(std::string_view name, std::string_view confidence) {
@@ -254,17 +347,9 @@ std::vector<TrackPoint> parseGpx(std::string_view text) {
 }
 
 std::vector<TrackPoint> parseNmea(std::string_view text) {
-    struct Pending {
-        std::optional<TrackPoint> rmc;
-        std::optional<double> altitude;
-        std::optional<double> hdop;
-        std::optional<TrackPoint> gga;
-    };
-    std::map<double, Pending> byTime;
-    std::vector<double> order;
+    NmeaFixes fixes;
     std::istringstream lines{std::string(text)};
     std::string line;
-    double lastDate = 0;
     while (std::getline(lines, line)) {
         const auto sentence = checkedSentence(line);
         if (!sentence || sentence->size() < 6) {
@@ -273,69 +358,12 @@ std::vector<TrackPoint> parseNmea(std::string_view text) {
         const auto fields = splitFields(*sentence);
         const std::string_view type = fields[0].substr(fields[0].size() >= 3 ? fields[0].size() - 3 : 0);
         if (type == "RMC" && fields.size() >= 10) {
-            const auto timeOfDay = nmeaTimeOfDay(fields[1]);
-            const auto lat = nmeaAngle(fields[3], fields[4]);
-            const auto lon = nmeaAngle(fields[5], fields[6]);
-            if (fields[2] != "A" || !timeOfDay || !lat || !lon) {
-                continue;
-            }
-            if (const auto date = nmeaDate(fields[9])) {
-                lastDate = *date;
-            }
-            TrackPoint point;
-            point.fix.coordinate = {*lat, *lon};
-            point.fix.horizontalAccuracy = kDefaultAccuracy;
-            point.fix.timestamp = lastDate + *timeOfDay;
-            point.timed = true;
-            if (const auto knots = number(fields[7])) {
-                point.fix.speed = *knots * kMetresPerSecondPerKnot;
-            }
-            if (const auto course = number(fields[8])) {
-                point.fix.course = *course;
-            }
-            auto& pending = byTime[*timeOfDay];
-            if (!pending.rmc && !pending.gga) {
-                order.push_back(*timeOfDay);
-            }
-            pending.rmc = point;
+            fixes.addRmc(fields);
         } else if (type == "GGA" && fields.size() >= 10) {
-            const auto timeOfDay = nmeaTimeOfDay(fields[1]);
-            const auto lat = nmeaAngle(fields[2], fields[3]);
-            const auto lon = nmeaAngle(fields[4], fields[5]);
-            const auto quality = number(fields[6]);
-            if (!timeOfDay || !lat || !lon || !quality || *quality == 0) {
-                continue;
-            }
-            auto& pending = byTime[*timeOfDay];
-            if (!pending.rmc && !pending.gga) {
-                order.push_back(*timeOfDay);
-            }
-            pending.altitude = number(fields[9]);
-            pending.hdop = number(fields[8]);
-            TrackPoint point;
-            point.fix.coordinate = {*lat, *lon};
-            point.fix.horizontalAccuracy = kDefaultAccuracy;
-            point.fix.timestamp = lastDate + *timeOfDay;
-            point.timed = true;
-            pending.gga = point;
+            fixes.addGga(fields);
         }
     }
-    std::vector<TrackPoint> points;
-    for (const double timeOfDay : order) {
-        auto& pending = byTime[timeOfDay];
-        std::optional<TrackPoint> point = pending.rmc ? pending.rmc : pending.gga;
-        if (!point) {
-            continue;
-        }
-        if (pending.altitude) {
-            point->fix.altitude = *pending.altitude;
-            point->fix.verticalAccuracy = kDefaultAccuracy * 2;
-        }
-        if (pending.hdop) {
-            point->fix.horizontalAccuracy = *pending.hdop * kMetresPerHdop;
-        }
-        points.push_back(*point);
-    }
+    std::vector<TrackPoint> points = fixes.points();
     if (points.empty()) {
         throw std::runtime_error("the NMEA log holds no valid fix");
     }
