@@ -587,7 +587,6 @@ class SimulationRun {
 
         environment_ =
             std::make_unique<Environment>(ports, Configuration{service_->baseURL(), service_->baseURL()});
-        scope_.emplace(*environment_);
         const auto recordPost = [&events = events_](const Notification& n) {
             if (events.wantsEvents()) {
                 events.record("post", {{"name", n.name}});
@@ -767,7 +766,6 @@ class SimulationRun {
     std::optional<ServiceLink> service_;
     std::shared_ptr<RunGuard> guard_;
     std::unique_ptr<Environment> environment_;
-    std::optional<Environment::Scope> scope_;
     std::shared_ptr<LocationManager> watched_;  ///< the monitor whose offer views are recorded
     std::size_t offerViewsSeen_ = 0;
     double end_;
