@@ -229,6 +229,11 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     void replaceTargets(const nlohmann::json& places);
 
     // proximity.cpp
+    struct Check;  ///< one proximity check's position, nearest distance and dwell timer
+    void handleTarget(Check& check, const std::shared_ptr<hRegion>& target, double distance);
+    void outsideTarget(Check& check, const std::shared_ptr<platform::LocationProvider>& provider);
+    void insideTarget(Check& check, const std::shared_ptr<hRegion>& target,
+                      const std::shared_ptr<platform::LocationProvider>& provider, double accuracy);
     void linkVisit(const std::shared_ptr<hRegion>& target, const std::string& message, LogSite site);
     void linkAnswer(const nlohmann::json& places, const nlohmann::json& deviceEventId,
                     const std::shared_ptr<hRegion>& target, const std::string& message, LogSite site);

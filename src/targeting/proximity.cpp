@@ -27,6 +27,14 @@ const Json& firstRecord(const Json& places) {
 
 }  // namespace
 
+struct LocationManager::Check {
+    const platform::Location& location;
+    double nearest;  ///< the distance to the nearest targets, metres
+    std::shared_ptr<platform::Timer> dwellTimer;
+    LogSite site;                 ///< where the check's links log from
+    const std::string& function;  ///< the name its log lines carry: the check's
+};
+
 double LocationManager::calculateDistanceInMetersBetweenCoord(const platform::Coordinate& first,
                                                               const platform::Coordinate& second) {
     return targeting::haversineMeters(first, second);
@@ -42,8 +50,6 @@ double LocationManager::getClosestBB(const platform::Location& location) {
 
 void LocationManager::checkForLocationTarget(const platform::Location& location) {
     TOVREL_ASSERT_MAIN_THREAD(mainLoop());
-    const auto& platform = platform_;
-    auto& log = *platform.log;
     // Taken out for the duration of the check, so a check started from inside this one stays correct.
     std::unique_ptr<targeting::NearestSet> scan = std::move(nearestScratch_);
     if (!scan) {
@@ -59,65 +65,8 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
     const double nearest = scan->distance;
 
     // The dwell timer belongs to this one check: a timer from an earlier update is never cancelled.
-    std::shared_ptr<platform::Timer> dwellTimer;
-    const auto handle = [&](const std::shared_ptr<hRegion>& target, double distance) {
-        const auto provider = providerOnMain();
-        const double accuracy = provider ? provider->desiredAccuracy() : 0;
-        const double filter = provider ? provider->distanceFilter() : 0;
-        const double now = platform.clock->now();
-        const platform::Coordinate here = location.coordinate;
-        checks_->add({now, distance, accuracy, filter, target->radius, here.latitude, here.longitude},
-                     {now, target});
-        targeting::appendNearestTargetMessage(TOVREL_BEGIN_LOG_LINE(logLineBuffer_), distance, accuracy,
-                                              filter, target->radius);
-        log.write(logLineBuffer_);
-
-        if (target->radius < distance) {
-            deviceHasExited_ = true;
-            TOVREL_BEGIN_LOG_LINE(logLineBuffer_).append("Outside the target bounds!");
-            log.write(logLineBuffer_);
-            if (dwellTimer) {
-                dwellTimer->invalidate();
-            }
-            if (const auto settings = targeting::accuracyLadder(nearest, accuracyError_);
-                settings && provider) {
-                provider->setDesiredAccuracy(settings->desiredAccuracy);
-                provider->setDistanceFilter(settings->distanceFilter);
-            }
-        }
-        if (distance < target->radius) {
-            deviceHasExited_ = false;
-            TOVREL_BEGIN_LOG_LINE(logLineBuffer_).append("Inside the target bounds!");
-            log.write(logLineBuffer_);
-            // Inside, the accuracy alternates: one update switches to best and links, the next one
-            // switches back to ten metres.
-            if (provider && accuracy == platform::accuracy::kBest) {
-                provider->setDesiredAccuracy(platform::accuracy::kNearestTenMeters);
-                return;
-            }
-            if (provider) {
-                provider->setDesiredAccuracy(platform::accuracy::kBest);
-            }
-            const std::string message = targeting::offerMessage(target->eventName, target->alertText);
-            if (!presentNotifications) {
-                return;
-            }
-            const int dwell = static_cast<int>(target->dwelltime);
-            if (dwell <= 0) {
-                linkVisit(target, message, {__PRETTY_FUNCTION__, __LINE__});
-                return;
-            }
-            if (dwellTimer) {
-                dwellTimer->invalidate();
-            }
-            const int seconds = static_cast<int>(static_cast<std::uint32_t>(dwell) * 60U);
-            dwellTimer = platform.mainLoop->scheduleTimer(
-                static_cast<double>(seconds), false, [self = shared_from_this(), target, message] {
-                    self->linkVisit(target, message, {__PRETTY_FUNCTION__, __LINE__});
-                });
-        }
-    };
-
+    static const std::string kFunction = functionName(__PRETTY_FUNCTION__);
+    Check check{location, nearest, nullptr, {__PRETTY_FUNCTION__, __LINE__}, kFunction};
     // Every target at the nearest distance is handled, in list order. Handling one may change the list
     // (a link answered at once): the remaining rounds then run against the list as it has become,
     // re-reading its length each round, as a plain indexed walk would.
@@ -129,7 +78,7 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
             listChanged = true;
             break;
         }
-        handle(target, hit.distance);
+        handleTarget(check, target, hit.distance);
         nextIndex = hit.index + 1;
     }
     nearestScratch_ = std::move(scan);
@@ -141,7 +90,7 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
             }
             const double distance = targeting::haversineMeters(target->center, location.coordinate);
             if (!(distance > nearest)) {
-                handle(target, distance);
+                handleTarget(check, target, distance);
             }
         }
     }
@@ -152,6 +101,74 @@ void LocationManager::checkForLocationTarget(const platform::Location& location)
         center.post(kTovrelRefreshUserLocation);
         getTargets();
     }
+}
+
+void LocationManager::handleTarget(Check& check, const std::shared_ptr<hRegion>& target, double distance) {
+    const auto provider = providerOnMain();
+    const double accuracy = provider ? provider->desiredAccuracy() : 0;
+    const double filter = provider ? provider->distanceFilter() : 0;
+    const double now = platform_.clock->now();
+    const platform::Coordinate here = check.location.coordinate;
+    checks_->add({now, distance, accuracy, filter, target->radius, here.latitude, here.longitude},
+                 {now, target});
+    targeting::appendNearestTargetMessage(targeting::beginLogLine(logLineBuffer_, check.function, __LINE__),
+                                          distance, accuracy, filter, target->radius);
+    platform_.log->write(logLineBuffer_);
+    if (target->radius < distance) {
+        outsideTarget(check, provider);
+    }
+    if (distance < target->radius) {
+        insideTarget(check, target, provider, accuracy);
+    }
+}
+
+void LocationManager::outsideTarget(Check& check,
+                                    const std::shared_ptr<platform::LocationProvider>& provider) {
+    deviceHasExited_ = true;
+    targeting::beginLogLine(logLineBuffer_, check.function, __LINE__).append("Outside the target bounds!");
+    platform_.log->write(logLineBuffer_);
+    if (check.dwellTimer) {
+        check.dwellTimer->invalidate();
+    }
+    if (const auto settings = targeting::accuracyLadder(check.nearest, accuracyError_);
+        settings && provider) {
+        provider->setDesiredAccuracy(settings->desiredAccuracy);
+        provider->setDistanceFilter(settings->distanceFilter);
+    }
+}
+
+void LocationManager::insideTarget(Check& check, const std::shared_ptr<hRegion>& target,
+                                   const std::shared_ptr<platform::LocationProvider>& provider,
+                                   double accuracy) {
+    deviceHasExited_ = false;
+    targeting::beginLogLine(logLineBuffer_, check.function, __LINE__).append("Inside the target bounds!");
+    platform_.log->write(logLineBuffer_);
+    // Inside, the accuracy alternates: one update switches to best and links, the next one switches
+    // back to ten metres.
+    if (provider && accuracy == platform::accuracy::kBest) {
+        provider->setDesiredAccuracy(platform::accuracy::kNearestTenMeters);
+        return;
+    }
+    if (provider) {
+        provider->setDesiredAccuracy(platform::accuracy::kBest);
+    }
+    const std::string message = targeting::offerMessage(target->eventName, target->alertText);
+    if (!presentNotifications) {
+        return;
+    }
+    const int dwell = static_cast<int>(target->dwelltime);
+    if (dwell <= 0) {
+        linkVisit(target, message, check.site);
+        return;
+    }
+    if (check.dwellTimer) {
+        check.dwellTimer->invalidate();
+    }
+    const int seconds = static_cast<int>(static_cast<std::uint32_t>(dwell) * 60U);
+    check.dwellTimer = platform_.mainLoop->scheduleTimer(
+        static_cast<double>(seconds), false, [self = shared_from_this(), target, message, site = check.site] {
+            self->linkVisit(target, message, site);
+        });
 }
 
 void LocationManager::linkVisit(const std::shared_ptr<hRegion>& target, const std::string& message,
