@@ -24,6 +24,28 @@ inline constexpr std::string_view kTagDeletePath = "/v1/devicetag/delete";
 /// A diagnostics message.
 inline constexpr std::string_view kLogPath = "/v1/log";
 
+/// The members of the requests and answers.
+namespace member {
+inline constexpr const char* kSessionKey = "sessionKey";  ///< every request of a session
+inline constexpr const char* kDeviceId = "deviceid";      ///< a diagnostics message's device
+inline constexpr const char* kMessage = "message";        ///< a diagnostics message: {event name: fields}
+inline constexpr const char* kCoordinatesList = "coordinatesList";  ///< [{"lat", "lon"}] of a place request
+inline constexpr const char* kLatitude = "lat";
+inline constexpr const char* kLongitude = "lon";
+inline constexpr const char* kDistanceThreshold = "distanceThreshold";
+inline constexpr const char* kEventId = "eventId";  ///< the offer a link request names
+inline constexpr const char* kPlaceId = "placeId";  ///< the place a link request names
+inline constexpr const char* kDeviceEventId =
+    "deviceEventId";                                      ///< a linked visit, in link answers and updates
+inline constexpr const char* kStatusCode = "statusCode";  ///< "ack", "seen", "saved" or "declined"
+inline constexpr const char* kSuppressMessage = "suppressMessage";  ///< 1: linked, but not to be shown
+inline constexpr const char* kTag = "tag";
+inline constexpr const char* kTagValue = "tagValue";
+inline constexpr const char* kGroupTag = "groupTag";
+inline constexpr const char* kPlaces = "places";  ///< the records of place and link answers
+inline constexpr const char* kStatus = "status";  ///< a status answer's value
+}  // namespace member
+
 /// The members of one record of a place answer's "places": the place, then one of its offers, then
 /// whether the device is linked to it. The service writes them in this order.
 namespace place {

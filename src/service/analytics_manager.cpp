@@ -15,7 +15,7 @@ AnalyticsManager& AnalyticsManager::instance() {
 
 void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
                                   Completion completion) {
-    const nlohmann::json body{{"deviceid", deviceId}, {"message", message}};
+    const nlohmann::json body{{protocol::member::kDeviceId, deviceId}, {protocol::member::kMessage, message}};
     const std::string url = serviceBaseURL_ + std::string(protocol::kLogPath);
     auto& log = *platform_.log;
     platform_.http->postJson(url, body,
@@ -30,7 +30,8 @@ void AnalyticsManager::logMessage(const nlohmann::json& message, const std::stri
 }
 
 nlohmann::json AnalyticsManager::buildLocationDictionaryWithLatitude(double latitude, double longitude) {
-    return {{"lat", static_cast<float>(latitude)}, {"lon", static_cast<float>(longitude)}};
+    return {{protocol::member::kLatitude, static_cast<float>(latitude)},
+            {protocol::member::kLongitude, static_cast<float>(longitude)}};
 }
 
 }  // namespace tovrel

@@ -8,6 +8,8 @@
 namespace tovrel {
 namespace {
 
+namespace member = protocol::member;
+
 constexpr const char* kDistanceThreshold = "8047";
 
 /// Reading a response member the way a keyed lookup on an arbitrary object would: anything that is
@@ -26,7 +28,8 @@ DataService& DataService::instance() {
 }
 
 Json DataService::buildLocationDictionaryWithLatitude(double latitude, double longitude) {
-    return Json{{"lat", formatF(latitude)}, {"lon", formatF(longitude)}};
+    return Json{{protocol::member::kLatitude, formatF(latitude)},
+                {protocol::member::kLongitude, formatF(longitude)}};
 }
 
 void DataService::post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer) {
@@ -40,10 +43,10 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
         return;
     }
     const Json body{
-        {"sessionKey", *sessionKey},
-        {"coordinatesList", Json::array({buildLocationDictionaryWithLatitude(
-                                location.coordinate.latitude, location.coordinate.longitude)})},
-        {"distanceThreshold", kDistanceThreshold},
+        {member::kSessionKey, *sessionKey},
+        {member::kCoordinatesList, Json::array({buildLocationDictionaryWithLatitude(
+                                       location.coordinate.latitude, location.coordinate.longitude)})},
+        {member::kDistanceThreshold, kDistanceThreshold},
     };
     auto& log = *platform_.log;
     post(protocol::kPlacePath, body, [&log, completion = std::move(completion)](platform::JsonResult result) {
@@ -56,7 +59,7 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
         }
         Json places = Json::array();
         if (result.value.is_object()) {
-            const auto it = result.value.find("places");
+            const auto it = result.value.find(member::kPlaces);
             if (it != result.value.end()) {
                 if (it->is_array()) {
                     // The answer is ours: its records move rather than being copied.
@@ -77,7 +80,8 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
     if (!sessionKey) {
         return;
     }
-    const Json body{{"sessionKey", *sessionKey}, {"eventId", eventId}, {"placeId", placeId}};
+    const Json body{
+        {member::kSessionKey, *sessionKey}, {member::kEventId, eventId}, {member::kPlaceId, placeId}};
     auto& log = *platform_.log;
     post(protocol::kLinkPath, body,
          [&log, completion = std::move(completion)](const platform::JsonResult& result) {
@@ -92,7 +96,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
              Json deviceEventId;
              if (result.value.is_object()) {
                  try {
-                     const auto it = result.value.find("places");
+                     const auto it = result.value.find(member::kPlaces);
                      places = it == result.value.end() ? Json() : *it;
                      if (!places.is_null()) {
                          if (!places.is_array()) {
@@ -106,7 +110,7 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
                              throw ReadFailure{std::string("cannot read \"deviceEventId\" of ") +
                                                first.type_name()};
                          }
-                         const auto id = first.find("deviceEventId");
+                         const auto id = first.find(member::kDeviceEventId);
                          if (id != first.end()) {
                              deviceEventId = *id;
                          }
@@ -133,7 +137,7 @@ void DataService::sendStatusRequest(std::string_view path, const Json& body, Sta
         }
         Json status;
         if (result.value.is_object()) {
-            const auto it = result.value.find("status");
+            const auto it = result.value.find(member::kStatus);
             if (it != result.value.end()) {
                 status = *it;
             }
@@ -150,17 +154,18 @@ void DataService::sendDeviceUpdateWithDeviceEventId(const Json& deviceEventId, c
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest(
-        protocol::kLinkStatusPath,
-        {{"sessionKey", *sessionKey}, {"deviceEventId", deviceEventId}, {"statusCode", statusCode}},
-        std::move(completion));
+    sendStatusRequest(protocol::kLinkStatusPath,
+                      {{member::kSessionKey, *sessionKey},
+                       {member::kDeviceEventId, deviceEventId},
+                       {member::kStatusCode, statusCode}},
+                      std::move(completion));
 }
 
 void DataService::sendDeviceClearWithSessionKey(const SessionKey& sessionKey, StatusCompletion completion) {
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest(protocol::kClearLinksPath, {{"sessionKey", *sessionKey}}, std::move(completion));
+    sendStatusRequest(protocol::kClearLinksPath, {{member::kSessionKey, *sessionKey}}, std::move(completion));
 }
 
 void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const std::string& deviceTag,
@@ -170,10 +175,10 @@ void DataService::addDeviceTagWithSessionKey(const SessionKey& sessionKey, const
         return;
     }
     sendStatusRequest(protocol::kTagUpdatePath,
-                      {{"sessionKey", *sessionKey},
-                       {"tag", deviceTag},
-                       {"tagValue", deviceTagValue},
-                       {"groupTag", groupTag}},
+                      {{member::kSessionKey, *sessionKey},
+                       {member::kTag, deviceTag},
+                       {member::kTagValue, deviceTagValue},
+                       {member::kGroupTag, groupTag}},
                       std::move(completion));
 }
 
@@ -182,9 +187,10 @@ void DataService::deleteDeviceTagWithSessionKey(const SessionKey& sessionKey, co
     if (!sessionKey) {
         return;
     }
-    sendStatusRequest(protocol::kTagDeletePath,
-                      {{"sessionKey", *sessionKey}, {"tag", deviceTag}, {"groupTag", groupTag}},
-                      std::move(completion));
+    sendStatusRequest(
+        protocol::kTagDeletePath,
+        {{member::kSessionKey, *sessionKey}, {member::kTag, deviceTag}, {member::kGroupTag, groupTag}},
+        std::move(completion));
 }
 
 void DataService::requestSessionWithBody(const Json& body, AnswerCompletion completion) {

@@ -205,7 +205,7 @@ void OutcomeTracker::addResponse(double t, const std::string& path, const json& 
     if (!body.is_object()) {
         return;
     }
-    const auto places = body.find("places");
+    const auto places = body.find(protocol::member::kPlaces);
     if (places == body.end() || !places->is_array()) {
         return;
     }
@@ -214,34 +214,34 @@ void OutcomeTracker::addResponse(double t, const std::string& path, const json& 
             if (!record.is_object()) {
                 continue;
             }
-            const std::string eventId = idText(record.value("eventId", json()));
-            const std::string placeId = idText(record.value("placeId", json()));
+            const std::string eventId = idText(record.value(protocol::member::kEventId, json()));
+            const std::string placeId = idText(record.value(protocol::member::kPlaceId, json()));
             if (eventId.empty() || placeId.empty() || index_.contains(key(eventId, placeId))) {
                 continue;
             }
             OfferOutcome outcome;
             outcome.eventId = eventId;
             outcome.placeId = placeId;
-            outcome.eventName = record.value("eventName", json("")).is_string()
-                                    ? record["eventName"].get<std::string>()
+            outcome.eventName = record.value(protocol::place::kEventName, json("")).is_string()
+                                    ? record[protocol::place::kEventName].get<std::string>()
                                     : std::string();
-            outcome.radius = record.value("centroidRadius", 0.0);
-            const json dwell = record.value("dwellTime", json(0));
+            outcome.radius = record.value(protocol::place::kRadius, 0.0);
+            const json dwell = record.value(protocol::place::kDwellTime, json(0));
             outcome.dwellMinutes = dwell.is_number() ? dwell.get<int>() : 0;
-            outcome.linkedBefore = record.value("isLinked", json(0)) == json(1);
-            outcome.latitude = record.value("centroidLat", 0.0);
-            outcome.longitude = record.value("centroidLon", 0.0);
+            outcome.linkedBefore = record.value(protocol::place::kIsLinked, json(0)) == json(1);
+            outcome.latitude = record.value(protocol::place::kLatitude, 0.0);
+            outcome.longitude = record.value(protocol::place::kLongitude, 0.0);
             index_[key(eventId, placeId)] = outcomes_.size();
             outcomes_.push_back(std::move(outcome));
         }
     } else if (path == protocol::kLinkPath && !places->empty() && places->front().is_object()) {
         const json& record = places->front();
-        OfferOutcome* o =
-            outcomeFor(idText(record.value("eventId", json())), idText(record.value("placeId", json())));
+        OfferOutcome* o = outcomeFor(idText(record.value(protocol::member::kEventId, json())),
+                                     idText(record.value(protocol::member::kPlaceId, json())));
         if (o != nullptr && !o->linkedAt) {
             o->linkedAt = t;
-            o->deviceEventId = idText(record.value("deviceEventId", json()));
-            o->suppressed = record.value("suppressMessage", json(0)) == json(1);
+            o->deviceEventId = idText(record.value(protocol::member::kDeviceEventId, json()));
+            o->suppressed = record.value(protocol::member::kSuppressMessage, json(0)) == json(1);
             byDeviceEvent_[*o->deviceEventId] = static_cast<std::size_t>(o - outcomes_.data());
         }
     }
@@ -252,14 +252,16 @@ void OutcomeTracker::addRequest(const std::string& path, const json& body) {
         return;
     }
     if (path == protocol::kLinkPath) {
-        if (OfferOutcome* o =
-                outcomeFor(idText(body.value("eventId", json())), idText(body.value("placeId", json())))) {
+        if (OfferOutcome* o = outcomeFor(idText(body.value(protocol::member::kEventId, json())),
+                                         idText(body.value(protocol::member::kPlaceId, json())))) {
             ++o->linkRequests;
         }
     } else if (path == protocol::kLinkStatusPath) {
-        if (const auto found = byDeviceEvent_.find(idText(body.value("deviceEventId", json())));
-            found != byDeviceEvent_.end() && body.value("statusCode", json()).is_string()) {
-            outcomes_[found->second].answers.push_back(body["statusCode"].get<std::string>());
+        if (const auto found =
+                byDeviceEvent_.find(idText(body.value(protocol::member::kDeviceEventId, json())));
+            found != byDeviceEvent_.end() && body.value(protocol::member::kStatusCode, json()).is_string()) {
+            outcomes_[found->second].answers.push_back(
+                body[protocol::member::kStatusCode].get<std::string>());
         }
     }
 }

@@ -18,6 +18,13 @@
 namespace tovrel::server {
 
 using nlohmann::json;
+namespace member = protocol::member;
+
+// The hot answers are written as text, with the contract's names.
+static_assert(std::string_view(member::kPlaces) == "places" &&
+              std::string_view(member::kStatus) == "status" &&
+              std::string_view(member::kDeviceEventId) == "deviceEventId" &&
+              std::string_view(member::kSuppressMessage) == "suppressMessage");
 
 namespace {
 
@@ -145,7 +152,8 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
     }
     try {
         if (route->route == Route::place) {
-            const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
+            const std::string keyHash =
+                sessionKeyHash(requireString(req, member::kSessionKey, limits::kSessionKey));
             std::optional<int64_t> device;
             {
                 ReaderLock lock(stateMutex_);
@@ -181,7 +189,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             return std::nullopt;
         }
         if (route->route == Route::log) {
-            const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
+            const std::string& deviceId = requireString(req, member::kDeviceId, limits::kDeviceId);
             if (!logLimiter_.allow(deviceId, steadyNow())) {
                 if (metrics_ != nullptr) {
                     metrics_->rateLimited();
@@ -558,7 +566,7 @@ void Service::cacheSessionLocked(const std::string& keyHash, int64_t device, dou
 }
 
 int64_t Service::authenticate(const json& req) {
-    const std::string keyHash = sessionKeyHash(requireString(req, "sessionKey", limits::kSessionKey));
+    const std::string keyHash = sessionKeyHash(requireString(req, member::kSessionKey, limits::kSessionKey));
     const double now = clock_();
     std::optional<int64_t> cached;
     {
@@ -623,7 +631,7 @@ std::string Service::session(const json& req) {
         store_->startSession(DeviceInfo{deviceId, deviceType, deviceModel, sdkKey}, keyHash, now);
     loadDeviceLocked(deviceRow);
     cacheSessionLocked(keyHash, deviceRow, now);
-    return json{{"sessionKey", key}}.dump();
+    return json{{member::kSessionKey, key}}.dump();
 }
 
 std::string Service::places(const json& req, std::string_view mediaBase) {
@@ -638,13 +646,13 @@ std::string Service::places(const json& req, std::string_view mediaBase) {
 }
 
 std::string Service::placesAnswer(const json& req, int64_t device, std::string_view mediaBase) {
-    const auto list = req.find("coordinatesList");
+    const auto list = req.find(member::kCoordinatesList);
     if (list == req.end() || !list->is_array() || list->empty() || !list->front().is_object()) {
         throw ApiError(400, "the member \"coordinatesList\" must be an array of {\"lat\", \"lon\"} objects");
     }
-    const double lat = requireNumber(list->front(), "lat", -90, 90);
-    const double lon = requireNumber(list->front(), "lon", -180, 180);
-    const double threshold = requireNumber(req, "distanceThreshold", 0, kMaxDistanceThreshold);
+    const double lat = requireNumber(list->front(), member::kLatitude, -90, 90);
+    const double lon = requireNumber(list->front(), member::kLongitude, -180, 180);
+    const double threshold = requireNumber(req, member::kDistanceThreshold, 0, kMaxDistanceThreshold);
     const double now = clock_();
 
     thread_local std::vector<SpatialIndex::Hit> hits;
@@ -742,8 +750,8 @@ void Service::linkQueuedLocked() {
 
 std::string Service::link(const json& req, std::string_view mediaBase) {
     const int64_t device = authenticate(req);
-    const int64_t eventId = requireId(req, "eventId");
-    const int64_t placeId = requireId(req, "placeId");
+    const int64_t eventId = requireId(req, member::kEventId);
+    const int64_t placeId = requireId(req, member::kPlaceId);
     const std::shared_ptr<const Catalog> cat = catalog();
     const Catalog::Place* place = cat->findPlace(placeId);
     const Catalog::Offer* offer = cat->findOffer(eventId);
@@ -790,8 +798,8 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
 std::string Service::update(const json& req) {
     static constexpr std::array<std::string_view, 4> kCodes = {"ack", "seen", "saved", "declined"};
     const int64_t device = authenticate(req);
-    const int64_t id = requireId(req, "deviceEventId");
-    const std::string& code = requireString(req, "statusCode", kCodes.size() * 8);
+    const int64_t id = requireId(req, member::kDeviceEventId);
+    const std::string& code = requireString(req, member::kStatusCode, kCodes.size() * 8);
     if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
@@ -815,24 +823,24 @@ std::string Service::clear(const json& req) {
 
 std::string Service::tagUpdate(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, "tag", limits::kTag);
-    const std::string& value = requireString(req, "tagValue", limits::kTagValue);
-    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
+    const std::string& tag = requireString(req, member::kTag, limits::kTag);
+    const std::string& value = requireString(req, member::kTagValue, limits::kTagValue);
+    const std::string group = optionalString(req, member::kGroupTag, limits::kGroupTag, "");
     writeOnly([&](Store& store) { store.setTag(device, group, tag, value, clock_()); });
     return kStatusOk;
 }
 
 std::string Service::tagDelete(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, "tag", limits::kTag);
-    const std::string group = optionalString(req, "groupTag", limits::kGroupTag, "");
+    const std::string& tag = requireString(req, member::kTag, limits::kTag);
+    const std::string group = optionalString(req, member::kGroupTag, limits::kGroupTag, "");
     writeOnly([&](Store& store) { store.deleteTag(device, group, tag); });
     return kStatusOk;
 }
 
 std::string Service::log(const json& req) {
-    const std::string& deviceId = requireString(req, "deviceid", limits::kDeviceId);
-    const auto message = req.find("message");
+    const std::string& deviceId = requireString(req, member::kDeviceId, limits::kDeviceId);
+    const auto message = req.find(member::kMessage);
     if (message == req.end()) {
         throw ApiError(400, "the request lacks the member \"message\"");
     }
