@@ -246,6 +246,12 @@ Reply Server::handle(std::string_view path, std::string_view body, std::string_v
     return {reply.status, std::move(reply.body)};
 }
 
+Reply Server::handle(std::string_view path, std::string_view body, const nlohmann::json& parsed,
+                     std::string_view mediaBase) {
+    ApiReply reply = impl_->service.handleRead(path, body, parsed, mediaBase);
+    return {reply.status, std::move(reply.body)};
+}
+
 ImportSummary Server::importGeoJson(const std::string& path) {
     return impl_->service.importGeoJson(path);
 }

@@ -227,5 +227,39 @@ TEST(Robustness, RandomBodiesNeitherCrashNorLoseData) {
     EXPECT_EQ(places.parsed().at("places").at(0).at("isLinked"), 1);
 }
 
+// An embedder that has read a body already (the simulator's in-process service) gets the answer its
+// text gets, refusals included.
+TEST(Robustness, ABodyReadAlreadyIsAnsweredAsItsText) {
+    ServerFixture fx;
+    const std::string key = fx.startSession("DEVICE-A");
+    const json place{{"sessionKey", key},
+                     {"coordinatesList", {{{"lat", "48.137"}, {"lon", "11.575"}}}},
+                     {"distanceThreshold", "8047"}};
+    std::string deep = "{\"sessionKey\":";
+    for (int i = 0; i < 40; ++i) {
+        deep += "[";
+    }
+    deep += std::string(40, ']') + "}";
+    const std::vector<std::pair<std::string, std::string>> requests = {
+        {"/v2/place", place.dump()},
+        {"/v2/place",
+         json{{"sessionKey", "unknown"}, {"coordinatesList", place.at("coordinatesList")}}.dump()},
+        {"/v2/place", json{{"sessionKey", key}}.dump()},
+        {"/v2/place", json{{"sessionKey", key}, {"coordinatesList", {{{"lat", "91"}, {"lon", "0"}}}}}.dump()},
+        {"/v2/place", deep},
+        {"/v2/place", json::array({1, 2}).dump()},
+        {"/v1/log", json{{"deviceid", "DEVICE-A"}, {"message", std::string(300 * 1024, 'x')}}.dump()},
+        {"/v1/log", json{{"deviceid", "DEVICE-A"}, {"message", json::array()}}.dump()},
+        {"/v1/deviceevent/link", json{{"sessionKey", key}, {"eventId", "x"}, {"placeId", "1"}}.dump()},
+        {"/v9/nothing", json::object().dump()},
+    };
+    for (const auto& [path, text] : requests) {
+        const Reply asText = fx.server().handle(path, text, "http://media");
+        const Reply asRead = fx.server().handle(path, text, json::parse(text), "http://media");
+        EXPECT_EQ(asRead.status, asText.status) << path << " " << text.substr(0, 80);
+        EXPECT_EQ(asRead.body, asText.body) << path << " " << text.substr(0, 80);
+    }
+}
+
 }  // namespace
 }  // namespace tovrel::server::test

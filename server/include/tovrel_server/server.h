@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -222,6 +223,10 @@ class Server {
     /// addresses; 404 for a path that is not an endpoint. Needs no start(). Any thread (blocks while the
     /// database is locked by another process); never throws.
     Reply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
+    /// handle() for a body its caller has already read as JSON (`parsed` must be what `body` reads
+    /// as): the same answer, without reading the body again. Any thread; never throws.
+    Reply handle(std::string_view path, std::string_view body, const nlohmann::json& parsed,
+                 std::string_view mediaBase);
 
     /// Imports a GeoJSON place file into this server's database and reloads the places.
     /// Throws ImportError with a message naming the file and the feature or line at fault.

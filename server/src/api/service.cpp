@@ -14,6 +14,7 @@
 #include "http/buffer_pool.h"
 #include "observability/log.h"
 #include "store/device_data.h"
+#include "tovrel/platform/json_text.h"
 
 namespace tovrel::server {
 
@@ -142,6 +143,20 @@ ApiReply Service::handle(std::string_view path, std::string_view body, std::stri
         return std::move(*reply);
     }
     return handleParsed(path, req, mediaBase);
+}
+
+ApiReply Service::handleRead(std::string_view path, std::string_view text, const json& body,
+                             std::string_view mediaBase) {
+    const ApiRoute* route = findApiRoute(path);
+    // Whatever the text would be refused for, it is refused for by reading it.
+    if (!body.is_object() || (route != nullptr && text.size() > route->bodyLimit) ||
+        !platform::jsonNestingWithin(text, static_cast<std::size_t>(kMaxBodyDepth))) {
+        return handle(path, text, mediaBase);
+    }
+    if (auto reply = answerInMemory(path, body, mediaBase)) {
+        return std::move(*reply);
+    }
+    return handleParsed(path, body, mediaBase);
 }
 
 std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,

@@ -111,6 +111,10 @@ class Service : private ChangeListener {
     /// Answers one request, using the database when it must. mediaBase is put before relative media
     /// addresses. Never throws. Any thread; blocks while the database is locked.
     ApiReply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
+    /// handle() for a body its caller has already read: `body` must be what `text` reads as. Answers
+    /// exactly as handle(path, text, mediaBase), without reading the text again. Never throws. Any thread.
+    ApiReply handleRead(std::string_view path, std::string_view text, const nlohmann::json& body,
+                        std::string_view mediaBase);
     /// Reads a request body: the object, or the error answer. Never throws. Any thread.
     static std::variant<nlohmann::json, ApiReply> parse(std::string_view path, std::string_view body);
     /// Answers from memory alone when it can: places for a session key held in memory, refusals of a

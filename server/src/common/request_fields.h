@@ -24,7 +24,9 @@ std::string errorJson(const std::string& message);
 
 /// Parses a request body that must be one JSON object; ApiError 400 otherwise (also for nesting
 /// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
-nlohmann::json parseObjectBody(std::string_view body, int maxDepth = 32);
+/// How deep a request body may nest arrays and objects.
+inline constexpr int kMaxBodyDepth = 32;
+nlohmann::json parseObjectBody(std::string_view body, int maxDepth = kMaxBodyDepth);
 
 /// A required string member of at most `maxBytes` bytes (field_limits.h); ApiError 400 naming the member
 /// when missing, of another type, longer, or holding a NUL character (which neither store keeps).
