@@ -15,7 +15,15 @@ AnalyticsManager& AnalyticsManager::instance() {
 
 void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
                                   Completion completion) {
-    const nlohmann::json body{{protocol::member::kDeviceId, deviceId}, {protocol::member::kMessage, message}};
+    logMessage(nlohmann::json(message), deviceId, std::move(completion));
+}
+
+void AnalyticsManager::logMessage(nlohmann::json&& message, const std::string& deviceId,
+                                  Completion completion) {
+    nlohmann::json body(nlohmann::json::value_t::object);
+    auto& members = body.get_ref<nlohmann::json::object_t&>();
+    members.emplace(protocol::member::kDeviceId, deviceId);
+    members.emplace(protocol::member::kMessage, std::move(message));
     const std::string url = serviceBaseURL_ + std::string(protocol::kLogPath);
     auto& log = *platform_.log;
     platform_.http->postJson(url, body,

@@ -54,6 +54,7 @@ nlohmann::json CheckLog::targetsJson() const {
 
 nlohmann::json toJson(const std::vector<HistoryRecord>& records) {
     nlohmann::json out = nlohmann::json::array();
+    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
     for (const auto& record : records) {
         out.push_back(toJson(record));
     }
@@ -62,6 +63,7 @@ nlohmann::json toJson(const std::vector<HistoryRecord>& records) {
 
 nlohmann::json toJson(const std::vector<TargetRecord>& records) {
     nlohmann::json out = nlohmann::json::array();
+    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
     for (const auto& record : records) {
         out.push_back(toJson(record));
     }

@@ -35,26 +35,29 @@ std::string offerMessage(const nlohmann::json& eventName, const nlohmann::json& 
     return describe(eventName) + "\n" + describe(alertText);
 }
 
+// Built member by member: thousands of records go out at once, and an initializer list copies each.
 nlohmann::json toJson(const HistoryRecord& record) {
-    return {
-        {"timestamp", format0f(record.timestamp)},
-        {"distance_from_target", formatF(record.distance)},
-        {"location_accuracy", format0f(record.desiredAccuracy)},
-        {"location_distancefilter", format0f(record.distanceFilter)},
-        {"target_size", formatF(record.radius)},
-        {"lat", formatF(record.latitude)},
-        {"lng", formatF(record.longitude)},
-    };
+    nlohmann::json out(nlohmann::json::value_t::object);
+    auto& members = out.get_ref<nlohmann::json::object_t&>();
+    members.emplace("timestamp", format0f(record.timestamp));
+    members.emplace("distance_from_target", formatF(record.distance));
+    members.emplace("location_accuracy", format0f(record.desiredAccuracy));
+    members.emplace("location_distancefilter", format0f(record.distanceFilter));
+    members.emplace("target_size", formatF(record.radius));
+    members.emplace("lat", formatF(record.latitude));
+    members.emplace("lng", formatF(record.longitude));
+    return out;
 }
 
 nlohmann::json toJson(const TargetRecord& record) {
     const hRegion* target = record.target.get();
-    return {
-        {"timestamp", format0f(record.timestamp)},
-        {"event_id", target != nullptr ? target->eventId : nlohmann::json()},
-        {"event_centroidlat", formatF(target != nullptr ? target->center.latitude : 0.0)},
-        {"event_centroidlon", formatF(target != nullptr ? target->center.longitude : 0.0)},
-    };
+    nlohmann::json out(nlohmann::json::value_t::object);
+    auto& members = out.get_ref<nlohmann::json::object_t&>();
+    members.emplace("timestamp", format0f(record.timestamp));
+    members.emplace("event_id", target != nullptr ? target->eventId : nlohmann::json());
+    members.emplace("event_centroidlat", formatF(target != nullptr ? target->center.latitude : 0.0));
+    members.emplace("event_centroidlon", formatF(target != nullptr ? target->center.longitude : 0.0));
+    return out;
 }
 
 namespace {
