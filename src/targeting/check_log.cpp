@@ -1,6 +1,19 @@
 #include "targeting/check_log.h"
 
 namespace tovrel::targeting {
+namespace {
+
+template <typename Record>
+nlohmann::json arrayOf(const std::vector<Record>& records) {
+    nlohmann::json out = nlohmann::json::array();
+    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
+    for (const Record& record : records) {
+        out.push_back(toJson(record));
+    }
+    return out;
+}
+
+}  // namespace
 
 void CheckLog::add(const HistoryRecord& history, TargetRecord target) {
     const platform::Lock lock(mutex_);
@@ -53,21 +66,11 @@ nlohmann::json CheckLog::targetsJson() const {
 }
 
 nlohmann::json toJson(const std::vector<HistoryRecord>& records) {
-    nlohmann::json out = nlohmann::json::array();
-    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
-    for (const auto& record : records) {
-        out.push_back(toJson(record));
-    }
-    return out;
+    return arrayOf(records);
 }
 
 nlohmann::json toJson(const std::vector<TargetRecord>& records) {
-    nlohmann::json out = nlohmann::json::array();
-    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
-    for (const auto& record : records) {
-        out.push_back(toJson(record));
-    }
-    return out;
+    return arrayOf(records);
 }
 
 }  // namespace tovrel::targeting
