@@ -2,8 +2,8 @@
 // JSON body and its members, and the request target as a static path; and to what it reads back from
 // what devices sent (a stored /v1/log message read as a day's positions); and to what webhook receivers
 // answer (Retry-After) and what an admin saves as an endpoint's address; and a draft previewed as an
-// import over a catalogue. Nothing may crash or trip a
-// sanitizer; refusals are ApiError (a 4xx) and nothing else.
+// import over a catalogue; and a place request read plainly, which must read as the general reader reads it.
+// Nothing may crash or trip a sanitizer; refusals are ApiError (a 4xx) and nothing else.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +16,7 @@
 #include "admin/admin_routes.h"
 #include "admin/catalogue_export.h"
 #include "admin/device_day.h"
+#include "api/place_query.h"
 #include "common/request_fields.h"
 #include "http/compression.h"
 #include "http/static_files.h"
@@ -86,6 +87,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (tovrel::server::acceptsGzip(text)) {
         std::string packed;
         (void)tovrel::server::gzipCompress(text, packed);
+    }
+    // A place request read plainly must be one the general reader reads to the same values.
+    if (const auto plain = tovrel::server::readPlainPlaceRequest(text)) {
+        try {
+            const nlohmann::json body = tovrel::server::parseObjectBody(text);
+            const nlohmann::json& at = body.at("coordinatesList").at(0);
+            if (tovrel::server::requireString(body, "sessionKey", 4096) != plain->sessionKey ||
+                tovrel::server::requireNumber(at, "lat", -90, 90) != plain->query.latitude ||
+                tovrel::server::requireNumber(at, "lon", -180, 180) != plain->query.longitude ||
+                tovrel::server::requireNumber(body, "distanceThreshold", 0, 50000) !=
+                    plain->query.threshold) {
+                std::abort();
+            }
+        } catch (const std::exception&) {
+            std::abort();
+        }
     }
     try {
         const nlohmann::json body = tovrel::server::parseObjectBody(text);

@@ -261,5 +261,96 @@ TEST(Robustness, ABodyReadAlreadyIsAnsweredAsItsText) {
     }
 }
 
+// Place requests written plainly are answered without building a JSON value; the answer is the one the
+// general reader gives, and whatever the plain reader does not take, the general reader answers.
+TEST(Robustness, PlainPlaceRequestsAreAnsweredAsTheGeneralReaderAnswersThem) {
+    ServerFixture fx;
+    const std::string key = fx.startSession("DEVICE-A");
+    ASSERT_EQ(fx.places(key, 48.137, 11.575).status, 200);
+    const auto body = [&key](const std::string& lat, const std::string& lon, const std::string& threshold) {
+        return R"({"sessionKey":")" + key + R"(","coordinatesList":[{"lat":)" + lat + R"(,"lon":)" + lon +
+               R"(}],"distanceThreshold":)" + threshold + "}";
+    };
+    std::vector<std::string> texts = {
+        body("48.137", "11.575", "8047"),
+        body("\"48.137\"", "\"11.575\"", "\"8047\""),
+        " \n{ \"distanceThreshold\" : 8047 , \"coordinatesList\" : [ { \"lon\" : 11.575 , \"lat\" : 48.137 } "
+        "] , "
+        "\"sessionKey\" : \"" +
+            key + "\" } \t",
+        R"({"sessionKey":")" + key + R"(","sessionKey":")" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":8047})",
+        R"({"sessionKey":")" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11},{"lat":1,"lon":1}],)"
+            R"("distanceThreshold":8047})",
+        R"({"sessionKey":")" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11,"alt":3}],"distanceThreshold":1})",
+        R"({"sessionKey":")" + key + R"(","coordinatesList":[],"distanceThreshold":1})",
+        R"({"sessionKey":")" + key + R"(","coordinatesList":[{"lat":48,"lon":11}]})",
+        R"({"sessionKey":")" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1,"x":1})",
+        R"({"\u0073essionKey":")" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1})",
+        R"({"sessionKey":"\u0041)" + key +
+            R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1})",
+        R"({"sessionKey":"unknown","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1})",
+        R"({"sessionKey":")" + std::string(300, 'k') +
+            R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1})",
+        R"({"sessionKey":")" + key + R"(","coordinatesList":[{"lat":48,"lon":11}],"distanceThreshold":1,})",
+        body("48", "11", "1") + "x",
+        body("48", "11", "1") + "{}",
+    };
+    for (const char* number : {"-0",
+                               "0",
+                               "01",
+                               "1.",
+                               ".5",
+                               "1e1",
+                               "1E+1",
+                               "4.8137e1",
+                               "\"4.8137e1\"",
+                               "\"+48\"",
+                               "\" 48\"",
+                               "\"48 \"",
+                               "\"nan\"",
+                               "\"inf\"",
+                               "1e400",
+                               "\"1e400\"",
+                               "90",
+                               "90.0000001",
+                               "-90",
+                               "-90.5",
+                               "\"0x30\"",
+                               "true",
+                               "null",
+                               "[48]",
+                               "\"\"",
+                               "-",
+                               "48.1370000000000000000000001",
+                               "2e-400",
+                               "18446744073709551616",
+                               "\"\u0034\"",
+                               "\"48\u0000\""}) {
+        texts.push_back(body(number, "11.575", "8047"));
+        texts.push_back(body("48.137", number, "8047"));
+        texts.push_back(body("48.137", "11.575", number));
+    }
+    RandomInput random(20261127);
+    for (int i = 0; i < 400; ++i) {
+        texts.push_back(random.damage(body("48.137154", "11.575400", "\"8047\"")));
+    }
+    for (const std::string& text : texts) {
+        const Reply plain = fx.server().handle("/v2/place", text, "http://media");
+        const json parsed = json::parse(text, nullptr, false);
+        if (parsed.is_discarded()) {
+            EXPECT_EQ(plain.status, 400) << text;
+            continue;
+        }
+        const Reply general = fx.server().handle("/v2/place", text, parsed, "http://media");
+        EXPECT_EQ(plain.status, general.status) << text;
+        EXPECT_EQ(plain.body, general.body) << text;
+    }
+}
+
 }  // namespace
 }  // namespace tovrel::server::test

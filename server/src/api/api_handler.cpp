@@ -73,11 +73,16 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
             reply.allow = "POST";
             return respond(std::move(reply));
         }
+        std::string base = mediaBase(request.host, request.tls);
+        if (route == Route::place) {
+            if (auto reply = service_.answerPlainPlaces(request.body, base)) {
+                return respond(replyOf(std::move(*reply), route));
+            }
+        }
         auto parsed = Service::parse(path, request.body);
         if (auto* refused = std::get_if<ApiReply>(&parsed)) {
             return respond(replyOf(std::move(*refused), route));
         }
-        std::string base = mediaBase(request.host, request.tls);
         nlohmann::json& req = std::get<nlohmann::json>(parsed);
         if (auto reply = service_.answerInMemory(path, req, base)) {
             return respond(replyOf(std::move(*reply), route));

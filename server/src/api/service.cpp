@@ -134,6 +134,11 @@ std::variant<json, ApiReply> Service::parse(std::string_view path, std::string_v
 }
 
 ApiReply Service::handle(std::string_view path, std::string_view body, std::string_view mediaBase) {
+    if (path == protocol::kPlacePath) {
+        if (auto reply = answerPlainPlaces(body, mediaBase)) {
+            return std::move(*reply);
+        }
+    }
     auto parsed = parse(path, body);
     if (auto* refused = std::get_if<ApiReply>(&parsed)) {
         return std::move(*refused);
@@ -159,6 +164,39 @@ ApiReply Service::handleRead(std::string_view path, std::string_view text, const
     return handleParsed(path, body, mediaBase);
 }
 
+std::optional<int64_t> Service::deviceInMemory(std::string_view sessionKey) {
+    const std::string keyHash = sessionKeyHash(sessionKey);
+    ReaderLock lock(stateMutex_);
+    const std::optional<int64_t> device = cachedDeviceLocked(keyHash, clock_());
+    if (!device) {
+        return std::nullopt;
+    }
+    const auto links = devices_.find(*device);
+    if (links == devices_.end() || links->second.stale) {
+        return std::nullopt;
+    }
+    return device;
+}
+
+std::optional<ApiReply> Service::answerPlainPlaces(std::string_view body, std::string_view mediaBase) {
+    if (body.size() > kMaxRequestBody) {
+        return std::nullopt;
+    }
+    const std::optional<PlainPlaceRequest> request = readPlainPlaceRequest(body);
+    if (!request) {
+        return std::nullopt;
+    }
+    try {
+        const std::optional<int64_t> device = deviceInMemory(request->sessionKey);
+        if (!device) {
+            return std::nullopt;
+        }
+        return ApiReply{200, placesAnswer(request->query, *device, mediaBase)};
+    } catch (const ApiError& e) {
+        return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
 std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,
                                                 std::string_view mediaBase) {
     const ApiRoute* route = findApiRoute(path);
@@ -167,19 +205,8 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
     }
     try {
         if (route->route == Route::place) {
-            const std::string keyHash =
-                sessionKeyHash(requireString(req, member::kSessionKey, limits::kSessionKey));
-            std::optional<int64_t> device;
-            {
-                ReaderLock lock(stateMutex_);
-                device = cachedDeviceLocked(keyHash, clock_());
-                if (device) {
-                    const auto links = devices_.find(*device);
-                    if (links == devices_.end() || links->second.stale) {
-                        return std::nullopt;
-                    }
-                }
-            }
+            const std::optional<int64_t> device =
+                deviceInMemory(requireString(req, member::kSessionKey, limits::kSessionKey));
             if (!device) {
                 return std::nullopt;
             }
@@ -665,9 +692,17 @@ std::string Service::placesAnswer(const json& req, int64_t device, std::string_v
     if (list == req.end() || !list->is_array() || list->empty() || !list->front().is_object()) {
         throw ApiError(400, "the member \"coordinatesList\" must be an array of {\"lat\", \"lon\"} objects");
     }
-    const double lat = requireNumber(list->front(), member::kLatitude, -90, 90);
-    const double lon = requireNumber(list->front(), member::kLongitude, -180, 180);
-    const double threshold = requireNumber(req, member::kDistanceThreshold, 0, kMaxDistanceThreshold);
+    PlaceQuery query;
+    query.latitude = requireNumber(list->front(), member::kLatitude, -90, 90);
+    query.longitude = requireNumber(list->front(), member::kLongitude, -180, 180);
+    query.threshold = requireNumber(req, member::kDistanceThreshold, 0, kMaxDistanceThreshold);
+    return placesAnswer(query, device, mediaBase);
+}
+
+std::string Service::placesAnswer(const PlaceQuery& query, int64_t device, std::string_view mediaBase) {
+    const double lat = query.latitude;
+    const double lon = query.longitude;
+    const double threshold = query.threshold;
     const double now = clock_();
 
     thread_local std::vector<SpatialIndex::Hit> hits;

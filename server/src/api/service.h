@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <variant>
 
+#include "api/place_query.h"
 #include "catalog/catalog.h"
 #include "common/rate_limiter.h"
 #include "observability/metrics.h"
@@ -89,8 +90,6 @@ class Logger;
 
 class Service : private ChangeListener {
   public:
-    /// The widest search /v2/place accepts, in metres (the component asks for 8047).
-    static constexpr double kMaxDistanceThreshold = 50'000;
     /// The most records one /v2/place answer carries: the nearest ones.
     static constexpr std::size_t kMaxPlaceRecords = 1'000;
     /// The places and offers a catalogue holds beside the part it shares, in changes in place, before it
@@ -111,6 +110,9 @@ class Service : private ChangeListener {
     /// Answers one request, using the database when it must. mediaBase is put before relative media
     /// addresses. Never throws. Any thread; blocks while the database is locked.
     ApiReply handle(std::string_view path, std::string_view body, std::string_view mediaBase);
+    /// A place request written plainly (readPlainPlaceRequest), for a session held in memory, answered
+    /// without building a JSON value; nullopt: read the body and answer it as any request. Any thread.
+    std::optional<ApiReply> answerPlainPlaces(std::string_view body, std::string_view mediaBase);
     /// handle() for a body its caller has already read: `body` must be what `text` reads as. Answers
     /// exactly as handle(path, text, mediaBase), without reading the text again. Never throws. Any thread.
     ApiReply handleRead(std::string_view path, std::string_view text, const nlohmann::json& body,
@@ -298,6 +300,10 @@ class Service : private ChangeListener {
     std::shared_ptr<const Catalog> swapCatalogLocked(std::shared_ptr<const Catalog> fresh,
                                                      std::uint64_t version) TOVREL_REQUIRES(rebuildMutex_);
     std::string placesAnswer(const nlohmann::json& req, int64_t device, std::string_view mediaBase);
+    std::string placesAnswer(const PlaceQuery& query, int64_t device, std::string_view mediaBase);
+    /// The device of a session key held in memory whose links are current; nullopt: ask the database.
+    /// ApiError 401 for a key that has expired.
+    std::optional<int64_t> deviceInMemory(std::string_view sessionKey);
     /// Runs a write that changes nothing held in memory: at once where the store takes several,
     /// under the writers' lock elsewhere.
     template <typename Write>

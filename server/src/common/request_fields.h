@@ -22,10 +22,11 @@ class ApiError : public std::runtime_error {
 /// message may quote the request) are replaced, never a reason to fail. Pure.
 std::string errorJson(const std::string& message);
 
-/// Parses a request body that must be one JSON object; ApiError 400 otherwise (also for nesting
-/// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
 /// How deep a request body may nest arrays and objects.
 inline constexpr int kMaxBodyDepth = 32;
+
+/// Parses a request body that must be one JSON object; ApiError 400 otherwise (also for nesting
+/// deeper than maxDepth, which would otherwise make printing the value recurse without bound).
 nlohmann::json parseObjectBody(std::string_view body, int maxDepth = kMaxBodyDepth);
 
 /// A required string member of at most `maxBytes` bytes (field_limits.h); ApiError 400 naming the member
