@@ -54,6 +54,7 @@ HEADER_LAYERS = {
     "notification_names.h": "foundation",
     "preferences_keys.h": "foundation",
     "protocol.h": "ports",
+    "offer_sink.h": "targeting",
 }
 
 # Headers outside the component that it may include (generated build configuration).

@@ -26,11 +26,11 @@ class AnalyticsManager;
 class DataService;
 class Environment;
 class LaunchCheckers;
+class OfferSink;
 struct hRegion;
 
 namespace targeting {
 class CheckLog;
-class OfferSink;
 class SharedTargets;
 struct NearestSet;
 }  // namespace targeting
@@ -74,9 +74,9 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     /// Any thread. A monitor on `environment`'s ports and shared instances that hands its offers to
     /// `offers`.
     static std::shared_ptr<LocationManager> create(Environment& environment,
-                                                   std::shared_ptr<targeting::OfferSink> offers);
+                                                   std::shared_ptr<OfferSink> offers);
     /// Any thread.
-    LocationManager(const Collaborators& collaborators, std::shared_ptr<targeting::OfferSink> offers);
+    LocationManager(const Collaborators& collaborators, std::shared_ptr<OfferSink> offers);
     ~LocationManager() override;
     LocationManager(const LocationManager&) = delete;
     LocationManager& operator=(const LocationManager&) = delete;
@@ -257,7 +257,7 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     bool accuracyError_ = false;
     bool deviceHasExited_ = false;
     std::vector<ObserverToken> observers_;
-    const std::shared_ptr<targeting::OfferSink> offers_;
+    const std::shared_ptr<OfferSink> offers_;
 };
 
 }  // namespace tovrel

@@ -58,7 +58,7 @@ void OfferDesk::keep(const nlohmann::json& places) {
     offers_.push_back(places);
 }
 
-void OfferDesk::deliver(const targeting::LinkedOffer& offer, bool withOfferView) {
+void OfferDesk::deliver(const LinkedOffer& offer, bool withOfferView) {
     TOVREL_ASSERT_MAIN_THREAD(*platform_.mainLoop);
     switch (offer.eventTypeId) {
         case 2:

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "targeting/offer_sink.h"
 #include "tovrel/location_manager.h"
+#include "tovrel/offer_sink.h"
 #include "tovrel/platform/platform.h"
 #include "tovrel/platform/thread_annotations.h"
 
@@ -28,7 +28,7 @@ namespace delivery {
 /// Always owned through a std::shared_ptr (create()): alerts and timers call back into it.
 ///
 /// Threads: offers() from any thread, everything else on the main loop.
-class OfferDesk final : public targeting::OfferSink, public std::enable_shared_from_this<OfferDesk> {
+class OfferDesk final : public OfferSink, public std::enable_shared_from_this<OfferDesk> {
   public:
     /// Any thread. A desk on `platform`'s ports that posts on `center` and reports the user's answers
     /// through `service`. It holds the three by reference, as the monitor holds its environment: the
@@ -40,7 +40,7 @@ class OfferDesk final : public targeting::OfferSink, public std::enable_shared_f
     static std::shared_ptr<OfferDesk> create(Environment& environment);
 
     void keep(const nlohmann::json& places) override;
-    void deliver(const targeting::LinkedOffer& offer, bool withOfferView) override;
+    void deliver(const LinkedOffer& offer, bool withOfferView) override;
     void notify(const std::string& message, int deviceEventId, bool withOfferView) override;
     void showEventAlert(const std::string& message, int deviceEventId, bool withOfferView) override;
     void releaseHeld(const Notification& notification, bool withOfferView) override;

@@ -6,7 +6,6 @@
 #include "foundation/value.h"
 #include "targeting/check_log.h"
 #include "targeting/monitor_support.h"
-#include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/shared_targets.h"
 #include "tovrel/analytics_manager.h"
@@ -14,6 +13,7 @@
 #include "tovrel/location_archive.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/offer_sink.h"
 #include "tovrel/preferences_keys.h"
 
 namespace tovrel {

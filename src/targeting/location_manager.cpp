@@ -3,23 +3,22 @@
 #include "context/toast.h"
 #include "foundation/value.h"
 #include "targeting/check_log.h"
-#include "targeting/offer_sink.h"
 #include "targeting/proximity_policy.h"
 #include "targeting/shared_targets.h"
 #include "tovrel/environment.h"
+#include "tovrel/offer_sink.h"
 
 namespace tovrel {
 
 std::shared_ptr<LocationManager> LocationManager::create(Environment& environment,
-                                                         std::shared_ptr<targeting::OfferSink> offers) {
+                                                         std::shared_ptr<OfferSink> offers) {
     return std::make_shared<LocationManager>(
         Collaborators{environment.platform(), environment.notificationCenter(), environment.dataService(),
                       environment.analyticsManager(), environment.launchCheckers()},
         std::move(offers));
 }
 
-LocationManager::LocationManager(const Collaborators& collaborators,
-                                 std::shared_ptr<targeting::OfferSink> offers)
+LocationManager::LocationManager(const Collaborators& collaborators, std::shared_ptr<OfferSink> offers)
     : platform_(collaborators.platform),
       center_(collaborators.notificationCenter),
       service_(collaborators.dataService),

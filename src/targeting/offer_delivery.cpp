@@ -1,8 +1,8 @@
 // The monitor's offer-delivery members: each forwards to the offer sink, with the presentation
 // switches the session copied onto the monitor.
-#include "targeting/offer_sink.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/offer_sink.h"
 
 namespace tovrel {
 

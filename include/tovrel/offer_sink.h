@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tovrel/export.h"
 #include "tovrel/platform/main_loop.h"
 #include "tovrel/platform/notifications.h"
 
@@ -14,8 +15,6 @@ namespace tovrel {
 
 struct Notification;
 struct OfferViewRequest;
-
-namespace targeting {
 
 /// An offer the service linked to a visit: the link answer's device event, the message built from
 /// the target, and how the target wants it delivered.
@@ -27,8 +26,9 @@ struct LinkedOffer {
 
 /// Where the location monitor hands the offers it links, and where the views and the user's answers
 /// reach them: keeps the pending offers and the held message, delivers them as a local notification
-/// or the event alert, opens the offer view. The monitor owns one; the delivery layer implements it.
-class OfferSink {
+/// or the event alert, opens the offer view. The monitor owns one; the component's delivery implements
+/// it (a test may put its own in its place).
+class TOVREL_EXPORT OfferSink {
   public:
     virtual ~OfferSink() = default;
 
@@ -69,5 +69,4 @@ class OfferSink {
     [[nodiscard]] virtual const std::optional<platform::LocalNotification>& lastNotification() const = 0;
 };
 
-}  // namespace targeting
 }  // namespace tovrel
