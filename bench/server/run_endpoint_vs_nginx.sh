@@ -146,7 +146,7 @@ measure() {
             "$(median "${ours[@]}")" "$oc" "${ours[*]}"
         printf '  nginx %-21s %8.0f req/s %6.1f us CPU/request (runs: %s)\n' "$path" \
             "$(median "${theirs[@]}")" "$tc" "${theirs[*]}"
-        printf '  ratio (median of the pairs) %8.2f       CPU %.1fx nginx'"'"'s (pairs: %s)\n' \
+        printf '  ratio (median of the pairs) %8.2f       CPU %.2fx nginx'"'"'s (pairs: %s)\n' \
             "$(median "${ratios[@]}")" "$(awk -v a="$oc" -v b="$tc" 'BEGIN {print (b > 0) ? a / b : 0}')" \
             "${ratios[*]}"
     done
