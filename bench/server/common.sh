@@ -125,9 +125,11 @@ clk_tck=$(getconf CLK_TCK)
 # cpu_ticks PID: user + system clock ticks of PID (all its threads) and of its children (nginx's
 # workers, PostgreSQL's backends). Fields 14 and 15 of /proc/PID/stat, after the command's name.
 cpu_ticks() {
-    local total=0 p
+    local total=0 p ticks
     for p in "$1" $(cat /proc/"$1"/task/*/children 2>/dev/null); do
-        total=$((total + $(sed 's/^.*) //' "/proc/$p/stat" 2>/dev/null | awk '{print $12 + $13}')))
+        # A child that ended between the listing and the reading counts nothing.
+        ticks=$(sed 's/^.*) //' "/proc/$p/stat" 2>/dev/null | awk '{print $12 + $13}')
+        total=$((total + ${ticks:-0}))
     done
     echo "$total"
 }

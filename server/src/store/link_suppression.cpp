@@ -18,46 +18,72 @@ std::string seconds(double t) {
 
 }  // namespace
 
-LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now) {
+std::vector<double> capWindowStarts(const NewLink& link, double now) {
+    std::vector<double> starts;
+    if (link.rules != nullptr) {
+        for (const FrequencyCap& cap : link.rules->caps) {
+            starts.push_back(now - static_cast<double>(cap.seconds));
+        }
+    }
+    return starts;
+}
+
+double fatigueWindowStart(double now) {
+    return now - 86400;
+}
+
+LinkVerdict linkVerdict(const NewLink& link, const LinkContext& context, double now) {
     LinkFacts facts;
     facts.outsideSchedule = link.outsideSchedule;
+    const AppRules appRules = context.deviceId ? appRulesFrom(context.appRules) : AppRules{};
+    facts.quietHours = !facts.outsideSchedule && appRules.quietHours && appRules.quietHours->contains(now);
+    const CampaignRules noRules;
+    const CampaignRules& rules = link.rules ? *link.rules : noRules;
+    facts.control =
+        rules.controlGroup > 0 && context.deviceId && context.controlGroupKey &&
+        inControlGroup(*context.controlGroupKey, *context.deviceId, link.campaignName, rules.controlGroup);
+    facts.perDeviceCap = link.perDeviceCap;
+    facts.liveLinks = context.liveInCampaign;
+    facts.caps = &rules.caps;
+    facts.deliveredInCap = context.deliveredInCap;
+    facts.deliveredInCap.resize(rules.caps.size());
+    facts.dailyOfferCap = appRules.dailyOfferCap;
+    facts.deliveredToday = context.deliveredToday;
+    return {decideLink(facts), facts.control};
+}
+
+LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now) {
+    LinkContext context;
     const std::string who = std::to_string(device);
     const auto app = db.rows(
         "SELECT d.device_id, coalesce(a.rules, '') FROM devices d LEFT JOIN apps a ON "
         "a.key = d.app_key WHERE d.id = " +
         who);
-    const AppRules appRules = app.empty() ? AppRules{} : appRulesFrom(app.front()[1]);
-    facts.quietHours = !facts.outsideSchedule && appRules.quietHours && appRules.quietHours->contains(now);
-    const CampaignRules noRules;
-    const CampaignRules& rules = link.rules ? *link.rules : noRules;
-    if (rules.controlGroup > 0 && !app.empty()) {
-        const auto key = db.rows("SELECT value FROM settings WHERE name = 'control_group_key'");
-        facts.control = !key.empty() &&
-                        inControlGroup(key.front()[0], app.front()[0], link.campaignName, rules.controlGroup);
+    if (!app.empty()) {
+        context.deviceId = app.front()[0];
+        context.appRules = app.front()[1];
     }
-    if (facts.outsideSchedule || facts.quietHours || facts.control) {
-        return {decideLink(facts), facts.control};
+    const auto key = db.rows("SELECT value FROM settings WHERE name = 'control_group_key'");
+    if (!key.empty()) {
+        context.controlGroupKey = key.front()[0];
     }
     const std::string campaign = std::to_string(link.campaign);
-    facts.perDeviceCap = link.perDeviceCap;
     if (link.perDeviceCap) {
-        facts.liveLinks = count(db, "SELECT count(*) FROM device_events WHERE device = " + who +
-                                        " AND campaign = " + campaign + " AND cleared_at IS NULL");
+        context.liveInCampaign = count(db, "SELECT count(*) FROM device_events WHERE device = " + who +
+                                               " AND campaign = " + campaign + " AND cleared_at IS NULL");
     }
     // Only what reached the device counts toward a cap: held-back links were never seen.
     const std::string delivered =
         "SELECT count(*) FROM device_events WHERE device = " + who + " AND NOT suppressed";
-    facts.caps = &rules.caps;
-    for (const FrequencyCap& cap : rules.caps) {
-        facts.deliveredInCap.push_back(count(db, delivered + " AND campaign = " + campaign +
-                                                     " AND created_at > " +
-                                                     seconds(now - static_cast<double>(cap.seconds))));
+    for (const double start : capWindowStarts(link, now)) {
+        context.deliveredInCap.push_back(
+            count(db, delivered + " AND campaign = " + campaign + " AND created_at > " + seconds(start)));
     }
-    facts.dailyOfferCap = appRules.dailyOfferCap;
-    if (appRules.dailyOfferCap) {
-        facts.deliveredToday = count(db, delivered + " AND created_at > " + seconds(now - 86400));
+    if (!context.appRules.empty()) {
+        context.deliveredToday =
+            count(db, delivered + " AND created_at > " + seconds(fatigueWindowStart(now)));
     }
-    return {decideLink(facts), false};
+    return linkVerdict(link, context, now);
 }
 
 std::optional<HeldBackLink> readHeldBack(const SqlSource& db, int64_t deviceEvent) {

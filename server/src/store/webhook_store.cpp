@@ -101,24 +101,29 @@ std::string_view statusEventType(std::string_view statusCode) {
     return "";
 }
 
-int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
-                     std::optional<int64_t> endpoint) {
+OutboxInsert outboxInsert(const OutboxEvent& event, double now, std::optional<int64_t> endpoint) {
     const std::string type(event.type);
-    std::vector<SqlParam> params{
-        newMessageId(),    type,           event.device ? sqlNumber(*event.device) : std::nullopt,
-        event.data.dump(), sqlNumber(now), sqlNumber(now)};
-    std::string sql =
+    OutboxInsert insert{
         "INSERT INTO webhook_messages(message_id, endpoint, type, device, data, created_at, next_attempt) "
         "SELECT CAST(? AS TEXT), id, CAST(? AS TEXT), CAST(? AS BIGINT), CAST(? AS TEXT), CAST(? AS DOUBLE "
-        "PRECISION), CAST(? AS DOUBLE PRECISION) FROM webhook_endpoints WHERE ";
+        "PRECISION), CAST(? AS DOUBLE PRECISION) FROM webhook_endpoints WHERE ",
+        {newMessageId(), type, event.device ? sqlNumber(*event.device) : std::nullopt, event.data.dump(),
+         sqlNumber(now), sqlNumber(now)}};
     if (endpoint) {
-        sql += "enabled = 1 AND id = CAST(? AS BIGINT)";
-        params.push_back(sqlNumber(*endpoint));
+        insert.sql += "enabled = 1 AND id = CAST(? AS BIGINT)";
+        insert.params.push_back(sqlNumber(*endpoint));
     } else {
-        sql += takesType("webhook_endpoints", "CAST(? AS TEXT)");
-        params.push_back(typePattern(type));
+        insert.sql += takesType("webhook_endpoints", "CAST(? AS TEXT)");
+        insert.params.push_back(typePattern(type));
     }
-    return static_cast<int64_t>(db.query(sql + " RETURNING id", params).size());
+    insert.sql += " RETURNING id";
+    return insert;
+}
+
+int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
+                     std::optional<int64_t> endpoint) {
+    const OutboxInsert insert = outboxInsert(event, now, endpoint);
+    return static_cast<int64_t>(db.query(insert.sql, insert.params).size());
 }
 
 OutboxEvent sessionStarted(const DeviceInfo& device, int64_t deviceRow) {

@@ -33,9 +33,17 @@ struct OutboxEvent {
     nlohmann::json data = nlohmann::json::object();
 };
 
-/// Queues `event` in the caller's transaction, as one message for every enabled endpoint that takes its
-/// type (or for `endpoint` alone), all under one new message id. Returns the messages queued. Caller's
-/// thread.
+/// The statement that queues `event` as one message for every enabled endpoint that takes its type (or
+/// for `endpoint` alone), all under one new message id: SQL with `?` placeholders, and its parameters.
+/// Any thread.
+struct OutboxInsert {
+    std::string sql;
+    std::vector<SqlParam> params;
+};
+OutboxInsert outboxInsert(const OutboxEvent& event, double now,
+                          std::optional<int64_t> endpoint = std::nullopt);
+
+/// Runs outboxInsert() in the caller's transaction. Returns the messages queued. Caller's thread.
 int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
                      std::optional<int64_t> endpoint = std::nullopt);
 

@@ -255,6 +255,20 @@ DatabaseBusy PgConnection::pipelineLost(const char* what) {
 }
 
 std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements) {
+    return runPipeline(statements, nullptr);
+}
+
+std::vector<PgResult> PgConnection::execPipelined(std::span<const PgStatement* const> statements) {
+    std::vector<PgResult> rows;
+    rows.reserve(statements.size());
+    if (std::optional<PgRefusal> refusal = runPipeline(statements, &rows)) {
+        throw std::move(refusal->error);
+    }
+    return rows;
+}
+
+std::optional<PgRefusal> PgConnection::runPipeline(std::span<const PgStatement* const> statements,
+                                                   std::vector<PgResult>* rows) {
     if (PQenterPipelineMode(conn_) != 1) {
         throw pipelineLost("pipeline");
     }
@@ -263,9 +277,9 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
         ~Exit() { PQexitPipelineMode(conn); }
     } exitPipeline{conn_};
     std::vector<std::string> preparing;
-    const std::vector<std::size_t> expected = sendPipeline(statements, preparing);
+    const std::vector<Expected> expected = sendPipeline(statements, preparing);
     std::optional<DatabaseBusy> unavailable;
-    std::optional<PgRefusal> refusal = readPipeline(expected, unavailable);
+    std::optional<PgRefusal> refusal = readPipeline(expected, unavailable, rows);
     if (unavailable || refusal) {
         for (const std::string& sql : preparing) {
             prepared_.erase(sql);
@@ -277,13 +291,14 @@ std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement*
     return refusal;
 }
 
-std::vector<std::size_t> PgConnection::sendPipeline(std::span<const PgStatement* const> statements,
-                                                    std::vector<std::string>& preparing) {
+std::vector<PgConnection::Expected> PgConnection::sendPipeline(std::span<const PgStatement* const> statements,
+                                                               std::vector<std::string>& preparing) {
     // Each text is parsed and planned once per connection: a statement of its own is sent before its
     // first use. Names are never reused, so a preparation lost with a failed pipeline cannot clash.
-    std::vector<std::size_t> expected;
+    std::vector<Expected> expected;
     std::vector<const char*> values;
-    for (const PgStatement* statement : statements) {
+    for (std::size_t index = 0; index < statements.size(); ++index) {
+        const PgStatement* statement = statements[index];
         auto name = prepared_.find(statement->sql);
         if (name == prepared_.end()) {
             name = prepared_.emplace(statement->sql, "tovrel_" + std::to_string(++preparedCount_)).first;
@@ -292,7 +307,7 @@ std::vector<std::size_t> PgConnection::sendPipeline(std::span<const PgStatement*
                 throw pipelineLost("prepare");
             }
             preparing.push_back(statement->sql);
-            expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
+            expected.push_back({index, true});
         }
         values.clear();
         for (const PgParam& p : statement->params) {
@@ -302,7 +317,7 @@ std::vector<std::size_t> PgConnection::sendPipeline(std::span<const PgStatement*
                                 nullptr, nullptr, 0) != 1) {
             throw pipelineLost("send");
         }
-        expected.push_back(static_cast<std::size_t>(&statement - statements.data()));
+        expected.push_back({index, false});
     }
     // Without BEGIN, everything up to the sync is one transaction, committed at the sync.
     if (PQpipelineSync(conn_) != 1) {
@@ -311,8 +326,9 @@ std::vector<std::size_t> PgConnection::sendPipeline(std::span<const PgStatement*
     return expected;
 }
 
-std::optional<PgRefusal> PgConnection::readPipeline(const std::vector<std::size_t>& expected,
-                                                    std::optional<DatabaseBusy>& unavailable) {
+std::optional<PgRefusal> PgConnection::readPipeline(const std::vector<Expected>& expected,
+                                                    std::optional<DatabaseBusy>& unavailable,
+                                                    std::vector<PgResult>* rows) {
     std::optional<PgRefusal> refusal;
     std::size_t next = 0;
     // Results come in the order sent, each followed by a null, until the sync's. An error after the
@@ -326,13 +342,19 @@ std::optional<PgRefusal> PgConnection::readPipeline(const std::vector<std::size_
             continue;
         }
         nulls = 0;
-        const PgResult result(raw);
+        PgResult result(raw);
         const ExecStatusType status = PQresultStatus(raw);
         if (status == PGRES_PIPELINE_SYNC) {
             return refusal;
         }
         const bool ofStatement = next < expected.size();
-        const std::size_t index = ofStatement ? expected[next++] : 0;
+        const Expected of = ofStatement ? expected[next++] : Expected{};
+        if (status == PGRES_TUPLES_OK || status == PGRES_COMMAND_OK) {
+            if (rows != nullptr && ofStatement && !of.preparation) {
+                rows->push_back(std::move(result));
+            }
+            continue;
+        }
         if (status != PGRES_FATAL_ERROR || refusal || unavailable) {
             continue;
         }
@@ -343,7 +365,7 @@ std::optional<PgRefusal> PgConnection::readPipeline(const std::vector<std::size_
         if (!ofStatement || state.empty() || meansUnavailable(state)) {
             unavailable.emplace("the database is unavailable: " + message);
         } else {
-            refusal = PgRefusal{index, PgError("database error: " + message, state)};
+            refusal = PgRefusal{of.index, PgError("database error: " + message, state)};
         }
     }
 }
@@ -449,8 +471,8 @@ SqlRows allRows(const PgResult& result) {
     return rows;
 }
 
-// The shared SQL marks parameters with '?', which PostgreSQL spells $1..$n; the SQL that uses it has no
-// question mark inside a literal.
+}  // namespace
+
 std::string numberedParameters(const std::string& sql) {
     std::string out;
     out.reserve(sql.size() + 16);
@@ -464,8 +486,6 @@ std::string numberedParameters(const std::string& sql) {
     }
     return out;
 }
-
-}  // namespace
 
 SqlSource pgSource(PgConnection& conn) {
     return SqlSource{[&conn](const std::string& sql) { return allRows(conn.exec(sql)); },

@@ -79,6 +79,19 @@ PgParam pgParam(const std::optional<T>& v) {
     return v ? pgParam(*v) : std::nullopt;
 }
 
+/// A PostgreSQL array literal of numbers, for a parameter such as ANY(CAST($n AS bigint[])). Pure.
+template <typename Number>
+std::string numberArray(const std::vector<Number>& values) {
+    std::string out = "{";
+    for (const Number v : values) {
+        if (out.size() > 1) {
+            out += ',';
+        }
+        out += *pgParam(v);
+    }
+    return out + "}";
+}
+
 /// One statement with parameters $1..$n, to be run later.
 struct PgStatement {
     std::string sql;
@@ -119,6 +132,10 @@ class PgConnection {
     /// nullopt when they committed; else the statement refused (nothing was written). Throws
     /// DatabaseBusy when the connection fails or a refusal means "not now".
     std::optional<PgRefusal> execTogether(std::span<const PgStatement* const> statements);
+    /// Sends every statement at once (pipeline mode) in the transaction the caller began, and returns
+    /// their rows in order: one round trip for all. Throws as exec() does for the first statement
+    /// refused; the transaction is then aborted, and the statements after it did not run.
+    std::vector<PgResult> execPipelined(std::span<const PgStatement* const> statements);
     /// Starts `COPY ... FROM STDIN` (see PgCopy); throws as exec() does.
     void beginCopy(std::string_view sql);
     /// Sends rows of the copy begun; throws DatabaseBusy when the connection fails.
@@ -145,14 +162,24 @@ class PgConnection {
     [[noreturn]] void fail(const PGresult* raw);
     /// What to throw when a pipeline broke; the connection is then not handed out again.
     DatabaseBusy pipelineLost(const char* what);
+    /// A result a pipeline waits for: of statement `index`, or of its preparation.
+    struct Expected {
+        std::size_t index = 0;
+        bool preparation = false;
+    };
     /// Sends each statement (prepared first when this connection has not met its text; the texts it
-    /// prepares go to `preparing`) and the sync. Per result to come, in order: the statement's index.
-    std::vector<std::size_t> sendPipeline(std::span<const PgStatement* const> statements,
-                                          std::vector<std::string>& preparing);
+    /// prepares go to `preparing`) and the sync. Per result to come, in order: what it is of.
+    std::vector<Expected> sendPipeline(std::span<const PgStatement* const> statements,
+                                       std::vector<std::string>& preparing);
     /// Reads the results up to the sync: the statement refused first, if any; `unavailable` is set
-    /// when a failure means the database cannot take the work now.
-    std::optional<PgRefusal> readPipeline(const std::vector<std::size_t>& expected,
-                                          std::optional<DatabaseBusy>& unavailable);
+    /// when a failure means the database cannot take the work now. The statements' results go to
+    /// `rows` when given.
+    std::optional<PgRefusal> readPipeline(const std::vector<Expected>& expected,
+                                          std::optional<DatabaseBusy>& unavailable,
+                                          std::vector<PgResult>* rows = nullptr);
+    /// Runs the statements as a pipeline and forgets the preparations of one that failed.
+    std::optional<PgRefusal> runPipeline(std::span<const PgStatement* const> statements,
+                                         std::vector<PgResult>* rows);
 
     PGconn* conn_ = nullptr;
     /// Statement names by text, of the statements execTogether() prepared on this connection.
@@ -248,5 +275,9 @@ class PgPool {
 
 /// The SQL that both dialects share, run on `conn` (the caller's for as long as the source is used).
 SqlSource pgSource(PgConnection& conn);
+
+/// `sql` with the shared SQL's `?` placeholders spelled $1..$n, as PostgreSQL takes them. The SQL has no
+/// question mark inside a literal. Pure.
+std::string numberedParameters(const std::string& sql);
 
 }  // namespace tovrel::server

@@ -21,19 +21,6 @@ using nlohmann::json;
 
 namespace {
 
-// A PostgreSQL array literal of numbers, for ANY($n::bigint[]).
-template <typename Number>
-std::string numberArray(const std::vector<Number>& values) {
-    std::string out = "{";
-    for (const Number v : values) {
-        if (out.size() > 1) {
-            out += ',';
-        }
-        out += *pgParam(v);
-    }
-    return out + "}";
-}
-
 json nullableInteger(const PgResult& r, int row, int col) {
     return r.isNull(row, col) ? json(nullptr) : json(r.integer(row, col));
 }
@@ -103,73 +90,6 @@ std::vector<LinkRow> PgStore::liveLinks(int64_t device) {
     return links;
 }
 
-LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
-    auto conn = pool_.acquire();
-    PgTransaction tx(*conn);
-    const LinkRow row = addLinkOn(*conn, device, link, now);
-    tx.commit();
-    return row;
-}
-
-std::vector<LinkResult> PgStore::addLinks(std::span<const LinkRequest> links, double now) {
-    if (!group_ || links.size() < 2) {
-        return Store::addLinks(links, now);
-    }
-    // Devices locked in ascending order: two replicas' batches wait for each other, never deadlock.
-    std::vector<std::size_t> order(links.size());
-    std::iota(order.begin(), order.end(), std::size_t{0});
-    std::stable_sort(order.begin(), order.end(),
-                     [&](std::size_t a, std::size_t b) { return links[a].device < links[b].device; });
-    std::vector<std::optional<LinkRow>> rows(links.size());
-    try {
-        auto conn = pool_.acquire();
-        PgTransaction tx(*conn);
-        for (const std::size_t i : order) {
-            rows[i] = addLinkOn(*conn, links[i].device, *links[i].link, now);
-        }
-        tx.commit();
-        group_->countCommit(links.size());
-    } catch (...) {
-        // Rare (an erased device, a lost connection): the batch rolled back, each link goes again alone.
-        return Store::addLinks(links, now);
-    }
-    std::vector<LinkResult> results;
-    results.reserve(links.size());
-    for (std::optional<LinkRow>& row : rows) {
-        results.emplace_back(*row);
-    }
-    return results;
-}
-
-LinkRow PgStore::addLinkOn(PgConnection& conn, int64_t device, const NewLink& link, double now) {
-    // Replicas link one device in turn: the cap is counted from committed rows, not from a replica's
-    // memory, and the unique index stays a second line of defence.
-    if (conn.exec("SELECT 1 FROM devices WHERE id = $1 FOR UPDATE", device).rows() == 0) {
-        throw DeviceGone("the device was erased");
-    }
-    const PgResult live = conn.exec(
-        "SELECT id, suppressed, suppressed_by FROM device_events WHERE device = $1 AND offer = $2 AND place "
-        "= "
-        "$3 AND cleared_at IS NULL",
-        device, link.offer, link.place);
-    if (live.rows() > 0) {
-        return LinkRow{live.integer(0, 0), link.offer,         link.place,
-                       link.campaign,      live.boolean(0, 1), suppressionFrom(live.text(0, 2))};
-    }
-    const LinkVerdict verdict = linkSuppression(pgSource(conn), device, link, now);
-    const Suppression reason = verdict.reason;
-    const bool suppressed = reason != Suppression::none;
-    const PgResult inserted = conn.exec(
-        "INSERT INTO device_events(device, offer, place, campaign, suppressed, suppressed_by, control_group, "
-        "created_at) VALUES($1, $2, $3, $4, $5, $6, $7, $8) RETURNING id",
-        device, link.offer, link.place, link.campaign, suppressed, std::string(suppressionName(reason)),
-        verdict.control ? 1 : 0, now);
-    const LinkRow row{inserted.integer(0, 0), link.offer, link.place, link.campaign, suppressed, reason};
-    enqueueEvent(pgSource(conn), visitLinked(device, row, link.campaignName), now);
-    notifyDeviceChanged(conn, device);
-    return row;
-}
-
 std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
     auto conn = pool_.acquire();
     const PgResult r =
@@ -210,11 +130,6 @@ void PgStore::clearLinks(int64_t device, double now) {
         notifyDeviceChanged(*conn, device);
     }
     tx.commit();
-}
-
-void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {
-    conn.exec("SELECT pg_notify('" + std::string(kDeviceChannel) + "', $1)",
-              std::to_string(device) + ' ' + origin_);
 }
 
 void PgStore::write(PgStatement statement) {

@@ -83,12 +83,14 @@ class PgStore final : public Store {
   private:
     /// The row of the device with this identifier.
     static std::optional<int64_t> findDevice(PgConnection& conn, const std::string& deviceId);
-    /// addLink()'s statements on a connection in a transaction the caller commits.
-    LinkRow addLinkOn(PgConnection& conn, int64_t device, const NewLink& link, double now);
+    /// Records `links` in the transaction the caller began on `conn` and commits, each as addLink()
+    /// would: the devices' rows locked in ascending order. Throws DeviceGone for an erased device.
+    std::vector<LinkRow> addLinksOn(PgConnection& conn, std::span<const LinkRequest> links, double now);
     /// Runs a write of one statement: in a commit shared with the writes around it (group_), or alone.
     void write(PgStatement statement);
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
+    PgStatement deviceChanged(int64_t device) const;
 
     std::string location_;
     StoreOptions options_;
