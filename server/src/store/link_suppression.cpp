@@ -6,14 +6,8 @@
 namespace tovrel::server {
 namespace {
 
-int64_t count(const SqlSource& db, const std::string& sql) {
-    const auto rows = db.rows(sql);
+int64_t count(const SqlRows& rows) {
     return rows.empty() || rows.front().empty() ? 0 : std::stoll(rows.front().front());
-}
-
-// Seconds as SQL: whole numbers print exactly, and the rest needs no more than microseconds.
-std::string seconds(double t) {
-    return std::to_string(t);
 }
 
 }  // namespace
@@ -53,35 +47,40 @@ LinkVerdict linkVerdict(const NewLink& link, const LinkContext& context, double 
 }
 
 LinkVerdict linkSuppression(const SqlSource& db, int64_t device, const NewLink& link, double now) {
+    // Parameters, not numbers in the text: the statements are prepared once per connection.
     LinkContext context;
-    const std::string who = std::to_string(device);
-    const auto app = db.rows(
-        "SELECT d.device_id, coalesce(a.rules, '') FROM devices d LEFT JOIN apps a ON "
-        "a.key = d.app_key WHERE d.id = " +
-        who);
+    const SqlParam who = sqlNumber(device);
+    const SqlParam campaign = sqlNumber(link.campaign);
+    const auto app = db.query(
+        "SELECT d.device_id, coalesce(a.rules, '') FROM devices d LEFT JOIN apps a ON a.key = d.app_key "
+        "WHERE d.id = CAST(? AS BIGINT)",
+        {who});
     if (!app.empty()) {
         context.deviceId = app.front()[0];
         context.appRules = app.front()[1];
     }
-    const auto key = db.rows("SELECT value FROM settings WHERE name = 'control_group_key'");
+    const auto key = db.query("SELECT value FROM settings WHERE name = 'control_group_key'", {});
     if (!key.empty()) {
         context.controlGroupKey = key.front()[0];
     }
-    const std::string campaign = std::to_string(link.campaign);
     if (link.perDeviceCap) {
-        context.liveInCampaign = count(db, "SELECT count(*) FROM device_events WHERE device = " + who +
-                                               " AND campaign = " + campaign + " AND cleared_at IS NULL");
+        context.liveInCampaign =
+            count(db.query("SELECT count(*) FROM device_events WHERE device = CAST(? AS "
+                           "BIGINT) AND campaign = CAST(? AS BIGINT) AND cleared_at IS NULL",
+                           {who, campaign}));
     }
     // Only what reached the device counts toward a cap: held-back links were never seen.
-    const std::string delivered =
-        "SELECT count(*) FROM device_events WHERE device = " + who + " AND NOT suppressed";
     for (const double start : capWindowStarts(link, now)) {
-        context.deliveredInCap.push_back(
-            count(db, delivered + " AND campaign = " + campaign + " AND created_at > " + seconds(start)));
+        context.deliveredInCap.push_back(count(db.query(
+            "SELECT count(*) FROM device_events WHERE device = CAST(? AS BIGINT) AND NOT suppressed AND "
+            "campaign = CAST(? AS BIGINT) AND created_at > CAST(? AS DOUBLE PRECISION)",
+            {who, campaign, sqlNumber(start)})));
     }
     if (!context.appRules.empty()) {
-        context.deliveredToday =
-            count(db, delivered + " AND created_at > " + seconds(fatigueWindowStart(now)));
+        context.deliveredToday = count(db.query(
+            "SELECT count(*) FROM device_events WHERE device = CAST(? AS BIGINT) AND NOT suppressed AND "
+            "created_at > CAST(? AS DOUBLE PRECISION)",
+            {who, sqlNumber(fatigueWindowStart(now))}));
     }
     return linkVerdict(link, context, now);
 }

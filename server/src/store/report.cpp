@@ -67,13 +67,14 @@ SqlRows allRows(Statement& st) {
 }  // namespace
 
 SqlSource sqliteSource(Database& db) {
+    // SQL without parameters spells its numbers: kept, it would push out the statements that come again.
     return SqlSource{[&db](const std::string& sql) {
-                         Statement st = db.prepare(sql);
+                         Statement st = db.prepareOnce(sql);
                          return allRows(st);
                      },
                      [](const std::string& seconds) { return "date(" + seconds + ", 'unixepoch')"; },
                      [&db](const std::string& sql) {
-                         db.prepare(sql).run();
+                         db.prepareOnce(sql).run();
                          return db.changes();
                      },
                      "",

@@ -115,11 +115,10 @@ std::vector<LinkRow> PgStore::addLinksOn(PgConnection& conn, std::span<const Lin
         for (const std::size_t i : round) {
             const LinkRequest& r = links[i];
             reads.push_back(statement(kLockDevice, r.device));
-            reads.push_back(PgStatement{kLinkContext,
-                                        {pgParam(r.device), pgParam(r.link->offer), pgParam(r.link->place),
-                                         pgParam(r.link->campaign),
-                                         numberArray(capWindowStarts(*r.link, now)),
-                                         pgParam(fatigueWindowStart(now))}});
+            reads.push_back(PgStatement{
+                kLinkContext,
+                {pgParam(r.device), pgParam(r.link->offer), pgParam(r.link->place), pgParam(r.link->campaign),
+                 numberArray(capWindowStarts(*r.link, now)), pgParam(fatigueWindowStart(now))}});
         }
         const std::vector<PgResult> read = conn.execPipelined(pointers(reads));
         std::vector<PgStatement> writes;
@@ -131,17 +130,18 @@ std::vector<LinkRow> PgStore::addLinksOn(PgConnection& conn, std::span<const Lin
                 throw DeviceGone("the device was erased");
             }
             if (!context.isNull(0, 3)) {
-                rows[i] = LinkRow{context.integer(0, 3), r.link->offer,           r.link->place,
-                                  r.link->campaign,      context.boolean(0, 4), suppressionFrom(context.text(0, 5))};
+                rows[i] = LinkRow{context.integer(0, 3), r.link->offer,
+                                  r.link->place,         r.link->campaign,
+                                  context.boolean(0, 4), suppressionFrom(context.text(0, 5))};
                 continue;
             }
             const LinkVerdict verdict = linkVerdict(*r.link, contextFrom(context), now);
             const bool suppressed = verdict.reason != Suppression::none;
-            rows[i] = LinkRow{context.integer(0, 9), r.link->offer, r.link->place, r.link->campaign, suppressed,
-                              verdict.reason};
-            writes.push_back(statement(kInsertLink, rows[i].id, r.device, r.link->offer, r.link->place,
-                                       r.link->campaign, suppressed, std::string(suppressionName(verdict.reason)),
-                                       verdict.control ? 1 : 0, now));
+            rows[i] = LinkRow{context.integer(0, 9), r.link->offer, r.link->place,
+                              r.link->campaign,      suppressed,    verdict.reason};
+            writes.push_back(statement(
+                kInsertLink, rows[i].id, r.device, r.link->offer, r.link->place, r.link->campaign, suppressed,
+                std::string(suppressionName(verdict.reason)), verdict.control ? 1 : 0, now));
             OutboxInsert outbox = outboxInsert(visitLinked(r.device, rows[i], r.link->campaignName), now);
             writes.push_back(PgStatement{numberedParameters(outbox.sql), std::move(outbox.params)});
             writes.push_back(deviceChanged(r.device));
@@ -155,7 +155,8 @@ std::vector<LinkRow> PgStore::addLinksOn(PgConnection& conn, std::span<const Lin
 }
 
 PgStatement PgStore::deviceChanged(int64_t device) const {
-    return statement("SELECT pg_notify($1, $2)", std::string(kDeviceChannel), std::to_string(device) + ' ' + origin_);
+    return statement("SELECT pg_notify($1, $2)", std::string(kDeviceChannel),
+                     std::to_string(device) + ' ' + origin_);
 }
 
 void PgStore::notifyDeviceChanged(PgConnection& conn, int64_t device) {

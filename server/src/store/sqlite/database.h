@@ -92,6 +92,9 @@ class Database {
     void exec(const std::string& sql);
     /// The statement for `sql`: one this connection prepared before and got back, or a new one.
     Statement prepare(std::string_view sql);
+    /// A statement for `sql` that is finalized after its use, not kept: for SQL that spells its values
+    /// and will not come again, which would otherwise push out the statements that do.
+    Statement prepareOnce(std::string_view sql) { return Statement(db_, sql); }
     int64_t lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
     /// Rows the last INSERT, UPDATE or DELETE changed.
     int64_t changes() const { return sqlite3_changes64(db_); }
