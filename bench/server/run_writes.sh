@@ -27,7 +27,8 @@ writes, fewer when commits share a flush), the CPU time per request of the serve
 Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR,
 ENDPOINTS (a subset of the three, space-separated), LOG_DB=apart (the first server keeps log messages
 in a database of their own), BASELINE_SERVER (a tovrel-server built elsewhere: the second server is it,
-with group commit on, so that the ratio compares two builds).
+with group commit BASELINE_COMMIT, default on, so that the ratio compares two builds; off compares
+this build with another's writes committed one at a time).
 USAGE
 }
 [[ "${1:-}" == "--help" || "${1:-}" == "-h" ]] && { usage; exit 0; }
@@ -49,7 +50,7 @@ start_postgres "$tmp"
 (umask 077 && printf 'bench-admin-token-0123456789' >"$tmp/token")
 
 declare -A port key server_pid label=([on]=on [off]=off)
-[[ -n ${BASELINE_SERVER:-} ]] && label[off]="on, baseline"
+[[ -n ${BASELINE_SERVER:-} ]] && label[off]="${BASELINE_COMMIT:-on}, baseline"
 [[ ${LOG_DB:-} == apart ]] && label[on]="on, logs apart"
 logs_apart=()
 if [[ ${LOG_DB:-} == apart ]]; then
@@ -63,7 +64,7 @@ for mode in on off; do
     if [[ $mode == on ]]; then
         extra=("${logs_apart[@]}")
     elif [[ -n ${BASELINE_SERVER:-} ]]; then
-        program=$BASELINE_SERVER commit=on
+        program=$BASELINE_SERVER commit=${BASELINE_COMMIT:-on}
     fi
     "$program" serve --db "$pg_db" --listen "127.0.0.1:${port[$mode]}" --admin-listen "127.0.0.1:$admin" \
         --admin-token-file "$tmp/token" --access-log off --log-rate-limit 0 --group-commit "$commit" \

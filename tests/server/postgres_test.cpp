@@ -354,6 +354,62 @@ TEST_F(Postgres, LinksArrivingTogetherAreRecordedTogetherAndStillCountEachOther)
         (std::vector<std::string>{"TOGETHER-A|3", "TOGETHER-B|3"}));
 }
 
+TEST_F(Postgres, ABatchOfLinksKeepsEachDevicesCountsAndAnErasedDeviceFailsAlone) {
+    const std::string db = TestPostgres::shared()->newDatabase();
+    PgStore store(db, StoreOptions{});
+    queryRows(db,
+              "INSERT INTO webhook_endpoints(url, event_types, secret, created_at) VALUES "
+              "('https://hooks.example/visits', 'visit.linked', 'secret', 0)");
+    constexpr double kNow = 1.8e9;
+    std::vector<int64_t> devices;
+    for (const char* id : {"BATCH-A", "BATCH-B", "BATCH-GONE"}) {
+        devices.push_back(store.startSession(DeviceInfo{id, "iOS", "phone", "demo-key"}, id, kNow - 600));
+    }
+    ASSERT_TRUE(store.eraseDevice("BATCH-GONE"));
+    CampaignRules twoADay;
+    twoADay.caps.push_back(FrequencyCap{2, "day", 86400});
+    std::vector<NewLink> asked;
+    for (int offer = 1; offer <= 3; ++offer) {
+        asked.push_back(NewLink{offer, 10, 5, std::nullopt, "Two a day", &twoADay, false});
+    }
+    const auto outcomes = [&](const std::vector<LinkRequest>& batch) {
+        std::vector<std::string> out;
+        for (const LinkResult& result : store.addLinks(batch, kNow)) {
+            if (const auto* row = std::get_if<LinkRow>(&result)) {
+                out.push_back(std::to_string(row->id) + (row->suppressed ? " held" : " shown"));
+            } else {
+                EXPECT_THROW(std::rethrow_exception(std::get<std::exception_ptr>(result)), DeviceGone);
+                out.emplace_back("gone");
+            }
+        }
+        return out;
+    };
+    // Out of order, a device's links count the ones before them in the batch.
+    const std::vector<std::string> first = outcomes({{devices[1], &asked[0]},
+                                                     {devices[0], &asked[0]},
+                                                     {devices[1], &asked[1]},
+                                                     {devices[0], &asked[1]},
+                                                     {devices[1], &asked[2]}});
+    ASSERT_EQ(first.size(), 5U);
+    EXPECT_EQ(std::set<std::string>(first.begin(), first.end()).size(), 5U);
+    for (const std::size_t shown : {0, 1, 2, 3}) {
+        EXPECT_TRUE(first[shown].ends_with(" shown")) << first[shown];
+    }
+    EXPECT_TRUE(first[4].ends_with(" held")) << first[4];
+    // A batch with an erased device fails that link alone; a pair linked again is the same link.
+    const std::vector<std::string> second =
+        outcomes({{devices[2], &asked[0]}, {devices[0], &asked[2]}, {devices[0], &asked[0]}});
+    ASSERT_EQ(second.size(), 3U);
+    EXPECT_EQ(second[0], "gone");
+    EXPECT_TRUE(second[1].ends_with(" held")) << second[1];
+    EXPECT_EQ(second[2], first[1]);
+    // Each new link's webhook message names the link's own id.
+    EXPECT_EQ(queryRows(db,
+                        "SELECT count(*) FROM device_events e JOIN webhook_messages m ON m.type = "
+                        "'visit.linked' AND CAST(m.data AS json)->>'deviceEventId' = CAST(e.id AS text)"),
+              std::vector<std::string>{"6"});
+}
+
 TEST_F(Postgres, ADeviceErasedThroughOneReplicaIsUnknownToTheOthers) {
     ServerFixture first(onPostgres([](ServerOptions& o) {
         o.adminAddress = "127.0.0.1";
