@@ -39,10 +39,12 @@ std::size_t multiByteLength(const unsigned char* p, const unsigned char* end) {
 }
 
 /// Reads one well-formed JSON text into a value. Every read returns false at the first thing it
-/// leaves to the full parser; the value is then incomplete and dropped.
+/// leaves to the full parser, nesting deeper than the limit among them; the value is then incomplete
+/// and dropped.
 class Reader {
   public:
-    explicit Reader(std::string_view text) : p_(text.data()), end_(text.data() + text.size()) {}
+    Reader(std::string_view text, std::size_t limit)
+        : p_(text.data()), end_(text.data() + text.size()), depthLeft_(limit) {}
 
     bool document(Json& out) {
         skipSpace();
@@ -98,6 +100,10 @@ class Reader {
     }
 
     bool object(Json& out) {
+        if (depthLeft_ == 0) {
+            return false;
+        }
+        const Nested nested(depthLeft_);
         ++p_;
         out = Json::object();
         auto& members = out.get_ref<Json::object_t&>();
@@ -140,6 +146,10 @@ class Reader {
     }
 
     bool array(Json& out) {
+        if (depthLeft_ == 0) {
+            return false;
+        }
+        const Nested nested(depthLeft_);
         ++p_;
         out = Json::array();
         auto& items = out.get_ref<Json::array_t&>();
@@ -293,18 +303,26 @@ class Reader {
         }
     }
 
+    /// One level deeper for its scope.
+    struct Nested {
+        explicit Nested(std::size_t& left) : left_(--left) {}
+        ~Nested() { ++left_; }
+        Nested(const Nested&) = delete;
+        Nested& operator=(const Nested&) = delete;
+        std::size_t& left_;
+    };
+
     const char* p_;
     const char* end_;
+    std::size_t depthLeft_;  ///< how many more arrays and objects may open inside the current one
 };
 
 }  // namespace
 
 platform::JsonText readJsonText(std::string_view text, std::size_t limit) {
-    if (platform::jsonNestingWithin(text, limit)) {
-        platform::JsonText result;
-        if (Reader(text).document(result.value)) {
-            return result;
-        }
+    platform::JsonText result;
+    if (Reader(text, limit).document(result.value)) {
+        return result;
     }
     return platform::parseJsonText(text, limit);
 }
