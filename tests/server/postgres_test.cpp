@@ -10,6 +10,7 @@
 #include <set>
 #include <thread>
 
+#include "store/postgres/pg_bulk_load.h"
 #include "store/postgres/pg_group_commit.h"
 #include "store/postgres/pg_store.h"
 #include "support/wait_until.h"
@@ -596,6 +597,60 @@ TEST_F(Postgres, ImportedTextsKeepEveryCharacterAndNumbersEveryDigitAndAnImportA
               std::vector<std::string>{"Renamed"});
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT offer FROM place_offers WHERE place = 7"),
               std::vector<std::string>{"72"});
+}
+
+TEST_F(Postgres, AnImportIntoAnEmptyCatalogueLoadsInBulkAndLeavesTheSchemaAsItWas) {
+    const std::string db = TestPostgres::shared()->newDatabase();
+    PgStore store(db, StoreOptions{});
+    const auto schema = [&] {
+        return queryRows(
+            db,
+            "SELECT conname || ' ' || pg_get_constraintdef(oid) FROM pg_constraint WHERE conrelid "
+            "IN ('offers'::regclass, 'places'::regclass, 'place_offers'::regclass) UNION ALL "
+            "SELECT indexdef FROM pg_indexes WHERE tablename IN ('offers', 'places', "
+            "'place_offers') ORDER BY 1");
+    };
+    const auto spatialIndex = [&] { return queryRows(db, "SELECT 'places_location'::regclass::oid"); };
+    const std::vector<std::string> before = schema();
+    const std::vector<std::string> indexBefore = spatialIndex();
+    const auto catalogue = [](int places, int64_t missingOffer) {
+        CatalogData data;
+        data.campaigns.emplace_back();
+        data.campaigns.back().name = "Bulk";
+        for (int i = 1; i <= places; ++i) {
+            data.offers.push_back(OfferDef{i, "Bulk", "E", "A", "", "", "", 0, 3});
+            data.places.push_back(PlaceDef{i, "P", 48 + i * 1e-5, 11.5, 50, {i}});
+        }
+        if (missingOffer != 0) {
+            data.places.back().offers.push_back(missingOffer);
+        }
+        return data;
+    };
+    constexpr auto kPlaces = static_cast<int>(PgBulkLoad::kMinPlaces);
+
+    // A link to an offer that is not there fails the whole load, and the schema is as it was.
+    EXPECT_THROW(store.writeCatalog(catalogue(kPlaces, 999'999), 1.8e9), PgError);
+    EXPECT_EQ(schema(), before);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM places"), std::vector<std::string>{"0"});
+
+    store.writeCatalog(catalogue(kPlaces, 0), 1.8e9);
+    EXPECT_EQ(schema(), before);
+    EXPECT_NE(spatialIndex(), indexBefore) << "the load did not go in bulk";
+    EXPECT_EQ(queryRows(db,
+                        "SELECT count(*) FROM places JOIN place_offers ON place = places.id JOIN offers "
+                        "ON offers.id = offer"),
+              std::vector<std::string>{std::to_string(kPlaces)});
+    EXPECT_EQ(queryRows(db,
+                        "SELECT count(*) FROM places WHERE ST_DWithin(location, ST_MakePoint(11.5, "
+                        "48.00001)::geography, 1)"),
+              std::vector<std::string>{"1"});
+    // Into a catalogue in use, row by row: the index stays, and a place is replaced.
+    const std::vector<std::string> indexAfter = spatialIndex();
+    CatalogData again = catalogue(kPlaces, 0);
+    again.places.front().name = "Renamed";
+    store.writeCatalog(again, 1.8e9);
+    EXPECT_EQ(spatialIndex(), indexAfter);
+    EXPECT_EQ(queryRows(db, "SELECT name FROM places WHERE id = 1"), std::vector<std::string>{"Renamed"});
 }
 
 TEST_F(Postgres, PlacesCanBeAskedForBySpatialSql) {

@@ -12,6 +12,7 @@
 #include "store/admin_store.h"
 #include "store/device_data.h"
 #include "store/link_suppression.h"
+#include "store/postgres/pg_bulk_load.h"
 #include "store/report.h"
 #include "store/webhook_store.h"
 
@@ -180,17 +181,23 @@ namespace {
 // statement each: no statement per row or batch to parse, and each index and trigger met once.
 // `offer(i)` and `place(i)` give rows by value or by reference: a catalogue read as a stream makes each
 // when asked, so that none is held expanded.
+// Into an empty catalogue (`direct`), straight into its tables: there is nothing to replace.
 template <typename OfferAt>
 void copyOffers(PgConnection& conn, std::size_t count, const OfferAt& offer,
-                const std::map<std::string, int64_t>& campaigns) {
+                const std::map<std::string, int64_t>& campaigns, bool direct) {
     if (count == 0) {
         return;
     }
-    conn.exec(
-        "CREATE TEMP TABLE tovrel_import_offers(id bigint, campaign bigint, event_name text, "
-        "alert_text text, media_type text, media_url text, tags text, dwell_time integer, "
-        "event_type integer) ON COMMIT DROP");
-    PgCopy copy(conn, "COPY tovrel_import_offers FROM STDIN");
+    if (!direct) {
+        conn.exec(
+            "CREATE TEMP TABLE tovrel_import_offers(id bigint, campaign bigint, event_name text, "
+            "alert_text text, media_type text, media_url text, tags text, dwell_time integer, "
+            "event_type integer) ON COMMIT DROP");
+    }
+    PgCopy copy(conn, direct
+                          ? "COPY offers(id, campaign, event_name, alert_text, media_type, media_url, tags, "
+                            "dwell_time, event_type) FROM STDIN"
+                          : "COPY tovrel_import_offers FROM STDIN");
     for (std::size_t i = 0; i < count; ++i) {
         const auto& o = offer(i);
         copy.field(o.id).field(campaigns.at(o.campaign)).field(o.eventName).field(o.alertText);
@@ -198,6 +205,9 @@ void copyOffers(PgConnection& conn, std::size_t count, const OfferAt& offer,
         copy.endRow();
     }
     copy.finish();
+    if (direct) {
+        return;
+    }
     conn.exec(
         "INSERT INTO offers(id, campaign, event_name, alert_text, media_type, media_url, tags, dwell_time, "
         "event_type) SELECT * FROM tovrel_import_offers ON CONFLICT(id) DO UPDATE SET campaign = "
@@ -207,22 +217,27 @@ void copyOffers(PgConnection& conn, std::size_t count, const OfferAt& offer,
 }
 
 template <typename PlaceAt>
-void copyPlaces(PgConnection& conn, std::size_t count, const PlaceAt& place) {
+void copyPlaces(PgConnection& conn, std::size_t count, const PlaceAt& place, bool direct) {
     if (count == 0) {
         return;
     }
-    conn.exec(
-        "CREATE TEMP TABLE tovrel_import_places(id bigint, name text, lat float8, lon float8, radius float8) "
-        "ON COMMIT DROP; CREATE TEMP TABLE tovrel_import_place_offers(place bigint, offer bigint) ON COMMIT "
-        "DROP");
-    PgCopy places(conn, "COPY tovrel_import_places FROM STDIN");
+    if (!direct) {
+        conn.exec(
+            "CREATE TEMP TABLE tovrel_import_places(id bigint, name text, lat float8, lon float8, radius "
+            "float8) ON COMMIT DROP; CREATE TEMP TABLE tovrel_import_place_offers(place bigint, offer "
+            "bigint) "
+            "ON COMMIT DROP");
+    }
+    PgCopy places(conn, direct ? "COPY places(id, name, lat, lon, radius) FROM STDIN"
+                               : "COPY tovrel_import_places FROM STDIN");
     for (std::size_t i = 0; i < count; ++i) {
         const auto& p = place(i);
         places.field(p.id).field(p.name).field(p.lat).field(p.lon).field(p.radius);
         places.endRow();
     }
     places.finish();
-    PgCopy links(conn, "COPY tovrel_import_place_offers FROM STDIN");
+    PgCopy links(conn, direct ? "COPY place_offers(place, offer) FROM STDIN"
+                              : "COPY tovrel_import_place_offers FROM STDIN");
     for (std::size_t i = 0; i < count; ++i) {
         const auto& p = place(i);
         for (const int64_t o : p.offers) {
@@ -231,6 +246,9 @@ void copyPlaces(PgConnection& conn, std::size_t count, const PlaceAt& place) {
         }
     }
     links.finish();
+    if (direct) {
+        return;
+    }
     conn.exec(
         "INSERT INTO places(id, name, lat, lon, radius) SELECT * FROM tovrel_import_places "
         "ON CONFLICT(id) DO UPDATE SET name = excluded.name, lat = excluded.lat, lon = excluded.lon, "
@@ -265,8 +283,13 @@ ImportSummary writeRows(PgConnection& conn, const std::vector<AppDef>& apps,
                           ? r.integer(0, 0)
                           : conn.exec("SELECT id FROM campaigns WHERE name = $1", c.name).integer(0, 0);
     }
-    copyOffers(conn, offerCount, offer, ids);
-    copyPlaces(conn, placeCount, place);
+    std::optional<PgBulkLoad> bulk =
+        placeCount >= PgBulkLoad::kMinPlaces ? PgBulkLoad::begin(conn) : std::nullopt;
+    copyOffers(conn, offerCount, offer, ids, bulk.has_value());
+    copyPlaces(conn, placeCount, place, bulk.has_value());
+    if (bulk) {
+        bulk->finish();
+    }
     tx.commit();
     return ImportSummary{static_cast<int>(apps.size()), static_cast<int>(campaigns.size()),
                          static_cast<int>(placeCount), static_cast<int>(offerCount)};
