@@ -29,7 +29,8 @@ class PgBulkLoad {
     void finish();
 
   private:
-    PgBulkLoad(PgConnection& conn, std::vector<std::string> restore) : conn_(&conn), restore_(std::move(restore)) {}
+    PgBulkLoad(PgConnection& conn, std::vector<std::string> restore)
+        : conn_(&conn), restore_(std::move(restore)) {}
 
     PgConnection* conn_;
     std::vector<std::string> restore_;  ///< statements that make again what was dropped, in the order dropped
