@@ -16,6 +16,7 @@ Then for each endpoint, RUNS pairs (default 5) of DURATION (default 5s) with wrk
 CONNECTIONS connections, default 64), alternating the two servers:
   /v1/devicetag/update   one upsert and its webhook row each, a new tag name every request
   /v1/log                one insert into the day's partition each
+  /v1/session            a device's first session each (its row, the session, its webhook rows)
   /v1/deviceevent/link   a new link each (DEVICES fresh sessions a run, default 600, times the
                          example city's 45 offers at places): the device's row locked, its caps
                          counted, the link and its webhook row inserted
@@ -25,7 +26,7 @@ writes, fewer when commits share a flush), the CPU time per request of the serve
 (user + system, from /proc), and the median of the per-pair ratios (group commit / alone).
 --smoke: one pair of one second at 8 connections, so that CI sees the script still runs.
 Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR,
-ENDPOINTS (a subset of the three, space-separated), LOG_DB=apart (the first server keeps log messages
+ENDPOINTS (space-separated; default all but /v1/session), LOG_DB=apart (the first server keeps log messages
 in a database of their own), BASELINE_SERVER (a tovrel-server built elsewhere: the second server is it,
 with group commit BASELINE_COMMIT, default on, so that the ratio compares two builds; off compares
 this build with another's writes committed one at a time).
@@ -120,7 +121,26 @@ syncs() {
 # CPU per request of the server and of PostgreSQL)
 run() {
     run_number=$((run_number + 1))
-    if [[ $2 == /v1/deviceevent/link ]]; then
+    if [[ $2 == /v1/session ]]; then
+        # Each request the first session of a device not seen before.
+        cat >"$tmp/post.lua" <<LUA
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "application/json"
+local threads, made = 0, 0
+setup = function(thread)
+    thread:set("id", threads)
+    threads = threads + 1
+end
+init = function(args)
+    made = wrk.thread:get("id")
+end
+request = function()
+    made = made + 2
+    return wrk.format(nil, nil, nil, string.format(
+        '{"deviceId":"BENCH-$1-$run_number-%d","sdkkey":"demo-key","deviceType":"bench"}', made))
+end
+LUA
+    elif [[ $2 == /v1/deviceevent/link ]]; then
         # Each request a link not made before: thread t of T takes requests t, t + T, t + 2T, ...
         cat >"$tmp/post.lua" <<LUA
 wrk.method = "POST"

@@ -411,6 +411,49 @@ TEST_F(Postgres, ABatchOfLinksKeepsEachDevicesCountsAndAnErasedDeviceFailsAlone)
               std::vector<std::string>{"6"});
 }
 
+TEST_F(Postgres, SessionStartsArrivingTogetherShareATransactionAndAWrongKeyFailsAlone) {
+    ServerFixture fx(onPostgres([](ServerOptions& o) { o.databaseBusyTimeoutMs = 5000; }));
+    queryRows(fx.dbPath(),
+              "INSERT INTO webhook_endpoints(url, event_types, secret, created_at) VALUES "
+              "('https://hooks.example/sessions', 'session.started', 'secret', 0)");
+    // The first start waits for this lock, so that the others queue behind it and go together.
+    PgConnection holder(fx.dbPath(), 5000);
+    holder.exec("BEGIN");
+    holder.exec("LOCK TABLE devices IN EXCLUSIVE MODE");
+    std::vector<std::future<HttpResult>> starts;
+    for (int i = 0; i < 24; ++i) {
+        starts.push_back(std::async(std::launch::async, [&, i] {
+            return HttpClient(fx.port()).post("/v1/session",
+                                              json{{"deviceId", "TOGETHER-" + std::to_string(i % 12)},
+                                                   {"sdkkey", i % 6 == 5 ? "not-an-app" : "test-key"}});
+        }));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    holder.exec("COMMIT");
+    int refused = 0;
+    for (auto& start : starts) {
+        const HttpResult r = start.get();
+        if (r.status == 401) {
+            ++refused;
+            continue;
+        }
+        ASSERT_EQ(r.status, 200) << r.body;
+        // Each key is the device's own, and in memory already.
+        const json places = {{"sessionKey", r.parsed()["sessionKey"]},
+                             {"coordinatesList", json::array({{{"lat", "48.137"}, {"lon", "11.575"}}})},
+                             {"distanceThreshold", "100"}};
+        EXPECT_EQ(HttpClient(fx.port()).post("/v2/place", places).status, 200);
+    }
+    EXPECT_EQ(refused, 4);
+    // Devices 5 and 11 always gave the wrong key; every other device started twice, maybe in one batch.
+    EXPECT_EQ(queryRows(fx.dbPath(), "SELECT count(*), count(DISTINCT device) FROM sessions"),
+              std::vector<std::string>{"20|10"});
+    EXPECT_EQ(queryRows(fx.dbPath(),
+                        "SELECT count(*), count(DISTINCT device) FROM webhook_messages WHERE "
+                        "type = 'session.started'"),
+              std::vector<std::string>{"20|10"});
+}
+
 TEST_F(Postgres, ADeviceErasedThroughOneReplicaIsUnknownToTheOthers) {
     ServerFixture first(onPostgres([](ServerOptions& o) {
         o.adminAddress = "127.0.0.1";

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <map>
 #include <utility>
 
 #include "common/field_limits.h"
@@ -656,24 +657,78 @@ std::string Service::session(const json& req) {
         throw ApiError(400, "the member \"deviceId\" must not be empty");
     }
     const std::string key = randomKey();
-    const std::string keyHash = sessionKeyHash(key);
-    const double now = clock_();
-
-    Lock db(dbMutex_);
-    if (!store_->appEnabled(sdkKey)) {
-        // A device with a wrong key retries at once, for ever: the next tries are refused from memory.
-        Lock lock(refusedMutex_);
-        if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
-            refusedSdkKeys_.clear();
-        }
-        refusedSdkKeys_[compactKey(sdkKey)] = steadyNow() + kRefusedSdkKeySeconds;
-        throw ApiError(401, "the sdkkey is not a registered app key");
+    PendingSession mine{DeviceInfo{deviceId, deviceType, deviceModel, sdkKey}, sessionKeyHash(key), nullptr,
+                        false};
+    {
+        Lock queue(sessionQueueMutex_);
+        sessionQueue_.push_back(&mine);
     }
-    const int64_t deviceRow =
-        store_->startSession(DeviceInfo{deviceId, deviceType, deviceModel, sdkKey}, keyHash, now);
-    loadDeviceLocked(deviceRow);
-    cacheSessionLocked(keyHash, deviceRow, now);
+    {
+        Lock db(dbMutex_);
+        if (!mine.done) {
+            startQueuedSessionsLocked();
+        }
+    }
+    if (mine.error) {
+        std::rethrow_exception(mine.error);
+    }
     return json{{member::kSessionKey, key}}.dump();
+}
+
+void Service::startQueuedSessionsLocked() {
+    std::vector<PendingSession*> batch;
+    {
+        Lock queue(sessionQueueMutex_);
+        batch.swap(sessionQueue_);
+    }
+    const double now = clock_();
+    std::map<std::string_view, bool> enabled;
+    std::vector<SessionRequest> requests;
+    std::vector<PendingSession*> asked;
+    for (PendingSession* pending : batch) {
+        try {
+            const std::string& sdkKey = pending->device.appKey;
+            auto known = enabled.find(sdkKey);
+            if (known == enabled.end()) {
+                known = enabled.emplace(sdkKey, store_->appEnabled(sdkKey)).first;
+            }
+            if (!known->second) {
+                // A device with a wrong key retries at once, for ever: the next tries are refused from
+                // memory.
+                Lock lock(refusedMutex_);
+                if (refusedSdkKeys_.size() >= kMaxRefusedSdkKeys) {
+                    refusedSdkKeys_.clear();
+                }
+                refusedSdkKeys_[compactKey(sdkKey)] = steadyNow() + kRefusedSdkKeySeconds;
+                throw ApiError(401, "the sdkkey is not a registered app key");
+            }
+            requests.push_back({&pending->device, &pending->keyHash});
+            asked.push_back(pending);
+        } catch (...) {
+            pending->error = std::current_exception();
+            pending->done = true;
+        }
+    }
+    std::vector<SessionResult> results;
+    try {
+        results = store_->startSessions(requests, now);
+    } catch (...) {
+        results.assign(requests.size(), std::current_exception());
+    }
+    for (std::size_t i = 0; i < asked.size(); ++i) {
+        PendingSession& pending = *asked[i];
+        try {
+            if (const auto* error = std::get_if<std::exception_ptr>(&results[i])) {
+                std::rethrow_exception(*error);
+            }
+            const int64_t deviceRow = std::get<int64_t>(results[i]);
+            loadDeviceLocked(deviceRow);
+            cacheSessionLocked(pending.keyHash, deviceRow, now);
+        } catch (...) {
+            pending.error = std::current_exception();
+        }
+        pending.done = true;
+    }
 }
 
 std::string Service::places(const json& req, std::string_view mediaBase) {

@@ -243,6 +243,15 @@ class Service : private ChangeListener {
         bool done = false;  ///< under dbMutex_
     };
 
+    /// A session start asked for, waiting for the writers' lock: as a PendingLink, the thread that takes
+    /// the lock starts every session queued meanwhile at once (Store::startSessions()).
+    struct PendingSession {
+        DeviceInfo device;
+        std::string keyHash;
+        std::exception_ptr error;
+        bool done = false;  ///< under dbMutex_
+    };
+
     std::string session(const nlohmann::json& req);
     std::string places(const nlohmann::json& req, std::string_view mediaBase);
     std::string link(const nlohmann::json& req, std::string_view mediaBase);
@@ -259,6 +268,10 @@ class Service : private ChangeListener {
     /// Records the links queued (linkQueue_) in one store call and mirrors them; each one's result or
     /// error goes to its PendingLink.
     void linkQueuedLocked() TOVREL_REQUIRES(dbMutex_) TOVREL_EXCLUDES(stateMutex_, linkQueueMutex_);
+    /// Starts the sessions queued (sessionQueue_) in one store call and holds them in memory; each one's
+    /// error goes to its PendingSession.
+    void startQueuedSessionsLocked() TOVREL_REQUIRES(dbMutex_)
+        TOVREL_EXCLUDES(stateMutex_, sessionQueueMutex_);
     /// The device of the request's "sessionKey"; ApiError 401 when unknown or expired. Loads the
     /// device's links.
     int64_t authenticate(const nlohmann::json& req);
@@ -328,6 +341,8 @@ class Service : private ChangeListener {
     std::unique_ptr<LogStore> logs_;  ///< thread-safe
     Mutex linkQueueMutex_;            ///< taken alone, or inside dbMutex_
     std::vector<PendingLink*> linkQueue_ TOVREL_GUARDED_BY(linkQueueMutex_);
+    Mutex sessionQueueMutex_;  ///< taken alone, or inside dbMutex_
+    std::vector<PendingSession*> sessionQueue_ TOVREL_GUARDED_BY(sessionQueueMutex_);
     Mutex rebuildMutex_;  ///< one catalogue rebuild at a time, so that the newest one wins
     std::atomic<std::uint64_t> catalogVersion_{0};
     std::atomic<std::uint64_t> catalogReads_{0};

@@ -63,6 +63,16 @@ struct NewLink {
     bool outsideSchedule = false;
 };
 
+/// One session start of several asked for at once (Store::startSessions()).
+struct SessionRequest {
+    const DeviceInfo* device = nullptr;
+    const std::string* keyHash = nullptr;
+};
+
+/// What became of one session start of several: the device's row, or what Store::startSession() would
+/// have thrown.
+using SessionResult = std::variant<int64_t, std::exception_ptr>;
+
 /// One link of several asked for at once (Store::addLinks()).
 struct LinkRequest {
     int64_t device = 0;
@@ -161,6 +171,10 @@ class Store {
     /// Records the device (inserted or updated by its identifier) and a session of it, all or nothing.
     /// Returns the device's row.
     virtual int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) = 0;
+    /// Several session starts asked for at about the same time, each as startSession() would record it.
+    /// In one transaction where the store groups commits; one that fails there fails alone, its
+    /// neighbours are recorded again one by one.
+    virtual std::vector<SessionResult> startSessions(std::span<const SessionRequest> starts, double now);
     /// The device's device events that have not been cleared.
     virtual std::vector<LinkRow> liveLinks(int64_t device) = 0;
     /// Records a device event for (device, offer, place) unless a live one exists: the stored event
@@ -291,6 +305,19 @@ struct StoreOptions {
 
 // Inline, so that Store keeps no key function: its type information goes with every object that uses it
 // (the fuzz targets link a few of the server's files, not the stores).
+inline std::vector<SessionResult> Store::startSessions(std::span<const SessionRequest> starts, double now) {
+    std::vector<SessionResult> results;
+    results.reserve(starts.size());
+    for (const SessionRequest& request : starts) {
+        try {
+            results.emplace_back(startSession(*request.device, *request.keyHash, now));
+        } catch (...) {
+            results.emplace_back(std::current_exception());
+        }
+    }
+    return results;
+}
+
 inline std::vector<LinkResult> Store::addLinks(std::span<const LinkRequest> links, double now) {
     std::vector<LinkResult> results;
     results.reserve(links.size());

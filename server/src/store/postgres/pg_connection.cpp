@@ -254,8 +254,9 @@ DatabaseBusy PgConnection::pipelineLost(const char* what) {
     return DatabaseBusy(std::string("the database is unavailable (") + what + "): " + message);
 }
 
-std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements) {
-    return runPipeline(statements, nullptr);
+std::optional<PgRefusal> PgConnection::execTogether(std::span<const PgStatement* const> statements,
+                                                    std::vector<PgResult>* rows) {
+    return runPipeline(statements, rows);
 }
 
 std::vector<PgResult> PgConnection::execPipelined(std::span<const PgStatement* const> statements) {

@@ -131,7 +131,9 @@ class PgConnection {
     /// the last one succeeded and rolled back when one failed: one round trip and one commit for all.
     /// nullopt when they committed; else the statement refused (nothing was written). Throws
     /// DatabaseBusy when the connection fails or a refusal means "not now".
-    std::optional<PgRefusal> execTogether(std::span<const PgStatement* const> statements);
+    /// The statements' rows go to `rows` when given, in order.
+    std::optional<PgRefusal> execTogether(std::span<const PgStatement* const> statements,
+                                          std::vector<PgResult>* rows = nullptr);
     /// Sends every statement at once (pipeline mode) in the transaction the caller began, and returns
     /// their rows in order: one round trip for all. Throws as exec() does for the first statement
     /// refused; the transaction is then aborted, and the statements after it did not run.

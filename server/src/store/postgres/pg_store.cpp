@@ -59,21 +59,62 @@ bool PgStore::appEnabled(const std::string& appKey) {
     return conn->exec("SELECT 1 FROM apps WHERE key = $1 AND NOT disabled", appKey).rows() > 0;
 }
 
-int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
-    auto conn = pool_.acquire();
-    PgTransaction tx(*conn);
-    const PgResult row = conn->exec(
-        "INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, last_seen) "
+namespace {
+
+// The device's row, the session and its webhook rows in one statement: one round trip, atomic alone.
+PgStatement sessionStart(const DeviceInfo& device, const std::string& keyHash, double now) {
+    const OutboxEvent event = sessionStarted(device, 0);
+    return statement(
+        "WITH d AS (INSERT INTO devices(device_id, device_type, device_model, app_key, first_seen, "
+        "last_seen) "
         "VALUES($1, $2, $3, $4, $5, $5) ON CONFLICT(device_id) DO UPDATE SET device_type = "
         "excluded.device_type, device_model = excluded.device_model, app_key = excluded.app_key, last_seen = "
-        "excluded.last_seen RETURNING id",
-        device.deviceId, device.deviceType, device.deviceModel, device.appKey, now);
-    const int64_t id = row.integer(0, 0);
-    conn->exec("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES($1, $2, $3, $4)", keyHash,
-               id, device.appKey, now);
-    enqueueEvent(pgSource(*conn), sessionStarted(device, id), now);
-    tx.commit();
-    return id;
+        "excluded.last_seen RETURNING id), s AS (INSERT INTO sessions(key_hash, device, app_key, created_at) "
+        "SELECT CAST($6 AS text), d.id, $4, $5 FROM d), w AS (INSERT INTO webhook_messages(message_id, "
+        "endpoint, type, device, data, created_at, next_attempt) SELECT CAST($7 AS text), e.id, CAST($8 AS "
+        "text), d.id, CAST($9 AS text), $5, $5 FROM d CROSS JOIN webhook_endpoints e WHERE " +
+            takesType("e", "CAST($10 AS text)") + ") SELECT id FROM d",
+        device.deviceId, device.deviceType, device.deviceModel, device.appKey, now, keyHash, newMessageId(),
+        std::string(event.type), event.data.dump(), typePattern(event.type));
+}
+
+}  // namespace
+
+int64_t PgStore::startSession(const DeviceInfo& device, const std::string& keyHash, double now) {
+    auto conn = pool_.acquire();
+    const PgStatement start = sessionStart(device, keyHash, now);
+    return conn->execParams(start.sql, start.params).integer(0, 0);
+}
+
+std::vector<SessionResult> PgStore::startSessions(std::span<const SessionRequest> starts, double now) {
+    if (!group_ || starts.size() < 2) {
+        return Store::startSessions(starts, now);
+    }
+    std::vector<PgStatement> statements;
+    statements.reserve(starts.size());
+    std::vector<const PgStatement*> pointers;
+    for (const SessionRequest& request : starts) {
+        statements.push_back(sessionStart(*request.device, *request.keyHash, now));
+    }
+    for (const PgStatement& s : statements) {
+        pointers.push_back(&s);
+    }
+    std::vector<PgResult> rows;
+    try {
+        auto conn = pool_.acquire();
+        if (!conn->execTogether(pointers, &rows) && rows.size() == starts.size()) {
+            group_->countCommit(starts.size());
+            std::vector<SessionResult> results;
+            results.reserve(rows.size());
+            for (const PgResult& r : rows) {
+                results.emplace_back(r.integer(0, 0));
+            }
+            return results;
+        }
+    } catch (const DatabaseBusy&) {
+        // Nothing of the batch was written: each start goes again alone and is answered as it alone is.
+    }
+    return Store::startSessions(starts, now);
 }
 
 std::vector<LinkRow> PgStore::liveLinks(int64_t device) {

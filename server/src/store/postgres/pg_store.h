@@ -30,6 +30,7 @@ class PgStore final : public Store {
     std::optional<SessionRow> findSession(const std::string& keyHash) override;
     bool appEnabled(const std::string& appKey) override;
     int64_t startSession(const DeviceInfo& device, const std::string& keyHash, double now) override;
+    std::vector<SessionResult> startSessions(std::span<const SessionRequest> starts, double now) override;
     std::vector<LinkRow> liveLinks(int64_t device) override;
     LinkRow addLink(int64_t device, const NewLink& link, double now) override;
     std::vector<LinkResult> addLinks(std::span<const LinkRequest> links, double now) override;
