@@ -117,52 +117,46 @@ syncs() {
     psql -qtA -h 127.0.0.1 -p "$pg_port" -U postgres -d bench -c "SELECT wal_sync FROM pg_stat_wal"
 }
 
+# counted_post_script FILE PRELUDE BODY: a wrk script whose thread t of T sends requests n = t, t + T,
+# t + 2T, ... (wrk runs 2 threads), each with the text a function of n returns (BODY, Lua statements);
+# PRELUDE declares what BODY uses.
+counted_post_script() {
+    cat >"$1" <<LUA
+wrk.method = "POST"
+wrk.headers["Content-Type"] = "application/json"
+$2
+local threads, made = 0, 0
+setup = function(thread)
+    thread:set("id", threads)
+    threads = threads + 1
+end
+init = function(args)
+    made = wrk.thread:get("id")
+end
+local body = function(n)
+    $3
+end
+request = function()
+    local text = body(made)
+    made = made + 2
+    return wrk.format(nil, nil, nil, text)
+end
+LUA
+}
+
 # run MODE ENDPOINT: prints "requests/s p99-ms syncs/s server-µs pg-µs" of one wrk run (the last two:
 # CPU per request of the server and of PostgreSQL)
 run() {
     run_number=$((run_number + 1))
     if [[ $2 == /v1/session ]]; then
         # Each request the first session of a device not seen before.
-        cat >"$tmp/post.lua" <<LUA
-wrk.method = "POST"
-wrk.headers["Content-Type"] = "application/json"
-local threads, made = 0, 0
-setup = function(thread)
-    thread:set("id", threads)
-    threads = threads + 1
-end
-init = function(args)
-    made = wrk.thread:get("id")
-end
-request = function()
-    made = made + 2
-    return wrk.format(nil, nil, nil, string.format(
-        '{"deviceId":"BENCH-$1-$run_number-%d","sdkkey":"demo-key","deviceType":"bench"}', made))
-end
-LUA
+        counted_post_script "$tmp/post.lua" "" \
+            "return string.format('{\"deviceId\":\"BENCH-$1-$run_number-%d\",\"sdkkey\":\"demo-key\"}', n)"
     elif [[ $2 == /v1/deviceevent/link ]]; then
-        # Each request a link not made before: thread t of T takes requests t, t + T, t + 2T, ...
-        cat >"$tmp/post.lua" <<LUA
-wrk.method = "POST"
-wrk.headers["Content-Type"] = "application/json"
-local keys = {$(sessions "$1")}
-local pairs = {$pairs}
-local threads, made = 0, 0
-setup = function(thread)
-    thread:set("id", threads)
-    threads = threads + 1
-end
-init = function(args)
-    made = wrk.thread:get("id")
-end
-request = function()
-    local key = keys[made % #keys + 1]
-    local pair = pairs[math.floor(made / #keys) % #pairs + 1]
-    made = made + 2
-    return wrk.format(nil, nil, nil, string.format(
-        '{"sessionKey":"%s","placeId":%d,"eventId":%d}', key, pair[1], pair[2]))
-end
-LUA
+        # Each request a link not made before.
+        counted_post_script "$tmp/post.lua" "local keys = {$(sessions "$1")}
+local pairs = {$pairs}" "local pair = pairs[math.floor(n / #keys) % #pairs + 1]
+    return string.format('{\"sessionKey\":\"%s\",\"placeId\":%d,\"eventId\":%d}', keys[n % #keys + 1], pair[1], pair[2])"
     else
         write_post_script "$tmp/post.lua" "$(body_for "$1" "$2")"
     fi
