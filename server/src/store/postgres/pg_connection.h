@@ -104,6 +104,16 @@ PgStatement statement(std::string sql, const Args&... args) {
     return {std::move(sql), {pgParam(args)...}};
 }
 
+/// The statements' addresses, for PgConnection::execTogether() and execPipelined(). Pure.
+inline std::vector<const PgStatement*> statementPointers(const std::vector<PgStatement>& statements) {
+    std::vector<const PgStatement*> out;
+    out.reserve(statements.size());
+    for (const PgStatement& s : statements) {
+        out.push_back(&s);
+    }
+    return out;
+}
+
 /// The statement that made a pipelined transaction fail, and PostgreSQL's words.
 struct PgRefusal {
     std::size_t index = 0;

@@ -60,15 +60,6 @@ LinkContext contextFrom(const PgResult& r) {
     return context;
 }
 
-std::vector<const PgStatement*> pointers(const std::vector<PgStatement>& statements) {
-    std::vector<const PgStatement*> out;
-    out.reserve(statements.size());
-    for (const PgStatement& s : statements) {
-        out.push_back(&s);
-    }
-    return out;
-}
-
 }  // namespace
 
 LinkRow PgStore::addLink(int64_t device, const NewLink& link, double now) {
@@ -124,7 +115,7 @@ std::vector<LinkRow> PgStore::addLinksOn(PgConnection& conn, std::span<const Lin
                 {pgParam(r.device), pgParam(r.link->offer), pgParam(r.link->place), pgParam(r.link->campaign),
                  numberArray(capWindowStarts(*r.link, now)), pgParam(fatigueWindowStart(now))}});
         }
-        const std::vector<PgResult> read = conn.execPipelined(pointers(reads));
+        const std::vector<PgResult> read = conn.execPipelined(statementPointers(reads));
         std::vector<PgStatement> writes;
         for (std::size_t k = 0; k < round.size(); ++k) {
             const std::size_t i = round[k];
@@ -151,7 +142,7 @@ std::vector<LinkRow> PgStore::addLinksOn(PgConnection& conn, std::span<const Lin
             writes.push_back(deviceChanged(r.device));
         }
         if (!writes.empty()) {
-            conn.execPipelined(pointers(writes));
+            conn.execPipelined(statementPointers(writes));
         }
         pending = std::move(later);
     }

@@ -92,17 +92,13 @@ std::vector<SessionResult> PgStore::startSessions(std::span<const SessionRequest
     }
     std::vector<PgStatement> statements;
     statements.reserve(starts.size());
-    std::vector<const PgStatement*> pointers;
     for (const SessionRequest& request : starts) {
         statements.push_back(sessionStart(*request.device, *request.keyHash, now));
-    }
-    for (const PgStatement& s : statements) {
-        pointers.push_back(&s);
     }
     std::vector<PgResult> rows;
     try {
         auto conn = pool_.acquire();
-        if (!conn->execTogether(pointers, &rows) && rows.size() == starts.size()) {
+        if (!conn->execTogether(statementPointers(statements), &rows) && rows.size() == starts.size()) {
             group_->countCommit(starts.size());
             std::vector<SessionResult> results;
             results.reserve(rows.size());
