@@ -13,6 +13,7 @@
 #include "store/postgres/pg_bulk_load.h"
 #include "store/postgres/pg_group_commit.h"
 #include "store/postgres/pg_store.h"
+#include "store/work_queue.h"
 #include "support/wait_until.h"
 #include "test_postgres.h"
 #include "test_support.h"
@@ -559,11 +560,18 @@ TEST_F(Postgres, WhileTheDatabaseIsAwayMemoryAnswersAndWritesAre503) {
     EXPECT_EQ(queryRows(fx.dbPath(), "SELECT count(*) FROM device_tags"), std::vector<std::string>{"1"});
 }
 
-TEST_F(Postgres, WritesArrivingTogetherShareACommitAndABadOneFailsAlone) {
+TEST_F(Postgres, WritesArrivingTogetherShareACommitWhetherTheirCallersWaitOrNotAndABadOneFailsAlone) {
     const std::string db = TestPostgres::shared()->newDatabase();
     PgPool pool(db, 5000, 3);
     PgGroupCommit group(pool);
-    pool.acquire()->exec("CREATE TABLE grouped(n int PRIMARY KEY CHECK (n <> 13))");
+    pool.acquire()->exec("CREATE TABLE grouped(n int PRIMARY KEY CHECK (n <> 13 AND n <> 14))");
+    // Commits started for callers that do not wait run here; after a while it refuses, so that a waiting
+    // caller whose write is done must go on committing theirs.
+    std::atomic<int> launches{0};
+    WorkQueue committers(2, 1000);
+    const Launch launch = [&](std::function<void()> lead) {
+        return ++launches % 7 != 0 && committers.post(std::move(lead));
+    };
     constexpr int kThreads = 16;
     constexpr int kEach = 25;
     std::atomic<int> refused{0};
@@ -574,20 +582,45 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitAndABadOneFailsAlone) {
     writeTogether(
         kThreads, kEach, [&] { holder.exec("COMMIT"); },
         [&](int n) {
+            std::exception_ptr error;
+            if (n % 2 == 0) {
+                try {
+                    group.execute(statement("INSERT INTO grouped VALUES($1)", n));
+                } catch (...) {
+                    error = std::current_exception();
+                }
+            } else {
+                std::promise<std::exception_ptr> written;
+                while (!group.start(
+                    statement("INSERT INTO grouped VALUES($1)", n),
+                    [&](std::exception_ptr e) { written.set_value(std::move(e)); }, launch)) {
+                }
+                error = written.get_future().get();
+            }
             try {
-                group.execute(statement("INSERT INTO grouped VALUES($1)", n));
+                if (error) {
+                    std::rethrow_exception(error);
+                }
             } catch (const PgError& e) {
                 EXPECT_EQ(e.sqlState(), "23514") << e.what();
                 ++refused;
             }
         });
-    // Every write but the one the check refuses is there, though it shared a transaction with it.
-    EXPECT_EQ(refused, 1);
-    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"399"});
+    committers.drain();
+    // Every write but the two the check refuses is there, though they shared transactions with them.
+    EXPECT_EQ(refused, 2);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"398"});
     const PgGroupCommit::Counts counts = group.counts();
     EXPECT_EQ(counts.writes, std::size_t{kThreads * kEach});
     EXPECT_LE(counts.commits, counts.writes - (kThreads - 2))
         << "writes queued together did not share a commit";
+    // With no commit running and no thread to run one, nothing is started.
+    bool heard = false;
+    EXPECT_FALSE(group.start(
+        statement("INSERT INTO grouped VALUES(1000)"), [&](auto) { heard = true; },
+        [](auto) { return false; }));
+    EXPECT_FALSE(heard);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped WHERE n = 1000"), std::vector<std::string>{"0"});
 }
 
 TEST_F(Postgres, ServersStartingTogetherMigrateInTurnAndANewerSchemaIsRefused) {

@@ -87,6 +87,14 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
         if (auto reply = service_.answerInMemory(path, req, base)) {
             return respond(replyOf(std::move(*reply), route));
         }
+        const Launch launch = [&database = database_](std::function<void()> lead) {
+            return database.post(std::move(lead));
+        };
+        if (service_.startWrite(path, req, launch, [respond, route](ApiReply&& reply) {
+                respond(replyOf(std::move(reply), route));
+            })) {
+            return;
+        }
         auto job = [&service = service_, path = std::string(path), req = std::move(req),
                     base = std::move(base), respond, route, queuedAt = Service::steadySeconds()]() {
             respond(replyOf(service.handleParsed(path, req, base, queuedAt), route));

@@ -259,12 +259,20 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
     }
     try {
         return {200, answer(route->route, req, mediaBase)};
+    } catch (...) {
+        return failure(path, std::current_exception(), started);
+    }
+}
+
+ApiReply Service::failure(std::string_view path, const std::exception_ptr& error, double started) {
+    try {
+        std::rethrow_exception(error);
     } catch (const ApiError& e) {
         return {e.status(), errorJson(e.what())};
     } catch (const DeviceGone&) {
         // Erased through another replica while this request was on its way.
         return {401, errorJson("the sessionKey is unknown; start a session at /v1/session")};
-    } catch (const DatabaseBusy& e) {
+    } catch (const DatabaseBusy&) {
         // Writes queued behind this one would each wait their own busy timeout for the same lock.
         busyFoundAt_ = steadyNow();
         return refuseBusy(started);
@@ -278,6 +286,39 @@ ApiReply Service::handleParsed(std::string_view path, const json& req, std::stri
     } catch (...) {
         reportFailure(path, "an unknown exception");
         return {500, errorJson("the server failed")};
+    }
+}
+
+bool Service::startWrite(std::string_view path, const json& req, const Launch& launch,
+                         const std::function<void(ApiReply)>& answer) {
+    const ApiRoute* route = findApiRoute(path);
+    if (route == nullptr || (route->route != Route::log && route->route != Route::tagUpdate &&
+                             route->route != Route::tagDelete)) {
+        return false;
+    }
+    const double started = steadyNow();
+    WriteDone written = [this, path = std::string(path), started, answer](std::exception_ptr error) {
+        answer(error ? failure(path, error, started) : ApiReply{200, kStatusOk});
+    };
+    try {
+        if (route->route == Route::log) {
+            return logs_->start(logMessage(req), std::move(written), launch);
+        }
+        Store& store = concurrentStore();
+        if (store.concurrency() < 2) {
+            return false;
+        }
+        const std::optional<int64_t> device =
+            deviceInMemory(requireString(req, member::kSessionKey, limits::kSessionKey));
+        if (!device) {
+            return false;
+        }
+        const TagWrite tag = tagWrite(req, route->route == Route::tagUpdate);
+        return store.startTagWrite(*device, tag.group, tag.tag, tag.value, clock_(), std::move(written),
+                                   launch);
+    } catch (const ApiError& e) {
+        answer({e.status(), errorJson(e.what())});
+        return true;
     }
 }
 
@@ -926,24 +967,31 @@ std::string Service::clear(const json& req) {
     return kStatusOk;
 }
 
+Service::TagWrite Service::tagWrite(const json& req, bool update) const {
+    TagWrite write;
+    write.tag = requireString(req, member::kTag, limits::kTag);
+    if (update) {
+        write.value = requireString(req, member::kTagValue, limits::kTagValue);
+    }
+    write.group = optionalString(req, member::kGroupTag, limits::kGroupTag, "");
+    return write;
+}
+
 std::string Service::tagUpdate(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, member::kTag, limits::kTag);
-    const std::string& value = requireString(req, member::kTagValue, limits::kTagValue);
-    const std::string group = optionalString(req, member::kGroupTag, limits::kGroupTag, "");
-    writeOnly([&](Store& store) { store.setTag(device, group, tag, value, clock_()); });
+    const TagWrite tag = tagWrite(req, true);
+    writeOnly([&](Store& store) { store.setTag(device, tag.group, tag.tag, *tag.value, clock_()); });
     return kStatusOk;
 }
 
 std::string Service::tagDelete(const json& req) {
     const int64_t device = authenticate(req);
-    const std::string& tag = requireString(req, member::kTag, limits::kTag);
-    const std::string group = optionalString(req, member::kGroupTag, limits::kGroupTag, "");
-    writeOnly([&](Store& store) { store.deleteTag(device, group, tag); });
+    const TagWrite tag = tagWrite(req, false);
+    writeOnly([&](Store& store) { store.deleteTag(device, tag.group, tag.tag); });
     return kStatusOk;
 }
 
-std::string Service::log(const json& req) {
+LogMessage Service::logMessage(const json& req) const {
     const std::string& deviceId = requireString(req, member::kDeviceId, limits::kDeviceId);
     const auto message = req.find(member::kMessage);
     if (message == req.end()) {
@@ -962,8 +1010,11 @@ std::string Service::log(const json& req) {
                                 std::to_string(limits::kLogEventName) +
                                 " bytes long, without NUL characters");
     }
-    const std::string text = message->dump();
-    logs_->add(LogMessage{deviceId, event, text, clock_()});
+    return LogMessage{deviceId, event, message->dump(), clock_()};
+}
+
+std::string Service::log(const json& req) {
+    logs_->add(logMessage(req));
     return kStatusOk;
 }
 

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -129,6 +131,13 @@ class Service : private ChangeListener {
     /// once rather than waiting for the same lock. Any thread; blocks while the database is locked.
     ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase,
                           std::optional<double> queuedAt = std::nullopt);
+    /// Starts a write that no thread needs to wait for: a log message, or a tag set or removed for a
+    /// session key held in memory, when the store shares commits. `answer` is called once with what
+    /// handleParsed() would have answered, on the thread that committed the write (or at once for a
+    /// refusal). False when the request must go the usual way (handleParsed on a database thread); then
+    /// `answer` is never called. Never waits for the database. Any thread.
+    bool startWrite(std::string_view path, const nlohmann::json& req, const Launch& launch,
+                    const std::function<void(ApiReply)>& answer);
     /// Seconds on the steady clock that handleParsed() compares. Any thread.
     static double steadySeconds();
 
@@ -272,6 +281,19 @@ class Service : private ChangeListener {
     /// error goes to its PendingSession.
     void startQueuedSessionsLocked() TOVREL_REQUIRES(dbMutex_)
         TOVREL_EXCLUDES(stateMutex_, sessionQueueMutex_);
+    /// The answer to a request that threw `error` after `started` (steadyNow()), as handleParsed()
+    /// answers it.
+    ApiReply failure(std::string_view path, const std::exception_ptr& error, double started);
+    /// A log request's message; ApiError 400 when malformed.
+    LogMessage logMessage(const nlohmann::json& req) const;
+    /// What a tag request asks for.
+    struct TagWrite {
+        std::string group;
+        std::string tag;
+        std::optional<std::string> value;  ///< nullopt: remove the tag
+    };
+    /// A tag request's TagWrite; ApiError 400 when malformed.
+    TagWrite tagWrite(const nlohmann::json& req, bool update) const;
     /// The device of the request's "sessionKey"; ApiError 401 when unknown or expired. Loads the
     /// device's links.
     int64_t authenticate(const nlohmann::json& req);

@@ -25,10 +25,15 @@ double seconds(const std::string& text) {
 }  // namespace
 
 LogStore::LogStore(std::size_t mostPerCommit)
-    : queue_(mostPerCommit, [this](std::span<Entry* const> batch) { commit(batch); }) {}
+    : grouped_(mostPerCommit > 1),
+      queue_(mostPerCommit, [this](std::span<Entry* const> batch) { commit(batch); }) {}
 
 void LogStore::add(LogMessage message) {
     queue_.submit(std::move(message));
+}
+
+bool LogStore::start(LogMessage message, WriteDone written, Launch launch) {
+    return grouped_ && queue_.submit(std::move(message), std::move(written), std::move(launch));
 }
 
 void LogStore::commit(std::span<Entry* const> batch) {

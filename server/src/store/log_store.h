@@ -49,6 +49,10 @@ class LogStore {
     /// messages that arrived meanwhile. When that transaction fails, each of its messages is written
     /// again alone: one bad message cannot fail its neighbours. Any thread.
     void add(LogMessage message);
+    /// Starts add() and returns at once; `written` hears of it as add() would have returned or thrown.
+    /// False when messages commit one at a time, or `launch` was needed and refused: then nothing was
+    /// started. Any thread.
+    bool start(LogMessage message, WriteDone written, Launch launch);
 
     /// The device's messages: {"count", "byEvent": {name: count}} and, when `withMessages`, "messages":
     /// [{"eventName", "receivedAt", "message"}] in the order received. Any thread.
@@ -82,6 +86,7 @@ class LogStore {
     using Entry = CommitQueue<LogMessage>::Entry;
     void commit(std::span<Entry* const> batch);
 
+    const bool grouped_;
     CommitQueue<LogMessage> queue_;
 };
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "catalog/catalog_data.h"
+#include "common/started_write.h"
 #include "rules/link_decision.h"
 #include "store/sql_source.h"
 #include "tovrel_server/admin.h"
@@ -195,6 +196,15 @@ class Store {
     virtual void setTag(int64_t device, const std::string& group, const std::string& tag,
                         const std::string& value, double now) = 0;
     virtual void deleteTag(int64_t device, const std::string& group, const std::string& tag) = 0;
+    /// Starts setTag() (with a value) or deleteTag() (without) in a commit shared with the writes around
+    /// it, and returns at once; `written` hears of it as the call would have returned or thrown. False
+    /// when this store commits each write alone, or `launch` was needed and refused: then nothing was
+    /// started. Any thread.
+    virtual bool startTagWrite(int64_t /*device*/, const std::string& /*group*/, const std::string& /*tag*/,
+                               const std::optional<std::string>& /*value*/, double /*now*/,
+                               WriteDone /*written*/, Launch /*launch*/) {
+        return false;
+    }
     /// The row of the device with this identifier; nullopt when unknown.
     virtual std::optional<int64_t> findDevice(const std::string& deviceId) = 0;
     /// Everything held about the device with this identifier, from one snapshot (the members are

@@ -27,6 +27,12 @@ class PgGroupCommit {
     /// committed. Throws what PgConnection::execParams throws for this statement alone: PgError when
     /// PostgreSQL refused it, DatabaseBusy when it cannot take it now. Any thread.
     void execute(PgStatement statement) { queue_.submit(std::move(statement)); }
+    /// Starts `statement` in a transaction shared with the writes queued with it and returns at once;
+    /// `written` hears of it as execute() would have returned or thrown. False when `launch` was
+    /// needed and refused: then nothing was started. Any thread.
+    bool start(PgStatement statement, WriteDone written, Launch launch) {
+        return queue_.submit(std::move(statement), std::move(written), std::move(launch));
+    }
 
     /// Transactions committed and the writes they held, so far. Any thread.
     Counts counts() const { return queue_.counts(); }

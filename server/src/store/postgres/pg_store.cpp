@@ -179,11 +179,15 @@ void PgStore::write(PgStatement statement) {
     conn->execParams(statement.sql, statement.params);
 }
 
-void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
-                     const std::string& value, double now) {
-    const OutboxEvent event = deviceTagged(device, group, tag, value);
+PgStatement PgStore::tagWrite(int64_t device, const std::string& group, const std::string& tag,
+                              const std::optional<std::string>& value, double now) const {
+    if (!value) {
+        return statement("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device,
+                         group, tag);
+    }
+    const OutboxEvent event = deviceTagged(device, group, tag, *value);
     // The tag and its event in one statement, as a status.
-    write(statement(
+    return statement(
         "WITH t AS (INSERT INTO device_tags(device, group_tag, tag, value, updated_at) VALUES($1, $2, $3, "
         "$4, "
         "$5) ON CONFLICT(device, group_tag, tag) DO UPDATE SET value = excluded.value, updated_at = "
@@ -192,13 +196,24 @@ void PgStore::setTag(int64_t device, const std::string& group, const std::string
         "data, created_at, next_attempt) SELECT $6, w.id, $7, t.device, $8, $5, $5 FROM t CROSS JOIN "
         "webhook_endpoints w WHERE " +
             takesType("w", "$9"),
-        device, group, tag, value, now, newMessageId(), std::string(event.type), event.data.dump(),
-        typePattern(event.type)));
+        device, group, tag, *value, now, newMessageId(), std::string(event.type), event.data.dump(),
+        typePattern(event.type));
+}
+
+void PgStore::setTag(int64_t device, const std::string& group, const std::string& tag,
+                     const std::string& value, double now) {
+    write(tagWrite(device, group, tag, value, now));
 }
 
 void PgStore::deleteTag(int64_t device, const std::string& group, const std::string& tag) {
-    write(statement("DELETE FROM device_tags WHERE device = $1 AND group_tag = $2 AND tag = $3", device,
-                    group, tag));
+    write(tagWrite(device, group, tag, std::nullopt, 0));
+}
+
+bool PgStore::startTagWrite(int64_t device, const std::string& group, const std::string& tag,
+                            const std::optional<std::string>& value, double now, WriteDone written,
+                            Launch launch) {
+    return group_ &&
+           group_->start(tagWrite(device, group, tag, value, now), std::move(written), std::move(launch));
 }
 
 namespace {

@@ -40,6 +40,9 @@ class PgStore final : public Store {
     void setTag(int64_t device, const std::string& group, const std::string& tag, const std::string& value,
                 double now) override;
     void deleteTag(int64_t device, const std::string& group, const std::string& tag) override;
+    bool startTagWrite(int64_t device, const std::string& group, const std::string& tag,
+                       const std::optional<std::string>& value, double now, WriteDone written,
+                       Launch launch) override;
 
     ImportSummary writeCatalog(const CatalogData& data, double now) override;
     ImportSummary writePlaceCatalog(const PlaceCatalog& data, double now) override;
@@ -92,6 +95,9 @@ class PgStore final : public Store {
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
     PgStatement deviceChanged(int64_t device) const;
+    /// The statement of setTag() (with a value) or deleteTag() (without).
+    PgStatement tagWrite(int64_t device, const std::string& group, const std::string& tag,
+                         const std::optional<std::string>& value, double now) const;
 
     std::string location_;
     StoreOptions options_;
