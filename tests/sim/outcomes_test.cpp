@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "expectations.h"
+#include "html_report.h"
 
 namespace tovrel::sim {
 namespace {
@@ -101,6 +104,67 @@ TEST(Outcomes, EachOfferSaysHowItWasDeliveredOrWhyNot) {
     const OfferOutcome& far = find(outcomes, "80");
     EXPECT_FALSE(far.enteredAt.has_value());
     EXPECT_NE(far.reason.find("never entered (closest approach"), std::string::npos) << far.reason;
+}
+
+TEST(Outcomes, EntryStayAndClosestApproachAreThoseOfEveryPointOfTheRoute) {
+    // A walk that wanders in and out of circles of every size, and ends inside some of them.
+    std::mt19937 random(7);
+    std::normal_distribution<double> step(0, 0.00015);
+    Route route;
+    double lat = 48.1;
+    double lon = 11.5;
+    for (int i = 0; i < 3000; ++i) {
+        route.points.push_back({static_cast<double>(i), lat, lon, std::nullopt});
+        lat += step(random);
+        lon += step(random);
+    }
+    json places = json::array();
+    std::uniform_real_distribution<double> near(-0.01, 0.01);
+    std::uniform_real_distribution<double> radius(1, 800);
+    for (int i = 0; i < 200; ++i) {
+        const RoutePoint& on = route.points[static_cast<std::size_t>(i * 15)];
+        const bool onRoute = i % 2 == 0;
+        places.push_back({{"eventId", std::to_string(i)},
+                          {"placeId", std::to_string(i)},
+                          {"eventName", "o"},
+                          {"centroidLat", on.latitude + (onRoute ? 0 : near(random))},
+                          {"centroidLon", on.longitude + (onRoute ? 0 : near(random))},
+                          {"centroidRadius", i == 0 ? 0.0 : radius(random)},
+                          {"dwellTime", 0},
+                          {"isLinked", 0}});
+    }
+    const std::vector<json> events{{{"t", 0.0},
+                                    {"type", "response"},
+                                    {"path", "/v2/place"},
+                                    {"status", 200},
+                                    {"body", {{"places", places}}}}};
+    int entered = 0;
+    for (const OfferOutcome& o : analyseOutcomes(events, route, {})) {
+        std::optional<double> enteredAt;
+        std::optional<double> stayStart;
+        double stay = 0;
+        double closest = std::numeric_limits<double>::infinity();
+        for (const RoutePoint& p : route.points) {
+            const double d = distanceMetres(o.latitude, o.longitude, p.latitude, p.longitude);
+            closest = std::min(closest, d);
+            const bool inside = d <= o.radius;
+            if (inside && !enteredAt) {
+                enteredAt = p.t;
+            }
+            if (inside && !stayStart) {
+                stayStart = p.t;
+            }
+            if ((!inside || &p == &route.points.back()) && stayStart) {
+                stay = std::max(stay, p.t - *stayStart);
+                stayStart.reset();
+            }
+        }
+        EXPECT_EQ(o.enteredAt, enteredAt) << o.eventId;
+        EXPECT_EQ(o.secondsInside, stay) << o.eventId;
+        EXPECT_NEAR(o.closestMetres, closest, 1e-6) << o.eventId;
+        entered += enteredAt ? 1 : 0;
+    }
+    EXPECT_GT(entered, 100);
 }
 
 TEST(Outcomes, SuppressedSwitchedOffAndUnansweredLinksAreTold) {

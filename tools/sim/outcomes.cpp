@@ -72,36 +72,94 @@ double chordSquaredFor(double metres) {
     return chord * chord;
 }
 
+/// A route's points on the unit sphere, and for each run of kLength of them a ball that holds them all:
+/// a circle far from a run's ball is far from each of its points, so most runs need no look per point.
+struct RoutePoints {
+    static constexpr std::size_t kLength = 32;
+    struct Run {
+        UnitVector centre;
+        double radius = 0;  ///< chord distance from the centre to the run's farthest point
+    };
+    std::vector<UnitVector> points;
+    std::vector<Run> runs;  ///< run r holds points [r * kLength, (r + 1) * kLength)
+
+    explicit RoutePoints(const Route& route) {
+        points.reserve(route.points.size());
+        for (const RoutePoint& point : route.points) {
+            points.push_back(unitVector(point.latitude, point.longitude));
+        }
+        for (std::size_t begin = 0; begin < points.size(); begin += kLength) {
+            const std::size_t end = std::min(points.size(), begin + kLength);
+            Run run;
+            for (std::size_t i = begin; i < end; ++i) {
+                run.centre.x += points[i].x;
+                run.centre.y += points[i].y;
+                run.centre.z += points[i].z;
+            }
+            const auto count = static_cast<double>(end - begin);
+            run.centre = {run.centre.x / count, run.centre.y / count, run.centre.z / count};
+            double farthest = 0;
+            for (std::size_t i = begin; i < end; ++i) {
+                farthest = std::max(farthest, chordSquared(run.centre, points[i]));
+            }
+            run.radius = std::sqrt(farthest);
+            runs.push_back(run);
+        }
+    }
+
+    /// No point of the run is nearer `to` than the square root of this (chord distances; the triangle
+    /// inequality holds for them, and the slack, 6 mm on the ground, covers the rounding).
+    double nearestSquared(std::size_t run, const UnitVector& to) const {
+        const double nearest = std::sqrt(chordSquared(to, runs[run].centre)) - runs[run].radius - 1e-9;
+        return nearest > 0 ? nearest * nearest : 0;
+    }
+};
+
 /// Entry, longest stay and closest approach for one circle, along the route. Points far from the
 /// circle's edge are sorted by chord; those near it, and the closest, by the exact distance.
-void measureVisit(OfferOutcome& outcome, const Route& route, const std::vector<UnitVector>& points) {
+void measureVisit(OfferOutcome& outcome, const Route& route, const RoutePoints& route3d) {
     const UnitVector centre = unitVector(outcome.latitude, outcome.longitude);
     const double edge = chordSquaredFor(outcome.radius);
     // Rounding in either formula is far below a millimetre (a chord of 1 m squares to 2.5e-14).
     const double margin = 1e-19 + edge * 1e-6;
     double closest = std::numeric_limits<double>::infinity();
     std::size_t closestIndex = 0;
-    std::optional<double> stayStart;
-    for (std::size_t i = 0; i < route.points.size(); ++i) {
-        const RoutePoint& point = route.points[i];
-        const double chord = chordSquared(centre, points[i]);
-        if (chord < closest) {
-            closest = chord;
-            closestIndex = i;
+    bool staying = false;
+    double stayStart = 0;
+    for (std::size_t run = 0; run < route3d.runs.size(); ++run) {
+        const std::size_t begin = run * RoutePoints::kLength;
+        const std::size_t end = std::min(route.points.size(), begin + RoutePoints::kLength);
+        const double nearest = route3d.nearestSquared(run, centre);
+        if (nearest >= closest && nearest > edge + margin) {
+            // Every point of the run is outside, and none is the closest so far.
+            if (staying) {
+                outcome.secondsInside = std::max(outcome.secondsInside, route.points[begin].t - stayStart);
+                staying = false;
+            }
+            continue;
         }
-        const bool inside = std::abs(chord - edge) > margin
-                                ? chord < edge
-                                : distanceMetres(outcome.latitude, outcome.longitude, point.latitude,
-                                                 point.longitude) <= outcome.radius;
-        if (inside && !outcome.enteredAt) {
-            outcome.enteredAt = point.t;
-        }
-        if (inside && !stayStart) {
-            stayStart = point.t;
-        }
-        if ((!inside || i + 1 == route.points.size()) && stayStart) {
-            outcome.secondsInside = std::max(outcome.secondsInside, point.t - *stayStart);
-            stayStart.reset();
+        for (std::size_t i = begin; i < end; ++i) {
+            const RoutePoint& point = route.points[i];
+            const double chord = chordSquared(centre, route3d.points[i]);
+            if (chord < closest) {
+                closest = chord;
+                closestIndex = i;
+            }
+            const bool inside = std::abs(chord - edge) > margin
+                                    ? chord < edge
+                                    : distanceMetres(outcome.latitude, outcome.longitude, point.latitude,
+                                                     point.longitude) <= outcome.radius;
+            if (inside && !outcome.enteredAt) {
+                outcome.enteredAt = point.t;
+            }
+            if (inside && !staying) {
+                staying = true;
+                stayStart = point.t;
+            }
+            if ((!inside || i + 1 == route.points.size()) && staying) {
+                outcome.secondsInside = std::max(outcome.secondsInside, point.t - stayStart);
+                staying = false;
+            }
         }
     }
     outcome.closestMetres = route.points.empty() ? std::numeric_limits<double>::infinity()
@@ -307,11 +365,7 @@ void OutcomeTracker::add(const json& event) {
 }
 
 std::vector<OfferOutcome> OutcomeTracker::finish(const Route& route, const OutcomeContext& context) {
-    std::vector<UnitVector> points;
-    points.reserve(route.points.size());
-    for (const RoutePoint& point : route.points) {
-        points.push_back(unitVector(point.latitude, point.longitude));
-    }
+    const RoutePoints points(route);
     for (OfferOutcome& o : outcomes_) {
         measureVisit(o, route, points);
         o.reason = explain(o, context);
