@@ -17,6 +17,7 @@ CONNECTIONS connections, default 64), alternating the two servers:
   /v1/devicetag/update   one upsert and its webhook row each, a new tag name every request
   /v1/log                one insert into the day's partition each
   /v1/session            a device's first session each (its row, the session, its webhook rows)
+  /v1/deviceevent/update a status of one live link each (checked to be the device's, then inserted)
   /v1/deviceevent/link   a new link each (DEVICES fresh sessions a run, default 600, times the
                          example city's 45 offers at places): the device's row locked, its caps
                          counted, the link and its webhook row inserted
@@ -26,8 +27,8 @@ writes, fewer when commits share a flush), the CPU time per request of the serve
 (user + system, from /proc), and the median of the per-pair ratios (group commit / alone).
 --smoke: one pair of one second at 8 connections, so that CI sees the script still runs.
 Environment: BUILD_DIR, RUNS, DURATION, CONNECTIONS, DEVICES, SERVER_THREADS (default 2), WORK_DIR,
-ENDPOINTS (space-separated; default all but /v1/session), LOG_DB=apart (the first server keeps log messages
-in a database of their own), BASELINE_SERVER (a tovrel-server built elsewhere: the second server is it,
+ENDPOINTS (space-separated; default tags, log messages and links), LOG_DB=apart (the first server
+keeps log messages in a database of their own), BASELINE_SERVER (a tovrel-server built elsewhere: the second server is it,
 with group commit BASELINE_COMMIT, default on, so that the ratio compares two builds; off compares
 this build with another's writes committed one at a time).
 USAGE
@@ -88,6 +89,20 @@ print(",".join("{%d,%d}" % (f["properties"]["placeId"], o["eventId"])
                for f in city["features"] for o in f["properties"].get("offers", [])))' examples/places/munich.geojson)
 run_number=0
 
+# A live link of each server's device, for the statuses /v1/deviceevent/update adds to it.
+declare -A event
+first_pair=$(python3 -c '
+import json, sys
+city = json.load(open(sys.argv[1]))
+f = next(f for f in city["features"] if f["properties"].get("offers"))
+print(f["properties"]["placeId"], f["properties"]["offers"][0]["eventId"])' examples/places/munich.geojson)
+for mode in on off; do
+    event[$mode]=$(curl -s -X POST "http://127.0.0.1:${port[$mode]}/v1/deviceevent/link" \
+        -H 'Content-Type: application/json' \
+        -d "{\"sessionKey\":\"${key[$mode]}\",\"placeId\":${first_pair% *},\"eventId\":${first_pair#* }}" |
+        python3 -c 'import json, sys; print(json.load(sys.stdin)["places"][0]["deviceEventId"])')
+done
+
 # sessions MODE: DEVICES new session keys on MODE's server, as a Lua list
 sessions() {
     python3 - "${port[$1]}" "$DEVICES" "$1-$run_number" <<'PY'
@@ -108,6 +123,8 @@ body_for() { # MODE ENDPOINT
         /v1/deviceevent/link) echo "LINK" ;;
         /v1/devicetag/update) echo "{\"sessionKey\":\"${key[$1]}\",\"tag\":\"TAG\",\"tagValue\":\"1\"}" ;;
         /v1/log) echo "{\"deviceid\":\"BENCH-$1\",\"message\":{\"bench\":{\"n\":1}}}" ;;
+        /v1/deviceevent/update)
+            echo "{\"sessionKey\":\"${key[$1]}\",\"deviceEventId\":${event[$1]},\"statusCode\":\"seen\"}" ;;
     esac
 }
 

@@ -396,7 +396,10 @@ TEST_P(UpdateEndpoint, OnlyTheFourStatusCodesAreAccepted) {
 
 TEST_P(UpdateEndpoint, AnotherDevicesOrAnUnknownEventIsNotFound) {
     const std::string other = fx.startSession("DEVICE-B");
-    EXPECT_EQ(update(eventId, "seen", other).status, 404);
+    const HttpResult others = update(eventId, "seen", other);
+    EXPECT_EQ(others.status, 404);
+    EXPECT_EQ(others.parsed().value("error", ""),
+              "this device has no device event " + std::to_string(eventId));
     EXPECT_EQ(update(eventId + 1000, "seen").status, 404);
     EXPECT_EQ(update("17x", "seen").status, 400);
     EXPECT_TRUE(queryRows(fx.dbPath(), "SELECT * FROM device_event_status").empty());

@@ -8,6 +8,7 @@
 #include <future>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include "store/postgres/pg_bulk_load.h"
@@ -575,6 +576,7 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitWhetherTheirCallersWaitOrNotA
     constexpr int kThreads = 16;
     constexpr int kEach = 25;
     std::atomic<int> refused{0};
+    std::atomic<int> unwritten{0};
     // The first commit waits for this lock, so that the other threads' first writes queue behind it.
     PgConnection holder(db, 5000);
     holder.exec("BEGIN");
@@ -590,10 +592,12 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitWhetherTheirCallersWaitOrNotA
                     error = std::current_exception();
                 }
             } else {
+                // A write that finds nothing to write says so, whether its batch committed or was retried.
+                PgWrite write{statement("INSERT INTO grouped SELECT $1 WHERE $1 % 3 <> 0 RETURNING n", n),
+                              std::make_exception_ptr(std::out_of_range("nothing written"))};
                 std::promise<std::exception_ptr> written;
                 while (!group.start(
-                    statement("INSERT INTO grouped VALUES($1)", n),
-                    [&](std::exception_ptr e) { written.set_value(std::move(e)); }, launch)) {
+                    write, [&](std::exception_ptr e) { written.set_value(std::move(e)); }, launch)) {
                 }
                 error = written.get_future().get();
             }
@@ -604,12 +608,17 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitWhetherTheirCallersWaitOrNotA
             } catch (const PgError& e) {
                 EXPECT_EQ(e.sqlState(), "23514") << e.what();
                 ++refused;
+            } catch (const std::out_of_range&) {
+                EXPECT_EQ(n % 3, 0) << n;
+                ++unwritten;
             }
         });
     committers.drain();
-    // Every write but the two the check refuses is there, though they shared transactions with them.
+    // Every write is there but the two the check refuses (13 and 14) and the 67 odd multiples of 3 that
+    // wrote nothing, though they shared transactions with them.
     EXPECT_EQ(refused, 2);
-    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"398"});
+    EXPECT_EQ(unwritten, 67);
+    EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped"), std::vector<std::string>{"331"});
     const PgGroupCommit::Counts counts = group.counts();
     EXPECT_EQ(counts.writes, std::size_t{kThreads * kEach});
     EXPECT_LE(counts.commits, counts.writes - (kThreads - 2))
@@ -617,7 +626,7 @@ TEST_F(Postgres, WritesArrivingTogetherShareACommitWhetherTheirCallersWaitOrNotA
     // With no commit running and no thread to run one, nothing is started.
     bool heard = false;
     EXPECT_FALSE(group.start(
-        statement("INSERT INTO grouped VALUES(1000)"), [&](auto) { heard = true; },
+        PgWrite{statement("INSERT INTO grouped VALUES(1000)"), nullptr}, [&](auto) { heard = true; },
         [](auto) { return false; }));
     EXPECT_FALSE(heard);
     EXPECT_EQ(queryRows(db, "SELECT count(*) FROM grouped WHERE n = 1000"), std::vector<std::string>{"0"});

@@ -12,9 +12,9 @@ class WorkQueue;
 
 /// The public listener's requests: the JSON endpoints and the content pages. A request answered from
 /// memory (places of a known session, refusals) is answered on the connection's thread; a write that
-/// shares a commit (log messages, tags) is queued for it and answered by the thread that committed it;
-/// any other that needs the database is queued on the database threads. A request that finds the
-/// database threads' queue full is refused with 503.
+/// shares a commit (log messages, tags, link statuses) is queued for it and answered by the thread that
+/// committed it; any other that needs the database is queued on the database threads. A request that finds
+/// the database threads' queue full is refused with 503.
 class ApiHandler : public RequestHandler {
   public:
     /// `fallbackBase` ("http://host:port") goes before relative media addresses when a request has no

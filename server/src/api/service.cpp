@@ -272,6 +272,8 @@ ApiReply Service::failure(std::string_view path, const std::exception_ptr& error
     } catch (const DeviceGone&) {
         // Erased through another replica while this request was on its way.
         return {401, errorJson("the sessionKey is unknown; start a session at /v1/session")};
+    } catch (const NoLiveLink& e) {
+        return {404, errorJson(noDeviceEvent(e.deviceEvent()))};
     } catch (const DatabaseBusy&) {
         // Writes queued behind this one would each wait their own busy timeout for the same lock.
         busyFoundAt_ = steadyNow();
@@ -293,7 +295,7 @@ bool Service::startWrite(std::string_view path, const json& req, const Launch& l
                          const std::function<void(ApiReply)>& answer) {
     const ApiRoute* route = findApiRoute(path);
     if (route == nullptr || (route->route != Route::log && route->route != Route::tagUpdate &&
-                             route->route != Route::tagDelete)) {
+                             route->route != Route::tagDelete && route->route != Route::update)) {
         return false;
     }
     const double started = steadyNow();
@@ -312,6 +314,11 @@ bool Service::startWrite(std::string_view path, const json& req, const Launch& l
             deviceInMemory(requireString(req, member::kSessionKey, limits::kSessionKey));
         if (!device) {
             return false;
+        }
+        if (route->route == Route::update) {
+            const LinkStatus status = linkStatus(req);
+            return store.startLinkStatus(*device, status.deviceEvent, status.code, clock_(),
+                                         std::move(written), launch);
         }
         const TagWrite tag = tagWrite(req, route->route == Route::tagUpdate);
         return store.startTagWrite(*device, tag.group, tag.tag, tag.value, clock_(), std::move(written),
@@ -941,19 +948,28 @@ std::string Service::link(const json& req, std::string_view mediaBase) {
     return out;
 }
 
-std::string Service::update(const json& req) {
+Service::LinkStatus Service::linkStatus(const json& req) {
     static constexpr std::array<std::string_view, 4> kCodes = {"ack", "seen", "saved", "declined"};
-    const int64_t device = authenticate(req);
-    const int64_t id = requireId(req, member::kDeviceEventId);
-    const std::string& code = requireString(req, member::kStatusCode, kCodes.size() * 8);
-    if (std::find(kCodes.begin(), kCodes.end(), code) == kCodes.end()) {
+    LinkStatus status{requireId(req, member::kDeviceEventId),
+                      requireString(req, member::kStatusCode, kCodes.size() * 8)};
+    if (std::find(kCodes.begin(), kCodes.end(), status.code) == kCodes.end()) {
         throw ApiError(400, "the statusCode must be one of \"ack\", \"seen\", \"saved\", \"declined\"");
     }
+    return status;
+}
+
+std::string Service::noDeviceEvent(int64_t deviceEvent) {
+    return "this device has no device event " + std::to_string(deviceEvent);
+}
+
+std::string Service::update(const json& req) {
+    const int64_t device = authenticate(req);
+    const LinkStatus status = linkStatus(req);
     writeOnly([&](Store& store) {
-        if (store.liveLinkOwner(id) != device) {
-            throw ApiError(404, "this device has no device event " + std::to_string(id));
+        if (store.liveLinkOwner(status.deviceEvent) != device) {
+            throw ApiError(404, noDeviceEvent(status.deviceEvent));
         }
-        store.addLinkStatus(id, code, clock_());
+        store.addLinkStatus(status.deviceEvent, status.code, clock_());
     });
     return kStatusOk;
 }

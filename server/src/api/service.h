@@ -131,9 +131,9 @@ class Service : private ChangeListener {
     /// once rather than waiting for the same lock. Any thread; blocks while the database is locked.
     ApiReply handleParsed(std::string_view path, const nlohmann::json& req, std::string_view mediaBase,
                           std::optional<double> queuedAt = std::nullopt);
-    /// Starts a write that no thread needs to wait for: a log message, or a tag set or removed for a
-    /// session key held in memory, when the store shares commits. `answer` is called once with what
-    /// handleParsed() would have answered, on the thread that committed the write (or at once for a
+    /// Starts a write that no thread needs to wait for: a log message, or a tag set or removed or a
+    /// link status for a session key held in memory, when the store shares commits. `answer` is called once
+    /// with what handleParsed() would have answered, on the thread that committed the write (or at once for a
     /// refusal). False when the request must go the usual way (handleParsed on a database thread); then
     /// `answer` is never called. Never waits for the database. Any thread.
     bool startWrite(std::string_view path, const nlohmann::json& req, const Launch& launch,
@@ -286,6 +286,15 @@ class Service : private ChangeListener {
     ApiReply failure(std::string_view path, const std::exception_ptr& error, double started);
     /// A log request's message; ApiError 400 when malformed.
     LogMessage logMessage(const nlohmann::json& req) const;
+    /// What a link status request asks for.
+    struct LinkStatus {
+        int64_t deviceEvent = 0;
+        std::string code;
+    };
+    /// A link status request's LinkStatus; ApiError 400 when malformed.
+    static LinkStatus linkStatus(const nlohmann::json& req);
+    /// The 404 answer's words for a status of a device event that is not the device's live link.
+    static std::string noDeviceEvent(int64_t deviceEvent);
     /// What a tag request asks for.
     struct TagWrite {
         std::string group;

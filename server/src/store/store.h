@@ -122,6 +122,18 @@ class DeviceGone : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// A status for a device event that is not a live link of the device that sent it: nothing was written.
+class NoLiveLink : public std::runtime_error {
+  public:
+    explicit NoLiveLink(int64_t deviceEvent)
+        : std::runtime_error("no live device event " + std::to_string(deviceEvent)),
+          deviceEvent_(deviceEvent) {}
+    int64_t deviceEvent() const { return deviceEvent_; }
+
+  private:
+    int64_t deviceEvent_;
+};
+
 /// A box of latitude and longitude that listed places must lie in (their centres). west > east crosses
 /// the antimeridian.
 struct PlaceArea {
@@ -191,6 +203,14 @@ class Store {
     virtual std::optional<int64_t> liveLinkOwner(int64_t deviceEvent) = 0;
     /// Appends a status to a device event's history.
     virtual void addLinkStatus(int64_t deviceEvent, const std::string& status, double now) = 0;
+    /// Starts addLinkStatus() in a commit shared with the writes around it, if `deviceEvent` is then a
+    /// live link of `device`, and returns at once; `written` hears of it as the call would have returned
+    /// or thrown, or NoLiveLink. False when this store commits each write alone, or `launch` was needed
+    /// and refused: then nothing was started. Any thread.
+    virtual bool startLinkStatus(int64_t /*device*/, int64_t /*deviceEvent*/, const std::string& /*status*/,
+                                 double /*now*/, WriteDone /*written*/, Launch /*launch*/) {
+        return false;
+    }
     /// Clears every live device event of the device.
     virtual void clearLinks(int64_t device, double now) = 0;
     virtual void setTag(int64_t device, const std::string& group, const std::string& tag,

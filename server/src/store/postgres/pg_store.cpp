@@ -138,22 +138,52 @@ std::optional<int64_t> PgStore::liveLinkOwner(int64_t deviceEvent) {
     return r.integer(0, 0);
 }
 
-void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
+PgStatement PgStore::linkStatusWrite(int64_t deviceEvent, const std::string& status, double now,
+                                     std::optional<int64_t> device) const {
     const std::string_view type = statusEventType(status);
+    // With a device, the check that the link is its and live is part of the write: no read before it.
+    const std::string insert =
+        device ? "INSERT INTO device_event_status(device_event, status, at) SELECT $1, $2, $3 WHERE EXISTS "
+                 "(SELECT 1 FROM device_events WHERE id = $1 AND device = $4 AND cleared_at IS NULL) "
+                 "RETURNING device_event"
+               : "INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
+                 "RETURNING device_event";
     if (type.empty()) {
-        write(statement("INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3)",
-                        deviceEvent, status, now));
-        return;
+        return device ? statement(insert, deviceEvent, status, now, *device)
+                      : statement(insert, deviceEvent, status, now);
     }
     // The status and its event in one statement: one round trip, atomic without a transaction.
-    write(statement(
-        "WITH s AS (INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
-        "RETURNING device_event) INSERT INTO webhook_messages(message_id, endpoint, type, device, data, "
-        "created_at, next_attempt) SELECT $4, w.id, $5, e.device, json_build_object('deviceEventId', "
-        "e.id, 'offerId', e.offer, 'placeId', e.place, 'campaignId', e.campaign, 'status', $2::text)::text, "
-        "$3, $3 FROM s JOIN device_events e ON e.id = s.device_event CROSS JOIN webhook_endpoints w WHERE " +
-            takesType("w", "$6"),
-        deviceEvent, status, now, newMessageId(), std::string(type), typePattern(type)));
+    const std::string first = device ? "$5" : "$4";
+    const std::string next = device ? "$6" : "$5";
+    const std::string last = device ? "$7" : "$6";
+    std::string sql = "WITH s AS (" + insert +
+                      "), m AS (INSERT INTO webhook_messages(message_id, endpoint, type, device, data, "
+                      "created_at, next_attempt) SELECT " +
+                      first + ", w.id, " + next +
+                      ", e.device, json_build_object('deviceEventId', e.id, 'offerId', e.offer, 'placeId', "
+                      "e.place, 'campaignId', e.campaign, 'status', $2::text)::text, $3, $3 FROM s JOIN "
+                      "device_events e ON e.id = s.device_event CROSS JOIN webhook_endpoints w WHERE " +
+                      takesType("w", last) + ") SELECT device_event FROM s";
+    if (device) {
+        return statement(std::move(sql), deviceEvent, status, now, *device, newMessageId(), std::string(type),
+                         typePattern(type));
+    }
+    return statement(std::move(sql), deviceEvent, status, now, newMessageId(), std::string(type),
+                     typePattern(type));
+}
+
+void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
+    write(linkStatusWrite(deviceEvent, status, now, std::nullopt));
+}
+
+bool PgStore::startLinkStatus(int64_t device, int64_t deviceEvent, const std::string& status, double now,
+                              WriteDone written, Launch launch) {
+    if (!group_) {
+        return false;
+    }
+    PgWrite write{linkStatusWrite(deviceEvent, status, now, device),
+                  std::make_exception_ptr(NoLiveLink(deviceEvent))};
+    return group_->start(std::move(write), std::move(written), std::move(launch));
 }
 
 void PgStore::clearLinks(int64_t device, double now) {
@@ -212,8 +242,8 @@ void PgStore::deleteTag(int64_t device, const std::string& group, const std::str
 bool PgStore::startTagWrite(int64_t device, const std::string& group, const std::string& tag,
                             const std::optional<std::string>& value, double now, WriteDone written,
                             Launch launch) {
-    return group_ &&
-           group_->start(tagWrite(device, group, tag, value, now), std::move(written), std::move(launch));
+    return group_ && group_->start(PgWrite{tagWrite(device, group, tag, value, now), nullptr},
+                                   std::move(written), std::move(launch));
 }
 
 namespace {

@@ -40,6 +40,8 @@ class PgStore final : public Store {
     void setTag(int64_t device, const std::string& group, const std::string& tag, const std::string& value,
                 double now) override;
     void deleteTag(int64_t device, const std::string& group, const std::string& tag) override;
+    bool startLinkStatus(int64_t device, int64_t deviceEvent, const std::string& status, double now,
+                         WriteDone written, Launch launch) override;
     bool startTagWrite(int64_t device, const std::string& group, const std::string& tag,
                        const std::optional<std::string>& value, double now, WriteDone written,
                        Launch launch) override;
@@ -95,6 +97,10 @@ class PgStore final : public Store {
     /// Tells the other replicas, when the transaction commits, that the device's links changed.
     void notifyDeviceChanged(PgConnection& conn, int64_t device);
     PgStatement deviceChanged(int64_t device) const;
+    /// The statement of addLinkStatus(); with `device`, it writes only for a live link of that device
+    /// and returns the status's row when it wrote.
+    PgStatement linkStatusWrite(int64_t deviceEvent, const std::string& status, double now,
+                                std::optional<int64_t> device) const;
     /// The statement of setTag() (with a value) or deleteTag() (without).
     PgStatement tagWrite(int64_t device, const std::string& group, const std::string& tag,
                          const std::optional<std::string>& value, double now) const;
