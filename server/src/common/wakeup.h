@@ -45,6 +45,9 @@ class Wakeup {
 
   private:
 #if defined(__linux__)
+    // The kernel waits on the word itself.
+    static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t) &&
+                  std::atomic<std::uint32_t>::is_always_lock_free);
     std::atomic<std::uint32_t> state_{0};
 #else
     std::binary_semaphore semaphore_{0};
