@@ -91,15 +91,12 @@ run_number=0
 
 # A live link of each server's device, for the statuses /v1/deviceevent/update adds to it.
 declare -A event
-first_pair=$(python3 -c '
-import json, sys
-city = json.load(open(sys.argv[1]))
-f = next(f for f in city["features"] if f["properties"].get("offers"))
-print(f["properties"]["placeId"], f["properties"]["offers"][0]["eventId"])' examples/places/munich.geojson)
+first_pair=${pairs%%\}*}
+first_pair=${first_pair#\{}
 for mode in on off; do
     event[$mode]=$(curl -s -X POST "http://127.0.0.1:${port[$mode]}/v1/deviceevent/link" \
         -H 'Content-Type: application/json' \
-        -d "{\"sessionKey\":\"${key[$mode]}\",\"placeId\":${first_pair% *},\"eventId\":${first_pair#* }}" |
+        -d "{\"sessionKey\":\"${key[$mode]}\",\"placeId\":${first_pair%,*},\"eventId\":${first_pair#*,}}" |
         python3 -c 'import json, sys; print(json.load(sys.stdin)["places"][0]["deviceEventId"])')
 done
 

@@ -142,34 +142,31 @@ PgStatement PgStore::linkStatusWrite(int64_t deviceEvent, const std::string& sta
                                      std::optional<int64_t> device) const {
     const std::string_view type = statusEventType(status);
     // With a device, the check that the link is its and live is part of the write: no read before it.
+    // The device is the statement's last parameter.
     const std::string insert =
-        device ? "INSERT INTO device_event_status(device_event, status, at) SELECT $1, $2, $3 WHERE EXISTS "
-                 "(SELECT 1 FROM device_events WHERE id = $1 AND device = $4 AND cleared_at IS NULL) "
-                 "RETURNING device_event"
-               : "INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
-                 "RETURNING device_event";
-    if (type.empty()) {
-        return device ? statement(insert, deviceEvent, status, now, *device)
-                      : statement(insert, deviceEvent, status, now);
-    }
+        device
+            ? "INSERT INTO device_event_status(device_event, status, at) SELECT $1, $2, $3 WHERE EXISTS "
+              "(SELECT 1 FROM device_events WHERE id = $1 AND device = " +
+                  std::string(type.empty() ? "$4" : "$7") + " AND cleared_at IS NULL) RETURNING device_event"
+            : "INSERT INTO device_event_status(device_event, status, at) VALUES($1, $2, $3) "
+              "RETURNING device_event";
     // The status and its event in one statement: one round trip, atomic without a transaction.
-    const std::string first = device ? "$5" : "$4";
-    const std::string next = device ? "$6" : "$5";
-    const std::string last = device ? "$7" : "$6";
-    std::string sql = "WITH s AS (" + insert +
+    PgStatement out =
+        type.empty()
+            ? statement(insert, deviceEvent, status, now)
+            : statement(
+                  "WITH s AS (" + insert +
                       "), m AS (INSERT INTO webhook_messages(message_id, endpoint, type, device, data, "
-                      "created_at, next_attempt) SELECT " +
-                      first + ", w.id, " + next +
-                      ", e.device, json_build_object('deviceEventId', e.id, 'offerId', e.offer, 'placeId', "
-                      "e.place, 'campaignId', e.campaign, 'status', $2::text)::text, $3, $3 FROM s JOIN "
+                      "created_at, next_attempt) SELECT $4, w.id, $5, e.device, "
+                      "json_build_object('deviceEventId', e.id, 'offerId', e.offer, 'placeId', e.place, "
+                      "'campaignId', e.campaign, 'status', $2::text)::text, $3, $3 FROM s JOIN "
                       "device_events e ON e.id = s.device_event CROSS JOIN webhook_endpoints w WHERE " +
-                      takesType("w", last) + ") SELECT device_event FROM s";
+                      takesType("w", "$6") + ") SELECT device_event FROM s",
+                  deviceEvent, status, now, newMessageId(), std::string(type), typePattern(type));
     if (device) {
-        return statement(std::move(sql), deviceEvent, status, now, *device, newMessageId(), std::string(type),
-                         typePattern(type));
+        out.params.push_back(pgParam(*device));
     }
-    return statement(std::move(sql), deviceEvent, status, now, newMessageId(), std::string(type),
-                     typePattern(type));
+    return out;
 }
 
 void PgStore::addLinkStatus(int64_t deviceEvent, const std::string& status, double now) {
