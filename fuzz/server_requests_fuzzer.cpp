@@ -2,7 +2,8 @@
 // JSON body and its members, and the request target as a static path; and to what it reads back from
 // what devices sent (a stored /v1/log message read as a day's positions); and to what webhook receivers
 // answer (Retry-After) and what an admin saves as an endpoint's address; and a draft previewed as an
-// import over a catalogue; and a place request read plainly, which must read as the general reader reads it.
+// import over a catalogue; and place and log requests read plainly, which must read as the general reader
+// reads them.
 // Nothing may crash or trip a sanitizer; refusals are ApiError (a 4xx) and nothing else.
 #include <algorithm>
 #include <cstddef>
@@ -16,6 +17,7 @@
 #include "admin/admin_routes.h"
 #include "admin/catalogue_export.h"
 #include "admin/device_day.h"
+#include "api/log_body.h"
 #include "api/place_query.h"
 #include "common/request_fields.h"
 #include "http/compression.h"
@@ -98,6 +100,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 tovrel::server::requireNumber(at, "lon", -180, 180) != plain->query.longitude ||
                 tovrel::server::requireNumber(body, "distanceThreshold", 0, 50000) !=
                     plain->query.threshold) {
+                std::abort();
+            }
+        } catch (const std::exception&) {
+            std::abort();
+        }
+    }
+    // A log body read plainly must be one the general reader reads alike, its message printing as kept.
+    if (const auto plain = tovrel::server::readPlainLog(text)) {
+        try {
+            const nlohmann::json body = tovrel::server::parseObjectBody(text);
+            const nlohmann::json& message = body.at("message");
+            if (tovrel::server::requireString(body, "deviceid", 128) != plain->deviceId ||
+                message.size() != 1 || message.begin().key() != plain->eventName ||
+                message.dump() != plain->text) {
                 std::abort();
             }
         } catch (const std::exception&) {

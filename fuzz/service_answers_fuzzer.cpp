@@ -7,10 +7,10 @@
 
 #include "foundation/value.h"
 #include "tovrel/analytics_manager.h"
-#include "tovrel/curl/json_reader.h"
 #include "tovrel/data_service.h"
 #include "tovrel/environment.h"
-#include "tovrel/platform/json_text.h"
+#include "tovrel/place_record.h"
+#include "tovrel/platform/json_scanner.h"
 #include "tovrel/region.h"
 #include "tovrel/session_manager.h"
 #include "tovrel/virtual/virtual_platform.h"
@@ -41,14 +41,39 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
 
     const auto text = tovrel::platform::parseJsonText(body);
-    // The HTTP port's own reader must agree with the full parser on every input, to the number kinds.
-    const auto read = tovrel::curl::readJsonText(body);
+    // The scanning reader and checker must agree with the full parser on every input, to the number kinds.
+    const auto read = tovrel::platform::readJsonText(body);
+    const auto checked = tovrel::platform::checkJsonText(body);
     const auto dump = [](const Json& value) {
         return value.dump(-1, ' ', false, Json::error_handler_t::replace);
     };
     if (read.ok() != text.ok() || read.problem != text.problem || read.error != text.error ||
-        read.value.type() != text.value.type() || dump(read.value) != dump(text.value)) {
+        read.value.type() != text.value.type() || dump(read.value) != dump(text.value) ||
+        checked.problem != text.problem || checked.error != text.error) {
         std::abort();
+    }
+    // Place answers read straight from the text give the records of the parsed tree.
+    const tovrel::PlaceAnswer answer = tovrel::readPlaceAnswer(body);
+    const Json* places = text.ok() && text.value.is_object() && text.value.contains("places")
+                             ? &text.value["places"]
+                             : nullptr;
+    if (places != nullptr && !places->is_array()) {
+        if (answer.placesKind != places->type_name() || !answer.places.empty()) {
+            std::abort();
+        }
+    } else if (answer.places.size() != (places != nullptr ? places->size() : 0) ||
+               !answer.placesKind.empty()) {
+        std::abort();
+    } else {
+        for (std::size_t i = 0; i < answer.places.size(); ++i) {
+            const tovrel::PlaceRecord tree = tovrel::PlaceRecord::read((*places)[i]);
+            const tovrel::PlaceRecord& scanned = answer.places[i];
+            if (dump(tree.eventId) != dump(scanned.eventId) || dump(tree.endDate) != dump(scanned.endDate) ||
+                dump(tree.centroidLat) != dump(scanned.centroidLat) || tree.dwellTime != scanned.dwellTime ||
+                tree.eventTypeId != scanned.eventTypeId || dump(tree.isLinked) != dump(scanned.isLinked)) {
+                std::abort();
+            }
+        }
     }
     if (text.ok()) {
         const Json& parsed = text.value;
@@ -76,13 +101,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const tovrel::SessionKey key = std::string("k");
     auto& service = environment.dataService();
     tovrel::platform::Location location;
-    service.getLocationsWithLocation(location, key, [](const Json& places, const auto&) {
-        if (places.is_array()) {
-            for (const auto& record : places) {
-                (void)tovrel::hRegion::fromPlaceRecord(record);
-            }
-        }
-    });
+    service.getLocationsWithLocation(location, key,
+                                     [](std::vector<tovrel::PlaceRecord> records, const auto&) {
+                                         for (auto& record : records) {
+                                             (void)tovrel::hRegion::fromRecord(std::move(record));
+                                         }
+                                     });
     service.sendDeviceLinkWithEventId(
         "1", "2", key, [](const Json&, const Json& id, const auto&) { (void)tovrel::intValue(id); });
     service.sendDeviceUpdateWithDeviceEventId("3", "ack", key, [](const Json&, const auto&) {});

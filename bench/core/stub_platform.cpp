@@ -95,9 +95,8 @@ class StubLocationServices final : public platform::LocationServices {
 
 }  // namespace
 
-void CannedHttp::postJson(const std::string& url, const nlohmann::json& /*body*/,
-                          platform::JsonCompletion completion) {
-    std::optional<nlohmann::json> answer;
+void CannedHttp::postJson(const std::string& url, std::string /*body*/, platform::JsonCompletion completion) {
+    std::optional<std::string> answer;
     {
         std::lock_guard lock(mutex_);
         answer = placesAnswer_;
@@ -105,14 +104,14 @@ void CannedHttp::postJson(const std::string& url, const nlohmann::json& /*body*/
     if (answer && url.ends_with("/v2/place") && completion) {
         platform::JsonResult result;
         result.status = 200;
-        result.value = std::move(*answer);
+        result.text = std::move(*answer);
         completion(std::move(result));
     }
 }
 
 void CannedHttp::setPlacesAnswer(std::optional<nlohmann::json> answer) {
     std::lock_guard lock(mutex_);
-    placesAnswer_ = std::move(answer);
+    placesAnswer_ = answer ? std::optional<std::string>(answer->dump()) : std::nullopt;
 }
 
 std::shared_ptr<platform::Timer> StubLoop::scheduleTimer(double /*seconds*/, bool /*repeats*/,

@@ -74,8 +74,7 @@ class StubLocationProvider final : public platform::LocationProvider {
 class CannedHttp final : public platform::HttpClient {
   public:
     /// Any thread.
-    void postJson(const std::string& url, const nlohmann::json& body,
-                  platform::JsonCompletion completion) override;
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override;
     /// Any thread. Dropped.
     void send(platform::HttpRequest /*request*/, platform::ResponseCompletion /*completion*/) override {}
     /// Any thread. The answer to later places requests (nullopt: drop them).
@@ -83,7 +82,7 @@ class CannedHttp final : public platform::HttpClient {
 
   private:
     std::mutex mutex_;
-    std::optional<nlohmann::json> placesAnswer_;
+    std::optional<std::string> placesAnswer_;  ///< as text
 };
 
 struct StubPlatform {

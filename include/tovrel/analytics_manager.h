@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "tovrel/export.h"
 #include "tovrel/platform/http.h"
@@ -29,8 +30,9 @@ class TOVREL_EXPORT AnalyticsManager {
     /// POSTs {"deviceid": deviceId, "message": message}. The body is built before this returns, so the
     /// caller may change its message afterwards. A failure is logged once and dropped.
     void logMessage(const nlohmann::json& message, const std::string& deviceId, Completion completion);
-    /// The same for a message the caller hands over: a large one is not copied. Any thread.
-    void logMessage(nlohmann::json&& message, const std::string& deviceId, Completion completion);
+    /// The same for a message already written as JSON text, as a dump prints it (so the large ones are
+    /// written, never built as a tree): sent as it stands. Any thread.
+    void logMessageText(std::string_view message, const std::string& deviceId, Completion completion);
 
     /// {"lat": number, "lon": number}, each rounded to single precision.
     static nlohmann::json buildLocationDictionaryWithLatitude(double latitude, double longitude);

@@ -5,8 +5,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tovrel/export.h"
+#include "tovrel/place_record.h"
 #include "tovrel/platform/http.h"
 #include "tovrel/platform/location.h"
 #include "tovrel/platform/platform.h"
@@ -26,8 +28,8 @@ using SessionKey = std::optional<std::string>;
 /// Nothing is thrown out of a call: a response that cannot be read is logged and read as far as it goes.
 class TOVREL_EXPORT DataService {
   public:
-    /// (places array, error): an array (possibly empty) on success, null and the error on failure.
-    using PlacesCompletion = std::function<void(const Json& places, const ServiceError& error)>;
+    /// (places, error): the answer's records (possibly none) on success, none and the error on failure.
+    using PlacesCompletion = std::function<void(std::vector<PlaceRecord> places, const ServiceError& error)>;
     /// (places, device event id, error): the link answer's "places" as it stands and the
     /// "deviceEventId" of its first record (null when there is none).
     using LinkCompletion =

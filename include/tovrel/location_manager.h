@@ -27,6 +27,7 @@ class DataService;
 class Environment;
 class LaunchCheckers;
 class OfferSink;
+struct PlaceRecord;
 struct hRegion;
 
 namespace targeting {
@@ -226,7 +227,7 @@ class TOVREL_EXPORT LocationManager : public platform::LocationManagerDelegate,
     void setProvider(std::shared_ptr<platform::LocationProvider> provider);
 
     // target_refresh.cpp
-    void replaceTargets(const nlohmann::json& places);
+    void replaceTargets(std::vector<PlaceRecord> places);
 
     // proximity.cpp
     struct Check;  ///< one proximity check's position, nearest distance and dwell timer

@@ -123,7 +123,7 @@ class TOVREL_EXPORT MapManager final : public ViewController,
 
   private:
     void loadView() override;
-    void showPlaces(const nlohmann::json& places, bool failed);
+    void showPlaces(const std::vector<PlaceRecord>& places, bool failed);
     void zoomToFitAnnotations();
     [[nodiscard]] std::optional<std::string> sessionKey() const;
 

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "tovrel/export.h"
 
@@ -32,5 +35,17 @@ struct TOVREL_EXPORT PlaceRecord {
     /// Reads one record; anything that is not an object reads as an empty record.
     static PlaceRecord read(const nlohmann::json& record);
 };
+
+/// The records of a place answer.
+struct TOVREL_EXPORT PlaceAnswer {
+    std::vector<PlaceRecord> places;  ///< one per element of the answer's "places" array, in order
+    /// The kind of a "places" member that is not an array ("object", "null", ...); else empty.
+    std::string placesKind;
+};
+
+/// Reads a place answer straight from its text, to what PlaceRecord::read() gives for each element of
+/// the parsed answer's "places" (the last one when the member repeats), without the parsed tree. Text
+/// that is not a JSON object, or lacks the member, has no records. Any thread.
+TOVREL_EXPORT PlaceAnswer readPlaceAnswer(std::string_view text);
 
 }  // namespace tovrel

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tovrel/export.h"
+#include "tovrel/place_record.h"
 #include "tovrel/platform/location.h"
 
 namespace tovrel {
@@ -38,6 +39,8 @@ struct TOVREL_EXPORT hRegion {
     /// the record's "endDate", and `campaignName`, `tags`, `startDate` and `endDate` stay null: the
     /// record's later fields are all written into `centroidLon`, in order, and that is kept as it is.
     static std::shared_ptr<hRegion> fromPlaceRecord(const nlohmann::json& record);
+    /// The same from a record already read; its values move into the target.
+    static std::shared_ptr<hRegion> fromRecord(PlaceRecord place);
 };
 
 inline constexpr const char* kTargetIdentifier = "target";

@@ -150,14 +150,14 @@ void MapManager::plotLocations() {
     }
     environment_.dataService().getLocationsWithLocation(
         *location, sessionKey(),
-        [weakSelf = weak_from_this()](const Json& places, const ServiceError& error) {
+        [weakSelf = weak_from_this()](std::vector<PlaceRecord> places, const ServiceError& error) {
             if (const auto self = weakSelf.lock()) {
                 self->showPlaces(places, error.has_value());
             }
         });
 }
 
-void MapManager::showPlaces(const nlohmann::json& places, bool failed) {
+void MapManager::showPlaces(const std::vector<PlaceRecord>& places, bool failed) {
     if (failed || !mapView_) {
         return;
     }
@@ -168,11 +168,7 @@ void MapManager::showPlaces(const nlohmann::json& places, bool failed) {
     const platform::Coordinate lastPosition = last ? last->coordinate : platform::Coordinate{};
     const nlohmann::json storedDeviceEventId =
         environment_.platform().preferences->objectForKey(prefs::kDeviceEventId).value_or(nlohmann::json());
-    if (!places.is_array()) {
-        return;
-    }
-    for (const auto& record : places) {
-        const PlaceRecord place = PlaceRecord::read(record);
+    for (const PlaceRecord& place : places) {
         auto circle = std::make_shared<platform::CircleOverlay>();
         circle->center = {place.latitude, place.longitude};
         circle->radius = place.radius;

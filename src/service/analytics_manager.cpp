@@ -1,5 +1,6 @@
 #include "tovrel/analytics_manager.h"
 
+#include "foundation/json_writer.h"
 #include "foundation/log.h"
 #include "tovrel/environment.h"
 #include "tovrel/protocol.h"
@@ -15,18 +16,23 @@ AnalyticsManager& AnalyticsManager::instance() {
 
 void AnalyticsManager::logMessage(const nlohmann::json& message, const std::string& deviceId,
                                   Completion completion) {
-    logMessage(nlohmann::json(message), deviceId, std::move(completion));
+    std::string text;
+    appendJson(text, message);
+    logMessageText(text, deviceId, std::move(completion));
 }
 
-void AnalyticsManager::logMessage(nlohmann::json&& message, const std::string& deviceId,
-                                  Completion completion) {
-    nlohmann::json body(nlohmann::json::value_t::object);
-    auto& members = body.get_ref<nlohmann::json::object_t&>();
-    members.emplace(protocol::member::kDeviceId, deviceId);
-    members.emplace(protocol::member::kMessage, std::move(message));
+void AnalyticsManager::logMessageText(std::string_view message, const std::string& deviceId,
+                                      Completion completion) {
+    // {"deviceid": ..., "message": ...}: the members in the order a dump prints them.
+    std::string body = "{";
+    appendMemberName(body, protocol::member::kDeviceId, true);
+    appendJsonString(body, deviceId);
+    appendMemberName(body, protocol::member::kMessage);
+    body += message;
+    body += '}';
     const std::string url = serviceBaseURL_ + std::string(protocol::kLogPath);
     auto& log = *platform_.log;
-    platform_.http->postJson(url, body,
+    platform_.http->postJson(url, std::move(body),
                              [&log, completion = std::move(completion)](const platform::JsonResult& result) {
                                  if (!result.ok()) {
                                      TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());

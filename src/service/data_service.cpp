@@ -3,6 +3,7 @@
 #include "foundation/format.h"
 #include "foundation/log.h"
 #include "tovrel/environment.h"
+#include "tovrel/platform/json_scanner.h"
 #include "tovrel/protocol.h"
 
 namespace tovrel {
@@ -17,6 +18,12 @@ constexpr const char* kDistanceThreshold = "8047";
 struct ReadFailure {
     std::string description;
 };
+
+/// The parsed text of a successful answer (which the HTTP port has checked to be JSON).
+Json readAnswer(const platform::JsonResult& result) {
+    auto parsed = platform::readJsonText(result.text);
+    return parsed.ok() ? std::move(parsed.value) : Json();
+}
 
 }  // namespace
 
@@ -34,7 +41,9 @@ Json DataService::buildLocationDictionaryWithLatitude(double latitude, double lo
 
 void DataService::post(std::string_view path, const Json& body, platform::JsonCompletion onAnswer) {
     const std::string url = serviceBaseURL_ + std::string(path);
-    platform_.http->postJson(url, body, std::move(onAnswer));
+    // Invalid UTF-8 in a string becomes U+FFFD rather than an exception on the caller's thread.
+    platform_.http->postJson(url, body.dump(-1, ' ', false, Json::error_handler_t::replace),
+                             std::move(onAnswer));
 }
 
 void DataService::getLocationsWithLocation(const platform::Location& location, const SessionKey& sessionKey,
@@ -53,24 +62,17 @@ void DataService::getLocationsWithLocation(const platform::Location& location, c
         if (!result.ok()) {
             TOVREL_LOG(log, "%s", result.error->localizedDescription.c_str());
             if (completion) {
-                completion(Json(), result.error);
+                completion({}, result.error);
             }
             return;
         }
-        Json places = Json::array();
-        if (result.value.is_object()) {
-            const auto it = result.value.find(member::kPlaces);
-            if (it != result.value.end()) {
-                if (it->is_array()) {
-                    // The answer is ours: its records move rather than being copied.
-                    places = std::move(*it);
-                } else {
-                    TOVREL_LOG(log, "\"places\" is %s, not an array", it->type_name());
-                }
-            }
+        // The records are read straight from the text: an answer's parsed tree is several times its size.
+        PlaceAnswer answer = readPlaceAnswer(result.text);
+        if (!answer.placesKind.empty()) {
+            TOVREL_LOG(log, "\"places\" is %s, not an array", answer.placesKind.c_str());
         }
         if (completion) {
-            completion(places, std::nullopt);
+            completion(std::move(answer.places), std::nullopt);
         }
     });
 }
@@ -94,10 +96,11 @@ void DataService::sendDeviceLinkWithEventId(const Json& eventId, const Json& pla
              }
              Json places = Json::array();
              Json deviceEventId;
-             if (result.value.is_object()) {
+             const Json answer = readAnswer(result);
+             if (answer.is_object()) {
                  try {
-                     const auto it = result.value.find(member::kPlaces);
-                     places = it == result.value.end() ? Json() : *it;
+                     const auto it = answer.find(member::kPlaces);
+                     places = it == answer.end() ? Json() : *it;
                      if (!places.is_null()) {
                          if (!places.is_array()) {
                              throw ReadFailure{std::string("cannot take element 0 of ") + places.type_name()};
@@ -136,9 +139,9 @@ void DataService::sendStatusRequest(std::string_view path, const Json& body, Sta
             return;
         }
         Json status;
-        if (result.value.is_object()) {
-            const auto it = result.value.find(member::kStatus);
-            if (it != result.value.end()) {
+        if (const Json answer = readAnswer(result); answer.is_object()) {
+            const auto it = answer.find(member::kStatus);
+            if (it != answer.end()) {
                 status = *it;
             }
         }
@@ -197,7 +200,7 @@ void DataService::requestSessionWithBody(const Json& body, AnswerCompletion comp
     post(protocol::kSessionPath, body,
          [completion = std::move(completion)](const platform::JsonResult& result) {
              if (completion) {
-                 completion(result.ok() ? result.value : Json(), result.error);
+                 completion(result.ok() ? readAnswer(result) : Json(), result.error);
              }
          });
 }

@@ -1,12 +1,111 @@
 #include "tovrel/place_record.h"
 
 #include "foundation/value.h"
+#include "tovrel/platform/json_scanner.h"
 #include "tovrel/protocol.h"
 
 namespace tovrel {
+namespace {
+
+namespace field = protocol::place;
+
+/// Where a record's member goes: one of its values as they stand, or one of the numbers it converts.
+struct RecordFields {
+    PlaceRecord& record;
+    Json radius;
+    Json dwellTime;
+    Json eventTypeId;
+
+    Json* find(std::string_view key) {
+        static constexpr std::pair<std::string_view, Json PlaceRecord::*> kStanding[] = {
+            {field::kLatitude, &PlaceRecord::centroidLat}, {field::kLongitude, &PlaceRecord::centroidLon},
+            {field::kPlaceId, &PlaceRecord::placeId},      {field::kEventId, &PlaceRecord::eventId},
+            {field::kEventName, &PlaceRecord::eventName},  {field::kAlertText, &PlaceRecord::alertText},
+            {field::kMediaType, &PlaceRecord::mediaType},  {field::kMediaURL, &PlaceRecord::mediaURL},
+            {field::kMediaUrl, &PlaceRecord::mediaUrl},    {field::kCampaignName, &PlaceRecord::campaignName},
+            {field::kEndDate, &PlaceRecord::endDate},      {field::kIsLinked, &PlaceRecord::isLinked},
+        };
+        for (const auto& [name, member] : kStanding) {
+            if (key == name) {
+                return &(record.*member);
+            }
+        }
+        if (key == field::kRadius) {
+            return &radius;
+        }
+        if (key == field::kDwellTime) {
+            return &dwellTime;
+        }
+        if (key == field::kEventTypeId) {
+            return &eventTypeId;
+        }
+        return nullptr;
+    }
+
+    void convert() {
+        record.latitude = doubleValue(record.centroidLat);
+        record.longitude = doubleValue(record.centroidLon);
+        record.radius = doubleValue(radius);
+        record.dwellTime = intValue(dwellTime);
+        record.eventTypeId = intValue(eventTypeId);
+    }
+};
+
+/// Reads one element of "places"; false when the scanner leaves the text to the full parser.
+bool readRecord(platform::JsonScanner& scanner, PlaceRecord& out) {
+    if (scanner.peek() != '{') {
+        return scanner.skip();
+    }
+    RecordFields fields{out, {}, {}, {}};
+    const bool read = scanner.object([&](std::string_view key) {
+        Json* value = fields.find(key);
+        return value != nullptr ? scanner.value(value) : scanner.skip();
+    });
+    fields.convert();
+    return read;
+}
+
+const char* kindOf(char first) {
+    switch (first) {
+        case '{':
+            return "object";
+        case '"':
+            return "string";
+        case 't':
+        case 'f':
+            return "boolean";
+        case 'n':
+            return "null";
+        default:
+            return "number";
+    }
+}
+
+/// The same reading of an answer parsed in full: for text the scanner leaves to the full parser.
+PlaceAnswer readParsedAnswer(std::string_view text) {
+    PlaceAnswer answer;
+    const auto parsed = platform::parseJsonText(text);
+    if (!parsed.ok() || !parsed.value.is_object()) {
+        return answer;
+    }
+    const auto places = parsed.value.find(protocol::member::kPlaces);
+    if (places == parsed.value.end()) {
+        return answer;
+    }
+    if (!places->is_array()) {
+        answer.placesKind = places->type_name();
+        return answer;
+    }
+    answer.places.reserve(places->size());
+    for (const Json& record : *places) {
+        answer.places.push_back(PlaceRecord::read(record));
+    }
+    return answer;
+}
+
+}  // namespace
 
 PlaceRecord PlaceRecord::read(const nlohmann::json& record) {
-    namespace field = protocol::place;
     const auto raw = [&record](const char* key) { return memberOrNull(record, key); };
     PlaceRecord out;
     out.centroidLat = raw(field::kLatitude);
@@ -26,6 +125,28 @@ PlaceRecord PlaceRecord::read(const nlohmann::json& record) {
     out.campaignName = raw(field::kCampaignName);
     out.endDate = raw(field::kEndDate);
     out.isLinked = raw(field::kIsLinked);
+    return out;
+}
+
+PlaceAnswer readPlaceAnswer(std::string_view text) {
+    platform::JsonScanner in(text);
+    PlaceAnswer out;
+    const auto readPlaces = [&in, &out] {
+        // A repeated member keeps its last value, as in the parsed tree.
+        out = PlaceAnswer();
+        if (const char first = in.peek(); first != '[') {
+            out.placesKind = kindOf(first);
+            return in.skip();
+        }
+        return in.array([&in, &out] { return readRecord(in, out.places.emplace_back()); });
+    };
+    const bool read = in.peek() == '{' ? in.object([&](std::string_view key) {
+        return key == protocol::member::kPlaces ? readPlaces() : in.skip();
+    })
+                                       : in.skip();
+    if (!read || !in.atEnd()) {
+        return readParsedAnswer(text);
+    }
     return out;
 }
 

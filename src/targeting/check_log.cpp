@@ -4,12 +4,15 @@ namespace tovrel::targeting {
 namespace {
 
 template <typename Record>
-nlohmann::json arrayOf(const std::vector<Record>& records) {
-    nlohmann::json out = nlohmann::json::array();
-    out.get_ref<nlohmann::json::array_t&>().reserve(records.size());
+std::string arrayText(const std::vector<Record>& records) {
+    std::string out = "[";
     for (const Record& record : records) {
-        out.push_back(toJson(record));
+        if (out.size() > 1) {
+            out += ',';
+        }
+        writeJson(out, record);
     }
+    out += ']';
     return out;
 }
 
@@ -65,12 +68,20 @@ nlohmann::json CheckLog::targetsJson() const {
     return toJson(copy);
 }
 
+std::string toJsonText(const std::vector<HistoryRecord>& records) {
+    return arrayText(records);
+}
+
+std::string toJsonText(const std::vector<TargetRecord>& records) {
+    return arrayText(records);
+}
+
 nlohmann::json toJson(const std::vector<HistoryRecord>& records) {
-    return arrayOf(records);
+    return nlohmann::json::parse(arrayText(records));
 }
 
 nlohmann::json toJson(const std::vector<TargetRecord>& records) {
-    return arrayOf(records);
+    return nlohmann::json::parse(arrayText(records));
 }
 
 }  // namespace tovrel::targeting

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <string>
 #include <vector>
 
 #include "targeting/proximity_policy.h"
@@ -35,7 +36,10 @@ class CheckLog {
     Batch records_ TOVREL_GUARDED_BY(mutex_);
 };
 
-/// The records of a batch as they are sent.
+/// The records of a batch as they are sent: the JSON text of an array.
+std::string toJsonText(const std::vector<HistoryRecord>& records);
+std::string toJsonText(const std::vector<TargetRecord>& records);
+/// The same as values.
 nlohmann::json toJson(const std::vector<HistoryRecord>& records);
 nlohmann::json toJson(const std::vector<TargetRecord>& records);
 

@@ -50,10 +50,12 @@ void LocationManager::sendLogs() {
     // Records a check appends meanwhile wait for the next pass, in order.
     targeting::CheckLog::Batch batch = checks_->take();
     if (!batch.history.empty()) {
-        analytics.logMessage({{"targeting_updates", targeting::toJson(batch.history)}}, deviceId, ignore);
+        analytics.logMessageText(R"({"targeting_updates":)" + targeting::toJsonText(batch.history) + '}',
+                                 deviceId, ignore);
     }
     if (!batch.targets.empty()) {
-        analytics.logMessage({{"bounding_area", targeting::toJson(batch.targets)}}, deviceId, ignore);
+        analytics.logMessageText(R"({"bounding_area":)" + targeting::toJsonText(batch.targets) + '}',
+                                 deviceId, ignore);
     }
     checks_->giveBack(std::move(batch));
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "foundation/format.h"
+#include "foundation/json_writer.h"
 #include "foundation/value.h"
 #include "tovrel/region.h"
 
@@ -35,29 +36,47 @@ std::string offerMessage(const nlohmann::json& eventName, const nlohmann::json& 
     return describe(eventName) + "\n" + describe(alertText);
 }
 
-// Built member by member: thousands of records go out at once, and an initializer list copies each.
+// Written as text: thousands of records go out at once, and a tree of them is several times their size.
+void writeJson(std::string& out, const HistoryRecord& record) {
+    const auto member = [&out](std::string_view name, const std::string& value, bool first = false) {
+        appendMemberName(out, name, first);
+        appendJsonString(out, value);
+    };
+    out += '{';
+    member("distance_from_target", formatF(record.distance), true);
+    member("lat", formatF(record.latitude));
+    member("lng", formatF(record.longitude));
+    member("location_accuracy", format0f(record.desiredAccuracy));
+    member("location_distancefilter", format0f(record.distanceFilter));
+    member("target_size", formatF(record.radius));
+    member("timestamp", format0f(record.timestamp));
+    out += '}';
+}
+
+void writeJson(std::string& out, const TargetRecord& record) {
+    const hRegion* target = record.target.get();
+    out += '{';
+    appendMemberName(out, "event_centroidlat", true);
+    appendJsonString(out, formatF(target != nullptr ? target->center.latitude : 0.0));
+    appendMemberName(out, "event_centroidlon");
+    appendJsonString(out, formatF(target != nullptr ? target->center.longitude : 0.0));
+    appendMemberName(out, "event_id");
+    appendJson(out, target != nullptr ? target->eventId : nlohmann::json());
+    appendMemberName(out, "timestamp");
+    appendJsonString(out, format0f(record.timestamp));
+    out += '}';
+}
+
 nlohmann::json toJson(const HistoryRecord& record) {
-    nlohmann::json out(nlohmann::json::value_t::object);
-    auto& members = out.get_ref<nlohmann::json::object_t&>();
-    members.emplace("timestamp", format0f(record.timestamp));
-    members.emplace("distance_from_target", formatF(record.distance));
-    members.emplace("location_accuracy", format0f(record.desiredAccuracy));
-    members.emplace("location_distancefilter", format0f(record.distanceFilter));
-    members.emplace("target_size", formatF(record.radius));
-    members.emplace("lat", formatF(record.latitude));
-    members.emplace("lng", formatF(record.longitude));
-    return out;
+    std::string text;
+    writeJson(text, record);
+    return nlohmann::json::parse(text);
 }
 
 nlohmann::json toJson(const TargetRecord& record) {
-    const hRegion* target = record.target.get();
-    nlohmann::json out(nlohmann::json::value_t::object);
-    auto& members = out.get_ref<nlohmann::json::object_t&>();
-    members.emplace("timestamp", format0f(record.timestamp));
-    members.emplace("event_id", target != nullptr ? target->eventId : nlohmann::json());
-    members.emplace("event_centroidlat", formatF(target != nullptr ? target->center.latitude : 0.0));
-    members.emplace("event_centroidlon", formatF(target != nullptr ? target->center.longitude : 0.0));
-    return out;
+    std::string text;
+    writeJson(text, record);
+    return nlohmann::json::parse(text);
 }
 
 namespace {

@@ -57,10 +57,14 @@ struct TargetRecord {
     std::shared_ptr<const hRegion> target;
 };
 
-/// {"timestamp", "distance_from_target", "location_accuracy", "location_distancefilter", "target_size",
-/// "lat", "lng"}: seven strings.
+/// Appends the record as the diagnostics upload sends it: {"distance_from_target", "lat", "lng",
+/// "location_accuracy", "location_distancefilter", "target_size", "timestamp"}, seven strings, as a
+/// dump prints them.
+void writeJson(std::string& out, const HistoryRecord& record);
+/// {"event_centroidlat", "event_centroidlon", "event_id" (as stored), "timestamp"}.
+void writeJson(std::string& out, const TargetRecord& record);
+/// The same records as values.
 nlohmann::json toJson(const HistoryRecord& record);
-/// {"timestamp", "event_id" (as stored), "event_centroidlat", "event_centroidlon"}.
 nlohmann::json toJson(const TargetRecord& record);
 
 /// Appends `value` as printf's "%f" would print it (six decimals).

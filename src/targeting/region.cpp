@@ -6,7 +6,10 @@
 namespace tovrel {
 
 std::shared_ptr<hRegion> hRegion::fromPlaceRecord(const nlohmann::json& record) {
-    PlaceRecord place = PlaceRecord::read(record);
+    return fromRecord(PlaceRecord::read(record));
+}
+
+std::shared_ptr<hRegion> hRegion::fromRecord(PlaceRecord place) {
     auto target = std::make_shared<hRegion>();
     target->center = {place.latitude, place.longitude};
     target->radius = place.radius;

@@ -14,23 +14,21 @@ void LocationManager::getTargets() {
     }
     service_.getLocationsWithLocation(
         *location, storedSessionKey(prefs),
-        [self = shared_from_this()](const Json& places, const ServiceError& error) {
+        [self = shared_from_this()](std::vector<PlaceRecord> places, const ServiceError& error) {
             if (error) {
                 return;
             }
-            self->replaceTargets(places);
+            self->replaceTargets(std::move(places));
         });
 }
 
-void LocationManager::replaceTargets(const Json& places) {
+void LocationManager::replaceTargets(std::vector<PlaceRecord> places) {
     std::vector<std::shared_ptr<hRegion>> fresh;
-    if (places.is_array()) {
-        fresh.reserve(places.size());
-        for (const auto& record : places) {
-            auto target = hRegion::fromPlaceRecord(record);
-            if (target->linked == 0) {
-                fresh.push_back(std::move(target));
-            }
+    fresh.reserve(places.size());
+    for (PlaceRecord& record : places) {
+        auto target = hRegion::fromRecord(std::move(record));
+        if (target->linked == 0) {
+            fresh.push_back(std::move(target));
         }
     }
     // The ranking data is worked out before the lock is taken.

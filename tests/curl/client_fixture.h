@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -23,7 +24,7 @@ class ClientFixture : public ::testing::Test {
                               const nlohmann::json& body = nlohmann::json::object()) {
         int calls = 0;
         std::optional<platform::JsonResult> result;
-        client.postJson(url, body, [&](platform::JsonResult r) {
+        client.postJson(url, body.dump(), [&](platform::JsonResult r) {
             ++calls;
             EXPECT_TRUE(loop.isMainThread());
             result = std::move(r);
@@ -32,6 +33,11 @@ class ClientFixture : public ::testing::Test {
         loop.runFor(20ms);
         EXPECT_EQ(calls, 1);
         return result.value_or(platform::JsonResult{});
+    }
+
+    /// The JSON value of a successful result's text.
+    static nlohmann::json valueOf(const platform::JsonResult& result) {
+        return nlohmann::json::parse(result.text);
     }
 
     platform::HttpResponse send(CurlHttpClient& client, platform::HttpRequest request) {

@@ -19,7 +19,7 @@ TEST_F(PostJsonTest, SendsAJsonPostAndReturnsTheParsedAnswer) {
 
     ASSERT_TRUE(result.ok()) << result.error->localizedDescription;
     EXPECT_EQ(result.status, 200);
-    EXPECT_EQ(result.value, body);
+    EXPECT_EQ(valueOf(result), body);
     auto received = server.received();
     ASSERT_EQ(received.size(), 1U);
     const auto& request = received[0];
@@ -35,10 +35,10 @@ TEST_F(PostJsonTest, SendsAJsonPostAndReturnsTheParsedAnswer) {
 TEST_F(PostJsonTest, JsonFragmentsAreSuccessfulAnswers) {
     auto number = post(client, server.url("/number"));
     ASSERT_TRUE(number.ok());
-    EXPECT_EQ(number.value, 1);
+    EXPECT_EQ(valueOf(number), 1);
     auto text = post(client, server.url("/string"));
     ASSERT_TRUE(text.ok());
-    EXPECT_EQ(text.value, "x");
+    EXPECT_EQ(valueOf(text), "x");
 }
 
 TEST_F(PostJsonTest, ServiceUnavailableIsAStatusErrorQuotingTheServer) {
@@ -143,7 +143,7 @@ TEST_F(ResponseLimitTest, AnswerOfExactlyTheLimitIsRead) {
     for (const char* path : {"/big", "/big-unsized"}) {
         auto result = post(client, server.url(path));
         ASSERT_TRUE(result.ok()) << path << ": " << result.error->localizedDescription;
-        EXPECT_EQ(result.value.get_ref<const std::string&>().size(), FaultServer::kBigBodyBytes - 2);
+        EXPECT_EQ(valueOf(result).get_ref<const std::string&>().size(), FaultServer::kBigBodyBytes - 2);
     }
 }
 

@@ -30,7 +30,7 @@ TEST_F(TlsTest, TrustedCertificateWithoutPinsIsAccepted) {
     CurlHttpClient client(loop, trusting());
     auto result = post(client, server.url("/json"), {{"secure", true}});
     ASSERT_TRUE(result.ok()) << result.error->localizedDescription;
-    EXPECT_EQ(result.value["secure"], true);
+    EXPECT_EQ(valueOf(result)["secure"], true);
 }
 
 TEST_F(TlsTest, MatchingPinIsAccepted) {

@@ -42,7 +42,7 @@ TEST_F(ServerOverTls, ThePinnedKeyStartsASession) {
     CurlHttpClient client(loop, pinned({unrelatedPin(), certificate.pin()}));
     auto result = post(client, base + "/v1/session", {{"deviceId", "PINNED"}, {"sdkkey", "tls-key"}});
     ASSERT_TRUE(result.ok()) << result.error->localizedDescription;
-    EXPECT_EQ(result.value["sessionKey"].get<std::string>().size(), 32u);
+    EXPECT_EQ(valueOf(result)["sessionKey"].get<std::string>().size(), 32u);
 }
 
 TEST_F(ServerOverTls, AnotherKeyIsRefusedBeforeAnyRequestIsSent) {

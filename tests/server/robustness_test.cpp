@@ -352,5 +352,54 @@ TEST(Robustness, PlainPlaceRequestsAreAnsweredAsTheGeneralReaderAnswersThem) {
     }
 }
 
+TEST(PlainLogBodies, AreKeptAsTheGeneralReaderKeepsThem) {
+    ServerFixture fx;
+    const std::string records =
+        R"([{"distance_from_target":"12.500000","lat":"48.137154","lng":"11.575400","timestamp":"1750000001"}])";
+    std::vector<std::string> texts = {
+        R"({"deviceid":"D-1","message":{"targeting_updates":)" + records + "}}",
+        R"({"message":{"bounding_area":[{"event_id":1029,"timestamp":"1"}]},"deviceid":"D-2"})",
+        R"({"deviceid":"D-3","message":{"e":{"b":1,"a":2}}})",
+        R"({"deviceid":"D-4","message":{"e":{"a":1,"a":2}}})",
+        R"({"deviceid":"D-5","message":{"e":[1.5,-0,1e2,-0.0,18446744073709551616]}})",
+        R"({"deviceid":"D-6","message":{"e":{"k":"a\/b\"c\\d\n"}}})",
+        R"({"deviceid":"D-7","message":{"e":"caf\u00e9"}})",
+        R"({ "deviceid" : "D-8", "message" : { "e" : [ true, null ] } })",
+        R"({"deviceid":"D-9","message":{"e":{}},"deviceid":"D-10","extra":[{"x":1}]})",
+        R"({"deviceid":"D-11","message":{"a":1,"b":2}})",
+        R"({"deviceid":"D-12","message":{"":1}})",
+        R"({"deviceid":")" + std::string(129, 'd') + R"(","message":{"e":1}})",
+        R"({"deviceid":"D-13","message":{")" + std::string(129, 'e') + R"(":1}})",
+        R"({"deviceid":13,"message":{"e":1}})",
+        R"({"deviceid":"D-14","message":[{"e":1}]})",
+        R"({"deviceid":"D-15"})",
+        R"({"deviceid":"D-16","message":{"e":1}} x)",
+        "{\"deviceid\":\"D-17\",\"message\":{\"e\":\"caf\xc3\xa9 \xe2\x82\xac\"}}",
+        R"({"deviceid":"D-18","message":{"e":)" + std::string(40, '[') + std::string(40, ']') + "}}",
+    };
+    RandomInput random(20261127);
+    for (int i = 0; i < 200; ++i) {
+        texts.push_back(random.damage(texts[static_cast<std::size_t>(i % 3)]));
+    }
+    const auto lastKept = [&fx] {
+        const auto rows =
+            queryRows(fx.dbPath(), "SELECT device_id || '|' || message FROM log_messages ORDER BY id");
+        return rows.empty() ? std::string() : rows.back();
+    };
+    for (const std::string& text : texts) {
+        const Reply plain = fx.server().handle("/v1/log", text, "http://media");
+        const std::string keptPlainly = lastKept();
+        const json parsed = json::parse(text, nullptr, false);
+        if (parsed.is_discarded() || !parsed.is_object()) {
+            EXPECT_EQ(plain.status, 400) << text;
+            continue;
+        }
+        const Reply general = fx.server().handle("/v1/log", text, parsed, "http://media");
+        EXPECT_EQ(plain.status, general.status) << text;
+        EXPECT_EQ(plain.body, general.body) << text;
+        EXPECT_EQ(keptPlainly, lastKept()) << text;
+    }
+}
+
 }  // namespace
 }  // namespace tovrel::server::test

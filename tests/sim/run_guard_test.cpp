@@ -21,7 +21,7 @@ struct Retrier {
     int attempts = 0;
     void start() {
         ++attempts;
-        http->postJson(url, nlohmann::json::object(), [this](const platform::JsonResult& result) {
+        http->postJson(url, "{}", [this](const platform::JsonResult& result) {
             if (!result.ok()) {
                 start();
             }
@@ -58,7 +58,8 @@ TEST_F(RunGuardTest, ASessionThatNeverStartsEndsAfterTheLimitWithTheLastError) {
 
     // Nothing is answered any more, whatever the path.
     bool answered = false;
-    guard->postJson("http://127.0.0.1:1/v2/place", {}, [&](const platform::JsonResult&) { answered = true; });
+    guard->postJson("http://127.0.0.1:1/v2/place", "{}",
+                    [&](const platform::JsonResult&) { answered = true; });
     scheduler->runUntilIdle();
     EXPECT_FALSE(answered);
 }
@@ -70,7 +71,7 @@ TEST_F(RunGuardTest, FailuresAfterASessionStartedDoNotEndTheRun) {
     });
     auto guard = std::make_shared<RunGuard>(recording, scheduler, RunGuard::Limits{2, 10'000});
     for (int i = 0; i < 5; ++i) {
-        guard->postJson("http://127.0.0.1:1/v1/session", {}, nullptr);
+        guard->postJson("http://127.0.0.1:1/v1/session", "{}", nullptr);
         scheduler->fastForwardBy(60);
     }
     EXPECT_EQ(guard->stop(), RunStop::kNone);
@@ -90,7 +91,7 @@ TEST_F(RunGuardTest, RequestsWithoutEndAtOneInstantAreAStall) {
     // The same number spread over time is no stall.
     auto spread = std::make_shared<RunGuard>(recording, scheduler, RunGuard::Limits{5, 100});
     for (int i = 0; i < 300; ++i) {
-        spread->postJson("http://127.0.0.1:1/v2/place", {}, nullptr);
+        spread->postJson("http://127.0.0.1:1/v2/place", "{}", nullptr);
         scheduler->fastForwardBy(1);
     }
     EXPECT_EQ(spread->stop(), RunStop::kNone);

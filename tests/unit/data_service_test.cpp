@@ -35,7 +35,7 @@ class DataServiceTest : public ::testing::Test {
 TEST_F(DataServiceTest, NoSessionKeySendsNothingAndNeverCompletes) {
     int completions = 0;
     service.getLocationsWithLocation(at(1, 2), std::nullopt,
-                                     [&](const Json&, const ServiceError&) { ++completions; });
+                                     [&](std::vector<PlaceRecord>, const ServiceError&) { ++completions; });
     service.sendDeviceLinkWithEventId("1", "2", std::nullopt,
                                       [&](const Json&, const Json&, const ServiceError&) { ++completions; });
     service.sendDeviceUpdateWithDeviceEventId("3", "ack", std::nullopt,
@@ -66,42 +66,61 @@ TEST_F(DataServiceTest, PlacesAnswersAreReadAsFarAsTheyGo) {
     struct Case {
         const char* name;
         Reply reply;
-        Json expected;
+        std::vector<Json> eventIds;  ///< of the records, in order
+        const char* logged;          ///< a line the answer must log, or nullptr for none
     };
     const Json record{{"eventId", "1"}};
     const Case cases[] = {
-        {"records", Reply::json(200, {{"places", {record, record}}}), Json::array({record, record})},
-        {"empty array", Reply::json(200, {{"places", Json::array()}}), Json::array()},
-        {"no places", Reply::json(200, {{"other", 1}}), Json::array()},
-        {"places not an array", Reply::json(200, {{"places", "nope"}}), Json::array()},
-        {"body an array", Reply::json(200, Json::array({record})), Json::array()},
-        {"body a fragment", Reply::text(200, "17", "application/json"), Json::array()},
+        {"records", Reply::json(200, {{"places", {record, {{"eventId", 2}}}}}), {"1", 2}, nullptr},
+        {"empty array", Reply::json(200, {{"places", Json::array()}}), {}, nullptr},
+        {"no places", Reply::json(200, {{"other", 1}}), {}, nullptr},
+        {"places not an array",
+         Reply::json(200, {{"places", "nope"}}),
+         {},
+         "\"places\" is string, not an array"},
+        {"places repeated",
+         Reply::text(200, R"({"places":[{"eventId":"1"}],"places":[]})", "application/json"),
+         {},
+         nullptr},
+        {"a record not an object", Reply::json(200, {{"places", {7, record}}}), {nullptr, "1"}, nullptr},
+        {"body an array", Reply::json(200, Json::array({record})), {}, nullptr},
+        {"body a fragment", Reply::text(200, "17", "application/json"), {}, nullptr},
     };
     for (const auto& c : cases) {
-        Json places;
+        device.log().clear();
+        std::vector<PlaceRecord> places{PlaceRecord()};
         ServiceError error;
         bool called = false;
-        service.getLocationsWithLocation(at(0, 0), key, [&](const Json& p, const ServiceError& e) {
-            places = p;
-            error = e;
-            called = true;
-        });
+        service.getLocationsWithLocation(at(0, 0), key,
+                                         [&](std::vector<PlaceRecord> p, const ServiceError& e) {
+                                             places = std::move(p);
+                                             error = e;
+                                             called = true;
+                                         });
         answer(c.reply);
         EXPECT_TRUE(called) << c.name;
         EXPECT_FALSE(error) << c.name;
-        EXPECT_EQ(places, c.expected) << c.name;
+        std::vector<Json> eventIds;
+        for (const PlaceRecord& place : places) {
+            eventIds.push_back(place.eventId);
+        }
+        EXPECT_EQ(eventIds, c.eventIds) << c.name;
+        EXPECT_EQ(device.log().lines().size(), c.logged != nullptr ? 1u : 0u) << c.name;
+        if (c.logged != nullptr) {
+            EXPECT_TRUE(device.log().contains(c.logged)) << c.name;
+        }
     }
 }
 
 TEST_F(DataServiceTest, FailuresCompleteWithNullsAndTheErrorAndLogOnce) {
-    Json places = "untouched";
+    std::vector<PlaceRecord> places{PlaceRecord()};
     ServiceError error;
-    service.getLocationsWithLocation(at(0, 0), key, [&](const Json& p, const ServiceError& e) {
-        places = p;
+    service.getLocationsWithLocation(at(0, 0), key, [&](std::vector<PlaceRecord> p, const ServiceError& e) {
+        places = std::move(p);
         error = e;
     });
     answer(Reply::json(500, {{"error", "boom"}}));
-    EXPECT_TRUE(places.is_null());
+    EXPECT_TRUE(places.empty());
     ASSERT_TRUE(error);
     EXPECT_EQ(error->kind, platform::HttpErrorKind::kStatus);
     EXPECT_EQ(device.log().lines().size(), 1u);

@@ -7,6 +7,8 @@
 #include <sstream>
 
 #include "html_report.h"
+#include "tovrel/place_record.h"
+#include "tovrel/platform/json_scanner.h"
 #include "tovrel/protocol.h"
 
 namespace tovrel::sim {
@@ -260,48 +262,70 @@ OfferOutcome* OutcomeTracker::outcomeFor(const std::string& eventId, const std::
 }
 
 void OutcomeTracker::addResponse(double t, const std::string& path, const json& body) {
-    if (!body.is_object()) {
-        return;
-    }
-    const auto places = body.find(protocol::member::kPlaces);
-    if (places == body.end() || !places->is_array()) {
-        return;
-    }
     if (path == protocol::kPlacePath) {
-        for (const json& record : *places) {
-            if (!record.is_object()) {
-                continue;
+        const auto places = body.is_object() ? body.find(protocol::member::kPlaces) : body.end();
+        if (places != body.end() && places->is_array()) {
+            std::vector<PlaceRecord> records;
+            records.reserve(places->size());
+            for (const json& record : *places) {
+                records.push_back(PlaceRecord::read(record));
             }
-            const std::string eventId = idText(record.value(protocol::member::kEventId, json()));
-            const std::string placeId = idText(record.value(protocol::member::kPlaceId, json()));
-            if (eventId.empty() || placeId.empty() || index_.contains(key(eventId, placeId))) {
-                continue;
-            }
-            OfferOutcome outcome;
-            outcome.eventId = eventId;
-            outcome.placeId = placeId;
-            outcome.eventName = record.value(protocol::place::kEventName, json("")).is_string()
-                                    ? record[protocol::place::kEventName].get<std::string>()
-                                    : std::string();
-            outcome.radius = record.value(protocol::place::kRadius, 0.0);
-            const json dwell = record.value(protocol::place::kDwellTime, json(0));
-            outcome.dwellMinutes = dwell.is_number() ? dwell.get<int>() : 0;
-            outcome.linkedBefore = record.value(protocol::place::kIsLinked, json(0)) == json(1);
-            outcome.latitude = record.value(protocol::place::kLatitude, 0.0);
-            outcome.longitude = record.value(protocol::place::kLongitude, 0.0);
-            index_[key(eventId, placeId)] = outcomes_.size();
-            outcomes_.push_back(std::move(outcome));
+            addPlaces(records);
         }
-    } else if (path == protocol::kLinkPath && !places->empty() && places->front().is_object()) {
-        const json& record = places->front();
-        OfferOutcome* o = outcomeFor(idText(record.value(protocol::member::kEventId, json())),
-                                     idText(record.value(protocol::member::kPlaceId, json())));
-        if (o != nullptr && !o->linkedAt) {
-            o->linkedAt = t;
-            o->deviceEventId = idText(record.value(protocol::member::kDeviceEventId, json()));
-            o->suppressed = record.value(protocol::member::kSuppressMessage, json(0)) == json(1);
-            byDeviceEvent_[*o->deviceEventId] = static_cast<std::size_t>(o - outcomes_.data());
+    } else if (path == protocol::kLinkPath) {
+        addLinkAnswer(t, body);
+    }
+}
+
+void OutcomeTracker::addResponseText(double t, const std::string& path, std::string_view body) {
+    if (path == protocol::kPlacePath) {
+        addPlaces(readPlaceAnswer(body).places);
+    } else if (path == protocol::kLinkPath) {
+        addLinkAnswer(t, platform::readJsonText(body).value);
+    }
+}
+
+void OutcomeTracker::addRequestText(const std::string& path, std::string_view body) {
+    if (path == protocol::kLinkPath || path == protocol::kLinkStatusPath) {
+        addRequest(path, platform::readJsonText(body).value);
+    }
+}
+
+void OutcomeTracker::addPlaces(const std::vector<PlaceRecord>& places) {
+    for (const PlaceRecord& record : places) {
+        const std::string eventId = idText(record.eventId);
+        const std::string placeId = idText(record.placeId);
+        if (eventId.empty() || placeId.empty() || index_.contains(key(eventId, placeId))) {
+            continue;
         }
+        OfferOutcome outcome;
+        outcome.eventId = eventId;
+        outcome.placeId = placeId;
+        outcome.eventName =
+            record.eventName.is_string() ? record.eventName.get<std::string>() : std::string();
+        outcome.radius = record.radius;
+        outcome.dwellMinutes = record.dwellTime;
+        outcome.linkedBefore = record.isLinked == json(1);
+        outcome.latitude = record.latitude;
+        outcome.longitude = record.longitude;
+        index_[key(eventId, placeId)] = outcomes_.size();
+        outcomes_.push_back(std::move(outcome));
+    }
+}
+
+void OutcomeTracker::addLinkAnswer(double t, const json& body) {
+    const auto places = body.is_object() ? body.find(protocol::member::kPlaces) : body.end();
+    if (places == body.end() || !places->is_array() || places->empty() || !places->front().is_object()) {
+        return;
+    }
+    const json& record = places->front();
+    OfferOutcome* o = outcomeFor(idText(record.value(protocol::member::kEventId, json())),
+                                 idText(record.value(protocol::member::kPlaceId, json())));
+    if (o != nullptr && !o->linkedAt) {
+        o->linkedAt = t;
+        o->deviceEventId = idText(record.value(protocol::member::kDeviceEventId, json()));
+        o->suppressed = record.value(protocol::member::kSuppressMessage, json(0)) == json(1);
+        byDeviceEvent_[*o->deviceEventId] = static_cast<std::size_t>(o - outcomes_.data());
     }
 }
 

@@ -6,9 +6,11 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "route.h"
+#include "tovrel/place_record.h"
 
 namespace tovrel::sim {
 
@@ -70,6 +72,9 @@ class OutcomeTracker {
     /// The same, for a response or request whose body is at hand (not copied into an event).
     void addResponse(double t, const std::string& path, const nlohmann::json& body);
     void addRequest(const std::string& path, const nlohmann::json& body);
+    /// The same for a body's text, read only as far as the outcomes need.
+    void addResponseText(double t, const std::string& path, std::string_view body);
+    void addRequestText(const std::string& path, std::string_view body);
     /// One outcome per (offer, place) the service answered with, in the order the service first named
     /// them. Entries are found on the route itself (every position, not only those the component was
     /// given).
@@ -78,6 +83,8 @@ class OutcomeTracker {
   private:
     OfferOutcome* outcomeFor(const std::string& eventId, const std::string& placeId);
     void addDelivery(const std::string& type, double t, const std::string& deviceEventId);
+    void addPlaces(const std::vector<PlaceRecord>& places);
+    void addLinkAnswer(double t, const nlohmann::json& body);
 
     std::vector<OfferOutcome> outcomes_;
     std::map<std::string, std::size_t> index_;          // offer@place -> outcome

@@ -38,17 +38,16 @@ void RunGuard::stopWith(RunStop reason) {
     stoppedAt_ = clock_->now();
 }
 
-void RunGuard::postJson(const std::string& url, const nlohmann::json& body,
-                        platform::JsonCompletion completion) {
+void RunGuard::postJson(const std::string& url, std::string body, platform::JsonCompletion completion) {
     if (!admit()) {
         return;
     }
     if (!isSessionStart(url)) {
-        inner_->postJson(url, body, std::move(completion));
+        inner_->postJson(url, std::move(body), std::move(completion));
         return;
     }
-    inner_->postJson(url, body,
-                     [this, completion = std::move(completion)](const platform::JsonResult& result) {
+    inner_->postJson(url, std::move(body),
+                     [this, completion = std::move(completion)](platform::JsonResult result) {
                          if (result.ok()) {
                              sessionStarted_ = true;
                              failedSessions_ = 0;
@@ -59,7 +58,7 @@ void RunGuard::postJson(const std::string& url, const nlohmann::json& body,
                              }
                          }
                          if (completion) {
-                             completion(result);
+                             completion(std::move(result));
                          }
                      });
 }

@@ -33,8 +33,7 @@ class RunGuard final : public platform::HttpClient {
     RunGuard(std::shared_ptr<platform::HttpClient> inner, std::shared_ptr<platform::Clock> clock,
              Limits limits);
 
-    void postJson(const std::string& url, const nlohmann::json& body,
-                  platform::JsonCompletion completion) override;
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override;
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override;
 
     /// Why requests are no longer answered (kNone while they are).

@@ -19,6 +19,7 @@
 #include "tovrel/environment.h"
 #include "tovrel/location_manager.h"
 #include "tovrel/notification_names.h"
+#include "tovrel/platform/json_scanner.h"
 #include "tovrel/protocol.h"
 #include "tovrel/session_manager.h"
 #include "tovrel/virtual/virtual_location.h"
@@ -205,8 +206,8 @@ class TimedForwarding final : public platform::HttpClient {
     TimedForwarding(std::shared_ptr<platform::HttpClient> inner, double timeoutSeconds)
         : inner_(std::move(inner)), timeoutSeconds_(timeoutSeconds) {}
     /// The scheduler's thread. Passed on as it is: the client's own limit applies.
-    void postJson(const std::string& url, const json& body, platform::JsonCompletion completion) override {
-        inner_->postJson(url, body, std::move(completion));
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override {
+        inner_->postJson(url, std::move(body), std::move(completion));
     }
     /// The scheduler's thread. Passed on with the run's limit.
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override {
@@ -218,6 +219,12 @@ class TimedForwarding final : public platform::HttpClient {
     std::shared_ptr<platform::HttpClient> inner_;
     double timeoutSeconds_;
 };
+
+/// A body as an event shows it: its JSON value, or its text when it is not JSON.
+json bodyValue(const std::string& body) {
+    auto parsed = platform::readJsonText(body);
+    return parsed.ok() ? std::move(parsed.value) : json(body);
+}
 
 /// Records every request and answer; tells `watch` (when given) which requests are open. The
 /// scheduler's thread: requests are made there and forwarded answers are posted to it.
@@ -234,39 +241,32 @@ class HttpEvents final : public virtualbackend::HttpListener {
         if (!events_.wantsEvents()) {
             events_.count("request");
             if (request.json && events_.tracker() != nullptr) {
-                events_.tracker()->addRequest(request.path, request.body);
+                events_.tracker()->addRequestText(request.path, request.rawBody);
             }
             return;
         }
-        events_.record("request", {{"url", request.url},
-                                   {"path", request.path},
-                                   {"body", request.json ? request.body : json(request.rawBody)}});
+        events_.record("request",
+                       {{"url", request.url},
+                        {"path", request.path},
+                        {"body", request.json ? bodyValue(request.rawBody) : json(request.rawBody)}});
     }
     void onResponse(const virtualbackend::RecordedRequest& request, int status, const std::string& body,
-                    const std::optional<platform::HttpError>& error, const json* parsed) override {
+                    const std::optional<platform::HttpError>& error) override {
         if (watch_ != nullptr) {
             watch_->end(request.id);
         }
         if (!events_.wantsEvents()) {
             events_.count("response");
-            if (parsed != nullptr && events_.tracker() != nullptr) {
-                events_.tracker()->addResponse(events_.secondsSinceStart(), request.path, *parsed);
+            if (request.json && !error && status / 100 == 2 && events_.tracker() != nullptr) {
+                events_.tracker()->addResponseText(events_.secondsSinceStart(), request.path, body);
             }
             return;
         }
         json fields{{"path", request.path}, {"status", status}};
         if (error) {
             fields["error"] = error->localizedDescription;
-        } else if (parsed != nullptr) {
-            fields["body"] = *parsed;
         } else {
-            json text(json::value_t::discarded);
-            try {
-                text = json::parse(body, nullptr, false);
-            } catch (const json::exception&) {
-                // A number beyond double range; the body is kept as text.
-            }
-            fields["body"] = text.is_discarded() ? json(body) : text;
+            fields["body"] = bodyValue(body);
         }
         events_.record("response", std::move(fields));
     }

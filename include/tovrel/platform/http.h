@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -27,10 +26,11 @@ struct TOVREL_EXPORT HttpError {
     std::string localizedDescription;  ///< one readable sentence saying what happened
 };
 
-/// The outcome of a JSON POST: the parsed body of a 2xx answer, or an error.
+/// The outcome of a JSON POST: the text of a 2xx answer that is JSON, or an error. The answer is
+/// checked, not parsed: each reader reads what it needs straight from the text.
 struct TOVREL_EXPORT JsonResult {
-    int status = 0;  ///< HTTP status when the server answered, else 0
-    nlohmann::json value;
+    int status = 0;    ///< HTTP status when the server answered, else 0
+    std::string text;  ///< the answer's body as it came: JSON text whenever ok()
     std::optional<HttpError> error;
     [[nodiscard]] bool ok() const { return !error.has_value(); }
 };
@@ -58,9 +58,9 @@ using ResponseCompletion = std::function<void(HttpResponse)>;
 class TOVREL_EXPORT HttpClient {
   public:
     virtual ~HttpClient() = default;
-    /// Any thread. POSTs `body` as "application/json" to `url`. `completion` runs once, on the main
-    /// loop: success only for a 2xx status whose body parses as JSON; anything else is an error.
-    virtual void postJson(const std::string& url, const nlohmann::json& body, JsonCompletion completion) = 0;
+    /// Any thread. POSTs `body`, JSON text, as "application/json" to `url`. `completion` runs once, on
+    /// the main loop: success only for a 2xx status whose body is JSON; anything else is an error.
+    virtual void postJson(const std::string& url, std::string body, JsonCompletion completion) = 0;
     /// Any thread. Sends a raw request; `completion` runs once, on the main loop.
     virtual void send(HttpRequest request, ResponseCompletion completion) = 0;
 };

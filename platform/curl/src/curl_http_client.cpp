@@ -168,7 +168,8 @@ class CurlHttpClient::Impl {
                  transfer.status());
         } else if (transfer.jsonDone) {
             post(std::move(transfer.jsonDone),
-                 classifyJsonResponse(transfer.status(), transfer.received, transfer.target.hostPort));
+                 classifyJsonResponse(transfer.status(), std::move(transfer.received),
+                                      transfer.target.hostPort));
         } else {
             platform::HttpResponse response;
             response.status = transfer.status();
@@ -213,13 +214,11 @@ CurlHttpClient::CurlHttpClient(platform::MainLoop& loop, CurlOptions options)
 
 CurlHttpClient::~CurlHttpClient() = default;
 
-void CurlHttpClient::postJson(const std::string& url, const nlohmann::json& body,
-                              platform::JsonCompletion completion) {
+void CurlHttpClient::postJson(const std::string& url, std::string body, platform::JsonCompletion completion) {
     auto transfer = std::make_unique<Transfer>();
     transfer->url = url;
     transfer->method = "POST";
-    // Invalid UTF-8 in a string becomes U+FFFD instead of throwing on the caller's thread.
-    transfer->body = body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    transfer->body = std::move(body);
     transfer->headerLines = {"Content-Type: application/json", "Accept: application/json"};
     transfer->timeoutSeconds = impl_->options().totalTimeoutSeconds;
     transfer->jsonDone = std::move(completion);

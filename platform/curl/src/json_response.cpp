@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tovrel/curl/json_reader.h"
+#include "tovrel/platform/json_scanner.h"
 
 namespace tovrel::curl {
 namespace {
@@ -51,33 +51,32 @@ std::string statusSentence(int status, const nlohmann::json& body) {
 
 }  // namespace
 
-platform::JsonResult classifyJsonResponse(int status, std::string_view body, std::string_view hostPort) {
+platform::JsonResult classifyJsonResponse(int status, std::string body, std::string_view hostPort) {
     platform::JsonResult result;
     result.status = status;
+    result.text = std::move(body);
+    const std::string_view text = result.text;
     if (status < 200 || status > 299) {
-        auto parsed = readJsonText(body);
-        result.value = parsed.ok() ? std::move(parsed.value) : nullptr;
+        const auto parsed = platform::readJsonText(text);
         result.error = platform::HttpError{platform::HttpErrorKind::kStatus, status,
-                                           statusSentence(status, result.value)};
+                                           statusSentence(status, parsed.ok() ? parsed.value : nullptr)};
         return result;
     }
-    if (isBlank(body)) {
+    if (isBlank(text)) {
         std::string where = hostPort.empty() ? "The server" : "The server at " + std::string(hostPort);
         result.error = platform::HttpError{platform::HttpErrorKind::kBadBody, 0,
                                            where + " sent an empty answer where JSON was expected."};
         return result;
     }
-    auto parsed = readJsonText(body);
-    if (!parsed.ok()) {
-        result.value = nullptr;
+    // The answer is only checked here: its reader reads what it needs straight from the text.
+    const auto checked = platform::checkJsonText(text);
+    if (!checked.ok()) {
         result.error = platform::HttpError{
             platform::HttpErrorKind::kBadBody, 0,
             std::string("The server's answer is not ") +
-                (parsed.problem == platform::JsonTextProblem::kSyntax ? "valid" : "usable") + " JSON (" +
-                parsed.error + ")."};
-        return result;
+                (checked.problem == platform::JsonTextProblem::kSyntax ? "valid" : "usable") + " JSON (" +
+                checked.error + ")."};
     }
-    result.value = std::move(parsed.value);
     return result;
 }
 

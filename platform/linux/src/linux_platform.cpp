@@ -14,9 +14,8 @@ class LoopBoundHttpClient final : public platform::HttpClient {
     LoopBoundHttpClient(std::shared_ptr<platform::MainLoop> loop, curl::CurlOptions options)
         : loop_(std::move(loop)), client_(*loop_, std::move(options)) {}
 
-    void postJson(const std::string& url, const nlohmann::json& body,
-                  platform::JsonCompletion completion) override {
-        client_.postJson(url, body, std::move(completion));
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override {
+        client_.postJson(url, std::move(body), std::move(completion));
     }
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override {
         client_.send(std::move(request), std::move(completion));

@@ -1,6 +1,7 @@
 #include "tovrel/virtual/recording_http_client.h"
 
 #include "tovrel/curl/json_response.h"
+#include "tovrel/platform/json_scanner.h"
 
 namespace tovrel::virtualbackend {
 
@@ -25,24 +26,30 @@ std::string hostPortOf(const std::string& url) {
 RecordingHttpClient::RecordingHttpClient(std::shared_ptr<VirtualScheduler> scheduler)
     : scheduler_(std::move(scheduler)) {}
 
-RecordedRequest RecordingHttpClient::record(std::string method, const std::string& url, nlohmann::json body,
-                                            std::string rawBody, bool json) {
+RecordedRequest RecordingHttpClient::record(std::string method, const std::string& url, std::string rawBody,
+                                            bool json) {
     RecordedRequest request;
     request.method = std::move(method);
     request.url = url;
     request.path = pathOf(url);
-    request.body = std::move(body);
     request.rawBody = std::move(rawBody);
     request.time = scheduler_->now();
     request.json = json;
     HttpListener* listener = nullptr;
+    bool keep = false;
     {
         std::lock_guard lock(mutex_);
         request.id = nextId_++;
-        if (keepRequests_) {
-            requests_.push_back(request);
-        }
+        keep = keepRequests_;
         listener = listener_;
+    }
+    if (keep) {
+        if (json) {
+            auto parsed = platform::readJsonText(request.rawBody);
+            request.body = parsed.ok() ? std::move(parsed.value) : nlohmann::json();
+        }
+        std::lock_guard lock(mutex_);
+        requests_.push_back(request);
     }
     if (listener != nullptr) {
         listener->onRequest(request);
@@ -50,14 +57,13 @@ RecordedRequest RecordingHttpClient::record(std::string method, const std::strin
     return request;
 }
 
-void RecordingHttpClient::postJson(const std::string& url, const nlohmann::json& body,
+void RecordingHttpClient::postJson(const std::string& url, std::string body,
                                    platform::JsonCompletion completion) {
-    std::string raw = body.dump();
-    dispatch(Waiting{record("POST", url, body, std::move(raw), true), std::move(completion), nullptr});
+    dispatch(Waiting{record("POST", url, std::move(body), true), std::move(completion), nullptr});
 }
 
 void RecordingHttpClient::send(platform::HttpRequest request, platform::ResponseCompletion completion) {
-    Waiting waiting{record(request.method, request.url, nullptr, request.body, false), nullptr,
+    Waiting waiting{record(request.method, request.url, std::move(request.body), false), nullptr,
                     std::move(completion)};
     dispatch(std::move(waiting));
 }
@@ -77,15 +83,9 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
         // the clock never moves between the answer and its handling.
         if (shared->request.json) {
             forward->postJson(
-                shared->request.url, shared->request.body, [this, shared](platform::JsonResult result) {
-                    HttpListener* listener = nullptr;
-                    {
-                        std::lock_guard lock(mutex_);
-                        listener = listener_;
-                    }
-                    if (listener != nullptr) {
-                        listener->onResponse(shared->request, result.status, std::string(), result.error,
-                                             result.ok() ? &result.value : nullptr);
+                shared->request.url, shared->request.rawBody, [this, shared](platform::JsonResult result) {
+                    if (HttpListener* listener = currentListener()) {
+                        listener->onResponse(shared->request, result.status, result.text, result.error);
                     }
                     shared->json(std::move(result));
                     scheduler_->endExternalWork();
@@ -96,14 +96,8 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
             request.url = shared->request.url;
             request.body = shared->request.rawBody;
             forward->send(std::move(request), [this, shared](platform::HttpResponse response) {
-                HttpListener* listener = nullptr;
-                {
-                    std::lock_guard lock(mutex_);
-                    listener = listener_;
-                }
-                if (listener != nullptr) {
-                    listener->onResponse(shared->request, response.status, response.body, response.error,
-                                         nullptr);
+                if (HttpListener* listener = currentListener()) {
+                    listener->onResponse(shared->request, response.status, response.body, response.error);
                 }
                 shared->raw(std::move(response));
                 scheduler_->endExternalWork();
@@ -113,7 +107,7 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
     }
     if (responder) {
         if (auto reply = responder(waiting.request)) {
-            deliver(waiting, *reply);
+            deliver(waiting, std::move(*reply));
             return;
         }
     }
@@ -122,38 +116,35 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
     pending_.emplace(id, std::move(waiting));
 }
 
-void RecordingHttpClient::deliver(const Waiting& waiting, const Reply& reply) {
-    HttpListener* listener = nullptr;
-    {
-        std::lock_guard lock(mutex_);
-        listener = listener_;
+HttpListener* RecordingHttpClient::currentListener() const {
+    std::lock_guard lock(mutex_);
+    return listener_;
+}
+
+void RecordingHttpClient::deliver(const Waiting& waiting, Reply reply) {
+    HttpListener* listener = currentListener();
+    if (listener != nullptr) {
+        listener->onResponse(waiting.request, reply.status, reply.body, reply.error);
     }
     if (waiting.json) {
         platform::JsonResult result;
         if (reply.error) {
-            result.error = reply.error;
+            result.error = std::move(reply.error);
         } else {
-            result = curl::classifyJsonResponse(reply.status, reply.body, hostPortOf(waiting.request.url));
-        }
-        if (listener != nullptr) {
-            const bool parsed = !reply.error && !result.value.is_null() && !result.value.is_discarded();
-            listener->onResponse(waiting.request, reply.status, reply.body, reply.error,
-                                 parsed ? &result.value : nullptr);
+            result = curl::classifyJsonResponse(reply.status, std::move(reply.body),
+                                                hostPortOf(waiting.request.url));
         }
         scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable {
             completion(std::move(result));
         });
         return;
     }
-    if (listener != nullptr) {
-        listener->onResponse(waiting.request, reply.status, reply.body, reply.error, nullptr);
-    }
     if (waiting.raw) {
         platform::HttpResponse response;
         response.status = reply.error ? 0 : reply.status;
-        response.body = reply.body;
-        response.contentType = reply.contentType;
-        response.error = reply.error;
+        response.body = std::move(reply.body);
+        response.contentType = std::move(reply.contentType);
+        response.error = std::move(reply.error);
         scheduler_->post([completion = waiting.raw, response = std::move(response)]() mutable {
             completion(std::move(response));
         });

@@ -8,6 +8,7 @@
 #include <map>
 #include <utility>
 
+#include "api/log_body.h"
 #include "common/field_limits.h"
 #include "common/request_fields.h"
 #include "common/routes.h"
@@ -139,6 +140,10 @@ ApiReply Service::handle(std::string_view path, std::string_view body, std::stri
         if (auto reply = answerPlainPlaces(body, mediaBase)) {
             return std::move(*reply);
         }
+    } else if (path == protocol::kLogPath) {
+        if (auto reply = writePlainLog(body)) {
+            return std::move(*reply);
+        }
     }
     auto parsed = parse(path, body);
     if (auto* refused = std::get_if<ApiReply>(&parsed)) {
@@ -195,6 +200,28 @@ std::optional<ApiReply> Service::answerPlainPlaces(std::string_view body, std::s
         return ApiReply{200, placesAnswer(request->query, *device, mediaBase)};
     } catch (const ApiError& e) {
         return ApiReply{e.status(), errorJson(e.what())};
+    }
+}
+
+std::optional<ApiReply> Service::writePlainLog(std::string_view body) {
+    const ApiRoute* route = findApiRoute(protocol::kLogPath);
+    if (route == nullptr || body.size() > route->bodyLimit) {
+        return std::nullopt;
+    }
+    std::optional<PlainLog> plain = readPlainLog(body);
+    if (!plain) {
+        return std::nullopt;
+    }
+    const double started = steadyNow();
+    if (route->writes && started < busyFoundAt_.load()) {
+        return refuseBusy(started);
+    }
+    try {
+        logs_->add(LogMessage{std::move(plain->deviceId), std::move(plain->eventName), std::move(plain->text),
+                              clock_()});
+        return ApiReply{200, kStatusOk};
+    } catch (...) {
+        return failure(protocol::kLogPath, std::current_exception(), started);
     }
 }
 

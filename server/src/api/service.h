@@ -115,6 +115,9 @@ class Service : private ChangeListener {
     /// A place request written plainly (readPlainPlaceRequest), for a session held in memory, answered
     /// without building a JSON value; nullopt: read the body and answer it as any request. Any thread.
     std::optional<ApiReply> answerPlainPlaces(std::string_view body, std::string_view mediaBase);
+    /// A diagnostics message written plainly (readPlainLog), kept without building a JSON value;
+    /// nullopt: read the body and answer it as any request. Any thread.
+    std::optional<ApiReply> writePlainLog(std::string_view body);
     /// handle() for a body its caller has already read: `body` must be what `text` reads as. Answers
     /// exactly as handle(path, text, mediaBase), without reading the text again. Never throws. Any thread.
     ApiReply handleRead(std::string_view path, std::string_view text, const nlohmann::json& body,

@@ -24,10 +24,9 @@ class TOVREL_EXPORT CurlHttpClient final : public platform::HttpClient {
     CurlHttpClient(const CurlHttpClient&) = delete;
     CurlHttpClient& operator=(const CurlHttpClient&) = delete;
 
-    /// Any thread. POSTs `body` (dump()) with JSON Content-Type and Accept headers; `completion` runs
-    /// once on the main loop with classifyJsonResponse()'s verdict or a transport error.
-    void postJson(const std::string& url, const nlohmann::json& body,
-                  platform::JsonCompletion completion) override;
+    /// Any thread. POSTs `body` with JSON Content-Type and Accept headers; `completion` runs once on the
+    /// main loop with classifyJsonResponse()'s verdict or a transport error.
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override;
     /// Any thread. Sends `request` as given (redirects followed); any status is a response, only
     /// transport failures fill `error`. `completion` runs once on the main loop.
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override;

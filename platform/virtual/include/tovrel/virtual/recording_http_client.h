@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,7 +22,7 @@ struct TOVREL_EXPORT RecordedRequest {
     std::string method;
     std::string url;
     std::string path;     ///< the URL's path, e.g. "/v1/session"
-    nlohmann::json body;  ///< the JSON body of a JSON POST, else null
+    nlohmann::json body;  ///< a JSON POST's body, parsed when the client keeps requests; else null
     std::string rawBody;  ///< the body as sent
     double time = 0;      ///< virtual time when it was made
     bool json = false;    ///< made through postJson
@@ -51,12 +52,9 @@ class TOVREL_EXPORT HttpListener {
   public:
     virtual ~HttpListener() = default;
     virtual void onRequest(const RecordedRequest& request) = 0;
-    /// `parsed` is the answer to a JSON POST as the component receives it (parsed once, for both),
-    /// null for other requests and for bodies that are not JSON; `body` is then the text (it may be
-    /// empty when only the parsed form exists, as with a forwarding client).
+    /// `body` is the answer's text as the component receives it (empty on a transport error).
     virtual void onResponse(const RecordedRequest& request, int status, const std::string& body,
-                            const std::optional<platform::HttpError>& error,
-                            const nlohmann::json* parsed) = 0;
+                            const std::optional<platform::HttpError>& error) = 0;
 };
 
 /// The HTTP port of the virtual backend. Every request is recorded. Then, in order of precedence:
@@ -69,8 +67,7 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
 
     explicit RecordingHttpClient(std::shared_ptr<VirtualScheduler> scheduler);
 
-    void postJson(const std::string& url, const nlohmann::json& body,
-                  platform::JsonCompletion completion) override;
+    void postJson(const std::string& url, std::string body, platform::JsonCompletion completion) override;
     void send(platform::HttpRequest request, platform::ResponseCompletion completion) override;
 
     /// Sends every later request to `client` (nullptr stops forwarding).
@@ -78,8 +75,9 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
     /// Answers every later request it returns a reply for, at once.
     void setResponder(Responder responder);
     void setListener(HttpListener* listener);
-    /// Whether requests() keeps every request (the default). A simulator that sees them through a
-    /// listener turns it off, so that a long run's memory stays bounded.
+    /// Whether requests() keeps every request, its JSON body parsed (the default). A simulator that
+    /// sees them through a listener turns it off, so that a long run's memory stays bounded and no body
+    /// is parsed that nobody reads.
     void setKeepRequests(bool keep);
 
     /// Every request made so far, oldest first.
@@ -101,10 +99,10 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
         platform::ResponseCompletion raw;
     };
 
-    RecordedRequest record(std::string method, const std::string& url, nlohmann::json body,
-                           std::string rawBody, bool json);
+    RecordedRequest record(std::string method, const std::string& url, std::string rawBody, bool json);
     void dispatch(Waiting waiting);
-    void deliver(const Waiting& waiting, const Reply& reply);
+    void deliver(const Waiting& waiting, Reply reply);
+    HttpListener* currentListener() const;
 
     std::shared_ptr<VirtualScheduler> scheduler_;
     mutable std::mutex mutex_;
