@@ -48,4 +48,8 @@ struct TOVREL_EXPORT PlaceAnswer {
 /// that is not a JSON object, or lacks the member, has no records. Any thread.
 TOVREL_EXPORT PlaceAnswer readPlaceAnswer(std::string_view text);
 
+/// Reads one record from its JSON text as PlaceRecord::read() reads its parsed value; text that is not
+/// JSON reads as an empty record. Any thread.
+TOVREL_EXPORT PlaceRecord readPlaceRecord(std::string_view text);
+
 }  // namespace tovrel

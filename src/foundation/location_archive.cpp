@@ -3,16 +3,18 @@
 namespace tovrel {
 
 nlohmann::json archiveLocation(const platform::Location& location) {
-    return {
-        {"latitude", location.coordinate.latitude},
-        {"longitude", location.coordinate.longitude},
-        {"altitude", location.altitude},
-        {"horizontalAccuracy", location.horizontalAccuracy},
-        {"verticalAccuracy", location.verticalAccuracy},
-        {"speed", location.speed},
-        {"course", location.course},
-        {"timestamp", location.timestamp},
-    };
+    // Member by member: an initializer list copies every member it holds, and this runs for every fix.
+    nlohmann::json archived(nlohmann::json::value_t::object);
+    auto& members = archived.get_ref<nlohmann::json::object_t&>();
+    members.emplace("altitude", location.altitude);
+    members.emplace("course", location.course);
+    members.emplace("horizontalAccuracy", location.horizontalAccuracy);
+    members.emplace("latitude", location.coordinate.latitude);
+    members.emplace("longitude", location.coordinate.longitude);
+    members.emplace("speed", location.speed);
+    members.emplace("timestamp", location.timestamp);
+    members.emplace("verticalAccuracy", location.verticalAccuracy);
+    return archived;
 }
 
 std::optional<platform::Location> unarchiveLocation(const std::optional<nlohmann::json>& archived) {

@@ -25,18 +25,23 @@ struct RecordFields {
             {field::kMediaUrl, &PlaceRecord::mediaUrl},    {field::kCampaignName, &PlaceRecord::campaignName},
             {field::kEndDate, &PlaceRecord::endDate},      {field::kIsLinked, &PlaceRecord::isLinked},
         };
+        // The names differ in their length, first or last letter: most members take one comparison.
+        const auto named = [key](std::string_view name) {
+            return key.size() == name.size() && key.front() == name.front() && key.back() == name.back() &&
+                   key == name;
+        };
         for (const auto& [name, member] : kStanding) {
-            if (key == name) {
+            if (named(name)) {
                 return &(record.*member);
             }
         }
-        if (key == field::kRadius) {
+        if (named(field::kRadius)) {
             return &radius;
         }
-        if (key == field::kDwellTime) {
+        if (named(field::kDwellTime)) {
             return &dwellTime;
         }
-        if (key == field::kEventTypeId) {
+        if (named(field::kEventTypeId)) {
             return &eventTypeId;
         }
         return nullptr;
@@ -148,6 +153,16 @@ PlaceAnswer readPlaceAnswer(std::string_view text) {
         return readParsedAnswer(text);
     }
     return out;
+}
+
+PlaceRecord readPlaceRecord(std::string_view text) {
+    platform::JsonScanner in(text);
+    PlaceRecord record;
+    if (readRecord(in, record) && in.atEnd()) {
+        return record;
+    }
+    const auto parsed = platform::parseJsonText(text);
+    return PlaceRecord::read(parsed.ok() ? parsed.value : Json());
 }
 
 }  // namespace tovrel

@@ -110,5 +110,23 @@ TEST(DistanceFilter, FirstFixPassesAndNothingPassesWithoutUpdates) {
     EXPECT_FALSE(passesDistanceFilter(&last, {std::nan(""), 11.0}, false, true, 10));
 }
 
+TEST(DistanceFilter, TheQuickBoundNeverDecidesOtherwiseThanTheDistance) {
+    // Pairs around the threshold, at every latitude and across the antimeridian.
+    std::mt19937 rng(20261127);
+    std::uniform_real_distribution<double> latitude(-89.9, 89.9);
+    std::uniform_real_distribution<double> longitude(-180, 180);
+    std::uniform_real_distribution<double> step(-0.01, 0.01);
+    for (int i = 0; i < 200'000; ++i) {
+        const Coordinate last{latitude(rng), longitude(rng)};
+        const Coordinate next{last.latitude + step(rng) * (i % 3), last.longitude + step(rng) * (i % 5)};
+        const double moved = haversineMetres(last, next);
+        for (const double filter : {moved, std::nextafter(moved, 0.0), moved * 1.5, moved * 3, 10.0, 500.0}) {
+            ASSERT_EQ(passesDistanceFilter(&last, next, true, false, filter), moved >= filter)
+                << last.latitude << "," << last.longitude << " to " << next.latitude << "," << next.longitude;
+        }
+        ASSERT_EQ(passesDistanceFilter(&last, next, false, true, 0), moved >= kSignificantChangeMeters);
+    }
+}
+
 }  // namespace
 }  // namespace tovrel::platform

@@ -279,7 +279,9 @@ void OutcomeTracker::addResponse(double t, const std::string& path, const json& 
 
 void OutcomeTracker::addResponseText(double t, const std::string& path, std::string_view body) {
     if (path == protocol::kPlacePath) {
-        addPlaces(readPlaceAnswer(body).places);
+        if (!addNewPlaces(body)) {
+            addPlaces(readPlaceAnswer(body).places);
+        }
     } else if (path == protocol::kLinkPath) {
         addLinkAnswer(t, platform::readJsonText(body).value);
     }
@@ -289,6 +291,44 @@ void OutcomeTracker::addRequestText(const std::string& path, std::string_view bo
     if (path == protocol::kLinkPath || path == protocol::kLinkStatusPath) {
         addRequest(path, platform::readJsonText(body).value);
     }
+}
+
+bool OutcomeTracker::addNewPlaces(std::string_view body) {
+    // Most answers name offers seen before: each record's identifiers are read, the rest of it only when
+    // they are new.
+    platform::JsonScanner in(body);
+    std::vector<PlaceRecord> fresh;
+    const auto readRecord = [&] {
+        if (in.peek() != '{') {
+            return in.skip();
+        }
+        const char* start = in.position();
+        json eventId;
+        json placeId;
+        const bool object = in.object([&](std::string_view key) {
+            if (key == protocol::member::kEventId) {
+                return in.value(&eventId);
+            }
+            return key == protocol::member::kPlaceId ? in.value(&placeId) : in.skip();
+        });
+        if (object && !index_.contains(key(idText(eventId), idText(placeId)))) {
+            fresh.push_back(
+                readPlaceRecord(std::string_view(start, static_cast<std::size_t>(in.position() - start))));
+        }
+        return object;
+    };
+    const bool read = in.peek() == '{' && in.object([&](std::string_view key) {
+        if (key != protocol::member::kPlaces) {
+            return in.skip();
+        }
+        // A repeated member keeps its last value, as in the parsed answer.
+        fresh.clear();
+        return in.peek() == '[' ? in.array(readRecord) : in.skip();
+    }) && in.atEnd();
+    if (read) {
+        addPlaces(fresh);
+    }
+    return read;
 }
 
 void OutcomeTracker::addPlaces(const std::vector<PlaceRecord>& places) {

@@ -84,6 +84,9 @@ class OutcomeTracker {
     OfferOutcome* outcomeFor(const std::string& eventId, const std::string& placeId);
     void addDelivery(const std::string& type, double t, const std::string& deviceEventId);
     void addPlaces(const std::vector<PlaceRecord>& places);
+    /// Adds the offers of a place answer's text that are new; false when the text is left to the full
+    /// reader.
+    bool addNewPlaces(std::string_view body);
     void addLinkAnswer(double t, const nlohmann::json& body);
 
     std::vector<OfferOutcome> outcomes_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cmath>
+
 #include "tovrel/platform/distance.h"
 #include "tovrel/platform/location.h"
 
@@ -21,11 +23,20 @@ inline bool passesDistanceFilter(const Coordinate* lastDelivered, const Coordina
     if (lastDelivered == nullptr) {
         return true;
     }
-    const double moved = haversineMetres(*lastDelivered, next);
-    if (standardUpdates) {
-        return distanceFilter <= 0 || moved >= distanceFilter;
+    if (standardUpdates && distanceFilter <= 0) {
+        return true;
     }
-    return moved >= kSignificantChangeMeters;
+    const double threshold = standardUpdates ? distanceFilter : kSignificantChangeMeters;
+    // Most fixes lie well inside the threshold: a bound without trigonometry (the way along the meridian,
+    // then along a parallel no longer than the equator) settles those, with room for rounding.
+    const double bound = kEarthRadiusKm * 1000 *
+                         (std::abs(next.latitude - lastDelivered->latitude) +
+                          std::abs(next.longitude - lastDelivered->longitude)) *
+                         kDegreesToRadians;
+    if (bound * (1 + 1e-9) < threshold) {
+        return false;
+    }
+    return haversineMetres(*lastDelivered, next) >= threshold;
 }
 
 }  // namespace tovrel::platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -151,51 +152,52 @@ class JsonScanner {
         if (peek() != '"') {
             return false;
         }
-        ++p_;
-        const char* start = p_;
-        const char* run = p_;
+        // A local cursor: the member would be stored and loaded again at every step.
+        const char* p = p_ + 1;
+        const char* const start = p;
+        const char* run = p;
         bool escaped = false;
-        while ((p_ = plainRun(p_, end_)) != end_) {
-            const auto c = static_cast<unsigned char>(*p_);
+        bool read = false;
+        while ((p = plainRun(p, end_)) != end_) {
+            const auto c = static_cast<unsigned char>(*p);
             if (c == '"') {
                 if (contents != nullptr) {
                     if (escaped) {
-                        scratch->append(run, p_);
+                        scratch->append(run, p);
                         *contents = *scratch;
                     } else {
-                        *contents = std::string_view(start, static_cast<std::size_t>(p_ - start));
+                        *contents = std::string_view(start, static_cast<std::size_t>(p - start));
                     }
                 }
-                ++p_;
-                return true;
+                ++p;
+                read = true;
+                break;
             }
             if (c == '\\') {
-                if (end_ - p_ < 2) {
-                    return false;
-                }
-                const char decoded = unescaped(p_[1]);
+                const char decoded = end_ - p < 2 ? '\0' : unescaped(p[1]);
                 if (decoded == '\0') {
-                    return false;  // \u escapes (rare in answers) and malformed ones
+                    break;  // \u escapes (rare in answers) and malformed ones
                 }
                 if (contents != nullptr) {
-                    scratch->append(run, p_);
+                    scratch->append(run, p);
                     *scratch += decoded;
                 }
                 escaped = true;
-                p_ += 2;
-                run = p_;
+                p += 2;
+                run = p;
             } else if (c < 0x20) {
-                return false;
+                break;
             } else {
-                const std::size_t length = multiByteLength(reinterpret_cast<const unsigned char*>(p_),
+                const std::size_t length = multiByteLength(reinterpret_cast<const unsigned char*>(p),
                                                            reinterpret_cast<const unsigned char*>(end_));
                 if (length == 0) {
-                    return false;
+                    break;
                 }
-                p_ += length;
+                p += length;
             }
         }
-        return false;
+        p_ = p;
+        return read;
     }
 
     /// Reads a number into `out` (or only checks it): an integer is signed with a minus and unsigned
@@ -210,10 +212,11 @@ class JsonScanner {
         if (p_ == end_ || !isDigit(*p_)) {
             return false;
         }
+        Decimal decimal;
         if (*p_ == '0') {
             ++p_;
         } else {
-            skipDigits();
+            digits(decimal, false);
         }
         bool integral = true;
         if (p_ != end_ && *p_ == '.') {
@@ -222,31 +225,50 @@ class JsonScanner {
             if (p_ == end_ || !isDigit(*p_)) {
                 return false;
             }
-            skipDigits();
+            digits(decimal, true);
         }
         if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
             integral = false;
             ++p_;
+            const bool below = p_ != end_ && *p_ == '-';
             if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
                 ++p_;
             }
             if (p_ == end_ || !isDigit(*p_)) {
                 return false;
             }
-            skipDigits();
+            int exponent = 0;
+            for (; p_ != end_ && isDigit(*p_); ++p_) {
+                exponent = std::min(exponent * 10 + (*p_ - '0'), 100'000);
+            }
+            decimal.power += below ? -exponent : exponent;
         }
         if (integral && negative) {
             std::int64_t whole = 0;
-            if (const auto read = std::from_chars(start, p_, whole); read.ec == std::errc() && read.ptr == p_) {
+            if (const auto read = std::from_chars(start, p_, whole);
+                read.ec == std::errc() && read.ptr == p_) {
                 assign(out, whole);
                 return true;
             }
         } else if (integral) {
             std::uint64_t whole = 0;
-            if (const auto read = std::from_chars(start, p_, whole); read.ec == std::errc() && read.ptr == p_) {
+            if (const auto read = std::from_chars(start, p_, whole);
+                read.ec == std::errc() && read.ptr == p_) {
                 assign(out, whole);
                 return true;
             }
+        }
+        // Up to 15 significant digits scaled by at most 10^22 are two exact doubles, and IEEE arithmetic
+        // rounds their product or quotient correctly, as strtod rounds (and far faster than it).
+        static constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                  1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                                  1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+        if (decimal.significant <= 15 && decimal.power >= -22 && decimal.power <= 22) {
+            const auto mantissa = static_cast<double>(decimal.mantissa);
+            const double magnitude = decimal.power < 0 ? mantissa / kPowersOfTen[-decimal.power]
+                                                       : mantissa * kPowersOfTen[decimal.power];
+            assign(out, negative ? -magnitude : magnitude);
+            return true;
         }
         // Both this and the full parser's strtod round correctly; results beyond range (or below it) are
         // left to the full parser, which refuses the first and keeps the second as strtod gives it.
@@ -274,7 +296,8 @@ class JsonScanner {
             while (end - p >= 8) {
                 std::uint64_t word = 0;
                 std::memcpy(&word, p, sizeof word);
-                const std::uint64_t attention = zeroBytes(word ^ (kOnes * '"')) | zeroBytes(word ^ (kOnes * '\\')) |
+                const std::uint64_t attention = zeroBytes(word ^ (kOnes * '"')) |
+                                                zeroBytes(word ^ (kOnes * '\\')) |
                                                 ((word - kOnes * 0x20) & ~word & kHigh) | (word & kHigh);
                 if (attention != 0) {
                     return p + (std::countr_zero(attention) / 8);
@@ -345,14 +368,29 @@ class JsonScanner {
     }
 
     void skipSpace() {
-        while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+        // Text written by a machine rarely holds any: one comparison tells.
+        while (p_ != end_ && static_cast<unsigned char>(*p_) <= ' ' &&
+               (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
             ++p_;
         }
     }
 
-    void skipDigits() {
-        while (p_ != end_ && isDigit(*p_)) {
-            ++p_;
+    /// The digits of a number as an integer scaled by a power of ten, while they fit exactly.
+    struct Decimal {
+        std::uint64_t mantissa = 0;
+        int significant = 0;  ///< digits from the first that is not zero; beyond 15 the mantissa stops
+        int power = 0;
+    };
+
+    /// Reads a run of digits into `decimal`; those of a `fraction` lower its power of ten.
+    void digits(Decimal& decimal, bool fraction) {
+        for (; p_ != end_ && isDigit(*p_); ++p_) {
+            if (decimal.significant > 15) {
+                continue;
+            }
+            decimal.mantissa = decimal.mantissa * 10 + static_cast<unsigned>(*p_ - '0');
+            decimal.significant += decimal.mantissa != 0 ? 1 : 0;
+            decimal.power -= fraction ? 1 : 0;
         }
     }
 

@@ -46,13 +46,12 @@ bool VirtualScheduler::isMainThread() const {
 }
 
 double VirtualScheduler::now() const {
-    platform::Lock lock(mutex_);
-    return now_;
+    return now_.load(std::memory_order_relaxed);
 }
 
 void VirtualScheduler::sleepFor(double seconds) {
     platform::Lock lock(mutex_);
-    now_ += std::max(seconds, 0.0);
+    now_ = now_ + std::max(seconds, 0.0);
     waitForExternalWork(seconds);
 }
 
@@ -135,6 +134,10 @@ void VirtualScheduler::waitForExternalWork(double wallSeconds) {
 
 void VirtualScheduler::runUntilIdle() {
     platform::Lock lock(mutex_);
+    runUntilIdleLocked();
+}
+
+void VirtualScheduler::runUntilIdleLocked() {
     loopThread_ = std::this_thread::get_id();
     for (;;) {
         while (runOneDue()) {
@@ -158,17 +161,17 @@ void VirtualScheduler::runUntilIdle() {
 }
 
 void VirtualScheduler::fastForwardTo(double time) {
+    platform::Lock lock(mutex_);
     for (;;) {
-        runUntilIdle();
-        platform::Lock lock(mutex_);
+        runUntilIdleLocked();
         dropDeadEntries();
         if (queue_.empty() || queue_.front().due > time) {
-            now_ = std::max(now_, time);
+            now_ = std::max(now_.load(), time);
             break;
         }
-        now_ = std::max(now_, queue_.front().due);
+        now_ = std::max(now_.load(), queue_.front().due);
     }
-    runUntilIdle();
+    runUntilIdleLocked();
 }
 
 void VirtualScheduler::fastForwardBy(double seconds) {

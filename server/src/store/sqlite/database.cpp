@@ -203,14 +203,15 @@ int Database::userVersion() {
     return st.step() ? static_cast<int>(st.integer(0)) : 0;
 }
 
+// Kept statements: compiling these again for every transaction was a good part of a small write's time.
 Transaction::Transaction(Database& db, Kind kind) : db_(db) {
-    db_.exec(kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
+    db_.prepare(kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN").run();
 }
 
 Transaction::~Transaction() {
     if (!done_) {
         try {
-            db_.exec("ROLLBACK");
+            db_.prepare("ROLLBACK").run();
         } catch (...) {
             // The connection already rolled back on its own (for example after SQLITE_FULL).
         }
@@ -218,7 +219,7 @@ Transaction::~Transaction() {
 }
 
 void Transaction::commit() {
-    db_.exec("COMMIT");
+    db_.prepare("COMMIT").run();
     done_ = true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -82,6 +83,7 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
               bool background) TOVREL_REQUIRES(mutex_);
     /// Runs the task due first, if any, with the lock released while it runs.
     bool runOneDue() TOVREL_REQUIRES(mutex_);
+    void runUntilIdleLocked() TOVREL_REQUIRES(mutex_);
     void dropDeadEntries() const TOVREL_REQUIRES(mutex_);
     /// Takes the earliest entry off the heap by moving it: a posted completion may hold a whole answer.
     Entry popEarliest() const TOVREL_REQUIRES(mutex_);
@@ -96,7 +98,8 @@ class TOVREL_EXPORT VirtualScheduler final : public platform::MainLoop,
     /// A heap ordered by Later (the earliest entry at the front). Mutable so that a reader may drop
     /// invalidated timers from its top, which no one can observe.
     mutable std::vector<Entry> queue_ TOVREL_GUARDED_BY(mutex_);
-    double now_ TOVREL_GUARDED_BY(mutex_);
+    /// Written under mutex_; read without it, since every timer and clock reading asks for it.
+    std::atomic<double> now_;
     std::uint64_t nextSequence_ TOVREL_GUARDED_BY(mutex_) = 0;
     int externalWork_ TOVREL_GUARDED_BY(mutex_) = 0;
     double externalTimeout_ = 60;
