@@ -11,6 +11,12 @@ std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 
 std::string formatF(double value);
 /// "%0.f": rounded to a whole number, no decimals (timestamps, accuracies).
 std::string format0f(double value);
+/// Append what formatF() and format0f() give, without a string of their own (thousands of numbers go
+/// out in one diagnostics message).
+void appendFormatF(std::string& out, double value);
+void appendFormat0f(std::string& out, double value);
+/// Appends `value` as printf's "%f" would print it (six decimals).
+void appendFixed6(std::string& out, double value);
 /// "%d".
 std::string formatD(int value);
 /// "%ld".

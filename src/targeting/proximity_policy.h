@@ -67,9 +67,6 @@ void writeJson(std::string& out, const TargetRecord& record);
 nlohmann::json toJson(const HistoryRecord& record);
 nlohmann::json toJson(const TargetRecord& record);
 
-/// Appends `value` as printf's "%f" would print it (six decimals).
-void appendFixed6(std::string& out, double value);
-
 /// The proximity check's log message for one nearest target.
 std::string nearestTargetMessage(double distance, double desiredAccuracy, double distanceFilter,
                                  double radius);

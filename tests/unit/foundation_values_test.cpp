@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <limits>
+#include <random>
 #include <string>
 
 #include "foundation/format.h"
@@ -104,7 +105,21 @@ TEST(Formats, FixedPointAgreesWithPrintfAtItsEdges) {
     const auto expectPrintfs = [&](double value) {
         EXPECT_EQ(formatF(value), printfF(value)) << value;
         EXPECT_EQ(format0f(value), printf0f(value)) << value;
+        std::string appended = "x";
+        appendFormatF(appended, value);
+        EXPECT_EQ(appended, "x" + printfF(value)) << value;
+        appended = "x";
+        appendFormat0f(appended, value);
+        EXPECT_EQ(appended, "x" + printf0f(value)) << value;
     };
+    std::mt19937_64 rng(20261127);
+    for (int i = 0; i < 20'000; ++i) {
+        // Whole and half numbers up to 2^54, and values of every magnitude.
+        const double scale = std::ldexp(1.0, static_cast<int>(rng() % 60) - 4);
+        expectPrintfs(std::floor(static_cast<double>(rng() % 1'000'000) * scale) / 2 *
+                      (rng() % 2 == 0 ? 1 : -1));
+        expectPrintfs(std::uniform_real_distribution<double>(-1, 1)(rng) * scale);
+    }
     for (const double value : {0.0, -0.0, 0.5, 1.5, 2.5, -2.5, 0.0078125, 0.0234375, 0.0000005, 0.0000015,
                                -0.0000004, 48.1371535, 1e15 + 0.5, 1e22, -1e300}) {
         expectPrintfs(value);

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -109,6 +112,89 @@ TEST(ReadJsonText, ReadsStringsAndEscapesAsTheFullParserDoes) {
         expectSameAsFullParser(text);
     }
     expectSameAsFullParser(std::string_view("\"nul\0inside\"", 12));
+}
+
+TEST(ReadDouble, ReadsEveryDecimalAsFromCharsDoes) {
+    std::mt19937_64 rng(20261127);
+    const auto sameAsFromChars = [](const std::string& text) {
+        double expected = 0;
+        const auto read = std::from_chars(text.data(), text.data() + text.size(), expected);
+        const bool whole = read.ec == std::errc() && read.ptr == text.data() + text.size();
+        const std::optional<double> got = readDouble(text);
+        ASSERT_EQ(got.has_value(), whole) << text;
+        if (whole) {
+            ASSERT_EQ(std::memcmp(&*got, &expected, sizeof expected), 0) << text;
+        }
+    };
+    for (int i = 0; i < 100'000; ++i) {
+        const int digits = 1 + static_cast<int>(rng() % 19);
+        std::string mantissa =
+            std::to_string(rng() % 10'000'000'000'000'000'000ULL).substr(0, static_cast<std::size_t>(digits));
+        const auto point = static_cast<std::size_t>(rng() % (mantissa.size() + 1));
+        std::string text =
+            (rng() % 2 == 0 ? "-" : "") + mantissa.insert(point, point == mantissa.size() ? "" : ".");
+        if (rng() % 3 == 0) {
+            text += (rng() % 2 == 0 ? "e" : "E") + std::string(rng() % 2 == 0 ? "-" : "+") +
+                    std::to_string(rng() % 40);
+        }
+        sameAsFromChars(text);
+    }
+    for (const char* text : {"",
+                             "-",
+                             ".5",
+                             "1.",
+                             "1e",
+                             "1e+",
+                             "007",
+                             "-0",
+                             "-0.0",
+                             "inf",
+                             "nan",
+                             "0x10",
+                             "1e400",
+                             "1e-400",
+                             "4.9e-324",
+                             "1.7976931348623157e308",
+                             "123456789012345678901234567890",
+                             "0.000000000000000000000000000001",
+                             "1e00000000000000000000000000000000001",
+                             " 1",
+                             "1 "}) {
+        sameAsFromChars(text);
+    }
+}
+
+TEST(JsonScanner, SkippingCheckedTextEndsWhereCheckingItEnds) {
+    // clang-format off
+    for (std::string_view text : {R"({"a":"x\\\"y","b":[1,{"c":"]}"}],"d":-1.5e3,"e":true,"f":null},0)",
+                                  R"(["\\",["\\\\"],{}],0)", R"("tail\\\\",0)", "17,0", " [ 1 , 2 ] ,0",
+                                  "-0.5e-3}"}) {
+        // clang-format on
+        JsonScanner checking(text);
+        JsonScanner stepping(text);
+        ASSERT_TRUE(checking.skip()) << text;
+        ASSERT_TRUE(stepping.skipChecked()) << text;
+        EXPECT_EQ(stepping.position(), checking.position()) << text;
+    }
+    // Escapes the checker leaves to the full parser are stepped over all the same.
+    const std::string_view escaped = R"({"k":"\u0022"}])";
+    JsonScanner stepping(escaped);
+    ASSERT_TRUE(stepping.skipChecked());
+    EXPECT_EQ(stepping.position(), escaped.data() + escaped.size() - 1);
+    // Whatever the bytes, stepping stays inside them.
+    std::mt19937 rng(20261127);
+    for (int i = 0; i < 5000; ++i) {
+        std::string bytes(static_cast<std::size_t>(rng() % 40), '\0');
+        for (char& c : bytes) {
+            c = "{}[]\"\\,: a1"[rng() % 12];
+        }
+        for (std::string_view rest = bytes; !rest.empty(); rest.remove_prefix(1)) {
+            JsonScanner scanner(rest);
+            (void)scanner.skipChecked();
+            ASSERT_LE(scanner.position(), rest.data() + rest.size());
+            ASSERT_GE(scanner.position(), rest.data());
+        }
+    }
 }
 
 TEST(ReadJsonText, StringsReadEightBytesAtATimeStopAtEveryByteThatNeedsAttention) {

@@ -295,12 +295,12 @@ void OutcomeTracker::addRequestText(const std::string& path, std::string_view bo
 
 bool OutcomeTracker::addNewPlaces(std::string_view body) {
     // Most answers name offers seen before: each record's identifiers are read, the rest of it only when
-    // they are new.
+    // they are new. The client has checked the text, so what is not read is only stepped over.
     platform::JsonScanner in(body);
     std::vector<PlaceRecord> fresh;
     const auto readRecord = [&] {
         if (in.peek() != '{') {
-            return in.skip();
+            return in.skipChecked();
         }
         const char* start = in.position();
         json eventId;
@@ -309,7 +309,7 @@ bool OutcomeTracker::addNewPlaces(std::string_view body) {
             if (key == protocol::member::kEventId) {
                 return in.value(&eventId);
             }
-            return key == protocol::member::kPlaceId ? in.value(&placeId) : in.skip();
+            return key == protocol::member::kPlaceId ? in.value(&placeId) : in.skipChecked();
         });
         if (object && !index_.contains(key(idText(eventId), idText(placeId)))) {
             fresh.push_back(
@@ -319,11 +319,11 @@ bool OutcomeTracker::addNewPlaces(std::string_view body) {
     };
     const bool read = in.peek() == '{' && in.object([&](std::string_view key) {
         if (key != protocol::member::kPlaces) {
-            return in.skip();
+            return in.skipChecked();
         }
         // A repeated member keeps its last value, as in the parsed answer.
         fresh.clear();
-        return in.peek() == '[' ? in.array(readRecord) : in.skip();
+        return in.peek() == '[' ? in.array(readRecord) : in.skipChecked();
     }) && in.atEnd();
     if (read) {
         addPlaces(fresh);

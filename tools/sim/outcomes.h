@@ -72,7 +72,8 @@ class OutcomeTracker {
     /// The same, for a response or request whose body is at hand (not copied into an event).
     void addResponse(double t, const std::string& path, const nlohmann::json& body);
     void addRequest(const std::string& path, const nlohmann::json& body);
-    /// The same for a body's text, read only as far as the outcomes need.
+    /// The same for the text of an answer the client has checked to be JSON, or of a request's body,
+    /// read only as far as the outcomes need.
     void addResponseText(double t, const std::string& path, std::string_view body);
     void addRequestText(const std::string& path, std::string_view body);
     /// One outcome per (offer, place) the service answered with, in the order the service first named

@@ -8,6 +8,8 @@
 #include <pugixml.hpp>
 #include <sstream>
 
+#include "tovrel/platform/decimal_text.h"
+
 #if TOVREL_SIM_NMEA
 #include "tovrel/linux/track_files.h"
 #endif
@@ -16,12 +18,15 @@ namespace tovrel::sim {
 namespace {
 
 std::string_view trim(std::string_view text) {
-    const auto first = text.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos) {
-        return {};
+    // Called for every field of every line: plain loops, not the general character-set search.
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r'; };
+    while (!text.empty() && blank(text.front())) {
+        text.remove_prefix(1);
     }
-    const auto last = text.find_last_not_of(" \t\r");
-    return text.substr(first, last - first + 1);
+    while (!text.empty() && blank(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
 }
 
 std::optional<double> parseNumber(std::string_view text) {
@@ -29,9 +34,8 @@ std::optional<double> parseNumber(std::string_view text) {
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
     }
-    double value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
+    const std::optional<double> value = platform::readDouble(text);
+    if (!value || !std::isfinite(*value)) {
         return std::nullopt;
     }
     return value;
@@ -184,6 +188,7 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
     std::size_t lineNumber = 0;
     std::size_t withActivity = 0;
     bool headerSeen = false;
+    std::vector<std::string_view> fields;
     while (!text.empty()) {
         const auto newline = text.find('\n');
         const std::string_view line = trim(text.substr(0, newline));
@@ -192,7 +197,7 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
         if (line.empty() || line.front() == '#') {
             continue;
         }
-        std::vector<std::string_view> fields;
+        fields.clear();
         std::string_view rest = line;
         for (;;) {
             const auto comma = rest.find(',');
@@ -323,9 +328,21 @@ Route loadRoute(const std::filesystem::path& file) {
     if (!in) {
         throw RouteError(file.string() + ": cannot be read");
     }
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    const std::string text = buffer.str();
+    std::string text;
+    in.seekg(0, std::ios::end);
+    if (const std::streamoff size = in.tellg(); size > 0) {
+        text.resize(static_cast<std::size_t>(size));
+        in.seekg(0);
+        in.read(text.data(), size);
+        text.resize(static_cast<std::size_t>(in.gcount()));
+    } else {
+        // Not a file with a size (a pipe, say): read it as it comes.
+        in.clear();
+        in.seekg(0);
+        std::ostringstream buffer;
+        buffer << in.rdbuf();
+        text = buffer.str();
+    }
     const std::string_view start = trim(std::string_view(text).substr(0, 64));
     if (file.extension() == ".gpx" || start.starts_with("<")) {
         return parseGpxRoute(text, file.string());

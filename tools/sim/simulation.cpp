@@ -251,13 +251,13 @@ class HttpEvents final : public virtualbackend::HttpListener {
                         {"body", request.json ? bodyValue(request.rawBody) : json(request.rawBody)}});
     }
     void onResponse(const virtualbackend::RecordedRequest& request, int status, const std::string& body,
-                    const std::optional<platform::HttpError>& error) override {
+                    const std::optional<platform::HttpError>& error, bool checkedJson) override {
         if (watch_ != nullptr) {
             watch_->end(request.id);
         }
         if (!events_.wantsEvents()) {
             events_.count("response");
-            if (request.json && !error && status / 100 == 2 && events_.tracker() != nullptr) {
+            if (checkedJson && events_.tracker() != nullptr) {
                 events_.tracker()->addResponseText(events_.secondsSinceStart(), request.path, body);
             }
             return;

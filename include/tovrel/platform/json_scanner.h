@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -12,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "tovrel/platform/decimal_text.h"
 #include "tovrel/platform/json_text.h"
 
 namespace tovrel::platform {
@@ -74,6 +74,39 @@ class JsonScanner {
 
     /// Checks one value of any kind and steps over it.
     bool skip() { return value(nullptr); }
+
+    /// Steps over one value of text already checked to be JSON, without checking it again: a string to
+    /// its closing quote, an array or object to its matching bracket, anything else to the next
+    /// delimiter. Never reads outside the text, whatever it holds; on text that is not JSON it may stop
+    /// anywhere, so only checked text gives what skip() gives.
+    bool skipChecked() {
+        const char first = peek();
+        if (first == '"') {
+            p_ = afterString(p_ + 1);
+            return true;
+        }
+        if (first != '{' && first != '[') {
+            while (p_ != end_ && *p_ != ',' && *p_ != '}' && *p_ != ']') {
+                ++p_;
+            }
+            return p_ != end_;
+        }
+        std::size_t depth = 0;
+        while (p_ != end_) {
+            const char c = *p_;
+            if (c == '"') {
+                p_ = afterString(p_ + 1);
+                continue;
+            }
+            ++p_;
+            if (c == '{' || c == '[') {
+                ++depth;
+            } else if ((c == '}' || c == ']') && --depth == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
 
     /// Reads an object: `member(key)` runs for each member in text order with the scanner before its
     /// value, and must read or skip that value; its false ends the scan with false. `key` lives until
@@ -212,11 +245,10 @@ class JsonScanner {
         if (p_ == end_ || !isDigit(*p_)) {
             return false;
         }
-        Decimal decimal;
         if (*p_ == '0') {
             ++p_;
         } else {
-            digits(decimal, false);
+            skipDigits();
         }
         bool integral = true;
         if (p_ != end_ && *p_ == '.') {
@@ -225,23 +257,18 @@ class JsonScanner {
             if (p_ == end_ || !isDigit(*p_)) {
                 return false;
             }
-            digits(decimal, true);
+            skipDigits();
         }
         if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
             integral = false;
             ++p_;
-            const bool below = p_ != end_ && *p_ == '-';
             if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
                 ++p_;
             }
             if (p_ == end_ || !isDigit(*p_)) {
                 return false;
             }
-            int exponent = 0;
-            for (; p_ != end_ && isDigit(*p_); ++p_) {
-                exponent = std::min(exponent * 10 + (*p_ - '0'), 100'000);
-            }
-            decimal.power += below ? -exponent : exponent;
+            skipDigits();
         }
         if (integral && negative) {
             std::int64_t whole = 0;
@@ -258,26 +285,14 @@ class JsonScanner {
                 return true;
             }
         }
-        // Up to 15 significant digits scaled by at most 10^22 are two exact doubles, and IEEE arithmetic
-        // rounds their product or quotient correctly, as strtod rounds (and far faster than it).
-        static constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                  1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                                  1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-        if (decimal.significant <= 15 && decimal.power >= -22 && decimal.power <= 22) {
-            const auto mantissa = static_cast<double>(decimal.mantissa);
-            const double magnitude = decimal.power < 0 ? mantissa / kPowersOfTen[-decimal.power]
-                                                       : mantissa * kPowersOfTen[decimal.power];
-            assign(out, negative ? -magnitude : magnitude);
-            return true;
-        }
         // Both this and the full parser's strtod round correctly; results beyond range (or below it) are
         // left to the full parser, which refuses the first and keeps the second as strtod gives it.
-        double real = 0;
-        const auto read = std::from_chars(start, p_, real);
-        if (read.ec != std::errc() || read.ptr != p_ || !std::isfinite(real)) {
+        const std::optional<double> real =
+            readDouble(std::string_view(start, static_cast<std::size_t>(p_ - start)));
+        if (!real || !std::isfinite(*real)) {
             return false;
         }
-        assign(out, real);
+        assign(out, *real);
         return true;
     }
 
@@ -375,22 +390,29 @@ class JsonScanner {
         }
     }
 
-    /// The digits of a number as an integer scaled by a power of ten, while they fit exactly.
-    struct Decimal {
-        std::uint64_t mantissa = 0;
-        int significant = 0;  ///< digits from the first that is not zero; beyond 15 the mantissa stops
-        int power = 0;
-    };
-
-    /// Reads a run of digits into `decimal`; those of a `fraction` lower its power of ten.
-    void digits(Decimal& decimal, bool fraction) {
-        for (; p_ != end_ && isDigit(*p_); ++p_) {
-            if (decimal.significant > 15) {
-                continue;
+    /// Just past the quote that closes the string whose contents start at `p` (one not escaped by an
+    /// odd run of backslashes), or the end of the text.
+    const char* afterString(const char* p) const {
+        for (;;) {
+            const auto* quote =
+                static_cast<const char*>(std::memchr(p, '"', static_cast<std::size_t>(end_ - p)));
+            if (quote == nullptr) {
+                return end_;
             }
-            decimal.mantissa = decimal.mantissa * 10 + static_cast<unsigned>(*p_ - '0');
-            decimal.significant += decimal.mantissa != 0 ? 1 : 0;
-            decimal.power -= fraction ? 1 : 0;
+            const char* backslash = quote;
+            while (backslash != p && backslash[-1] == '\\') {
+                --backslash;
+            }
+            if ((quote - backslash) % 2 == 0) {
+                return quote + 1;
+            }
+            p = quote + 1;
+        }
+    }
+
+    void skipDigits() {
+        while (p_ != end_ && isDigit(*p_)) {
+            ++p_;
         }
     }
 

@@ -82,14 +82,15 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
         // The real client posts its completion to the loop; the work ends once that task has run, so
         // the clock never moves between the answer and its handling.
         if (shared->request.json) {
-            forward->postJson(
-                shared->request.url, shared->request.rawBody, [this, shared](platform::JsonResult result) {
-                    if (HttpListener* listener = currentListener()) {
-                        listener->onResponse(shared->request, result.status, result.text, result.error);
-                    }
-                    shared->json(std::move(result));
-                    scheduler_->endExternalWork();
-                });
+            forward->postJson(shared->request.url, shared->request.rawBody,
+                              [this, shared](platform::JsonResult result) {
+                                  if (HttpListener* listener = currentListener()) {
+                                      listener->onResponse(shared->request, result.status, result.text,
+                                                           result.error, result.ok());
+                                  }
+                                  shared->json(std::move(result));
+                                  scheduler_->endExternalWork();
+                              });
         } else {
             platform::HttpRequest request;
             request.method = shared->request.method;
@@ -97,7 +98,8 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
             request.body = shared->request.rawBody;
             forward->send(std::move(request), [this, shared](platform::HttpResponse response) {
                 if (HttpListener* listener = currentListener()) {
-                    listener->onResponse(shared->request, response.status, response.body, response.error);
+                    listener->onResponse(shared->request, response.status, response.body, response.error,
+                                         false);
                 }
                 shared->raw(std::move(response));
                 scheduler_->endExternalWork();
@@ -123,21 +125,24 @@ HttpListener* RecordingHttpClient::currentListener() const {
 
 void RecordingHttpClient::deliver(const Waiting& waiting, Reply reply) {
     HttpListener* listener = currentListener();
-    if (listener != nullptr) {
-        listener->onResponse(waiting.request, reply.status, reply.body, reply.error);
-    }
     if (waiting.json) {
         platform::JsonResult result;
         if (reply.error) {
-            result.error = std::move(reply.error);
+            result.error = reply.error;
         } else {
             result = curl::classifyJsonResponse(reply.status, std::move(reply.body),
                                                 hostPortOf(waiting.request.url));
+        }
+        if (listener != nullptr) {
+            listener->onResponse(waiting.request, reply.status, result.text, reply.error, result.ok());
         }
         scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable {
             completion(std::move(result));
         });
         return;
+    }
+    if (listener != nullptr) {
+        listener->onResponse(waiting.request, reply.status, reply.body, reply.error, false);
     }
     if (waiting.raw) {
         platform::HttpResponse response;

@@ -132,8 +132,15 @@ OutboxEvent sessionStarted(const DeviceInfo& device, int64_t deviceRow) {
             {{"deviceType", device.deviceType}, {"deviceModel", device.deviceModel}}};
 }
 
+bool anyEndpointTakes(const SqlSource& db, std::string_view type) {
+    return !db.query("SELECT 1 FROM webhook_endpoints WHERE " +
+                         takesType("webhook_endpoints", "CAST(? AS TEXT)") + " LIMIT 1",
+                     {typePattern(type)})
+                .empty();
+}
+
 OutboxEvent visitLinked(int64_t device, const LinkRow& link, std::string_view campaignName) {
-    return {"visit.linked",
+    return {kVisitLinkedType,
             device,
             {{"deviceEventId", link.id},
              {"offerId", link.offer},
@@ -158,8 +165,12 @@ void enqueueStatusEvent(const SqlSource& db, int64_t deviceEvent, std::string_vi
     if (type.empty()) {
         return;
     }
-    const SqlRows link = db.rows("SELECT device, offer, place, campaign FROM device_events WHERE id = " +
-                                 std::to_string(deviceEvent));
+    if (!anyEndpointTakes(db, type)) {
+        return;
+    }
+    const SqlRows link =
+        db.query("SELECT device, offer, place, campaign FROM device_events WHERE id = CAST(? AS BIGINT)",
+                 {sqlNumber(deviceEvent)});
     if (link.empty()) {
         return;
     }

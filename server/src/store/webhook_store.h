@@ -47,14 +47,22 @@ OutboxInsert outboxInsert(const OutboxEvent& event, double now,
 int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
                      std::optional<int64_t> endpoint = std::nullopt);
 
+/// Whether an enabled endpoint takes events of `type`, read in the caller's transaction. A store that
+/// queues each event with its own statement asks first, so that an event nobody takes costs one look-up
+/// and no message is built. Caller's thread.
+bool anyEndpointTakes(const SqlSource& db, std::string_view type);
+
+/// The type of visitLinked()'s event.
+inline constexpr std::string_view kVisitLinkedType = "visit.linked";
+
 /// The events of the store's own writes (their data is documented in docs/webhooks.md). Pure.
 OutboxEvent sessionStarted(const DeviceInfo& device, int64_t deviceRow);
 OutboxEvent visitLinked(int64_t device, const LinkRow& link, std::string_view campaignName);
 OutboxEvent deviceTagged(int64_t device, const std::string& group, const std::string& tag,
                          const std::string& value);
 OutboxEvent linksCleared(int64_t device, int64_t links);
-/// Queues the event of a status the device gave a link (nothing for a code without one), with the link's
-/// offer, place and campaign read in the caller's transaction.
+/// Queues the event of a status the device gave a link (nothing for a code without one, or when no
+/// endpoint takes it), with the link's offer, place and campaign read in the caller's transaction.
 void enqueueStatusEvent(const SqlSource& db, int64_t deviceEvent, std::string_view statusCode, double now);
 
 /// A new message id: "msg_" and 24 hexadecimal digits of 96 random bits, so that ids never meet and

@@ -82,7 +82,9 @@ LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
         .run();
     const int64_t id = db_.lastInsertId();
     const LinkRow row{id, link.offer, link.place, link.campaign, suppressed, reason};
-    enqueueEvent(sqliteSource(db_), visitLinked(device, row, link.campaignName), now);
+    if (const SqlSource source = sqliteSource(db_); anyEndpointTakes(source, kVisitLinkedType)) {
+        enqueueEvent(source, visitLinked(device, row, link.campaignName), now);
+    }
     tx.commit();
     return row;
 }

@@ -52,9 +52,10 @@ class TOVREL_EXPORT HttpListener {
   public:
     virtual ~HttpListener() = default;
     virtual void onRequest(const RecordedRequest& request) = 0;
-    /// `body` is the answer's text as the component receives it (empty on a transport error).
+    /// `body` is the answer's text as the component receives it (empty on a transport error);
+    /// `checkedJson` says that it answers a JSON POST and the client found it to be JSON.
     virtual void onResponse(const RecordedRequest& request, int status, const std::string& body,
-                            const std::optional<platform::HttpError>& error) = 0;
+                            const std::optional<platform::HttpError>& error, bool checkedJson) = 0;
 };
 
 /// The HTTP port of the virtual backend. Every request is recorded. Then, in order of precedence:
