@@ -9,7 +9,7 @@ of which may include only the layers below it:
 A public header belongs to the folder of the source file that implements it (include/tovrel/x.h goes
 with src/<folder>/x.cpp), or to the layer HEADER_LAYERS names. Targeting hands offers to an offer sink it declares
 and delivery implements; the session composes the two. Backends (platform/) include no component header, only the ports and their own
-headers; tovrel-server shares only the lock annotations, the distance, the JSON nesting limit, the programs'
+headers; tovrel-server shares only the lock annotations, the distance, the JSON text readers, the programs'
 command-line helper, where the installed data lies and the wire contract (tovrel/protocol.h). Service
 endpoints ("/v1/...", "/v2/...") are spelled only in tovrel/protocol.h, and inside the component only
 src/service/ includes it.
@@ -92,7 +92,8 @@ SERVER_LAYERS = {
 }
 
 SERVER_SHARED = ("tovrel/platform/thread_annotations.h", "tovrel/platform/distance.h",
-                 "tovrel/platform/json_text.h", "tovrel/protocol.h", "tovrel/tools/", "tovrel/paths/")
+                 "tovrel/platform/json_text.h", "tovrel/platform/json_scanner.h", "tovrel/platform/decimal_text.h",
+                 "tovrel/protocol.h", "tovrel/tools/", "tovrel/paths/")
 PROTOCOL = "include/tovrel/protocol.h"
 BACKEND_OWN = ("tovrel/platform/", "tovrel/export.h", "tovrel/version.h")
 

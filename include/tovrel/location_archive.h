@@ -15,5 +15,7 @@ TOVREL_EXPORT nlohmann::json archiveLocation(const platform::Location& location)
 /// any thread.
 TOVREL_EXPORT std::optional<platform::Location> unarchiveLocation(
     const std::optional<nlohmann::json>& archived);
+/// The same for a value read in place (null: nothing stored).
+TOVREL_EXPORT std::optional<platform::Location> unarchiveLocation(const nlohmann::json* archived);
 
 }  // namespace tovrel

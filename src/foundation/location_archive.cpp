@@ -18,7 +18,11 @@ nlohmann::json archiveLocation(const platform::Location& location) {
 }
 
 std::optional<platform::Location> unarchiveLocation(const std::optional<nlohmann::json>& archived) {
-    if (!archived || !archived->is_object()) {
+    return unarchiveLocation(archived ? &*archived : nullptr);
+}
+
+std::optional<platform::Location> unarchiveLocation(const nlohmann::json* archived) {
+    if (archived == nullptr || !archived->is_object()) {
         return std::nullopt;
     }
     const auto& object = *archived;

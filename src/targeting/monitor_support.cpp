@@ -9,7 +9,10 @@
 namespace tovrel::targeting {
 
 std::optional<platform::Location> storedLocation(const platform::PreferencesStore& prefs) {
-    return unarchiveLocation(prefs.objectForKey(prefs::kCurrentLocation));
+    std::optional<platform::Location> location;
+    prefs.readObject(prefs::kCurrentLocation,
+                     [&location](const nlohmann::json* archived) { location = unarchiveLocation(archived); });
+    return location;
 }
 
 std::string& beginLogLine(std::string& buffer, std::string_view function, int line) {

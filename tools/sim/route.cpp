@@ -189,6 +189,7 @@ Route parseCsvRoute(std::string_view text, const std::string& fileName) {
     std::size_t withActivity = 0;
     bool headerSeen = false;
     std::vector<std::string_view> fields;
+    route.points.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     while (!text.empty()) {
         const auto newline = text.find('\n');
         const std::string_view line = trim(text.substr(0, newline));

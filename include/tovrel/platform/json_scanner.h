@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -24,7 +25,14 @@ namespace tovrel::platform {
 class JsonScanner {
   public:
     explicit JsonScanner(std::string_view text, std::size_t limit = kMaxJsonNesting)
-        : p_(text.data()), end_(text.data() + text.size()), depthLeft_(limit) {}
+        : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), depthLeft_(limit) {}
+
+    /// Whether `part` lies in the text (a string or key read without escapes does; one decoded from
+    /// escapes lies in its scratch), so that it stays valid as long as the text.
+    [[nodiscard]] bool holds(std::string_view part) const {
+        return std::less_equal<const char*>()(begin_, part.data()) &&
+               std::less_equal<const char*>()(part.data() + part.size(), end_);
+    }
 
     /// The next character after white space, or '\0' at the end of the text.
     [[nodiscard]] char peek() {
@@ -453,6 +461,7 @@ class JsonScanner {
         std::size_t& left_;
     };
 
+    const char* begin_;
     const char* p_;
     const char* end_;
     std::size_t depthLeft_;  ///< how many more arrays and objects may open inside the current one

@@ -19,9 +19,20 @@ std::optional<nlohmann::json> InMemoryPreferences::objectForKey(std::string_view
     return it->second;
 }
 
+void InMemoryPreferences::readObject(std::string_view key,
+                                     const std::function<void(const nlohmann::json*)>& read) const {
+    std::lock_guard lock(mutex_);
+    const auto it = values_.find(key);
+    read(it == values_.end() ? nullptr : &it->second);
+}
+
 void InMemoryPreferences::setObject(std::string_view key, const nlohmann::json& value) {
     std::lock_guard lock(mutex_);
-    values_.insert_or_assign(std::string(key), value);
+    if (const auto it = values_.find(key); it != values_.end()) {
+        it->second = value;
+    } else {
+        values_.emplace(std::string(key), value);
+    }
 }
 
 void InMemoryPreferences::removeObject(std::string_view key) {

@@ -36,18 +36,19 @@ bool writtenTight(std::string_view text) {
 }
 
 /// Reads the value at `in` as a dump would print it: members in strictly rising key order (no key
-/// repeated), numbers only integers that print as they are written.
+/// repeated), numbers only integers that print as they are written. Keys with escapes are left to the
+/// general reader.
 bool printedInOrder(JsonScanner& in) {
     switch (in.peek()) {
         case '{': {
-            std::string previous;
+            std::string_view previous;
             bool first = true;
             return in.object([&](std::string_view key) {
-                if (!first && previous.compare(key) >= 0) {
+                if (!in.holds(key) || (!first && previous.compare(key) >= 0)) {
                     return false;
                 }
                 first = false;
-                previous.assign(key);
+                previous = key;
                 return printedInOrder(in);
             });
         }
@@ -67,56 +68,49 @@ bool printedInOrder(JsonScanner& in) {
     }
 }
 
-/// The value at `in` as a slice of the text; empty when the scanner refuses it.
-std::string_view valueText(JsonScanner& in) {
-    (void)in.peek();
-    const char* start = in.position();
-    if (!in.skip()) {
-        return {};
-    }
-    return {start, static_cast<std::size_t>(in.position() - start)};
-}
-
 }  // namespace
 
 std::optional<PlainLog> readPlainLog(std::string_view body) {
-    namespace member = protocol::member;
+    static constexpr std::string_view kDeviceId = protocol::member::kDeviceId;
+    static constexpr std::string_view kMessage = protocol::member::kMessage;
     JsonScanner in(body, static_cast<std::size_t>(kMaxBodyDepth));
     std::string deviceId;
-    std::string_view message;
     bool hasDeviceId = false;
+    std::string_view message;
+    std::string_view eventName;
     std::string scratch;
-    // A repeated member keeps its last value, as in the parsed body.
+    // One pass: the message is checked for printing as it came while it is read. A repeated member
+    // keeps its last value, as in the parsed body.
     const bool read = in.peek() == '{' && in.object([&](std::string_view key) {
-        if (key == member::kDeviceId) {
+        if (key == kDeviceId) {
             scratch.clear();
             std::string_view value;
             hasDeviceId = in.peek() == '"' && in.string(&scratch, &value);
             deviceId.assign(value);
             return hasDeviceId;
         }
-        if (key == member::kMessage) {
-            message = valueText(in);
-            return !message.empty();
+        if (key != kMessage) {
+            return in.skip();
         }
-        return in.skip();
+        (void)in.peek();
+        const char* start = in.position();
+        int members = 0;
+        const bool printed = in.peek() == '{' && in.object([&](std::string_view event) {
+            eventName = event;
+            return ++members == 1 && in.holds(event) && printedInOrder(in);
+        });
+        message = std::string_view(start, static_cast<std::size_t>(in.position() - start));
+        return printed && members == 1;
     }) && in.atEnd();
     if (!read || !hasDeviceId || message.empty() || deviceId.size() > limits::kDeviceId ||
-        deviceId.find('\0') != std::string::npos || !writtenTight(message)) {
+        deviceId.find('\0') != std::string::npos || eventName.empty() ||
+        eventName.size() > limits::kLogEventName || eventName.find('\0') != std::string_view::npos ||
+        !writtenTight(message)) {
         return std::nullopt;
     }
     PlainLog out;
-    int members = 0;
-    JsonScanner inMessage(message, static_cast<std::size_t>(kMaxBodyDepth) - 1);
-    const bool printed = inMessage.peek() == '{' && inMessage.object([&](std::string_view key) {
-        out.eventName.assign(key);
-        return ++members == 1 && printedInOrder(inMessage);
-    });
-    if (!printed || members != 1 || out.eventName.empty() || out.eventName.size() > limits::kLogEventName ||
-        out.eventName.find('\0') != std::string::npos) {
-        return std::nullopt;
-    }
     out.deviceId = std::move(deviceId);
+    out.eventName.assign(eventName);
     out.text.assign(message);
     return out;
 }

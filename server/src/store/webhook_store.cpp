@@ -127,7 +127,7 @@ int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
 }
 
 OutboxEvent sessionStarted(const DeviceInfo& device, int64_t deviceRow) {
-    return {"session.started",
+    return {kSessionStartedType,
             deviceRow,
             {{"deviceType", device.deviceType}, {"deviceModel", device.deviceModel}}};
 }
@@ -153,11 +153,11 @@ OutboxEvent visitLinked(int64_t device, const LinkRow& link, std::string_view ca
 
 OutboxEvent deviceTagged(int64_t device, const std::string& group, const std::string& tag,
                          const std::string& value) {
-    return {"device.tagged", device, {{"group", group}, {"tag", tag}, {"value", value}}};
+    return {kDeviceTaggedType, device, {{"group", group}, {"tag", tag}, {"value", value}}};
 }
 
 OutboxEvent linksCleared(int64_t device, int64_t links) {
-    return {"device.cleared", device, {{"links", links}}};
+    return {kLinksClearedType, device, {{"links", links}}};
 }
 
 void enqueueStatusEvent(const SqlSource& db, int64_t deviceEvent, std::string_view statusCode, double now) {

@@ -52,8 +52,11 @@ int64_t enqueueEvent(const SqlSource& db, const OutboxEvent& event, double now,
 /// and no message is built. Caller's thread.
 bool anyEndpointTakes(const SqlSource& db, std::string_view type);
 
-/// The type of visitLinked()'s event.
+/// The types of the events below.
+inline constexpr std::string_view kSessionStartedType = "session.started";
 inline constexpr std::string_view kVisitLinkedType = "visit.linked";
+inline constexpr std::string_view kDeviceTaggedType = "device.tagged";
+inline constexpr std::string_view kLinksClearedType = "device.cleared";
 
 /// The events of the store's own writes (their data is documented in docs/webhooks.md). Pure.
 OutboxEvent sessionStarted(const DeviceInfo& device, int64_t deviceRow);

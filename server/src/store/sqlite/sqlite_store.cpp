@@ -41,7 +41,8 @@ int64_t SqliteStore::startSession(const DeviceInfo& device, const std::string& k
     db_.prepare("INSERT INTO sessions(key_hash, device, app_key, created_at) VALUES(?, ?, ?, ?)")
         .with(keyHash, deviceRow, device.appKey, now)
         .run();
-    enqueueEvent(sqliteSource(db_), sessionStarted(device, deviceRow), now);
+    queueEvent(
+        kSessionStartedType, [&] { return sessionStarted(device, deviceRow); }, now);
     tx.commit();
     return deviceRow;
 }
@@ -82,9 +83,8 @@ LinkRow SqliteStore::addLink(int64_t device, const NewLink& link, double now) {
         .run();
     const int64_t id = db_.lastInsertId();
     const LinkRow row{id, link.offer, link.place, link.campaign, suppressed, reason};
-    if (const SqlSource source = sqliteSource(db_); anyEndpointTakes(source, kVisitLinkedType)) {
-        enqueueEvent(source, visitLinked(device, row, link.campaignName), now);
-    }
+    queueEvent(
+        kVisitLinkedType, [&] { return visitLinked(device, row, link.campaignName); }, now);
     tx.commit();
     return row;
 }
@@ -112,7 +112,8 @@ void SqliteStore::clearLinks(int64_t device, double now) {
         .with(now, device)
         .run();
     if (const int64_t cleared = db_.changes(); cleared > 0) {
-        enqueueEvent(sqliteSource(db_), linksCleared(device, cleared), now);
+        queueEvent(
+            kLinksClearedType, [&] { return linksCleared(device, cleared); }, now);
     }
     tx.commit();
 }
@@ -126,7 +127,8 @@ void SqliteStore::setTag(int64_t device, const std::string& group, const std::st
            "excluded.updated_at")
         .with(device, group, tag, value, now)
         .run();
-    enqueueEvent(sqliteSource(db_), deviceTagged(device, group, tag, value), now);
+    queueEvent(
+        kDeviceTaggedType, [&] { return deviceTagged(device, group, tag, value); }, now);
     tx.commit();
 }
 

@@ -3,10 +3,13 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "store/report.h"
 #include "store/sqlite/database.h"
 #include "store/store.h"
+#include "store/webhook_store.h"
 #include "tovrel/platform/thread_annotations.h"
 
 namespace tovrel::server {
@@ -74,6 +77,16 @@ class SqliteStore final : public Store {
 
   private:
     bool inMemory() const { return path_.empty() || path_ == ":memory:"; }
+
+    /// Queues the event `make()` builds when an endpoint takes `type`, in the caller's transaction: most
+    /// services have none, and asking costs less than building a message nobody receives.
+    template <class Make>
+    void queueEvent(std::string_view type, Make make, double now) {
+        const SqlSource source = sqliteSource(db_);
+        if (anyEndpointTakes(source, type)) {
+            enqueueEvent(source, make(), now);
+        }
+    }
 
     enum class Kind : std::uint8_t { campaign, offer, place, all };
     struct Change {

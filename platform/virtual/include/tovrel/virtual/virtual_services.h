@@ -24,6 +24,8 @@ namespace tovrel::virtualbackend {
 class TOVREL_EXPORT InMemoryPreferences final : public platform::PreferencesStore {
   public:
     [[nodiscard]] std::optional<nlohmann::json> objectForKey(std::string_view key) const override;
+    void readObject(std::string_view key,
+                    const std::function<void(const nlohmann::json*)>& read) const override;
     void setObject(std::string_view key, const nlohmann::json& value) override;
     void removeObject(std::string_view key) override;
     /// Everything stored, for saving a simulated device between runs.
