@@ -66,7 +66,11 @@ class JsonScanner {
                 if (!string(&scratch, &contents)) {
                     return false;
                 }
-                *out = scratch.empty() ? std::string(contents) : std::move(scratch);
+                if (scratch.empty()) {
+                    *out = contents;
+                } else {
+                    *out = std::move(scratch);
+                }
                 return true;
             }
             case 't':
@@ -253,11 +257,13 @@ class JsonScanner {
         if (p_ == end_ || !isDigit(*p_)) {
             return false;
         }
+        const char* digitsStart = p_;
         if (*p_ == '0') {
             ++p_;
         } else {
             skipDigits();
         }
+        const auto wholeDigits = static_cast<std::size_t>(p_ - digitsStart);
         bool integral = true;
         if (p_ != end_ && *p_ == '.') {
             integral = false;
@@ -267,7 +273,8 @@ class JsonScanner {
             }
             skipDigits();
         }
-        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+        const bool scaled = p_ != end_ && (*p_ == 'e' || *p_ == 'E');
+        if (scaled) {
             integral = false;
             ++p_;
             if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
@@ -277,6 +284,11 @@ class JsonScanner {
                 return false;
             }
             skipDigits();
+        }
+        // Only checking: without an exponent, fewer than 309 digits before the point never leave double
+        // range (and below it the full parser keeps what strtod gives).
+        if (out == nullptr && !scaled && wholeDigits <= 308) {
+            return true;
         }
         if (integral && negative) {
             std::int64_t whole = 0;

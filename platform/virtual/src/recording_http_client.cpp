@@ -109,7 +109,7 @@ void RecordingHttpClient::dispatch(Waiting waiting) {
     }
     if (responder) {
         if (auto reply = responder(waiting.request)) {
-            deliver(waiting, std::move(*reply));
+            deliver(std::move(waiting), std::move(*reply));
             return;
         }
     }
@@ -123,7 +123,7 @@ HttpListener* RecordingHttpClient::currentListener() const {
     return listener_;
 }
 
-void RecordingHttpClient::deliver(const Waiting& waiting, Reply reply) {
+void RecordingHttpClient::deliver(Waiting waiting, Reply reply) {
     HttpListener* listener = currentListener();
     if (waiting.json) {
         platform::JsonResult result;
@@ -136,7 +136,7 @@ void RecordingHttpClient::deliver(const Waiting& waiting, Reply reply) {
         if (listener != nullptr) {
             listener->onResponse(waiting.request, reply.status, result.text, reply.error, result.ok());
         }
-        scheduler_->post([completion = waiting.json, result = std::move(result)]() mutable {
+        scheduler_->post([completion = std::move(waiting.json), result = std::move(result)]() mutable {
             completion(std::move(result));
         });
         return;
@@ -150,7 +150,7 @@ void RecordingHttpClient::deliver(const Waiting& waiting, Reply reply) {
         response.body = std::move(reply.body);
         response.contentType = std::move(reply.contentType);
         response.error = std::move(reply.error);
-        scheduler_->post([completion = waiting.raw, response = std::move(response)]() mutable {
+        scheduler_->post([completion = std::move(waiting.raw), response = std::move(response)]() mutable {
             completion(std::move(response));
         });
     }
@@ -212,7 +212,7 @@ bool RecordingHttpClient::respond(std::uint64_t id, const Reply& reply) {
         waiting = std::move(it->second);
         pending_.erase(it);
     }
-    deliver(waiting, reply);
+    deliver(std::move(waiting), reply);
     return true;
 }
 

@@ -102,7 +102,7 @@ class TOVREL_EXPORT RecordingHttpClient final : public platform::HttpClient {
 
     RecordedRequest record(std::string method, const std::string& url, std::string rawBody, bool json);
     void dispatch(Waiting waiting);
-    void deliver(const Waiting& waiting, Reply reply);
+    void deliver(Waiting waiting, Reply reply);
     HttpListener* currentListener() const;
 
     std::shared_ptr<VirtualScheduler> scheduler_;
