@@ -145,10 +145,11 @@ PlaceAnswer readPlaceAnswer(std::string_view text) {
         }
         return in.array([&in, &out] { return readRecord(in, out.places.emplace_back()); });
     };
-    const bool read = in.peek() == '{' ? in.object([&](std::string_view key) {
-        return key == protocol::member::kPlaces ? readPlaces() : in.skip();
-    })
-                                       : in.skip();
+    static constexpr std::string_view kPlaces = protocol::member::kPlaces;
+    const bool read =
+        in.peek() == '{'
+            ? in.object([&](std::string_view key) { return key == kPlaces ? readPlaces() : in.skip(); })
+            : in.skip();
     if (!read || !in.atEnd()) {
         return readParsedAnswer(text);
     }

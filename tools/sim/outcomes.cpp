@@ -296,6 +296,9 @@ void OutcomeTracker::addRequestText(const std::string& path, std::string_view bo
 bool OutcomeTracker::addNewPlaces(std::string_view body) {
     // Most answers name offers seen before: each record's identifiers are read, the rest of it only when
     // they are new. The client has checked the text, so what is not read is only stepped over.
+    static constexpr std::string_view kEventId = protocol::member::kEventId;
+    static constexpr std::string_view kPlaceId = protocol::member::kPlaceId;
+    static constexpr std::string_view kPlaces = protocol::member::kPlaces;
     platform::JsonScanner in(body);
     std::vector<PlaceRecord> fresh;
     const auto readRecord = [&] {
@@ -306,10 +309,10 @@ bool OutcomeTracker::addNewPlaces(std::string_view body) {
         json eventId;
         json placeId;
         const bool object = in.object([&](std::string_view key) {
-            if (key == protocol::member::kEventId) {
+            if (key == kEventId) {
                 return in.value(&eventId);
             }
-            return key == protocol::member::kPlaceId ? in.value(&placeId) : in.skipChecked();
+            return key == kPlaceId ? in.value(&placeId) : in.skipChecked();
         });
         if (object && !index_.contains(key(idText(eventId), idText(placeId)))) {
             fresh.push_back(
@@ -318,7 +321,7 @@ bool OutcomeTracker::addNewPlaces(std::string_view body) {
         return object;
     };
     const bool read = in.peek() == '{' && in.object([&](std::string_view key) {
-        if (key != protocol::member::kPlaces) {
+        if (key != kPlaces) {
             return in.skipChecked();
         }
         // A repeated member keeps its last value, as in the parsed answer.

@@ -35,7 +35,7 @@ class JsonScanner {
     }
 
     /// The next character after white space, or '\0' at the end of the text.
-    [[nodiscard]] char peek() {
+    [[nodiscard, gnu::always_inline]] char peek() {
         skipSpace();
         return p_ == end_ ? '\0' : *p_;
     }
@@ -402,7 +402,7 @@ class JsonScanner {
         }
     }
 
-    void skipSpace() {
+    [[gnu::always_inline]] void skipSpace() {
         // Text written by a machine rarely holds any: one comparison tells.
         while (p_ != end_ && static_cast<unsigned char>(*p_) <= ' ' &&
                (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
