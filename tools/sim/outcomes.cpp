@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 #include <map>
-#include <sstream>
 
 #include "html_report.h"
 #include "tovrel/place_record.h"
@@ -32,9 +31,7 @@ std::string idText(const json& value) {
 }
 
 std::string seconds(double t) {
-    std::ostringstream out;
-    out << static_cast<long long>(std::llround(t)) << " s";
-    return out.str();
+    return std::to_string(static_cast<long long>(std::llround(t))) + " s";
 }
 
 std::string metres(double distance) {

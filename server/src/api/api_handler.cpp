@@ -39,7 +39,31 @@ HttpReply error(unsigned status, const std::string& message, Route route) {
     return reply;
 }
 
+HttpReply busy(Route route) {
+    HttpReply reply = error(503, "the server is busy; try again shortly", route);
+    reply.retryAfter = "1";
+    return reply;
+}
+
 }  // namespace
+
+void ApiHandler::writeLog(LogMessage message, const Launch& launch, const Respond& respond) {
+    constexpr Route route = Route::log;
+    if (service_.logsShareCommits()) {
+        if (!service_.startLog(message, launch,
+                               [respond](ApiReply&& reply) { respond(replyOf(std::move(reply), route)); })) {
+            respond(busy(route));
+        }
+        return;
+    }
+    auto job = [&service = service_, message = std::move(message), respond,
+                queuedAt = Service::steadySeconds()]() mutable {
+        respond(replyOf(service.writeLog(std::move(message), queuedAt), route));
+    };
+    if (!database_.post(std::move(job))) {
+        respond(busy(route));
+    }
+}
 
 ApiHandler::ApiHandler(Service& service, const StaticFiles& files, WorkQueue& database, std::string mediaBase)
     : service_(service), files_(files), database_(database), mediaBase_(std::move(mediaBase)) {}
@@ -74,9 +98,20 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
             return respond(std::move(reply));
         }
         std::string base = mediaBase(request.host, request.tls);
+        const Launch launch = [&database = database_](std::function<void()> lead) {
+            return database.post(std::move(lead));
+        };
         if (route == Route::place) {
             if (auto reply = service_.answerPlainPlaces(request.body, base)) {
                 return respond(replyOf(std::move(*reply), route));
+            }
+        } else if (route == Route::log) {
+            // Diagnostics as the component writes them are kept as they came, never parsed.
+            if (std::optional<LogMessage> message = service_.plainLogMessage(request.body)) {
+                if (auto refused = service_.refuseChattyDevice(message->deviceId)) {
+                    return respond(replyOf(std::move(*refused), route));
+                }
+                return writeLog(std::move(*message), launch, respond);
             }
         }
         auto parsed = Service::parse(path, request.body);
@@ -87,9 +122,6 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
         if (auto reply = service_.answerInMemory(path, req, base)) {
             return respond(replyOf(std::move(*reply), route));
         }
-        const Launch launch = [&database = database_](std::function<void()> lead) {
-            return database.post(std::move(lead));
-        };
         if (service_.startWrite(path, req, launch, [respond, route](ApiReply&& reply) {
                 respond(replyOf(std::move(reply), route));
             })) {
@@ -100,9 +132,7 @@ void ApiHandler::handle(const HttpRequest& request, Respond respond) {
             respond(replyOf(service.handleParsed(path, req, base, queuedAt), route));
         };
         if (!database_.post(std::move(job))) {
-            HttpReply reply = error(503, "the server is busy; try again shortly", route);
-            reply.retryAfter = "1";
-            respond(std::move(reply));
+            respond(busy(route));
         }
         return;
     }

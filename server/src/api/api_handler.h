@@ -2,7 +2,9 @@
 
 #include <string>
 
+#include "common/started_write.h"
 #include "http/http_server.h"
+#include "store/log_store.h"
 
 namespace tovrel::server {
 
@@ -14,7 +16,8 @@ class WorkQueue;
 /// memory (places of a known session, refusals) is answered on the connection's thread; a write that
 /// shares a commit (log messages, tags, link statuses) is queued for it and answered by the thread that
 /// committed it; any other that needs the database is queued on the database threads. A request that finds
-/// the database threads' queue full is refused with 503.
+/// the database threads' queue full is refused with 503. A log message written as the component writes it
+/// is kept as it came, without being parsed.
 class ApiHandler : public RequestHandler {
   public:
     /// `fallbackBase` ("http://host:port") goes before relative media addresses when a request has no
@@ -31,6 +34,9 @@ class ApiHandler : public RequestHandler {
 
   private:
     std::string mediaBase(std::string_view host, bool tls) const;
+    /// Keeps a message read from its text: on the thread that commits it when messages share commits,
+    /// else on a database thread.
+    void writeLog(LogMessage message, const Launch& launch, const Respond& respond);
 
     Service& service_;
     const StaticFiles& files_;

@@ -203,7 +203,7 @@ std::optional<ApiReply> Service::answerPlainPlaces(std::string_view body, std::s
     }
 }
 
-std::optional<ApiReply> Service::writePlainLog(std::string_view body) {
+std::optional<LogMessage> Service::plainLogMessage(std::string_view body) const {
     const ApiRoute* route = findApiRoute(protocol::kLogPath);
     if (route == nullptr || body.size() > route->bodyLimit) {
         return std::nullopt;
@@ -212,17 +212,58 @@ std::optional<ApiReply> Service::writePlainLog(std::string_view body) {
     if (!plain) {
         return std::nullopt;
     }
+    return LogMessage{std::move(plain->deviceId), std::move(plain->eventName), std::move(plain->text),
+                      clock_()};
+}
+
+std::optional<ApiReply> Service::writePlainLog(std::string_view body) {
+    std::optional<LogMessage> message = plainLogMessage(body);
+    if (!message) {
+        return std::nullopt;
+    }
+    if (auto refused = refuseChattyDevice(message->deviceId)) {
+        return refused;
+    }
+    return writeLog(std::move(*message));
+}
+
+std::optional<ApiReply> Service::refuseChattyDevice(const std::string& deviceId) {
+    if (logLimiter_.allow(deviceId, steadyNow())) {
+        return std::nullopt;
+    }
+    if (metrics_ != nullptr) {
+        metrics_->rateLimited();
+    }
+    return ApiReply{429, errorJson("too many log messages from this device; slow down"), true};
+}
+
+ApiReply Service::writeLog(LogMessage message, std::optional<double> queuedAt) {
     const double started = steadyNow();
-    if (route->writes && started < busyFoundAt_.load()) {
+    if (queuedAt.value_or(started) < busyFoundAt_.load()) {
         return refuseBusy(started);
     }
     try {
-        logs_->add(LogMessage{std::move(plain->deviceId), std::move(plain->eventName), std::move(plain->text),
-                              clock_()});
+        logs_->add(std::move(message));
         return ApiReply{200, kStatusOk};
     } catch (...) {
         return failure(protocol::kLogPath, std::current_exception(), started);
     }
+}
+
+bool Service::logsShareCommits() const {
+    return logs_->sharesCommits();
+}
+
+bool Service::startLog(LogMessage& message, const Launch& launch,
+                       const std::function<void(ApiReply)>& answer) {
+    if (!logs_->sharesCommits()) {
+        return false;
+    }
+    const double started = steadyNow();
+    WriteDone written = [this, started, answer](std::exception_ptr error) {
+        answer(error ? failure(protocol::kLogPath, error, started) : ApiReply{200, kStatusOk});
+    };
+    return logs_->start(std::move(message), std::move(written), launch);
 }
 
 std::optional<ApiReply> Service::answerInMemory(std::string_view path, const json& req,
@@ -259,14 +300,7 @@ std::optional<ApiReply> Service::answerInMemory(std::string_view path, const jso
             return std::nullopt;
         }
         if (route->route == Route::log) {
-            const std::string& deviceId = requireString(req, member::kDeviceId, limits::kDeviceId);
-            if (!logLimiter_.allow(deviceId, steadyNow())) {
-                if (metrics_ != nullptr) {
-                    metrics_->rateLimited();
-                }
-                return ApiReply{429, errorJson("too many log messages from this device; slow down"), true};
-            }
-            return std::nullopt;
+            return refuseChattyDevice(requireString(req, member::kDeviceId, limits::kDeviceId));
         }
         return std::nullopt;
     } catch (const ApiError& e) {
@@ -331,7 +365,8 @@ bool Service::startWrite(std::string_view path, const json& req, const Launch& l
     };
     try {
         if (route->route == Route::log) {
-            return logs_->start(logMessage(req), std::move(written), launch);
+            LogMessage message = logMessage(req);
+            return startLog(message, launch, answer);
         }
         Store& store = concurrentStore();
         if (store.concurrency() < 2) {

@@ -118,6 +118,21 @@ class Service : private ChangeListener {
     /// A diagnostics message written plainly (readPlainLog), kept without building a JSON value;
     /// nullopt: read the body and answer it as any request. Any thread.
     std::optional<ApiReply> writePlainLog(std::string_view body);
+    /// The message of a /v1/log body written plainly and within the endpoint's limit, received now;
+    /// nullopt: read the body and answer it as any request (refusals get their reasons there). Any thread.
+    std::optional<LogMessage> plainLogMessage(std::string_view body) const;
+    /// Keeps `message` as a /v1/log request with that message would: the answer once it is written.
+    /// `queuedAt` as for handleParsed(). Never throws. Any thread; blocks while the log store commits.
+    ApiReply writeLog(LogMessage message, std::optional<double> queuedAt = std::nullopt);
+    /// startWrite() for a message read already: false when messages commit one at a time (then nothing
+    /// was started and `message` is untouched) or `launch` was refused (then the message is dropped and
+    /// the caller answers that the server is busy). Any thread.
+    bool startLog(LogMessage& message, const Launch& launch, const std::function<void(ApiReply)>& answer);
+    /// Whether log messages share commits, so that startLog() can take them. Any thread.
+    bool logsShareCommits() const;
+    /// The 429 for a device over its log message budget, which this message counts against; nullopt
+    /// while it is within. Any thread.
+    std::optional<ApiReply> refuseChattyDevice(const std::string& deviceId);
     /// handle() for a body its caller has already read: `body` must be what `text` reads as. Answers
     /// exactly as handle(path, text, mediaBase), without reading the text again. Never throws. Any thread.
     ApiReply handleRead(std::string_view path, std::string_view text, const nlohmann::json& body,

@@ -53,6 +53,8 @@ class LogStore {
     /// False when messages commit one at a time, or `launch` was needed and refused: then nothing was
     /// started. Any thread.
     bool start(LogMessage message, WriteDone written, Launch launch);
+    /// Whether messages that arrive together share a commit (so that start() can take them). Any thread.
+    bool sharesCommits() const { return grouped_; }
 
     /// The device's messages: {"count", "byEvent": {name: count}} and, when `withMessages`, "messages":
     /// [{"eventName", "receivedAt", "message"}] in the order received. Any thread.
