@@ -150,7 +150,7 @@ void MapManager::plotLocations() {
     }
     environment_.dataService().getLocationsWithLocation(
         *location, sessionKey(),
-        [weakSelf = weak_from_this()](std::vector<PlaceRecord> places, const ServiceError& error) {
+        [weakSelf = weak_from_this()](const std::vector<PlaceRecord>& places, const ServiceError& error) {
             if (const auto self = weakSelf.lock()) {
                 self->showPlaces(places, error.has_value());
             }
