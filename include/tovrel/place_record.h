@@ -47,6 +47,8 @@ struct TOVREL_EXPORT PlaceAnswer {
 /// the parsed answer's "places" (the last one when the member repeats), without the parsed tree. Text
 /// that is not a JSON object, or lacks the member, has no records. Any thread.
 TOVREL_EXPORT PlaceAnswer readPlaceAnswer(std::string_view text);
+/// The same for an answer already parsed. Any thread.
+TOVREL_EXPORT PlaceAnswer readParsedPlaceAnswer(const nlohmann::json& answer);
 
 /// Reads one record from its JSON text as PlaceRecord::read() reads its parsed value; text that is not
 /// JSON reads as an empty record. Any thread.

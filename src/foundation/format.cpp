@@ -92,20 +92,12 @@ bool appendFixed6Exact(std::string& out, double value) {
 
 }  // namespace
 
-void appendFixed6(std::string& out, double value) {
+void appendFormatF(std::string& out, double value) {
     if (appendFixed6Exact(out, value)) {
         return;
     }
-    // Wide enough for "%f" of any double: 309 integer digits, sign, point and six decimals.
-    char buffer[330];
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 6);
-    out.append(buffer, static_cast<std::size_t>(result.ptr - buffer));
-}
-
-void appendFormatF(std::string& out, double value) {
-    if (!appendFixed6Exact(out, value)) {
-        out += formatF(value);
-    }
+    const auto text = fixed(value, 6);
+    out += text ? *text : strprintf("%f", value);
 }
 
 void appendFormat0f(std::string& out, double value) {
@@ -122,20 +114,19 @@ void appendFormat0f(std::string& out, double value) {
         out.append(buffer, static_cast<std::size_t>(result.ptr - buffer));
         return;
     }
-    out += format0f(value);
+    const auto text = fixed(value, 0);
+    out += text ? *text : strprintf("%0.f", value);
 }
 
 std::string formatF(double value) {
     std::string out;
-    if (appendFixed6Exact(out, value)) {
-        return out;
-    }
-    auto text = fixed(value, 6);
-    return text ? std::move(*text) : strprintf("%f", value);
+    appendFormatF(out, value);
+    return out;
 }
 std::string format0f(double value) {
-    auto text = fixed(value, 0);
-    return text ? std::move(*text) : strprintf("%0.f", value);
+    std::string out;
+    appendFormat0f(out, value);
+    return out;
 }
 std::string formatD(int value) {
     return strprintf("%d", value);

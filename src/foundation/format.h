@@ -15,8 +15,6 @@ std::string format0f(double value);
 /// out in one diagnostics message).
 void appendFormatF(std::string& out, double value);
 void appendFormat0f(std::string& out, double value);
-/// Appends `value` as printf's "%f" would print it (six decimals).
-void appendFixed6(std::string& out, double value);
 /// "%d".
 std::string formatD(int value);
 /// "%ld".

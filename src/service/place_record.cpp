@@ -86,28 +86,6 @@ const char* kindOf(char first) {
     }
 }
 
-/// The same reading of an answer parsed in full: for text the scanner leaves to the full parser.
-PlaceAnswer readParsedAnswer(std::string_view text) {
-    PlaceAnswer answer;
-    const auto parsed = platform::parseJsonText(text);
-    if (!parsed.ok() || !parsed.value.is_object()) {
-        return answer;
-    }
-    const auto places = parsed.value.find(protocol::member::kPlaces);
-    if (places == parsed.value.end()) {
-        return answer;
-    }
-    if (!places->is_array()) {
-        answer.placesKind = places->type_name();
-        return answer;
-    }
-    answer.places.reserve(places->size());
-    for (const Json& record : *places) {
-        answer.places.push_back(PlaceRecord::read(record));
-    }
-    return answer;
-}
-
 }  // namespace
 
 PlaceRecord PlaceRecord::read(const nlohmann::json& record) {
@@ -151,7 +129,25 @@ PlaceAnswer readPlaceAnswer(std::string_view text) {
             ? in.object([&](std::string_view key) { return key == kPlaces ? readPlaces() : in.skip(); })
             : in.skip();
     if (!read || !in.atEnd()) {
-        return readParsedAnswer(text);
+        const auto parsed = platform::parseJsonText(text);
+        return parsed.ok() ? readParsedPlaceAnswer(parsed.value) : PlaceAnswer();
+    }
+    return out;
+}
+
+PlaceAnswer readParsedPlaceAnswer(const nlohmann::json& answer) {
+    PlaceAnswer out;
+    const auto places = answer.is_object() ? answer.find(protocol::member::kPlaces) : answer.end();
+    if (places == answer.end()) {
+        return out;
+    }
+    if (!places->is_array()) {
+        out.placesKind = places->type_name();
+        return out;
+    }
+    out.places.reserve(places->size());
+    for (const Json& record : *places) {
+        out.places.push_back(PlaceRecord::read(record));
     }
     return out;
 }

@@ -92,13 +92,13 @@ nlohmann::json toJson(const TargetRecord& record) {
 void appendNearestTargetMessage(std::string& out, double distance, double desiredAccuracy,
                                 double distanceFilter, double radius) {
     out.append("\n\ncurrent distance in meters to closest target: ");
-    appendFixed6(out, distance);
+    appendFormatF(out, distance);
     out.append("\ncurrent accuracy: ");
-    appendFixed6(out, desiredAccuracy);
+    appendFormatF(out, desiredAccuracy);
     out.append("\ncurrent distance filter: ");
-    appendFixed6(out, distanceFilter);
+    appendFormatF(out, distanceFilter);
     out.append("\ncurrent target bounds area^: ");
-    appendFixed6(out, radius);
+    appendFormatF(out, radius);
     out.append("\n\n");
 }
 

@@ -83,7 +83,7 @@ TEST(FixedFormat, MatchesPrintfForEveryKindOfValue) {
     values.push_back(std::numeric_limits<double>::quiet_NaN());
     for (const double value : values) {
         std::string out;
-        appendFixed6(out, value);
+        appendFormatF(out, value);
         ASSERT_EQ(out, strprintf("%f", value)) << value;
     }
 }

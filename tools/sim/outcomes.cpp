@@ -260,15 +260,7 @@ OfferOutcome* OutcomeTracker::outcomeFor(const std::string& eventId, const std::
 
 void OutcomeTracker::addResponse(double t, const std::string& path, const json& body) {
     if (path == protocol::kPlacePath) {
-        const auto places = body.is_object() ? body.find(protocol::member::kPlaces) : body.end();
-        if (places != body.end() && places->is_array()) {
-            std::vector<PlaceRecord> records;
-            records.reserve(places->size());
-            for (const json& record : *places) {
-                records.push_back(PlaceRecord::read(record));
-            }
-            addPlaces(records);
-        }
+        addPlaces(readParsedPlaceAnswer(body).places);
     } else if (path == protocol::kLinkPath) {
         addLinkAnswer(t, body);
     }

@@ -359,15 +359,15 @@ bool Service::startWrite(std::string_view path, const json& req, const Launch& l
                              route->route != Route::tagDelete && route->route != Route::update)) {
         return false;
     }
-    const double started = steadyNow();
-    WriteDone written = [this, path = std::string(path), started, answer](std::exception_ptr error) {
-        answer(error ? failure(path, error, started) : ApiReply{200, kStatusOk});
-    };
     try {
         if (route->route == Route::log) {
             LogMessage message = logMessage(req);
             return startLog(message, launch, answer);
         }
+        const double started = steadyNow();
+        WriteDone written = [this, path = std::string(path), started, answer](std::exception_ptr error) {
+            answer(error ? failure(path, error, started) : ApiReply{200, kStatusOk});
+        };
         Store& store = concurrentStore();
         if (store.concurrency() < 2) {
             return false;
